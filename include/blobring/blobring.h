@@ -1,0 +1,222 @@
+/*
+ * Blobring: a content-addressed store of blobs on a local file system.
+ *
+ * A blob is a run of bytes; its key is the 16-byte MD5 digest (RFC 1321) of
+ * those bytes, its hash. A store is addressed by a small index, which
+ * BCInitialize returns and which is never used again in the process.
+ *
+ *   BCInitialize(dir) -> index     open a store on a directory
+ *   BCAddPackDir(index, dir)       once for each slot, always in the same order
+ *   BCLoad(index)                  read what is there
+ *   BCStartTransaction, BCStore, BCDelete ..., BCEndTransaction
+ *   BCGetSize, BCGet, enumeration, BCRepack, BCFsck at any time
+ *   BCDispose(index)               close, forget
+ *
+ * Threads: the library takes no lock. The caller serialises all calls.
+ * Memory: callers own every buffer; nothing is kept beyond a call.
+ * Limits: a file stays below 2 GiB, and so does a blob; one process at a time
+ * has a store open.
+ * Paths: UTF-16 units of which the low 8 bits are taken, so that a UTF-8 path
+ * is passed byte by byte, each byte widened to one unit.
+ * Errors: results are int. Functions marked "throws" let a C++ exception
+ * derived from std::exception reach the caller (never across C: a C caller
+ * must not use them where they can fail); the others return the failure value
+ * that is named. Every failure leaves a text on the trace.
+ * An index that no open store has: the failure value and a warning.
+ */
+#ifndef BLOBRING_BLOBRING_H
+#define BLOBRING_BLOBRING_H
+
+#ifdef __cplusplus
+#include <cstdint>
+#else
+#include <stdbool.h>
+#include <stdint.h>
+#include <uchar.h>
+#endif
+
+#if defined(__GNUC__)
+#define BLOBRING_API __attribute__((visibility("default")))
+#else
+#define BLOBRING_API
+#endif
+
+/* Bytes of a hash. */
+#define BLOBRING_HASH_SIZE 16
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Opening and closing -------------------------------------------------- */
+
+/*
+ * Opens a store whose journals lie in the directory `path` (NUL-terminated),
+ * which must exist. No file is touched yet. Returns the index of the store,
+ * 0 or more, counting up; -1 when path is null.
+ * Throws std::runtime_error("Unable to allocate memory").
+ */
+BLOBRING_API int BCInitialize(const char16_t* path);
+
+/*
+ * Adds a slot: the k-th call opens or creates the pack `dir`/k.pak and the
+ * journal k.jrn in the store's directory, both exclusively. A store must be
+ * given the same slots in the same order every time. One slot works; with two
+ * or more the previous generation survives a repack.
+ * Returns 1; 0 for a null dir. Throws std::runtime_error when a file cannot be
+ * opened, created or flushed, after half a second when another opener holds
+ * it; the slot is then not added and the call can be tried again.
+ */
+BLOBRING_API int BCAddPackDir(int index, const char16_t* dir);
+
+/*
+ * Rebuilds the index of blobs: the newest pack that reads cleanly, then its
+ * slot's journal. Changes that were not committed are abandoned.
+ * Returns 1, or 0 when no pack could be loaded or reading failed: the store's
+ * files have then been erased. Throws only what is not a std::exception.
+ */
+BLOBRING_API int BCLoad(int index);
+
+/*
+ * Closes the files of a store and empties its index; the store stays
+ * registered. `flag` has no effect. Changes that were not committed are lost.
+ * Returns 1, 0 on failure.
+ */
+BLOBRING_API int BCShutdown(int index, bool flag);
+
+/*
+ * Closes a store and forgets it. Returns 1, also for an unknown index.
+ */
+BLOBRING_API int BCDispose(int index);
+BLOBRING_API int BCDisposeInt(int index);
+
+/* ---- Changing ------------------------------------------------------------- */
+
+/*
+ * Opens a transaction under the caller's id, any number, read through the
+ * pointer. Changes still pending from before are abandoned. Returns 1, 0 on
+ * failure or for a null pointer.
+ */
+BLOBRING_API int BCStartTransaction(int index, const long long* transactionId);
+
+/*
+ * Commits the changes made since the last commit. Once this has returned 1
+ * they survive a power cut; while it has not, the store holds all of them or
+ * none after one. Returns 0 on failure: before anything was flushed the
+ * changes stay pending and the call can be tried again; after a failed flush
+ * the outcome is in doubt and the store takes no further change until it is
+ * disposed of and opened anew.
+ */
+BLOBRING_API int BCEndTransaction(int index, const long long* transactionId);
+
+/* Does nothing; returns 1. BCStartTransaction abandons pending changes. */
+BLOBRING_API int BCCancelTransaction(void);
+
+/*
+ * Stores `size` bytes at `data` under `hash` (16 bytes), which must be their
+ * MD5 digest: it is not computed here, but checked whenever the blob is read.
+ * A blob that is present already is not written again. Returns 1 stored or
+ * present; 0 not stored: a failed write, a full file, a null pointer, a
+ * negative size. After a 0 the transaction is sound and can be committed.
+ * BCStoreInt, the same, has C++ linkage; see below.
+ */
+BLOBRING_API int BCStore(int index, unsigned char* hash, unsigned char* data, int size);
+
+/*
+ * Deletes a blob. Returns 1 deleted or not present; 0 when nothing could be
+ * written, or for a null hash.
+ */
+BLOBRING_API int BCDelete(int index, unsigned char* hash);
+BLOBRING_API int BCDeleteInt(int index, unsigned char* hash);
+
+/*
+ * Copies every blob into the next slot's pack and empties that slot's
+ * journal, which frees what deleted blobs took. Refused (0, the store as it
+ * was) while changes are pending, without a slot, and when the blobs would
+ * not fit into one pack of 2 GiB. Returns 1; 0 on failure, after which the
+ * store is closed and its files hold what they held before.
+ */
+BLOBRING_API int BCRepack(int index);
+
+/* ---- Reading -------------------------------------------------------------- */
+
+/*
+ * Bytes of a committed blob; -1 when there is none of that hash; -2 on
+ * failure, for an unknown index or a null hash.
+ */
+BLOBRING_API int BCGetSize(int index, unsigned char* hash);
+BLOBRING_API int BCGetSizeInt(int index, unsigned char* hash);
+
+/*
+ * Reads a committed blob into `buffer` and checks it against its hash. `size`
+ * must be what BCGetSize gave. Returns 0 read; 1 not found; 2 failed.
+ * Asking for an absent blob, or with another size, is taken for a fault of
+ * the caller: it runs a check of the whole store and raises the platform
+ * exception 0x49380D; a larger buffer is filled and 0 returned all the same,
+ * a smaller one fails after a second and closes the store.
+ */
+BLOBRING_API int BCGet(int index, unsigned char* hash, unsigned char* buffer, int size);
+BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size);
+
+/*
+ * Starts an enumeration of the committed blobs and returns their number; 0
+ * on failure.
+ */
+BLOBRING_API int BCGetAllBlobHashesReset(int index);
+BLOBRING_API int BCGetAllBlobHashesResetInt(int index);
+
+/*
+ * Writes the next hash, in ascending order of bytes, to `hash` (16 bytes) and
+ * returns 1; 0 at the end, before a reset, and once the store has changed
+ * since the reset. `traceArg` goes to the numeric trace.
+ */
+BLOBRING_API int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg);
+
+/*
+ * Reads every blob and checks it against its hash. Every fault goes to the
+ * trace; nothing is changed. Returns 1 sound, 0 faults found. Throws
+ * std::runtime_error("Unable to allocate memory").
+ */
+BLOBRING_API int BCFsck(int index);
+
+/* ---- Beside the store ----------------------------------------------------- */
+
+/*
+ * Writes the MD5 digest of `length` bytes at `data` to `digest` (16 bytes).
+ * BCMD5ChkSum returns 1; BCMD5ChkSumInt 1, or 0 on failure.
+ */
+BLOBRING_API int BCMD5ChkSum(const unsigned char* data, unsigned int length, unsigned char* digest);
+BLOBRING_API int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest);
+
+/* Do nothing; return 1. */
+BLOBRING_API int BCCacheClear(void);
+BLOBRING_API int BCCacheStats(void);
+
+/* For the embedder's own use; 0 when the library is loaded. */
+extern BLOBRING_API int cur;
+
+/* Handle of the trace ring buffer; 0 before the first BCInitialize. */
+extern BLOBRING_API uint32_t g_BlobControllerRingBuffer;
+
+/* Handle of the raw trace device; 0 until a blob has been dumped to it. */
+extern BLOBRING_API uint32_t g_TraceDeviceRaw;
+
+#ifdef __cplusplus
+} /* extern "C" */
+
+/* C++ linkage, and so mangled names. */
+
+struct _EXCEPTION_POINTERS;  // NOLINT(bugprone-reserved-identifier): the platform's name
+
+/* As BCStore. */
+BLOBRING_API int BCStoreInt(int index, unsigned char* hash, unsigned char* data, int size);
+
+/*
+ * A filter for structured exception handling around calls on a store: 1 (take
+ * the exception) for an access violation, after a check of the store; 0 (go
+ * on searching) for anything else.
+ */
+BLOBRING_API int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info);
+#endif
+
+#endif

@@ -1,0 +1,162 @@
+// The Win32 file, thread and exception calls that the store makes: the one
+// door to the disk. Whoever supplies them is chosen at link time: our POSIX
+// layer (platform/posix/), the device's own libraries, a simulated disk.
+//
+// Semantics are those of the Win32 API reference; each comment says only what
+// the store relies on. Paths are NUL-terminated UTF-16. Sizes, offsets and
+// handles are 32 bits. A failing call leaves its reason in GetLastError() of
+// the calling thread. Nothing here throws.
+#pragma once
+
+#include <cstdint>
+
+using HANDLE = std::uint32_t;
+using DWORD = std::uint32_t;
+using LONG = std::int32_t;
+using BOOL = std::int32_t;
+using WCHAR = char16_t;
+
+constexpr HANDLE INVALID_HANDLE_VALUE = 0xFFFFFFFFU;
+constexpr DWORD INVALID_SET_FILE_POINTER = 0xFFFFFFFFU;
+constexpr DWORD INVALID_FILE_SIZE = 0xFFFFFFFFU;
+
+constexpr DWORD GENERIC_READ = 0x80000000U;
+constexpr DWORD GENERIC_WRITE = 0x40000000U;
+
+constexpr DWORD CREATE_NEW = 1;
+constexpr DWORD CREATE_ALWAYS = 2;
+constexpr DWORD OPEN_EXISTING = 3;
+constexpr DWORD OPEN_ALWAYS = 4;
+constexpr DWORD TRUNCATE_EXISTING = 5;
+
+constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x01;
+constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
+constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
+constexpr DWORD FILE_FLAG_RANDOM_ACCESS = 0x10000000U;
+
+constexpr DWORD FILE_BEGIN = 0;
+constexpr DWORD FILE_CURRENT = 1;
+constexpr DWORD FILE_END = 2;
+
+constexpr DWORD MOVEFILE_REPLACE_EXISTING = 1;
+
+constexpr DWORD MAX_PATH = 260;
+
+constexpr DWORD ERROR_SUCCESS = 0;
+constexpr DWORD ERROR_FILE_NOT_FOUND = 2;
+constexpr DWORD ERROR_PATH_NOT_FOUND = 3;
+constexpr DWORD ERROR_TOO_MANY_OPEN_FILES = 4;
+constexpr DWORD ERROR_ACCESS_DENIED = 5;
+constexpr DWORD ERROR_INVALID_HANDLE = 6;
+constexpr DWORD ERROR_NOT_ENOUGH_MEMORY = 8;
+constexpr DWORD ERROR_NOT_SAME_DEVICE = 17;
+constexpr DWORD ERROR_NO_MORE_FILES = 18;
+constexpr DWORD ERROR_WRITE_PROTECT = 19;
+constexpr DWORD ERROR_GEN_FAILURE = 31;
+constexpr DWORD ERROR_SHARING_VIOLATION = 32;
+constexpr DWORD ERROR_HANDLE_DISK_FULL = 39;
+constexpr DWORD ERROR_NOT_SUPPORTED = 50;
+constexpr DWORD ERROR_FILE_EXISTS = 80;
+constexpr DWORD ERROR_INVALID_PARAMETER = 87;
+constexpr DWORD ERROR_DISK_FULL = 112;
+constexpr DWORD ERROR_INVALID_NAME = 123;
+constexpr DWORD ERROR_NEGATIVE_SEEK = 131;
+constexpr DWORD ERROR_DIR_NOT_EMPTY = 145;
+constexpr DWORD ERROR_BUSY = 170;
+constexpr DWORD ERROR_ALREADY_EXISTS = 183;
+constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
+constexpr DWORD ERROR_FILE_TOO_LARGE = 223;
+constexpr DWORD ERROR_IO_DEVICE = 1117;
+
+// One entry of a directory listing; cFileName is cut to fit and terminated.
+struct WIN32_FIND_DATAW {
+  DWORD dwFileAttributes;
+  DWORD nFileSizeHigh;
+  DWORD nFileSizeLow;
+  WCHAR cFileName[MAX_PATH];
+};
+
+struct SECURITY_ATTRIBUTES;
+struct OVERLAPPED;
+
+constexpr DWORD EXCEPTION_ACCESS_VIOLATION = 0xC0000005U;
+constexpr int EXCEPTION_EXECUTE_HANDLER = 1;
+constexpr int EXCEPTION_CONTINUE_SEARCH = 0;
+constexpr DWORD EXCEPTION_MAXIMUM_PARAMETERS = 15;
+
+// The structured-exception records, laid out as winnt.h does.
+struct EXCEPTION_RECORD {
+  DWORD ExceptionCode;
+  DWORD ExceptionFlags;
+  EXCEPTION_RECORD* ExceptionRecord;
+  void* ExceptionAddress;
+  DWORD NumberParameters;
+  std::uintptr_t ExceptionInformation[EXCEPTION_MAXIMUM_PARAMETERS];
+};
+struct CONTEXT;
+struct _EXCEPTION_POINTERS {  // NOLINT(bugprone-reserved-identifier): the platform's name
+  EXCEPTION_RECORD* ExceptionRecord;
+  CONTEXT* ContextRecord;
+};
+
+extern "C" {
+
+// Opens or creates a file. The store always passes share mode 0: any second
+// opener of the file, in this process or another, gets
+// ERROR_SHARING_VIOLATION until the first has closed it. Only regular files
+// are opened. Returns INVALID_HANDLE_VALUE on failure.
+HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode, SECURITY_ATTRIBUTES* security,
+                   DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile);
+
+// Read or write at the handle's position and move it by *transferred bytes,
+// which is set on every return. A read past the end of the file succeeds with
+// fewer bytes; a write transfers all or fails.
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped);
+
+// Moves the position; distances are signed 32 bits when distanceHigh is null,
+// so that 2^31 and up fail. Going past the end is allowed and changes nothing
+// on disk. On success GetLastError() is 0.
+DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveMethod);
+
+// The low 32 bits of the length; INVALID_FILE_SIZE when the handle is not open.
+DWORD GetFileSize(HANDLE file, DWORD* sizeHigh);
+
+// Once this returns TRUE, everything written to the file, its length and its
+// name survive a power cut. Once it has returned FALSE, data may have been
+// dropped: every later flush of this handle fails as well.
+BOOL FlushFileBuffers(HANDLE file);
+
+// Releases the handle, even where it reports a failure. Does not flush.
+BOOL CloseHandle(HANDLE object);
+
+BOOL DeleteFileW(const WCHAR* path);
+
+// Renames; the target must not exist. The new name survives a power cut once
+// the call has returned TRUE.
+BOOL MoveFileW(const WCHAR* from, const WCHAR* to);
+
+// MoveFileW that, with MOVEFILE_REPLACE_EXISTING, replaces the target in one
+// step: at every moment, and after a power cut, the target's name leads to
+// the whole old file or to the whole new one.
+BOOL MoveFileExW(const WCHAR* from, const WCHAR* to, DWORD flags);
+
+BOOL CreateDirectoryW(const WCHAR* path, SECURITY_ATTRIBUTES* security);
+BOOL RemoveDirectoryW(const WCHAR* path);
+BOOL SetFileAttributesW(const WCHAR* path, DWORD attributes);
+
+// Lists a directory: the pattern is the directory's path followed by "/*.*",
+// which matches every entry, "." and ".." included, in any order. Returns
+// INVALID_HANDLE_VALUE on failure; the end is ERROR_NO_MORE_FILES.
+HANDLE FindFirstFileW(const WCHAR* pattern, WIN32_FIND_DATAW* data);
+BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data);
+BOOL FindClose(HANDLE find);
+
+DWORD GetLastError();
+void Sleep(DWORD milliseconds);
+DWORD GetCurrentThreadId();
+
+// Hands the exception to the host's structured exception handling; control
+// may come back.
+void RaiseException(DWORD code, DWORD flags, DWORD argumentCount, const std::uintptr_t* arguments);
+}
