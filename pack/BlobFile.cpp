@@ -1,0 +1,331 @@
+#include "pack/BlobFile.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "pack/Replay.h"
+#include "platform/Trace.h"
+
+using format::FileHeader;
+using format::OpHeader;
+using format::TransactionBlock;
+
+namespace {
+
+char* Chars(unsigned char* bytes) {
+  return reinterpret_cast<char*>(bytes);
+}
+
+std::uint32_t LengthOf(const File& file) {
+  const std::uint32_t length = file.size();
+  if (length == INVALID_FILE_SIZE)
+    throw std::runtime_error("BlobFile: no length of " + file.Path() +
+                             " GetLastError code = " + std::to_string(GetLastError()));
+  return length;
+}
+
+// A file that a power cut caught while it was created: nothing was ever
+// committed to it.
+bool WasCutOffAtCreation(File& file, std::uint32_t length) {
+  if (length < format::kFileHeaderSize) return true;
+  if (length > format::kFileHeaderSize) return false;
+  unsigned char bytes[format::kFileHeaderSize];
+  file.seek(0);
+  file.read(Chars(bytes), sizeof bytes);
+  return std::all_of(std::begin(bytes), std::end(bytes), [](unsigned char byte) { return byte == 0; });
+}
+
+}  // namespace
+
+BlobFile::BlobFile() = default;
+
+BlobFile::BlobFile(const BlobFile& other)
+    : BlobStoreBase(other),
+      header(other.header),
+      path(other.path),
+      committed(other.committed),
+      headerSound(other.headerSound) {}
+
+BlobFile& BlobFile::operator=(const BlobFile& other) {
+  if (this == &other) return *this;
+  header = other.header;
+  path = other.path;
+  committed = other.committed;
+  headerSound = other.headerSound;
+  return *this;
+}
+
+BlobFile::~BlobFile() = default;
+
+void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
+  path = filePath;
+  header.mode = fileMode;
+  inDoubt = false;
+  headerSound = true;
+  file.open(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  if (!WasCutOffAtCreation(file, LengthOf(file))) {
+    ReadHeader();
+    return;
+  }
+  header.endOffset = format::kFileHeaderSize;
+  if (!UpdateHeader()) ThrowNotFlushed("header");
+}
+
+void BlobFile::ReadHeader() {
+  unsigned char bytes[format::kFileHeaderSize];
+  file.seek(0);
+  file.read(Chars(bytes), sizeof bytes);
+  header = FileHeader::Decode(bytes);
+  committed = header;
+  headerSound = header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
+}
+
+bool BlobFile::UpdateHeader() {
+  unsigned char bytes[format::kFileHeaderSize];
+  header.Encode(bytes);
+  WriteAt(0, bytes, sizeof bytes);
+  if (!file.flush()) {
+    inDoubt = true;
+    return false;
+  }
+  committed = header;
+  headerSound = true;
+  return true;
+}
+
+// Makes next the header, in memory and on disk, or neither.
+void BlobFile::Rewrite(const FileHeader& next) {
+  const FileHeader before = header;
+  header = next;
+  try {
+    if (UpdateHeader()) return;
+  } catch (...) {
+    header = before;
+    RestoreHeader();
+    throw;
+  }
+  header = before;
+  ThrowNotFlushed("header");
+}
+
+void BlobFile::ThrowNotFlushed(const char* what) const {
+  const DWORD code = GetLastError();
+  throw std::runtime_error(std::string("BlobFile: the ") + what + " of " + path +
+                           " did not reach the disk, GetLastError code = " + std::to_string(code));
+}
+
+// A header that was written in part may count what was not acknowledged.
+void BlobFile::RestoreHeader() {
+  if (!headerSound) return;
+  unsigned char bytes[format::kFileHeaderSize];
+  committed.Encode(bytes);
+  try {
+    WriteAt(0, bytes, sizeof bytes);
+  } catch (const std::exception& e) {
+    inDoubt = true;
+    trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
+  }
+}
+
+bool BlobFile::Reset() {
+  RequireNotInDoubt();
+  FileHeader empty;
+  empty.mode = header.mode;
+  empty.sequence = format::kSequenceReset;
+  empty.endOffset = format::kFileHeaderSize;
+  Rewrite(empty);
+  return true;
+}
+
+void BlobFile::SetSequence(std::int32_t sequence) {
+  header.sequence = sequence;
+  committed.sequence = sequence;
+}
+
+void BlobFile::RequireNotInDoubt() const {
+  if (inDoubt)
+    throw std::runtime_error("BlobFile: a flush of " + path +
+                             " has failed, no change is accepted until it is opened anew");
+}
+
+void BlobFile::RequireWritable() const {
+  RequireNotInDoubt();
+  if (!headerSound)
+    throw std::runtime_error("BlobFile: the header of " + path + " is damaged, nothing is written through it");
+}
+
+void BlobFile::RequireRoom(std::uint64_t recordSize) const {
+  if (header.endOffset + recordSize + format::kEndSize > format::kMaxFileSize)
+    throw std::runtime_error("BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
+                             std::to_string(recordSize) + " bytes, a file ends at 2147483647");
+}
+
+void BlobFile::WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
+  file.seek(offset);
+  file.write(Chars(bytes), size);
+}
+
+bool BlobFile::StartTransaction(long long id) {
+  RequireWritable();
+  RequireRoom(format::kStartSize);
+  unsigned char record[format::kStartSize] = {};
+  OpHeader{format::kOpStartTransaction, id}.Encode(record);
+  WriteAt(header.endOffset, record, sizeof record);
+
+  block = TransactionBlock{};
+  blockOffset = header.endOffset + format::kOpHeaderSize;
+  header.endOffset += format::kStartSize;
+  header.recordCount += 1;
+  md5.init();
+  return true;
+}
+
+// Writes one record, then counts it: what a failed write leaves lies past the
+// end and is no part of the digest.
+void BlobFile::Append(unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
+  RequireWritable();
+  RequireRoom(std::uint64_t{headSize} + dataSize);
+  WriteAt(header.endOffset, head, headSize);
+  if (dataSize > 0) file.write(Chars(data), dataSize);
+  md5.update(head, headSize);
+  md5.update(data, dataSize);
+  header.endOffset += headSize + dataSize;
+  header.recordCount += 1;
+}
+
+bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
+  const std::uint32_t offset = header.endOffset;
+  const std::uint32_t size = blob.buffer.size;
+  unsigned char head[format::kStoreHeadSize];
+  OpHeader{format::kOpStore, entry.transactionId}.Encode(head);
+  std::copy_n(blob.hash.Bytes(), format::kHashSize, head + format::kOpHeaderSize);
+  format::Put32(head + format::kOpHeaderSize + format::kHashSize, size);
+  Append(head, sizeof head, blob.buffer.data, size);
+
+  header.maxBlobSize = std::max(header.maxBlobSize, size);
+  block.maxBlobSize = std::max(block.maxBlobSize, size);
+  entry.op = format::kOpStore;
+  entry.offset = offset;
+  entry.size = size;
+  entry.ordinal = 0;
+  entry.valid = true;
+  entry.hash = blob.hash;
+  return true;
+}
+
+bool BlobFile::Delete(BlobFileEntry& entry) {
+  const std::uint32_t offset = header.endOffset;
+  unsigned char record[format::kDeleteSize];
+  OpHeader{format::kOpDelete, entry.transactionId}.Encode(record);
+  std::copy_n(entry.hash.Bytes(), format::kHashSize, record + format::kOpHeaderSize);
+  Append(record, sizeof record, nullptr, 0);
+  entry.op = format::kOpDelete;
+  entry.offset = offset;
+  return true;
+}
+
+bool BlobFile::EndTransaction(long long id) {
+  RequireWritable();
+  // On copies: until the header is written, a failure leaves the transaction
+  // open as it was.
+  const std::uint32_t end = header.endOffset;
+  TransactionBlock whole = block;
+  whole.length = end - blockOffset - format::kBlockSize;
+  MD5 digest = md5;
+  digest.finalize();
+  digest.raw_digest(whole.digest);
+
+  unsigned char endRecord[format::kEndSize];
+  OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
+  WriteAt(end, endRecord, sizeof endRecord);
+  unsigned char blockBytes[format::kBlockSize];
+  whole.Encode(blockBytes);
+  WriteAt(blockOffset, blockBytes, sizeof blockBytes);
+
+  // Records before header: a header that counts these must never meet
+  // anything else in their place.
+  if (!file.flush()) {
+    inDoubt = true;
+    ThrowNotFlushed("records");
+  }
+  FileHeader next = header;
+  next.endOffset = end + format::kEndSize;
+  next.recordCount += 1;
+  Rewrite(next);
+  return true;
+}
+
+void BlobFile::CancelTransaction() {
+  header = committed;
+  block = TransactionBlock{};
+}
+
+void BlobFile::CommitHeader() {
+  RequireWritable();
+  Rewrite(header);
+}
+
+bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
+  const Hash wanted = blob.hash;
+  const unsigned reached = file.seek(offset);
+  if (reached != offset) {
+    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to seek to blob filename=%s offset=%d filepos=%d hash=%s",
+                            path.c_str(), static_cast<int>(offset), static_cast<int>(reached),
+                            wanted.toString().c_str());
+    return false;
+  }
+  unsigned char bytes[format::kOpHeaderSize];
+  file.read(Chars(bytes), sizeof bytes);
+  const std::int32_t op = OpHeader::Decode(bytes).op;
+  if (op != format::kOpStore) {
+    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
+                            static_cast<int>(offset), wanted.toString().c_str(), op);
+    return false;
+  }
+  blob.Read(file, false);
+  if (blob.hash == wanted) return true;
+  // Sound, but of another hash: the record is not the one that was indexed.
+  const std::string found = blob.hash.toString();
+  blob.hash = wanted;
+  throw std::runtime_error("BlobFile::GetBlob() " + path + " at " + std::to_string(offset) + ": wanted hash " +
+                           wanted.toString() + ", got " + found);
+}
+
+bool BlobFile::Load(Entries& out) {
+  ReadHeader();
+  loadedCount = 0;
+  loadedEnd = format::kFileHeaderSize;
+  const std::uint32_t length = LengthOf(file);
+  if (!headerSound) {
+    trace::pack.WriteWarnV("BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
+                           static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
+    return false;
+  }
+  return Replay(*this, out, length).Run();
+}
+
+bool BlobFile::LoadedAll() const {
+  return headerSound && loadedCount == header.recordCount && loadedEnd == header.endOffset;
+}
+
+void BlobFile::KeepLoaded() {
+  try {
+    if (!headerSound) {
+      Reset();
+      return;
+    }
+    RequireNotInDoubt();
+    FileHeader whole = header;
+    whole.recordCount = loadedCount;
+    whole.endOffset = loadedEnd;
+    Rewrite(whole);
+  } catch (const std::exception& e) {
+    inDoubt = true;
+    trace::pack.WriteErrorV("BlobFile: %s cannot be mended, no change is accepted: %s", path.c_str(), e.what());
+  }
+}
+
+bool BlobFile::Secure() {
+  if (!file.flush()) inDoubt = true;
+  return !inDoubt;
+}

@@ -1,0 +1,162 @@
+// BlobController: writing the next generation.
+//
+// At every moment the disk holds one whole generation that a load will find.
+// With two slots or more the new one goes into the next slot, whose files are
+// emptied first; the header of its pack, written and flushed after all that
+// it counts, makes it the newest. With one slot it goes into a file beside
+// the pack, which then takes the pack's place in one step; only then is the
+// journal emptied: replayed over the new pack, it gives the same blobs.
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <string>
+
+#include "fs/FileSystem.h"
+#include "platform/Trace.h"
+#include "store/BlobController.h"
+
+bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b) {
+  if (a.transactionId != b.transactionId) return a.transactionId < b.transactionId;
+  return a.hash < b.hash;
+}
+
+// Says why not.
+bool BlobController::MayRepack() const {
+  const char* reason = nullptr;
+  std::uint64_t size = format::kFileHeaderSize + format::kStartSize + format::kEndSize;
+  for (const auto& [hash, entry] : blobs) size += format::kStoreHeadSize + entry.size;
+  if (packFiles.empty()) {
+    reason = "the store has no slot";
+  } else if (!loaded) {
+    reason = "the store is not loaded";
+  } else if (!pendingEntries.empty()) {
+    reason = "changes are pending, end the transaction first";
+  } else if (InDoubt()) {
+    reason = "a flush has failed, dispose of the store and open it anew";
+  } else if (size > format::kMaxFileSize) {
+    reason = "the blobs do not fit into one pack of 2147483647 bytes";
+  } else if (seq == std::numeric_limits<std::int32_t>::max()) {
+    reason = "the sequence numbers are used up";
+  }
+  if (reason == nullptr) return true;
+  trace::engine.WriteErrorV("BlobController::Repack() refused: %s", reason);
+  return false;
+}
+
+bool BlobController::Repack() {
+  if (!MayRepack()) return false;
+  enumerating = false;
+  try {
+    seq += 1;
+    repackSlot = static_cast<std::uint32_t>(seq) % static_cast<std::uint32_t>(packFiles.size());
+    if (packFiles.size() == 1) {
+      RepackInPlace();
+    } else {
+      RepackIntoNextSlot();
+    }
+    return true;
+  } catch (const std::exception& e) {
+    trace::engine.WriteErrorV("BlobController::Repack() threw an exception %s", e.what());
+  }
+  CheckAfterFailure();
+  Close();
+  return false;
+}
+
+void BlobController::RepackIntoNextSlot() {
+  const BlobFilePtr pack = packFiles[repackSlot];
+  const BlobFilePtr journal = journalFiles[repackSlot];
+  pack->Reset();
+  journal->Reset();
+  pack->SetSequence(seq);
+  journal->SetSequence(seq);
+
+  CopyBlobs(pack);
+  curPack = pack;
+  curPack->UpdateHeader();
+  curJournal = journal;
+}
+
+void BlobController::RepackInPlace() {
+  const BlobFilePtr old = packFiles[0];
+  const BlobFilePtr fresh = MakePooled<BlobFile>();
+  const std::string besides = old->path + ".new";
+  try {
+    fresh->Init(besides, BlobFile::Pack, 0);
+    fresh->Reset();
+    fresh->SetSequence(seq);
+    CopyBlobs(fresh);
+    fresh->file.close();
+  } catch (...) {
+    try {
+      fresh->file.erase();
+    } catch (const std::exception& e) {
+      trace::engine.WriteErrorV("%s", e.what());
+    }
+    throw;
+  }
+  // Nobody replaces a file that somebody holds.
+  old->file.close();
+  FileSystem::ReplaceFileW(besides, old->path);
+  fresh->Init(old->path, BlobFile::Pack, 0);
+  packFiles[0] = fresh;
+  curPack = fresh;
+
+  // A blob that could not be copied went with the old pack.
+  std::erase_if(blobs, [&](const auto& blob) { return blob.second.file != fresh; });
+  curJournal->Reset();
+  curJournal->SetSequence(seq);
+}
+
+// Writes all that the index holds into target as one transaction of id 0 and
+// commits it. A pack without a record gets no transaction: an empty one would
+// not load.
+void BlobController::CopyBlobs(const BlobFilePtr& target) {
+  BlobFile::Entries entries;
+  entries.reserve(blobs.size());
+  for (const auto& [hash, entry] : blobs) entries.push_back(entry);
+  std::sort(entries.begin(), entries.end(), sortByTransaction);
+
+  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
+  buffer.resize(LargestBlob());
+  BlobPair pair;
+  pair.buffer.data = buffer.data();
+  bool hasRecords = false;
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    if (!ReadForCopy(pair, entries, i)) continue;
+    if (!hasRecords) target->StartTransaction(0);
+    hasRecords = true;
+    target->Store(entries[i], pair);
+    entries[i].file = target;
+    blobs[entries[i].hash] = entries[i];
+  }
+  if (hasRecords) {
+    target->EndTransaction(0);
+  } else {
+    target->CommitHeader();
+  }
+}
+
+// Reads blob i; false when it is not there. One that is there and damaged
+// ends the run, and the table tells where everything lay.
+bool BlobController::ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const {
+  const BlobFile::BlobFileEntry& entry = entries[i];
+  pair.hash = entry.hash;
+  pair.buffer.size = entry.size;
+  try {
+    if (entry.file->GetBlob(pair, entry.offset)) return true;
+  } catch (const std::exception&) {
+    trace::engine.WriteErrorV("%s",
+                              ("BlobController::Repack() Invalid Blob Detected. Failed on index[" + std::to_string(i) +
+                               "]. BlobEntries table dump. Dumping [" + std::to_string(entries.size()) + "] entries.")
+                                  .c_str());
+    trace::engine.WriteErrorV("file.path, file offset, blob size");
+    for (const BlobFile::BlobFileEntry& e : entries)
+      trace::engine.WriteErrorV(
+          "%s", (e.file->path + ", " + std::to_string(e.offset) + ", " + std::to_string(e.size)).c_str());
+    throw;
+  }
+  trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d", entry.hash.toString().c_str(),
+                           static_cast<int>(entry.size));
+  return false;
+}
