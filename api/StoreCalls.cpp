@@ -26,6 +26,17 @@ int BCAddPackDir(int index, const char16_t* dir) {
   return 1;
 }
 
+int BCSetDamagePolicy(int index, int policy) {
+  BlobController* store = registry::Find("BCSetDamagePolicy", index);
+  if (store == nullptr) return 0;
+  if (policy != BLOBRING_DAMAGE_ERASE && policy != BLOBRING_DAMAGE_KEEP) {
+    trace::api.WriteWarnV("BCSetDamagePolicy: there is no policy = %d", policy);
+    return 0;
+  }
+  store->SetDamagePolicy(policy == BLOBRING_DAMAGE_KEEP ? DamagePolicy::Keep : DamagePolicy::Erase);
+  return 1;
+}
+
 int BCLoad(int index) {
   BlobController* store = registry::Find("BCLoad", index);
   if (store == nullptr) return 0;

@@ -12,6 +12,9 @@ using format::TransactionBlock;
 
 namespace {
 
+// Data up to this size is copied and written together with other records.
+constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kCapacity / 2;
+
 char* Chars(unsigned char* bytes) {
   return reinterpret_cast<char*>(bytes);
 }
@@ -134,6 +137,7 @@ bool BlobFile::Reset() {
   empty.sequence = format::kSequenceReset;
   empty.endOffset = format::kFileHeaderSize;
   Rewrite(empty);
+  isDamaged = false;
   return true;
 }
 
@@ -170,7 +174,10 @@ bool BlobFile::StartTransaction(long long id) {
   RequireRoom(format::kStartSize);
   unsigned char record[format::kStartSize] = {};
   OpHeader{format::kOpStartTransaction, id}.Encode(record);
-  WriteAt(header.endOffset, record, sizeof record);
+  gather.Restart(header.endOffset);
+  gather.Reserve(sizeof record);
+  gather.Append(record, sizeof record);
+  gather.Digested(sizeof record);
 
   block = TransactionBlock{};
   blockOffset = header.endOffset + format::kOpHeaderSize;
@@ -180,17 +187,53 @@ bool BlobFile::StartTransaction(long long id) {
   return true;
 }
 
-// Writes one record, then counts it: what a failed write leaves lies past the
-// end and is no part of the digest.
-void BlobFile::Append(unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
+// Appends one record, then counts it. Where that fails, nothing of it is in
+// the buffer or in the digest, and what may have reached the file lies past
+// the end.
+void BlobFile::Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
   RequireWritable();
   RequireRoom(std::uint64_t{headSize} + dataSize);
-  WriteAt(header.endOffset, head, headSize);
-  if (dataSize > 0) file.write(Chars(data), dataSize);
-  md5.update(head, headSize);
-  md5.update(data, dataSize);
+  if (dataSize > kMaxGatheredData) {
+    AppendDirectly(head, headSize, data, dataSize);
+  } else {
+    if (!gather.Fits(headSize + dataSize)) EmptyGathered();
+    gather.Reserve(headSize + dataSize);
+    gather.Append(head, headSize);
+    gather.Append(data, dataSize);
+  }
   header.endOffset += headSize + dataSize;
   header.recordCount += 1;
+}
+
+// Large data goes to the file from where it is. Its head travels with what
+// was gathered before it.
+void BlobFile::AppendDirectly(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
+                              std::uint32_t dataSize) {
+  if (!gather.Fits(headSize)) EmptyGathered();
+  gather.Reserve(headSize);
+  gather.Append(head, headSize);
+  try {
+    gather.WriteOut(file);
+    WriteAt(gather.End(), data, dataSize);
+  } catch (...) {
+    gather.Truncate(header.endOffset);
+    throw;
+  }
+  DigestGathered();
+  md5.update(data, dataSize);
+  gather.Restart(gather.End() + dataSize);
+}
+
+void BlobFile::DigestGathered() {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  md5.update(rest.data(), static_cast<unsigned>(rest.size()));
+  gather.Digested(rest.size());
+}
+
+void BlobFile::EmptyGathered() {
+  gather.WriteOut(file);
+  DigestGathered();
+  gather.Restart(gather.End());
 }
 
 bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
@@ -229,18 +272,40 @@ bool BlobFile::EndTransaction(long long id) {
   // On copies: until the header is written, a failure leaves the transaction
   // open as it was.
   const std::uint32_t end = header.endOffset;
+  DigestGathered();
   TransactionBlock whole = block;
   whole.length = end - blockOffset - format::kBlockSize;
   MD5 digest = md5;
   digest.finalize();
   digest.raw_digest(whole.digest);
 
+  FileHeader next = header;
+  next.endOffset = end + format::kEndSize;
+  next.recordCount += 1;
+  try {
+    WriteEnd(id, whole);
+    Rewrite(next);
+  } catch (...) {
+    gather.Truncate(end);
+    throw;
+  }
+  gather.Release(header.endOffset);
+  return true;
+}
+
+// Everything of the transaction but its header, flushed.
+void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
   unsigned char endRecord[format::kEndSize];
   OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
-  WriteAt(end, endRecord, sizeof endRecord);
   unsigned char blockBytes[format::kBlockSize];
   whole.Encode(blockBytes);
-  WriteAt(blockOffset, blockBytes, sizeof blockBytes);
+
+  if (!gather.Fits(sizeof endRecord)) EmptyGathered();
+  gather.Reserve(sizeof endRecord);
+  gather.Append(endRecord, sizeof endRecord);
+  const bool blockGathered = gather.Patch(blockOffset, blockBytes, sizeof blockBytes);
+  gather.WriteOut(file);
+  if (!blockGathered) WriteAt(blockOffset, blockBytes, sizeof blockBytes);
 
   // Records before header: a header that counts these must never meet
   // anything else in their place.
@@ -248,16 +313,12 @@ bool BlobFile::EndTransaction(long long id) {
     inDoubt = true;
     ThrowNotFlushed("records");
   }
-  FileHeader next = header;
-  next.endOffset = end + format::kEndSize;
-  next.recordCount += 1;
-  Rewrite(next);
-  return true;
 }
 
 void BlobFile::CancelTransaction() {
   header = committed;
   block = TransactionBlock{};
+  gather.Release(header.endOffset);
 }
 
 void BlobFile::CommitHeader() {
@@ -267,6 +328,7 @@ void BlobFile::CommitHeader() {
 
 bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
   const Hash wanted = blob.hash;
+  if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
   const unsigned reached = file.seek(offset);
   if (reached != offset) {
     trace::pack.WriteErrorV("BlobFile::GetBlob() unable to seek to blob filename=%s offset=%d filepos=%d hash=%s",
@@ -293,6 +355,7 @@ bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
 
 bool BlobFile::Load(Entries& out) {
   ReadHeader();
+  isDamaged = true;
   loadedCount = 0;
   loadedEnd = format::kFileHeaderSize;
   const std::uint32_t length = LengthOf(file);
@@ -301,7 +364,8 @@ bool BlobFile::Load(Entries& out) {
                            static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
     return false;
   }
-  return Replay(*this, out, length).Run();
+  isDamaged = !Replay(*this, out, length).Run();
+  return !isDamaged;
 }
 
 bool BlobFile::LoadedAll() const {

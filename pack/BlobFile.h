@@ -28,6 +28,7 @@
 #include "md5/MD5.h"
 #include "pack/BlobPair.h"
 #include "pack/Format.h"
+#include "pack/GatherBuffer.h"
 #include "pack/Hash.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
@@ -117,6 +118,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
+  // What the last Load found.
+  bool IsDamaged() const { return isDamaged; }
+
   bool InDoubt() const { return inDoubt; }
 
   format::FileHeader header;  // ahead of the disk while a transaction is open
@@ -128,14 +132,21 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void RequireWritable() const;
   BLOBRING_HIDDEN void RequireRoom(std::uint64_t recordSize) const;
   BLOBRING_HIDDEN void WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
-  BLOBRING_HIDDEN void Append(unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize);
+  BLOBRING_HIDDEN void Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
+                              std::uint32_t dataSize);
+  BLOBRING_HIDDEN void AppendDirectly(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
+                                      std::uint32_t dataSize);
+  BLOBRING_HIDDEN void DigestGathered();
+  BLOBRING_HIDDEN void EmptyGathered();
+  BLOBRING_HIDDEN void WriteEnd(long long id, const format::TransactionBlock& whole);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
   [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what) const;
 
   format::TransactionBlock block;
   std::uint32_t blockOffset = 0;
-  MD5 md5;  // of the open transaction's records
+  MD5 md5;              // of the open transaction's records, as far as gather says
+  GatherBuffer gather;  // its last bytes
 
  public:
   std::string path;
@@ -145,6 +156,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   format::FileHeader committed;  // as it is on disk
   bool headerSound = true;       // false: one that this class cannot have written
   bool inDoubt = false;
+  bool isDamaged = false;
   std::uint32_t loadedCount = 0;  // what the last Load found whole: records, and where they end
   std::uint32_t loadedEnd = format::kFileHeaderSize;
 };

@@ -26,6 +26,12 @@
 #include "pack/Hash.h"
 #include "platform/BlobAllocator.h"
 
+// What a load does with files that it cannot read.
+enum class DamagePolicy {
+  Erase,  // erases the store, which comes back empty
+  Keep,   // deletes nothing
+};
+
 class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
@@ -49,8 +55,12 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Rebuilds the index from the newest pack that reads cleanly and its slot's
   // journal. False when there is none, or when reading failed: the files have
-  // then been erased.
+  // then been erased. Under DamagePolicy::Keep a file that is damaged in any
+  // way costs no more than what was damaged, and a copy of it stays; with no
+  // usable pack the files are moved aside and the store goes on empty; and
+  // where reading failed, false leaves every file as it was.
   bool Load();
+  void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
 
   // Records a change in the open transaction. True when there is nothing to
   // do; false when it could not be written, the transaction being as before.
@@ -104,7 +114,11 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  private:
   BLOBRING_HIDDEN void LoadFiles();
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
+  BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
+  BLOBRING_HIDDEN void Keep(BlobFile& file) const;
+  BLOBRING_HIDDEN void KeepFilesAside();
+  BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   BLOBRING_HIDDEN void AbandonPending();
   BLOBRING_HIDDEN void ApplyPending() noexcept;
@@ -137,8 +151,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // The last pending change to each hash. Its nodes become those of the index
   // at the commit, which therefore needs no memory.
   Index pendingByHash;
+  DamagePolicy damagePolicy = DamagePolicy::Erase;
   bool enumerating = false;
   bool loaded = false;
+  bool loadFailed = false;  // and the files were kept: a change could hide what they hold
 };
 
 // Highest header sequence first.

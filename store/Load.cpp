@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "fs/KeptFile.h"
 #include "pack/CutShort.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -11,9 +12,18 @@ bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b
 }
 
 bool BlobController::Load() {
+  enumerating = false;
+  loaded = false;
+  loadFailed = false;
   try {
     LoadFiles();
   } catch (const std::exception& e) {
+    if (damagePolicy == DamagePolicy::Keep) {
+      loadFailed = true;
+      blobs.clear();
+      trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
+      return false;
+    }
     trace::engine.WriteErrorV("BlobController::Load() threw an exception %s", e.what());
     CheckAfterFailure();
     DeleteFiles();
@@ -23,17 +33,19 @@ bool BlobController::Load() {
 }
 
 void BlobController::LoadFiles() {
-  enumerating = false;
-  loaded = false;
   AbandonPending();
   seq = format::kSequenceReset;
   for (auto& [hash, entry] : blobs) entry.valid = false;
 
   BlobFile::Entries entries;
   if (!LoadNewestPack(entries)) {
-    DeleteFiles();
-    trace::engine.WriteErrorV("BlobController::Load no valid Pak files, reseting all files.  All data is lost");
-    return;
+    if (damagePolicy == DamagePolicy::Erase) {
+      DeleteFiles();
+      trace::engine.WriteErrorV("BlobController::Load no valid Pak files, reseting all files.  All data is lost");
+      return;
+    }
+    KeepFilesAside();
+    if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
   std::erase_if(blobs, [](const auto& blob) { return !blob.second.valid; });
@@ -51,7 +63,7 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 
   for (const BlobFilePtr& pack : packs) {
     entries.clear();
-    if (!pack->Load(entries)) {
+    if (!LoadPack(*pack, entries)) {
       trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s", pack->header.sequence,
                                pack->path.c_str());
       continue;
@@ -69,6 +81,18 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
   return false;
 }
 
+// False when it is damaged. To a store that erases, a pack that ends too
+// early is not damage but a failure of the whole load.
+bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
+  try {
+    return pack.Load(entries);
+  } catch (const CutShort& e) {
+    if (damagePolicy == DamagePolicy::Erase) throw;
+    trace::engine.WriteWarnV("%s", e.what());
+    return false;
+  }
+}
+
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
   entries.clear();
@@ -79,9 +103,12 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     trace::engine.WriteWarnV("%s", e.what());
   }
   if (!sound) trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", curJournal->path.c_str());
-  // Whole transactions stay, in the index and on disk, and the next one
-  // follows them.
-  if (!sound || !curJournal->LoadedAll()) curJournal->KeepLoaded();
+  if (!sound || !curJournal->LoadedAll()) {
+    // Whole transactions stay, in the index and on disk, and the next one
+    // follows them: over what the damage left.
+    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal);
+    curJournal->KeepLoaded();
+  }
   Apply(entries, curJournal);
 }
 
@@ -100,4 +127,26 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
     }
   }
+}
+
+// Leaves a copy of a file that is about to lose what it holds.
+void BlobController::Keep(BlobFile& file) const {
+  const std::string copy = kept::CopyAside(file.file);
+  trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file.path.c_str(), copy.c_str());
+}
+
+// Moves every file aside and goes on with fresh ones.
+void BlobController::KeepFilesAside() {
+  if (packFiles.empty()) throw std::runtime_error("the store has no slot");
+  trace::engine.WriteErrorV(
+      "BlobController::Load no valid Pak files, every file is kept under a new name, the store goes on empty");
+  const auto replace = [](BlobFile& file, BlobFile::BlobFileMode mode) {
+    file.file.close();
+    const std::string name = kept::MoveAside(file.path);
+    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path.c_str(), name.c_str());
+    file.header = format::FileHeader{};
+    file.Init(file.path, mode, 0);
+  };
+  for (const BlobFilePtr& pack : packFiles) replace(*pack, BlobFile::Pack);
+  for (const BlobFilePtr& journal : journalFiles) replace(*journal, BlobFile::Journal);
 }

@@ -3,9 +3,10 @@
 // At every moment the disk holds one whole generation that a load will find.
 // With two slots or more the new one goes into the next slot, whose files are
 // emptied first; the header of its pack, written and flushed after all that
-// it counts, makes it the newest. With one slot it goes into a file beside
-// the pack, which then takes the pack's place in one step; only then is the
-// journal emptied: replayed over the new pack, it gives the same blobs.
+// it counts, makes it the newest. Where the next slot is the current one, as
+// with a single slot, it goes into a file beside the pack, which then takes
+// the pack's place in one step; only then is the current journal emptied:
+// replayed over the new pack, it gives the same blobs.
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
@@ -14,6 +15,19 @@
 #include "fs/FileSystem.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
+
+namespace {
+
+// Gives the disk back what a repack that failed has written.
+void DropUnfinished(BlobFile& file) {
+  try {
+    if (file.file.IsOpen()) file.file.erase();
+  } catch (const std::exception& e) {
+    trace::engine.WriteErrorV("%s", e.what());
+  }
+}
+
+}  // namespace
 
 bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b) {
   if (a.transactionId != b.transactionId) return a.transactionId < b.transactionId;
@@ -49,7 +63,7 @@ bool BlobController::Repack() {
   try {
     seq += 1;
     repackSlot = static_cast<std::uint32_t>(seq) % static_cast<std::uint32_t>(packFiles.size());
-    if (packFiles.size() == 1) {
+    if (packFiles[repackSlot] == curPack || journalFiles[repackSlot] == curJournal) {
       RepackInPlace();
     } else {
       RepackIntoNextSlot();
@@ -66,6 +80,7 @@ bool BlobController::Repack() {
 void BlobController::RepackIntoNextSlot() {
   const BlobFilePtr pack = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
+  KeepDamaged(*pack, *journal);
   pack->Reset();
   journal->Reset();
   pack->SetSequence(seq);
@@ -77,8 +92,17 @@ void BlobController::RepackIntoNextSlot() {
   curJournal = journal;
 }
 
+// The slot that is next may hold what the load had to pass over.
+void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
+  if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
+  Keep(pack);
+  Keep(journal);
+}
+
 void BlobController::RepackInPlace() {
-  const BlobFilePtr old = packFiles[0];
+  const BlobFilePtr old = packFiles[repackSlot];
+  const BlobFilePtr journal = journalFiles[repackSlot];
+  KeepDamaged(*old, *journal);
   const BlobFilePtr fresh = MakePooled<BlobFile>();
   const std::string besides = old->path + ".new";
   try {
@@ -88,24 +112,22 @@ void BlobController::RepackInPlace() {
     CopyBlobs(fresh);
     fresh->file.close();
   } catch (...) {
-    try {
-      fresh->file.erase();
-    } catch (const std::exception& e) {
-      trace::engine.WriteErrorV("%s", e.what());
-    }
+    DropUnfinished(*fresh);
     throw;
   }
+  if (journal != curJournal) journal->Reset();
   // Nobody replaces a file that somebody holds.
   old->file.close();
   FileSystem::ReplaceFileW(besides, old->path);
   fresh->Init(old->path, BlobFile::Pack, 0);
-  packFiles[0] = fresh;
+  packFiles[repackSlot] = fresh;
   curPack = fresh;
 
   // A blob that could not be copied went with the old pack.
   std::erase_if(blobs, [&](const auto& blob) { return blob.second.file != fresh; });
-  curJournal->Reset();
-  curJournal->SetSequence(seq);
+  if (journal == curJournal) journal->Reset();
+  journal->SetSequence(seq);
+  curJournal = journal;
 }
 
 // Writes all that the index holds into target as one transaction of id 0 and

@@ -19,6 +19,7 @@ bool BlobController::InDoubt() const {
 
 void BlobController::RequireChangeable() const {
   if (!curJournal) throw std::runtime_error("the store has no slot");
+  if (loadFailed) throw std::runtime_error("the load has failed, no change is accepted until one succeeds");
   if (InDoubt())
     throw std::runtime_error(
         "a flush has failed, no change is accepted until the store is disposed of and opened anew");

@@ -69,11 +69,31 @@ BLOBRING_API int BCInitialize(const char16_t* path);
  */
 BLOBRING_API int BCAddPackDir(int index, const char16_t* dir);
 
+/* Policies of BCSetDamagePolicy. */
+#define BLOBRING_DAMAGE_ERASE 0
+#define BLOBRING_DAMAGE_KEEP 1
+
+/*
+ * Chooses what BCLoad does with files that it cannot read; call it before.
+ * BLOBRING_DAMAGE_ERASE, the default, brings a device back by itself: a store
+ * without a readable pack, or one whose reading fails, is erased.
+ * BLOBRING_DAMAGE_KEEP is for the only copy: nothing is ever deleted. Returns
+ * 1; 0 for a policy that does not exist.
+ */
+BLOBRING_API int BCSetDamagePolicy(int index, int policy);
+
 /*
  * Rebuilds the index of blobs: the newest pack that reads cleanly, then its
- * slot's journal. Changes that were not committed are abandoned.
+ * slot's journal. Changes that were not committed are abandoned. A damaged
+ * journal keeps its whole transactions before the damage.
  * Returns 1, or 0 when no pack could be loaded or reading failed: the store's
- * files have then been erased. Throws only what is not a std::exception.
+ * files have then been erased.
+ * Under BLOBRING_DAMAGE_KEEP, a damaged pack, one that ends too early
+ * included, is passed over for the next older one; a damaged journal is copied to
+ * k.jrn.kept-N before its end is cut off; without any usable pack all files
+ * are renamed to ….kept-N, the trace says so, and the store goes on empty (1);
+ * and where reading fails for another reason (an I/O error, no memory), 0
+ * leaves every file as it was, and changes are refused until a load succeeds.
  */
 BLOBRING_API int BCLoad(int index);
 
