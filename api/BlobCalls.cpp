@@ -2,21 +2,31 @@
 // throws into a failure value, a warning and a numeric record.
 #include <blobring/blobring.h>
 
+#include <cstring>
 #include <exception>
 
 #include "api/Arguments.h"
 #include "api/Registry.h"
 #include "md5/MD5.h"
+#include "md5/MD5Lanes.h"
 #include "platform/Win32.h"
+
+namespace {
+
+// Whether a blob of these arguments can be stored; says why not.
+bool IsSoundBlob(const char* call, const unsigned char* data, int size) {
+  if (size < 0) {
+    trace::api.WriteWarnV("%s: size = %d is negative", call, size);
+    return false;
+  }
+  return size == 0 || !api::IsNull(call, "data", data);
+}
+
+}  // namespace
 
 int BCStoreInt(int index, unsigned char* hash, unsigned char* data, int size) {
   BlobController* store = registry::Find("BCStore", index);
-  if (store == nullptr || api::IsNull("BCStore", "hash", hash)) return 0;
-  if (size < 0) {
-    trace::api.WriteWarnV("BCStore: size = %d is negative", size);
-    return 0;
-  }
-  if (size > 0 && api::IsNull("BCStore", "data", data)) return 0;
+  if (store == nullptr || api::IsNull("BCStore", "hash", hash) || !IsSoundBlob("BCStore", data, size)) return 0;
   try {
     BlobPair pair;
     pair.hash.setHash(hash);
@@ -32,6 +42,46 @@ int BCStoreInt(int index, unsigned char* hash, unsigned char* data, int size) {
 
 int BCStore(int index, unsigned char* hash, unsigned char* data, int size) {
   return BCStoreInt(index, hash, data, size);
+}
+
+int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut) {
+  BlobController* store = registry::Find("BCPut", index);
+  if (store == nullptr || !IsSoundBlob("BCPut", data, size) || api::IsNull("BCPut", "hashOut", hashOut)) return 0;
+  try {
+    Hash hash;
+    const bool stored = store->Put(data, api::Word(size), hash);
+    std::memcpy(hashOut, hash.Bytes(), Hash::kSize);
+    trace::WriteHashEvent(trace::kEventStore, hashOut);
+    return stored;
+  } catch (const std::exception& e) {
+    RTTrace_1(0x0F000272, api::Word(index));
+    api::Warn(std::string("BCPut threw an exception:") + e.what());
+    return 0;
+  }
+}
+
+int BCPutMany(int index, BCBlob* blobs, int count) {
+  BlobController* store = registry::Find("BCPutMany", index);
+  if (store == nullptr || count <= 0 || api::IsNull("BCPutMany", "blobs", blobs)) return 0;
+  constexpr int kGroup = 64;
+  try {
+    for (int first = 0; first < count; first += kGroup) {
+      const int end = count - first < kGroup ? count : first + kGroup;
+      md5::Message messages[kGroup];
+      int sound = first;
+      for (; sound < end && IsSoundBlob("BCPutMany", blobs[sound].data, blobs[sound].size); ++sound)
+        messages[sound - first] = {blobs[sound].data, api::Word(blobs[sound].size), blobs[sound].hash};
+      md5::DigestMany(messages, static_cast<std::size_t>(sound - first));
+      for (int i = first; i < sound; ++i) {
+        if (BCStoreInt(index, blobs[i].hash, const_cast<unsigned char*>(blobs[i].data), blobs[i].size) != 1) return i;
+      }
+      if (sound < end) return sound;
+    }
+    return count;
+  } catch (const std::exception& e) {
+    api::Warn(std::string("BCPutMany threw an exception:") + e.what());
+    return 0;
+  }
 }
 
 int BCDeleteInt(int index, unsigned char* hash) {
@@ -76,12 +126,7 @@ int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
   constexpr int kNotFound = 1;
   constexpr int kFailed = 2;
   BlobController* store = registry::Find("BCGet", index);
-  if (store == nullptr || api::IsNull("BCGet", "hash", hash)) return kFailed;
-  if (size < 0) {
-    trace::api.WriteWarnV("BCGet: size = %d is negative", size);
-    return kFailed;
-  }
-  if (size > 0 && api::IsNull("BCGet", "buffer", buffer)) return kFailed;
+  if (store == nullptr || api::IsNull("BCGet", "hash", hash) || !IsSoundBlob("BCGet", buffer, size)) return kFailed;
   try {
     BlobPair pair;
     pair.hash.setHash(hash);

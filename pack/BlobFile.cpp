@@ -1,8 +1,11 @@
 #include "pack/BlobFile.h"
 
 #include <algorithm>
+#include <cstring>
 #include <stdexcept>
 
+#include "md5/MD5Pair.h"
+#include "pack/CutShort.h"
 #include "pack/Replay.h"
 #include "platform/Trace.h"
 
@@ -152,7 +155,8 @@ void BlobFile::RequireNotInDoubt() const {
                              " has failed, no change is accepted until it is opened anew");
 }
 
-void BlobFile::RequireWritable() const {
+void BlobFile::RequireWritable() {
+  if (!file.IsOpen()) file.seek(header.endOffset);  // throws; gathering must not hide that nothing can be written
   RequireNotInDoubt();
   if (!headerSound)
     throw std::runtime_error("BlobFile: the header of " + path + " is damaged, nothing is written through it");
@@ -353,6 +357,68 @@ bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
                            wanted.toString() + ", got " + found);
 }
 
+namespace {
+
+// The largest blob that is read together with its record's head and then
+// copied, from a buffer on the stack.
+constexpr std::uint32_t kMaxSmallBlob = 4096;
+
+bool IsStoreRecordOf(const unsigned char* head, const Hash& hash, std::uint32_t size) {
+  return OpHeader::Decode(head).op == format::kOpStore &&
+         std::memcmp(head + format::kOpHeaderSize, hash.Bytes(), format::kHashSize) == 0 &&
+         format::Get32(head + format::kDeleteSize) == size;
+}
+
+bool HasDigest(const unsigned char* data, std::uint32_t size, const Hash& hash) {
+  MD5 digest;
+  digest.update(data, size);
+  digest.finalize();
+  unsigned char raw[Hash::kSize];
+  digest.raw_digest(raw);
+  return std::memcmp(raw, hash.Bytes(), sizeof raw) == 0;
+}
+
+}  // namespace
+
+bool BlobFile::ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record) {
+  try {
+    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+    file.seek(offset);
+    file.read(Chars(record), format::kStoreHeadSize + size);
+    return IsStoreRecordOf(record, hash, size);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
+  const std::uint32_t size = blob.buffer.size;
+  if (size <= kMaxSmallBlob) {
+    unsigned char record[format::kStoreHeadSize + kMaxSmallBlob];
+    const unsigned char* data = record + format::kStoreHeadSize;
+    if (!ReadRecord(blob.hash, offset, size, record) || !HasDigest(data, size, blob.hash)) return false;
+    if (size > 0) std::memcpy(blob.buffer.data, data, size);
+    return true;
+  }
+  unsigned char head[format::kStoreHeadSize];
+  try {
+    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+    file.seek(offset);
+    file.read(Chars(head), sizeof head);
+    if (!IsStoreRecordOf(head, blob.hash, size)) return false;
+    file.read(Chars(blob.buffer.data), size);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return HasDigest(blob.buffer.data, size, blob.hash);
+}
+
+void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  UpdateBoth(other, data, size, md5, rest.data(), rest.size());
+  gather.Digested(rest.size());
+}
+
 bool BlobFile::Load(Entries& out) {
   ReadHeader();
   isDamaged = true;
@@ -362,10 +428,20 @@ bool BlobFile::Load(Entries& out) {
   if (!headerSound) {
     trace::pack.WriteWarnV("BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
                            static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
+    if (header.endOffset > length) ReplayCutOff(out, length);
     return false;
   }
   isDamaged = !Replay(*this, out, length).Run();
   return !isDamaged;
+}
+
+// A file that has lost its end: what comes whole before that is good.
+void BlobFile::ReplayCutOff(Entries& out, std::uint32_t length) {
+  try {
+    Replay(*this, out, length).Run();
+  } catch (const CutShort& e) {
+    trace::pack.WriteWarnV("%s", e.what());
+  }
 }
 
 bool BlobFile::LoadedAll() const {
@@ -374,7 +450,7 @@ bool BlobFile::LoadedAll() const {
 
 void BlobFile::KeepLoaded() {
   try {
-    if (!headerSound) {
+    if (!headerSound && loadedCount == 0) {
       Reset();
       return;
     }

@@ -100,6 +100,21 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // there is another kind of record; throws when the blob cannot be read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
+  // The quick way to the same: reads into the pair's buffer, whose size must be
+  // the blob's, with one platform call for a small blob and two for a large
+  // one. False, without a message, for whatever is not as it should be;
+  // GetBlob then finds out what it is.
+  bool GetBlobQuickly(BlobPair& blob, unsigned int offset);
+
+  // Reads the store record at offset whole, 36 bytes and size, into record.
+  // Whether it is one of that hash and size; the data is not verified.
+  // Nothing is thrown, nothing reported.
+  bool ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record);
+
+  // Adds size bytes to another digest and, in the same time, brings the open
+  // transaction's own up to date.
+  void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size);
+
   // Replays the committed records and appends their entries to out, whole
   // transactions only. False, after a message, when the file is damaged; out
   // then holds what came before the damage. Throws CutShort when the file
@@ -129,7 +144,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   friend class Replay;
 
   BLOBRING_HIDDEN void RequireNotInDoubt() const;
-  BLOBRING_HIDDEN void RequireWritable() const;
+  BLOBRING_HIDDEN void RequireWritable();
   BLOBRING_HIDDEN void RequireRoom(std::uint64_t recordSize) const;
   BLOBRING_HIDDEN void WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
   BLOBRING_HIDDEN void Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
@@ -141,6 +156,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void WriteEnd(long long id, const format::TransactionBlock& whole);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
+  BLOBRING_HIDDEN void ReplayCutOff(Entries& out, std::uint32_t length);
   [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what) const;
 
   format::TransactionBlock block;

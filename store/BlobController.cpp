@@ -44,7 +44,10 @@ std::int32_t BlobController::GetBlobSize(Hash const& hash) {
 // Reads with the size that the index knows, whatever the buffer could hold.
 bool BlobController::ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const {
   const std::uint32_t given = blob.buffer.size;
-  if (given > entry.size) blob.buffer.size = entry.size;
+  if (given >= entry.size) {
+    blob.buffer.size = entry.size;
+    if (entry.file->GetBlobQuickly(blob, entry.offset)) return true;
+  }
   bool found = false;
   try {
     found = entry.file->GetBlob(blob, entry.offset);

@@ -67,6 +67,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
+  // Stores a blob whose hash it computes: the digest runs beside that of the
+  // open transaction, which costs the time of one. As Store.
+  bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
+
   // Whether the store will hold the blob once the open transaction commits.
   bool BlobExists(Hash const& hash) const;
 
@@ -112,6 +116,12 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   static bool sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b);
 
  private:
+  // Of the blobs in the index, in bytes.
+  struct Sizes {
+    std::uint32_t largest = 0;
+    std::uint64_t total = 0;
+  };
+
   BLOBRING_HIDDEN void LoadFiles();
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
@@ -132,8 +142,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void CopyBlobs(const BlobFilePtr& target);
   BLOBRING_HIDDEN bool ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const;
   BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const;
-  BLOBRING_HIDDEN bool CheckBlob(Index::const_iterator blob, unsigned char* buffer, int position) const;
-  BLOBRING_HIDDEN std::uint32_t LargestBlob() const;
+  BLOBRING_HIDDEN bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
+  BLOBRING_HIDDEN bool CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
+                                 int position) const;
+  BLOBRING_HIDDEN Sizes SizesOf() const;
   BLOBRING_HIDDEN void CheckAfterFailure();
 
   std::int32_t seq = 0;  // of the current pack; -1 while none has been found

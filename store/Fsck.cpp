@@ -5,6 +5,7 @@
 #include <string>
 
 #include "platform/Trace.h"
+#include "store/BatchReader.h"
 #include "store/BlobController.h"
 
 namespace {
@@ -27,24 +28,36 @@ std::string PathOf(const boost::shared_ptr<BlobFile>& file) {
 
 }  // namespace
 
-std::uint32_t BlobController::LargestBlob() const {
-  std::uint32_t largest = 0;
-  for (const auto& [hash, entry] : blobs) largest = std::max(largest, entry.size);
-  return largest;
+BlobController::Sizes BlobController::SizesOf() const {
+  Sizes sizes;
+  for (const auto& [hash, entry] : blobs) {
+    sizes.largest = std::max(sizes.largest, entry.size);
+    sizes.total += entry.size;
+  }
+  return sizes;
 }
 
 bool BlobController::Fsck() {
   if (checkRunning) return true;
   const CheckMark mark;
   trace::engine.WriteWarnV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
+  if (blobs.empty()) return true;
 
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
-  buffer.resize(LargestBlob());
+  const Sizes sizes = SizesOf();
+  BatchReader batch(sizes.largest, sizes.total, blobs.size());
   bool sound = true;
   try {
     int position = 0;
-    for (auto blob = blobs.cbegin(); blob != blobs.cend(); ++blob, ++position)
-      sound = CheckBlob(blob, buffer.data(), position) && sound;
+    for (auto blob = blobs.cbegin(); blob != blobs.cend();) {
+      auto next = blob;
+      batch.Clear();
+      while (next != blobs.cend() && batch.Add(next->first, next->second)) ++next;
+      batch.Verify();
+      for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
+        if (!CheckPlace(blob->first, blob->second)) sound = false;
+        if (!batch.IsSound(i) && !CheckBlob(blob->first, blob->second, batch.Data(i), position)) sound = false;
+      }
+    }
   } catch (const std::runtime_error&) {
     sound = false;
   }
@@ -52,30 +65,31 @@ bool BlobController::Fsck() {
   return sound;
 }
 
-bool BlobController::CheckBlob(Index::const_iterator blob, unsigned char* buffer, int position) const {
-  const auto& [hash, entry] = *blob;
+// Whether a blob lies in one of the current files.
+bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const {
+  if (entry.file && (entry.file == curPack || entry.file == curJournal)) return true;
   const std::string file = PathOf(entry.file);
-  bool sound = true;
-  if (!entry.file || (file != PathOf(curPack) && file != PathOf(curJournal))) {
-    trace::engine.WriteErrorV("BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
-                              hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(),
-                              PathOf(curJournal).c_str());
-    sound = false;
-  }
+  if (entry.file && (file == PathOf(curPack) || file == PathOf(curJournal))) return true;
+  trace::engine.WriteErrorV("BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
+                            hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(), PathOf(curJournal).c_str());
+  return false;
+}
 
+// Reads a blob that did not verify once more, the careful way, which says
+// what is wrong. The buffer holds its size.
+bool BlobController::CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
+                               int position) const {
   BlobPair pair;
   pair.hash = hash;
   pair.buffer = {buffer, entry.size};
-  bool wasRead = false;
+  const std::string file = PathOf(entry.file);
   try {
-    wasRead = entry.file && ReadBlob(pair, entry);
+    if (entry.file && ReadBlob(pair, entry)) return true;
   } catch (const std::exception& e) {
     trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
                               file.c_str(), static_cast<int>(entry.offset));
   }
-  if (wasRead) return sound;
-
-  // Not what the buffer held before decides, but that nothing was read.
+  // Not what the buffer holds decides, but that nothing was read.
   if (entry.size > 0) std::memset(buffer, 0, entry.size);
   pair.hash = hash;
   pair.isValid();

@@ -14,6 +14,7 @@
 
 #include "fs/FileSystem.h"
 #include "platform/Trace.h"
+#include "store/BatchReader.h"
 #include "store/BlobController.h"
 
 namespace {
@@ -27,6 +28,18 @@ void DropUnfinished(BlobFile& file) {
   }
 }
 
+void DumpEntries(const BlobFile::Entries& entries, std::size_t failed) {
+  const std::string title = "BlobController::Repack() Invalid Blob Detected. Failed on index[" +
+                            std::to_string(failed) + "]. BlobEntries table dump. Dumping [" +
+                            std::to_string(entries.size()) + "] entries.";
+  trace::engine.WriteErrorV("%s", title.c_str());
+  trace::engine.WriteErrorV("file.path, file offset, blob size");
+  for (const BlobFile::BlobFileEntry& entry : entries) {
+    const std::string line = entry.file->path + ", " + std::to_string(entry.offset) + ", " + std::to_string(entry.size);
+    trace::engine.WriteErrorV("%s", line.c_str());
+  }
+}
+
 }  // namespace
 
 bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b) {
@@ -37,8 +50,8 @@ bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFil
 // Says why not.
 bool BlobController::MayRepack() const {
   const char* reason = nullptr;
-  std::uint64_t size = format::kFileHeaderSize + format::kStartSize + format::kEndSize;
-  for (const auto& [hash, entry] : blobs) size += format::kStoreHeadSize + entry.size;
+  const std::uint64_t size = format::kFileHeaderSize + format::kStartSize + format::kEndSize + SizesOf().total +
+                             std::uint64_t{format::kStoreHeadSize} * blobs.size();
   if (packFiles.empty()) {
     reason = "the store has no slot";
   } else if (!loaded) {
@@ -139,18 +152,27 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
   for (const auto& [hash, entry] : blobs) entries.push_back(entry);
   std::sort(entries.begin(), entries.end(), sortByTransaction);
 
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
-  buffer.resize(LargestBlob());
-  BlobPair pair;
-  pair.buffer.data = buffer.data();
+  const Sizes sizes = SizesOf();
+  BatchReader batch(sizes.largest, sizes.total, entries.size());
   bool hasRecords = false;
-  for (std::size_t i = 0; i < entries.size(); ++i) {
-    if (!ReadForCopy(pair, entries, i)) continue;
-    if (!hasRecords) target->StartTransaction(0);
-    hasRecords = true;
-    target->Store(entries[i], pair);
-    entries[i].file = target;
-    blobs[entries[i].hash] = entries[i];
+  for (std::size_t first = 0; first < entries.size(); first += batch.Count()) {
+    batch.Clear();
+    while (first + batch.Count() < entries.size() &&
+           batch.Add(entries[first + batch.Count()].hash, entries[first + batch.Count()])) {
+    }
+    batch.Verify();
+    for (std::size_t i = 0; i < batch.Count(); ++i) {
+      BlobFile::BlobFileEntry& entry = entries[first + i];
+      BlobPair pair;
+      pair.hash = entry.hash;
+      pair.buffer = {batch.Data(i), entry.size};
+      if (!batch.IsSound(i) && !ReadForCopy(pair, entries, first + i)) continue;
+      if (!hasRecords) target->StartTransaction(0);
+      hasRecords = true;
+      target->Store(entry, pair);
+      entry.file = target;
+      blobs[entry.hash] = entry;
+    }
   }
   if (hasRecords) {
     target->EndTransaction(0);
@@ -159,23 +181,14 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
   }
 }
 
-// Reads blob i; false when it is not there. One that is there and damaged
-// ends the run, and the table tells where everything lay.
+// Reads blob i the careful way; false when it is not there. One that is there
+// and damaged ends the run, and the table tells where everything lay.
 bool BlobController::ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const {
   const BlobFile::BlobFileEntry& entry = entries[i];
-  pair.hash = entry.hash;
-  pair.buffer.size = entry.size;
   try {
     if (entry.file->GetBlob(pair, entry.offset)) return true;
   } catch (const std::exception&) {
-    trace::engine.WriteErrorV("%s",
-                              ("BlobController::Repack() Invalid Blob Detected. Failed on index[" + std::to_string(i) +
-                               "]. BlobEntries table dump. Dumping [" + std::to_string(entries.size()) + "] entries.")
-                                  .c_str());
-    trace::engine.WriteErrorV("file.path, file offset, blob size");
-    for (const BlobFile::BlobFileEntry& e : entries)
-      trace::engine.WriteErrorV(
-          "%s", (e.file->path + ", " + std::to_string(e.offset) + ", " + std::to_string(e.size)).c_str());
+    DumpEntries(entries, i);
     throw;
   }
   trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d", entry.hash.toString().c_str(),

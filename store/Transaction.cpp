@@ -78,6 +78,24 @@ bool BlobController::Store(BlobPair const& blob) {
   }
 }
 
+bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& hash) {
+  MD5 key;
+  if (curJournal) {
+    curJournal->DigestBeside(key, data, size);
+  } else {
+    key.update(data, size);
+  }
+  key.finalize();
+  unsigned char raw[Hash::kSize];
+  key.raw_digest(raw);
+  hash.setHash(raw);
+
+  BlobPair blob;
+  blob.hash = hash;
+  blob.buffer = {const_cast<unsigned char*>(data), size};  // Store only reads it
+  return Store(blob);
+}
+
 bool BlobController::Delete(Hash const& hash) {
   try {
     if (!BlobExists(hash)) return true;

@@ -143,6 +143,29 @@ BLOBRING_API int BCCancelTransaction(void);
 BLOBRING_API int BCStore(int index, unsigned char* hash, unsigned char* data, int size);
 
 /*
+ * Computes the hash of `size` bytes at `data` and stores them as BCStore does,
+ * in less time than BCMD5ChkSum and BCStore take: the digests of a run of
+ * blobs and of their transaction are computed side by side. Writes the hash to
+ * `hashOut` (16 bytes) whenever the arguments are sound. Returns like BCStore.
+ */
+BLOBRING_API int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut);
+
+/* A blob for BCPutMany: what to store, and the hash, which is filled in. */
+typedef struct BCBlob {
+  const unsigned char* data;
+  int size; /* bytes */
+  unsigned char hash[BLOBRING_HASH_SIZE];
+} BCBlob;
+
+/*
+ * BCPut of `count` blobs, whose hashes are computed many at a time. Returns
+ * how many, from the first on, are stored or were present: `count`, unless one
+ * could not be stored or has unsound arguments, at which it stops; 0 as well
+ * for an unknown index or a null pointer. The hashes of those are filled in.
+ */
+BLOBRING_API int BCPutMany(int index, BCBlob* blobs, int count);
+
+/*
  * Deletes a blob. Returns 1 deleted or not present; 0 when nothing could be
  * written, or for a null hash.
  */
