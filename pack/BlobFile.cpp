@@ -146,7 +146,6 @@ bool BlobFile::Reset() {
 
 void BlobFile::SetSequence(std::int32_t sequence) {
   header.sequence = sequence;
-  committed.sequence = sequence;
 }
 
 void BlobFile::RequireNotInDoubt() const {
@@ -320,7 +319,9 @@ void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
 }
 
 void BlobFile::CancelTransaction() {
+  const std::int32_t sequence = header.sequence;  // may be ahead of the disk
   header = committed;
+  header.sequence = sequence;
   block = TransactionBlock{};
   gather.Release(header.endOffset);
 }
