@@ -228,7 +228,7 @@ TEST(Format, ThePaddingOfRecordsIsIgnored) {
 // does not hold.
 TEST(Format, HostileNumbersCostNoMoreThanTheFileHolds) {
   const std::string good = JournalBytes().Transaction(1, {StoreRecord(1, "a"), StoreRecord(1, "b")}).Bytes();
-  for (const std::size_t at : {4, 20, 40, 44, 24 + 40 + 32}) {
+  for (const std::size_t at : {4U, 20U, 40U, 44U, 24U + 40U + 32U}) {
     for (const char* value : {"00000000", "01000000", "ffffff7f", "00000080", "01000080", "feffffff", "ffffffff"}) {
       SCOPED_TRACE(std::to_string(at) + " " + value);
       for (const char* path : {"/s/0.jrn", "/s/0.pak"}) {

@@ -73,7 +73,10 @@ void* SimMemory::Alloc(std::size_t size, unsigned long pool, unsigned long tag) 
 
 int SimMemory::Free(void* block) {
   ++releases_;
-  if (frees_.Decide()) return -1;
+  if (frees_.Decide()) {
+    refusedBlocks_.push_back(block);  // lost to the store, not to a leak checker
+    return -1;
+  }
   BlockHead* head = static_cast<BlockHead*>(block) - 1;
   if (block == nullptr || head->mark != kLive) {
     std::fprintf(stderr, "SimMemory: release of a block that is not live: %p\n", block);
