@@ -21,8 +21,8 @@ class BLOBRING_EXPORT Hash {
   void setHash(unsigned char* source);
 
   // Bytewise, unsigned, the first byte counting most: the order of the index.
-  // Inline because every look-up compares some 20 times.
-  __attribute__((used)) bool operator<(const Hash& other) const {
+  // Inline because every look-up compares some 20 times; exported all the same.
+  BLOBRING_EXPORT __attribute__((used)) bool operator<(const Hash& other) const {
     const std::uint64_t a = Word(0);
     const std::uint64_t b = other.Word(0);
     return a != b ? a < b : Word(8) < other.Word(8);

@@ -90,8 +90,7 @@ TEST(File, ErasesWhatItClosesAndAReaderHoldsItsFile) {
   file.erase();
   Diagnostics().Clear();
   EXPECT_EQ(WhatOf([&] { file.erase(); }), "File::Close failed GetLastError code = 2");
-  EXPECT_TRUE(
-      Diagnostics().HasWarning("FileSystem::Remove Error deleting file = /a/f GetLastError code = 2 "));
+  EXPECT_TRUE(Diagnostics().HasWarning("FileSystem::Remove Error deleting file = /a/f GetLastError code = 2 "));
   EXPECT_EQ(WhatOf([&] { reader.open("/a/none"); }), "FileSystem::CreateFile error /a/none GetLastError code= 2");
 }
 

@@ -39,9 +39,9 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   for (const int damaged : {5, 6, 7, 8}) {
     const HashBytes hash = HashOf(blobs[static_cast<std::size_t>(damaged)]);
     const long place = std::find(order.begin(), order.end(), hash) - order.begin();
-    EXPECT_TRUE(Diagnostics().HasError("Fsck: Blob Entry :hash=" + TextOf(hash) + " transId=7 size=9 offset=" +
-                                       std::to_string(DataOffset(damaged, 9) - 36) + " count = " +
-                                       std::to_string(place) + " filename=/s/0.jrn"))
+    EXPECT_TRUE(Diagnostics().HasError("Fsck: Blob Entry :hash=" + TextOf(hash) +
+                                       " transId=7 size=9 offset=" + std::to_string(DataOffset(damaged, 9) - 36) +
+                                       " count = " + std::to_string(place) + " filename=/s/0.jrn"))
         << Diagnostics().Text();
     EXPECT_TRUE(Diagnostics().HasError("BlobController::Fsck() Blob " + TextOf(hash) + " is corrupt"));
     next = damaged;
