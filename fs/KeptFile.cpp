@@ -45,13 +45,13 @@ void CopyBytes(File& from, File& to) {
 }  // namespace
 
 std::string MoveAside(const std::string& path) {
-  const std::string name = FreeName(path);
+  std::string name = FreeName(path);
   FileSystem::MoveFileW(path, name);
   return name;
 }
 
 std::string CopyAside(File& file) {
-  const std::string name = FreeName(file.Path());
+  std::string name = FreeName(file.Path());
   File copy;
   copy.open(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
   try {
