@@ -16,8 +16,6 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -25,6 +23,7 @@
 #include "pack/BlobPair.h"
 #include "pack/Hash.h"
 #include "platform/BlobAllocator.h"
+#include "store/BlobIndex.h"
 
 // What a load does with files that it cannot read.
 enum class DamagePolicy {
@@ -36,9 +35,6 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
   using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
-  using Index = std::map<
-      Hash, BlobFile::BlobFileEntry, std::less<Hash>,
-      BlobAllocator<std::pair<const Hash, BlobFile::BlobFileEntry>, TesselMemoryManager::kContainerPool, kTagIndex>>;
 
   // On a directory, of which nothing is touched. Throws "Unable to allocate
   // memory".
@@ -156,13 +152,13 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   std::uint32_t repackSlot = 0;  // of the last repack
   std::string path;              // the store's directory
   std::int64_t transactionId = 0;
-  Index blobs;
-  Index::iterator hashCursor;        // meaningful while enumerating
+  BlobIndex blobs;
+  BlobIndex::iterator hashCursor;    // meaningful while enumerating
   BlobFile::Entries pendingEntries;  // of the open transaction, in order
 
   // The last pending change to each hash. Its nodes become those of the index
   // at the commit, which therefore needs no memory.
-  Index pendingByHash;
+  BlobIndex pendingByHash;
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   bool enumerating = false;
   bool loaded = false;

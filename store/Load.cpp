@@ -20,7 +20,7 @@ bool BlobController::Load() {
   } catch (const std::exception& e) {
     if (damagePolicy == DamagePolicy::Keep) {
       loadFailed = true;
-      blobs.clear();
+      blobs.Clear();
       trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
       return false;
     }
@@ -48,7 +48,7 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
-  std::erase_if(blobs, [](const auto& blob) { return !blob.second.valid; });
+  blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
 
@@ -113,15 +113,16 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
+  bool isNew = false;
   for (BlobFile::BlobFileEntry& entry : entries) {
     switch (entry.op) {
       case format::kOpStore:
         entry.file = file;
         entry.valid = true;
-        blobs.insert_or_assign(entry.hash, entry);
+        blobs.FindOrMake(entry.hash, isNew)->second = entry;
         break;
       case format::kOpDelete:
-        blobs[entry.hash].valid = false;
+        blobs.FindOrMake(entry.hash, isNew)->second.valid = false;
         break;
       default:
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
