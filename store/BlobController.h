@@ -52,7 +52,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Rebuilds the index from the newest pack that reads cleanly and its slot's
   // journal. False when there is none, or when reading failed: the files have
   // then been erased. Under DamagePolicy::Keep a file that is damaged in any
-  // way costs no more than what was damaged, and a copy of it stays; with no
+  // way costs no more than what was damaged, and a copy of what it loses stays; with no
   // usable pack the files are moved aside and the store goes on empty; and
   // where reading failed, false leaves every file as it was.
   bool Load();
@@ -122,7 +122,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN void Keep(BlobFile& file) const;
+  BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
   BLOBRING_HIDDEN void KeepFilesAside();
   BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);

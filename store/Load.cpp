@@ -106,7 +106,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   if (!sound || !curJournal->LoadedAll()) {
     // Whole transactions stay, in the index and on disk, and the next one
     // follows them: over what the damage left.
-    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal);
+    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal, curJournal->LoadedEnd());
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
@@ -130,9 +130,10 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   }
 }
 
-// Leaves a copy of a file that is about to lose what it holds.
-void BlobController::Keep(BlobFile& file) const {
-  const std::string copy = kept::CopyAside(file.file);
+// Leaves a copy of what a file is about to lose: its header and all from an
+// offset on.
+void BlobController::Keep(BlobFile& file, std::uint32_t from) const {
+  const std::string copy = kept::CopyAside(file.file, format::kFileHeaderSize, from);
   trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file.path.c_str(), copy.c_str());
 }
 

@@ -108,8 +108,8 @@ void BlobController::RepackIntoNextSlot() {
 // The slot that is next may hold what the load had to pass over.
 void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
   if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
-  Keep(pack);
-  Keep(journal);
+  Keep(pack, format::kFileHeaderSize);
+  Keep(journal, format::kFileHeaderSize);
 }
 
 void BlobController::RepackInPlace() {
