@@ -84,8 +84,11 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 // False when it is damaged. To a store that erases, a pack that ends too
 // early is not damage but a failure of the whole load.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
+  pack.loadProgress = &progress;
   try {
-    return pack.Load(entries);
+    const bool sound = pack.Load(entries);
+    progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
+    return sound;
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
@@ -96,6 +99,7 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
   entries.clear();
+  curJournal->loadProgress = &progress;
   bool sound = false;
   try {
     sound = curJournal->Load(entries);
@@ -110,6 +114,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
+  progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
