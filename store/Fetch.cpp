@@ -9,26 +9,34 @@
 
 namespace {
 
-// Reads the record of an entry step by step, to say what is wrong with it.
-// The buffer holds the data. Throws that; returns when it was a passing
-// failure and the data is good.
-void ReadCarefully(const Hash& hash, const BlobFile::BlobFileEntry& entry, unsigned char* buffer) {
+// What a store record's head says that it should not; empty when it is right.
+std::string WrongWith(const unsigned char* head, const Hash& hash, std::uint32_t size) {
+  const std::int32_t op = format::OpHeader::Decode(head).op;
+  if (op != format::kOpStore) return "the record is not a store but op " + std::to_string(op);
+  Hash found;
+  found.setHash(const_cast<unsigned char*>(head) + format::kOpHeaderSize);  // only reads it
+  if (!(found == hash)) return "the record is of hash " + found.toString();
+  const std::uint32_t foundSize = format::Get32(head + format::kDeleteSize);
+  if (foundSize != size) return "the record is of " + std::to_string(foundSize) + " bytes";
+  return {};
+}
+
+// Reads the record of an entry once more, to say what is wrong with it; the
+// buffer holds the data. Bytes that match the hash are the blob, whatever
+// stands before them. Returns what is wrong with that, empty for nothing;
+// throws when the data is not to be had.
+std::string ReadCarefully(const Hash& hash, const BlobFile::BlobFileEntry& entry, unsigned char* buffer) {
   File& file = entry.file->file;
   unsigned char head[format::kStoreHeadSize];
   file.seek(entry.offset);
   file.read(reinterpret_cast<char*>(head), sizeof head);
-  const std::int32_t op = format::OpHeader::Decode(head).op;
-  if (op != format::kOpStore) throw std::runtime_error("the record is not a store but op " + std::to_string(op));
-  Hash found;
-  found.setHash(head + format::kOpHeaderSize);
-  if (!(found == hash)) throw std::runtime_error("the record is of hash " + found.toString());
-  const std::uint32_t size = format::Get32(head + format::kDeleteSize);
-  if (size != entry.size) throw std::runtime_error("the record is of " + std::to_string(size) + " bytes");
-  if (size > 0) file.read(reinterpret_cast<char*>(buffer), size);
+  if (entry.size > 0) file.read(reinterpret_cast<char*>(buffer), entry.size);
+  const std::string wrong = WrongWith(head, hash, entry.size);
   BlobPair pair;
   pair.hash = hash;
-  pair.buffer = {buffer, size};
-  if (!pair.isValid()) throw std::runtime_error("the data does not match the hash");
+  pair.buffer = {buffer, entry.size};
+  if (!pair.isValid()) throw std::runtime_error(wrong.empty() ? "the data does not match the hash" : wrong);
+  return wrong;
 }
 
 }  // namespace
@@ -48,12 +56,14 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
   pair.hash = hash;
   pair.buffer = {buffer, size};
   if (entry.file->GetBlobQuickly(pair, entry.offset)) return Fetched::Read;
+  const std::string place = "BlobController::Fetch() hash " + hash.toString() + " file " + entry.file->path +
+                            " offset " + std::to_string(entry.offset) + " size " + std::to_string(size) + ": ";
   try {
-    ReadCarefully(hash, entry, buffer);
+    const std::string wrong = ReadCarefully(hash, entry, buffer);
+    if (!wrong.empty()) trace::engine.WriteErrorV("%s%s, the data is good", place.c_str(), wrong.c_str());
     return Fetched::Read;
   } catch (const std::exception& e) {
-    trace::engine.WriteErrorV("BlobController::Fetch() hash %s file %s offset %u size %u: %s", hash.toString().c_str(),
-                              entry.file->path.c_str(), entry.offset, size, e.what());
+    trace::engine.WriteErrorV("%s%s", place.c_str(), e.what());
     return Fetched::Failed;
   }
 }

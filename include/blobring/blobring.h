@@ -271,7 +271,7 @@ BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer,
  * store stays open whatever is found. *size is set to the blob's bytes with
  * BLOBRING_FETCHED and BLOBRING_TOO_SMALL, to 0 otherwise; `buffer` may be null
  * where `capacity` is 0, which asks for the size alone.
- * BLOBRING_FAILED: the blob is damaged or cannot be read, the store is not
+ * BLOBRING_FAILED: no bytes that match the hash can be read, the store is not
  * loaded, or an argument is unsound; the buffer's bytes are then undefined.
  */
 BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size);
