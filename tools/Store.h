@@ -1,0 +1,64 @@
+// One open store: the library's calls with their traps taken out.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/Buffer.h"
+#include "tools/Hash.h"
+#include "tools/Layout.h"
+
+namespace tool {
+
+// Opens the store and closes it in the destructor; changes that were not
+// committed by then are lost. Every member throws Fault on failure, with the
+// library's own words and what to do next. One caller at a time.
+class Store {
+ public:
+  enum class Files { kMustExist, kMayBeMade };
+
+  // Takes the store for this process. With kMustExist no file is created:
+  // Fault when one is missing or none can be loaded (see SlotFiles). What the
+  // library had to do about damaged files is said on standard error.
+  explicit Store(Layout layout, Files files = Files::kMustExist);
+  ~Store();
+  Store(const Store&) = delete;
+  Store& operator=(const Store&) = delete;
+
+  // Bytes of a committed blob; nothing when there is none of that hash.
+  std::optional<uint32_t> SizeOf(const Hash& hash) const;
+
+  // A committed blob, checked against its hash; the bytes stay in the buffer.
+  // After a Fault the store is open and the other blobs can be read.
+  Bytes Get(const Hash& hash, Buffer& buffer);
+
+  // The hashes of all committed blobs, ascending.
+  std::vector<Hash> List() const;
+
+  void Begin();
+  // `hash` must be that of `data`. After a Fault what was put before can still
+  // be committed.
+  void Put(const Hash& hash, Bytes data);
+  void Delete(const Hash& hash);
+  void Commit();
+
+  void Repack();
+
+  // Reads every blob. Returns what is wrong, in the library's words; nothing
+  // when all is sound.
+  std::vector<std::string> Check() const;
+
+  const Layout& layout() const { return layout_; }
+
+ private:
+  void Open();
+  void Close();
+
+  Layout layout_;
+  int index_ = -1;
+  long long transactionId_ = 0;
+};
+
+}  // namespace tool
