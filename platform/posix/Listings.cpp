@@ -1,0 +1,99 @@
+// Directory listings.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/Win32.h"
+#include "platform/posix/ExclusiveFile.h"
+#include "platform/posix/Handles.h"
+#include "platform/posix/LastError.h"
+#include "platform/posix/PathName.h"
+
+namespace {
+
+constexpr char kPatternTail[] = "/*.*";
+constexpr std::size_t kPatternTailLength = sizeof(kPatternTail) - 1;
+
+// Turns "dir/*.*" into "dir"; a pattern of any other form is not supported.
+bool CutPattern(posix::PathName& path) {
+  if (path.Length() < kPatternTailLength) return false;
+  const std::size_t length = path.Length() - kPatternTailLength;
+  if (std::strcmp(path.Text() + length, kPatternTail) != 0) return false;
+  path.CutTo(length == 0 ? 1 : length);  // the root's own slash stays
+  return true;
+}
+
+void SetName(WIN32_FIND_DATAW& data, const char* name) {
+  std::size_t length = 0;
+  for (; name[length] != '\0' && length < MAX_PATH - 1; ++length) data.cFileName[length] = posix::Widened(name[length]);
+  data.cFileName[length] = 0;
+}
+
+// A symbolic link is listed as a plain file, wherever it leads: who deletes a
+// tree then deletes the link and not what is behind it.
+DWORD AttributesOf(mode_t mode) {
+  const DWORD directory = S_ISDIR(mode) ? FILE_ATTRIBUTE_DIRECTORY : 0;
+  const DWORD readOnly = !S_ISLNK(mode) && posix::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
+  return (directory | readOnly) != 0 ? directory | readOnly : FILE_ATTRIBUTE_NORMAL;
+}
+
+// The next entry that is still there. Win32 code, ERROR_NO_MORE_FILES at the
+// end.
+DWORD Next(DIR* directory, WIN32_FIND_DATAW& data) {
+  while (true) {
+    errno = 0;
+    const dirent* entry = readdir(directory);
+    if (entry == nullptr) return errno == 0 ? ERROR_NO_MORE_FILES : posix::ErrorOf(errno);
+
+    struct stat status {};
+    if (fstatat(dirfd(directory), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno == ENOENT) continue;  // deleted since
+      return posix::ErrorOf(errno);
+    }
+    const auto size = static_cast<std::uint64_t>(status.st_size);
+    data.dwFileAttributes = AttributesOf(status.st_mode);
+    data.nFileSizeHigh = static_cast<DWORD>(size >> 32);
+    data.nFileSizeLow = static_cast<DWORD>(size);
+    SetName(data, entry->d_name);
+    return ERROR_SUCCESS;
+  }
+}
+
+DWORD Start(const WCHAR* pattern, WIN32_FIND_DATAW& data, HANDLE& handle) {
+  posix::PathName path(pattern);
+  if (path.Error() != ERROR_SUCCESS) return path.Error();
+  if (!CutPattern(path)) return ERROR_NOT_SUPPORTED;
+
+  DIR* directory = opendir(path.Text());
+  if (directory == nullptr) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : posix::ErrorOf(errno);
+  DWORD code = Next(directory, data);
+  if (code == ERROR_SUCCESS) {
+    handle = posix::AddHandle(posix::HandleKind::Listing, directory);
+    if (handle == INVALID_HANDLE_VALUE) code = ERROR_TOO_MANY_OPEN_FILES;
+  }
+  if (code != ERROR_SUCCESS) closedir(directory);
+  return code;
+}
+
+}  // namespace
+
+HANDLE FindFirstFileW(const WCHAR* pattern, WIN32_FIND_DATAW* data) {
+  HANDLE handle = INVALID_HANDLE_VALUE;
+  posix::SetLastError(data == nullptr ? ERROR_INVALID_PARAMETER : Start(pattern, *data, handle));
+  return handle;
+}
+
+BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data) {
+  if (data == nullptr) return posix::Result(ERROR_INVALID_PARAMETER);
+  void* directory = posix::FindHandle(find, posix::HandleKind::Listing);
+  return directory != nullptr ? posix::Result(Next(static_cast<DIR*>(directory), *data)) : 0;
+}
+
+BOOL FindClose(HANDLE find) {
+  void* directory = posix::RemoveHandle(find, posix::HandleKind::Listing);
+  if (directory == nullptr) return 0;
+  return posix::Result(closedir(static_cast<DIR*>(directory)) == 0 ? ERROR_SUCCESS : posix::ErrorOf(errno));
+}
