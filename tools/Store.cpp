@@ -68,14 +68,27 @@ void Store::Open() {
     BCSetDamagePolicy(index_, BLOBRING_DAMAGE_KEEP);
     for (size_t slot = 0; slot < layout_.slotCount(); ++slot)
       Checked(action, [&] { return BCAddPackDir(index_, Widen(layout_.PackDir(slot)).c_str()); });
-    const TraceCapture trace;
-    Checked(action, [&] { return BCLoad(index_); });
-    // A load of sound files is silent.
-    for (const TraceLine& line : trace.lines()) Say(line.text);
+    Load(action);
   } catch (...) {
     Close();
     throw;
   }
+}
+
+void Store::Load(const std::string& action) {
+  TraceCapture trace;
+  const int loaded = BCLoad(index_);
+  // A load of sound files is silent, so every line tells of damage.
+  damaged_ = damaged_ || !trace.lines().empty();
+  for (const TraceLine& line : trace.lines()) Say(line.text);
+  if (loaded != 1) throw Fault(fmt::format("cannot {}: {}; no file was changed", action, trace.Reason()));
+}
+
+void Store::RefuseWhenDamaged() const {
+  if (damaged_)
+    throw Fault(fmt::format("the store {} is damaged (see above) and takes no changes while this is reported; export "
+                            "what can be read and restore the rest from a backup",
+                            layout_.store()));
 }
 
 void Store::Close() {
@@ -120,6 +133,7 @@ std::vector<Hash> Store::List() const {
 }
 
 void Store::Begin() {
+  RefuseWhenDamaged();
   transactionId_ = NextTransactionId();
   Checked("start a transaction", [&] { return BCStartTransaction(index_, &transactionId_); });
 }
@@ -138,6 +152,7 @@ void Store::Commit() {
 }
 
 void Store::Repack() {
+  RefuseWhenDamaged();
   Checked("repack the store " + layout_.store(), [&] { return BCRepack(index_); });
 }
 

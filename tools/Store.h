@@ -15,6 +15,10 @@ namespace tool {
 // Opens the store and closes it in the destructor; changes that were not
 // committed by then are lost. Every member throws Fault on failure, with the
 // library's own words and what to do next. One caller at a time.
+//
+// Damage: the library never deletes what it cannot read, and loads what is left.
+// Reading goes on with that; Begin() and Repack() refuse, so that nothing is
+// written over damage before somebody has seen the messages.
 class Store {
  public:
   enum class Files { kMustExist, kMayBeMade };
@@ -38,6 +42,7 @@ class Store {
   std::vector<Hash> List() const;
 
   void Begin();
+
   // `hash` must be that of `data`. After a Fault what was put before can still
   // be committed.
   void Put(const Hash& hash, Bytes data);
@@ -52,12 +57,18 @@ class Store {
 
   const Layout& layout() const { return layout_; }
 
+  // Loading found damage and said so.
+  bool damaged() const { return damaged_; }
+
  private:
   void Open();
+  void Load(const std::string& action);
   void Close();
+  void RefuseWhenDamaged() const;
 
   Layout layout_;
   int index_ = -1;
+  bool damaged_ = false;
   long long transactionId_ = 0;
 };
 

@@ -15,7 +15,7 @@ constexpr size_t kMaxLines = 1000;
 TraceCapture* innermost = nullptr;
 
 void TakeLine(void* /*context*/, int level, const char* /*source*/, const char* text) {
-  if (innermost != nullptr) innermost->Add({level == BLOBRING_HOST_TRACE_ERROR, text});
+  if (innermost != nullptr) innermost->Add({level == BLOBRING_HOST_ERROR, text});
 }
 
 struct CodeAdvice {
