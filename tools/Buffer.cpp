@@ -90,7 +90,8 @@ Bytes ReadStream(const std::string& path, Buffer& buffer) {
   const Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!fd.valid()) ThrowErrno("read " + path);
   const struct stat status = StatOf(fd.get(), path);
-  if (S_ISDIR(status.st_mode)) throw Fault(fmt::format("cannot store {}: it is a directory; use `blobring import`", path));
+  if (S_ISDIR(status.st_mode))
+    throw Fault(fmt::format("cannot store {}: it is a directory; use `blobring import`", path));
   if (S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) > kMaxBlobSize) ThrowTooLarge(path);
   return ReadToEnd(fd.get(), S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0, buffer, path);
 }

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <set>
 
 #include "tools/BatchWriter.h"
 #include "tools/Console.h"
@@ -46,6 +47,17 @@ void RequireSameSlotsAsFiles(const Layout& layout) {
   if (files.HoldRecords()) files.RequireLoadable();
 }
 
+// Copies that the library made of files before it cut them: k.jrn.kept-N.
+std::vector<std::string> FilesSetAside(const Layout& layout) {
+  std::set<std::string> directories = {layout.store()};
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot) directories.insert(layout.PackDir(slot));
+  std::vector<std::string> paths;
+  for (const std::string& directory : directories)
+    for (const auto& entry : std::filesystem::directory_iterator(directory))
+      if (entry.path().filename().string().find(".kept-") != std::string::npos) paths.push_back(entry.path().string());
+  return paths;
+}
+
 // Anything but a regular file is written as it stands: a pipe or a device is
 // not to be replaced by a file.
 bool IsSpecialFile(const std::string& path) {
@@ -70,17 +82,17 @@ void WriteOutput(const std::string& path, Bytes blob) {
 }  // namespace
 
 ExitStatus Init(const InitOptions& options) {
-  MakeDirectory(options.store);
   const Layout wanted(options.store, options.slotCount, options.packDirs);
   if (Layout::Exists(options.store)) {
     const Layout present = Layout::Read(options.store);
     if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
-      throw UsageError(fmt::format("{} is a store with {} already; that cannot be changed", options.store,
-                                   present.Description()));
+      throw UsageError(
+          fmt::format("{} is a store with {} already; that cannot be changed", options.store, present.Description()));
     Say(fmt::format("{} is a store with {} already; nothing was changed", options.store, present.Description()));
     return kSuccess;
   }
   RequireSameSlotsAsFiles(wanted);
+  MakeDirectory(options.store);
   for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
   const Store store(wanted, Store::Files::kMayBeMade);
   wanted.Write();
@@ -154,9 +166,11 @@ ExitStatus Check(const Layout& layout) {
   Say(fmt::format("checking {}, {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes)));
   const std::vector<std::string> faults = store.Check();
   for (const std::string& fault : faults) Say(fault);
-  Say(faults.empty() ? "every blob is sound"
-                     : "the store is damaged; export what can be read, then restore it from a backup");
-  return faults.empty() ? kSuccess : kFault;
+  for (const std::string& path : FilesSetAside(layout))
+    Say(fmt::format("{} was set aside because it was damaged; what is lost may be in it", path));
+  const bool sound = faults.empty() && !store.damaged();
+  Say(sound ? "every blob is sound" : "the store is damaged; export what can be read, restore the rest from a backup");
+  return sound ? kSuccess : kFault;
 }
 
 ExitStatus Repack(const Layout& layout) {

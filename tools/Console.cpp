@@ -46,9 +46,13 @@ std::string HumanSize(uint64_t bytes) {
 Progress::Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes)
     : verb_(std::move(verb)), totalItems_(totalItems), totalBytes_(totalBytes) {}
 
-Progress::~Progress() { ClearLine(); }
+Progress::~Progress() {
+  ClearLine();
+}
 
-double Progress::Elapsed() const { return std::chrono::duration<double>(Clock::now() - start_).count(); }
+double Progress::Elapsed() const {
+  return std::chrono::duration<double>(Clock::now() - start_).count();
+}
 
 void Progress::Advance(uint64_t bytes) {
   ++items_;

@@ -15,9 +15,10 @@ ExitStatus Export(const Layout& layout, const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   for (const ManifestEntry& entry : entries)
     if (!TargetTree::IsSafeName(entry.name))
-      throw UsageError(fmt::format("{} names \"{}\", which is not a file below the directory to restore into; nothing "
-                                   "was written",
-                                   options.manifest, entry.name));
+      throw UsageError(
+          fmt::format("{} names \"{}\", which is not a file below the directory to restore into; nothing "
+                      "was written",
+                      options.manifest, entry.name));
 
   Store store(layout);
   TargetTree target(options.directory);

@@ -35,8 +35,12 @@ void WriteAll(int fd, Bytes data, const std::string& name) {
   }
 }
 
-void Print(std::string_view text) { WriteAll(STDOUT_FILENO, AsBytes(text), "to standard output"); }
+void Print(std::string_view text) {
+  WriteAll(STDOUT_FILENO, AsBytes(text), "to standard output");
+}
 
-Bytes AsBytes(std::string_view text) { return {reinterpret_cast<const unsigned char*>(text.data()), text.size()}; }
+Bytes AsBytes(std::string_view text) {
+  return {reinterpret_cast<const unsigned char*>(text.data()), text.size()};
+}
 
 }  // namespace tool

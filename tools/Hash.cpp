@@ -35,6 +35,8 @@ std::optional<Hash> Hash::Parse(std::string_view text) {
   return hash;
 }
 
-std::string Hash::Text() const { return fmt::format("{:02x}", fmt::join(bytes, "")); }
+std::string Hash::Text() const {
+  return fmt::format("{:02x}", fmt::join(bytes, ""));
+}
 
 }  // namespace tool

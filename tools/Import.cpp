@@ -95,8 +95,9 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
     Say(fmt::format("left out: {}, {}, {} of the store itself", Count(tree.symbolicLinkCount, "symbolic link"),
                     Count(tree.specialFileCount, "special file"), Count(tree.storeFileCount, "file")));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
-  if (failed != 0) Say(fmt::format("{} could not be read and {} not in the manifest", Count(failed, "entry"),
-                                   failed == 1 ? "is" : "are"));
+  if (failed != 0)
+    Say(fmt::format("{} could not be read and {} not in the manifest", Count(failed, "entry"),
+                    failed == 1 ? "is" : "are"));
 }
 
 }  // namespace

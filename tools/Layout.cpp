@@ -20,17 +20,14 @@ constexpr const char* kFirstLine = "blobring 1";
 constexpr const char* kSlotWord = "slot ";
 constexpr const char* kOwnDirectory = ".";
 constexpr size_t kDefaultSlots = 2;
-constexpr size_t kMaxSlots = 1000;
 
 // As the file has it, so that the store opens from any working directory and
 // can be moved together with the packs that lie in it.
 std::string RecordedDir(const std::string& store, const std::string& dir) {
   namespace stdfs = std::filesystem;
-  std::error_code code;
-  if (stdfs::equivalent(store, dir, code)) return kOwnDirectory;
-  const std::string absolute = stdfs::absolute(dir).lexically_normal().string();
-  if (absolute.find('\n') != std::string::npos)
-    throw UsageError("a pack directory cannot have a newline in its name");
+  const std::string absolute = stdfs::weakly_canonical(stdfs::absolute(dir)).string();
+  if (absolute == stdfs::weakly_canonical(stdfs::absolute(store)).string()) return kOwnDirectory;
+  if (absolute.find('\n') != std::string::npos) throw UsageError("a pack directory cannot have a newline in its name");
   return absolute.size() > 1 && absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1) : absolute;
 }
 
@@ -46,7 +43,9 @@ Layout::Layout(std::string store, size_t slotCount, const std::vector<std::strin
     packDirs_.push_back(packDirs.empty() ? kOwnDirectory : RecordedDir(store_, packDirs[slot % packDirs.size()]));
 }
 
-std::string Layout::ConfPath(const std::string& store) { return fmt::format("{}/{}", store, kConfName); }
+std::string Layout::ConfPath(const std::string& store) {
+  return fmt::format("{}/{}", store, kConfName);
+}
 
 bool Layout::Exists(const std::string& store) {
   std::error_code code;
@@ -98,9 +97,13 @@ std::string Layout::PackDir(size_t slot) const {
   return packDirs_.at(slot) == kOwnDirectory ? store_ : packDirs_.at(slot);
 }
 
-std::string Layout::PackPath(size_t slot) const { return fmt::format("{}/{}.pak", PackDir(slot), slot); }
+std::string Layout::PackPath(size_t slot) const {
+  return fmt::format("{}/{}.pak", PackDir(slot), slot);
+}
 
-std::string Layout::JournalPath(size_t slot) const { return fmt::format("{}/{}.jrn", store_, slot); }
+std::string Layout::JournalPath(size_t slot) const {
+  return fmt::format("{}/{}.jrn", store_, slot);
+}
 
 std::string Layout::Description() const {
   const std::set<std::string> dirs(packDirs_.begin(), packDirs_.end());

@@ -7,6 +7,8 @@
 
 namespace tool {
 
+constexpr size_t kMaxSlots = 1000;
+
 // "blobring.conf" in the store's directory: a line "blobring 1", then for each
 // slot in its order a line "slot DIR" with the directory of its pack, "." for
 // the store's own. Lines that begin with '#' and empty lines say nothing.

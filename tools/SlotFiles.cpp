@@ -81,14 +81,16 @@ void SlotFiles::RequireLoadable() const {
   for (const Slot& slot : slots_)
     for (const SlotFile* file : {&slot.pack, &slot.journal})
       if (file->state == SlotFile::State::kMissing)
-        throw Fault(fmt::format("{} is missing; nothing was changed. Is the disk that holds it mounted? If it is "
-                                "lost, restore the whole store from a backup",
-                                file->path));
+        throw Fault(
+            fmt::format("{} is missing; nothing was changed. Is the disk that holds it mounted? If it is "
+                        "lost, restore the whole store from a backup",
+                        file->path));
   if (Current() >= 0) return;
   const SlotFile& pack = slots_.front().pack;
-  throw Fault(fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
-                          "nothing was changed. Restore the store from a backup",
-                          pack.path, pack.sequence, pack.endOffset, pack.size));
+  throw Fault(
+      fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
+                  "nothing was changed. Restore the store from a backup",
+                  pack.path, pack.sequence, pack.endOffset, pack.size));
 }
 
 bool SlotFiles::HoldRecords() const {

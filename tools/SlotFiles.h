@@ -12,15 +12,15 @@ namespace tool {
 
 // The sizes of what the library writes into a pack or journal.
 constexpr uint64_t kFileHeaderSize = 24;
-constexpr uint64_t kStoreRecordOverhead = 36;        // beside the blob's bytes
-constexpr uint64_t kTransactionOverhead = 40 + 16;   // start and end record
+constexpr uint64_t kStoreRecordOverhead = 36;       // beside the blob's bytes
+constexpr uint64_t kTransactionOverhead = 40 + 16;  // start and end record
 
 struct SlotFile {
   enum class State {
     kMissing,
-    kNew,       // empty, or cut off while it was created
-    kSound,     // the header can be what a commit wrote
-    kDamaged,   // it cannot
+    kNew,      // empty, or cut off while it was created
+    kSound,    // the header can be what a commit wrote
+    kDamaged,  // it cannot
   };
 
   State state = State::kMissing;

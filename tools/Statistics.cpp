@@ -15,10 +15,14 @@ uint64_t RepackedSize(uint64_t blobCount, uint64_t liveBytes) {
 
 std::string_view NameOf(SlotFile::State state) {
   switch (state) {
-    case SlotFile::State::kMissing: return "missing";
-    case SlotFile::State::kNew: return "new";
-    case SlotFile::State::kSound: return "sound";
-    case SlotFile::State::kDamaged: return "damaged";
+    case SlotFile::State::kMissing:
+      return "missing";
+    case SlotFile::State::kNew:
+      return "new";
+    case SlotFile::State::kSound:
+      return "sound";
+    case SlotFile::State::kDamaged:
+      return "damaged";
   }
   return "";
 }
@@ -54,7 +58,8 @@ ExitStatus PrintStatistics(const Layout& layout) {
                                  statistics.currentSlot, statistics.sequence, statistics.blobCount);
   text += fmt::format("live      {} ({})\n", statistics.liveBytes, HumanSize(statistics.liveBytes));
   text += fmt::format("dead      {} ({})\n", statistics.deadBytes, HumanSize(statistics.deadBytes));
-  text += fmt::format("\n{:>4}  {:>12} {:>12} {:>9} {:>8}  {}\n", "slot", "size", "in use", "sequence", "header", "file");
+  text +=
+      fmt::format("\n{:>4}  {:>12} {:>12} {:>9} {:>8}  {}\n", "slot", "size", "in use", "sequence", "header", "file");
   const SlotFiles files(layout);
   for (size_t slot = 0; slot < files.slots().size(); ++slot) {
     const bool isCurrent = static_cast<int>(slot) == statistics.currentSlot;

@@ -22,8 +22,12 @@ std::u16string Widen(const std::string& path) {
 }
 
 // The library takes pointers to what it does not change.
-unsigned char* Mutable(const Hash& hash) { return const_cast<unsigned char*>(hash.bytes.data()); }
-unsigned char* Mutable(Bytes data) { return const_cast<unsigned char*>(data.data()); }
+unsigned char* Mutable(const Hash& hash) {
+  return const_cast<unsigned char*>(hash.bytes.data());
+}
+unsigned char* Mutable(Bytes data) {
+  return const_cast<unsigned char*>(data.data());
+}
 
 // Runs one call of the library. Throws Fault("cannot <action>: <reason>") when
 // the call throws or `succeeded` is not true of its result.
@@ -58,7 +62,9 @@ Store::Store(Layout layout, Files files) : layout_(std::move(layout)) {
   Open();
 }
 
-Store::~Store() { Close(); }
+Store::~Store() {
+  Close();
+}
 
 void Store::Open() {
   const std::string action = "open the store " + layout_.store();
@@ -86,9 +92,10 @@ void Store::Load(const std::string& action) {
 
 void Store::RefuseWhenDamaged() const {
   if (damaged_)
-    throw Fault(fmt::format("the store {} is damaged (see above) and takes no changes while this is reported; export "
-                            "what can be read and restore the rest from a backup",
-                            layout_.store()));
+    throw Fault(
+        fmt::format("the store {} is damaged (see above) and takes no changes while this is reported; export "
+                    "what can be read and restore the rest from a backup",
+                    layout_.store()));
 }
 
 void Store::Close() {
@@ -98,7 +105,8 @@ void Store::Close() {
 
 std::optional<uint32_t> Store::SizeOf(const Hash& hash) const {
   const int size = Checked(
-      "look up " + hash.Text(), [&] { return BCGetSize(index_, Mutable(hash)); }, [](int result) { return result >= -1; });
+      "look up " + hash.Text(), [&] { return BCGetSize(index_, Mutable(hash)); },
+      [](int result) { return result >= -1; });
   if (size < 0) return std::nullopt;
   return static_cast<uint32_t>(size);
 }

@@ -31,12 +31,15 @@ constexpr std::array kAdvice = {
     CodeAdvice{32, "another process has the store open; wait until it is done and try again"},
     CodeAdvice{39, "the disk is full; free some space and try again, what was committed is safe"},
     CodeAdvice{112, "the disk is full; free some space and try again, what was committed is safe"},
+    CodeAdvice{223, "a file may not grow further; look at the limit on file sizes (ulimit -f)"},
     CodeAdvice{1117, "the disk reports an error; look at the system's log"},
 };
 
 }  // namespace
 
 std::string AdviceFor(const std::string& text) {
+  if (text.find("no room for") != std::string::npos)
+    return "the journal is full; run `blobring repack` and try again, what was committed is safe";
   constexpr std::string_view kMark = "GetLastError";
   const size_t mark = text.find(kMark);
   if (mark == std::string::npos) return {};
@@ -52,9 +55,13 @@ std::string AdviceFor(const std::string& text) {
 
 TraceCapture::TraceCapture() : outer_(std::exchange(innermost, this)) {}
 
-TraceCapture::~TraceCapture() { innermost = outer_; }
+TraceCapture::~TraceCapture() {
+  innermost = outer_;
+}
 
-void TraceCapture::Install() { BlobringHostSetTraceSink(TakeLine, nullptr); }
+void TraceCapture::Install() {
+  BlobringHostSetTraceSink(TakeLine, nullptr);
+}
 
 void TraceCapture::Add(TraceLine line) {
   // The last line says how it ended, so that one is never the one to go.

@@ -45,7 +45,7 @@ void AddInit(CLI::App& app, CommandLine& line) {
   CLI::App* init = app.add_subcommand("init", "make a store");
   init->add_option("STORE", line.init.store, "the store's directory, made if need be")->required();
   init->add_option("--slots", line.init.slotCount, "slots, each a pack and a journal (default 2)")
-      ->check(CLI::PositiveNumber);
+      ->check(CLI::Range(size_t{1}, tool::kMaxSlots));
   init->add_option("--pack-dir", line.init.packDirs, "where packs go instead; repeated, for the slots in turn")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
@@ -53,18 +53,17 @@ void AddInit(CLI::App& app, CommandLine& line) {
 }
 
 void AddBlobCommands(CLI::App& app, CommandLine& line) {
-  line.Add(app, "put", "store files and print their hashes", [&](const Layout& at) {
-        return tool::Put(at, line.files);
-      })->add_option("FILE", line.files, "files to store; standard input without any, or for -");
+  line.Add(app, "put", "store files and print their hashes",
+           [&](const Layout& at) { return tool::Put(at, line.files); })
+      ->add_option("FILE", line.files, "files to store; standard input without any, or for -");
 
   CLI::App* get = line.Add(app, "get", "write a blob to standard output or a file",
                            [&](const Layout& at) { return tool::Get(at, line.hash, line.output); });
   get->add_option("HASH", line.hash, "the blob's hash, 32 hexadecimal digits")->required();
   get->add_option("-o,--output", line.output, "the file to write; one that exists is replaced");
 
-  line.Add(app, "ls", "print the hashes of all blobs", [&](const Layout& at) {
-        return tool::List(at, line.longForm);
-      })->add_flag("-l,--long", line.longForm, "print sizes as well");
+  line.Add(app, "ls", "print the hashes of all blobs", [&](const Layout& at) { return tool::List(at, line.longForm); })
+      ->add_flag("-l,--long", line.longForm, "print sizes as well");
 
   line.Add(app, "rm", "delete blobs", [&](const Layout& at) { return tool::Remove(at, line.hashes); })
       ->add_option("HASH", line.hashes, "the blobs' hashes")

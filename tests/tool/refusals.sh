@@ -4,7 +4,6 @@
 
 blobring init s 2>/dev/null
 abc=$(printf abc | blobring put s)
-absent=00000000000000000000000000000000
 mkdir plain used
 echo mine >used/f
 echo "$abc  f" >good
@@ -29,13 +28,13 @@ done <<'ROWS'
 2 no.hash rm s $abc 0123456789abcdef0123456789abcdeg
 2 not.expected ls s surplus
 2 not.expected ls s --slots 3
-2 Number init x --slots 0
+2 in.range.1.to.1000 init x --slots 0
 2 more.than.1.slots init x --slots 1 --pack-dir a --pack-dir b
 2 cannot.be.changed init s --slots 3
 2 cannot.be.changed init s --pack-dir used
 1 blobring.init ls plain
 1 blobring.init put nowhere used/f
-1 has.no.blob get s $absent
+1 has.no.blob get s 00000000000000000000000000000000
 1 No.such.file put s nowhere
 1 directory.*import put s used
 1 No.such.file import s nowhere
@@ -82,13 +81,14 @@ same "$(grep -c "^$(md5sum <tree/good | cut -c-32)$" expect.out)" 1
 
 # One process at a time: the first waits for its pipe with the store open.
 mkfifo pipe
-blobring put s pipe >held &
-until "$tool" ls s 2>&1 >/dev/null | grep -q "another process"; do
-  kill -0 $! || fail "the first process is gone"
+blobring put s pipe >held 2>&1 &
+first=$!
+until grep -q "another process" <(blobring ls s 2>&1); do
+  kill -0 $first || fail "the first process is gone"
 done
 expect 1 "another process has the store open; wait" put s good
 printf xyz >pipe
-wait $!
+wait $first || fail "the first process failed: $(cat held)"
 same "$(cat held)" "$(printf xyz | md5sum | cut -c-32)"
 same "$(blobring get s "$(cat held)")" xyz
 

@@ -6,10 +6,12 @@ export LC_ALL=C
 tool=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
+set -E
+trap 'echo "FAILED, $0 line $LINENO: $BASH_COMMAND" >&2' ERR
 cd "$work"
 
 fail() {
-  echo "FAILED, line ${BASH_LINENO[1]}: $*" >&2
+  echo "FAILED, line ${BASH_LINENO[-2]}: $*" >&2
   exit 1
 }
 
@@ -34,5 +36,5 @@ figure() { blobring stat "$1" | awk -v name="$2" '$1 == name { print $2; exit }'
 flip_byte() {
   local byte
   byte=$(od -An -tu1 -j "$2" -N 1 "$1")
-  printf "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+  printf '%b' "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
