@@ -17,26 +17,23 @@ constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 
 BatchWriter::BatchWriter(Store& store, Lines lines) : store_(store), lines_(std::move(lines)) {}
 
-bool BatchWriter::Add(const Hash& hash, Bytes data, const std::string& line) {
-  const bool isNew = !pending_.contains(hash) && !store_.SizeOf(hash);
-  if (isNew) {
-    if (!std::exchange(open_, true)) store_.Begin();
-    try {
-      store_.Put(hash, data);
-    } catch (const Fault&) {
-      try {
-        Commit();
-      } catch (const Fault& second) {
-        Say(second.what());
-      }
-      throw;
-    }
-    pending_.insert(hash);
-    pendingBytes_ += data.size();
-  }
-  pendingLines_ += line;
+BatchWriter::Added BatchWriter::Add(Bytes data, const std::string& name) {
   if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
-  return isNew;
+  if (!std::exchange(open_, true)) store_.Begin();
+  try {
+    const Hash hash = store_.Put(data, name);
+    // The store finds committed blobs only.
+    const bool isNew = !store_.SizeOf(hash) && pending_.insert(hash).second;
+    if (isNew) pendingBytes_ += data.size();
+    return {hash, isNew};
+  } catch (const Fault&) {
+    try {
+      Commit();
+    } catch (const Fault& second) {
+      Say(second.what());
+    }
+    throw;
+  }
 }
 
 void BatchWriter::Commit() {

@@ -18,12 +18,21 @@ class BatchWriter {
  public:
   using Lines = std::function<void(std::string_view)>;
 
+  struct Added {
+    Hash hash;
+    bool isNew;  // the store did not have it
+  };
+
   // The store must outlive this. `lines` gets whole lines, in order.
   BatchWriter(Store& store, Lines lines);
 
-  // Puts a blob unless the store has it. Returns whether it was new. Throws
-  // Fault; what was added before has then been committed if that was possible.
-  bool Add(const Hash& hash, Bytes data, const std::string& line);
+  // Puts a blob, after a commit when enough has come together; messages call
+  // it `name`. Throws Fault; what was added before has then been committed if
+  // that was possible.
+  Added Add(Bytes data, const std::string& name);
+
+  // A line about the blob added last.
+  void AddLine(std::string_view line) { pendingLines_ += line; }
 
   // Commits what was added. To be called at the end.
   void Commit();

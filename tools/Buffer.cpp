@@ -74,7 +74,7 @@ SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
     const struct stat before = StatOf(fd.get(), path);
     if (!S_ISREG(before.st_mode)) throw Fault(fmt::format("cannot read {}: it is no longer a regular file", path));
     if (static_cast<uint64_t>(before.st_size) > kMaxBlobSize) ThrowTooLarge(path);
-    if (::lseek(fd.get(), 0, SEEK_SET) < 0) ThrowErrno("read " + path);
+    if (attempt > 0 && ::lseek(fd.get(), 0, SEEK_SET) < 0) ThrowErrno("read " + path);
     source.bytes = ReadToEnd(fd.get(), static_cast<uint64_t>(before.st_size), buffer, path);
     const struct stat after = StatOf(fd.get(), path);
     // Files of /proc and the like say 0 bytes and hold more: no sign of a change.

@@ -114,8 +114,7 @@ ExitStatus Put(const Layout& layout, const std::vector<std::string>& files) {
       status = kFault;
       continue;
     }
-    const Hash hash = Hash::Of(bytes);
-    writer.Add(hash, bytes, hash.Text() + "\n");
+    writer.AddLine(writer.Add(bytes, file).hash.Text() + "\n");
   }
   writer.Commit();
   return status;

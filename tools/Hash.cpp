@@ -17,12 +17,6 @@ int ValueOf(char digit) {
 
 }  // namespace
 
-Hash Hash::Of(Bytes data) {
-  Hash hash;
-  BCMD5ChkSum(data.data(), static_cast<unsigned>(data.size()), hash.bytes.data());
-  return hash;
-}
-
 std::optional<Hash> Hash::Parse(std::string_view text) {
   if (text.size() != kHashTextSize) return std::nullopt;
   Hash hash;

@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "blobring/blobring.h"
-#include "tools/Fd.h"
 
 namespace tool {
 
@@ -17,8 +16,6 @@ constexpr size_t kHashTextSize = size_t{2} * BLOBRING_HASH_SIZE;
 // The MD5 digest (RFC 1321) of a blob's bytes.
 struct Hash {
   std::array<unsigned char, BLOBRING_HASH_SIZE> bytes = {};
-
-  static Hash Of(Bytes data);
 
   // Reads 32 hexadecimal digits of either case, and nothing else.
   static std::optional<Hash> Parse(std::string_view text);

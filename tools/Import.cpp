@@ -74,9 +74,10 @@ void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& bu
     ++totals.changedCount;
     Say(fmt::format("{} changed while it was read; stored as it was read last", tree.PathOf(file)));
   }
-  const Hash hash = Hash::Of(source.bytes);
+  const BatchWriter::Added added = writer.Add(source.bytes, tree.PathOf(file));
   // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
-  if (writer.Add(hash, source.bytes, ManifestLine({hash, "./" + file.name}))) {
+  writer.AddLine(ManifestLine({added.hash, "./" + file.name}));
+  if (added.isNew) {
     ++totals.newCount;
     totals.newBytes += source.bytes.size();
   }

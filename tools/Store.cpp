@@ -21,12 +21,9 @@ std::u16string Widen(const std::string& path) {
   return wide;
 }
 
-// The library takes pointers to what it does not change.
+// The library's pointers to hashes are not const, though it changes none.
 unsigned char* Mutable(const Hash& hash) {
   return const_cast<unsigned char*>(hash.bytes.data());
-}
-unsigned char* Mutable(Bytes data) {
-  return const_cast<unsigned char*>(data.data());
 }
 
 // Runs one call of the library. Throws Fault("cannot <action>: <reason>") when
@@ -146,9 +143,11 @@ void Store::Begin() {
   Checked("start a transaction", [&] { return BCStartTransaction(index_, &transactionId_); });
 }
 
-void Store::Put(const Hash& hash, Bytes data) {
-  Checked("store the blob " + hash.Text(),
-          [&] { return BCStore(index_, Mutable(hash), Mutable(data), static_cast<int>(data.size())); });
+Hash Store::Put(Bytes data, const std::string& name) {
+  Hash hash;
+  Checked("store " + name,
+          [&] { return BCPut(index_, data.data(), static_cast<int>(data.size()), hash.bytes.data()); });
+  return hash;
 }
 
 void Store::Delete(const Hash& hash) {

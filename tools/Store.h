@@ -43,9 +43,10 @@ class Store {
 
   void Begin();
 
-  // `hash` must be that of `data`. After a Fault what was put before can still
-  // be committed.
-  void Put(const Hash& hash, Bytes data);
+  // Stores a blob that is not there yet and returns its hash; messages call
+  // it `name`. After a Fault what was put before can still be committed.
+  Hash Put(Bytes data, const std::string& name);
+
   void Delete(const Hash& hash);
   void Commit();
 
