@@ -12,13 +12,14 @@ namespace {
 // that an interrupted import has lost little.
 constexpr size_t kMaxBlobs = 1000;
 constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
+constexpr size_t kMaxLineBytes = size_t{1024} * 1024;
 
 }  // namespace
 
 BatchWriter::BatchWriter(Store& store, Lines lines) : store_(store), lines_(std::move(lines)) {}
 
 BatchWriter::Added BatchWriter::Add(Bytes data, const std::string& name) {
-  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
+  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes || pendingLines_.size() >= kMaxLineBytes) Commit();
   if (!std::exchange(open_, true)) store_.Begin();
   try {
     const Hash hash = store_.Put(data, name);

@@ -36,7 +36,7 @@ Bytes ReadToEnd(int fd, uint64_t expected, Buffer& buffer, const std::string& pa
   buffer.Reserve(static_cast<size_t>(expected) + 1);
   for (;;) {
     if (size > kMaxBlobSize) ThrowTooLarge(path);
-    if (size == buffer.capacity()) buffer.Reserve(std::max(kFirstReadSize, size * 2));
+    if (size == buffer.capacity()) buffer.Reserve(std::clamp(size * 2, kFirstReadSize, size_t{kMaxBlobSize} + 1));
     const size_t got = ReadSome(fd, buffer.data() + size, buffer.capacity() - size, path);
     if (got == 0) return {buffer.data(), size};
     size += got;

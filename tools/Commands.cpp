@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <set>
 
@@ -141,8 +142,8 @@ ExitStatus List(const Layout& layout, bool longForm) {
 }
 
 ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes) {
-  std::vector<Hash> keys;
-  for (const std::string& hash : hashes) keys.push_back(ParseHash(hash));
+  std::vector<Hash> keys(hashes.size());
+  std::transform(hashes.begin(), hashes.end(), keys.begin(), ParseHash);
   Store store(layout);
   store.Begin();
   uint64_t absentCount = 0;
@@ -151,7 +152,7 @@ ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes) 
       store.Delete(key);
     } else {
       ++absentCount;
-      Say(fmt::format("the store {} has no blob {}", layout.store(), key.Text()));
+      Say(fmt::format("{} has no blob {}", layout.store(), key.Text()));
     }
   }
   store.Commit();
@@ -168,17 +169,17 @@ ExitStatus Check(const Layout& layout) {
   for (const std::string& path : FilesSetAside(layout))
     Say(fmt::format("{} was set aside because it was damaged; what is lost may be in it", path));
   const bool sound = faults.empty() && !store.damaged();
-  Say(sound ? "every blob is sound" : "the store is damaged; export what can be read, restore the rest from a backup");
+  Say(sound ? "every blob is sound" : "the store is damaged; restore it from a backup, or export what can be read");
   return sound ? kSuccess : kFault;
 }
 
-ExitStatus Repack(const Layout& layout) {
+ExitStatus Repack(const Layout& layout, bool force) {
   Store store(layout);
   const Statistics before = Statistics::Of(store);
   Say(fmt::format("repacking {}, {}", Count(before.blobCount, "blob"), HumanSize(before.liveBytes)));
-  store.Repack();
+  store.Repack(force ? Store::Force::kDespiteDamage : Store::Force::kNo);
   const Statistics after = Statistics::Of(store);
-  Say(fmt::format("slot {} is current (sequence {}); {} of records are no longer carried along", after.currentSlot,
+  Say(fmt::format("slot {} is current (sequence {}); {} of dead records were left behind", after.currentSlot,
                   after.sequence, HumanSize(before.deadBytes)));
   return kSuccess;
 }

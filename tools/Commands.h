@@ -37,6 +37,9 @@ ExitStatus List(const Layout& layout, bool longForm);
 ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes);
 
 ExitStatus Check(const Layout& layout);
-ExitStatus Repack(const Layout& layout);
+
+// `force`: even when loading found damage, so that what can be read goes on as
+// a sound store and what cannot be read is given up.
+ExitStatus Repack(const Layout& layout, bool force);
 
 }  // namespace tool

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <optional>
 #include <vector>
 
 #include "tools/Console.h"
@@ -10,6 +11,24 @@
 #include "tools/TargetTree.h"
 
 namespace tool {
+namespace {
+
+// Restores one file. Returns its size, or nothing after saying why not.
+std::optional<uint64_t> Restore(const ManifestEntry& entry, StagedFile::Existing existing, Store& store,
+                                TargetTree& target, Buffer& buffer) {
+  std::string what = entry.name + ": ";
+  try {
+    const Bytes blob = store.Get(entry.hash, buffer);
+    what.clear();  // the target's messages name the file themselves
+    target.Write(entry.name, blob, existing);
+    return blob.size();
+  } catch (const Fault& fault) {
+    Say(what + fault.what());
+    return std::nullopt;
+  }
+}
+
+}  // namespace
 
 ExitStatus Export(const Layout& layout, const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
@@ -28,17 +47,10 @@ ExitStatus Export(const Layout& layout, const ExportOptions& options) {
   uint64_t failureCount = 0;
   Progress progress("restoring", entries.size(), 0);
   for (const ManifestEntry& entry : entries) {
-    uint64_t size = 0;
-    try {
-      const Bytes blob = store.Get(entry.hash, buffer);
-      target.Write(entry.name, blob, existing);
-      size = blob.size();
-    } catch (const Fault& fault) {
-      ++failureCount;
-      Say(fmt::format("{}: {}", entry.name, fault.what()));
-    }
-    byteCount += size;
-    progress.Advance(size);
+    const std::optional<uint64_t> size = Restore(entry, existing, store, target, buffer);
+    if (!size) ++failureCount;
+    byteCount += size.value_or(0);
+    progress.Advance(size.value_or(0));
   }
   target.Sync();
   Say(fmt::format("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"), HumanSize(byteCount),

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <compare>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,7 +22,7 @@ struct Hash {
   // 32 lower-case hexadecimal digits.
   std::string Text() const;
 
-  auto operator<=>(const Hash&) const = default;
+  bool operator<(const Hash& other) const { return bytes < other.bytes; }
 };
 
 }  // namespace tool

@@ -40,7 +40,7 @@ class Lister {
     if (code) Unreadable(name, code.message());
     std::sort(entries.begin(), entries.end());
     const size_t bottom = waiting.size();
-    for (const std::string& entry : entries) Take(name.empty() ? entry : name + "/" + entry, waiting);
+    for (const std::string& entry : entries) Take(fmt::format("{}{}{}", name, name.empty() ? "" : "/", entry), waiting);
     std::reverse(waiting.begin() + static_cast<std::ptrdiff_t>(bottom), waiting.end());
   }
 

@@ -54,6 +54,7 @@ Statistics Statistics::Of(const Store& store) {
 ExitStatus PrintStatistics(const Layout& layout) {
   const Store store(layout);
   const Statistics statistics = Statistics::Of(store);
+  if (store.damaged()) Say("current, sequence and dead are what the headers claim; a pack was passed over or cut");
   std::string text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", layout.slotCount(),
                                  statistics.currentSlot, statistics.sequence, statistics.blobCount);
   text += fmt::format("live      {} ({})\n", statistics.liveBytes, HumanSize(statistics.liveBytes));

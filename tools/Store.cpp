@@ -90,8 +90,8 @@ void Store::Load(const std::string& action) {
 void Store::RefuseWhenDamaged() const {
   if (damaged_)
     throw Fault(
-        fmt::format("the store {} is damaged (see above) and takes no changes while this is reported; export "
-                    "what can be read and restore the rest from a backup",
+        fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: restore "
+                    "it from a backup, or go on with what can be read by `blobring repack --force {0}`",
                     layout_.store()));
 }
 
@@ -111,7 +111,7 @@ std::optional<uint32_t> Store::SizeOf(const Hash& hash) const {
 Bytes Store::Get(const Hash& hash, Buffer& buffer) {
   // BCGet takes an absent hash or a wrong size for a fault of the whole store.
   const std::optional<uint32_t> size = SizeOf(hash);
-  if (!size) throw Fault(fmt::format("the store {} has no blob {}", layout_.store(), hash.Text()));
+  if (!size) throw Fault(fmt::format("{} has no blob {}", layout_.store(), hash.Text()));
   unsigned char* to = buffer.Reserve(std::max<size_t>(*size, 1));
   try {
     Checked(
@@ -158,8 +158,8 @@ void Store::Commit() {
   Checked("commit", [&] { return BCEndTransaction(index_, &transactionId_); });
 }
 
-void Store::Repack() {
-  RefuseWhenDamaged();
+void Store::Repack(Force force) {
+  if (force == Force::kNo) RefuseWhenDamaged();
   Checked("repack the store " + layout_.store(), [&] { return BCRepack(index_); });
 }
 

@@ -17,8 +17,9 @@ namespace tool {
 // library's own words and what to do next. One caller at a time.
 //
 // Damage: the library never deletes what it cannot read, and loads what is left.
-// Reading goes on with that; Begin() and Repack() refuse, so that nothing is
-// written over damage before somebody has seen the messages.
+// Reading goes on with that; changes are refused, so that nothing is written
+// over damage before somebody has seen the messages. A forced Repack() makes a
+// sound store of what can be read.
 class Store {
  public:
   enum class Files { kMustExist, kMayBeMade };
@@ -50,7 +51,8 @@ class Store {
   void Delete(const Hash& hash);
   void Commit();
 
-  void Repack();
+  enum class Force { kNo, kDespiteDamage };
+  void Repack(Force force);
 
   // Reads every blob. Returns what is wrong, in the library's words; nothing
   // when all is sound.

@@ -65,7 +65,7 @@ void TargetTree::Write(const std::string& name, Bytes data, StagedFile::Existing
   parts.pop_back();
   std::string parent;
   for (const std::string& part : parts) parent += (parent.empty() ? "" : "/") + part;
-  StagedFile file(OpenParent(parent), last, root_ + "/" + name);
+  StagedFile file(OpenParent(parent), last, fmt::format("{}/{}{}{}", root_, parent, parent.empty() ? "" : "/", last));
   file.Write(data);
   file.Publish(existing);
 }

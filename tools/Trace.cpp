@@ -1,5 +1,7 @@
 #include "tools/Trace.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -71,10 +73,10 @@ void TraceCapture::Add(TraceLine line) {
 
 std::string TraceCapture::Reason() const {
   if (lines_.empty()) return "no reason was given";
-  std::string reason = lines_.back().text;
+  const std::string& reason = lines_.back().text;
   for (const TraceLine& line : lines_) {
     const std::string advice = AdviceFor(line.text);
-    if (!advice.empty()) return reason + "; " + advice;
+    if (!advice.empty()) return fmt::format("{}; {}", reason, advice);
   }
   return reason;
 }

@@ -29,6 +29,7 @@ struct CommandLine {
   std::string hash;
   std::string output;
   bool longForm = false;
+  bool force = false;
   std::function<ExitStatus()> run;
 
   // Every command but init works on a store that is there.
@@ -87,7 +88,9 @@ void AddTreeCommands(CLI::App& app, CommandLine& line) {
 void AddStoreCommands(CLI::App& app, CommandLine& line) {
   line.Add(app, "stat", "print how full the store and its files are", tool::PrintStatistics);
   line.Add(app, "fsck", "check every blob against its hash", tool::Check);
-  line.Add(app, "repack", "copy all blobs into the next slot, without what was deleted", tool::Repack);
+  line.Add(app, "repack", "copy all blobs into the next slot, without what was deleted",
+           [&](const Layout& at) { return tool::Repack(at, line.force); })
+      ->add_flag("--force", line.force, "even when the store is damaged: go on with what can be read");
 }
 
 int Run(int argc, char** argv) {

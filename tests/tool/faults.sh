@@ -22,13 +22,13 @@ blobring init full 2>/dev/null
 for i in 1 2 3; do head -c 100000 /dev/urandom >"part$i"; done
 blobring put full part1 >printed
 status=0
-(trap '' XFSZ; ulimit -f 250; blobring put full part2 part3 >more 2>error) || status=$?
-same "$status $(wc -l <more)" "1 0"
+(trap '' XFSZ; ulimit -f 250; blobring put full part2 part3 >printed2 2>error) || status=$?
+same "$status $(wc -l <printed2)" "1 0"
 grep -q "cannot commit: .*may not grow further" error || fail "$(cat error)"
 expect 0 "every blob is sound" fsck full
 same "$(blobring ls full)" "$(cat printed)"
-blobring put full part2 part3 >more
-same "$(cat more)" "$(md5sum part2 part3 | cut -c-32)"
+blobring put full part2 part3 >printed2
+same "$(cat printed2)" "$(md5sum part2 part3 | cut -c-32)"
 blobring get full "$(head -1 printed)" >/dev/full 2>error && fail "a full disk went unseen"
 grep -q "standard output: No space left" error || fail "$(cat error)"
 blobring get full "$(head -1 printed)" -o - | cmp - part1
@@ -59,6 +59,10 @@ expect 1 "takes no changes" put gone part1
 expect 1 "takes no changes" repack gone
 expect 1 "damage" fsck gone
 cmp gone/1.pak before.pak
+expect 0 "slot 1 is current .sequence 1." repack --force gone
+expect 0 "every blob is sound" fsck gone
+blobring put gone part1 >/dev/null
+same "$(blobring get gone "$abc")" abc
 
 # The last transaction of a journal is damaged: said once, set aside, then usable.
 blobring init tail 2>/dev/null
