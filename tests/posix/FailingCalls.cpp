@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 FailingCalls failing;
 
@@ -24,6 +25,10 @@ int Sync(const char* what, int file, int error, Real real) {
   if (error == 0) return real(file);
   errno = error;
   return -1;
+}
+
+void RunBeforeRename() {
+  if (const auto hook = std::exchange(failing.beforeRename, nullptr)) hook();
 }
 
 template <typename Buffer>
@@ -51,6 +56,7 @@ int __real_fsync(int file);
 ssize_t __real_pread(int file, void* buffer, size_t size, off_t offset);
 ssize_t __real_pwrite(int file, const void* buffer, size_t size, off_t offset);
 int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags);
+int __real_rename(const char* from, const char* to);
 int __real_posix_fadvise(int file, off_t offset, off_t length, int advice);
 
 int __wrap_fdatasync(int file) {
@@ -86,7 +92,13 @@ int __wrap_posix_fadvise64(int file, off_t offset, off_t length, int advice) {
   return __wrap_posix_fadvise(file, offset, length, advice);
 }
 
+int __wrap_rename(const char* from, const char* to) {
+  RunBeforeRename();
+  return __real_rename(from, to);
+}
+
 int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) {
+  RunBeforeRename();
   if (failing.renameat2Error == 0) return __real_renameat2(fromDirectory, from, toDirectory, to, flags);
   errno = failing.renameat2Error;
   return -1;
