@@ -188,6 +188,18 @@ void Disk::DropUpdates(int index, bool keepVisible) {
   if (!keepVisible) inode.visible = inode.durable;
 }
 
+void Disk::FlipByte(std::string_view path, std::uint32_t offset) {
+  Inode& inode = At(Lookup(path));
+  for (Bytes* bytes : {&inode.durable, &inode.visible})
+    if (offset < bytes->size()) (*bytes)[offset] = static_cast<std::uint8_t>(~(*bytes)[offset]);
+}
+
+void Disk::CutOff(std::string_view path, std::uint32_t length) {
+  Inode& inode = At(Lookup(path));
+  for (Bytes* bytes : {&inode.durable, &inode.visible})
+    if (length < bytes->size()) bytes->resize(length);
+}
+
 void Disk::LoseUnflushed() {
   for (Name& name : names_) {
     name.visible = name.durable;

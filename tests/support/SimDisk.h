@@ -98,6 +98,11 @@ class Disk {
   // (keepVisible) still what was written.
   void DropUpdates(int inode, bool keepVisible);
 
+  // Damage to the medium itself: every bit of one byte turned over, the rest
+  // of the file gone.
+  void FlipByte(std::string_view path, std::uint32_t offset);
+  void CutOff(std::string_view path, std::uint32_t length);
+
   // Everything that was not flushed is lost.
   void LoseUnflushed();
 
