@@ -25,8 +25,9 @@ struct Universe {
       Blob& blob = blobs[static_cast<std::size_t>(id)];
       Random random(static_cast<std::uint64_t>(id) + 1000);
       // Blob 0 is the empty one, and blob 1 a single byte.
-      const std::size_t size = id < 2 ? static_cast<std::size_t>(id)
-                                      : static_cast<std::size_t>(kSizes[static_cast<std::size_t>(id) % std::size(kSizes)]);
+      const std::size_t size = id < 2
+                                   ? static_cast<std::size_t>(id)
+                                   : static_cast<std::size_t>(kSizes[static_cast<std::size_t>(id) % std::size(kSizes)]);
       blob.data.resize(size);
       for (unsigned char& byte : blob.data) byte = static_cast<unsigned char>(random.Next());
       if (BCMD5ChkSumInt(blob.data.data(), static_cast<unsigned>(size), blob.hash) != 1)
@@ -44,7 +45,16 @@ Universe& TheUniverse() {
 
 }  // namespace
 
-Blob& BlobOf(int blob) { return TheUniverse().blobs[static_cast<std::size_t>(blob)]; }
+Blob& BlobOf(int blob) {
+  return TheUniverse().blobs[static_cast<std::size_t>(blob)];
+}
+
+std::string Names(Mask blobs) {
+  std::string text = "{";
+  for (int id = 0; id < kAllBlobs; ++id)
+    if ((blobs & Bit(id)) != 0) text.append(text.size() > 1 ? " " : "").append(std::to_string(id));
+  return text + "}";
+}
 
 int BlobOfHash(const unsigned char* hash) {
   Universe& universe = TheUniverse();

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <vector>
 
 namespace explore {
@@ -22,11 +23,16 @@ struct Blob {
   int size() const { return static_cast<int>(data.size()); }
 };
 
-constexpr Mask Bit(int blob) { return Mask{1} << blob; }
+constexpr Mask Bit(int blob) {
+  return Mask{1} << blob;
+}
 // Writable, for the exported functions take pointers to non-const.
 Blob& BlobOf(int blob);
 // The blob of a hash; -1: none of ours.
 int BlobOfHash(const unsigned char* hash);
+
+// "{0 4 17}".
+std::string Names(Mask blobs);
 
 // Deterministic random numbers (SplitMix64, Steele, Lea and Flood, 2014).
 class Random {

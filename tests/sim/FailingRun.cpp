@@ -17,9 +17,12 @@ bool FailingRun::FailedNow() const {
 
 void FailingRun::Arm(std::uint64_t n) {
   switch (plan_.kind) {
-    case Plan::Kind::Call: return Files().faults.FailCall(n, plan_.fault, plan_.fromThenOn);
-    case Plan::Kind::Alloc: return Memory().RefuseAlloc(n, plan_.fromThenOn);
-    case Plan::Kind::Free: return Memory().RefuseFree(n, plan_.fromThenOn);
+    case Plan::Kind::Call:
+      return Files().faults.FailCall(n, plan_.fault, plan_.fromThenOn);
+    case Plan::Kind::Alloc:
+      return Memory().RefuseAlloc(n, plan_.fromThenOn);
+    case Plan::Kind::Free:
+      return Memory().RefuseFree(n, plan_.fromThenOn);
   }
 }
 
@@ -47,6 +50,16 @@ void FailingRun::ExpectSaidSo(const char* call) const {
 
 void FailingRun::ExpectShown() {
   if (session_.List() != shown_) throw Violation{"the index does not show what was committed"};
+}
+
+bool FailingRun::Allows(Mask contents) const {
+  return erased_ || std::find(allowed_.begin(), allowed_.end(), contents) != allowed_.end();
+}
+
+std::string FailingRun::Difference(Mask contents) const {
+  std::string text = ": holds " + Names(contents) + ", not";
+  for (const Mask allowed : allowed_) text.append(" ").append(Names(allowed));
+  return text;
 }
 
 // ---- Opening --------------------------------------------------------------------
@@ -78,8 +91,8 @@ bool FailingRun::OpenStore() {
       shown_ = working_ = session_.List();
       changed_ = false;
       if (erased_) allowed_ = {shown_};
-      if (std::find(allowed_.begin(), allowed_.end(), shown_) == allowed_.end())
-        throw Violation{"opened again, the store does not hold what was acknowledged"};
+      if (!Allows(shown_))
+        throw Violation{"opened again, the store does not hold what was acknowledged" + Difference(shown_)};
       return true;
     }
     Excuse("opening");
@@ -99,21 +112,30 @@ bool FailingRun::Reopen() {
 bool FailingRun::Do(const Step& step) {
   Files().faults.StartOp();
   switch (step.kind) {
-    case 'S': return DoStart();
+    case 'S':
+      return DoStart();
     case '+':
     case '*':
-    case '-': DoChange(step); return true;
-    case 'E': return DoEnd();
-    case 'R': return DoRepack();
-    case 'G': return DoRead();
+    case '-':
+      DoChange(step);
+      return true;
+    case 'E':
+      return DoEnd();
+    case 'R':
+      return DoRepack();
+    case 'G':
+      return DoRead();
     case 'K':
     case 'C':
-      if (step.kind == 'K') Files().Kill();
-      else Files().CutPower();
+      if (step.kind == 'K')
+        Files().Kill();
+      else
+        Files().CutPower();
       session_.Dispose();
       Files().Restart();
       return OpenStore();
-    default: return Reopen();
+    default:
+      return Reopen();
   }
 }
 
@@ -137,15 +159,19 @@ void FailingRun::DoChange(const Step& step) {
   if (!done) Excuse("a change");
   if (!done && plan_.policy == Policy::AskAgain) done = change();
   if (!done) return;
-  const Mask before = working_;
-  if (step.kind == '-') working_ &= ~Bit(step.argument);
-  else working_ |= Bit(step.argument);
-  changed_ = changed_ || working_ != before;
+  const bool present = (working_ & Bit(step.argument)) != 0;
+  changed_ = changed_ || present == (step.kind == '-');
+  if (step.kind == '-')
+    working_ &= ~Bit(step.argument);
+  else
+    working_ |= Bit(step.argument);
 }
 
 void FailingRun::Committed() {
   shown_ = working_;
-  allowed_ = {shown_};
+  // A transaction without a change writes nothing, and leaves a commit that
+  // failed before it in doubt.
+  if (changed_) allowed_ = {shown_};
   changed_ = false;
   ExpectShown();
 }
@@ -210,8 +236,7 @@ void FailingRun::CheckDisk(const sim::Image& image, const char* when) {
     Session session(workload_.slots, plan_.keep);
     session.Open();
     Mask contents = session.ExpectSound();
-    if (!erased_ && std::find(allowed_.begin(), allowed_.end(), contents) == allowed_.end())
-      throw Violation{"the disk does not hold what was acknowledged"};
+    if (!Allows(contents)) throw Violation{"the disk does not hold what was acknowledged" + Difference(contents)};
     if (!session.Start(1) || !session.Store(kProbe) || !session.End(1)) throw Violation{"a new commit fails"};
     contents |= Bit(kProbe);
     Files().CutPower();

@@ -38,7 +38,8 @@ void FaultRuns::Run(FailingRun& run) {
   } catch (const Violation& violation) {
     sim::Files().Kill();
     sim::Files().Restart();
-    if (texts_.insert(violation.text).second) findings_.push_back({Token(), violation.text});
+    if (texts_.insert(violation.text.substr(0, violation.text.find('{'))).second)
+      findings_.push_back({Token(), violation.text});
   }
 }
 

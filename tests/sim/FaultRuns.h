@@ -62,6 +62,8 @@ class FailingRun {
   void Excuse(const char* call) const;
   void ExpectSaidSo(const char* call) const;
   void ExpectShown();
+  bool Allows(Mask contents) const;
+  std::string Difference(Mask contents) const;
   void CheckMoment();
   void CheckDisk(const sim::Image& image, const char* when);
   void Finish();
@@ -74,8 +76,8 @@ class FailingRun {
   Mask shown_ = 0;                // what this process must see
   Mask working_ = 0;
   bool changed_ = false;
-  bool failed_ = false;   // before the plan was armed anew
-  bool erased_ = false;   // a load failed, and may have erased the store
+  bool failed_ = false;  // before the plan was armed anew
+  bool erased_ = false;  // a load failed, and may have erased the store
   static constexpr int kCheckedSteps = 3;
   int checked_ = 0;  // steps after which the disk was checked, from the failure on
   std::size_t memoryBefore_ = 0;
@@ -107,7 +109,7 @@ class FaultRuns {
   Plan plan_;
   std::uint64_t runs_ = 0, faults_ = 0, allocations_ = 0, releases_ = 0;
   std::vector<Finding> findings_;
-  std::set<std::string> texts_;  // one finding for each text
+  std::set<std::string> texts_;  // one finding for each text, without its details
 };
 
 }  // namespace explore

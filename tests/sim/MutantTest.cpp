@@ -16,12 +16,14 @@ struct Mutant {
   PowerCut::Breakage breakage;
 };
 
-std::ostream& operator<<(std::ostream& out, const Mutant& mutant) { return out << mutant.what; }
+std::ostream& operator<<(std::ostream& out, const Mutant& mutant) {
+  return out << mutant.what;
+}
 
 constexpr char kCommits[] = "2: S +4 E S +6 E S +8 E";
 // The files of a slot are used again, with records of the same sizes: what an
 // earlier life left there reads as if it belonged.
-constexpr char kJournalUsedAgain[] = 
+constexpr char kJournalUsedAgain[] =
     "2: S +4 E S +6 E S +9 E S +11 E S +13 E R S -4 -6 -9 -11 -13 E R S +14 E S +17 E S +19 E S +22 E S +24 E";
 constexpr char kPackUsedAgain[] = "2: S +4 +6 E R R R S -4 -6 +9 +14 E R S +17 E";
 constexpr char kOneSlot[] = "1: S +4 E R S +6 -4 E R S +9 E R";

@@ -29,13 +29,6 @@ sim::Choices ParseChoices(const std::string& text) {
   return choices;
 }
 
-std::string Names(Mask blobs) {
-  std::string text = "{";
-  for (int id = 0; id < kAllBlobs; ++id)
-    if ((blobs & Bit(id)) != 0) text.append(text.size() > 1 ? " " : "").append(std::to_string(id));
-  return text + "}";
-}
-
 }  // namespace
 
 bool HashSet::Insert(std::uint64_t hash) {
@@ -140,8 +133,10 @@ void PowerCut::ExploreMoment(int level) {
   at.states.Assign(at.moments[at.momentAt].disk);
   at.choices.assign(at.states.units(), 0);
   const std::uint64_t limit = level == 0 ? limits_.exhaustive : limits_.nestedExhaustive;
-  if (at.states.Count(limit + 1) <= limit) ExploreAll(level);
-  else ExploreSample(level);
+  if (at.states.Count(limit + 1) <= limit)
+    ExploreAll(level);
+  else
+    ExploreSample(level);
   if (level == 0 && at.states.units() > 0) TryKilled(level);
 }
 
@@ -185,11 +180,10 @@ void PowerCut::TryChoices(int level) {
   if (Full()) return;
   at.states.Build(at.choices, at.image);
   const Allowed& allowed = at.moments[at.momentAt].allowed;
-  const std::uint64_t hash = Random(sim::Hash(at.image) ^ Random(allowed.committed).Next() * 3 ^
-                                    Random(allowed.inFlight).Next() * 5 ^
-                                    Random(allowed.inDoubt).Next() * 7 ^
-                                    static_cast<unsigned>(2 * slots_ + (keepDamaged_ ? 1 : 0)))
-                                 .Next();
+  const std::uint64_t hash =
+      Random(sim::Hash(at.image) ^ Random(allowed.committed).Next() * 3 ^ Random(allowed.inFlight).Next() * 5 ^
+             Random(allowed.inDoubt).Next() * 7 ^ static_cast<unsigned>(2 * slots_ + (keepDamaged_ ? 1 : 0)))
+          .Next();
   if (!seen_.Insert(hash)) return;
   sim::Files().disk.Load(at.image);
   VerifyAndExplore(level, true, level == 0 && hash % limits_.followUpEvery == 0);
@@ -291,7 +285,9 @@ std::string PowerCut::Token(int level) const {
   return token;
 }
 
-std::string PowerCut::CurrentToken() const { return Token(current_); }
+std::string PowerCut::CurrentToken() const {
+  return Token(current_);
+}
 
 void PowerCut::Report(int level, const std::string& text) {
   findings_.push_back({Token(level), text});

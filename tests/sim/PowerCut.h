@@ -52,8 +52,8 @@ class PowerCut {
     unsigned sample = 96;                      // above: this many at random
     unsigned nestedExhaustive = 64;            // the same for a cut during recovery
     unsigned nestedSample = 12;
-    unsigned followUpEvery = 16;               // one state in so many: cuts in the new commit as well
-    std::size_t findings = 5;                  // stop after so many
+    unsigned followUpEvery = 16;  // one state in so many: cuts in the new commit as well
+    std::size_t findings = 5;     // stop after so many
   };
 
   explicit PowerCut(std::uint64_t seed) : PowerCut(seed, Limits()) {}
@@ -69,10 +69,10 @@ class PowerCut {
   // Broken disks, which stand for a broken store: applied around every step
   // of a kind of the first run, never to what is opened afterwards.
   struct Breakage {
-    char step = ' ';            // the kind of step: 'E' or 'R'
+    char step = ' ';             // the kind of step: 'E' or 'R'
     unsigned lieAboutFlush = 0;  // this flush of the step
-    std::string headerFirst{};  // in files of this suffix
-    std::string neverFlush{};   // files of this suffix
+    std::string headerFirst{};   // in files of this suffix
+    std::string neverFlush{};    // files of this suffix
     bool renameNotSynced = false;
   };
   void Break(const Breakage& breakage) { breakage_ = breakage; }
@@ -95,7 +95,7 @@ class PowerCut {
   struct Level {
     std::vector<Moment> moments;  // the first `count` are in use
     std::size_t count = 0;
-    Allowed allowed;       // of the run that is being watched
+    Allowed allowed;            // of the run that is being watched
     HealthyRun* run = nullptr;  // or where to ask for it
     sim::CrashStates states;
     sim::Choices choices;

@@ -10,7 +10,9 @@ namespace explore {
 
 namespace {
 
-const char16_t* PackDirectory(int slot) { return slot % 2 == 0 ? u"/s" : u"/p"; }
+const char16_t* PackDirectory(int slot) {
+  return slot % 2 == 0 ? u"/s" : u"/p";
+}
 
 // The answer of a call that must not throw, and that knows only no and yes.
 template <typename Function>
@@ -27,8 +29,12 @@ bool YesOrNo(const char* name, Function function) {
 
 }  // namespace
 
-std::string PackPath(int slot) { return (slot % 2 == 0 ? "/s/" : "/p/") + std::to_string(slot) + ".pak"; }
-std::string JournalPath(int slot) { return "/s/" + std::to_string(slot) + ".jrn"; }
+std::string PackPath(int slot) {
+  return (slot % 2 == 0 ? "/s/" : "/p/") + std::to_string(slot) + ".pak";
+}
+std::string JournalPath(int slot) {
+  return "/s/" + std::to_string(slot) + ".jrn";
+}
 
 void FreshMachine() {
   sim::Files().Reset();

@@ -74,25 +74,42 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
        [](Disk& d) { Put(d, "/d/f", 500, 24, 'b'); },
        {"/d/f=a1024", "/d/f=a500b12a512", "/d/f=a512b12a500", "/d/f=a500b24a500"}},
       {"two writes to a sector: in their order",
-       [](Disk& d) { Put(d, "/d/f", 0, 4, 'b'); Put(d, "/d/f", 2, 4, 'c'); },
+       [](Disk& d) {
+         Put(d, "/d/f", 0, 4, 'b');
+         Put(d, "/d/f", 2, 4, 'c');
+       },
        {"/d/f=a1024", "/d/f=b4a1020", "/d/f=b2c4a1018"}},
       {"an append: length and bytes by themselves",
        [](Disk& d) { Put(d, "/d/f", 1024, 3, 'b'); },
        {"/d/f=a1024", "/d/f=a1024.3", "/d/f=a1024b3"}},
       {"flushed between two writes",
-       [](Disk& d) { Put(d, "/d/f", 0, 4, 'b'); d.Flush(d.Lookup("/d/f")); Put(d, "/d/f", 600, 1, 'c'); },
+       [](Disk& d) {
+         Put(d, "/d/f", 0, 4, 'b');
+         d.Flush(d.Lookup("/d/f"));
+         Put(d, "/d/f", 600, 1, 'c');
+       },
        {"/d/f=b4a1020", "/d/f=b4a596c1a423"}},
       {"cut short, then longer: what was cut off never comes back whole",
-       [](Disk& d) { d.Truncate(d.Lookup("/d/f"), 600); Put(d, "/d/f", 700, 1, 'b'); },
+       [](Disk& d) {
+         d.Truncate(d.Lookup("/d/f"), 600);
+         Put(d, "/d/f", 700, 1, 'b');
+       },
        {"/d/f=a1024", "/d/f=a600", "/d/f=a600.424", "/d/f=a701", "/d/f=a600.101", "/d/f=a600.100b1",
         "/d/f=a600.100b1.323"}},
       {"created: there or not", [](Disk& d) { d.Create("/d/g"); }, {"/d/f=a1024", "/d/f=a1024 /d/g=empty"}},
       {"created, its directory synced, its bytes not flushed",
-       [](Disk& d) { d.Create("/d/g"); Put(d, "/d/g", 0, 2, 'b'); d.SyncDirectory("/d"); },
+       [](Disk& d) {
+         d.Create("/d/g");
+         Put(d, "/d/g", 0, 2, 'b');
+         d.SyncDirectory("/d");
+       },
        {"/d/f=a1024 /d/g=empty", "/d/f=a1024 /d/g=.2", "/d/f=a1024 /d/g=b2"}},
       {"deleted: there or not", [](Disk& d) { d.Remove("/d/f"); }, {"/d/f=a1024", "nothing"}},
       {"deleted and made anew: the old, none, or the new",
-       [](Disk& d) { d.Remove("/d/f"); d.Create("/d/f"); },
+       [](Disk& d) {
+         d.Remove("/d/f");
+         d.Create("/d/f");
+       },
        {"/d/f=a1024", "nothing", "/d/f=empty"}},
       {"renamed over, the directory synced",
        [](Disk& d) {
@@ -104,7 +121,11 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
          d.SyncDirectory("/d");
        },
        {"/d/f=b2"}},
-      {"a failed flush took the updates along", [](Disk& d) { Put(d, "/d/f", 0, 4, 'b'); d.DropUpdates(d.Lookup("/d/f"), true); },
+      {"a failed flush took the updates along",
+       [](Disk& d) {
+         Put(d, "/d/f", 0, 4, 'b');
+         d.DropUpdates(d.Lookup("/d/f"), true);
+       },
        {"/d/f=a1024"}},
   };
   for (const Case& c : cases) {

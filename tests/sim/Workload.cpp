@@ -34,6 +34,10 @@ constexpr const char* kScripts[] = {
     "2: S +4 E S +6 E S +9 E J0 S +11 E S +14 E J1 S +17 E R S +19 E S +22 E T0 S +24 E",
     "1: S +4 E S +6 E J1 S +9 E R S +11 E S +14 E S +17 E",
     "3: R R S +4 E S +6 +8 E S +9 E S +6 E S +11 +10 E J0 K S +14 E",
+    // Damage past the first sector, with whole transactions of the same size
+    // after it that the header once counted.
+    "2: S +4 E S +6 E S +9 E S +11 E S +13 E S +14 E J1 S +17 E",
+    "1k: S +4 E S +6 E S +9 E S +11 E S +13 E S +14 E S +17 E J2 S +19 E R",
     // A damaged pack: the generation before it takes over.
     "2: S +4 +6 E R S +9 E P S +11 E R S +14 E G",
     "3: S +4 E S +6 E R S +9 E R S +11 E P S +14 E S +17 E R S +19 E R G",
@@ -63,13 +67,17 @@ Workload Parse(const std::string& text, std::string name) {
 
 }  // namespace
 
-int ScriptCount() { return static_cast<int>(std::size(kScripts)); }
+int ScriptCount() {
+  return static_cast<int>(std::size(kScripts));
+}
 
 Workload Script(int number) {
   return Parse(kScripts[static_cast<std::size_t>(number)], std::string("s").append(std::to_string(number)));
 }
 
-Workload ParseScript(const std::string& text) { return Parse(text, text); }
+Workload ParseScript(const std::string& text) {
+  return Parse(text, text);
+}
 
 Workload RandomWorkload(std::uint64_t seed) {
   Random random(seed);
@@ -86,16 +94,31 @@ Workload RandomWorkload(std::uint64_t seed) {
       workload.steps.push_back({"+++**---"[random.Below(8)], blob()});
     if (random.Below(8) != 0) workload.steps.push_back({'E', 0});
     switch (random.Below(16)) {
-      case 0: case 1: case 2:
+      case 0:
+      case 1:
+      case 2:
         if (workload.steps.back().kind == 'E') workload.steps.push_back({'R', 0});
         break;
-      case 3: workload.steps.push_back({'O', 0}); break;
-      case 4: workload.steps.push_back({'K', 0}); break;
-      case 5: workload.steps.push_back({'C', 0}); break;
-      case 6: workload.steps.push_back({'J', static_cast<int>(random.Below(3))}); break;
-      case 7: workload.steps.push_back({'T', static_cast<int>(random.Below(3))}); break;
-      case 8: workload.steps.push_back({'P', 0}); break;
-      default: break;
+      case 3:
+        workload.steps.push_back({'O', 0});
+        break;
+      case 4:
+        workload.steps.push_back({'K', 0});
+        break;
+      case 5:
+        workload.steps.push_back({'C', 0});
+        break;
+      case 6:
+        workload.steps.push_back({'J', static_cast<int>(random.Below(3))});
+        break;
+      case 7:
+        workload.steps.push_back({'T', static_cast<int>(random.Below(3))});
+        break;
+      case 8:
+        workload.steps.push_back({'P', 0});
+        break;
+      default:
+        break;
     }
   }
   return workload;
@@ -151,8 +174,10 @@ void HealthyRun::Do(const Step& step) {
       changed_ = changed_ || (working_ & Bit(step.argument)) != 0;
       working_ &= ~Bit(step.argument);
       return;
-    case 'E': return DoEnd();
-    case 'R': return DoRepack();
+    case 'E':
+      return DoEnd();
+    case 'R':
+      return DoRepack();
     case 'G':
       if (session_.ExpectSound() != allowed_.committed) throw Violation{"the contents are not those committed"};
       return;
@@ -161,14 +186,20 @@ void HealthyRun::Do(const Step& step) {
       return Reopen();
     case 'K':
     case 'C':
-      if (step.kind == 'K') sim::Files().Kill();
-      else sim::Files().CutPower();
+      if (step.kind == 'K')
+        sim::Files().Kill();
+      else
+        sim::Files().CutPower();
       session_.Dispose();
       sim::Files().Restart();
       return Reopen();
-    case 'J': case 'T': return DamageJournal(step.argument, step.kind == 'T');
-    case 'P': return DamagePack();
-    default: throw std::logic_error("no such step");
+    case 'J':
+    case 'T':
+      return DamageJournal(step.argument, step.kind == 'T');
+    case 'P':
+      return DamagePack();
+    default:
+      throw std::logic_error("no such step");
   }
 }
 
@@ -224,8 +255,10 @@ void HealthyRun::DamageJournal(int fromTheEnd, bool cut) {
   const std::string path = JournalPath(CurrentSlot());
   allowed_ = Allowed::Only(generation.commits[at].before);
   generation.commits.resize(at);
-  if (cut) sim::Files().disk.CutOff(path, offset);
-  else sim::Files().disk.FlipByte(path, offset);
+  if (cut)
+    sim::Files().disk.CutOff(path, offset);
+  else
+    sim::Files().disk.FlipByte(path, offset);
   Reopen();
 }
 

@@ -1,12 +1,13 @@
 // power_cut_explorer: tries to make the store lose something, on a simulated
 // machine. Exit status 0 nothing found, 1 something found, 2 usage.
+#include <unistd.h>
+
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unistd.h>
 
 #include "tests/sim/FaultRuns.h"
 #include "tests/sim/PowerCut.h"
@@ -23,6 +24,10 @@ constexpr char kUsage[] =
     "  --no-faults     power cuts alone\n"
     "  --workload NAME this workload alone: sN, rSEED or a script\n"
     "  --replay TOKEN  one state or fault that was reported, with the store's trace\n";
+
+constexpr std::uint64_t kSeedStride = 1000000;
+// The more disk states, the more random workloads on failing machines.
+constexpr std::uint64_t kStatesPerFaultWorkload = 100000;
 
 struct Options {
   std::uint64_t states = 1000000;
@@ -41,12 +46,18 @@ bool Parse(int argc, char** argv, Options& options) {
     }
     if (i + 1 == argc) return false;
     const char* value = argv[++i];
-    if (option == "--states") options.states = std::strtoull(value, nullptr, 10);
-    else if (option == "--seed") options.seed = std::strtoull(value, nullptr, 10);
-    else if (option == "--time-limit") options.timeLimit = std::atof(value);
-    else if (option == "--workload") options.workload = value;
-    else if (option == "--replay") options.replay = value;
-    else return false;
+    if (option == "--states")
+      options.states = std::strtoull(value, nullptr, 10);
+    else if (option == "--seed")
+      options.seed = std::strtoull(value, nullptr, 10);
+    else if (option == "--time-limit")
+      options.timeLimit = std::atof(value);
+    else if (option == "--workload")
+      options.workload = value;
+    else if (option == "--replay")
+      options.replay = value;
+    else
+      return false;
   }
   return true;
 }
@@ -86,9 +97,7 @@ int Replay(const std::string& token) {
 
 class Clock {
  public:
-  double Seconds() const {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-  }
+  double Seconds() const { return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count(); }
 
  private:
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
@@ -110,9 +119,14 @@ int main(int argc, char** argv) {
   explore::FaultRuns runs;
   if (options.faults) {
     g_runs = &runs;
-    for (int i = 0; i < explore::ScriptCount() && runs.findings().size() < 20; ++i)
-      if (options.workload.empty()) runs.Explore(explore::Script(i));
-    if (!options.workload.empty()) runs.Explore(explore::WorkloadByName(options.workload));
+    if (!options.workload.empty()) {
+      runs.Explore(explore::WorkloadByName(options.workload));
+    } else {
+      for (int i = 0; i < explore::ScriptCount(); ++i) runs.Explore(explore::Script(i));
+      for (std::uint64_t n = 0; n < options.states / kStatesPerFaultWorkload && clock.Seconds() < options.timeLimit;
+           ++n)
+        runs.Explore(explore::RandomWorkload(options.seed * kSeedStride + n));
+    }
     g_runs = nullptr;
     std::printf("faults: %llu calls failed, %llu allocations and %llu releases refused, in %llu runs; %.1f s\n",
                 static_cast<unsigned long long>(runs.faults()), static_cast<unsigned long long>(runs.allocations()),
@@ -131,7 +145,7 @@ int main(int argc, char** argv) {
   } else {
     for (int i = 0; i < explore::ScriptCount() && !cut.Full(); ++i, ++workloads) cut.Explore(explore::Script(i));
     for (std::uint64_t n = 0; !cut.Full() && clock.Seconds() < options.timeLimit; ++n, ++workloads)
-      cut.Explore(explore::RandomWorkload(options.seed * 1000000 + n));
+      cut.Explore(explore::RandomWorkload(options.seed * kSeedStride + n));
   }
   g_cut = nullptr;
   std::printf("power cuts: %llu distinct disk states at %llu moments of %llu workloads, seed %llu; %.1f s\n",

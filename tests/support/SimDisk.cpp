@@ -70,7 +70,9 @@ bool Disk::HasDirectory(std::string_view path) const {
   return std::find(directories_.begin(), directories_.end(), path) != directories_.end();
 }
 
-bool Disk::DirectoryIsEmpty(std::string_view path) const { return List(path).empty(); }
+bool Disk::DirectoryIsEmpty(std::string_view path) const {
+  return List(path).empty();
+}
 
 std::vector<std::string> Disk::List(std::string_view directory) const {
   std::vector<std::string> entries;

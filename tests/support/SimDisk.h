@@ -117,7 +117,7 @@ class Disk {
 
   std::vector<std::string> directories_;
   std::vector<Name> names_;
-  std::vector<Inode> inodes_;   // the first inodeCount_ are in use; a Load starts anew
+  std::vector<Inode> inodes_;  // the first inodeCount_ are in use; a Load starts anew
   std::size_t inodeCount_ = 0;
 };
 

@@ -15,7 +15,7 @@ enum class Call : unsigned {
   FlushFileBuffers,
   CloseHandle,
   DeleteFile,
-  MoveFile,  // MoveFileExW too
+  MoveFile,   // MoveFileExW too
   Directory,  // making, removing and listing directories, and attributes
 };
 constexpr std::size_t kCallKinds = 10;
