@@ -4,7 +4,11 @@
 // Commit: records count once the header that counts them has been rewritten.
 // The records are flushed before it, and it is flushed before anyone is told:
 // whatever part of the unflushed sectors a power cut leaves, the header on
-// disk never counts a record that is not there. Bytes past header.endOffset
+// disk never counts a record that is not there. A journal that ends where its
+// records end needs one flush for both: past its end there are no bytes that
+// a load could take for records, so that a header which reached the disk
+// without its transaction counts something that is plainly not there, and the
+// load goes back to the transactions before it. Bytes past header.endOffset
 // are leftovers that the next write covers.
 //
 // After a failed flush nobody knows what the disk holds: InDoubt() is true
@@ -124,6 +128,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Whether the last Load used up exactly what the header counts.
   bool LoadedAll() const;
 
+  // Where the last whole transaction that the last Load found ends.
+  std::uint32_t LoadedEnd() const { return loadedEnd; }
+
   // Makes the header count exactly the whole transactions that the last Load
   // found, so that the next one follows them. Where that fails, the file is
   // in doubt and can still be read.
@@ -170,6 +177,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
  private:
   format::FileHeader committed;  // as it is on disk
+  BlobFileMode mode = Journal;   // what Init was told, whatever the file says
+  bool growsFile = false;        // the open transaction lies past the end of a journal
   bool headerSound = true;       // false: one that this class cannot have written
   bool inDoubt = false;
   bool isDamaged = false;

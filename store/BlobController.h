@@ -16,8 +16,6 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -25,6 +23,7 @@
 #include "pack/BlobPair.h"
 #include "pack/Hash.h"
 #include "platform/BlobAllocator.h"
+#include "store/BlobIndex.h"
 
 // What a load does with files that it cannot read.
 enum class DamagePolicy {
@@ -36,9 +35,6 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
   using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
-  using Index = std::map<
-      Hash, BlobFile::BlobFileEntry, std::less<Hash>,
-      BlobAllocator<std::pair<const Hash, BlobFile::BlobFileEntry>, TesselMemoryManager::kContainerPool, kTagIndex>>;
 
   // On a directory, of which nothing is touched. Throws "Unable to allocate
   // memory".
@@ -56,7 +52,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Rebuilds the index from the newest pack that reads cleanly and its slot's
   // journal. False when there is none, or when reading failed: the files have
   // then been erased. Under DamagePolicy::Keep a file that is damaged in any
-  // way costs no more than what was damaged, and a copy of it stays; with no
+  // way costs no more than what was damaged, and a copy of what it loses stays; with no
   // usable pack the files are moved aside and the store goes on empty; and
   // where reading failed, false leaves every file as it was.
   bool Load();
@@ -126,7 +122,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN void Keep(BlobFile& file) const;
+  BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
   BLOBRING_HIDDEN void KeepFilesAside();
   BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
@@ -156,13 +152,13 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   std::uint32_t repackSlot = 0;  // of the last repack
   std::string path;              // the store's directory
   std::int64_t transactionId = 0;
-  Index blobs;
-  Index::iterator hashCursor;        // meaningful while enumerating
+  BlobIndex blobs;
+  BlobIndex::iterator hashCursor;    // meaningful while enumerating
   BlobFile::Entries pendingEntries;  // of the open transaction, in order
 
   // The last pending change to each hash. Its nodes become those of the index
   // at the commit, which therefore needs no memory.
-  Index pendingByHash;
+  BlobIndex pendingByHash;
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   bool enumerating = false;
   bool loaded = false;

@@ -48,10 +48,10 @@ bool BlobController::Fsck() {
   bool sound = true;
   try {
     int position = 0;
-    for (auto blob = blobs.cbegin(); blob != blobs.cend();) {
+    for (auto blob = blobs.begin(); blob != blobs.end();) {
       auto next = blob;
       batch.Clear();
-      while (next != blobs.cend() && batch.Add(next->first, next->second)) ++next;
+      while (next != blobs.end() && batch.Add(next->first, next->second)) ++next;
       batch.Verify();
       for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
         if (!CheckPlace(blob->first, blob->second)) sound = false;

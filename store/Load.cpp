@@ -20,7 +20,7 @@ bool BlobController::Load() {
   } catch (const std::exception& e) {
     if (damagePolicy == DamagePolicy::Keep) {
       loadFailed = true;
-      blobs.clear();
+      blobs.Clear();
       trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
       return false;
     }
@@ -48,7 +48,7 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
-  std::erase_if(blobs, [](const auto& blob) { return !blob.second.valid; });
+  blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
 
@@ -106,22 +106,23 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   if (!sound || !curJournal->LoadedAll()) {
     // Whole transactions stay, in the index and on disk, and the next one
     // follows them: over what the damage left.
-    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal);
+    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal, curJournal->LoadedEnd());
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
+  bool isNew = false;
   for (BlobFile::BlobFileEntry& entry : entries) {
     switch (entry.op) {
       case format::kOpStore:
         entry.file = file;
         entry.valid = true;
-        blobs.insert_or_assign(entry.hash, entry);
+        blobs.FindOrMake(entry.hash, isNew)->second = entry;
         break;
       case format::kOpDelete:
-        blobs[entry.hash].valid = false;
+        blobs.FindOrMake(entry.hash, isNew)->second.valid = false;
         break;
       default:
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
@@ -129,9 +130,10 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   }
 }
 
-// Leaves a copy of a file that is about to lose what it holds.
-void BlobController::Keep(BlobFile& file) const {
-  const std::string copy = kept::CopyAside(file.file);
+// Leaves a copy of what a file is about to lose: its header and all from an
+// offset on.
+void BlobController::Keep(BlobFile& file, std::uint32_t from) const {
+  const std::string copy = kept::CopyAside(file.file, format::kFileHeaderSize, from);
   trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file.path.c_str(), copy.c_str());
 }
 

@@ -108,8 +108,8 @@ void BlobController::RepackIntoNextSlot() {
 // The slot that is next may hold what the load had to pass over.
 void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
   if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
-  Keep(pack);
-  Keep(journal);
+  Keep(pack, format::kFileHeaderSize);
+  Keep(journal, format::kFileHeaderSize);
 }
 
 void BlobController::RepackInPlace() {
@@ -137,7 +137,7 @@ void BlobController::RepackInPlace() {
   curPack = fresh;
 
   // A blob that could not be copied went with the old pack.
-  std::erase_if(blobs, [&](const auto& blob) { return blob.second.file != fresh; });
+  blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
   if (journal == curJournal) journal->Reset();
   journal->SetSequence(seq);
   curJournal = journal;
@@ -155,6 +155,7 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
   const Sizes sizes = SizesOf();
   BatchReader batch(sizes.largest, sizes.total, entries.size());
   bool hasRecords = false;
+  bool isNew = false;
   for (std::size_t first = 0; first < entries.size(); first += batch.Count()) {
     batch.Clear();
     while (first + batch.Count() < entries.size() &&
@@ -171,7 +172,7 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
       hasRecords = true;
       target->Store(entry, pair);
       entry.file = target;
-      blobs[entry.hash] = entry;
+      blobs.FindOrMake(entry.hash, isNew)->second = entry;
     }
   }
   if (hasRecords) {

@@ -89,8 +89,9 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
  * Returns 1, or 0 when no pack could be loaded or reading failed: the store's
  * files have then been erased.
  * Under BLOBRING_DAMAGE_KEEP, a damaged pack, one that ends too early
- * included, is passed over for the next older one; a damaged journal is copied to
- * k.jrn.kept-N before its end is cut off; without any usable pack all files
+ * included, is passed over for the next older one; of a damaged journal the
+ * header and all that follows its whole transactions are copied to
+ * k.jrn.kept-N before they are overwritten; without any usable pack all files
  * are renamed to ….kept-N, the trace says so, and the store goes on empty (1);
  * and where reading fails for another reason (an I/O error, no memory), 0
  * leaves every file as it was, and changes are refused until a load succeeds.
