@@ -48,6 +48,8 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
+  Secure(*curPack);
+  Secure(*curJournal);
   blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
@@ -72,10 +74,6 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     curPack = pack;
     Apply(entries, pack);
     seq = pack->header.sequence;
-    // A process may have died between writing this pack and flushing it.
-    // Commits to the journal from now on rest on its being on disk.
-    if (!pack->Secure())
-      trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", pack->path.c_str());
     return true;
   }
   return false;
@@ -110,6 +108,15 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
+}
+
+// A process may have died between writing this file and flushing it. What is
+// read from memory here must be on disk before anything is built on it: a
+// pack before commits to its journal, a journal's header before records are
+// written over what an older header counts.
+void BlobController::Secure(BlobFile& file) const {
+  if (file.Secure()) return;
+  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", file.path.c_str());
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
