@@ -20,7 +20,7 @@ class VellTrace {
   void WriteErrorV(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
  private:
-  const char* name_;  // the caller's, a literal
+  [[maybe_unused]] const char* name_;  // the caller's, a literal
 };
 
 }  // namespace Vell::Common::System::OS::Diagnostics

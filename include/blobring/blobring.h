@@ -69,11 +69,32 @@ BLOBRING_API int BCInitialize(const char16_t* path);
  */
 BLOBRING_API int BCAddPackDir(int index, const char16_t* dir);
 
+/* Policies of BCSetDamagePolicy. */
+#define BLOBRING_DAMAGE_ERASE 0
+#define BLOBRING_DAMAGE_KEEP 1
+
+/*
+ * Chooses what BCLoad does with files that it cannot read; call it before.
+ * BLOBRING_DAMAGE_ERASE, the default, brings a device back by itself: a store
+ * without a readable pack, or one whose reading fails, is erased.
+ * BLOBRING_DAMAGE_KEEP is for the only copy: nothing is ever deleted. Returns
+ * 1; 0 for a policy that does not exist.
+ */
+BLOBRING_API int BCSetDamagePolicy(int index, int policy);
+
 /*
  * Rebuilds the index of blobs: the newest pack that reads cleanly, then its
- * slot's journal. Changes that were not committed are abandoned.
+ * slot's journal. Changes that were not committed are abandoned. A damaged
+ * journal keeps its whole transactions before the damage.
  * Returns 1, or 0 when no pack could be loaded or reading failed: the store's
- * files have then been erased. Throws only what is not a std::exception.
+ * files have then been erased.
+ * Under BLOBRING_DAMAGE_KEEP, a damaged pack, one that ends too early
+ * included, is passed over for the next older one; of a damaged journal the
+ * header and all that follows its whole transactions are copied to
+ * k.jrn.kept-N before they are overwritten; without any usable pack all files
+ * are renamed to ….kept-N, the trace says so, and the store goes on empty (1);
+ * and where reading fails for another reason (an I/O error, no memory), 0
+ * leaves every file as it was, and changes are refused until a load succeeds.
  */
 BLOBRING_API int BCLoad(int index);
 
@@ -121,6 +142,29 @@ BLOBRING_API int BCCancelTransaction(void);
  * BCStoreInt, the same, has C++ linkage; see below.
  */
 BLOBRING_API int BCStore(int index, unsigned char* hash, unsigned char* data, int size);
+
+/*
+ * Computes the hash of `size` bytes at `data` and stores them as BCStore does,
+ * in less time than BCMD5ChkSum and BCStore take: the digests of a run of
+ * blobs and of their transaction are computed side by side. Writes the hash to
+ * `hashOut` (16 bytes) whenever the arguments are sound. Returns like BCStore.
+ */
+BLOBRING_API int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut);
+
+/* A blob for BCPutMany: what to store, and the hash, which is filled in. */
+typedef struct BCBlob {
+  const unsigned char* data;
+  int size; /* bytes */
+  unsigned char hash[BLOBRING_HASH_SIZE];
+} BCBlob;
+
+/*
+ * BCPut of `count` blobs, whose hashes are computed many at a time. Returns
+ * how many, from the first on, are stored or were present: `count`, unless one
+ * could not be stored or has unsound arguments, at which it stops; 0 as well
+ * for an unknown index or a null pointer. The hashes of those are filled in.
+ */
+BLOBRING_API int BCPutMany(int index, BCBlob* blobs, int count);
 
 /*
  * Deletes a blob. Returns 1 deleted or not present; 0 when nothing could be

@@ -1,0 +1,135 @@
+#include "fs/File.h"
+
+#include <sstream>
+#include <stdexcept>
+
+#include "fs/FileSystem.h"
+#include "platform/Trace.h"
+
+namespace {
+
+// Puts a text together from pieces, numbers in unsigned decimal.
+template <class... Pieces>
+std::string Text(const Pieces&... pieces) {
+  std::ostringstream text;
+  (text << ... << pieces);
+  return text.str();
+}
+
+}  // namespace
+
+File::File() : handle(kNoHandle), isOpen(false), access(0) {}
+
+File::~File() {
+  if (!isOpen) return;
+  try {
+    close();
+  } catch (const std::exception& e) {
+    trace::fileSystem.WriteErrorV("%s", e.what());
+    // Held any longer, the file could not be opened again by anyone.
+    CloseHandle(handle);
+  }
+}
+
+void File::GuardHandle() const {
+  if (handle == kNoHandle) DeviceFatalError(trace::kFaultCode, "File", 20);
+}
+
+void File::RequireOpen(const char* operation) const {
+  GuardHandle();
+  if (!isOpen) throw std::runtime_error(Text("File::", operation, " failed, not opened"));
+}
+
+void File::open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
+                unsigned flagsAndAttributes) {
+  path = filePath;
+  access = desiredAccess;
+  handle = FileSystem::CreateFileW(path, desiredAccess, creationDisposition, flagsAndAttributes);
+  isOpen = true;
+}
+
+unsigned File::seek(unsigned pos) {
+  RequireOpen("seek");
+  const DWORD reached = SetFilePointer(handle, static_cast<LONG>(pos), nullptr, FILE_BEGIN);
+  if (reached == INVALID_SET_FILE_POINTER) {
+    const DWORD code = GetLastError();
+    if (code != ERROR_SUCCESS) throw std::runtime_error(Text("File::Seek SetFilePointer failed, GetLastError=", code));
+  }
+  if (reached != pos) throw std::runtime_error(Text("File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached));
+  return pos;
+}
+
+unsigned File::tell() const {
+  RequireOpen("tell");
+  const DWORD position = SetFilePointer(handle, 0, nullptr, FILE_CURRENT);
+  if (position == INVALID_SET_FILE_POINTER) {
+    const DWORD code = GetLastError();
+    if (code != ERROR_SUCCESS) throw std::runtime_error(Text("File::Tell SetFilePointer failed, GetLastError=", code));
+  }
+  return position;
+}
+
+unsigned File::read(char* buf, unsigned n) const {
+  RequireOpen("read");
+  DWORD got = 0;
+  const BOOL ok = ReadFile(handle, buf, n, &got, nullptr);
+  const DWORD code = GetLastError();
+  if (got != n)
+    throw std::runtime_error(
+        Text("File::Read didn't read the entire buffer ", n, " read ", got, " GetLastError ", code));
+  if (ok == 0) throw std::runtime_error(Text("File::Read failed GetLastError code = ", code));
+  return n;
+}
+
+unsigned File::write(char* buf, unsigned n) {
+  RequireOpen("write");
+  DWORD put = 0;
+  const BOOL ok = WriteFile(handle, buf, n, &put, nullptr);
+  const DWORD code = GetLastError();
+  if (put != n) {
+    RTTrace_3(0x0F000131, n, put, code);
+    throw std::runtime_error(
+        Text("File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ", code));
+  }
+  if (ok == 0) {
+    RTTrace_1(0x0F000132, code);
+    throw std::runtime_error(Text("File::Write failed GetLastError code = ", code));
+  }
+  return n;
+}
+
+bool File::flush() {
+  GuardHandle();
+  if (!isOpen) return false;
+  if ((access & GENERIC_WRITE) == 0) return true;
+  return FlushFileBuffers(handle) != 0;
+}
+
+unsigned File::size() const {
+  GuardHandle();
+  return GetFileSize(handle, nullptr);
+}
+
+void File::close() {
+  if (!isOpen) return;
+  GuardHandle();
+  if ((access & GENERIC_WRITE) != 0 && FlushFileBuffers(handle) == 0)
+    throw std::runtime_error(Text("File::Close failed FlushFileBuffers GetLastError code = ", GetLastError()));
+  if (CloseHandle(handle) == 0)
+    throw std::runtime_error(Text("File::Close failed GetLastError code = ", GetLastError()));
+  handle = kNoHandle;
+  isOpen = false;
+}
+
+void File::erase() {
+  close();
+  if (!FileSystem::Remove(path))
+    throw std::runtime_error(Text("File::Close failed GetLastError code = ", GetLastError()));
+}
+
+FileReader::FileReader() = default;
+FileReader::~FileReader() = default;
+
+void FileReader::open(const std::string& filePath) {
+  File::open(filePath, GENERIC_READ, OPEN_EXISTING, FILE_FLAG_RANDOM_ACCESS);
+}

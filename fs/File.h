@@ -1,0 +1,75 @@
+// An open file of the operating system, exclusively held: unbuffered,
+// all-or-nothing reads and writes at 32-bit positions. Every call is one
+// platform call.
+//
+// Errors: std::runtime_error whose text names the operation and carries the
+// platform's error code. Nothing is retried here. An operation on a closed
+// File reports a fatal misuse to the platform first.
+// Owns its handle; the destructor closes it. No locks: one caller at a time.
+// Positions and sizes are bytes; from 2^31 on, seek fails.
+#pragma once
+
+#include <string>
+
+#include "platform/BlobStoreBase.h"
+#include "platform/Win32.h"
+
+class BLOBRING_EXPORT File : public BlobStoreBase {
+ public:
+  static constexpr HANDLE kNoHandle = 0xDEADBEEFU;
+
+  File();
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+  // A close that fails is traced and the handle released without a flush.
+  ~File() override;
+
+  // Access, disposition and flags are those of CreateFileW. Throws what
+  // FileSystem::CreateFileW throws; a File that is open must be closed first.
+  void open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
+            unsigned flagsAndAttributes);
+
+  // Moves to an absolute position, past the end if need be; returns it.
+  unsigned seek(unsigned pos);
+  unsigned tell() const;
+
+  // Exactly n bytes at the position, or an exception; return n. After a
+  // failure the position is wherever the platform left it.
+  unsigned read(char* buf, unsigned n) const;
+  unsigned write(char* buf, unsigned n);
+
+  // Makes what was written survive a power cut. True without a platform call
+  // for a file that was opened for reading; false when it failed or is closed.
+  bool flush();
+
+  // Length in bytes, 0xFFFFFFFF when the platform fails. Never throws.
+  unsigned size() const;
+
+  // Flushes a file opened for writing, releases the handle. Where either
+  // fails it throws and the file stays open. Does nothing when closed.
+  void close();
+
+  // Closes, then deletes the file at the path of the last open.
+  void erase();
+
+  const std::string& Path() const { return path; }
+  bool IsOpen() const { return isOpen; }
+
+ private:
+  BLOBRING_HIDDEN void GuardHandle() const;
+  BLOBRING_HIDDEN void RequireOpen(const char* operation) const;
+
+  HANDLE handle;
+  bool isOpen;
+  std::string path;  // kept after close
+  unsigned access;
+};
+
+// A File for reading one that exists.
+class BLOBRING_EXPORT FileReader : public File {
+ public:
+  FileReader();
+  ~FileReader() override;
+  using File::open;
+  virtual void open(const std::string& filePath);
+};

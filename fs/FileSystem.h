@@ -1,0 +1,74 @@
+// The stateless calls on paths, with their errors put into words. Paths come
+// narrow, as the store keeps them, or as the platform's UTF-16; conversion is
+// unit by unit, without UTF-8: byte 0xC3 becomes unit 0xFFC3 and comes back.
+//
+// The one failure that is waited for is a sharing violation, on open and on
+// move: at most 25 attempts, 20 ms apart. All messages go to the file-system
+// trace. No locks.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/BlobAllocator.h"
+#include "platform/Win32.h"
+
+class File;
+class Hash;
+
+class BLOBRING_EXPORT FileSystem {
+ public:
+  using WidePaths =
+      std::vector<std::u16string, BlobAllocator<std::u16string, TesselMemoryManager::kStorePool, kTagPathList>>;
+  using NarrowPaths =
+      std::vector<std::string, BlobAllocator<std::string, TesselMemoryManager::kStorePool, kTagPathList>>;
+
+  static std::u16string ConvertString(const std::string& s);
+  static std::string ConvertString(const std::u16string& s);
+
+  // Opens a file that nobody else holds. Throws std::runtime_error with the
+  // path and the platform's code.
+  static HANDLE CreateFileW(std::string path, unsigned desiredAccess, unsigned creationDisposition,
+                            unsigned flagsAndAttributes);
+
+  // Renames; true, or throws std::runtime_error with both paths and the code.
+  // The target must not exist.
+  static bool MoveFileW(std::u16string from, std::u16string to);
+  static bool MoveFileW(std::string from, std::string to);
+
+  // The same, in one step over a file that has the target's name.
+  BLOBRING_HIDDEN static bool ReplaceFileW(const std::string& from, const std::string& to);
+
+  // Deletes a file; false, after a warning, when that fails.
+  static bool Remove(std::u16string path);
+  static bool Remove(std::string path);
+
+  // The platform's result; the narrow form drops it.
+  static BOOL CreateDirectoryW(const std::u16string& path);
+  static void CreateDirectoryW(const std::string& path);
+
+  // Deletes the files of a directory and, unless it keeps subdirectories, the
+  // directory; with recursive, those as well. Names that begin with a dot are
+  // left alone. Returns 0, also for a missing directory, or the platform's
+  // code of the step that failed; the narrow form drops it.
+  static unsigned DeleteDirectory(const std::u16string& dir, bool recursive);
+  static void DeleteDirectory(const std::string& dir, bool recursive);
+
+  // Appends the path of every entry below dir whose name contains pattern,
+  // what a subdirectory holds before the subdirectory. Failures leave a
+  // warning and what was found.
+  static void ReadDirectory(const std::u16string& dir, WidePaths& out, const std::u16string& pattern);
+  static void ReadDirectory(const std::string& dir, NarrowPaths& out, const std::string& pattern);
+
+  // MD5 of the bytes from the file's position to its end, which is where the
+  // position is left: raw, or as the text of MD5::hex_digest, replacing out.
+  // A limit from 1 to 511 makes the pieces read that small; it bounds nothing.
+  // They throw what File throws.
+  static void GetFileChksum(File& f, Hash& out, unsigned limit);
+  static void GetFileChksum(File& f, std::string& out);
+  static void GetFileChksum(std::string path, std::string& out);
+
+  // Whether that text equals expected, letter case included.
+  static bool ValidateFile(File& f, const std::string& expected);
+  static bool ValidateFile(std::string path, const std::string& expected);
+};

@@ -1,0 +1,73 @@
+// The 64 steps of RFC 1321, written once for every engine: one message, two
+// interleaved ones, or a vector of them.
+//
+// An engine is a class with
+//   Word      one 32-bit word of each of its messages;
+//   F, G, H, I  static functions (Word& a, b, c, d, x, k) <shift>, each of
+//             which sets a = b + rotl(a + f(b, c, d) + x + k, shift).
+// The message words come from a Block with operator()(index) -> Word.
+#pragma once
+
+#include <cstdint>
+
+// Kept in registers only if nothing here is ever a call, at any optimisation
+// level. A vector engine also names the instruction set it is compiled for,
+// since a function inlined into its kernel must have the same one.
+#ifndef MD5_TARGET
+#define MD5_TARGET
+#endif
+#define MD5_INLINE MD5_TARGET __attribute__((always_inline)) inline
+
+namespace md5 {
+
+inline constexpr std::uint32_t kInitialState[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
+
+// floor(2^32 * |sin(i + 1)|), section 3.4.
+inline constexpr std::uint32_t kSine[64] = {
+    0xd76aa478, 0xe8c7b756, 0x242070db, 0xc1bdceee, 0xf57c0faf, 0x4787c62a, 0xa8304613, 0xfd469501,
+    0x698098d8, 0x8b44f7af, 0xffff5bb1, 0x895cd7be, 0x6b901122, 0xfd987193, 0xa679438e, 0x49b40821,
+    0xf61e2562, 0xc040b340, 0x265e5a51, 0xe9b6c7aa, 0xd62f105d, 0x02441453, 0xd8a1e681, 0xe7d3fbc8,
+    0x21e1cde6, 0xc33707d6, 0xf4d50d87, 0x455a14ed, 0xa9e3e905, 0xfcefa3f8, 0x676f02d9, 0x8d2a4c8a,
+    0xfffa3942, 0x8771f681, 0x6d9d6122, 0xfde5380c, 0xa4beea44, 0x4bdecfa9, 0xf6bb4b60, 0xbebfbc70,
+    0x289b7ec6, 0xeaa127fa, 0xd4ef3085, 0x04881d05, 0xd9d4d039, 0xe6db99e5, 0x1fa27cf8, 0xc4ac5665,
+    0xf4292244, 0x432aff97, 0xab9423a7, 0xfc93a039, 0x655b59c3, 0x8f0ccc92, 0xffeff47d, 0x85845dd1,
+    0x6fa87e4f, 0xfe2ce6e0, 0xa3014314, 0x4e0811a1, 0xf7537e82, 0xbd3af235, 0x2ad7d2bb, 0xeb86d391};
+
+inline constexpr int kShift[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
+
+// Which message word step i takes.
+constexpr int WordOfStep(int i) {
+  constexpr int kFactor[4] = {1, 5, 3, 7};
+  constexpr int kOffset[4] = {0, 1, 5, 0};
+  return (kFactor[i / 16] * i + kOffset[i / 16]) % 16;
+}
+
+template <class Engine, int i, class Word, class Block>
+MD5_INLINE void Step(Word& a, const Word& b, const Word& c, const Word& d, const Block& block) {
+  constexpr int shift = kShift[i / 16][i % 4];
+  constexpr std::uint32_t k = kSine[i];
+  const Word x = block(WordOfStep(i));
+  if constexpr (i < 16) {
+    Engine::template F<shift>(a, b, c, d, x, k);
+  } else if constexpr (i < 32) {
+    Engine::template G<shift>(a, b, c, d, x, k);
+  } else if constexpr (i < 48) {
+    Engine::template H<shift>(a, b, c, d, x, k);
+  } else {
+    Engine::template I<shift>(a, b, c, d, x, k);
+  }
+}
+
+// Steps first to last - 1, both multiples of 4.
+template <class Engine, int first, int last, class Word, class Block>
+MD5_INLINE void Steps(Word& a, Word& b, Word& c, Word& d, const Block& block) {
+  if constexpr (first < last) {
+    Step<Engine, first>(a, b, c, d, block);
+    Step<Engine, first + 1>(d, a, b, c, block);
+    Step<Engine, first + 2>(c, d, a, b, block);
+    Step<Engine, first + 3>(b, c, d, a, block);
+    Steps<Engine, first + 4, last>(a, b, c, d, block);
+  }
+}
+
+}  // namespace md5

@@ -1,0 +1,477 @@
+#include "pack/BlobFile.h"
+
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+
+#include "md5/MD5Pair.h"
+#include "pack/CutShort.h"
+#include "pack/Replay.h"
+#include "platform/Trace.h"
+
+using format::FileHeader;
+using format::OpHeader;
+using format::TransactionBlock;
+
+namespace {
+
+// Data up to this size is copied and written together with other records.
+constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kCapacity / 2;
+
+char* Chars(unsigned char* bytes) {
+  return reinterpret_cast<char*>(bytes);
+}
+
+std::uint32_t LengthOf(const File& file) {
+  const std::uint32_t length = file.size();
+  if (length == INVALID_FILE_SIZE)
+    throw std::runtime_error("BlobFile: no length of " + file.Path() +
+                             " GetLastError code = " + std::to_string(GetLastError()));
+  return length;
+}
+
+// A file that a power cut caught while it was created: nothing was ever
+// committed to it.
+bool WasCutOffAtCreation(File& file, std::uint32_t length) {
+  if (length < format::kFileHeaderSize) return true;
+  if (length > format::kFileHeaderSize) return false;
+  unsigned char bytes[format::kFileHeaderSize];
+  file.seek(0);
+  file.read(Chars(bytes), sizeof bytes);
+  return std::all_of(std::begin(bytes), std::end(bytes), [](unsigned char byte) { return byte == 0; });
+}
+
+}  // namespace
+
+BlobFile::BlobFile() = default;
+
+BlobFile::BlobFile(const BlobFile& other)
+    : BlobStoreBase(other),
+      header(other.header),
+      path(other.path),
+      committed(other.committed),
+      headerSound(other.headerSound) {}
+
+BlobFile& BlobFile::operator=(const BlobFile& other) {
+  if (this == &other) return *this;
+  header = other.header;
+  path = other.path;
+  committed = other.committed;
+  headerSound = other.headerSound;
+  return *this;
+}
+
+BlobFile::~BlobFile() = default;
+
+void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
+  path = filePath;
+  mode = fileMode;
+  header.mode = fileMode;
+  inDoubt = false;
+  headerSound = true;
+  file.open(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
+  if (!WasCutOffAtCreation(file, LengthOf(file))) {
+    ReadHeader();
+    return;
+  }
+  header.endOffset = format::kFileHeaderSize;
+  if (!UpdateHeader()) ThrowNotFlushed("header");
+}
+
+void BlobFile::ReadHeader() {
+  unsigned char bytes[format::kFileHeaderSize];
+  file.seek(0);
+  file.read(Chars(bytes), sizeof bytes);
+  header = FileHeader::Decode(bytes);
+  committed = header;
+  headerSound = header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
+}
+
+bool BlobFile::UpdateHeader() {
+  unsigned char bytes[format::kFileHeaderSize];
+  header.Encode(bytes);
+  WriteAt(0, bytes, sizeof bytes);
+  if (!file.flush()) {
+    inDoubt = true;
+    return false;
+  }
+  committed = header;
+  headerSound = true;
+  return true;
+}
+
+// Makes next the header, in memory and on disk, or neither.
+void BlobFile::Rewrite(const FileHeader& next) {
+  const FileHeader before = header;
+  header = next;
+  try {
+    if (UpdateHeader()) return;
+  } catch (...) {
+    header = before;
+    RestoreHeader();
+    throw;
+  }
+  header = before;
+  ThrowNotFlushed("header");
+}
+
+void BlobFile::ThrowNotFlushed(const char* what) const {
+  const DWORD code = GetLastError();
+  throw std::runtime_error(std::string("BlobFile: the ") + what + " of " + path +
+                           " did not reach the disk, GetLastError code = " + std::to_string(code));
+}
+
+// A header that was written in part may count what was not acknowledged.
+void BlobFile::RestoreHeader() {
+  if (!headerSound) return;
+  unsigned char bytes[format::kFileHeaderSize];
+  committed.Encode(bytes);
+  try {
+    WriteAt(0, bytes, sizeof bytes);
+    if (!file.flush()) ThrowNotFlushed("header");
+  } catch (const std::exception& e) {
+    inDoubt = true;
+    trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
+  }
+}
+
+bool BlobFile::Reset() {
+  RequireNotInDoubt();
+  FileHeader empty;
+  empty.mode = header.mode;
+  empty.sequence = format::kSequenceReset;
+  empty.endOffset = format::kFileHeaderSize;
+  Rewrite(empty);
+  isDamaged = false;
+  return true;
+}
+
+void BlobFile::SetSequence(std::int32_t sequence) {
+  header.sequence = sequence;
+}
+
+void BlobFile::RequireNotInDoubt() const {
+  if (inDoubt)
+    throw std::runtime_error("BlobFile: a flush of " + path +
+                             " has failed, no change is accepted until it is opened anew");
+}
+
+void BlobFile::RequireWritable() {
+  if (!file.IsOpen()) file.seek(header.endOffset);  // throws; gathering must not hide that nothing can be written
+  RequireNotInDoubt();
+  if (!headerSound)
+    throw std::runtime_error("BlobFile: the header of " + path + " is damaged, nothing is written through it");
+}
+
+void BlobFile::RequireRoom(std::uint64_t recordSize) const {
+  if (header.endOffset + recordSize + format::kEndSize > format::kMaxFileSize)
+    throw std::runtime_error("BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
+                             std::to_string(recordSize) + " bytes, a file ends at 2147483647");
+}
+
+void BlobFile::WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
+  file.seek(offset);
+  file.write(Chars(bytes), size);
+}
+
+bool BlobFile::StartTransaction(long long id) {
+  RequireWritable();
+  RequireRoom(format::kStartSize);
+  unsigned char record[format::kStartSize] = {};
+  OpHeader{format::kOpStartTransaction, id}.Encode(record);
+  growsFile = mode == Journal && file.size() == header.endOffset;
+  gather.Restart(header.endOffset);
+  gather.Reserve(sizeof record);
+  gather.Append(record, sizeof record);
+  gather.Digested(sizeof record);
+
+  block = TransactionBlock{};
+  blockOffset = header.endOffset + format::kOpHeaderSize;
+  header.endOffset += format::kStartSize;
+  header.recordCount += 1;
+  md5.init();
+  return true;
+}
+
+// Appends one record, then counts it. Where that fails, nothing of it is in
+// the buffer or in the digest, and what may have reached the file lies past
+// the end.
+void BlobFile::Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
+  RequireWritable();
+  RequireRoom(std::uint64_t{headSize} + dataSize);
+  if (dataSize > kMaxGatheredData) {
+    AppendDirectly(head, headSize, data, dataSize);
+  } else {
+    if (!gather.Fits(headSize + dataSize)) EmptyGathered();
+    gather.Reserve(headSize + dataSize);
+    gather.Append(head, headSize);
+    gather.Append(data, dataSize);
+  }
+  header.endOffset += headSize + dataSize;
+  header.recordCount += 1;
+}
+
+// Large data goes to the file from where it is. Its head travels with what
+// was gathered before it.
+void BlobFile::AppendDirectly(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
+                              std::uint32_t dataSize) {
+  if (!gather.Fits(headSize)) EmptyGathered();
+  gather.Reserve(headSize);
+  gather.Append(head, headSize);
+  try {
+    gather.WriteOut(file);
+    WriteAt(gather.End(), data, dataSize);
+  } catch (...) {
+    gather.Truncate(header.endOffset);
+    throw;
+  }
+  DigestGathered();
+  md5.update(data, dataSize);
+  gather.Restart(gather.End() + dataSize);
+}
+
+void BlobFile::DigestGathered() {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  md5.update(rest.data(), static_cast<unsigned>(rest.size()));
+  gather.Digested(rest.size());
+}
+
+void BlobFile::EmptyGathered() {
+  gather.WriteOut(file);
+  DigestGathered();
+  gather.Restart(gather.End());
+}
+
+bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
+  const std::uint32_t offset = header.endOffset;
+  const std::uint32_t size = blob.buffer.size;
+  unsigned char head[format::kStoreHeadSize];
+  OpHeader{format::kOpStore, entry.transactionId}.Encode(head);
+  std::copy_n(blob.hash.Bytes(), format::kHashSize, head + format::kOpHeaderSize);
+  format::Put32(head + format::kOpHeaderSize + format::kHashSize, size);
+  Append(head, sizeof head, blob.buffer.data, size);
+
+  header.maxBlobSize = std::max(header.maxBlobSize, size);
+  block.maxBlobSize = std::max(block.maxBlobSize, size);
+  entry.op = format::kOpStore;
+  entry.offset = offset;
+  entry.size = size;
+  entry.ordinal = 0;
+  entry.valid = true;
+  entry.hash = blob.hash;
+  return true;
+}
+
+bool BlobFile::Delete(BlobFileEntry& entry) {
+  const std::uint32_t offset = header.endOffset;
+  unsigned char record[format::kDeleteSize];
+  OpHeader{format::kOpDelete, entry.transactionId}.Encode(record);
+  std::copy_n(entry.hash.Bytes(), format::kHashSize, record + format::kOpHeaderSize);
+  Append(record, sizeof record, nullptr, 0);
+  entry.op = format::kOpDelete;
+  entry.offset = offset;
+  return true;
+}
+
+bool BlobFile::EndTransaction(long long id) {
+  RequireWritable();
+  // On copies: until the header is written, a failure leaves the transaction
+  // open as it was.
+  const std::uint32_t end = header.endOffset;
+  DigestGathered();
+  TransactionBlock whole = block;
+  whole.length = end - blockOffset - format::kBlockSize;
+  MD5 digest = md5;
+  digest.finalize();
+  digest.raw_digest(whole.digest);
+
+  FileHeader next = header;
+  next.endOffset = end + format::kEndSize;
+  next.recordCount += 1;
+  try {
+    WriteEnd(id, whole);
+    Rewrite(next);
+  } catch (...) {
+    gather.Truncate(end);
+    growsFile = false;  // what was written now lies where the next attempt goes
+    throw;
+  }
+  gather.Release(header.endOffset);
+  return true;
+}
+
+// Everything of the transaction but its header, flushed.
+void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
+  unsigned char endRecord[format::kEndSize];
+  OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
+  unsigned char blockBytes[format::kBlockSize];
+  whole.Encode(blockBytes);
+
+  if (!gather.Fits(sizeof endRecord)) EmptyGathered();
+  gather.Reserve(sizeof endRecord);
+  gather.Append(endRecord, sizeof endRecord);
+  const bool blockGathered = gather.Patch(blockOffset, blockBytes, sizeof blockBytes);
+  gather.WriteOut(file);
+  if (!blockGathered) WriteAt(blockOffset, blockBytes, sizeof blockBytes);
+
+  // Records before header: a header that counts these must never meet
+  // others in their place. In a journal that grows there are no others: what
+  // does not reach the disk is zeros or missing, which a load tells from
+  // records, and the flush of the header is enough.
+  if (growsFile || file.flush()) return;
+  inDoubt = true;
+  ThrowNotFlushed("records");
+}
+
+void BlobFile::CancelTransaction() {
+  const std::int32_t sequence = header.sequence;  // may be ahead of the disk
+  header = committed;
+  header.sequence = sequence;
+  block = TransactionBlock{};
+  gather.Release(header.endOffset);
+}
+
+void BlobFile::CommitHeader() {
+  RequireWritable();
+  Rewrite(header);
+}
+
+bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
+  const Hash wanted = blob.hash;
+  if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+  const unsigned reached = file.seek(offset);
+  if (reached != offset) {
+    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to seek to blob filename=%s offset=%d filepos=%d hash=%s",
+                            path.c_str(), static_cast<int>(offset), static_cast<int>(reached),
+                            wanted.toString().c_str());
+    return false;
+  }
+  unsigned char bytes[format::kOpHeaderSize];
+  file.read(Chars(bytes), sizeof bytes);
+  const std::int32_t op = OpHeader::Decode(bytes).op;
+  if (op != format::kOpStore) {
+    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
+                            static_cast<int>(offset), wanted.toString().c_str(), op);
+    return false;
+  }
+  blob.Read(file, false);
+  if (blob.hash == wanted) return true;
+  // Sound, but of another hash: the record is not the one that was indexed.
+  const std::string found = blob.hash.toString();
+  blob.hash = wanted;
+  throw std::runtime_error("BlobFile::GetBlob() " + path + " at " + std::to_string(offset) + ": wanted hash " +
+                           wanted.toString() + ", got " + found);
+}
+
+namespace {
+
+// The largest blob that is read together with its record's head and then
+// copied, from a buffer on the stack.
+constexpr std::uint32_t kMaxSmallBlob = 4096;
+
+bool IsStoreRecordOf(const unsigned char* head, const Hash& hash, std::uint32_t size) {
+  return OpHeader::Decode(head).op == format::kOpStore &&
+         std::memcmp(head + format::kOpHeaderSize, hash.Bytes(), format::kHashSize) == 0 &&
+         format::Get32(head + format::kDeleteSize) == size;
+}
+
+bool HasDigest(const unsigned char* data, std::uint32_t size, const Hash& hash) {
+  MD5 digest;
+  digest.update(data, size);
+  digest.finalize();
+  unsigned char raw[Hash::kSize];
+  digest.raw_digest(raw);
+  return std::memcmp(raw, hash.Bytes(), sizeof raw) == 0;
+}
+
+}  // namespace
+
+bool BlobFile::ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record) {
+  try {
+    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+    file.seek(offset);
+    file.read(Chars(record), format::kStoreHeadSize + size);
+    return IsStoreRecordOf(record, hash, size);
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
+bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
+  const std::uint32_t size = blob.buffer.size;
+  if (size <= kMaxSmallBlob) {
+    unsigned char record[format::kStoreHeadSize + kMaxSmallBlob];
+    const unsigned char* data = record + format::kStoreHeadSize;
+    if (!ReadRecord(blob.hash, offset, size, record) || !HasDigest(data, size, blob.hash)) return false;
+    if (size > 0) std::memcpy(blob.buffer.data, data, size);
+    return true;
+  }
+  unsigned char head[format::kStoreHeadSize];
+  try {
+    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+    file.seek(offset);
+    file.read(Chars(head), sizeof head);
+    if (!IsStoreRecordOf(head, blob.hash, size)) return false;
+    file.read(Chars(blob.buffer.data), size);
+  } catch (const std::exception&) {
+    return false;
+  }
+  return HasDigest(blob.buffer.data, size, blob.hash);
+}
+
+void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  UpdateBoth(other, data, size, md5, rest.data(), rest.size());
+  gather.Digested(rest.size());
+}
+
+bool BlobFile::Load(Entries& out) {
+  ReadHeader();
+  isDamaged = true;
+  loadedCount = 0;
+  loadedEnd = format::kFileHeaderSize;
+  const std::uint32_t length = LengthOf(file);
+  if (!headerSound) {
+    trace::pack.WriteWarnV("BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
+                           static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
+    if (header.endOffset > length) ReplayCutOff(out, length);
+    return false;
+  }
+  isDamaged = !Replay(*this, out, length).Run();
+  return !isDamaged;
+}
+
+// A file that has lost its end: what comes whole before that is good.
+void BlobFile::ReplayCutOff(Entries& out, std::uint32_t length) {
+  try {
+    Replay(*this, out, length).Run();
+  } catch (const CutShort& e) {
+    trace::pack.WriteWarnV("%s", e.what());
+  }
+}
+
+bool BlobFile::LoadedAll() const {
+  return headerSound && loadedCount == header.recordCount && loadedEnd == header.endOffset;
+}
+
+void BlobFile::KeepLoaded() {
+  try {
+    if (!headerSound && loadedCount == 0) {
+      Reset();
+      return;
+    }
+    RequireNotInDoubt();
+    FileHeader whole = header;
+    whole.recordCount = loadedCount;
+    whole.endOffset = loadedEnd;
+    Rewrite(whole);
+  } catch (const std::exception& e) {
+    inDoubt = true;
+    trace::pack.WriteErrorV("BlobFile: %s cannot be mended, no change is accepted: %s", path.c_str(), e.what());
+  }
+}
+
+bool BlobFile::Secure() {
+  if (!file.flush()) inDoubt = true;
+  return !inDoubt;
+}

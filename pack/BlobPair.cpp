@@ -1,0 +1,144 @@
+#include "pack/BlobPair.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "md5/MD5.h"
+#include "pack/Format.h"
+#include "platform/Trace.h"
+
+namespace {
+
+constexpr int kSizeRereads = 5;
+constexpr DWORD kRereadDelayMs = 200;
+
+std::uint32_t ReadSize(File& f) {
+  unsigned char bytes[4];
+  f.read(reinterpret_cast<char*>(bytes), sizeof bytes);
+  return format::Get32(bytes);
+}
+
+}  // namespace
+
+BlobPair::BlobPair() = default;
+BlobPair::~BlobPair() = default;
+
+bool BlobPair::isValid() const {
+  MD5 md5;
+  md5.update(buffer.data, buffer.size);
+  md5.finalize();
+  unsigned char digest[Hash::kSize];
+  md5.raw_digest(digest);
+  Hash computed;
+  computed.setHash(digest);
+  if (computed == hash) return true;
+  trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s", computed.toString().c_str(),
+                           hash.toString().c_str());
+  DumpBlob(&buffer);
+  return false;
+}
+
+void BlobPair::Read(File& f, bool skipData) {
+  const unsigned pos = f.tell();
+  unsigned char raw[format::kHashSize];
+  f.read(reinterpret_cast<char*>(raw), sizeof raw);
+  hash.setHash(raw);
+  std::uint32_t stored = ReadSize(f);
+
+  if (skipData) {
+    try {
+      f.seek(f.tell() + stored);
+    } catch (const std::exception& e) {
+      trace::pack.WriteErrorV("BlobPair::f.seek(f.tell() + size)::failed::size(%d), e.what(%s)",
+                              static_cast<int>(stored), e.what());
+      throw;
+    }
+    buffer.size = stored;
+    return;
+  }
+
+  if (buffer.size != stored)
+    trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", static_cast<int>(buffer.size),
+                            static_cast<int>(stored));
+  if (buffer.size < stored) RereadSize(f, pos, stored);
+  if (buffer.size < stored) throw std::runtime_error("BlobPair::Read : too large size");
+
+  f.read(reinterpret_cast<char*>(buffer.data), stored);
+  if (!isValid()) {
+    trace::pack.WriteErrorV(
+        "BlobPair::Read Validation Failed: path=%s offset=%d fileLen=%d, bsize=%d hash=%s, buffersize=%d",
+        f.Path().c_str(), static_cast<int>(pos), static_cast<int>(f.size()), static_cast<int>(stored),
+        hash.toString().c_str(), static_cast<int>(buffer.size));
+    throw std::runtime_error("BlobPair Read failed");
+  }
+  buffer.size = stored;
+}
+
+// Stops early only on equal sizes: one that has become smaller is read again,
+// too. Leaves the position behind the size or, after a failure, anywhere.
+void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) const {
+  try {
+    for (int i = 0; i < kSizeRereads && buffer.size != stored; ++i) {
+      Sleep(kRereadDelayMs);
+      f.seek(bodyOffset + format::kHashSize);
+      stored = ReadSize(f);
+      trace::pack.WriteErrorV("BlobPair::Read path=%s offset=%d bsize=%d hash=%s", f.Path().c_str(),
+                              static_cast<int>(bodyOffset), static_cast<int>(stored), hash.toString().c_str());
+    }
+  } catch (const std::exception& e) {
+    trace::pack.WriteErrorV("BlobPair::Read : fail to read size again:%s", e.what());
+  }
+}
+
+namespace {
+
+// The line that a dump puts together. It grows, never shrinks, and lives for
+// the process: dumps come in rows of alike sizes.
+struct DumpLine {
+  char* text = nullptr;
+  std::size_t capacity = 0;
+
+  bool MakeRoom(std::size_t needed) {
+    if (text == nullptr || capacity < needed + 1) {
+      std::free(text);
+      capacity = 0;
+      text = static_cast<char*>(std::malloc(needed + 129));
+      if (text == nullptr) return false;
+      capacity = needed + 129;
+    }
+    std::memset(text, 0, capacity);
+    return true;
+  }
+};
+DumpLine dumpLine;
+
+constexpr std::uint32_t kDumpLevel = 60000;
+constexpr char kDumpTitle[] = " BlobPair::Read DATA was: ";
+constexpr std::size_t kDumpTitleSize = sizeof kDumpTitle - 1;
+// What one raw write, which takes an int, can hold beside header and title.
+constexpr std::uint32_t kMaxDumpedSize = 0x3FFFFF00;
+
+}  // namespace
+
+void DumpBlob(RawBuffer const* b) {
+  if (TraceGetEffectiveLevel() < kDumpLevel || b->size > kMaxDumpedSize) return;
+  if (g_TraceDeviceRaw == 0) TraceDeviceFind(u"LogFile", &g_TraceDeviceRaw);
+  if (g_TraceDeviceRaw == 0) return;
+  if (!dumpLine.MakeRoom(2 * (std::size_t{b->size} + 128))) return;
+
+  const int header =
+      TraceFormatHeader(dumpLine.text, static_cast<std::uint32_t>(dumpLine.capacity), 3, 0, "BlobController");
+  const std::size_t body = kDumpTitleSize + 2 * std::size_t{b->size};
+  if (header < 1 || static_cast<std::size_t>(header) + body > dumpLine.capacity) return;
+
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  char* at = dumpLine.text + header;
+  std::memcpy(at, kDumpTitle, kDumpTitleSize);
+  at += kDumpTitleSize;
+  for (std::uint32_t i = 0; i < b->size; ++i) {
+    *at++ = kDigits[b->data[i] >> 4];
+    *at++ = kDigits[b->data[i] & 0x0F];
+  }
+  TraceDeviceWriteRaw(g_TraceDeviceRaw, dumpLine.text, header + static_cast<int>(body));
+}

@@ -1,0 +1,18 @@
+#include "pack/Hash.h"
+
+Hash::Hash() : bytes{} {}
+
+void Hash::setHash(unsigned char* source) {
+  std::memcpy(bytes, source, kSize);
+}
+
+std::string Hash::toString() const {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * kSize);
+  for (const unsigned char byte : bytes) {
+    if (byte >= 0x10) text.push_back(kDigits[byte >> 4]);
+    text.push_back(kDigits[byte & 0x0F]);
+  }
+  return text;
+}

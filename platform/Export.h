@@ -1,0 +1,6 @@
+// Marks what the shared library exports; everything else is hidden. What is
+// exported is decided in api/exports.map, which names every symbol.
+#pragma once
+
+#define BLOBRING_EXPORT __attribute__((visibility("default")))
+#define BLOBRING_HIDDEN __attribute__((visibility("hidden")))

@@ -1,0 +1,52 @@
+// Reads many blobs at once and verifies them side by side: a check and a
+// repack read blobs that have nothing to do with one another, whose digests
+// can be computed in parallel lanes.
+//
+// Add() reads whole records into one buffer until it is full, Verify()
+// digests them. A blob that is not there as the index says, or does not match
+// its hash, is merely not sound: what is wrong with it is for the careful
+// path of BlobFile::GetBlob to find out and report.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "md5/MD5Lanes.h"
+#include "pack/BlobFile.h"
+
+class BatchReader {
+ public:
+  static constexpr std::size_t kMaxBlobs = 256;
+
+  // For blobs of at most largestBlob bytes and totalSize in all. Throws
+  // "Unable to allocate memory".
+  BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize, std::size_t count);
+
+  // Starts the next batch.
+  void Clear();
+
+  // Reads the blob of an entry. False when the batch is full.
+  bool Add(const Hash& hash, const BlobFile::BlobFileEntry& entry);
+
+  void Verify();
+
+  std::size_t Count() const { return count; }
+  bool IsSound(std::size_t i) const { return slots[i].sound; }
+  // The blob's bytes, of its entry's size; what they are of one that is not
+  // sound is undefined, and room for them is there all the same.
+  unsigned char* Data(std::size_t i) { return buffer.data() + slots[i].data; }
+
+ private:
+  struct Slot {
+    std::size_t data;  // place of the blob's data in the buffer
+    Hash hash;
+    std::uint32_t size;
+    bool sound;
+  };
+
+  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
+  std::size_t used = 0;
+  std::size_t count = 0;
+  std::array<Slot, kMaxBlobs> slots;
+};

@@ -1,0 +1,170 @@
+// The engine of one open store: slots of pack and journal files, the index of
+// blobs, and the open transaction.
+//
+// A store is a ring of slots. The current one is seq modulo their number: its
+// pack holds the compacted blobs of this generation, its journal takes every
+// change. A repack writes the next generation into the next slot and then
+// makes that slot current.
+//
+// Order of calls: construct, AddPackDir for each slot, Load, then anything.
+// Errors: operations return bool and catch std::exception, with one message
+// that names the operation; where a comment says "throws", it leaves. After a
+// failed flush nothing is changed any more until the store is opened anew.
+// Ownership: BlobFile objects are shared by slots, current files and entries.
+// No locks: the caller serialises its calls on one store.
+#pragma once
+
+#include <boost/shared_ptr.hpp>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "pack/BlobFile.h"
+#include "pack/BlobPair.h"
+#include "pack/Hash.h"
+#include "platform/BlobAllocator.h"
+#include "store/BlobIndex.h"
+
+// What a load does with files that it cannot read.
+enum class DamagePolicy {
+  Erase,  // erases the store, which comes back empty
+  Keep,   // deletes nothing
+};
+
+class BLOBRING_EXPORT BlobController : public BlobStoreBase {
+ public:
+  using BlobFilePtr = boost::shared_ptr<BlobFile>;
+  using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
+
+  // On a directory, of which nothing is touched. Throws "Unable to allocate
+  // memory".
+  explicit BlobController(std::string storeDirectory);
+  // Neither commits nor flushes; the files close themselves.
+  ~BlobController() override;
+  BlobController(const BlobController&) = delete;
+  BlobController& operator=(const BlobController&) = delete;
+
+  // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's
+  // directory, created when missing. Throws what BlobFile::Init throws, and
+  // has then added nothing.
+  bool AddPackDir(std::string dir);
+
+  // Rebuilds the index from the newest pack that reads cleanly and its slot's
+  // journal. False when there is none, or when reading failed: the files have
+  // then been erased. Under DamagePolicy::Keep a file that is damaged in any
+  // way costs no more than what was damaged, and a copy of what it loses stays; with no
+  // usable pack the files are moved aside and the store goes on empty; and
+  // where reading failed, false leaves every file as it was.
+  bool Load();
+  void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
+
+  // Records a change in the open transaction. True when there is nothing to
+  // do; false when it could not be written, the transaction being as before.
+  bool Store(BlobPair const& blob);
+  bool Delete(Hash const& hash);
+
+  // Stores a blob whose hash it computes: the digest runs beside that of the
+  // open transaction, which costs the time of one. As Store.
+  bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
+
+  // Whether the store will hold the blob once the open transaction commits.
+  bool BlobExists(Hash const& hash) const;
+
+  // Bytes of a committed blob, -1 when there is none.
+  std::int32_t GetBlobSize(Hash const& hash);
+
+  // Reads a committed blob into the pair's buffer, which must hold it, and
+  // sets its size. False when it is not in the index, or not in its place;
+  // where reading fails, checks and closes the store and throws
+  // std::exception.
+  bool GetBlob(BlobPair& blob);
+
+  // Opens a transaction; changes that are pending are abandoned.
+  bool StartTransaction(long long id);
+
+  // Commits: on disk first, then in the index, where nothing can fail.
+  bool EndTransaction(long long id);
+
+  // Copies all blobs into the next slot, or beside the only one. False when
+  // it was refused, the store being as before, or when it failed, the store
+  // being closed and the old generation whole on disk.
+  bool Repack();
+
+  // Reads every blob and reports every fault. False when there was one. A
+  // check that is started while one is running returns true at once. Throws
+  // "Unable to allocate memory".
+  bool Fsck();
+
+  // Forgets the index and closes all files; false when one did not close.
+  bool Close();
+  bool Shutdown(bool flag);
+
+  // Erases every file of the store from disk.
+  bool DeleteFiles();
+
+  // Enumerates the hashes of the index in ascending order. ResetHashCursor
+  // returns their number; NextHash is false at the end, before a reset, and
+  // once the index has changed.
+  int ResetHashCursor();
+  bool NextHash(unsigned char* hash);
+
+  // Oldest transaction first, then by hash: the order of a repacked pack.
+  static bool sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b);
+
+ private:
+  // Of the blobs in the index, in bytes.
+  struct Sizes {
+    std::uint32_t largest = 0;
+    std::uint64_t total = 0;
+  };
+
+  BLOBRING_HIDDEN void LoadFiles();
+  BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
+  BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
+  BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
+  BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
+  BLOBRING_HIDDEN void KeepFilesAside();
+  BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
+  BLOBRING_HIDDEN void Secure(BlobFile& file) const;
+  BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
+  BLOBRING_HIDDEN void AbandonPending();
+  BLOBRING_HIDDEN void ApplyPending() noexcept;
+  template <class Write>
+  BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
+  BLOBRING_HIDDEN void RequireChangeable() const;
+  BLOBRING_HIDDEN bool InDoubt() const;
+  BLOBRING_HIDDEN bool MayRepack() const;
+  BLOBRING_HIDDEN void RepackIntoNextSlot();
+  BLOBRING_HIDDEN void RepackInPlace();
+  BLOBRING_HIDDEN void CopyBlobs(const BlobFilePtr& target);
+  BLOBRING_HIDDEN bool ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const;
+  BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const;
+  BLOBRING_HIDDEN bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
+  BLOBRING_HIDDEN bool CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
+                                 int position) const;
+  BLOBRING_HIDDEN Sizes SizesOf() const;
+  BLOBRING_HIDDEN void CheckAfterFailure();
+
+  std::int32_t seq = 0;  // of the current pack; -1 while none has been found
+  Files packFiles;       // of each slot
+  Files journalFiles;
+  BlobFilePtr curPack;
+  BlobFilePtr curJournal;
+  std::uint32_t repackSlot = 0;  // of the last repack
+  std::string path;              // the store's directory
+  std::int64_t transactionId = 0;
+  BlobIndex blobs;
+  BlobIndex::iterator hashCursor;    // meaningful while enumerating
+  BlobFile::Entries pendingEntries;  // of the open transaction, in order
+
+  // The last pending change to each hash. Its nodes become those of the index
+  // at the commit, which therefore needs no memory.
+  BlobIndex pendingByHash;
+  DamagePolicy damagePolicy = DamagePolicy::Erase;
+  bool enumerating = false;
+  bool loaded = false;
+  bool loadFailed = false;  // and the files were kept: a change could hide what they hold
+};
+
+// Highest header sequence first.
+bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b);

@@ -1,0 +1,112 @@
+// BlobController: the consistency check. It reports, and changes nothing.
+#include <algorithm>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include "platform/Trace.h"
+#include "store/BatchReader.h"
+#include "store/BlobController.h"
+
+namespace {
+
+// One check at a time in the whole process: a fault met by a check does not
+// start another.
+bool checkRunning = false;
+
+class CheckMark {
+ public:
+  CheckMark() { checkRunning = true; }
+  CheckMark(const CheckMark&) = delete;
+  CheckMark& operator=(const CheckMark&) = delete;
+  ~CheckMark() { checkRunning = false; }
+};
+
+std::string PathOf(const boost::shared_ptr<BlobFile>& file) {
+  return file ? file->path : std::string();
+}
+
+}  // namespace
+
+BlobController::Sizes BlobController::SizesOf() const {
+  Sizes sizes;
+  for (const auto& [hash, entry] : blobs) {
+    sizes.largest = std::max(sizes.largest, entry.size);
+    sizes.total += entry.size;
+  }
+  return sizes;
+}
+
+bool BlobController::Fsck() {
+  if (checkRunning) return true;
+  const CheckMark mark;
+  trace::engine.WriteWarnV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
+  if (blobs.empty()) return true;
+
+  const Sizes sizes = SizesOf();
+  BatchReader batch(sizes.largest, sizes.total, blobs.size());
+  bool sound = true;
+  try {
+    int position = 0;
+    for (auto blob = blobs.begin(); blob != blobs.end();) {
+      auto next = blob;
+      batch.Clear();
+      while (next != blobs.end() && batch.Add(next->first, next->second)) ++next;
+      batch.Verify();
+      for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
+        if (!CheckPlace(blob->first, blob->second)) sound = false;
+        if (!batch.IsSound(i) && !CheckBlob(blob->first, blob->second, batch.Data(i), position)) sound = false;
+      }
+    }
+  } catch (const std::runtime_error&) {
+    sound = false;
+  }
+  if (!sound) trace::engine.WriteErrorV("BlobController::Fsck() storage is corrupted");
+  return sound;
+}
+
+// Whether a blob lies in one of the current files.
+bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const {
+  if (entry.file && (entry.file == curPack || entry.file == curJournal)) return true;
+  const std::string file = PathOf(entry.file);
+  if (entry.file && (file == PathOf(curPack) || file == PathOf(curJournal))) return true;
+  trace::engine.WriteErrorV("BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
+                            hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(), PathOf(curJournal).c_str());
+  return false;
+}
+
+// Reads a blob that did not verify once more, the careful way, which says
+// what is wrong. The buffer holds its size.
+bool BlobController::CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
+                               int position) const {
+  BlobPair pair;
+  pair.hash = hash;
+  pair.buffer = {buffer, entry.size};
+  const std::string file = PathOf(entry.file);
+  try {
+    if (entry.file && ReadBlob(pair, entry)) return true;
+  } catch (const std::exception& e) {
+    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
+                              file.c_str(), static_cast<int>(entry.offset));
+  }
+  // Not what the buffer holds decides, but that nothing was read.
+  if (entry.size > 0) std::memset(buffer, 0, entry.size);
+  pair.hash = hash;
+  pair.isValid();
+  const std::string line = "Fsck: Blob Entry :hash=" + hash.toString() +
+                           " transId=" + std::to_string(entry.transactionId) + " size=" + std::to_string(entry.size) +
+                           " offset=" + std::to_string(entry.offset) + " count = " + std::to_string(position) +
+                           " filename=" + file;
+  trace::engine.WriteErrorV("%s", line.c_str());
+  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt", hash.toString().c_str());
+  return false;
+}
+
+// For the log only; the failure that led here is the one that counts.
+void BlobController::CheckAfterFailure() {
+  try {
+    Fsck();
+  } catch (const std::exception& e) {
+    trace::engine.WriteErrorV("%s", e.what());
+  }
+}

@@ -1,0 +1,10 @@
+# The program that README.md shows, as it stands there.
+file(READ ${PROJECT_SOURCE_DIR}/README.md readme)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/README.md)
+string(REGEX MATCH "```cpp\n([^`]*)```" unused "${readme}")
+file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/readme_example.cpp CONTENT "${CMAKE_MATCH_1}" @ONLY)
+add_executable(readme_example ${CMAKE_CURRENT_BINARY_DIR}/readme_example.cpp)
+target_link_libraries(readme_example PRIVATE blobring_options blobring)
+file(MAKE_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/readme_store)
+add_test(NAME readme_example COMMAND readme_example WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/readme_store)
+set_tests_properties(readme_example PROPERTIES PASS_REGULAR_EXPRESSION "hello")

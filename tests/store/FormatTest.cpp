@@ -1,0 +1,255 @@
+// The bytes on disk, written by hand here, and what a load makes of bytes
+// that no store wrote.
+#include <gtest/gtest.h>
+
+#include "tests/support/JournalBytes.h"
+#include "tests/support/OpenedStore.h"
+
+namespace test {
+namespace {
+
+TEST(Format, AFreshStoreHoldsTwoEmptyHeadersPerSlot) {
+  FreshMachine();
+  const int index = BCInitialize(u"/s");
+  ASSERT_EQ(BCAddPackDir(index, u"/a"), 1);
+  ASSERT_EQ(BCAddPackDir(index, u"/b"), 1);
+  const std::string journal = Hex("00040000 00000000 00000000 00000000 01000000 18000000");
+  const std::string pack = Hex("00040000 00000000 01000000 00000000 01000000 18000000");
+  EXPECT_EQ(FileBytes("/a/0.pak"), pack);
+  EXPECT_EQ(FileBytes("/s/0.jrn"), journal);
+  EXPECT_EQ(FileBytes("/b/1.pak"), pack);
+  EXPECT_EQ(FileBytes("/s/1.jrn"), journal);
+  EXPECT_EQ(BCLoad(index), 1);
+  EXPECT_EQ(BCGetAllBlobHashesReset(index), 0);
+  BCDispose(index);
+}
+
+TEST(Format, TheWorkedJournalOf119Bytes) {
+  FreshMachine();
+  const OpenedStore store;
+  ASSERT_TRUE(store.Commit(5, {"abc"}));
+  EXPECT_EQ(FileBytes("/s/0.jrn"), Hex("00040000 03000000 00000000 00000000 01000000 77000000"
+                                       "02000000 00000000 0500000000000000"
+                                       "03000000 27000000 a8bae5c961c45b9db2f338fe4956f56f"
+                                       "00000000 00000000 0500000000000000"
+                                       "900150983cd24fb0d6963f7d28e17f72 03000000 616263"
+                                       "03000000 00000000 0500000000000000"));
+}
+
+TEST(Format, ADeleteAndALargerBlobInOneTransactionOfAnotherId) {
+  FreshMachine();
+  const OpenedStore store;
+  ASSERT_TRUE(store.Commit(1, {"abc"}));
+  const std::string large(2000, 'x');
+  ASSERT_TRUE(store.Start(-2));
+  ASSERT_TRUE(store.Delete("abc"));
+  ASSERT_TRUE(store.Store(large));
+  ASSERT_TRUE(store.End(7));  // another id than the one it was started with
+  const std::string expected = JournalBytes()
+                                   .Transaction(1, {StoreRecord(1, "abc")})
+                                   .Transaction(-2, {DeleteRecord(-2, "abc"), StoreRecord(-2, large)}, 7)
+                                   .Bytes();
+  EXPECT_EQ(FileBytes("/s/0.jrn"), expected);
+}
+
+TEST(Format, APackKeepsTheIdOfEachBlobInOneTransactionOfIdZero) {
+  FreshMachine();
+  const OpenedStore store(2);
+  ASSERT_TRUE(store.Commit(9, {"nine"}));
+  ASSERT_TRUE(store.Commit(3, {"three"}));
+  ASSERT_TRUE(store.Commit(4, {"gone"}));
+  ASSERT_TRUE(store.Start(5) && store.Delete("gone") && store.End(5));
+  const std::string before = FileBytes("/s/0.jrn");
+  ASSERT_EQ(BCRepack(store.index), 1);
+  EXPECT_EQ(FileBytes("/s/1.pak"),
+            JournalBytes(1, 1).Transaction(0, {StoreRecord(3, "three"), StoreRecord(9, "nine")}).Bytes());
+  EXPECT_EQ(FileBytes("/s/1.jrn"), Hex("00040000 00000000 00000000 ffffffff 01000000 18000000"));
+  EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation stays";
+}
+
+// A journal, the blobs that survive it, and the line that names the fault.
+struct Damage {
+  const char* name;
+  std::string bytes;
+  std::vector<std::string> survivors;
+  const char* message;
+};
+
+std::vector<Damage> Damages() {
+  const auto two = [] {
+    return JournalBytes().Transaction(1, {StoreRecord(1, "first")}).Transaction(2, {StoreRecord(2, "second")});
+  };
+  const std::string good = two().Bytes();
+  const std::size_t second = JournalBytes().Transaction(1, {StoreRecord(1, "first")}).Bytes().size();
+  return {
+      {"a byte of the second transaction changed",
+       With(good, good.size() - 17, "S"),
+       {"first"},
+       "BlobFile::Load (start transaction) corruption, bad hash value id=2 file=/s/0.jrn"},
+      {"the first transaction changed",
+       With(good, 24 + 40 + 36, "F"),
+       {},
+       "BlobFile::Load (start transaction) corruption, bad hash value id=1 file=/s/0.jrn"},
+      {"one record too many counted",
+       two().Count(7).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load() didn't process all the entries entries=1 file=/s/0.jrn"},
+      {"a negative count",
+       two().Count(0x80000000U).Bytes(),
+       {},
+       "BlobFile::Load() didn't process all the entries entries=-2147483648 file=/s/0.jrn"},
+      {"the file ends inside the second transaction",
+       good.substr(0, good.size() - 20),
+       {"first"},
+       "BlobFile::Load corruption, header endOffset=219 of a file of 199 bytes file=/s/0.jrn"},
+      {"the header points beyond the end",
+       two().End(5000).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, header endOffset=5000 of a file of 219 bytes file=/s/0.jrn"},
+      {"the header points into itself",
+       two().End(23).Bytes(),
+       {},
+       "BlobFile::Load corruption, header endOffset=23 of a file of 219 bytes file=/s/0.jrn"},
+      {"a transaction inside another",
+       two().Raw(StartRecord(3, StartRecord(4, "") + EndRecord(4))).Raw(EndRecord(3)).Counting(3).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, nested transaction id=4 file=/s/0.jrn"},
+      {"an end without a start",
+       two().Raw(EndRecord(8)).Counting(1).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, end transaction without start transaction id=8 file=/s/0.jrn"},
+      {"an op that does not exist",
+       two().Raw(OpHeader(4, 0)).Counting(1).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load() unsupported op=4 file=/s/0.jrn"},
+      {"an op that does not exist, signed",
+       two().Transaction(3, {OpHeader(-1, 0)}).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load() unsupported op=-1 file=/s/0.jrn"},
+      {"an empty transaction",
+       two().Transaction(3, {}).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot after a disk wipe, "
+       "but no other time."},
+      {"a signed record that runs past its transaction",
+       two().Transaction(3, {OpHeader(0, 3) + std::string(16, 'h') + Hex("ffffff7f") + "x"}).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, record runs past its transaction id=3 file=/s/0.jrn"},
+      {"an end record inside the digest",
+       two().Transaction(3, {StoreRecord(3, "a"), EndRecord(6), StoreRecord(3, "b")}).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, transaction ends before its length id=6 file=/s/0.jrn"},
+      {"a record behind the digest",
+       two().Raw(StartRecord(3, StoreRecord(3, "a"))).Raw(StoreRecord(5, "b")).Raw(EndRecord(3)).Counting(4).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, record outside the digest of its transaction id=5 file=/s/0.jrn"},
+      {"a lone record that runs past the file",
+       two().Raw(OpHeader(0, 3) + std::string(16, 'h') + Hex("ffffffff")).Counting(1).Bytes(),
+       {"first", "second"},
+       "BlobFile::Load corruption, record runs past the end of the file id=3 file=/s/0.jrn"},
+      {"the count ends inside the second transaction",
+       two().Count(5).End(static_cast<std::uint32_t>(second)).Bytes(),
+       {"first"},
+       "BlobFile::Load() failed to find the end of the transaction (transactions=1 entries=0 file=/s/0.jrn)"},
+      {"endOffset before the end of the records",
+       two().End(static_cast<std::uint32_t>(second)).Bytes(),
+       {"first", "second"},
+       nullptr},
+  };
+}
+
+TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
+  for (const Damage& damage : Damages()) {
+    SCOPED_TRACE(damage.name);
+    FreshMachine();
+    { const OpenedStore fresh(2); }
+    SetFile("/s/0.jrn", damage.bytes);
+    sim::Diagnostics().Clear();
+    {
+      const OpenedStore store(2);
+      ASSERT_TRUE(store.loaded);
+      if (damage.message != nullptr) {
+        EXPECT_TRUE(sim::Diagnostics().HasWarning(damage.message) || sim::Diagnostics().HasError(damage.message))
+            << sim::Diagnostics().Text();
+      }
+      EXPECT_EQ(store.All().size(), damage.survivors.size());
+      for (const std::string& blob : damage.survivors) EXPECT_TRUE(store.Has(blob)) << blob;
+      EXPECT_EQ(BCFsck(store.index), 1);
+      ASSERT_TRUE(store.Commit(10, {"after"}));
+    }
+    sim::Diagnostics().Clear();
+    const OpenedStore again(2);
+    EXPECT_EQ(again.All().size(), damage.survivors.size() + 1) << sim::Diagnostics().Text();
+    EXPECT_TRUE(again.Has("after"));
+    for (const std::string& blob : damage.survivors) EXPECT_TRUE(again.Has(blob)) << blob;
+    EXPECT_FALSE(sim::Diagnostics().HasWarning("BlobController::Load journal file corrupt /s/0.jrn"));
+  }
+}
+
+TEST(Format, AFileThatWasCutOffAtItsCreationIsNew) {
+  for (const std::string& bytes :
+       {std::string(), std::string("\0\4", 2), std::string(23, 'x'), std::string(24, '\0')}) {
+    for (const char* path : {"/s/0.pak", "/s/0.jrn"}) {
+      FreshMachine();
+      SetFile(path, bytes);
+      const OpenedStore store;
+      EXPECT_TRUE(store.loaded);
+      EXPECT_TRUE(store.Commit(1, {"a"}));
+      EXPECT_EQ(FileBytes(path).size(), path[3] == '0' && path[5] == 'p' ? 24U : 24U + 40 + 37 + 16);
+    }
+  }
+}
+
+TEST(Format, NothingIsWrittenThroughAHeaderThatNoStoreWrote) {
+  FreshMachine();
+  const std::string bytes = JournalBytes().Transaction(1, {StoreRecord(1, "a")}).End(3).Bytes();
+  SetFile("/s/0.jrn", bytes);
+  const int index = BCInitialize(u"/s");
+  BCAddPackDir(index, u"/s");
+  HashBytes hash = HashOf("b");
+  unsigned char data[] = {'b'};
+  EXPECT_EQ(BCStore(index, hash.data(), data, 1), 0);
+  BCDispose(index);
+  EXPECT_EQ(FileBytes("/s/0.jrn"), bytes);
+}
+
+TEST(Format, ThePaddingOfRecordsIsIgnored) {
+  FreshMachine();
+  { const OpenedStore fresh; }
+  std::string record = StoreRecord(1, "padded");
+  record.replace(4, 4, "\xDE\xAD\xBE\xEF");
+  SetFile("/s/0.jrn", JournalBytes().Transaction(1, {record}).Bytes());
+  const OpenedStore store;
+  EXPECT_TRUE(store.Has("padded"));
+}
+
+// Every length, count and offset of a header and a block at the boundaries of
+// 31 and 32 bits: nothing is read, allocated or looped over that the file
+// does not hold.
+TEST(Format, HostileNumbersCostNoMoreThanTheFileHolds) {
+  const std::string good = JournalBytes().Transaction(1, {StoreRecord(1, "a"), StoreRecord(1, "b")}).Bytes();
+  for (const std::size_t at : {4U, 20U, 40U, 44U, 24U + 40U + 32U}) {
+    for (const char* value : {"00000000", "01000000", "ffffff7f", "00000080", "01000080", "feffffff", "ffffffff"}) {
+      SCOPED_TRACE(std::to_string(at) + " " + value);
+      for (const char* path : {"/s/0.jrn", "/s/0.pak"}) {
+        FreshMachine();
+        { const OpenedStore fresh(2); }
+        SetFile(path, With(good, at, Hex(value)));
+        sim::Memory().ResetPeak();
+        const std::size_t before = sim::Memory().peakBytes();
+        {
+          const OpenedStore store(2, OpenedStore::Policy::Keep);
+          EXPECT_TRUE(store.loaded);
+          BCFsck(store.index);
+          EXPECT_TRUE(store.Commit(2, {"c"}));
+        }
+        EXPECT_LT(sim::Memory().peakBytes() - before, 32U * 1024 + 64 * 1024);
+        const OpenedStore store(2, OpenedStore::Policy::Keep);
+        EXPECT_TRUE(store.Has("c"));
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,161 @@
+// Writing the next generation, and what may not be lost by it.
+#include <gtest/gtest.h>
+
+#include "tests/support/JournalBytes.h"
+#include "tests/support/OpenedStore.h"
+
+namespace test {
+namespace {
+
+using sim::Diagnostics;
+
+TEST(Repack, GoesRoundTheSlotsAndKeepsTheGenerationBefore) {
+  for (const int slots : {1, 2, 3}) {
+    SCOPED_TRACE(slots);
+    FreshMachine();
+    {
+      const OpenedStore store(slots);
+      ASSERT_TRUE(store.Commit(1, {"a", "b"}));
+      for (int generation = 1; generation <= 4; ++generation) {
+        const std::string path = "/s/" + std::to_string(generation % slots);
+        const std::string before = "/s/" + std::to_string((generation + slots - 1) % slots);
+        const std::string pack = FileBytes(before + ".pak");
+        const std::string journal = FileBytes(before + ".jrn");
+        ASSERT_EQ(BCRepack(store.index), 1);
+        EXPECT_EQ(FileBytes(path + ".pak")[12], generation);
+        if (slots > 1) {
+          EXPECT_EQ(FileBytes(before + ".pak"), pack);
+          EXPECT_EQ(FileBytes(before + ".jrn"), journal);
+        }
+        EXPECT_EQ(BCFsck(store.index), 1);
+        ASSERT_TRUE(store.Commit(generation + 1, {"g" + std::to_string(generation)}));
+        ASSERT_TRUE(store.Start(9) && store.Delete("a") && store.End(9));
+      }
+    }
+    const OpenedStore again(slots);
+    EXPECT_EQ(again.All().size(), 5U);
+    EXPECT_FALSE(again.Get("a"));
+    EXPECT_TRUE(again.Has("b") && again.Has("g1") && again.Has("g4"));
+    EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
+  }
+}
+
+TEST(Repack, OfAnEmptiedStoreKeepsItEmptyAndUsable) {
+  for (const int slots : {1, 2, 3}) {
+    SCOPED_TRACE(slots);
+    FreshMachine();
+    {
+      const OpenedStore store(slots);
+      ASSERT_TRUE(store.Commit(1, {"gone"}));
+      ASSERT_EQ(BCRepack(store.index), 1);
+      ASSERT_TRUE(store.Start(2) && store.Delete("gone") && store.End(2));
+      ASSERT_EQ(BCRepack(store.index), 1);
+      ASSERT_TRUE(store.Commit(3, {"after"}));
+    }
+    const OpenedStore again(slots);
+    ASSERT_TRUE(again.loaded);
+    EXPECT_FALSE(again.Get("gone"));
+    EXPECT_TRUE(again.Has("after"));
+  }
+}
+
+TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
+  FreshMachine();
+  const auto refused = [](int index, const char* reason) {
+    Diagnostics().Clear();
+    const bool failed = BCRepack(index) == 0;
+    return failed && Diagnostics().HasError(std::string("BlobController::Repack() refused: ") + reason);
+  };
+  {
+    const OpenedStore none(0);
+    EXPECT_FALSE(none.loaded);
+    EXPECT_TRUE(refused(none.index, "the store has no slot"));
+    EXPECT_FALSE(none.Store("x"));
+    EXPECT_EQ(BCFsck(none.index), 1);
+  }
+  {
+    const OpenedStore store(2);
+    ASSERT_TRUE(store.Start(1) && store.Store("a"));
+    EXPECT_TRUE(refused(store.index, "changes are pending, end the transaction first"));
+    ASSERT_TRUE(store.End(1));
+    EXPECT_TRUE(store.Has("a")) << "open and as it was";
+  }
+  {
+    const int index = BCInitialize(u"/s");
+    BCAddPackDir(index, u"/s");
+    EXPECT_TRUE(refused(index, "the store is not loaded"));
+    BCDispose(index);
+  }
+  const OpenedStore store(2);
+  EXPECT_TRUE(store.Has("a"));
+  BCShutdown(store.index, true);
+  EXPECT_TRUE(refused(store.index, "the store is not loaded"));
+}
+
+// The pack of the highest sequence stands in a slot that its sequence does not
+// name. The next generation must not be written over it.
+TEST(Repack, NeverEmptiesTheGenerationThatItReads) {
+  FreshMachine();
+  SetFile("/s/1.pak", JournalBytes(1, 4).Transaction(0, {StoreRecord(1, "packed")}).Bytes());
+  SetFile("/s/0.jrn", JournalBytes().Transaction(2, {StoreRecord(2, "journalled")}).Bytes());
+  {
+    const OpenedStore store(2);
+    ASSERT_TRUE(store.Has("packed") && store.Has("journalled"));
+    ASSERT_EQ(BCRepack(store.index), 1);
+    EXPECT_TRUE(store.Has("packed") && store.Has("journalled"));
+    ASSERT_TRUE(store.Commit(3, {"after"}));
+  }
+  const OpenedStore again(2);
+  EXPECT_EQ(again.All().size(), 3U);
+}
+
+TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
+  const std::string journal = JournalBytes().Transaction(1, {StoreRecord(1, "aaaa"), StoreRecord(1, "bbbb")}).Bytes();
+  const std::size_t first = 24 + 40;
+  for (const int slots : {1, 2}) {
+    for (const bool damaged : {false, true}) {
+      SCOPED_TRACE(std::to_string(slots) + (damaged ? " damaged" : " gone"));
+      FreshMachine();
+      { const OpenedStore fresh(slots); }
+      SetFile("/s/0.jrn", journal);
+      const OpenedStore store(slots);
+      ASSERT_TRUE(store.Has("aaaa"));
+      // Under the store's feet: another op, or another byte of data.
+      sim::Disk& disk = sim::Files().disk;
+      if (damaged) {
+        disk.Write(disk.Lookup("/s/0.jrn"), first + 36, "X", 1);
+      } else {
+        disk.Write(disk.Lookup("/s/0.jrn"), first, "\1", 1);
+      }
+      const std::string before = FileBytes("/s/0.jrn");
+      Diagnostics().Clear();
+      const HashBytes hash = HashOf("aaaa");
+      if (!damaged) {
+        EXPECT_EQ(BCRepack(store.index), 1);
+        EXPECT_TRUE(
+            Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " + TextOf(hash) + " size 4"));
+        EXPECT_TRUE(store.Has("bbbb"));
+        EXPECT_EQ(BCFsck(store.index), slots == 1 ? 1 : 0) << "where the old file is left, its entry is reported";
+        continue;
+      }
+      EXPECT_EQ(BCRepack(store.index), 0);
+      const bool second = HashOf("bbbb") < hash;
+      const std::string intact =
+          second ? "/s/" + std::string(slots == 1 ? "0.pak.new" : "1.pak") + ", 64, 4" : "/s/0.jrn, 104, 4";
+      EXPECT_TRUE(Diagnostics().HasError("BlobController::Repack() Invalid Blob Detected. Failed on index[" +
+                                         std::to_string(second ? 1 : 0) +
+                                         "]. BlobEntries table dump. Dumping [2] entries."))
+          << Diagnostics().Text();
+      EXPECT_TRUE(Diagnostics().HasError("file.path, file offset, blob size"));
+      EXPECT_TRUE(Diagnostics().HasError("/s/0.jrn, 64, 4"));
+      EXPECT_TRUE(Diagnostics().HasError(intact)) << Diagnostics().Text();
+      EXPECT_TRUE(Diagnostics().HasError("BlobController::Repack() threw an exception BlobPair Read failed"));
+      EXPECT_FALSE(store.Get("bbbb")) << "closed";
+      EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation is as it was";
+      EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace test

@@ -1,0 +1,109 @@
+#include "tests/support/OpenedStore.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+
+namespace test {
+
+HashBytes HashOf(std::string_view data) {
+  HashBytes hash{};
+  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()), hash.data());
+  return hash;
+}
+
+std::string TextOf(const HashBytes& hash) {
+  std::string text;
+  char digits[3];
+  for (const unsigned char byte : hash) {
+    std::snprintf(digits, sizeof digits, "%x", byte);
+    text += digits;
+  }
+  return text;
+}
+
+sim::SimFiles& FreshMachine() {
+  sim::SimFiles& files = sim::Files();
+  files.Reset();
+  files.watcher = nullptr;
+  files.faults.Clear();
+  for (const char* directory : {"/s", "/a", "/b", "/c"}) files.disk.MakeDirectory(directory);
+  sim::Memory().RefuseAlloc(0);
+  sim::Memory().RefuseFree(0);
+  sim::Diagnostics().Clear();
+  sim::Diagnostics().Record(true);
+  sim::Diagnostics().level = 0;
+  return files;
+}
+
+std::string FileBytes(const std::string& path) {
+  const int inode = sim::Files().disk.Lookup(path);
+  EXPECT_NE(inode, sim::kNoInode) << path;
+  if (inode == sim::kNoInode) return {};
+  const sim::Bytes& bytes = sim::Files().disk.inode(inode).visible;
+  return {bytes.begin(), bytes.end()};
+}
+
+void SetFile(const std::string& path, std::string_view bytes) {
+  sim::Disk& disk = sim::Files().disk;
+  int inode = disk.Lookup(path);
+  if (inode == sim::kNoInode) inode = disk.Create(path);
+  disk.Truncate(inode, 0);
+  disk.Write(inode, 0, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+  disk.Flush(inode);
+  disk.SyncDirectory(sim::DirectoryOf(path));
+}
+
+OpenedStore::OpenedStore(int slots, Policy policy) {
+  index = BCInitialize(u"/s");
+  for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, u"/s");
+  if (policy == Policy::Keep) BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
+  loaded = BCLoad(index) == 1;
+}
+
+OpenedStore::~OpenedStore() {
+  BCDispose(index);
+}
+
+bool OpenedStore::Store(std::string_view data) const {
+  HashBytes hash = HashOf(data);
+  std::string copy(data);
+  return BCStore(index, hash.data(), reinterpret_cast<unsigned char*>(copy.data()), static_cast<int>(copy.size())) == 1;
+}
+
+bool OpenedStore::Delete(std::string_view data) const {
+  HashBytes hash = HashOf(data);
+  return BCDelete(index, hash.data()) == 1;
+}
+
+bool OpenedStore::Commit(long long id, const std::vector<std::string>& blobs) const {
+  bool good = Start(id);
+  for (const std::string& blob : blobs) good = Store(blob) && good;
+  return End(id) && good;
+}
+
+std::optional<std::string> OpenedStore::Get(std::string_view data) const {
+  HashBytes hash = HashOf(data);
+  const int size = BCGetSize(index, hash.data());
+  if (size < 0) return std::nullopt;
+  std::string read(static_cast<std::size_t>(size), '\0');
+  if (BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size) != 0) return std::nullopt;
+  return read;
+}
+
+std::vector<std::string> OpenedStore::All() const {
+  std::vector<std::string> blobs;
+  const int count = BCGetAllBlobHashesReset(index);
+  std::vector<HashBytes> hashes;
+  for (HashBytes hash{}; BCGetAllBlobHashes(index, hash.data(), 0) == 1;) hashes.push_back(hash);
+  EXPECT_EQ(static_cast<int>(hashes.size()), count);
+  for (HashBytes& hash : hashes) {
+    std::string read(static_cast<std::size_t>(BCGetSize(index, hash.data())), '\0');
+    EXPECT_EQ(BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), static_cast<int>(read.size())),
+              0);
+    blobs.push_back(read);
+  }
+  return blobs;
+}
+
+}  // namespace test

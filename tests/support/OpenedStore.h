@@ -1,0 +1,64 @@
+// A store on the simulated machine, through the exported functions alone.
+#pragma once
+
+#include <blobring/blobring.h>
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/SimDiagnostics.h"
+#include "tests/support/SimFiles.h"
+#include "tests/support/SimMemory.h"
+
+namespace test {
+
+using HashBytes = std::array<unsigned char, BLOBRING_HASH_SIZE>;
+
+HashBytes HashOf(std::string_view data);
+// The text that messages use: no leading zeros.
+std::string TextOf(const HashBytes& hash);
+
+// A machine with an empty disk and the directories /s, /a, /b and /c, where
+// nothing is planned and nothing recorded.
+sim::SimFiles& FreshMachine();
+
+// The contents of a file as a reader sees it; fails the test if it is missing.
+std::string FileBytes(const std::string& path);
+// Makes or replaces a file, durable.
+void SetFile(const std::string& path, std::string_view bytes);
+
+// A store in /s whose slot k has its pack in /s as well.
+class OpenedStore {
+ public:
+  enum class Policy { Erase, Keep };
+
+  // Opens, adds the slots and loads.
+  explicit OpenedStore(int slots = 1, Policy policy = Policy::Erase);
+  OpenedStore(const OpenedStore&) = delete;
+  OpenedStore& operator=(const OpenedStore&) = delete;
+  ~OpenedStore();
+
+  int index = -1;
+  bool loaded = false;  // what BCLoad said
+
+  bool Start(long long id) const { return BCStartTransaction(index, &id) == 1; }
+  bool End(long long id) const { return BCEndTransaction(index, &id) == 1; }
+  bool Store(std::string_view data) const;
+  bool Delete(std::string_view data) const;
+  // One transaction with these blobs.
+  bool Commit(long long id, const std::vector<std::string>& blobs) const;
+
+  // A committed blob, read by the size that the store gives; nothing when it
+  // is not there or cannot be read.
+  std::optional<std::string> Get(std::string_view data) const;
+  bool Has(std::string_view data) const { return Get(data) == std::string(data); }
+  // All blobs, by enumeration.
+  std::vector<std::string> All() const;
+};
+
+}  // namespace test
