@@ -116,6 +116,7 @@ class SimFiles {
   bool Lies(const Handle& handle);
   bool IsEarlyHeader(const Handle& handle, DWORD size) const;
   void ReleaseHandles();
+  void Release(Handle& handle);
   BOOL FillFindData(Handle& handle, WIN32_FIND_DATAW* data);
 
   std::array<Handle, kMaxHandles> handles_;
