@@ -133,8 +133,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
-  // What the last Load found.
-  bool IsDamaged() const { return isDamaged; }
+  // What the last Load found. A header that this class cannot have written is
+  // damage whether or not there was a Load.
+  bool IsDamaged() const { return isDamaged || !headerSound; }
 
   bool InDoubt() const { return inDoubt; }
 

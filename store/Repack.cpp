@@ -109,7 +109,8 @@ void BlobController::RepackIntoNextSlot() {
   curJournal = journal;
 }
 
-// The slot that is next may hold what the load had to pass over.
+// The slot that is next may hold what the load had to pass over, or did not
+// come to: a pack that has lost its header does not say that it is the newest.
 void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
   if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
   Keep(pack);
