@@ -155,6 +155,7 @@ Reading ReadFile(std::string_view file) {
   reading.end = reader.Run();
   if (reading.headerLost) reading.end = End::Damaged;
   reading.exact = reading.end == End::Clean && reader.wholeEnd == end && reader.wholeCount == Get32(file, 4);
+  reading.countLost = reader.wholeCount == 0 && !reading.exact;
   return reading;
 }
 
@@ -170,7 +171,7 @@ Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
   for (const std::size_t slot : order) {
     const Reading& pack = packs[slot];
     if (pack.end == End::CutShort && !keep) return expected;
-    if (pack.end != End::Clean) continue;
+    if (pack.end != End::Clean || (keep && pack.countLost)) continue;
     if (pack.sequence == -1) break;
     expected.loaded = true;
     expected.sequence = pack.sequence;

@@ -31,6 +31,7 @@ struct Reading {
   End end = End::Clean;
   std::int32_t sequence = 0;
   bool headerLost = false;  // it is one that no store writes
+  bool countLost = false;   // it counts no record whole of those that it covers
   bool exact = true;        // it counts the changes and nothing else
   std::vector<Change> changes;
 };

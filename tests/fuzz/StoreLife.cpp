@@ -141,7 +141,8 @@ class Life {
       const Reading pack = ReadFile(slots[slot].pack);
       const bool isNewer = pack.sequence > expected.sequence &&
                            static_cast<std::uint32_t>(pack.sequence) % slots.size() == slot;
-      if (!pack.headerLost && !(pack.end != Reading::End::Clean && isNewer)) continue;
+      const bool isDamaged = pack.end != Reading::End::Clean || pack.countLost;
+      if (!pack.headerLost && !(isDamaged && isNewer)) continue;
       Require(IsKept(PathOf(slot, ".pak"), slots[slot].pack), "a damaged pack is kept");
       if (expected.movedAside || slot != expected.journalSlot)
         Require(IsKept(PathOf(slot, ".jrn"), slots[slot].journal), "so is its journal");
