@@ -7,9 +7,8 @@
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
-  static const std::string pack = test::JournalBytes(1, 7)
-                                      .Transaction(0, {test::StoreRecord(1, "a"), test::StoreRecord(2, "bb")})
-                                      .Bytes();
+  static const std::string pack =
+      test::JournalBytes(1, 7).Transaction(0, {test::StoreRecord(1, "a"), test::StoreRecord(2, "bb")}).Bytes();
   fuzz::LiveThrough({{pack, std::string(fuzz::View(data + 1, size - 1))}}, fuzz::OptionsOf(data[0]));
   return 0;
 }

@@ -29,7 +29,7 @@ std::size_t LLVMFuzzerCustomCrossOver(const std::uint8_t* first, std::size_t fir
                                       std::size_t secondSize, std::uint8_t* out, std::size_t maxSize, unsigned seed) {
   if (firstSize < 2 || secondSize < 2 || maxSize < 1) return 0;
   fuzz::Random random(seed);
-  const std::string file = fuzz::JoinFiles(fuzz::View(first + 1, firstSize - 1),
-                                           fuzz::View(second + 1, secondSize - 1), maxSize - 1, random);
+  const std::string file = fuzz::JoinFiles(fuzz::View(first + 1, firstSize - 1), fuzz::View(second + 1, secondSize - 1),
+                                           maxSize - 1, random);
   return Put(out, first[0], file);
 }

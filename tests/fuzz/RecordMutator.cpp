@@ -29,9 +29,9 @@ std::string Digest(std::string_view bytes) {
 }
 
 std::uint32_t Boundary(Random& random) {
-  static constexpr std::uint32_t kEdges[] = {0,          1,           16,          24,          32,          36,
-                                             40,         4096,        0x7FFFFFFFU, 0x80000000U, 0x80000001U, 0xFFFFFFDCU,
-                                             0xFFFFFFF0U, 0xFFFFFFFEU, 0xFFFFFFFFU};
+  static constexpr std::uint32_t kEdges[] = {0,           1,           16,          24,          32,
+                                             36,          40,          4096,        0x7FFFFFFFU, 0x80000000U,
+                                             0x80000001U, 0xFFFFFFDCU, 0xFFFFFFF0U, 0xFFFFFFFEU, 0xFFFFFFFFU};
   return kEdges[random.Below(std::size(kEdges))];
 }
 
@@ -57,18 +57,29 @@ class FileRecords {
 
   void ChangeOnce() {
     switch (random.Below(12)) {
-      case 0: return ChangeNumber(header, 4 * random.Below(6));
+      case 0:
+        return ChangeNumber(header, 4 * random.Below(6));
       case 1:
-      case 2: return ChangeField();
-      case 3: return ChangeByte();
-      case 4: return EraseRange();
-      case 5: return CopyRange();
-      case 6: return MoveRecord();
-      case 7: return CutRecord();
-      case 8: return CopyHash();
-      case 9: return ChangeTail();
-      case 10: return InsertRecord();
-      default: return InsertTransaction();
+      case 2:
+        return ChangeField();
+      case 3:
+        return ChangeByte();
+      case 4:
+        return EraseRange();
+      case 5:
+        return CopyRange();
+      case 6:
+        return MoveRecord();
+      case 7:
+        return CutRecord();
+      case 8:
+        return CopyHash();
+      case 9:
+        return ChangeTail();
+      case 10:
+        return InsertRecord();
+      default:
+        return InsertTransaction();
     }
   }
 
@@ -99,8 +110,12 @@ class FileRecords {
         size = kStoreHead;
         if (bytes.size() >= size) size += Get32(bytes, kDelete);
         break;
-      case kDeleteOp: size = kDelete; break;
-      case kStartOp: size = kStart; break;
+      case kDeleteOp:
+        size = kDelete;
+        break;
+      case kStartOp:
+        size = kStart;
+        break;
     }
     return std::min(size, bytes.size());
   }
@@ -203,9 +218,12 @@ class FileRecords {
   void InsertRecord() {
     if (records.size() > 400) return;
     switch (random.Below(4)) {
-      case 0: return Insert(test::StartRecord(1, {}));
-      case 1: return Insert(test::EndRecord(1));
-      default: return Insert(SomeRecord());
+      case 0:
+        return Insert(test::StartRecord(1, {}));
+      case 1:
+        return Insert(test::EndRecord(1));
+      default:
+        return Insert(SomeRecord());
     }
   }
 

@@ -32,7 +32,9 @@ constexpr std::size_t kFixedMemory = 128 * 1024;
 constexpr std::uint64_t kFixedCalls = 150;
 constexpr std::uint64_t kCallsPerBlob = 12;
 
-std::string PathOf(std::size_t slot, const char* extension) { return "/s/" + std::to_string(slot) + extension; }
+std::string PathOf(std::size_t slot, const char* extension) {
+  return "/s/" + std::to_string(slot) + extension;
+}
 
 // Whether a reader finds exactly these bytes at path.
 bool Holds(const std::string& path, std::string_view bytes) {
@@ -128,7 +130,8 @@ class Life {
     if (loaded) return;
     for (std::size_t slot = 0; slot < slots.size(); ++slot)
       for (const char* extension : {".pak", ".jrn"})
-        Require(sim::Files().disk.Lookup(PathOf(slot, extension)) == sim::kNoInode, "no file of an erased store is left");
+        Require(sim::Files().disk.Lookup(PathOf(slot, extension)) == sim::kNoInode,
+                "no file of an erased store is left");
     Close(false);
     Open();
     Require(loaded, "an erased store loads");
@@ -139,8 +142,8 @@ class Life {
   void CheckDamagedKept() const {
     for (std::size_t slot = 0; slot < slots.size(); ++slot) {
       const Reading pack = ReadFile(slots[slot].pack);
-      const bool isNewer = pack.sequence > expected.sequence &&
-                           static_cast<std::uint32_t>(pack.sequence) % slots.size() == slot;
+      const bool isNewer =
+          pack.sequence > expected.sequence && static_cast<std::uint32_t>(pack.sequence) % slots.size() == slot;
       const bool isDamaged = pack.end != Reading::End::Clean || pack.countLost;
       if (!pack.headerLost && !(isDamaged && isNewer)) continue;
       Require(IsKept(PathOf(slot, ".pak"), slots[slot].pack), "a damaged pack is kept");

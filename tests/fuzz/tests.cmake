@@ -4,8 +4,8 @@
 option(BLOBRING_FUZZ "Build the libFuzzer programs" OFF)
 
 set(fuzz_dir ${CMAKE_CURRENT_LIST_DIR})
-if(BLOBRING_FUZZ)
-  target_compile_options(blobring_options INTERFACE -fsanitize=fuzzer-no-link)
+if(BLOBRING_FUZZ)  # the search goes by what is reached in the store, not in digest, machine and model
+  target_compile_options(blobring_store PRIVATE -fsanitize=fuzzer-no-link)
 endif()
 
 add_library(blobring_fuzz_life OBJECT ${fuzz_dir}/FileModel.cpp ${fuzz_dir}/StoreLife.cpp ${fuzz_dir}/RecordMutator.cpp)
