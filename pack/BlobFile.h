@@ -140,8 +140,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
-  // What the last Load found.
-  bool IsDamaged() const { return isDamaged; }
+  // What the last Load found. Damage as well, though Load can go by it, is a
+  // header that counts none whole of the records that it covers, and, even
+  // before a Load, one that this class cannot have written.
+  bool IsDamaged() const { return isDamaged || !headerSound; }
 
   bool InDoubt() const { return inDoubt; }
 

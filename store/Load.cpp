@@ -80,10 +80,11 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 }
 
 // False when it is damaged. To a store that erases, a pack that ends too
-// early is not damage but a failure of the whole load.
+// early is not damage but a failure of the whole load, and one that counts no
+// record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
   try {
-    return pack.Load(entries);
+    return pack.Load(entries) && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
