@@ -34,6 +34,7 @@
 #include "pack/Format.h"
 #include "pack/GatherBuffer.h"
 #include "pack/Hash.h"
+#include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 
@@ -176,6 +177,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
  public:
   std::string path;
   File file;
+  const ProgressCall* loadProgress = nullptr;  // told by Load, in bytes; null: nobody. Not copied
 
  private:
   format::FileHeader committed;  // as it is on disk

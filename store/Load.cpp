@@ -83,8 +83,11 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 // early is not damage but a failure of the whole load, and one that counts no
 // record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
+  pack.loadProgress = &progress;
   try {
-    return pack.Load(entries) && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
+    const bool sound = pack.Load(entries);
+    progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
+    return sound && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
@@ -95,6 +98,7 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
   entries.clear();
+  curJournal->loadProgress = &progress;
   bool sound = false;
   try {
     sound = curJournal->Load(entries);
@@ -109,6 +113,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
+  progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
 }
 
 // A process may have died between writing this file and flushing it. What is
