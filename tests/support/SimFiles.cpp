@@ -274,6 +274,7 @@ BOOL SimFiles::Close(HANDLE file) {
   Handle* handle = HandleAt(file);
   if (dead_ || handle == nullptr || handle->find) return Fail(ERROR_INVALID_HANDLE);
   handle->open = false;
+  if (handle->flushFailed) disk.ReadAnew(handle->inode);
   if (fault != Fault::None) return Fail(ERROR_IO_DEVICE);
   lastError_ = ERROR_SUCCESS;
   return 1;
