@@ -7,7 +7,6 @@
 // No locks: one caller at a time. Lengths are bytes.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <iosfwd>
@@ -50,8 +49,8 @@ class MD5 {
   void hex_digest(std::string& out) const;
 
  private:
-  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::size_t firstLength, MD5& second,
-                         const std::uint8_t* secondInput, std::size_t secondLength);
+  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength, MD5& second,
+                         const std::uint8_t* secondInput, std::uint32_t secondLength);
 
   void AddToCount(std::uint32_t length);
   std::uint32_t BufferedSize() const { return (count[0] >> 3) & 63; }
