@@ -21,15 +21,17 @@ LifeOptions OptionsOf(std::uint8_t byte) {
 
 namespace {
 
-// A delete record of 32 bytes costs a list entry of 72, thrice while the list
-// grows, and an index entry of 120; a repack besides holds records of that
-// size, thrice while its buffer grows.
-constexpr std::size_t kMemoryPerByte = 14;
-// Store objects, the list of changes, the piece in which a file is copied.
-constexpr std::size_t kFixedMemory = 128 * 1024;
-// Platform calls of one step: opening and keeping files, and for each blob
-// two readings, the second one in pieces.
+// The dearest record is a delete: 32 bytes for an entry of 72 in a list that
+// may have room for twice as many, and for 120 bytes in the index.
+constexpr std::size_t kMemoryPerByte = 10;
+// The piece of 64 KiB in which a file is copied, store objects, the list of
+// changes.
+constexpr std::size_t kFixedMemory = 80 * 1024;
+// Platform calls of one step: opening and keeping files, scanning and copying
+// them in large pieces, and for each blob two readings, the second one in
+// small pieces.
 constexpr std::uint64_t kFixedCalls = 150;
+constexpr std::uint64_t kBytesPerCall = 16 * 1024;
 constexpr std::uint64_t kCallsPerBlob = 12;
 
 std::string PathOf(std::size_t slot, const char* extension) {
@@ -249,7 +251,8 @@ class Life {
   void StartStep() { callsBefore = sim::Files().allCalls(); }
   void EndStep() {
     const std::uint64_t calls = sim::Files().allCalls() - callsBefore;
-    Require(calls <= kFixedCalls * slots.size() + kCallsPerBlob * std::max(index.size(), expected.index.size()),
+    const std::uint64_t blobs = std::max(index.size(), expected.index.size());
+    Require(calls <= kFixedCalls * slots.size() + fileBytes / kBytesPerCall + kCallsPerBlob * blobs,
             "platform calls are few");
     Require(sim::Memory().peakBytes() - memoryBefore <= kFixedMemory + kMemoryPerByte * fileBytes,
             "memory is in proportion to the files");
