@@ -437,8 +437,9 @@ bool BlobFile::Load(Entries& out) {
     if (header.endOffset > length) ReplayCutOff(out, length);
     return false;
   }
-  isDamaged = !Replay(*this, out, length).Run();
-  return !isDamaged;
+  const bool isSound = Replay(*this, out, length).Run();
+  isDamaged = !isSound || (loadedCount == 0 && !LoadedAll());
+  return isSound;
 }
 
 // A file that has lost its end: what comes whole before that is good.

@@ -34,6 +34,7 @@
 #include "pack/Format.h"
 #include "pack/GatherBuffer.h"
 #include "pack/Hash.h"
+#include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 
@@ -140,8 +141,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
-  // What the last Load found.
-  bool IsDamaged() const { return isDamaged; }
+  // What the last Load found. Damage as well, though Load can go by it, is a
+  // header that counts none whole of the records that it covers, and, even
+  // before a Load, one that this class cannot have written.
+  bool IsDamaged() const { return isDamaged || !headerSound; }
 
   bool InDoubt() const { return inDoubt; }
 
@@ -174,6 +177,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
  public:
   std::string path;
   File file;
+  const ProgressCall* loadProgress = nullptr;  // told by Load, in bytes; null: nobody. Not copied
 
  private:
   format::FileHeader committed;  // as it is on disk

@@ -1,5 +1,6 @@
 #include "pack/Replay.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "pack/FileScanner.h"
@@ -30,6 +31,14 @@ class EntriesGuard {
 
 Replay::Replay(BlobFile& file, BlobFile::Entries& entries, std::uint32_t fileLength)
     : target(file), out(entries), length(fileLength), remaining(static_cast<std::int32_t>(file.header.recordCount)) {}
+
+// A load cannot be stopped: half an index would pass for a whole one.
+void Replay::Report(std::uint32_t offset) {
+  constexpr std::uint32_t kStep = 1024 * 1024;
+  if (target.loadProgress == nullptr || offset - reported < kStep) return;
+  reported = offset;
+  target.loadProgress->Stops(ProgressCall::kLoad, offset, std::max(offset, target.header.endOffset));
+}
 
 bool Replay::Run() {
   FileScanner scanner(target.file, format::kFileHeaderSize, length);
@@ -118,6 +127,7 @@ bool Replay::Transaction(FileScanner& scanner, const OpHeader& start) {
     md5.update(piece.data(), static_cast<unsigned>(piece.size()));
     parser.Feed(piece);
     left -= static_cast<std::uint32_t>(piece.size());
+    Report(scanner.Offset());
   }
   md5.finalize();
   unsigned char digest[format::kDigestSize];

@@ -43,6 +43,8 @@ class BlobIndex {
   bool empty() const { return tree.empty(); }
 
   const_iterator Find(const Hash& hash) const;
+  // The first blob whose hash is greater.
+  const_iterator After(const Hash& hash) const { return tree.upper_bound(hash); }
 
   // The entry of a hash; a blank one is made, with the one allocation of its
   // node, where there is none. Says in isNew which it was. Throws "Unable to

@@ -80,10 +80,14 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 }
 
 // False when it is damaged. To a store that erases, a pack that ends too
-// early is not damage but a failure of the whole load.
+// early is not damage but a failure of the whole load, and one that counts no
+// record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
+  pack.loadProgress = &progress;
   try {
-    return pack.Load(entries);
+    const bool sound = pack.Load(entries);
+    progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
+    return sound && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
@@ -94,6 +98,7 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
   entries.clear();
+  curJournal->loadProgress = &progress;
   bool sound = false;
   try {
     sound = curJournal->Load(entries);
@@ -108,6 +113,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
+  progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
 }
 
 // A process may have died between writing this file and flushing it. What is

@@ -49,6 +49,8 @@ ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer*
 
 }  // namespace
 
+// The linker's own names for a call and its replacement (ld(1), --wrap).
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 int __real_fdatasync(int file);
@@ -104,3 +106,4 @@ int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const
   return -1;
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)

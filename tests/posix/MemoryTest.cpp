@@ -189,6 +189,7 @@ TEST(Memory, RefusesWhatItDidNotGiveOut) {
   const std::unique_ptr<int> onHeap = std::make_unique<int>();
   const std::uint64_t live = Total().liveBlocks;
 
+  // NOLINTBEGIN(performance-no-int-to-ptr): addresses of no object
   void* const foreign[] = {&onStack,
                            onHeap.get(),
                            reinterpret_cast<void*>(Give),
@@ -200,6 +201,7 @@ TEST(Memory, RefusesWhatItDidNotGiveOut) {
                            static_cast<char*>(large) + 16,
                            static_cast<char*>(large) + 70000,
                            reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(small) & ~std::uintptr_t{0xFFFF})};
+  // NOLINTEND(performance-no-int-to-ptr)
   for (void* address : foreign) EXPECT_LT(Give(address), 0) << address;
   EXPECT_EQ(Total().liveBlocks, live);
 

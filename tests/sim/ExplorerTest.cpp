@@ -44,12 +44,12 @@ TEST(Explorer, NoFailingCallLosesACommit) {
 TEST(Explorer, ReplaysWhatItFound) {
   sim::Diagnostics().Record(false);
   PowerCut broken(1);
-  broken.Break({.step = 'E', .lieAboutFlush = 2});
+  broken.Break({.step = 'E', .lieAboutFlush = 1});
   broken.Explore(ParseScript("2: S +4 E S +6 E"));
   ASSERT_FALSE(broken.findings().empty());
   const Finding& found = broken.findings()[0];
   PowerCut again(2);
-  again.Break({.step = 'E', .lieAboutFlush = 2});
+  again.Break({.step = 'E', .lieAboutFlush = 1});
   ASSERT_TRUE(again.Replay(found.token));
   ASSERT_EQ(again.findings().size(), 1U);
   EXPECT_EQ(again.findings()[0].text, found.text);

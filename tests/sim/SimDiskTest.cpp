@@ -197,6 +197,8 @@ TEST_F(SimFilesTest, FailsAsPlanned) {
     EXPECT_FALSE(FlushFileBuffers(file));
     EXPECT_FALSE(FlushFileBuffers(file)) << "a later flush of the handle";
     EXPECT_EQ(Found(), row.found);
+    EXPECT_TRUE(CloseHandle(file));
+    EXPECT_EQ(Found(), row.afterPowerCut) << "whoever opens it next";
     Files().CutPower();
     EXPECT_EQ(Found(), row.afterPowerCut);
   }

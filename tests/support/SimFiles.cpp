@@ -59,13 +59,7 @@ void SimFiles::CutPower() {
 }
 
 void SimFiles::ReleaseHandles() {
-  for (Handle& handle : handles_) Release(handle);
-}
-
-// After a failed flush the next opener reads what the medium holds.
-void SimFiles::Release(Handle& handle) {
-  if (handle.open && handle.flushFailed) disk.DropUpdates(handle.inode, false);
-  handle.open = false;
+  for (Handle& handle : handles_) handle.open = false;
 }
 
 std::uint64_t SimFiles::allCalls() const {
@@ -279,7 +273,8 @@ BOOL SimFiles::Close(HANDLE file) {
   const Fault fault = Begin(Call::CloseHandle);
   Handle* handle = HandleAt(file);
   if (dead_ || handle == nullptr || handle->find) return Fail(ERROR_INVALID_HANDLE);
-  Release(*handle);
+  handle->open = false;
+  if (handle->flushFailed) disk.ReadAnew(handle->inode);
   if (fault != Fault::None) return Fail(ERROR_IO_DEVICE);
   lastError_ = ERROR_SUCCESS;
   return 1;

@@ -6,7 +6,8 @@
 // every second opener; a first flush of a handle that may have created its
 // file also syncs the directory; a rename syncs the directory; a deletion
 // waits for the directory's next sync; after a failed flush every later flush
-// of that handle fails.
+// of that handle fails, and who opens the file after it was closed reads what
+// the disk holds.
 #pragma once
 
 #include <array>
@@ -116,7 +117,6 @@ class SimFiles {
   bool Lies(const Handle& handle);
   bool IsEarlyHeader(const Handle& handle, DWORD size) const;
   void ReleaseHandles();
-  void Release(Handle& handle);
   BOOL FillFindData(Handle& handle, WIN32_FIND_DATAW* data);
 
   std::array<Handle, kMaxHandles> handles_;
