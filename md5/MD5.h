@@ -12,7 +12,9 @@
 #include <iosfwd>
 #include <string>
 
-class MD5 {
+#include "platform/Export.h"
+
+class BLOBRING_EXPORT MD5 {
  public:
   MD5();
 
@@ -63,4 +65,4 @@ class MD5 {
 };
 
 // Writes the text of hex_digest().
-std::ostream& operator<<(std::ostream& os, MD5 md5);
+BLOBRING_EXPORT std::ostream& operator<<(std::ostream& os, MD5 md5);

@@ -431,7 +431,7 @@ bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
 
 void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
   const std::span<const unsigned char> rest = gather.Undigested();
-  UpdateBoth(other, data, size, md5, rest.data(), rest.size());
+  UpdateBoth(other, data, size, md5, rest.data(), static_cast<std::uint32_t>(rest.size()));
   gather.Digested(rest.size());
 }
 
