@@ -127,8 +127,8 @@ void Run(const Scenario& scenario, const std::filesystem::path& directory, const
     ::sync();  // the removal is nobody's to wait for
   }
   ShowProgress("");
-  fmt::print(stderr, "{}: {}, {} rounds in {:.0f} s
-", scenario.id, scenario.title, scenario.rounds, WallSeconds() - began);
+  fmt::print(stderr, "{}: {}, {} rounds in {:.0f} s\n", scenario.id, scenario.title, scenario.rounds,
+             WallSeconds() - began);
 }
 
 }  // namespace bench
