@@ -41,6 +41,7 @@ double WrittenBytes() {
 
 struct Running {
   std::string name;
+  std::filesystem::path home;
   std::unique_ptr<Store> store;  // none for the limit
 };
 
@@ -61,21 +62,31 @@ void RunStep(const Step& step, Running& running, Samples& samples) {
   samples[step.id][running.name].push_back(sample);
 }
 
-std::vector<Running> OpenAll(const Scenario& scenario, const std::filesystem::path& directory,
+bool Has(const std::vector<std::string>& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+std::vector<Running> OpenAll(const Scenario& scenario, int round, const std::filesystem::path& directory,
                              const std::vector<std::string>& only) {
   std::vector<Running> all;
   for (const Contender& contender : AllContenders()) {
-    const auto has = [&](const std::vector<std::string>& names) {
-      return std::find(names.begin(), names.end(), contender.name) != names.end();
-    };
-    if (!has(scenario.contenders) || (!only.empty() && !has(only))) continue;
-    const std::filesystem::path home = directory / contender.name;
+    if (!Has(scenario.contenders, contender.name) || (!only.empty() && !Has(only, contender.name))) continue;
+    const std::filesystem::path home = directory / scenario.id / std::to_string(round) / contender.name;
     std::filesystem::create_directories(home);
-    all.push_back({contender.name, contender.make(home)});
+    all.push_back({contender.name, home, contender.make(home)});
     all.back().store->Open();
   }
-  all.push_back({kLimit, nullptr});
+  all.push_back({kLimit, {}, nullptr});
   return all;
+}
+
+void RemoveAll(std::vector<Running> all) {
+  for (Running& running : all) {
+    running.store.reset();
+    const bool manyFiles = running.name == kFiles || running.name == kFileBatches;
+    if (!running.home.empty() && !manyFiles) std::filesystem::remove_all(running.home);
+  }
+  ::sync();  // the removal is nobody's to wait for
 }
 
 void RunRound(const Scenario& scenario, int round, std::vector<Running>& all, Samples& samples) {
@@ -118,13 +129,9 @@ void Run(const Scenario& scenario, const std::filesystem::path& directory, const
          Samples& samples) {
   const double began = WallSeconds();
   for (int round = 0; round < scenario.rounds; ++round) {
-    std::filesystem::remove_all(directory);
-    {
-      std::vector<Running> all = OpenAll(scenario, directory, only);
-      RunRound(scenario, round, all, samples);
-    }
-    std::filesystem::remove_all(directory);
-    ::sync();  // the removal is nobody's to wait for
+    std::vector<Running> all = OpenAll(scenario, round, directory, only);
+    RunRound(scenario, round, all, samples);
+    RemoveAll(std::move(all));
   }
   ShowProgress("");
   fmt::print(stderr, "{}: {}, {} rounds in {:.0f} s\n", scenario.id, scenario.title, scenario.rounds,

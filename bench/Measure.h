@@ -50,8 +50,10 @@ struct Scenario {
 // place in the lists were taken one after the other.
 using Samples = std::map<std::string, std::map<std::string, std::vector<Sample>>>;
 
-// Runs a scenario and adds to `samples`. Stores live in `directory`, which is
-// emptied again. `only` restricts the contenders unless it is empty; tells on
+// Runs a scenario and adds to `samples`. Stores live in `directory`; what a
+// store of many files leaves there is the caller's to remove after the last
+// scenario, since ext4 takes long to create files for minutes after many were
+// deleted. `only` restricts the contenders unless it is empty; tells on
 // standard error how far it is.
 void Run(const Scenario& scenario, const std::filesystem::path& directory, const std::vector<std::string>& only,
          Samples& samples);

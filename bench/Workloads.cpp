@@ -202,7 +202,7 @@ Scenario SmallBlobs(const Extent& extent) {
   return {"small",
           count + " blobs of 1 KiB",
           Rounds(3, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kFileBatches, kHashFile},
+          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kHashFile},
           {PutStep("small.put", count + " x 1 KiB, 1,000 a commit", blobs, kPerTransaction),
            OpenStep("small.open", "open, every blob verified by digest, 1 KiB", blobs),
            OpenOwnWayStep("small.open-own", "open, peers by checks of their own (no digests), 1 KiB"),
@@ -211,6 +211,24 @@ Scenario SmallBlobs(const Extent& extent) {
            SizesStep("small.sizes", std::to_string(reads) + " sizes, half absent", blobs, reads),
            EnumerateStep("small.enumerate", "enumerate " + count, blobs),
            CompactStep("small.compact", "delete half, compact", blobs, kPerTransaction)}};
+}
+
+// Small blobs as files: by themselves and fewer, since file systems take long
+// to create and to remove so many.
+Scenario SmallFiles(const Extent& extent) {
+  constexpr std::size_t kPerTransaction = 1000;
+  const auto blobs = std::make_shared<Blobs>(Scaled(5000, extent, kPerTransaction), kKiB, 7);
+  const std::size_t reads = Scaled(100000, extent, 2);
+  const std::string among = " among " + std::to_string(blobs->Count()) + ", beside files";
+  return {"files",
+          std::to_string(blobs->Count()) + " blobs of 1 KiB beside files",
+          1,
+          {kBlobring, kFileBatches},
+          {PutStep("files.put", std::to_string(blobs->Count()) + " x 1 KiB, 1,000 a commit, beside files", blobs,
+                   kPerTransaction),
+           FetchStep("files.fetch", std::to_string(reads) + " random verified fetches of 1 KiB" + among, blobs, reads),
+           SizesStep("files.sizes", std::to_string(reads) + " sizes, half absent" + among, blobs, reads),
+           CompactStep("files.compact", "delete half, compact" + among, blobs, kPerTransaction)}};
 }
 
 Scenario LargeBlobs(const Extent& extent) {
@@ -268,11 +286,9 @@ Scenario SingleCommits(const Extent& extent) {
 }  // namespace
 
 const std::vector<NamedScenario>& AllScenarios() {
-  static const std::vector<NamedScenario> all = {{"small", SmallBlobs},
-                                                 {"large", LargeBlobs},
-                                                 {"medium", MediumBlobs},
-                                                 {"tiny", TinyBlobs},
-                                                 {"commits", SingleCommits}};
+  static const std::vector<NamedScenario> all = {
+      {"large", LargeBlobs},      {"medium", MediumBlobs}, {"tiny", TinyBlobs},
+      {"commits", SingleCommits}, {"small", SmallBlobs},   {"files", SmallFiles}};  // deletes files, so it comes last
   return all;
 }
 

@@ -1,7 +1,6 @@
 // Measures whole workloads of Blobring and its peers and reports them.
-#include <fmt/format.h>
-
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -26,7 +25,7 @@ Options Parse(CLI::App& app, int argc, char** argv) {
   app.add_option("--markdown", options.markdown, "Writes the report to this file; else to standard output");
   app.add_option("--chart", options.chart, "Writes the chart, SVG, to this file");
   app.add_option("--samples", options.samples, "Writes every sample, CSV, to this file");
-  app.add_option("--scenarios", options.scenarios, "Only these: small large medium tiny commits scaling")
+  app.add_option("--scenarios", options.scenarios, "Only these: large medium tiny commits small files scaling")
       ->delimiter(',');
   app.add_option("--stores", options.stores, "Only these, by the names of the report")->delimiter(',');
   app.add_option("--divisor", options.extent.divisor, "Divides every number of blobs")->check(CLI::Range(1, 1000));
@@ -40,9 +39,8 @@ bool IsWanted(const Options& options, const std::string& id) {
          std::find(options.scenarios.begin(), options.scenarios.end(), id) != options.scenarios.end();
 }
 
-bench::Results MeasureAll(const Options& options) {
+bench::Results MeasureAll(const Options& options, const std::filesystem::path& directory) {
   bench::Results results;
-  const std::filesystem::path directory = std::filesystem::absolute(options.directory);
   for (const bench::NamedScenario& named : bench::AllScenarios()) {
     if (!IsWanted(options, named.id)) continue;
     const bench::Scenario scenario = named.make(options.extent);
@@ -79,7 +77,11 @@ int main(int argc, char** argv) {
   CLI::App app("Measures Blobring beside other stores");
   try {
     const Options options = Parse(app, argc, argv);
-    Report(options, MeasureAll(options));
+    const std::filesystem::path directory = std::filesystem::absolute(options.directory);
+    std::filesystem::remove_all(directory);
+    const bench::Results results = MeasureAll(options, directory);
+    std::filesystem::remove_all(directory);
+    Report(options, results);
     return 0;
   } catch (const CLI::ParseError& e) {
     return app.exit(e);
