@@ -15,9 +15,9 @@ inline std::string Narrow(const char16_t* path) {
   return narrow;
 }
 
-inline Hash ToHash(unsigned char* bytes) {
+inline Hash ToHash(const unsigned char* bytes) {
   Hash hash;
-  hash.setHash(bytes);
+  hash.setHash(const_cast<unsigned char*>(bytes));  // only reads them
   return hash;
 }
 

@@ -185,6 +185,7 @@ int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
 }
 
 int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest) {
+  registry::NoStore();
   if (api::IsNull("BCMD5ChkSum", "digest", digest)) return 0;
   if (length > 0 && api::IsNull("BCMD5ChkSum", "data", data)) return 0;
   try {
@@ -206,6 +207,7 @@ int BCMD5ChkSum(const unsigned char* data, unsigned int length, unsigned char* d
 }
 
 int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
+  registry::NoStore();
   if (code != EXCEPTION_ACCESS_VIOLATION) {
     trace::api.WriteWarnV("FilterException() except: unknown exception %d", static_cast<int>(code));
     RTTrace_2(0x0F000263, code, api::Word(index));

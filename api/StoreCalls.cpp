@@ -9,6 +9,7 @@ int cur = 0;
 
 int BCInitialize(const char16_t* path) {
   constexpr int kTraceRing = 8;
+  registry::NoStore();
   if (api::IsNull("BCInitialize", "path", path)) return -1;
   const std::string narrow = api::Narrow(path);
   GetTraceRingBuffer(kTraceRing, &g_BlobControllerRingBuffer);
@@ -49,13 +50,14 @@ int BCLoad(int index) {
 
 int BCShutdown(int index, bool flag) {
   RTTrace_2(0x0F000283, api::Word(index), flag);
-  trace::api.WriteWarnV("BCShutdown has been called index = %d", index);
+  trace::api.WriteNoteV("BCShutdown has been called index = %d", index);
   BlobController* store = registry::Find("BCShutdown", index);
   return store == nullptr ? 0 : store->Shutdown(flag);
 }
 
 int BCDisposeInt(int index) {
-  trace::api.WriteWarnV("BCDispose has been called index = %d", index);
+  registry::NoStore();  // it is about to be forgotten, what is said is not
+  trace::api.WriteNoteV("BCDispose has been called index = %d", index);
   BlobController* store = registry::Lookup(index);
   if (store == nullptr) return 1;
   store->Shutdown(true);
@@ -64,7 +66,7 @@ int BCDisposeInt(int index) {
 }
 
 int BCDispose(int index) {
-  trace::api.WriteWarnV("BCDispose with index = %d", index);
+  trace::api.WriteNoteV("BCDispose with index = %d", index);
   return BCDisposeInt(index);
 }
 
@@ -103,7 +105,7 @@ int BCRepack(int index) {
 int BCFsck(int index) {
   BlobController* store = registry::Find("BCFsck", index);
   if (store == nullptr) return 0;
-  trace::api.WriteWarnV("BCFsck index = %d", index);
+  trace::api.WriteNoteV("BCFsck index = %d", index);
   return store->Fsck();
 }
 

@@ -30,13 +30,12 @@ std::string FreeName(const std::string& path) {
   throw std::runtime_error("kept::FreeName no name left for " + path);
 }
 
-void CopyBytes(File& from, File& to) {
+void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
   std::vector<char, BlobAllocator<char, TesselMemoryManager::kContainerPool, kTagBytes>> piece;
   piece.resize(kPieceSize);
-  const unsigned length = from.size();
-  from.seek(0);
-  for (unsigned at = 0; at < length;) {
-    const unsigned n = from.read(piece.data(), std::min(kPieceSize, length - at));
+  from.seek(begin);
+  for (unsigned at = begin; at < end;) {
+    const unsigned n = from.read(piece.data(), std::min(kPieceSize, end - at));
     to.write(piece.data(), n);
     at += n;
   }
@@ -45,17 +44,18 @@ void CopyBytes(File& from, File& to) {
 }  // namespace
 
 std::string MoveAside(const std::string& path) {
-  const std::string name = FreeName(path);
+  std::string name = FreeName(path);
   FileSystem::MoveFileW(path, name);
   return name;
 }
 
-std::string CopyAside(File& file) {
-  const std::string name = FreeName(file.Path());
+std::string CopyAside(File& file, unsigned begin, unsigned end) {
+  std::string name = FreeName(file.Path());
   File copy;
   copy.open(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
   try {
-    CopyBytes(file, copy);
+    CopyBytes(file, copy, 0, begin);
+    CopyBytes(file, copy, end, file.size());
     copy.close();  // flushes
   } catch (...) {
     FileSystem::Remove(name);

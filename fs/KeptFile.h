@@ -13,8 +13,9 @@ namespace kept {
 // std::runtime_error.
 std::string MoveAside(const std::string& path);
 
-// Copies an open file, flushed, and returns the copy's path. The position is
-// left anywhere. Throws std::runtime_error, and has then left no copy.
-std::string CopyAside(File& file);
+// Copies an open file but for the bytes from offset begin to offset end, which
+// are not in danger; flushed. Returns the copy's path. The position is left
+// anywhere. Throws std::runtime_error, and has then left no copy.
+std::string CopyAside(File& file, unsigned begin, unsigned end);
 
 }  // namespace kept

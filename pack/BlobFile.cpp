@@ -65,6 +65,7 @@ BlobFile::~BlobFile() = default;
 
 void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
   path = filePath;
+  mode = fileMode;
   header.mode = fileMode;
   inDoubt = false;
   headerSound = true;
@@ -127,6 +128,7 @@ void BlobFile::RestoreHeader() {
   committed.Encode(bytes);
   try {
     WriteAt(0, bytes, sizeof bytes);
+    if (!file.flush()) ThrowNotFlushed("header");
   } catch (const std::exception& e) {
     inDoubt = true;
     trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
@@ -177,6 +179,7 @@ bool BlobFile::StartTransaction(long long id) {
   RequireRoom(format::kStartSize);
   unsigned char record[format::kStartSize] = {};
   OpHeader{format::kOpStartTransaction, id}.Encode(record);
+  growsFile = mode == Journal && file.size() == header.endOffset;
   gather.Restart(header.endOffset);
   gather.Reserve(sizeof record);
   gather.Append(record, sizeof record);
@@ -290,6 +293,7 @@ bool BlobFile::EndTransaction(long long id) {
     Rewrite(next);
   } catch (...) {
     gather.Truncate(end);
+    growsFile = false;  // what was written now lies where the next attempt goes
     throw;
   }
   gather.Release(header.endOffset);
@@ -311,11 +315,12 @@ void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
   if (!blockGathered) WriteAt(blockOffset, blockBytes, sizeof blockBytes);
 
   // Records before header: a header that counts these must never meet
-  // anything else in their place.
-  if (!file.flush()) {
-    inDoubt = true;
-    ThrowNotFlushed("records");
-  }
+  // others in their place. In a journal that grows there are no others: what
+  // does not reach the disk is zeros or missing, which a load tells from
+  // records, and the flush of the header is enough.
+  if (growsFile || file.flush()) return;
+  inDoubt = true;
+  ThrowNotFlushed("records");
 }
 
 void BlobFile::CancelTransaction() {
@@ -432,8 +437,9 @@ bool BlobFile::Load(Entries& out) {
     if (header.endOffset > length) ReplayCutOff(out, length);
     return false;
   }
-  isDamaged = !Replay(*this, out, length).Run();
-  return !isDamaged;
+  const bool isSound = Replay(*this, out, length).Run();
+  isDamaged = !isSound || (loadedCount == 0 && !LoadedAll());
+  return isSound;
 }
 
 // A file that has lost its end: what comes whole before that is good.

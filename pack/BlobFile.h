@@ -4,7 +4,11 @@
 // Commit: records count once the header that counts them has been rewritten.
 // The records are flushed before it, and it is flushed before anyone is told:
 // whatever part of the unflushed sectors a power cut leaves, the header on
-// disk never counts a record that is not there. Bytes past header.endOffset
+// disk never counts a record that is not there. A journal that ends where its
+// records end needs one flush for both: past its end there are no bytes that
+// a load could take for records, so that a header which reached the disk
+// without its transaction counts something that is plainly not there, and the
+// load goes back to the transactions before it. Bytes past header.endOffset
 // are leftovers that the next write covers.
 //
 // After a failed flush nobody knows what the disk holds: InDoubt() is true
@@ -30,6 +34,7 @@
 #include "pack/Format.h"
 #include "pack/GatherBuffer.h"
 #include "pack/Hash.h"
+#include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 
@@ -124,6 +129,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Whether the last Load used up exactly what the header counts.
   bool LoadedAll() const;
 
+  // Where the last whole transaction that the last Load found ends.
+  std::uint32_t LoadedEnd() const { return loadedEnd; }
+
   // Makes the header count exactly the whole transactions that the last Load
   // found, so that the next one follows them. Where that fails, the file is
   // in doubt and can still be read.
@@ -133,8 +141,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
-  // What the last Load found.
-  bool IsDamaged() const { return isDamaged; }
+  // What the last Load found. Damage as well, though Load can go by it, is a
+  // header that counts none whole of the records that it covers, and, even
+  // before a Load, one that this class cannot have written.
+  bool IsDamaged() const { return isDamaged || !headerSound; }
 
   bool InDoubt() const { return inDoubt; }
 
@@ -167,9 +177,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
  public:
   std::string path;
   File file;
+  const ProgressCall* loadProgress = nullptr;  // told by Load, in bytes; null: nobody. Not copied
 
  private:
   format::FileHeader committed;  // as it is on disk
+  BlobFileMode mode = Journal;   // what Init was told, whatever the file says
+  bool growsFile = false;        // the open transaction lies past the end of a journal
   bool headerSound = true;       // false: one that this class cannot have written
   bool inDoubt = false;
   bool isDamaged = false;

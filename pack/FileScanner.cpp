@@ -52,7 +52,3 @@ void FileScanner::Read(unsigned char* bytes, std::uint32_t size) {
     size -= static_cast<std::uint32_t>(piece.size());
   }
 }
-
-void FileScanner::Skip(std::uint32_t size) {
-  position += size;
-}

@@ -25,9 +25,6 @@ class FileScanner {
   // Exactly size bytes.
   void Read(unsigned char* bytes, std::uint32_t size);
 
-  // Moves on; size is at most Left().
-  void Skip(std::uint32_t size);
-
  private:
   void Fill(std::uint32_t wanted);
 

@@ -34,6 +34,8 @@ class BLOBRING_EXPORT Hash {
   std::string toString() const;
 
   const unsigned char* Bytes() const { return bytes; }
+  // The first 8 bytes as a number that is ordered as they are.
+  std::uint64_t Prefix() const { return Word(0); }
 
  private:
   std::uint64_t Word(std::size_t at) const {

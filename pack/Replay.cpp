@@ -1,5 +1,6 @@
 #include "pack/Replay.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "pack/FileScanner.h"
@@ -30,6 +31,14 @@ class EntriesGuard {
 
 Replay::Replay(BlobFile& file, BlobFile::Entries& entries, std::uint32_t fileLength)
     : target(file), out(entries), length(fileLength), remaining(static_cast<std::int32_t>(file.header.recordCount)) {}
+
+// A load cannot be stopped: half an index would pass for a whole one.
+void Replay::Report(std::uint32_t offset) {
+  constexpr std::uint32_t kStep = 1024 * 1024;
+  if (target.loadProgress == nullptr || offset - reported < kStep) return;
+  reported = offset;
+  target.loadProgress->Stops(ProgressCall::kLoad, offset, std::max(offset, target.header.endOffset));
+}
 
 bool Replay::Run() {
   FileScanner scanner(target.file, format::kFileHeaderSize, length);
@@ -64,8 +73,9 @@ void Replay::MarkWhole(std::uint32_t end) {
   target.loadedEnd = end;
 }
 
-// A record outside any transaction. No store writes one, and no digest
-// protects it.
+// A record outside any transaction. No store writes one. It is believed if it
+// is what it says: where a start record did not reach the disk, zeros and the
+// rest of it look like a store record.
 bool Replay::Single(FileScanner& scanner, std::uint32_t offset, const OpHeader& record) {
   BlobFile::BlobFileEntry entry;
   entry.op = record.op;
@@ -80,7 +90,17 @@ bool Replay::Single(FileScanner& scanner, std::uint32_t offset, const OpHeader& 
     entry.size = format::Get32(size);
     if (entry.size > scanner.Left())
       return Corrupt("corruption, record runs past the end of the file", record.transactionId);
-    scanner.Skip(entry.size);
+    MD5 md5;
+    for (std::uint32_t left = entry.size; left > 0;) {
+      const std::span<const unsigned char> piece = scanner.Next(left);
+      md5.update(piece.data(), static_cast<unsigned>(piece.size()));
+      left -= static_cast<std::uint32_t>(piece.size());
+    }
+    md5.finalize();
+    unsigned char digest[format::kDigestSize];
+    md5.raw_digest(digest);
+    if (std::memcmp(digest, hash, sizeof digest) != 0)
+      return Corrupt("corruption, record outside a transaction does not match its hash", record.transactionId);
     entry.valid = true;
   }
   out.push_back(entry);
@@ -107,6 +127,7 @@ bool Replay::Transaction(FileScanner& scanner, const OpHeader& start) {
     md5.update(piece.data(), static_cast<unsigned>(piece.size()));
     parser.Feed(piece);
     left -= static_cast<std::uint32_t>(piece.size());
+    Report(scanner.Offset());
   }
   md5.finalize();
   unsigned char digest[format::kDigestSize];

@@ -32,9 +32,11 @@ class Replay {
   bool Corrupt(const char* what, std::int64_t transactionId) const;
   bool UnsupportedOp(std::int32_t op) const;
   void MarkWhole(std::uint32_t end);
+  void Report(std::uint32_t offset);
 
   BlobFile& target;
   BlobFile::Entries& out;
   const std::uint32_t length;
   std::int32_t remaining;
+  std::uint32_t reported = 0;  // where the last report was made
 };

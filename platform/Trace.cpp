@@ -1,5 +1,10 @@
 #include "platform/Trace.h"
 
+#include <cstdarg>
+#include <cstdio>
+
+#include "platform/FailureText.h"
+#include "platform/Probes.h"
 #include "platform/Win32.h"
 
 std::uint32_t g_BlobControllerRingBuffer = 0;
@@ -10,12 +15,105 @@ namespace trace {
 // Before every other static object and, at unload, after the last of them:
 // stores that are still registered report while they are destroyed.
 #define BLOBRING_FIRST __attribute__((init_priority(101)))
-BLOBRING_FIRST VellTrace api("BlobController");
-BLOBRING_FIRST VellTrace engine("BlobController");
-BLOBRING_FIRST VellTrace pack("BlobController");
-BLOBRING_FIRST VellTrace fileSystem("BlobController");
+BLOBRING_FIRST Source api("BlobController");
+BLOBRING_FIRST Source engine("BlobController");
+BLOBRING_FIRST Source pack("BlobController");
+BLOBRING_FIRST Source fileSystem("BlobController");
+
+namespace {
+
+// A line put together; the platform takes no argument list.
+class Line {
+ public:
+  Line(const char* format, std::va_list arguments) {
+    if (std::vsnprintf(text, sizeof text, format, arguments) < 0) text[0] = '\0';
+  }
+  const char* Text() const { return text; }
+
+ private:
+  char text[4096];
+};
+
+void Failed(const char* line, int isError) {
+  Note(line);
+  BLOBRING_PROBE2(failure, line, isError);
+}
+
+}  // namespace
+
+void Source::WriteWarnV(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const Line line(format, arguments);
+  va_end(arguments);
+  Failed(line.Text(), 0);
+  out.WriteWarnV("%s", line.Text());
+}
+
+void Source::WriteErrorV(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const Line line(format, arguments);
+  va_end(arguments);
+  Failed(line.Text(), 1);
+  out.WriteErrorV("%s", line.Text());
+}
+
+void Source::WriteNoteV(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const Line line(format, arguments);
+  va_end(arguments);
+  out.WriteWarnV("%s", line.Text());
+}
+
+namespace {
+
+void ProbeEvent(Event kind, [[maybe_unused]] std::uint32_t value) {
+  switch (kind) {
+    case kEventOpen:
+      BLOBRING_PROBE(open);
+      break;
+    case kEventStartTransaction:
+      BLOBRING_PROBE1(start, value);
+      break;
+    case kEventEndTransaction:
+      BLOBRING_PROBE1(commit, value);
+      break;
+    case kEventRepack:
+      BLOBRING_PROBE(repack);
+      break;
+    case kEventLoad:
+      BLOBRING_PROBE(load);
+      break;
+    default:
+      break;
+  }
+}
+
+void ProbeHash(Event kind, [[maybe_unused]] const unsigned char* hash) {
+  switch (kind) {
+    case kEventGetSize:
+      BLOBRING_PROBE1(size, hash);
+      break;
+    case kEventGet:
+      BLOBRING_PROBE1(fetch, hash);
+      break;
+    case kEventDelete:
+      BLOBRING_PROBE1(remove, hash);
+      break;
+    case kEventStore:
+      BLOBRING_PROBE1(store, hash);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace
 
 void WriteEvent(Event kind, std::uint32_t value) {
+  ProbeEvent(kind, value);
   WriteEventToRingBuffer(g_BlobControllerRingBuffer, GetCurrentThreadId(), kind, value, 0, 0, 0);
 }
 
@@ -45,6 +143,7 @@ std::uint32_t HashRecordId(Event kind) {
 }  // namespace
 
 void WriteHashEvent(Event kind, const unsigned char* hash) {
+  ProbeHash(kind, hash);
   const std::uint32_t a = BigEndianWord(hash);
   const std::uint32_t b = BigEndianWord(hash + 4);
   const std::uint32_t c = BigEndianWord(hash + 8);

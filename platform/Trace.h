@@ -17,10 +17,25 @@ extern BLOBRING_EXPORT std::uint32_t g_TraceDeviceRaw;
 
 namespace trace {
 
-extern VellTrace api;
-extern VellTrace engine;  // BlobPair::isValid writes here, too
-extern VellTrace pack;
-extern VellTrace fileSystem;
+// A source of text lines. Each line but a note is also part of the text of
+// the last failure (FailureText.h). At most 4095 bytes of a line are kept.
+class Source {
+ public:
+  explicit Source(const char* name) : out(name) {}
+
+  void WriteWarnV(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  void WriteErrorV(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  // A warning by its level that tells of no failure.
+  void WriteNoteV(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+ private:
+  VellTrace out;
+};
+
+extern Source api;
+extern Source engine;  // BlobPair::isValid writes here, too
+extern Source pack;
+extern Source fileSystem;
 
 // The code of the store's own faults, towards the platform.
 constexpr std::uint32_t kFaultCode = 0x49380D;

@@ -37,7 +37,7 @@ bool BlobController::AddPackDir(std::string dir) {
 }
 
 std::int32_t BlobController::GetBlobSize(Hash const& hash) {
-  const auto found = blobs.find(hash);
+  const auto found = blobs.Find(hash);
   return found == blobs.end() ? -1 : static_cast<std::int32_t>(found->second.size);
 }
 
@@ -64,7 +64,7 @@ bool BlobController::ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& ent
 }
 
 bool BlobController::GetBlob(BlobPair& blob) {
-  const auto found = blobs.find(blob.hash);
+  const auto found = blobs.Find(blob.hash);
   if (found == blobs.end()) return false;
   const BlobFile::BlobFileEntry entry = found->second;  // the index may be gone before the message is written
   try {
@@ -81,7 +81,7 @@ bool BlobController::GetBlob(BlobPair& blob) {
 bool BlobController::Close() {
   enumerating = false;
   loaded = false;
-  blobs.clear();
+  blobs.Clear();
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.close();
     for (const BlobFilePtr& journal : journalFiles) journal->file.close();

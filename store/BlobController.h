@@ -16,15 +16,15 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "pack/BlobFile.h"
 #include "pack/BlobPair.h"
 #include "pack/Hash.h"
+#include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
+#include "store/BlobIndex.h"
 
 // What a load does with files that it cannot read.
 enum class DamagePolicy {
@@ -36,9 +36,6 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
   using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
-  using Index = std::map<
-      Hash, BlobFile::BlobFileEntry, std::less<Hash>,
-      BlobAllocator<std::pair<const Hash, BlobFile::BlobFileEntry>, TesselMemoryManager::kContainerPool, kTagIndex>>;
 
   // On a directory, of which nothing is touched. Throws "Unable to allocate
   // memory".
@@ -56,7 +53,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Rebuilds the index from the newest pack that reads cleanly and its slot's
   // journal. False when there is none, or when reading failed: the files have
   // then been erased. Under DamagePolicy::Keep a file that is damaged in any
-  // way costs no more than what was damaged, and a copy of it stays; with no
+  // way costs no more than what was damaged, and a copy of what it loses stays; with no
   // usable pack the files are moved aside and the store goes on empty; and
   // where reading failed, false leaves every file as it was.
   bool Load();
@@ -83,21 +80,42 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // std::exception.
   bool GetBlob(BlobPair& blob);
 
+  // Reads a committed blob into a buffer of `capacity` bytes, null where that
+  // is 0, and sets size to the blob's where it is Read or TooSmall. Neither
+  // checks nor closes the store and never waits. Failed, after a message,
+  // when it cannot be read or is not what it was, or the store is not loaded;
+  // the buffer's bytes are then undefined.
+  enum class Fetched { Read, NotFound, Failed, TooSmall };
+  BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity, std::uint32_t& size);
+
   // Opens a transaction; changes that are pending are abandoned.
   bool StartTransaction(long long id);
+
+  // Abandons the changes that are pending.
+  BLOBRING_HIDDEN void AbandonPending();
 
   // Commits: on disk first, then in the index, where nothing can fail.
   bool EndTransaction(long long id);
 
   // Copies all blobs into the next slot, or beside the only one. False when
   // it was refused, the store being as before, or when it failed, the store
-  // being closed and the old generation whole on disk.
+  // being closed and the old generation whole on disk. One that the progress
+  // call stops counts as refused: only the slot that was to be written has
+  // been emptied.
   bool Repack();
 
   // Reads every blob and reports every fault. False when there was one. A
   // check that is started while one is running returns true at once. Throws
   // "Unable to allocate memory".
   bool Fsck();
+
+  // Fsck with progress. Stopped: no fault up to there. Throws as well when a
+  // check is running or the store is not loaded.
+  enum class Checked { Sound, Faulty, Stopped };
+  BLOBRING_HIDDEN Checked Check();
+
+  // Told by Load, Check and Repack; the context stays the caller's.
+  BLOBRING_HIDDEN void SetProgress(const ProgressCall& call) { progress = call; }
 
   // Forgets the index and closes all files; false when one did not close.
   bool Close();
@@ -111,6 +129,28 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // once the index has changed.
   int ResetHashCursor();
   bool NextHash(unsigned char* hash);
+
+  // Writes the first hash after `after`, or of all for null, to next (16
+  // bytes). False when there is none.
+  BLOBRING_HIDDEN bool NextHashAfter(const Hash* after, unsigned char* next) const;
+
+  struct Statistics {
+    bool loaded;
+    bool inDoubt;
+    std::int32_t sequence;  // of the pack
+    std::uint32_t slotCount;
+    std::uint64_t blobCount;
+    std::uint64_t liveBytes;     // of the blobs' data
+    std::uint32_t largestBlob;   // bytes
+    std::uint64_t pendingCount;  // changes
+    // Up to the end of the last record.
+    std::uint64_t packBytes;
+    std::uint64_t journalBytes;
+    std::uint64_t repackedBytes;  // what a repack would leave as the pack
+  };
+  BLOBRING_HIDDEN Statistics GetStatistics() const;
+
+  BLOBRING_HIDDEN bool IsLoaded() const { return loaded; }
 
   // Oldest transaction first, then by hash: the order of a repacked pack.
   static bool sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b);
@@ -126,11 +166,11 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN void Keep(BlobFile& file) const;
+  BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
   BLOBRING_HIDDEN void KeepFilesAside();
   BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
+  BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
-  BLOBRING_HIDDEN void AbandonPending();
   BLOBRING_HIDDEN void ApplyPending() noexcept;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
@@ -146,6 +186,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN bool CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
                                  int position) const;
   BLOBRING_HIDDEN Sizes SizesOf() const;
+  BLOBRING_HIDDEN std::uint64_t RepackedSize(const Sizes& sizes) const;
+  BLOBRING_HIDDEN Checked CheckAll(const ProgressCall& call);
   BLOBRING_HIDDEN void CheckAfterFailure();
 
   std::int32_t seq = 0;  // of the current pack; -1 while none has been found
@@ -156,14 +198,15 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   std::uint32_t repackSlot = 0;  // of the last repack
   std::string path;              // the store's directory
   std::int64_t transactionId = 0;
-  Index blobs;
-  Index::iterator hashCursor;        // meaningful while enumerating
+  BlobIndex blobs;
+  BlobIndex::iterator hashCursor;    // meaningful while enumerating
   BlobFile::Entries pendingEntries;  // of the open transaction, in order
 
   // The last pending change to each hash. Its nodes become those of the index
   // at the commit, which therefore needs no memory.
-  Index pendingByHash;
+  BlobIndex pendingByHash;
   DamagePolicy damagePolicy = DamagePolicy::Erase;
+  ProgressCall progress;
   bool enumerating = false;
   bool loaded = false;
   bool loadFailed = false;  // and the files were kept: a change could hide what they hold

@@ -38,31 +38,46 @@ BlobController::Sizes BlobController::SizesOf() const {
 }
 
 bool BlobController::Fsck() {
-  if (checkRunning) return true;
+  return checkRunning || CheckAll(ProgressCall{}) == Checked::Sound;
+}
+
+BlobController::Checked BlobController::Check() {
+  if (checkRunning) throw std::runtime_error("a check is running");
+  if (!loaded) throw std::runtime_error("the store is not loaded");
+  return CheckAll(progress);
+}
+
+BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
-  trace::engine.WriteWarnV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
-  if (blobs.empty()) return true;
+  trace::engine.WriteNoteV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
+  if (blobs.empty()) return Checked::Sound;
 
   const Sizes sizes = SizesOf();
   BatchReader batch(sizes.largest, sizes.total, blobs.size());
   bool sound = true;
+  bool stopped = false;
   try {
     int position = 0;
-    for (auto blob = blobs.cbegin(); blob != blobs.cend();) {
+    for (auto blob = blobs.begin(); blob != blobs.end() && !stopped;) {
       auto next = blob;
       batch.Clear();
-      while (next != blobs.cend() && batch.Add(next->first, next->second)) ++next;
+      while (next != blobs.end() && batch.Add(next->first, next->second)) ++next;
       batch.Verify();
       for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
         if (!CheckPlace(blob->first, blob->second)) sound = false;
         if (!batch.IsSound(i) && !CheckBlob(blob->first, blob->second, batch.Data(i), position)) sound = false;
       }
+      stopped =
+          call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) && blob != blobs.end();
     }
   } catch (const std::runtime_error&) {
     sound = false;
   }
-  if (!sound) trace::engine.WriteErrorV("BlobController::Fsck() storage is corrupted");
-  return sound;
+  if (!sound) {
+    trace::engine.WriteErrorV("BlobController::Fsck() storage is corrupted");
+    return Checked::Faulty;
+  }
+  return stopped ? Checked::Stopped : Checked::Sound;
 }
 
 // Whether a blob lies in one of the current files.

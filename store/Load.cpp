@@ -20,7 +20,7 @@ bool BlobController::Load() {
   } catch (const std::exception& e) {
     if (damagePolicy == DamagePolicy::Keep) {
       loadFailed = true;
-      blobs.clear();
+      blobs.Clear();
       trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
       return false;
     }
@@ -48,7 +48,9 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
-  std::erase_if(blobs, [](const auto& blob) { return !blob.second.valid; });
+  Secure(*curPack);
+  Secure(*curJournal);
+  blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
 
@@ -72,20 +74,20 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     curPack = pack;
     Apply(entries, pack);
     seq = pack->header.sequence;
-    // A process may have died between writing this pack and flushing it.
-    // Commits to the journal from now on rest on its being on disk.
-    if (!pack->Secure())
-      trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", pack->path.c_str());
     return true;
   }
   return false;
 }
 
 // False when it is damaged. To a store that erases, a pack that ends too
-// early is not damage but a failure of the whole load.
+// early is not damage but a failure of the whole load, and one that counts no
+// record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
+  pack.loadProgress = &progress;
   try {
-    return pack.Load(entries);
+    const bool sound = pack.Load(entries);
+    progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
+    return sound && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
@@ -96,6 +98,7 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
   entries.clear();
+  curJournal->loadProgress = &progress;
   bool sound = false;
   try {
     sound = curJournal->Load(entries);
@@ -106,22 +109,33 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   if (!sound || !curJournal->LoadedAll()) {
     // Whole transactions stay, in the index and on disk, and the next one
     // follows them: over what the damage left.
-    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal);
+    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal, curJournal->LoadedEnd());
     curJournal->KeepLoaded();
   }
   Apply(entries, curJournal);
+  progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
+}
+
+// A process may have died between writing this file and flushing it. What is
+// read from memory here must be on disk before anything is built on it: a
+// pack before commits to its journal, a journal's header before records are
+// written over what an older header counts.
+void BlobController::Secure(BlobFile& file) const {
+  if (file.Secure()) return;
+  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", file.path.c_str());
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
+  bool isNew = false;
   for (BlobFile::BlobFileEntry& entry : entries) {
     switch (entry.op) {
       case format::kOpStore:
         entry.file = file;
         entry.valid = true;
-        blobs.insert_or_assign(entry.hash, entry);
+        blobs.FindOrMake(entry.hash, isNew)->second = entry;
         break;
       case format::kOpDelete:
-        blobs[entry.hash].valid = false;
+        blobs.FindOrMake(entry.hash, isNew)->second.valid = false;
         break;
       default:
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
@@ -129,9 +143,10 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   }
 }
 
-// Leaves a copy of a file that is about to lose what it holds.
-void BlobController::Keep(BlobFile& file) const {
-  const std::string copy = kept::CopyAside(file.file);
+// Leaves a copy of what a file is about to lose: its header and all from an
+// offset on.
+void BlobController::Keep(BlobFile& file, std::uint32_t from) const {
+  const std::string copy = kept::CopyAside(file.file, format::kFileHeaderSize, from);
   trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file.path.c_str(), copy.c_str());
 }
 

@@ -19,6 +19,10 @@
 
 namespace {
 
+// Leaves a repack that the embedder stopped. No std::exception: it is no
+// failure.
+struct Stopped {};
+
 // Gives the disk back what a repack that failed has written.
 void DropUnfinished(BlobFile& file) {
   try {
@@ -47,11 +51,16 @@ bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFil
   return a.hash < b.hash;
 }
 
+// Bytes of a pack that holds the blobs of the index.
+std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
+  return format::kFileHeaderSize + format::kStartSize + format::kEndSize + sizes.total +
+         std::uint64_t{format::kStoreHeadSize} * blobs.size();
+}
+
 // Says why not.
 bool BlobController::MayRepack() const {
   const char* reason = nullptr;
-  const std::uint64_t size = format::kFileHeaderSize + format::kStartSize + format::kEndSize + SizesOf().total +
-                             std::uint64_t{format::kStoreHeadSize} * blobs.size();
+  const std::uint64_t size = RepackedSize(SizesOf());
   if (packFiles.empty()) {
     reason = "the store has no slot";
   } else if (!loaded) {
@@ -62,6 +71,10 @@ bool BlobController::MayRepack() const {
     reason = "a flush has failed, dispose of the store and open it anew";
   } else if (size > format::kMaxFileSize) {
     reason = "the blobs do not fit into one pack of 2147483647 bytes";
+  } else if (seq < 0) {
+    // No store writes one. A pack that was only emptied, of sequence -1, would
+    // be taken for newer, and one step on is that number itself.
+    reason = "the sequence number of the pack is negative";
   } else if (seq == std::numeric_limits<std::int32_t>::max()) {
     reason = "the sequence numbers are used up";
   }
@@ -82,6 +95,10 @@ bool BlobController::Repack() {
       RepackIntoNextSlot();
     }
     return true;
+  } catch (const Stopped&) {
+    seq -= 1;
+    trace::engine.WriteWarnV("BlobController::Repack() stopped: the store is open and as it was");
+    return false;
   } catch (const std::exception& e) {
     trace::engine.WriteErrorV("BlobController::Repack() threw an exception %s", e.what());
   }
@@ -99,17 +116,26 @@ void BlobController::RepackIntoNextSlot() {
   pack->SetSequence(seq);
   journal->SetSequence(seq);
 
-  CopyBlobs(pack);
+  try {
+    CopyBlobs(pack);
+  } catch (const Stopped&) {
+    // As on disk: emptied, and older than any generation.
+    pack->CancelTransaction();
+    pack->SetSequence(format::kSequenceReset);
+    journal->SetSequence(format::kSequenceReset);
+    throw;
+  }
   curPack = pack;
   curPack->UpdateHeader();
   curJournal = journal;
 }
 
-// The slot that is next may hold what the load had to pass over.
+// The slot that is next may hold what the load had to pass over, or did not
+// come to: a pack that has lost its header does not say that it is the newest.
 void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
   if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
-  Keep(pack);
-  Keep(journal);
+  Keep(pack, format::kFileHeaderSize);
+  Keep(journal, format::kFileHeaderSize);
 }
 
 void BlobController::RepackInPlace() {
@@ -137,7 +163,7 @@ void BlobController::RepackInPlace() {
   curPack = fresh;
 
   // A blob that could not be copied went with the old pack.
-  std::erase_if(blobs, [&](const auto& blob) { return blob.second.file != fresh; });
+  blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
   if (journal == curJournal) journal->Reset();
   journal->SetSequence(seq);
   curJournal = journal;
@@ -151,10 +177,12 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
   entries.reserve(blobs.size());
   for (const auto& [hash, entry] : blobs) entries.push_back(entry);
   std::sort(entries.begin(), entries.end(), sortByTransaction);
+  const BlobFile::Entries before = progress ? entries : BlobFile::Entries();
 
   const Sizes sizes = SizesOf();
   BatchReader batch(sizes.largest, sizes.total, entries.size());
   bool hasRecords = false;
+  bool isNew = false;
   for (std::size_t first = 0; first < entries.size(); first += batch.Count()) {
     batch.Clear();
     while (first + batch.Count() < entries.size() &&
@@ -171,7 +199,11 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
       hasRecords = true;
       target->Store(entry, pair);
       entry.file = target;
-      blobs[entry.hash] = entry;
+      blobs.FindOrMake(entry.hash, isNew)->second = entry;
+    }
+    if (progress.Stops(ProgressCall::kRepack, first + batch.Count(), entries.size())) {
+      for (const BlobFile::BlobFileEntry& entry : before) blobs.FindOrMake(entry.hash, isNew)->second = entry;
+      throw Stopped{};
     }
   }
   if (hasRecords) {

@@ -26,14 +26,14 @@ void BlobController::RequireChangeable() const {
 }
 
 bool BlobController::BlobExists(Hash const& hash) const {
-  const auto pending = pendingByHash.find(hash);
+  const auto pending = pendingByHash.Find(hash);
   if (pending != pendingByHash.end()) {
     const std::int32_t op = pending->second.op;
     if (op == format::kOpStore) return true;
     if (op == format::kOpDelete) return false;
     trace::engine.WriteWarnV("BlobController::Store() unsupported operation op=%d", op);
   }
-  return blobs.find(hash) != blobs.end();
+  return blobs.Find(hash) != blobs.end();
 }
 
 // Writes one change and notes it as pending; write fills in the entry. All
@@ -44,7 +44,8 @@ bool BlobController::Change(Hash const& hash, Write write) {
   RequireChangeable();
   if (pendingEntries.size() == pendingEntries.capacity())
     pendingEntries.reserve(std::max(kReservedEntries, 2 * pendingEntries.capacity()));
-  const auto [node, isNew] = pendingByHash.try_emplace(hash);
+  bool isNew = false;
+  const BlobIndex::iterator pending = pendingByHash.FindOrMake(hash, isNew);
 
   const bool isFirst = pendingEntries.empty();
   try {
@@ -53,11 +54,11 @@ bool BlobController::Change(Hash const& hash, Write write) {
     entry.hash = hash;
     entry.transactionId = transactionId;
     write(entry);
-    node->second = entry;
+    pending->second = entry;
     pendingEntries.push_back(entry);
     return true;
   } catch (...) {
-    if (isNew) pendingByHash.erase(node);
+    if (isNew) pendingByHash.Erase(pending);
     if (isFirst) curJournal->CancelTransaction();
     throw;
   }
@@ -113,7 +114,7 @@ void BlobController::AbandonPending() {
   if (pendingEntries.empty()) return;
   if (curJournal) curJournal->CancelTransaction();
   pendingEntries.clear();
-  pendingByHash.clear();
+  pendingByHash.Clear();
 }
 
 bool BlobController::StartTransaction(long long id) {
@@ -148,23 +149,18 @@ bool BlobController::EndTransaction(long long id) {
 // place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
-  while (!pendingByHash.empty()) {
-    Index::node_type change = pendingByHash.extract(pendingByHash.begin());
-    const std::int32_t op = change.mapped().op;
-    if (op != format::kOpStore && op != format::kOpDelete) {
-      trace::engine.WriteErrorV("BlobController::EndTransaction unknown operation %d", op);
-      continue;
+  pendingByHash.TakeAll([this](BlobIndex::Node&& change) {
+    switch (change.mapped().op) {
+      case format::kOpStore:
+        blobs.Insert(std::move(change));
+        break;
+      case format::kOpDelete:
+        blobs.Erase(change.key());
+        break;
+      default:
+        trace::engine.WriteErrorV("BlobController::EndTransaction unknown operation %d", change.mapped().op);
     }
-    const auto old = blobs.lower_bound(change.key());
-    const bool present = old != blobs.end() && old->first == change.key();
-    if (op == format::kOpDelete) {
-      if (present) blobs.erase(old);
-    } else if (present) {
-      old->second = change.mapped();
-    } else {
-      blobs.insert(old, std::move(change));
-    }
-  }
+  });
   pendingEntries.clear();
   if (pendingEntries.capacity() > kKeptEntries) pendingEntries.shrink_to_fit();
 }

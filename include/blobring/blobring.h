@@ -41,6 +41,9 @@
 #define BLOBRING_API
 #endif
 
+/* The version of this header; BCVersion tells that of the library. */
+#define BLOBRING_VERSION "1.0.0"
+
 /* Bytes of a hash. */
 #define BLOBRING_HASH_SIZE 16
 
@@ -48,7 +51,51 @@
 extern "C" {
 #endif
 
+/* The library's version, "1.0.0" and the like; valid for ever. */
+BLOBRING_API const char* BCVersion(void);
+
 /* ---- Opening and closing -------------------------------------------------- */
+
+/*
+ * Is told how far a load, a check or a repack has got. To return something
+ * other than 0 stops a check or a repack; a load goes on. May ask BCLastError
+ * and call nothing else of the library; must not throw.
+ * BLOBRING_LOADING: in bytes of one file, the pack and then the journal; after
+ * a damaged pack the next older one follows. BLOBRING_CHECKING and
+ * BLOBRING_REPACKING: in blobs. Called at least once in every 256 blobs or
+ * 4 MiB, a larger blob counting as one, and at the end with done = total.
+ */
+#define BLOBRING_LOADING 1
+#define BLOBRING_CHECKING 2
+#define BLOBRING_REPACKING 3
+typedef int BCProgress(void* context, int operation, uint64_t done, uint64_t total);
+
+/* How BCOpen opens a store; what is 0 or null stands for the default. */
+typedef struct BCOptions {
+  uint32_t size;               /* sizeof(BCOptions), so that the structure can grow */
+  uint32_t slotCount;          /* default 2, or as many as packDirs has */
+  const char* const* packDirs; /* a directory for the pack of each slot; default: the store's own for all */
+  int eraseDamaged;            /* 1: BLOBRING_DAMAGE_ERASE; default: BLOBRING_DAMAGE_KEEP */
+  BCProgress* progress;        /* as BCSetProgress, the load included */
+  void* progressContext;
+} BCOptions;
+
+/*
+ * BCInitialize, BCAddPackDir for each slot, BCSetDamagePolicy and BCLoad in
+ * one call that throws nothing: opens the store in `directory`, which must
+ * exist, for programs that cannot take exceptions. Paths are NUL-terminated
+ * bytes as the system takes them. `options` may be null. packDirs needs
+ * slotCount. Returns the index of the store; -1 on failure, when nothing
+ * stays open and BCLastError(-1) tells why.
+ */
+BLOBRING_API int BCOpen(const char* directory, const BCOptions* options);
+
+/*
+ * Sets who is told how far loads, BCCheck and BCRepack of this store get; null
+ * for nobody. With it, a repack holds the index in memory twice. Returns 1; 0
+ * for an unknown index.
+ */
+BLOBRING_API int BCSetProgress(int index, BCProgress* progress, void* context);
 
 /*
  * Opens a store whose journals lie in the directory `path` (NUL-terminated),
@@ -89,8 +136,9 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
  * Returns 1, or 0 when no pack could be loaded or reading failed: the store's
  * files have then been erased.
  * Under BLOBRING_DAMAGE_KEEP, a damaged pack, one that ends too early
- * included, is passed over for the next older one; a damaged journal is copied to
- * k.jrn.kept-N before its end is cut off; without any usable pack all files
+ * included, is passed over for the next older one; of a damaged journal the
+ * header and all that follows its whole transactions are copied to
+ * k.jrn.kept-N before they are overwritten; without any usable pack all files
  * are renamed to ….kept-N, the trace says so, and the store goes on empty (1);
  * and where reading fails for another reason (an I/O error, no memory), 0
  * leaves every file as it was, and changes are refused until a load succeeds.
@@ -131,6 +179,12 @@ BLOBRING_API int BCEndTransaction(int index, const long long* transactionId);
 
 /* Does nothing; returns 1. BCStartTransaction abandons pending changes. */
 BLOBRING_API int BCCancelTransaction(void);
+
+/*
+ * Abandons the changes made since the last commit. Returns 1; 0 for an unknown
+ * index.
+ */
+BLOBRING_API int BCAbandonTransaction(int index);
 
 /*
  * Stores `size` bytes at `data` under `hash` (16 bytes), which must be their
@@ -176,8 +230,11 @@ BLOBRING_API int BCDeleteInt(int index, unsigned char* hash);
  * Copies every blob into the next slot's pack and empties that slot's
  * journal, which frees what deleted blobs took. Refused (0, the store as it
  * was) while changes are pending, without a slot, and when the blobs would
- * not fit into one pack of 2 GiB. Returns 1; 0 on failure, after which the
- * store is closed and its files hold what they held before.
+ * not fit into one pack of 2 GiB, and when the function of BCSetProgress
+ * stopped it, at any moment before the new generation is committed: with two
+ * slots or more the slot that was next has then been emptied. Returns 1; 0 on
+ * failure, after which the store is closed and its files hold what they held
+ * before. BCGetStatistics tells whether it is closed.
  */
 BLOBRING_API int BCRepack(int index);
 
@@ -201,6 +258,32 @@ BLOBRING_API int BCGetSizeInt(int index, unsigned char* hash);
 BLOBRING_API int BCGet(int index, unsigned char* hash, unsigned char* buffer, int size);
 BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size);
 
+/* Results of BCFetch. */
+#define BLOBRING_FETCHED 0
+#define BLOBRING_NOT_FOUND 1
+#define BLOBRING_FAILED 2
+#define BLOBRING_TOO_SMALL 3
+
+/*
+ * Reads a committed blob into `buffer` of `capacity` bytes and checks it
+ * against its hash, for callers that ask before they know: neither a blob that
+ * is absent nor a buffer of another size is a fault, nothing waits, and the
+ * store stays open whatever is found. *size is set to the blob's bytes with
+ * BLOBRING_FETCHED and BLOBRING_TOO_SMALL, to 0 otherwise; `buffer` may be null
+ * where `capacity` is 0, which asks for the size alone.
+ * BLOBRING_FAILED: no bytes that match the hash can be read, the store is not
+ * loaded, or an argument is unsound; the buffer's bytes are then undefined.
+ */
+BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size);
+
+/*
+ * Writes the first hash after `after`, in ascending order of bytes, to `next`
+ * (16 bytes each, which may be the same); the first of all where `after` is
+ * null. Needs no reset and goes on through changes. Returns 1; 0 when there is
+ * none; -1 on failure or when the store is not loaded.
+ */
+BLOBRING_API int BCNextHash(int index, const unsigned char* after, unsigned char* next);
+
 /*
  * Starts an enumeration of the committed blobs and returns their number; 0
  * on failure.
@@ -221,6 +304,56 @@ BLOBRING_API int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg
  * std::runtime_error("Unable to allocate memory").
  */
 BLOBRING_API int BCFsck(int index);
+
+/* Results of BCCheck. */
+#define BLOBRING_CHECK_FAULTY 0
+#define BLOBRING_CHECK_SOUND 1
+#define BLOBRING_CHECK_STOPPED (-1)
+#define BLOBRING_CHECK_FAILED (-2)
+
+/*
+ * BCFsck that throws nothing and can be stopped by the function of
+ * BCSetProgress; BLOBRING_CHECK_STOPPED: no fault up to there.
+ * BLOBRING_CHECK_FAILED: no memory, a check is running already, or the store is
+ * not loaded.
+ */
+BLOBRING_API int BCCheck(int index);
+
+/* ---- What a store tells about itself -------------------------------------- */
+
+/* Of a store, at one moment. */
+typedef struct BCStatistics {
+  uint32_t size;    /* sizeof(BCStatistics), set by the caller */
+  int32_t loaded;   /* 1: open, loaded and not closed since */
+  int32_t inDoubt;  /* 1: a flush has failed, no change is accepted */
+  int32_t sequence; /* generation of the pack, counting repacks; -1 without one */
+  uint32_t slotCount;
+  uint32_t largestBlob; /* bytes; this and all below of committed blobs, unless it says otherwise */
+  uint64_t blobCount;
+  uint64_t liveBytes;      /* of the blobs' data */
+  uint64_t packBytes;      /* of the current pack */
+  uint64_t journalBytes;   /* of the current journal, pending changes included */
+  uint64_t repackedBytes;  /* what a repack would make of both */
+  uint64_t pendingChanges; /* made since the last commit */
+} BCStatistics;
+
+/*
+ * Fills in statistics->size bytes; fields that this library does not know
+ * are set to 0. Walks the index: some 10 ms for 100,000 blobs. Returns 1; 0 on
+ * failure, and when size is less than that of the first version.
+ */
+BLOBRING_API int BCGetStatistics(int index, BCStatistics* statistics);
+
+/*
+ * The text of the last failure: what the most recent call on the store that
+ * had to report something wrote to the trace, line by line, at most 1023
+ * bytes. For -1, or an index that no store has: that of the calls that belong
+ * to no store, such as a BCOpen that failed. A call that succeeds leaves the
+ * text as it is. Copies it to `buffer`, NUL-terminated and cut to `capacity`,
+ * and returns its whole length in bytes; `buffer` may be null where
+ * `capacity` is 0.
+ */
+BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 
 /* ---- Beside the store ----------------------------------------------------- */
 

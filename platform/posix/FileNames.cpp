@@ -14,25 +14,32 @@
 
 namespace {
 
-using posix::ErrorOf;
-using posix::ExclusiveFile;
-using posix::FileDescriptor;
-using posix::ParentOf;
-using posix::PathErrorOf;
-using posix::PathName;
-using posix::Result;
+using platform::ErrorOf;
+using platform::ExclusiveFile;
+using platform::FileDescriptor;
+using platform::ParentOf;
+using platform::PathErrorOf;
+using platform::PathName;
+using platform::Result;
 
 constexpr mode_t kNewDirectoryMode = 0700;
 constexpr mode_t kWriteBits = 0222;
 
+// How often the target of a replacement may come and go before we give up.
+constexpr int kMaxAttempts = 16;
+
 // Locks the file that path leads to, so that nobody has it open while its
-// name is changed. Nothing is locked, and nothing refused, where there is no
-// regular file: the call that changes the name finds out.
+// name is changed. What is no regular file, a link to nothing included, needs
+// no lock. ERROR_FILE_NOT_FOUND is an answer to act on: a file made after it
+// may be held by whoever made it.
 DWORD Hold(const char* path, ExclusiveFile& held) {
   struct stat status {};
-  if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) return ERROR_SUCCESS;
-  const DWORD code = posix::OpenExclusively(path, O_RDONLY, 0, held);
-  return code == ERROR_FILE_NOT_FOUND ? ERROR_SUCCESS : code;
+  if (stat(path, &status) == 0) {
+    return S_ISREG(status.st_mode) ? platform::OpenExclusively(path, O_RDONLY, 0, held) : ERROR_SUCCESS;
+  }
+  const int failure = errno;
+  if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
+  return PathErrorOf(failure, path);
 }
 
 // Makes a file's contents durable before its name leads elsewhere. Costs next
@@ -66,24 +73,36 @@ DWORD RenameNoReplace(const char* from, const char* to) {
   return RenameIfFree(from, to);
 }
 
-// Win32 replaces files only.
-DWORD RenameReplacing(const char* from, const char* to) {
+// Replaces what is there and held. Win32 replaces files only.
+DWORD RenameOver(const char* from, const char* to) {
   struct stat status {};
-  if (lstat(to, &status) == 0 &&
-      (S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && posix::IsReadOnly(status.st_mode)))) {
-    return ERROR_ACCESS_DENIED;
+  if (lstat(to, &status) != 0) return PathErrorOf(errno, to);
+  if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
+  return rename(from, to) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, from);
+}
+
+// A target that is absent cannot be locked, and someone may make and open it
+// at any moment: then only a rename that replaces nothing is safe.
+DWORD RenameReplacing(const char* from, const char* to) {
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    ExclusiveFile target;
+    const DWORD found = Hold(to, target);
+    if (found == ERROR_SUCCESS) return RenameOver(from, to);
+    if (found != ERROR_FILE_NOT_FOUND) return found;
+    const DWORD code = RenameNoReplace(from, to);
+    if (code != ERROR_ALREADY_EXISTS) return code;
   }
-  if (rename(from, to) == 0) return ERROR_SUCCESS;
-  return PathErrorOf(errno, errno == ENOENT && access(from, F_OK) == 0 ? to : from);
+  return ERROR_SHARING_VIOLATION;
 }
 
 DWORD SyncParents(const char* from, const char* to) {
   const PathName source = ParentOf(from);
   const PathName target = ParentOf(to);
-  const FileDescriptor directory = posix::Open(target.Text(), O_RDONLY | O_DIRECTORY);
-  int failure = directory.IsOpen() ? posix::SyncDirectory(directory) : errno;
+  const FileDescriptor directory = platform::Open(target.Text(), O_RDONLY | O_DIRECTORY);
+  int failure = directory.IsOpen() ? platform::SyncDirectory(directory) : errno;
   // The new name first: a crash between the two leaves both names, not none.
-  if (failure == 0 && !posix::LeadsTo(source.Text(), directory)) failure = posix::SyncDirectory(source.Text());
+  if (failure == 0 && !platform::LeadsTo(source.Text(), directory)) failure = platform::SyncDirectory(source.Text());
   return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
 }
 
@@ -93,11 +112,8 @@ DWORD Move(const WCHAR* fromUnits, const WCHAR* toUnits, bool replaces) {
   if (from.Error() != ERROR_SUCCESS) return from.Error();
   if (to.Error() != ERROR_SUCCESS) return to.Error();
 
-  // Both locks are held until the names have changed.
-  ExclusiveFile source;
-  ExclusiveFile target;
+  ExclusiveFile source;  // held until the names have changed
   DWORD code = Hold(from.Text(), source);
-  if (code == ERROR_SUCCESS && replaces) code = Hold(to.Text(), target);
   if (code == ERROR_SUCCESS) code = SyncContents(source);
   if (code == ERROR_SUCCESS) {
     code = replaces ? RenameReplacing(from.Text(), to.Text()) : RenameNoReplace(from.Text(), to.Text());
@@ -109,7 +125,7 @@ DWORD Delete(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
   if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (S_ISREG(status.st_mode) && posix::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
   ExclusiveFile held;
   if (const DWORD code = Hold(path, held); code != ERROR_SUCCESS) return code;
   return unlink(path) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
@@ -122,7 +138,7 @@ DWORD SetAttributes(const char* path, DWORD attributes) {
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
   if (S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
   const bool readOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0;
-  if (readOnly == posix::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
+  if (readOnly == platform::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
   const mode_t mode = readOnly ? status.st_mode & ~kWriteBits : status.st_mode | S_IWUSR;
   return chmod(path, mode & 07777) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
 }
@@ -131,7 +147,7 @@ DWORD SetAttributes(const char* path, DWORD attributes) {
 // covers their names, not the way to them.
 DWORD CreateDirectory(const char* path) {
   if (mkdir(path, kNewDirectoryMode) != 0) return PathErrorOf(errno, path);
-  const int failure = posix::SyncDirectory(ParentOf(path).Text());
+  const int failure = platform::SyncDirectory(ParentOf(path).Text());
   return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
 }
 

@@ -105,6 +105,23 @@ TEST(Fault, ACommitThatFailsCanBeRetriedOrAbandonedUnlessItsFlushFailed) {
   }
 }
 
+TEST(Fault, ACommitFlushesOnceWhereTheJournalGrowsAndTwiceElsewhere) {
+  FreshMachine();
+  const OpenedStore store(2);
+  const auto flushesOf = [&](long long id, const std::string& blob) {
+    const std::uint64_t before = sim::Files().calls(Call::FlushFileBuffers);
+    EXPECT_TRUE(store.Commit(id, {blob}));
+    return sim::Files().calls(Call::FlushFileBuffers) - before;
+  };
+  EXPECT_EQ(flushesOf(1, "grows"), 1U);
+  EXPECT_EQ(flushesOf(2, "grows again"), 1U);
+  ASSERT_EQ(BCRepack(store.index), 1);
+  ASSERT_EQ(BCRepack(store.index), 1);
+  EXPECT_EQ(flushesOf(3, "over old records"), 2U);
+  ASSERT_TRUE(store.Start(4) && store.Store(kLarge) && store.Start(5));
+  EXPECT_EQ(flushesOf(6, "over an abandoned transaction"), 2U);
+}
+
 TEST(Fault, AFailedFlushIsOverOnceTheStoreIsOpenedAnew) {
   FreshMachine();
   {

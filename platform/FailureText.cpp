@@ -1,0 +1,65 @@
+#include "platform/FailureText.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+namespace trace {
+
+namespace {
+
+// The process's text outlives every static object that may still report: it
+// is never destroyed.
+union Lasting {
+  constexpr Lasting() : failures() {}
+  ~Lasting() {}
+  FailureText failures;
+};
+constinit Lasting process;
+
+// Counts the texts that are gone: a thread that has noted its own before the
+// last one went does not know whether it still exists.
+constinit std::atomic<std::uint32_t> goneCount{0};
+
+struct Place {
+  FailureText* text = nullptr;
+  std::uint32_t goneCount = 0;
+};
+constinit thread_local Place place;
+
+}  // namespace
+
+FailureText::~FailureText() {
+  goneCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+void FailureText::Add(std::string_view line) {
+  if (startsOver) length = 0;
+  startsOver = false;
+  if (length > 0 && length < kCapacity - 1) text[length++] = '\n';
+  const std::size_t fits = std::min(line.size(), kCapacity - 1 - length);
+  std::memcpy(text + length, line.data(), fits);
+  length += fits;
+  text[length] = '\0';
+}
+
+FailureText& ProcessFailures() {
+  return process.failures;
+}
+
+void NoteIn(FailureText& text) {
+  place = {&text, goneCount.load(std::memory_order_relaxed)};
+  text.Begin();
+}
+
+void NoteInProcess() {
+  NoteIn(process.failures);
+}
+
+void Note(const char* line) {
+  const bool isThere = place.text != nullptr && place.goneCount == goneCount.load(std::memory_order_relaxed);
+  (isThere ? *place.text : process.failures).Add(line);
+}
+
+}  // namespace trace
