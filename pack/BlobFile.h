@@ -167,7 +167,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
   BLOBRING_HIDDEN void ReplayCutOff(Entries& out, std::uint32_t length);
-  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what) const;
+  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what, std::uint32_t code) const;
+  BLOBRING_HIDDEN bool PutCommittedHeader();
 
   format::TransactionBlock block;
   std::uint32_t blockOffset = 0;

@@ -172,6 +172,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   BLOBRING_HIDDEN void ApplyPending() noexcept;
+  BLOBRING_HIDDEN void ShrinkPending() noexcept;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
   BLOBRING_HIDDEN void RequireChangeable() const;

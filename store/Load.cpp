@@ -48,7 +48,7 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
-  Secure(*curPack);
+  for (const BlobFilePtr& pack : packFiles) Secure(*pack);
   Secure(*curJournal);
   blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;

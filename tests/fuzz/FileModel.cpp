@@ -87,7 +87,9 @@ class Reader {
     if (Left() < head) return End::CutShort;
     const std::uint32_t size = op == kStore ? Get32(file, at + kHash) : 0;
     if (size > Left() - head) return End::Damaged;
-    out.changes.push_back({op == kStore, HashAt(file, at), file.substr(at + head, size)});
+    const std::string_view data = file.substr(at + head, size);
+    if (op == kStore && test::HashOf(data) != HashAt(file, at)) return End::Damaged;
+    out.changes.push_back({op == kStore, HashAt(file, at), data});
     at += head + size;
     Whole();
     return std::nullopt;

@@ -31,3 +31,6 @@ endfunction()
 blobring_fuzz_target(journal_fuzz JournalFuzz.cpp blobring_fuzz_records)
 blobring_fuzz_target(pack_fuzz PackFuzz.cpp blobring_fuzz_records)
 blobring_fuzz_target(checksum_fuzz ChecksumFuzz.cpp)
+
+blobring_test(NAME fuzz_size_test SOURCES ${fuzz_dir}/SizeTest.cpp
+  LIBS blobring_fuzz_life blobring_store blobring_md5 blobring_sim blobring_opened_store)

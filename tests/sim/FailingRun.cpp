@@ -226,12 +226,18 @@ bool FailingRun::DoRead() {
 
 // Opens the disk on a healthy machine. The machine at work stays as it is.
 void FailingRun::CheckDisk(const sim::Image& image, const char* when) {
+  sim::Disk disk = Files().disk;
+  disk.Load(image);
+  CheckDisk(disk, when);
+}
+
+void FailingRun::CheckDisk(const sim::Disk& disk, const char* when) {
   const sim::SimFiles saved = Files();
   Files().Kill();
   Files().Restart();
   Files().faults.Clear();
   Files().log = nullptr;
-  Files().disk.Load(image);
+  Files().disk = disk;
   try {
     Session session(workload_.slots, plan_.keep);
     session.Open();
@@ -256,10 +262,9 @@ void FailingRun::CheckDisk(const sim::Image& image, const char* when) {
 // power cut and nothing, or some of what was not flushed, found.
 void FailingRun::CheckMoment() {
   Mend();
-  sim::Image image;
-  Files().disk.Visible(image);
-  CheckDisk(image, "killed after the failure");
   const sim::Disk disk = Files().disk;
+  CheckDisk(disk, "killed after the failure");
+  sim::Image image;
   sim::CrashStates states;
   states.Assign(disk);
   sim::Choices choices(states.units(), 0);

@@ -53,7 +53,7 @@ void FaultRuns::Try(const Workload& workload, const Plan& plan, std::uint64_t& r
 void FaultRuns::ExploreCalls(const Workload& workload, const std::vector<Call>& calls) {
   for (std::uint64_t n = 1; n <= calls.size(); ++n) {
     for (const Fault fault : {Fault::Error, Fault::Partial, Fault::DiskFull, Fault::Busy, Fault::DoneButFailed}) {
-      if (!sim::CanFail(calls[n - 1], fault)) continue;
+      if (!sim::CanFail(calls[static_cast<std::size_t>(n - 1)], fault)) continue;
       for (const Policy policy : {Policy::AskAgain, Policy::GoOn, Policy::Reopen})
         Try(workload, {Plan::Kind::Call, n, fault, false, policy, true}, faults_);
       Try(workload, {Plan::Kind::Call, n, fault, false, Policy::AskAgain, false}, faults_);

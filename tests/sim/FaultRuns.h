@@ -66,6 +66,7 @@ class FailingRun {
   std::string Difference(Mask contents) const;
   void CheckMoment();
   void CheckDisk(const sim::Image& image, const char* when);
+  void CheckDisk(const sim::Disk& disk, const char* when);
   void Finish();
 
   const Workload& workload_;

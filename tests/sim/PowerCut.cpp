@@ -40,7 +40,7 @@ bool HashSet::Insert(std::uint64_t hash) {
     for (const std::uint64_t value : old)
       if (value != 0) Insert(value);
   }
-  for (std::size_t at = hash;; ++at) {
+  for (auto at = static_cast<std::size_t>(hash);; ++at) {
     std::uint64_t& slot = slots_[at & (slots_.size() - 1)];
     if (slot == hash) return false;
     if (slot != 0) continue;
@@ -311,7 +311,7 @@ bool PowerCut::Replay(const std::string& token) {
     RunWatched(workload);
     for (std::size_t i = 2; i + 1 < parts.size() && level + 1 < kLevels; i += 2) {
       Level& at = levels_[++level];
-      at.momentAt = std::strtoull(parts[i].c_str(), nullptr, 10);
+      at.momentAt = static_cast<std::size_t>(std::strtoull(parts[i].c_str(), nullptr, 10));
       if (at.momentAt >= at.count) return false;
       at.states.Assign(at.moments[at.momentAt].disk);
       at.killed = parts[i + 1] == kKilled;
