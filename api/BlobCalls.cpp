@@ -67,11 +67,11 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
   try {
     for (int first = 0; first < count; first += kGroup) {
       const int end = count - first < kGroup ? count : first + kGroup;
-      md5::Message messages[kGroup];
+      MD5Message messages[kGroup];
       int sound = first;
       for (; sound < end && IsSoundBlob("BCPutMany", blobs[sound].data, blobs[sound].size); ++sound)
         messages[sound - first] = {blobs[sound].data, api::Word(blobs[sound].size), blobs[sound].hash};
-      md5::DigestMany(messages, static_cast<std::size_t>(sound - first));
+      DigestMany(messages, static_cast<std::size_t>(sound - first));
       for (int i = first; i < sound; ++i) {
         if (BCStoreInt(index, blobs[i].hash, const_cast<unsigned char*>(blobs[i].data), blobs[i].size) != 1) return i;
       }

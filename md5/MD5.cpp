@@ -12,11 +12,6 @@ namespace {
 
 constexpr std::size_t kChunkSize = 1024;
 
-// Writes size / 4 words to out, little-endian on every host.
-void encode(std::uint8_t* out, const std::uint32_t* words, std::size_t size) {
-  for (std::size_t i = 0; i < size; ++i) out[i] = static_cast<std::uint8_t>(words[i / 4] >> (8 * (i % 4)));
-}
-
 }  // namespace
 
 MD5::MD5() {
@@ -95,18 +90,11 @@ void MD5::update(std::ifstream& stream) {
 
 void MD5::finalize() {
   if (finalized) return;
-  constexpr std::uint32_t kLengthOffset = md5::kBlockSize - sizeof(count);
-  std::uint32_t index = BufferedSize();
-  buffer[index++] = 0x80;
-  if (index > kLengthOffset) {
-    std::memset(buffer + index, 0, md5::kBlockSize - index);
-    md5::CompressOne(state, buffer, 1);
-    index = 0;
-  }
-  std::memset(buffer + index, 0, kLengthOffset - index);
-  encode(buffer + kLengthOffset, count, sizeof(count));
-  md5::CompressOne(state, buffer, 1);
-  encode(digest, state, sizeof(digest));
+  std::uint8_t tail[2 * md5::kBlockSize];
+  const std::uint32_t tailSize = BufferedSize();
+  std::memcpy(tail, buffer, tailSize);
+  md5::CompressOne(state, tail, md5::PadTail(tail, tailSize, count));
+  md5::Encode(digest, state, 4);
   finalized = true;
 }
 

@@ -7,13 +7,14 @@
 // No locks: one caller at a time. Lengths are bytes.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <iosfwd>
 #include <string>
 
-class MD5 {
+#include "platform/Export.h"
+
+class BLOBRING_EXPORT MD5 {
  public:
   MD5();
 
@@ -50,8 +51,8 @@ class MD5 {
   void hex_digest(std::string& out) const;
 
  private:
-  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::size_t firstLength, MD5& second,
-                         const std::uint8_t* secondInput, std::size_t secondLength);
+  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength, MD5& second,
+                         const std::uint8_t* secondInput, std::uint32_t secondLength);
 
   void AddToCount(std::uint32_t length);
   std::uint32_t BufferedSize() const { return (count[0] >> 3) & 63; }
@@ -64,4 +65,4 @@ class MD5 {
 };
 
 // Writes the text of hex_digest().
-std::ostream& operator<<(std::ostream& os, MD5 md5);
+BLOBRING_EXPORT std::ostream& operator<<(std::ostream& os, MD5 md5);

@@ -1,16 +1,145 @@
 #include "md5/MD5Lanes.h"
 
-#include "md5/MD5.h"
+#include <algorithm>
+#include <cstring>
+
+#include "md5/MD5Block.h"
+#include "md5/MD5LaneEngine.h"
+#include "md5/MD5Rounds.h"
 
 namespace md5 {
+namespace {
 
-void DigestMany(const Message* messages, std::size_t count) {
-  for (const Message* message = messages; message != messages + count; ++message) {
-    MD5 digest;
-    digest.update(message->data, static_cast<std::uint32_t>(message->size));
-    digest.finalize();
-    digest.raw_digest(message->digest);
+// Keeps the lanes filled: gives a lane the next message when its own is done,
+// and closes the gaps when no more are left. Lanes 0 to inUse - 1 have blocks
+// to do. A lane does the blocks where the message lies, then those of its tail.
+class Scheduler {
+ public:
+  Scheduler(const MD5Message* messages, std::size_t count, const LaneEngine* laneEngine)
+      : engine(laneEngine), waiting(messages), end(messages + count) {
+    const std::size_t laneCount = engine ? engine->laneCount : 2;
+    for (std::size_t lane = 0; lane < laneCount; ++lane) jobs[lane].tail = tails[lane];
+    while (inUse < laneCount && waiting != end) Start(inUse++);
   }
+
+  void Run() {
+    while (inUse != 0) {
+      const std::size_t working = engine && inUse >= engine->fewestLanes ? inUse : std::min<std::size_t>(inUse, 2);
+      std::size_t blockCount = jobs[0].blocksLeft;
+      for (std::size_t lane = 1; lane < working; ++lane) blockCount = std::min(blockCount, jobs[lane].blocksLeft);
+      CompressFirst(working, blockCount);
+      // From the last lane down: the one that fills a gap has been seen to, or
+      // has not been working.
+      for (std::size_t lane = working; lane-- > 0;) Advance(lane, blockCount);
+    }
+  }
+
+ private:
+  struct Job {
+    std::size_t blocksLeft;  // at lanes.next
+    std::size_t tailBlocks;  // yet to follow them
+    std::uint8_t* tail;      // room for two blocks; the lane's for good
+    std::uint8_t* digest;
+  };
+
+  void Start(std::size_t lane) {
+    const MD5Message& message = *waiting++;
+    Job& job = jobs[lane];
+    const std::size_t tailSize = message.size % kBlockSize;
+    const std::uint64_t bits = std::uint64_t{message.size} << 3;
+    const std::uint32_t bitCount[2] = {static_cast<std::uint32_t>(bits), static_cast<std::uint32_t>(bits >> 32)};
+    for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = kInitialState[i];
+    lanes.next[lane] = message.data;
+    if (tailSize != 0) std::memcpy(job.tail, message.data + (message.size - tailSize), tailSize);
+    job.tailBlocks = PadTail(job.tail, tailSize, bitCount);
+    job.blocksLeft = message.size / kBlockSize;
+    job.digest = message.digest;
+    if (job.blocksLeft == 0) TurnToTail(lane);
+  }
+
+  void TurnToTail(std::size_t lane) {
+    Job& job = jobs[lane];
+    lanes.next[lane] = job.tail;
+    job.blocksLeft = job.tailBlocks;
+    job.tailBlocks = 0;
+  }
+
+  void CompressFirst(std::size_t working, std::size_t blockCount) {
+    if (working > 2) {
+      // Idle lanes have to read something: let it be what lane 0 reads.
+      std::fill(lanes.next + working, lanes.next + engine->laneCount, lanes.next[0]);
+      engine->compress(lanes, working, blockCount);
+      return;
+    }
+    std::uint32_t states[2][4];
+    for (std::size_t lane = 0; lane < working; ++lane) CopyState(lane, states[lane]);
+    if (working == 2) {
+      CompressTwo(states[0], lanes.next[0], states[1], lanes.next[1], blockCount);
+    } else {
+      CompressOne(states[0], lanes.next[0], blockCount);
+    }
+    for (std::size_t lane = 0; lane < working; ++lane) {
+      for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = states[lane][i];
+    }
+  }
+
+  void Advance(std::size_t lane, std::size_t blockCount) {
+    Job& job = jobs[lane];
+    lanes.next[lane] += blockCount * kBlockSize;
+    job.blocksLeft -= blockCount;
+    if (job.blocksLeft != 0) return;
+    if (job.tailBlocks != 0) {
+      TurnToTail(lane);
+      return;
+    }
+    std::uint32_t state[4];
+    CopyState(lane, state);
+    Encode(job.digest, state, 4);
+    if (waiting != end) {
+      Start(lane);
+    } else if (lane != --inUse) {
+      MoveLast(lane);
+    }
+  }
+
+  // Puts what lane inUse does into a lane that has nothing to do.
+  void MoveLast(std::size_t lane) {
+    for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = lanes.state[i][inUse];
+    lanes.next[lane] = lanes.next[inUse];
+    std::swap(jobs[lane], jobs[inUse]);
+  }
+
+  void CopyState(std::size_t lane, std::uint32_t* state) const {
+    for (std::size_t i = 0; i < 4; ++i) state[i] = lanes.state[i][lane];
+  }
+
+  LaneState lanes{};
+  std::uint8_t tails[kMaxLanes][2 * kBlockSize];
+  Job jobs[kMaxLanes];
+  const LaneEngine* const engine;
+  const MD5Message* waiting;
+  const MD5Message* const end;
+  std::size_t inUse = 0;
+};
+
+}  // namespace
+
+const LaneEngine* FindLaneEngine() {
+#if defined(__x86_64__)
+  return __builtin_cpu_supports("avx2") ? &kAvx2Engine : nullptr;
+#elif defined(__ARM_NEON)
+  return &kNeonEngine;
+#else
+  return nullptr;
+#endif
+}
+
+void DigestMany(const MD5Message* messages, std::size_t count, const LaneEngine* engine) {
+  Scheduler(messages, count, engine).Run();
 }
 
 }  // namespace md5
+
+void DigestMany(const MD5Message* messages, std::size_t count) {
+  md5::DigestMany(messages, count, md5::FindLaneEngine());
+}

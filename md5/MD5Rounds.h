@@ -1,18 +1,19 @@
-// The 64 steps of RFC 1321, written once for every engine: one message, two
-// interleaved ones, or a vector of them.
+// The 64 steps of RFC 1321, written once for every way of computing them: one
+// message, two interleaved, or a vector of messages.
 //
-// An engine is a class with
-//   Word      one 32-bit word of each of its messages;
-//   F, G, H, I  static functions (Word& a, b, c, d, x, k) <shift>, each of
-//             which sets a = b + rotl(a + f(b, c, d) + x + k, shift).
-// The message words come from a Block with operator()(index) -> Word.
+// Word, the type that the steps work on, is one 32-bit word of each message.
+// Its operations change it in place: Add, Xor, And, Or take another Word, Add
+// also one of the constants below, Not nothing, Rotate<n> turns left by n bits.
+// A block is whatever has AddWordTo(Word& sum, int index), which adds the
+// block's message word of that index (of each message).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
-// Kept in registers only if nothing here is ever a call, at any optimisation
-// level. A vector engine also names the instruction set it is compiled for,
-// since a function inlined into its kernel must have the same one.
+// Everything here is inlined into one loop, at any optimisation level, so that
+// the state stays in registers. A vector unit is compiled for an instruction
+// set of its own and names it first: what is inlined must have the same one.
 #ifndef MD5_TARGET
 #define MD5_TARGET
 #endif
@@ -42,32 +43,103 @@ constexpr int WordOfStep(int i) {
   return (kFactor[i / 16] * i + kOffset[i / 16]) % 16;
 }
 
-template <class Engine, int i, class Word, class Block>
+// a = b + rotl(a + f(b, c, d) + x + k, s), in the order in which the operands
+// come to be known: b is the result of the step before and the last of them,
+// and nothing that can be had without it may wait for it.
+template <int i, class Word, class Block>
 MD5_INLINE void Step(Word& a, const Word& b, const Word& c, const Word& d, const Block& block) {
-  constexpr int shift = kShift[i / 16][i % 4];
-  constexpr std::uint32_t k = kSine[i];
-  const Word x = block(WordOfStep(i));
+  block.AddWordTo(a, WordOfStep(i));
+  a.Add(kSine[i]);
   if constexpr (i < 16) {
-    Engine::template F<shift>(a, b, c, d, x, k);
+    Word f = c;
+    f.Xor(d);
+    f.And(b);
+    f.Xor(d);
+    a.Add(f);
   } else if constexpr (i < 32) {
-    Engine::template G<shift>(a, b, c, d, x, k);
+    // (b & d) | (c & ~d): the terms share no bit, so that a sum does for the OR
+    // and half of it is done before b is there.
+    Word early = d;
+    early.Not();
+    early.And(c);
+    a.Add(early);
+    Word f = b;
+    f.And(d);
+    a.Add(f);
   } else if constexpr (i < 48) {
-    Engine::template H<shift>(a, b, c, d, x, k);
+    Word f = c;
+    f.Xor(d);
+    f.Xor(b);
+    a.Add(f);
   } else {
-    Engine::template I<shift>(a, b, c, d, x, k);
+    Word f = d;
+    f.Not();
+    f.Or(b);
+    f.Xor(c);
+    a.Add(f);
   }
+  a.template Rotate<kShift[i / 16][i % 4]>();
+  a.Add(b);
 }
 
 // Steps first to last - 1, both multiples of 4.
-template <class Engine, int first, int last, class Word, class Block>
+template <int first, int last, class Word, class Block>
 MD5_INLINE void Steps(Word& a, Word& b, Word& c, Word& d, const Block& block) {
   if constexpr (first < last) {
-    Step<Engine, first>(a, b, c, d, block);
-    Step<Engine, first + 1>(d, a, b, c, block);
-    Step<Engine, first + 2>(c, d, a, b, block);
-    Step<Engine, first + 3>(b, c, d, a, block);
-    Steps<Engine, first + 4, last>(a, b, c, d, block);
+    Step<first>(a, b, c, d, block);
+    Step<first + 1>(d, a, b, c, block);
+    Step<first + 2>(c, d, a, b, block);
+    Step<first + 3>(b, c, d, a, block);
+    Steps<first + 4, last>(a, b, c, d, block);
   }
 }
+
+// Takes one block of every message into the state.
+template <class Word, class Block>
+MD5_INLINE void Compress(Word& a, Word& b, Word& c, Word& d, const Block& block) {
+  const Word a0 = a, b0 = b, c0 = c, d0 = d;
+  Steps<0, 64>(a, b, c, d, block);
+  a.Add(a0);
+  b.Add(b0);
+  c.Add(c0);
+  d.Add(d0);
+}
+
+// Words of two sets of messages, worked on in turn. A step waits for the one
+// before it; while one half waits, the other one computes.
+template <class Half>
+struct Pair {
+  Half first, second;
+
+  MD5_INLINE void Add(const Pair& other) {
+    first.Add(other.first);
+    second.Add(other.second);
+  }
+  MD5_INLINE void Add(const std::uint32_t& k) {
+    first.Add(k);
+    second.Add(k);
+  }
+  MD5_INLINE void Xor(const Pair& other) {
+    first.Xor(other.first);
+    second.Xor(other.second);
+  }
+  MD5_INLINE void And(const Pair& other) {
+    first.And(other.first);
+    second.And(other.second);
+  }
+  MD5_INLINE void Or(const Pair& other) {
+    first.Or(other.first);
+    second.Or(other.second);
+  }
+  MD5_INLINE void Not() {
+    first.Not();
+    second.Not();
+  }
+  template <int n>
+  MD5_INLINE void Rotate() {
+    first.template Rotate<n>();
+    second.template Rotate<n>();
+  }
+};
 
 }  // namespace md5

@@ -75,7 +75,7 @@ void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
     return;
   }
   header.endOffset = format::kFileHeaderSize;
-  if (!UpdateHeader()) ThrowNotFlushed("header");
+  if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
 }
 
 void BlobFile::ReadHeader() {
@@ -104,35 +104,45 @@ bool BlobFile::UpdateHeader() {
 void BlobFile::Rewrite(const FileHeader& next) {
   const FileHeader before = header;
   header = next;
+  bool flushed = false;
   try {
-    if (UpdateHeader()) return;
+    flushed = UpdateHeader();
   } catch (...) {
     header = before;
     RestoreHeader();
     throw;
   }
-  header = before;
-  ThrowNotFlushed("header");
-}
-
-void BlobFile::ThrowNotFlushed(const char* what) const {
+  if (flushed) return;
   const DWORD code = GetLastError();
-  throw std::runtime_error(std::string("BlobFile: the ") + what + " of " + path +
-                           " did not reach the disk, GetLastError code = " + std::to_string(code));
+  header = before;
+  PutCommittedHeader();
+  ThrowNotFlushed("header", code);
 }
 
-// A header that was written in part may count what was not acknowledged.
-void BlobFile::RestoreHeader() {
-  if (!headerSound) return;
+// What memory shows must not be ahead of what is known to be on disk: the
+// next process would build on it. False, after a message, when even that
+// fails.
+bool BlobFile::PutCommittedHeader() {
+  if (!headerSound) return true;
   unsigned char bytes[format::kFileHeaderSize];
   committed.Encode(bytes);
   try {
     WriteAt(0, bytes, sizeof bytes);
-    if (!file.flush()) ThrowNotFlushed("header");
+    return true;
   } catch (const std::exception& e) {
-    inDoubt = true;
     trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
+    return false;
   }
+}
+
+// A header that was written in part may count what was not acknowledged.
+void BlobFile::RestoreHeader() {
+  if (!PutCommittedHeader() || (headerSound && !file.flush())) inDoubt = true;
+}
+
+void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
+  throw std::runtime_error(std::string("BlobFile: the ") + what + " of " + path +
+                           " did not reach the disk, GetLastError code = " + std::to_string(code));
 }
 
 bool BlobFile::Reset() {
@@ -320,7 +330,7 @@ void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
   // records, and the flush of the header is enough.
   if (growsFile || file.flush()) return;
   inDoubt = true;
-  ThrowNotFlushed("records");
+  ThrowNotFlushed("records", GetLastError());
 }
 
 void BlobFile::CancelTransaction() {
@@ -421,7 +431,7 @@ bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
 
 void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
   const std::span<const unsigned char> rest = gather.Undigested();
-  UpdateBoth(other, data, size, md5, rest.data(), rest.size());
+  UpdateBoth(other, data, size, md5, rest.data(), static_cast<std::uint32_t>(rest.size()));
   gather.Digested(rest.size());
 }
 
@@ -437,8 +447,9 @@ bool BlobFile::Load(Entries& out) {
     if (header.endOffset > length) ReplayCutOff(out, length);
     return false;
   }
-  isDamaged = !Replay(*this, out, length).Run();
-  return !isDamaged;
+  const bool isSound = Replay(*this, out, length).Run();
+  isDamaged = !isSound || (loadedCount == 0 && !LoadedAll());
+  return isSound;
 }
 
 // A file that has lost its end: what comes whole before that is good.

@@ -141,8 +141,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // that fails, the file is in doubt and the result false.
   bool Secure();
 
-  // What the last Load found.
-  bool IsDamaged() const { return isDamaged; }
+  // What the last Load found. Damage as well, though Load can go by it, is a
+  // header that counts none whole of the records that it covers, and, even
+  // before a Load, one that this class cannot have written.
+  bool IsDamaged() const { return isDamaged || !headerSound; }
 
   bool InDoubt() const { return inDoubt; }
 
@@ -165,7 +167,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
   BLOBRING_HIDDEN void ReplayCutOff(Entries& out, std::uint32_t length);
-  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what) const;
+  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what, std::uint32_t code) const;
+  BLOBRING_HIDDEN bool PutCommittedHeader();
 
   format::TransactionBlock block;
   std::uint32_t blockOffset = 0;

@@ -124,7 +124,8 @@ DWORD GetFileSize(HANDLE file, DWORD* sizeHigh);
 
 // Once this returns TRUE, everything written to the file, its length and its
 // name survive a power cut. Once it has returned FALSE, data may have been
-// dropped: every later flush of this handle fails as well.
+// dropped: every later flush of this handle fails as well, and whoever opens
+// the file after it was closed reads what the disk holds.
 BOOL FlushFileBuffers(HANDLE file);
 
 // Releases the handle, even where it reports a failure. Does not flush.

@@ -33,7 +33,7 @@ bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
 }
 
 void BatchReader::Verify() {
-  std::array<md5::Message, kMaxBlobs> messages;
+  std::array<MD5Message, kMaxBlobs> messages;
   std::array<unsigned char, kMaxBlobs * Hash::kSize> digests;
   std::size_t n = 0;
   for (std::size_t i = 0; i < count; ++i) {
@@ -41,7 +41,7 @@ void BatchReader::Verify() {
     messages[n] = {buffer.data() + slots[i].data, slots[i].size, digests.data() + Hash::kSize * n};
     ++n;
   }
-  md5::DigestMany(messages.data(), n);
+  DigestMany(messages.data(), n);
   n = 0;
   for (std::size_t i = 0; i < count; ++i) {
     if (!slots[i].sound) continue;

@@ -169,8 +169,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
   BLOBRING_HIDDEN void KeepFilesAside();
   BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
+  BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   BLOBRING_HIDDEN void ApplyPending() noexcept;
+  BLOBRING_HIDDEN void ShrinkPending() noexcept;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
   BLOBRING_HIDDEN void RequireChangeable() const;

@@ -68,10 +68,10 @@ class BlobIndex {
     }
   }
 
-  // Empties the index node by node, in order.
+  // Empties the index node by node, in order, and keeps no memory.
   template <class Take>
   void TakeAll(Take take) {
-    directory.clear();
+    decltype(directory)().swap(directory);
     while (!tree.empty()) take(tree.extract(tree.begin()));
   }
 

@@ -31,7 +31,7 @@ std::string ReadCarefully(const Hash& hash, const BlobFile::BlobFileEntry& entry
   file.seek(entry.offset);
   file.read(reinterpret_cast<char*>(head), sizeof head);
   if (entry.size > 0) file.read(reinterpret_cast<char*>(buffer), entry.size);
-  const std::string wrong = WrongWith(head, hash, entry.size);
+  std::string wrong = WrongWith(head, hash, entry.size);
   BlobPair pair;
   pair.hash = hash;
   pair.buffer = {buffer, entry.size};

@@ -48,6 +48,8 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
   }
   LoadJournal(entries);
+  for (const BlobFilePtr& pack : packFiles) Secure(*pack);
+  Secure(*curJournal);
   blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
@@ -72,23 +74,20 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     curPack = pack;
     Apply(entries, pack);
     seq = pack->header.sequence;
-    // A process may have died between writing this pack and flushing it.
-    // Commits to the journal from now on rest on its being on disk.
-    if (!pack->Secure())
-      trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", pack->path.c_str());
     return true;
   }
   return false;
 }
 
 // False when it is damaged. To a store that erases, a pack that ends too
-// early is not damage but a failure of the whole load.
+// early is not damage but a failure of the whole load, and one that counts no
+// record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
   pack.loadProgress = &progress;
   try {
     const bool sound = pack.Load(entries);
     progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
-    return sound;
+    return sound && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
   } catch (const CutShort& e) {
     if (damagePolicy == DamagePolicy::Erase) throw;
     trace::engine.WriteWarnV("%s", e.what());
@@ -115,6 +114,15 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   }
   Apply(entries, curJournal);
   progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
+}
+
+// A process may have died between writing this file and flushing it. What is
+// read from memory here must be on disk before anything is built on it: a
+// pack before commits to its journal, a journal's header before records are
+// written over what an older header counts.
+void BlobController::Secure(BlobFile& file) const {
+  if (file.Secure()) return;
+  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", file.path.c_str());
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {

@@ -71,6 +71,10 @@ bool BlobController::MayRepack() const {
     reason = "a flush has failed, dispose of the store and open it anew";
   } else if (size > format::kMaxFileSize) {
     reason = "the blobs do not fit into one pack of 2147483647 bytes";
+  } else if (seq < 0) {
+    // No store writes one. A pack that was only emptied, of sequence -1, would
+    // be taken for newer, and one step on is that number itself.
+    reason = "the sequence number of the pack is negative";
   } else if (seq == std::numeric_limits<std::int32_t>::max()) {
     reason = "the sequence numbers are used up";
   }
@@ -126,7 +130,8 @@ void BlobController::RepackIntoNextSlot() {
   curJournal = journal;
 }
 
-// The slot that is next may hold what the load had to pass over.
+// The slot that is next may hold what the load had to pass over, or did not
+// come to: a pack that has lost its header does not say that it is the newest.
 void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
   if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
   Keep(pack, format::kFileHeaderSize);

@@ -162,5 +162,16 @@ void BlobController::ApplyPending() noexcept {
     }
   });
   pendingEntries.clear();
-  if (pendingEntries.capacity() > kKeptEntries) pendingEntries.shrink_to_fit();
+  if (pendingEntries.capacity() > kKeptEntries) ShrinkPending();
+}
+
+// Gives a long list's memory back and keeps the room that every transaction
+// has; where there is none, the next change finds some.
+void BlobController::ShrinkPending() noexcept {
+  BlobFile::Entries().swap(pendingEntries);
+  try {
+    pendingEntries.reserve(kReservedEntries);
+  } catch (const std::exception& e) {
+    trace::engine.WriteWarnV("%s", e.what());
+  }
 }

@@ -21,15 +21,15 @@ constexpr std::uint32_t kRawDevice = 1;
 
 constinit std::atomic<std::uint32_t> traceLevel{BLOBRING_HOST_DEFAULT_TRACE_LEVEL};
 constinit std::atomic<std::uint32_t> fatalErrorCount{0};
-constinit posix::HostCallback<BlobringHostRawSink> rawSink;
-constinit posix::HostCallback<BlobringHostFatalErrorHandler> fatalErrorHandler;
+constinit platform::HostCallback<BlobringHostRawSink> rawSink;
+constinit platform::HostCallback<BlobringHostFatalErrorHandler> fatalErrorHandler;
 
 void ReportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void ReportError(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  posix::Report(BLOBRING_HOST_ERROR, kOwnName, format, arguments);
+  platform::Report(BLOBRING_HOST_ERROR, kOwnName, format, arguments);
   va_end(arguments);
 }
 
@@ -39,19 +39,19 @@ namespace Vell::Common::System::OS::Diagnostics {
 
 VellTrace::VellTrace(const char* name) : name_(name) {}
 
-VellTrace::~VellTrace() = default;
+VellTrace::~VellTrace() {}  // nothing to end; the device's own library has something here
 
 void VellTrace::WriteWarnV(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  posix::Report(BLOBRING_HOST_WARNING, name_, format, arguments);
+  platform::Report(BLOBRING_HOST_WARNING, name_, format, arguments);
   va_end(arguments);
 }
 
 void VellTrace::WriteErrorV(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  posix::Report(BLOBRING_HOST_ERROR, name_, format, arguments);
+  platform::Report(BLOBRING_HOST_ERROR, name_, format, arguments);
   va_end(arguments);
 }
 
@@ -69,7 +69,7 @@ int TraceDeviceFind(const char16_t* name, std::uint32_t* out) {
 
 // "2024-02-29T12:34:56.789Z 4711 BlobController: "
 int TraceFormatHeader(char* buffer, std::uint32_t capacity, int /*level*/, int /*reserved*/, const char* name) {
-  const std::uint64_t now = posix::UtcMs();
+  const std::uint64_t now = platform::UtcMs();
   const auto seconds = static_cast<time_t>(now / 1000);
   tm utc{};
   if (buffer == nullptr || name == nullptr || gmtime_r(&seconds, &utc) == nullptr) return 0;

@@ -8,7 +8,7 @@
 
 #include "platform/posix/LastError.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 // How often a name may be moved or deleted under us before we give up; each
@@ -77,4 +77,4 @@ DWORD OpenExclusively(const char* path, int flags, mode_t mode, ExclusiveFile& o
   return ERROR_SHARING_VIOLATION;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -7,7 +7,7 @@
 #include "platform/Win32.h"
 #include "platform/posix/FileDescriptor.h"
 
-namespace posix {
+namespace platform {
 
 struct ExclusiveFile {
   FileDescriptor file;
@@ -27,4 +27,4 @@ constexpr bool IsReadOnly(mode_t mode) {
   return (mode & 0222) == 0;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-namespace posix {
+namespace platform {
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
   if (this != &other) {
@@ -57,4 +57,4 @@ int SyncDirectory(const char* path) {
   return directory.IsOpen() ? SyncDirectory(directory) : errno;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -6,7 +6,7 @@
 
 #include <utility>
 
-namespace posix {
+namespace platform {
 
 static_assert(sizeof(off_t) == 8, "build with -D_FILE_OFFSET_BITS=64");
 
@@ -42,4 +42,4 @@ bool LeadsTo(const char* path, const FileDescriptor& file);
 int SyncDirectory(const FileDescriptor& directory);
 int SyncDirectory(const char* path);
 
-}  // namespace posix
+}  // namespace platform

@@ -14,13 +14,13 @@
 
 namespace {
 
-using posix::ErrorOf;
-using posix::ExclusiveFile;
-using posix::FileDescriptor;
-using posix::ParentOf;
-using posix::PathErrorOf;
-using posix::PathName;
-using posix::Result;
+using platform::ErrorOf;
+using platform::ExclusiveFile;
+using platform::FileDescriptor;
+using platform::ParentOf;
+using platform::PathErrorOf;
+using platform::PathName;
+using platform::Result;
 
 constexpr mode_t kNewDirectoryMode = 0700;
 constexpr mode_t kWriteBits = 0222;
@@ -35,7 +35,7 @@ constexpr int kMaxAttempts = 16;
 DWORD Hold(const char* path, ExclusiveFile& held) {
   struct stat status {};
   if (stat(path, &status) == 0) {
-    return S_ISREG(status.st_mode) ? posix::OpenExclusively(path, O_RDONLY, 0, held) : ERROR_SUCCESS;
+    return S_ISREG(status.st_mode) ? platform::OpenExclusively(path, O_RDONLY, 0, held) : ERROR_SUCCESS;
   }
   const int failure = errno;
   if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
@@ -78,7 +78,7 @@ DWORD RenameOver(const char* from, const char* to) {
   struct stat status {};
   if (lstat(to, &status) != 0) return PathErrorOf(errno, to);
   if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (S_ISREG(status.st_mode) && posix::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
   return rename(from, to) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, from);
 }
 
@@ -99,10 +99,10 @@ DWORD RenameReplacing(const char* from, const char* to) {
 DWORD SyncParents(const char* from, const char* to) {
   const PathName source = ParentOf(from);
   const PathName target = ParentOf(to);
-  const FileDescriptor directory = posix::Open(target.Text(), O_RDONLY | O_DIRECTORY);
-  int failure = directory.IsOpen() ? posix::SyncDirectory(directory) : errno;
+  const FileDescriptor directory = platform::Open(target.Text(), O_RDONLY | O_DIRECTORY);
+  int failure = directory.IsOpen() ? platform::SyncDirectory(directory) : errno;
   // The new name first: a crash between the two leaves both names, not none.
-  if (failure == 0 && !posix::LeadsTo(source.Text(), directory)) failure = posix::SyncDirectory(source.Text());
+  if (failure == 0 && !platform::LeadsTo(source.Text(), directory)) failure = platform::SyncDirectory(source.Text());
   return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
 }
 
@@ -125,7 +125,7 @@ DWORD Delete(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
   if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (S_ISREG(status.st_mode) && posix::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
   ExclusiveFile held;
   if (const DWORD code = Hold(path, held); code != ERROR_SUCCESS) return code;
   return unlink(path) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
@@ -138,7 +138,7 @@ DWORD SetAttributes(const char* path, DWORD attributes) {
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
   if (S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
   const bool readOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0;
-  if (readOnly == posix::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
+  if (readOnly == platform::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
   const mode_t mode = readOnly ? status.st_mode & ~kWriteBits : status.st_mode | S_IWUSR;
   return chmod(path, mode & 07777) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
 }
@@ -147,7 +147,7 @@ DWORD SetAttributes(const char* path, DWORD attributes) {
 // covers their names, not the way to them.
 DWORD CreateDirectory(const char* path) {
   if (mkdir(path, kNewDirectoryMode) != 0) return PathErrorOf(errno, path);
-  const int failure = posix::SyncDirectory(ParentOf(path).Text());
+  const int failure = platform::SyncDirectory(ParentOf(path).Text());
   return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
 }
 

@@ -19,7 +19,7 @@
 
 namespace {
 
-using posix::FileDescriptor;
+using platform::FileDescriptor;
 
 struct OpenFile {
   FileDescriptor file;
@@ -55,7 +55,7 @@ const Disposition* DispositionOf(DWORD number) {
 FileDescriptor OpenDirectoryOf(const char* path) {
   char resolved[PATH_MAX];
   if (realpath(path, resolved) == nullptr) return FileDescriptor();
-  return posix::Open(posix::ParentOf(resolved).Text(), O_RDONLY | O_DIRECTORY);
+  return platform::Open(platform::ParentOf(resolved).Text(), O_RDONLY | O_DIRECTORY);
 }
 
 // Opens what `path` names into `file`. existed: whether it was there before.
@@ -64,15 +64,15 @@ DWORD OpenInto(OpenFile& file, const char* path, const Disposition& disposition,
   if (disposition.truncates && !file.writable) return ERROR_INVALID_PARAMETER;
 
   const int access = !file.writable ? O_RDONLY : file.readable ? O_RDWR : O_WRONLY;
-  posix::ExclusiveFile opened;
-  const DWORD code = posix::OpenExclusively(path, access | disposition.flags, mode, opened);
+  platform::ExclusiveFile opened;
+  const DWORD code = platform::OpenExclusively(path, access | disposition.flags, mode, opened);
   if (code != ERROR_SUCCESS) return code;
 
   if ((disposition.flags & O_CREAT) != 0) {
     file.directory = OpenDirectoryOf(path);
-    if (!file.directory.IsOpen()) return posix::ErrorOf(errno);
+    if (!file.directory.IsOpen()) return platform::ErrorOf(errno);
   }
-  if (disposition.truncates && ftruncate(opened.file.Number(), 0) != 0) return posix::ErrorOf(errno);
+  if (disposition.truncates && ftruncate(opened.file.Number(), 0) != 0) return platform::ErrorOf(errno);
   file.file = std::move(opened.file);
   existed = opened.existed;
   return ERROR_SUCCESS;
@@ -80,7 +80,7 @@ DWORD OpenInto(OpenFile& file, const char* path, const Disposition& disposition,
 
 DWORD Open(const WCHAR* path, DWORD access, const Disposition& disposition, DWORD attributes, HANDLE& handle,
            bool& existed) {
-  const posix::PathName name(path);
+  const platform::PathName name(path);
   if (name.Error() != ERROR_SUCCESS) return name.Error();
   std::unique_ptr<OpenFile> file(new (std::nothrow) OpenFile);
   if (file == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
@@ -91,14 +91,14 @@ DWORD Open(const WCHAR* path, DWORD access, const Disposition& disposition, DWOR
   const DWORD code = OpenInto(*file, name.Text(), disposition, mode, existed);
   if (code != ERROR_SUCCESS) return code;
 
-  handle = posix::AddHandle(posix::HandleKind::File, file.get());
+  handle = platform::AddHandle(platform::HandleKind::File, file.get());
   if (handle == INVALID_HANDLE_VALUE) return ERROR_TOO_MANY_OPEN_FILES;
   static_cast<void>(file.release());  // the handle's now
   return ERROR_SUCCESS;
 }
 
 OpenFile* FileOf(HANDLE handle) {
-  return static_cast<OpenFile*>(posix::FindHandle(handle, posix::HandleKind::File));
+  return static_cast<OpenFile*>(platform::FindHandle(handle, platform::HandleKind::File));
 }
 
 // Repeats `transfer(done)`, which moves bytes from `done` on as pread(2) and
@@ -108,7 +108,7 @@ DWORD TransferAll(DWORD size, DWORD& done, Transfer transfer) {
   while (done < size) {
     const ssize_t count = transfer(done);
     if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return posix::ErrorOf(errno);
+    if (count < 0) return platform::ErrorOf(errno);
     if (count == 0) break;
     done += static_cast<DWORD>(count);
   }
@@ -122,7 +122,7 @@ int Sync(const OpenFile& file) {
     result = fdatasync(file.file.Number());
   } while (result != 0 && errno == EINTR);
   if (result != 0) return errno;
-  return file.directory.IsOpen() ? posix::SyncDirectory(file.directory) : 0;
+  return file.directory.IsOpen() ? platform::SyncDirectory(file.directory) : 0;
 }
 
 // Where a move starts from; negative when the method is unknown or the length
@@ -136,7 +136,7 @@ std::int64_t OriginOf(const OpenFile& file, DWORD moveMethod, DWORD& code) {
       return file.position;
     case FILE_END:
       if (fstat(file.file.Number(), &status) == 0) return status.st_size;
-      code = posix::ErrorOf(errno);
+      code = platform::ErrorOf(errno);
       return -1;
     default:
       code = ERROR_INVALID_PARAMETER;
@@ -157,7 +157,7 @@ DWORD HighHalf(std::int64_t value) {
 }
 
 DWORD FailPointer(DWORD code) {
-  posix::SetLastError(code);
+  platform::SetLastError(code);
   return INVALID_SET_FILE_POINTER;
 }
 
@@ -179,39 +179,39 @@ HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode, SECU
 
   const bool tellsExisting = creationDisposition == CREATE_ALWAYS || creationDisposition == OPEN_ALWAYS;
   if (code == ERROR_SUCCESS && existed && tellsExisting) code = ERROR_ALREADY_EXISTS;
-  posix::SetLastError(code);
+  platform::SetLastError(code);
   return handle;
 }
 
 BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped) {
-  if (transferred == nullptr) return posix::Result(ERROR_INVALID_PARAMETER);
+  if (transferred == nullptr) return platform::Result(ERROR_INVALID_PARAMETER);
   *transferred = 0;
-  if (overlapped != nullptr) return posix::Result(ERROR_NOT_SUPPORTED);
+  if (overlapped != nullptr) return platform::Result(ERROR_NOT_SUPPORTED);
   OpenFile* open = FileOf(file);
   if (open == nullptr) return 0;
-  if (!open->readable) return posix::Result(ERROR_ACCESS_DENIED);
+  if (!open->readable) return platform::Result(ERROR_ACCESS_DENIED);
 
   const DWORD code = TransferAll(size, *transferred, [&](DWORD done) {
     return pread(open->file.Number(), static_cast<char*>(buffer) + done, size - done, open->position + done);
   });
   open->position += *transferred;
-  return posix::Result(code);
+  return platform::Result(code);
 }
 
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped) {
-  if (transferred == nullptr) return posix::Result(ERROR_INVALID_PARAMETER);
+  if (transferred == nullptr) return platform::Result(ERROR_INVALID_PARAMETER);
   *transferred = 0;
-  if (overlapped != nullptr) return posix::Result(ERROR_NOT_SUPPORTED);
+  if (overlapped != nullptr) return platform::Result(ERROR_NOT_SUPPORTED);
   OpenFile* open = FileOf(file);
   if (open == nullptr) return 0;
-  if (!open->writable) return posix::Result(ERROR_ACCESS_DENIED);
+  if (!open->writable) return platform::Result(ERROR_ACCESS_DENIED);
 
   const DWORD code = TransferAll(size, *transferred, [&](DWORD done) {
     return pwrite(open->file.Number(), static_cast<const char*>(buffer) + done, size - done, open->position + done);
   });
   open->position += *transferred;
   // A write that moves nothing and names no error has no room.
-  return posix::Result(code == ERROR_SUCCESS && *transferred != size ? ERROR_DISK_FULL : code);
+  return platform::Result(code == ERROR_SUCCESS && *transferred != size ? ERROR_DISK_FULL : code);
 }
 
 DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveMethod) {
@@ -229,7 +229,7 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveM
 
   open->position = target;
   if (distanceHigh != nullptr) *distanceHigh = static_cast<LONG>(HighHalf(target));
-  posix::SetLastError(ERROR_SUCCESS);
+  platform::SetLastError(ERROR_SUCCESS);
   return LowHalf(target);
 }
 
@@ -238,11 +238,11 @@ DWORD GetFileSize(HANDLE file, DWORD* sizeHigh) {
   if (open == nullptr) return INVALID_FILE_SIZE;
   struct stat status {};
   if (fstat(open->file.Number(), &status) != 0) {
-    posix::SetLastError(posix::ErrorOf(errno));
+    platform::SetLastError(platform::ErrorOf(errno));
     return INVALID_FILE_SIZE;
   }
   if (sizeHigh != nullptr) *sizeHigh = HighHalf(status.st_size);
-  posix::SetLastError(ERROR_SUCCESS);
+  platform::SetLastError(ERROR_SUCCESS);
   return LowHalf(status.st_size);
 }
 
@@ -257,21 +257,21 @@ DWORD GetFileSize(HANDLE file, DWORD* sizeHigh) {
 BOOL FlushFileBuffers(HANDLE file) {
   OpenFile* open = FileOf(file);
   if (open == nullptr) return 0;
-  if (!open->writable) return posix::Result(ERROR_ACCESS_DENIED);
-  if (open->flushFailed) return posix::Result(ERROR_IO_DEVICE);
+  if (!open->writable) return platform::Result(ERROR_ACCESS_DENIED);
+  if (open->flushFailed) return platform::Result(ERROR_IO_DEVICE);
 
   const int failure = Sync(*open);
   open->directory.Close();
-  if (failure == 0) return posix::Result(ERROR_SUCCESS);
+  if (failure == 0) return platform::Result(ERROR_SUCCESS);
   open->flushFailed = true;
   static_cast<void>(posix_fadvise(open->file.Number(), 0, 0, POSIX_FADV_DONTNEED));  // the flush has failed already
-  return posix::Result(posix::ErrorOf(failure));
+  return platform::Result(platform::ErrorOf(failure));
 }
 
 BOOL CloseHandle(HANDLE object) {
-  void* found = posix::RemoveHandle(object, posix::HandleKind::File);
+  void* found = platform::RemoveHandle(object, platform::HandleKind::File);
   if (found == nullptr) return 0;
   const std::unique_ptr<OpenFile> file(static_cast<OpenFile*>(found));
   const int failure = file->file.Close();
-  return posix::Result(failure == 0 ? ERROR_SUCCESS : posix::ErrorOf(failure));
+  return platform::Result(failure == 0 ? ERROR_SUCCESS : platform::ErrorOf(failure));
 }

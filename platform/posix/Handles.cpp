@@ -5,7 +5,7 @@
 
 #include "platform/posix/LastError.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 constexpr unsigned kSlotBits = 12;
@@ -101,4 +101,4 @@ void* RemoveHandle(HANDLE handle, HandleKind kind) {
   return slot->object;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -11,7 +11,7 @@
 
 #include "platform/Win32.h"
 
-namespace posix {
+namespace platform {
 
 enum class HandleKind { File, Listing };
 
@@ -24,4 +24,4 @@ HANDLE AddHandle(HandleKind kind, void* object);
 void* FindHandle(HANDLE handle, HandleKind kind);
 void* RemoveHandle(HANDLE handle, HandleKind kind);
 
-}  // namespace posix
+}  // namespace platform

@@ -4,7 +4,7 @@
 
 #include <mutex>
 
-namespace posix {
+namespace platform {
 
 // Constant-initialised and never destroyed: usable from the first static
 // initialiser to the last static destructor.
@@ -34,4 +34,4 @@ class HostCallback {
   Pair pair_{nullptr, nullptr};
 };
 
-}  // namespace posix
+}  // namespace platform

@@ -6,7 +6,7 @@
 
 #include "platform/posix/PathName.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 constinit thread_local DWORD lastError = ERROR_SUCCESS;
@@ -74,8 +74,8 @@ BOOL Result(DWORD code) {
   return code == ERROR_SUCCESS ? 1 : 0;
 }
 
-}  // namespace posix
+}  // namespace platform
 
 DWORD GetLastError() {
-  return posix::lastError;
+  return platform::lastError;
 }

@@ -3,7 +3,7 @@
 
 #include "platform/Win32.h"
 
-namespace posix {
+namespace platform {
 
 // Sets what GetLastError() gives to the calling thread.
 void SetLastError(DWORD code);
@@ -19,4 +19,4 @@ DWORD PathErrorOf(int errorNumber, const char* path);
 // TRUE and no error, or FALSE and `code` as the thread's error.
 BOOL Result(DWORD code);
 
-}  // namespace posix
+}  // namespace platform

@@ -18,7 +18,7 @@ constexpr char kPatternTail[] = "/*.*";
 constexpr std::size_t kPatternTailLength = sizeof(kPatternTail) - 1;
 
 // Turns "dir/*.*" into "dir"; a pattern of any other form is not supported.
-bool CutPattern(posix::PathName& path) {
+bool CutPattern(platform::PathName& path) {
   if (path.Length() < kPatternTailLength) return false;
   const std::size_t length = path.Length() - kPatternTailLength;
   if (std::strcmp(path.Text() + length, kPatternTail) != 0) return false;
@@ -28,7 +28,8 @@ bool CutPattern(posix::PathName& path) {
 
 void SetName(WIN32_FIND_DATAW& data, const char* name) {
   std::size_t length = 0;
-  for (; name[length] != '\0' && length < MAX_PATH - 1; ++length) data.cFileName[length] = posix::Widened(name[length]);
+  for (; name[length] != '\0' && length < MAX_PATH - 1; ++length)
+    data.cFileName[length] = platform::Widened(name[length]);
   data.cFileName[length] = 0;
 }
 
@@ -36,7 +37,7 @@ void SetName(WIN32_FIND_DATAW& data, const char* name) {
 // tree then deletes the link and not what is behind it.
 DWORD AttributesOf(mode_t mode) {
   const DWORD directory = S_ISDIR(mode) ? FILE_ATTRIBUTE_DIRECTORY : 0;
-  const DWORD readOnly = !S_ISLNK(mode) && posix::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
+  const DWORD readOnly = !S_ISLNK(mode) && platform::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
   return (directory | readOnly) != 0 ? directory | readOnly : FILE_ATTRIBUTE_NORMAL;
 }
 
@@ -46,12 +47,12 @@ DWORD Next(DIR* directory, WIN32_FIND_DATAW& data) {
   while (true) {
     errno = 0;
     const dirent* entry = readdir(directory);
-    if (entry == nullptr) return errno == 0 ? ERROR_NO_MORE_FILES : posix::ErrorOf(errno);
+    if (entry == nullptr) return errno == 0 ? ERROR_NO_MORE_FILES : platform::ErrorOf(errno);
 
     struct stat status {};
     if (fstatat(dirfd(directory), entry->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       if (errno == ENOENT) continue;  // deleted since
-      return posix::ErrorOf(errno);
+      return platform::ErrorOf(errno);
     }
     const auto size = static_cast<std::uint64_t>(status.st_size);
     data.dwFileAttributes = AttributesOf(status.st_mode);
@@ -63,15 +64,15 @@ DWORD Next(DIR* directory, WIN32_FIND_DATAW& data) {
 }
 
 DWORD Start(const WCHAR* pattern, WIN32_FIND_DATAW& data, HANDLE& handle) {
-  posix::PathName path(pattern);
+  platform::PathName path(pattern);
   if (path.Error() != ERROR_SUCCESS) return path.Error();
   if (!CutPattern(path)) return ERROR_NOT_SUPPORTED;
 
   DIR* directory = opendir(path.Text());
-  if (directory == nullptr) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : posix::ErrorOf(errno);
+  if (directory == nullptr) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : platform::ErrorOf(errno);
   DWORD code = Next(directory, data);
   if (code == ERROR_SUCCESS) {
-    handle = posix::AddHandle(posix::HandleKind::Listing, directory);
+    handle = platform::AddHandle(platform::HandleKind::Listing, directory);
     if (handle == INVALID_HANDLE_VALUE) code = ERROR_TOO_MANY_OPEN_FILES;
   }
   if (code != ERROR_SUCCESS) closedir(directory);
@@ -82,18 +83,18 @@ DWORD Start(const WCHAR* pattern, WIN32_FIND_DATAW& data, HANDLE& handle) {
 
 HANDLE FindFirstFileW(const WCHAR* pattern, WIN32_FIND_DATAW* data) {
   HANDLE handle = INVALID_HANDLE_VALUE;
-  posix::SetLastError(data == nullptr ? ERROR_INVALID_PARAMETER : Start(pattern, *data, handle));
+  platform::SetLastError(data == nullptr ? ERROR_INVALID_PARAMETER : Start(pattern, *data, handle));
   return handle;
 }
 
 BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data) {
-  if (data == nullptr) return posix::Result(ERROR_INVALID_PARAMETER);
-  void* directory = posix::FindHandle(find, posix::HandleKind::Listing);
-  return directory != nullptr ? posix::Result(Next(static_cast<DIR*>(directory), *data)) : 0;
+  if (data == nullptr) return platform::Result(ERROR_INVALID_PARAMETER);
+  void* directory = platform::FindHandle(find, platform::HandleKind::Listing);
+  return directory != nullptr ? platform::Result(Next(static_cast<DIR*>(directory), *data)) : 0;
 }
 
 BOOL FindClose(HANDLE find) {
-  void* directory = posix::RemoveHandle(find, posix::HandleKind::Listing);
+  void* directory = platform::RemoveHandle(find, platform::HandleKind::Listing);
   if (directory == nullptr) return 0;
-  return posix::Result(closedir(static_cast<DIR*>(directory)) == 0 ? ERROR_SUCCESS : posix::ErrorOf(errno));
+  return platform::Result(closedir(static_cast<DIR*>(directory)) == 0 ? ERROR_SUCCESS : platform::ErrorOf(errno));
 }

@@ -14,19 +14,19 @@
 #include "platform/MemoryManager.h"
 #include "platform/posix/Slab.h"
 
-namespace posix {
+namespace platform {
 
 struct Account {
   BlobringHostMemoryUse use;
   Slab* withRoom[kLargeClass];  // the heads of the lists
 };
 
-}  // namespace posix
+}  // namespace platform
 
 namespace {
 
-using posix::Account;
-using posix::Slab;
+using platform::Account;
+using platform::Slab;
 
 constexpr int kDone = 0;
 constexpr int kRefused = -1;
@@ -86,8 +86,8 @@ void UnlinkSlab(Slab* slab) {
   if (slab->next != nullptr) slab->next->previous = slab->previous;
 }
 
-Slab* NewSlab(posix::SizeClass sizeClass, Account* account) {
-  const bool usesSpare = sizeClass.number != posix::kLargeClass && manager.spareCount > 0;
+Slab* NewSlab(platform::SizeClass sizeClass, Account* account) {
+  const bool usesSpare = sizeClass.number != platform::kLargeClass && manager.spareCount > 0;
   Slab* slab = usesSpare ? LayOutSlab(manager.spareRegions[--manager.spareCount], sizeClass, account)
                          : MapSlab(sizeClass, account);
   if (slab != nullptr) account->use.systemBytes += slab->mappedSize;
@@ -96,14 +96,14 @@ Slab* NewSlab(posix::SizeClass sizeClass, Account* account) {
 
 void DropSlab(Slab* slab) {
   slab->account->use.systemBytes -= slab->mappedSize;
-  if (slab->sizeClass != posix::kLargeClass && manager.spareCount < kMaxSpareRegions) {
+  if (slab->sizeClass != platform::kLargeClass && manager.spareCount < kMaxSpareRegions) {
     manager.spareRegions[manager.spareCount++] = slab;
   } else {
-    posix::UnmapRegion(slab, slab->mappedSize);
+    platform::UnmapRegion(slab, slab->mappedSize);
   }
 }
 
-void* TakeSmall(std::size_t size, posix::SizeClass sizeClass, Account* account) {
+void* TakeSmall(std::size_t size, platform::SizeClass sizeClass, Account* account) {
   Slab* slab = account->withRoom[sizeClass.number];
   if (slab == nullptr) {
     slab = NewSlab(sizeClass, account);
@@ -115,7 +115,7 @@ void* TakeSmall(std::size_t size, posix::SizeClass sizeClass, Account* account) 
   return block;
 }
 
-void* TakeLarge(std::size_t size, posix::SizeClass sizeClass, Account* account) {
+void* TakeLarge(std::size_t size, platform::SizeClass sizeClass, Account* account) {
   Slab* slab = NewSlab(sizeClass, account);
   return slab == nullptr ? nullptr : TakeBlock(*slab, size);
 }
@@ -141,12 +141,12 @@ namespace Vell::Common::System::OS::Memory {
 
 int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, LifeSpan /*lifeSpan*/, unsigned long tag) {
   if (out == nullptr) return kRefused;
-  const posix::SizeClass sizeClass = posix::SizeClassOf(size);
+  const platform::SizeClass sizeClass = platform::SizeClassOf(size);
 
   const std::lock_guard lock(manager.mutex);
   Account* account = AccountOf(static_cast<std::uint32_t>(pool), static_cast<std::uint32_t>(tag));
-  *out = sizeClass.number == posix::kLargeClass ? TakeLarge(size, sizeClass, account)
-                                                : TakeSmall(size, sizeClass, account);
+  *out = sizeClass.number == platform::kLargeClass ? TakeLarge(size, sizeClass, account)
+                                                   : TakeSmall(size, sizeClass, account);
   if (*out == nullptr) {
     ++account->use.failureCount;
     return kRefused;
@@ -160,13 +160,13 @@ int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, Lif
 int MemoryManager::Free(void* block) {
   if (block == nullptr) return kDone;
   const std::lock_guard lock(manager.mutex);
-  auto* slab = static_cast<Slab*>(posix::RegionOf(block));
+  auto* slab = static_cast<Slab*>(platform::RegionOf(block));
   if (slab == nullptr || slab->account == nullptr) return kRefused;
 
   const bool hadRoom = HasRoom(*slab);
   if (!ReturnBlock(*slab, block)) return kRefused;
   CountReturned(slab->account->use, slab->blockSize);
-  const bool linked = hadRoom && slab->sizeClass != posix::kLargeClass;
+  const bool linked = hadRoom && slab->sizeClass != platform::kLargeClass;
   if (slab->liveCount == 0) {
     if (linked) UnlinkSlab(slab);
     DropSlab(slab);
@@ -195,7 +195,7 @@ void BlobringHostMemoryTotal(BlobringHostMemoryUse* total) {
   *total = {};
   total->pool = total->tag = BLOBRING_HOST_MEMORY_OTHERS;
   total->peakBytes = manager.peakBytes;
-  total->systemBytes = manager.spareCount * posix::kRegionSize;
+  total->systemBytes = manager.spareCount * platform::kRegionSize;
   for (uint32_t i = 0; i < manager.accountCount; ++i) {
     const BlobringHostMemoryUse& use = manager.accounts[i].use;
     total->liveBlocks += use.liveBlocks;

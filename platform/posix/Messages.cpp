@@ -12,7 +12,7 @@
 #include "platform/Win32.h"
 #include "platform/posix/HostCallback.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 constexpr std::size_t kMaxTextSize = 4096;
@@ -91,14 +91,14 @@ void Report(std::int32_t level, const char* source, const char* format, std::va_
   }
 }
 
-}  // namespace posix
+}  // namespace platform
 
 void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context) {
-  posix::traceSink.Set(sink, context);
+  platform::traceSink.Set(sink, context);
 }
 
 uint32_t BlobringHostRecentMessages(BlobringHostMessage* messages, uint32_t capacity, uint32_t* total) {
-  auto& recent = posix::recent;
+  auto& recent = platform::recent;
   const std::lock_guard lock(recent.mutex);
   const uint32_t count = std::min({capacity, recent.total, uint32_t{BLOBRING_HOST_MESSAGE_COUNT}});
   for (uint32_t i = 0; i < count; ++i) {

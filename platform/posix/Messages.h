@@ -4,7 +4,7 @@
 #include <cstdarg>
 #include <cstdint>
 
-namespace posix {
+namespace platform {
 
 // Formats a message, keeps it and hands it to the sink.
 void Report(std::int32_t level, const char* source, const char* format, std::va_list arguments)
@@ -13,4 +13,4 @@ void Report(std::int32_t level, const char* source, const char* format, std::va_
 // Milliseconds since 1970-01-01 UTC.
 std::uint64_t UtcMs();
 
-}  // namespace posix
+}  // namespace platform

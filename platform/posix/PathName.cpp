@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-namespace posix {
+namespace platform {
 namespace {
 
 constexpr bool IsHighSurrogate(WCHAR unit) {
@@ -84,4 +84,4 @@ PathName ParentOf(const char* path) {
   return parent;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -7,7 +7,7 @@
 
 #include "platform/Win32.h"
 
-namespace posix {
+namespace platform {
 
 class PathName {
  public:
@@ -50,4 +50,4 @@ constexpr WCHAR Widened(char byte) {
   return static_cast<WCHAR>(static_cast<signed char>(byte));
 }
 
-}  // namespace posix
+}  // namespace platform

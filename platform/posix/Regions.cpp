@@ -9,7 +9,7 @@
 
 #include "platform/posix/Sanitizer.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 // Which regions are mapped: one bit each in leaves that are made as they are
@@ -113,11 +113,11 @@ void UnmapRegion(void* region, std::size_t mapped) {
   Unmap(static_cast<char*>(region), mapped);
 }
 
-void* RegionOf(const void* address) {
+void* RegionOf(void* address) {
   const Place place = PlaceOf(AddressOf(address));
   if (place.leaf >= kLeafCount || leaves[place.leaf] == nullptr) return nullptr;
   if ((leaves[place.leaf]->words[place.word] & place.bit) == 0) return nullptr;
-  return reinterpret_cast<void*>(AddressOf(address) & ~(std::uintptr_t{kRegionSize} - 1));
+  return static_cast<char*>(address) - AddressOf(address) % kRegionSize;
 }
 
-}  // namespace posix
+}  // namespace platform

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace posix {
+namespace platform {
 
 constexpr std::size_t kRegionSize = 64 * 1024;
 
@@ -18,6 +18,6 @@ void UnmapRegion(void* region, std::size_t mapped);
 
 // The mapped region that begins at or less than 64 KiB below an address, of
 // whatever origin the address; null when there is none. Touches nothing there.
-void* RegionOf(const void* address);
+void* RegionOf(void* address);
 
-}  // namespace posix
+}  // namespace platform

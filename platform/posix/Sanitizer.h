@@ -18,7 +18,7 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-namespace posix {
+namespace platform {
 
 #ifdef BLOBRING_ADDRESS_SANITIZER
 inline void Forbid(const void* start, std::size_t size) {
@@ -41,4 +41,4 @@ inline void AnnounceMapping(const void* /*start*/, std::size_t /*size*/) {}
 inline void RevokeMapping(const void* /*start*/, std::size_t /*size*/) {}
 #endif
 
-}  // namespace posix
+}  // namespace platform

@@ -6,7 +6,7 @@
 
 #include "platform/posix/Sanitizer.h"
 
-namespace posix {
+namespace platform {
 namespace {
 
 using Word = std::size_t;
@@ -132,4 +132,4 @@ bool ReturnBlock(Slab& slab, void* block) {
   return true;
 }
 
-}  // namespace posix
+}  // namespace platform

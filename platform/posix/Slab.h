@@ -11,7 +11,7 @@
 
 #include "platform/posix/Regions.h"
 
-namespace posix {
+namespace platform {
 
 struct Account;
 
@@ -61,4 +61,4 @@ void* TakeBlock(Slab& slab, std::size_t size);
 // slab begins at that address.
 bool ReturnBlock(Slab& slab, void* block);
 
-}  // namespace posix
+}  // namespace platform

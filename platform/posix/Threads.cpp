@@ -13,7 +13,7 @@ namespace {
 
 constinit thread_local DWORD cachedThreadId = 0;  // 0 until it was asked for
 
-constinit posix::HostCallback<BlobringHostExceptionHandler> exceptionHandler;
+constinit platform::HostCallback<BlobringHostExceptionHandler> exceptionHandler;
 
 // The child of a fork runs a copy of the calling thread under another id.
 void ForgetThreadId() {

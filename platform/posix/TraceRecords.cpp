@@ -10,7 +10,7 @@
 
 namespace {
 
-using posix::TraceRing;
+using platform::TraceRing;
 using Words = TraceRing::Words;
 
 static_assert(TraceRing::kCapacity == BLOBRING_HOST_RECORD_COUNT);

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-namespace posix {
+namespace platform {
 
 // A record is seven words. Its number counts from 0 and wraps at 2^32.
 //
@@ -52,4 +52,4 @@ class TraceRing {
   Slot slots_[kCapacity] = {};
 };
 
-}  // namespace posix
+}  // namespace platform

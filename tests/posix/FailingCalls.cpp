@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 FailingCalls failing;
 
@@ -26,6 +27,10 @@ int Sync(const char* what, int file, int error, Real real) {
   return -1;
 }
 
+void RunBeforeRename() {
+  if (const auto hook = std::exchange(failing.beforeRename, nullptr)) hook();
+}
+
 template <typename Buffer>
 ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer* buffer, size_t size, off_t offset,
                  int roomError) {
@@ -44,6 +49,8 @@ ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer*
 
 }  // namespace
 
+// The linker's own names for a call and its replacement (ld(1), --wrap).
+// NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" {
 
 int __real_fdatasync(int file);
@@ -51,6 +58,7 @@ int __real_fsync(int file);
 ssize_t __real_pread(int file, void* buffer, size_t size, off_t offset);
 ssize_t __real_pwrite(int file, const void* buffer, size_t size, off_t offset);
 int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags);
+int __real_rename(const char* from, const char* to);
 int __real_posix_fadvise(int file, off_t offset, off_t length, int advice);
 
 int __wrap_fdatasync(int file) {
@@ -86,9 +94,16 @@ int __wrap_posix_fadvise64(int file, off_t offset, off_t length, int advice) {
   return __wrap_posix_fadvise(file, offset, length, advice);
 }
 
+int __wrap_rename(const char* from, const char* to) {
+  RunBeforeRename();
+  return __real_rename(from, to);
+}
+
 int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) {
+  RunBeforeRename();
   if (failing.renameat2Error == 0) return __real_renameat2(fromDirectory, from, toDirectory, to, flags);
   errno = failing.renameat2Error;
   return -1;
 }
 }
+// NOLINTEND(bugprone-reserved-identifier)

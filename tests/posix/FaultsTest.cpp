@@ -102,6 +102,23 @@ TEST_F(Faults, AMoveMakesTheContentsAndThenBothNamesDurable) {
   EXPECT_EQ(GetLastError(), ERROR_IO_DEVICE);
 }
 
+// Looking for the target finds none, and there is one by the time of the
+// rename: whoever opened it has it alone.
+TEST_F(Faults, AMoveTakesNoNameFromAFileThatWasMadeInBetween) {
+  Put("a", "A");
+  HANDLE made = INVALID_HANDLE_VALUE;
+  failing.beforeRename = [&] {
+    made = Open("b", CREATE_NEW);
+    EXPECT_TRUE(Write(made, "B"));
+  };
+  EXPECT_FALSE(Move("a", "b", MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
+  EXPECT_EQ(Contents("b"), "B");
+  EXPECT_EQ(CloseHandle(made), 1);
+  EXPECT_TRUE(Move("a", "b", MOVEFILE_REPLACE_EXISTING));
+  EXPECT_EQ(Contents("b"), "A");
+}
+
 TEST_F(Faults, ANewDirectoryIsMadeDurable) {
   EXPECT_EQ(CreateDirectoryW(Wide(At("d/new/")).c_str(), nullptr), 1);
   EXPECT_EQ(Taken(), Calls{"names d"});

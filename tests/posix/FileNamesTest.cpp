@@ -77,6 +77,9 @@ TEST_F(FileNames, AreListedWithTheirAttributes) {
       {u"fixed", FILE_ATTRIBUTE_READONLY}, {u"link", FILE_ATTRIBUTE_NORMAL},
       {u"dangling", FILE_ATTRIBUTE_NORMAL}};
   EXPECT_EQ(List("d"), expected);
+  WIN32_FIND_DATAW root{};
+  const HANDLE listing = FindFirstFileW(u"/*.*", &root);
+  EXPECT_EQ(FindClose(listing), 1);
 
   const struct {
     const char* pattern;

@@ -8,6 +8,6 @@ blobring_test(NAME posix_diagnostics SOURCES posix/DiagnosticsTest.cpp LIBS blob
 # and pwrite with _FILE_OFFSET_BITS=64.
 blobring_test(NAME posix_faults
   SOURCES posix/FaultsTest.cpp posix/FailingCalls.cpp LIBS blobring_posix)
-foreach(call fdatasync fsync pread pread64 pwrite pwrite64 renameat2 posix_fadvise posix_fadvise64)
+foreach(call fdatasync fsync pread pread64 pwrite pwrite64 rename renameat2 posix_fadvise posix_fadvise64)
   target_link_options(posix_faults PRIVATE -Wl,--wrap=${call})
 endforeach()

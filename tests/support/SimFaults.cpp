@@ -34,7 +34,9 @@ void FaultPlan::FailCallOf(Call kind, std::uint64_t n, Fault fault, bool fromThe
   kind_ = kind;
 }
 
-void FaultPlan::Clear() { *this = FaultPlan(); }
+void FaultPlan::Clear() {
+  *this = FaultPlan();
+}
 
 Fault FaultPlan::Decide(Call call) {
   if (countdown_ == 0 || (oneKind_ && call != kind_)) return Fault::None;

@@ -15,7 +15,7 @@ enum class Call : unsigned {
   FlushFileBuffers,
   CloseHandle,
   DeleteFile,
-  MoveFile,  // MoveFileExW too
+  MoveFile,   // MoveFileExW too
   Directory,  // making, removing and listing directories, and attributes
 };
 constexpr std::size_t kCallKinds = 10;
@@ -23,7 +23,8 @@ constexpr std::size_t kCallKinds = 10;
 enum class Fault : unsigned {
   None,
   Error,     // nothing done. A flush: the updates are gone, readers see the medium's contents
-  Partial,   // a read or write stopped half way by an I/O error. A flush: the updates are gone, readers still see them
+  Partial,   // a read or write stopped half way by an I/O error. A flush: the updates are gone, readers see them until
+             // the handle is closed
   DiskFull,  // a write that grows its file stopped half way, a creation refused; other calls succeed
   Busy,      // an open or a move refused by a sharing violation
   DoneButFailed,  // done, yet reported as failed: a write, flush, rename, creation or deletion

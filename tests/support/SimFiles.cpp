@@ -26,6 +26,7 @@ void SimFiles::Reset() {
   faults.Clear();
   watcher = nullptr;
   watcherContext = nullptr;
+  log = nullptr;
   BehaveAgain();
   ReleaseHandles();
   counts_ = {};
@@ -41,8 +42,10 @@ void SimFiles::PutHeaderFirst(std::string suffix) {
 
 void SimFiles::BehaveAgain() {
   lieCountdown_ = 0;
-  lieTold_ = false;
   headerFirst_ = false;
+  neverFlushSuffix_.clear();
+  renamesPending_ = false;
+  misbehaved_ = false;
 }
 
 void SimFiles::Kill() {
@@ -77,6 +80,7 @@ BOOL SimFiles::Fail(DWORD error) {
 Fault SimFiles::Begin(Call call) {
   if (dead_) return Fault::Error;
   ++counts_[static_cast<std::size_t>(call)];
+  if (log != nullptr) log->push_back(call);
   return faults.Decide(call);
 }
 
@@ -97,6 +101,7 @@ HANDLE SimFiles::NewHandle() {
     handle.generation = (handle.generation + 1) & 0xFFFF;
     handle.position = 0;
     handle.flushFailed = false;
+    handle.headerWritten = false;
     handle.find = false;
     return handle.generation << 8 | static_cast<HANDLE>(i + 1);
   }
@@ -188,7 +193,7 @@ BOOL SimFiles::Write(HANDLE file, const void* buffer, DWORD size, DWORD* transfe
   Watch(Call::WriteFile);
   if (IsEarlyHeader(*handle, size)) {
     disk.WriteThrough(handle->inode, 0, buffer, size);
-    headerFirst_ = false;
+    handle->headerWritten = misbehaved_ = true;
   } else {
     disk.Write(handle->inode, static_cast<std::uint32_t>(handle->position), buffer, count);
   }
@@ -230,16 +235,18 @@ DWORD SimFiles::Size(HANDLE file, DWORD* sizeHigh) {
 }
 
 bool SimFiles::Lies(const Handle& handle) {
-  if (headerFirst_ && EndsWith(handle.path, headerFirstSuffix_)) return true;
-  if (lieCountdown_ == 0 || --lieCountdown_ > 0) return false;
-  lieTold_ = true;
-  return true;
+  if (headerFirst_ && EndsWith(handle.path, headerFirstSuffix_) && !handle.headerWritten) return true;
+  const bool never = !neverFlushSuffix_.empty() && EndsWith(handle.path, neverFlushSuffix_);
+  const bool now = lieCountdown_ > 0 && --lieCountdown_ == 0;
+  misbehaved_ = misbehaved_ || never || now;
+  return never || now;
 }
 
 void SimFiles::FinishFlush(Handle& handle) {
   disk.Flush(handle.inode);
   if (handle.syncsDirectory) disk.SyncDirectory(DirectoryOf(handle.path));
   handle.syncsDirectory = false;
+  handle.headerWritten = false;
 }
 
 BOOL SimFiles::Flush(HANDLE file) {
@@ -267,6 +274,7 @@ BOOL SimFiles::Close(HANDLE file) {
   Handle* handle = HandleAt(file);
   if (dead_ || handle == nullptr || handle->find) return Fail(ERROR_INVALID_HANDLE);
   handle->open = false;
+  if (handle->flushFailed) disk.ReadAnew(handle->inode);
   if (fault != Fault::None) return Fail(ERROR_IO_DEVICE);
   lastError_ = ERROR_SUCCESS;
   return 1;
@@ -296,8 +304,12 @@ BOOL SimFiles::Move(const WCHAR* from, const WCHAR* to, bool replace) {
   Watch(Call::MoveFile);
   if (source != target) disk.Rename(source, target);
   if (fault == Fault::DoneButFailed) return Fail(ERROR_IO_DEVICE);  // renamed; the directory could not be synced
-  disk.SyncDirectory(DirectoryOf(target));
-  disk.SyncDirectory(DirectoryOf(source));
+  if (renamesPending_) {
+    misbehaved_ = true;
+  } else {
+    disk.SyncDirectory(DirectoryOf(target));
+    disk.SyncDirectory(DirectoryOf(source));
+  }
   lastError_ = ERROR_SUCCESS;
   return 1;
 }

@@ -6,12 +6,14 @@
 // every second opener; a first flush of a handle that may have created its
 // file also syncs the directory; a rename syncs the directory; a deletion
 // waits for the directory's next sync; after a failed flush every later flush
-// of that handle fails.
+// of that handle fails, and who opens the file after it was closed reads what
+// the disk holds.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Win32.h"
@@ -33,16 +35,23 @@ class SimFiles {
   void (*watcher)(void* context, Call call) = nullptr;
   void* watcherContext = nullptr;
 
+  // Where set, the kind of every call is appended to it.
+  std::vector<Call>* log = nullptr;
+
   // ---- Broken disks, which stand for a broken store -----------------------
   // The n-th flush from now reports success and makes nothing durable.
   void LieAboutFlush(std::uint64_t n) { lieCountdown_ = n; }
-  bool LieWasTold() const { return lieTold_; }
-  // Until the next rewrite of a file's first 24 bytes no flush makes anything
-  // durable, and that rewrite reaches the medium by itself at once: what a
-  // store does that writes and flushes its header before the records. Only
-  // in files whose path ends in `suffix`.
+  // In files whose path ends in `suffix`, a rewrite of the first 24 bytes
+  // reaches the medium by itself at once, and a flush that no such rewrite
+  // precedes makes nothing durable: a store that writes its header first.
   void PutHeaderFirst(std::string suffix);
+  // No flush of such files makes anything durable.
+  void NeverFlush(std::string suffix) { neverFlushSuffix_ = std::move(suffix); }
+  // A rename waits for the next sync of its directory.
+  void LeaveRenamesPending() { renamesPending_ = true; }
+  // Ends them all. Misbehaved: one of them has had an effect since.
   void BehaveAgain();
+  bool Misbehaved() const { return misbehaved_; }
 
   // ---- Ends of a process ---------------------------------------------------
   // The process is killed: its handles are gone, what it wrote stays visible
@@ -89,6 +98,7 @@ class SimFiles {
     std::uint64_t position = 0;
     bool syncsDirectory = false;  // its first flush syncs the directory as well
     bool flushFailed = false;
+    bool headerWritten = false;  // since the last flush
     bool find = false;
     std::vector<std::string> entries;  // of a directory, still to be listed
   };
@@ -115,9 +125,11 @@ class SimFiles {
   DWORD lastError_ = 0;
   bool dead_ = false;
   std::uint64_t lieCountdown_ = 0;
-  bool lieTold_ = false;
   bool headerFirst_ = false;
+  bool renamesPending_ = false;
+  bool misbehaved_ = false;
   std::string headerFirstSuffix_;
+  std::string neverFlushSuffix_;
   std::string from_, to_;  // paths of the call at work
 };
 

@@ -1,0 +1,56 @@
+// What a store must make of its files: a second reader, written from
+// docs/format.md. It shares nothing with the library but the digest, holds
+// everything in memory and looks at one byte after another.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/support/OpenedStore.h"
+
+namespace fuzz {
+
+struct Blob {
+  std::string data;
+  bool sound;  // the data matches the hash
+};
+using Index = std::map<test::HashBytes, Blob>;
+
+// One committed store or delete record; the data lies in the file.
+struct Change {
+  bool isStore;
+  test::HashBytes hash;
+  std::string_view data;
+};
+
+struct Reading {
+  enum class End { Clean, Damaged, CutShort };
+  End end = End::Clean;
+  std::int32_t sequence = 0;
+  bool headerLost = false;  // it is one that no store writes
+  bool countLost = false;   // it counts no record whole of those that it covers
+  bool exact = true;        // it counts the changes and nothing else
+  std::vector<Change> changes;
+};
+
+// Reads a pack or a journal, which must outlive the reading.
+Reading ReadFile(std::string_view file);
+
+struct Slot {
+  std::string pack, journal;
+};
+
+// What a load makes of a store.
+struct Expected {
+  bool loaded = false;
+  bool movedAside = false;  // all files, to go on empty
+  std::int32_t sequence = 0;
+  std::size_t journalSlot = 0;
+  Index index;
+};
+Expected ExpectLoad(const std::vector<Slot>& slots, bool keep);
+
+}  // namespace fuzz

@@ -1,0 +1,24 @@
+// A tree of files into a store.
+#pragma once
+
+#include <string>
+
+#include "tools/Error.h"
+#include "tools/Layout.h"
+
+namespace tool {
+
+struct ImportOptions {
+  std::string directory;
+  std::string manifest;  // a file to write; empty for standard output
+  bool verbose = false;  // name what is left out
+};
+
+// Stores every regular file below the directory and writes the manifest. A
+// file that cannot be read is named, left out of the manifest and makes the
+// result kFault; the others go on. A manifest file appears only when the import
+// has come to its end. Throws Fault when the store itself fails; what was
+// committed by then stays, and a second run does not store it again.
+ExitStatus Import(const Layout& layout, const ImportOptions& options);
+
+}  // namespace tool

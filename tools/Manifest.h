@@ -1,0 +1,28 @@
+// The list of an imported tree: one line for each file, its hash and its
+// name, in the form that md5sum(1) of GNU coreutils writes and checks.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/Hash.h"
+
+namespace tool {
+
+struct ManifestEntry {
+  Hash hash;
+  std::string name;  // bytes, of no particular encoding
+};
+
+// "hash  name\n". In a name with a backslash, a newline or a carriage return
+// these are written \\, \n and \r, and the line begins with a backslash.
+std::string ManifestLine(const ManifestEntry& entry);
+
+// Reads a manifest, "-" for standard input. Takes what md5sum --check takes:
+// either of the two marks before a name, lines that end in CR LF, comments
+// that begin with '#'. Throws Fault when the file cannot be read, UsageError
+// with the line's number for any other line that is not of that form.
+std::vector<ManifestEntry> ReadManifest(const std::string& path);
+
+}  // namespace tool

@@ -1,0 +1,101 @@
+#include "tools/SlotFiles.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+
+#include "tools/Error.h"
+#include "tools/Fd.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kRecordCountAt = 4;
+constexpr size_t kSequenceAt = 12;
+constexpr size_t kEndOffsetAt = 20;
+
+using Header = std::array<unsigned char, kFileHeaderSize>;
+
+uint32_t Word(const Header& header, size_t at) {
+  return uint32_t{header[at]} | uint32_t{header[at + 1]} << 8 | uint32_t{header[at + 2]} << 16 |
+         uint32_t{header[at + 3]} << 24;
+}
+
+bool AllZero(const Header& header) {
+  return std::all_of(header.begin(), header.end(), [](unsigned char byte) { return byte == 0; });
+}
+
+SlotFile::State StateOf(const SlotFile& file, const Header& header, size_t headerSize) {
+  if (file.size <= kFileHeaderSize && (headerSize < kFileHeaderSize || AllZero(header))) return SlotFile::State::kNew;
+  const bool possible = headerSize == kFileHeaderSize && file.endOffset >= kFileHeaderSize &&
+                        file.endOffset <= file.size && static_cast<int32_t>(Word(header, kRecordCountAt)) >= 0;
+  return possible ? SlotFile::State::kSound : SlotFile::State::kDamaged;
+}
+
+bool Loadable(const SlotFile& pack) {
+  return pack.state == SlotFile::State::kNew || (pack.state == SlotFile::State::kSound && pack.sequence >= 0);
+}
+
+bool HasRecords(const SlotFile& file) {
+  return file.state == SlotFile::State::kDamaged || file.endOffset > kFileHeaderSize;
+}
+
+}  // namespace
+
+SlotFile InspectFile(const std::string& path) {
+  SlotFile file;
+  file.path = path;
+  const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.valid() && errno == ENOENT) return file;
+  if (!fd.valid()) ThrowErrno("read " + path);
+  struct stat status = {};
+  Header header = {};
+  const ssize_t got = ::pread(fd.get(), header.data(), header.size(), 0);
+  if (got < 0 || ::fstat(fd.get(), &status) != 0) ThrowErrno("read " + path);
+  file.size = static_cast<uint64_t>(status.st_size);
+  file.sequence = static_cast<int32_t>(Word(header, kSequenceAt));
+  file.endOffset = Word(header, kEndOffsetAt);
+  file.state = StateOf(file, header, static_cast<size_t>(got));
+  return file;
+}
+
+SlotFiles::SlotFiles(const Layout& layout) {
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot)
+    slots_.push_back({InspectFile(layout.PackPath(slot)), InspectFile(layout.JournalPath(slot))});
+}
+
+int SlotFiles::Current() const {
+  const SlotFile* newest = nullptr;
+  for (const Slot& slot : slots_)
+    if (Loadable(slot.pack) && (newest == nullptr || slot.pack.sequence > newest->sequence)) newest = &slot.pack;
+  if (newest == nullptr) return -1;
+  return static_cast<int>(static_cast<uint32_t>(newest->sequence) % slots_.size());
+}
+
+void SlotFiles::RequireLoadable() const {
+  for (const Slot& slot : slots_)
+    for (const SlotFile* file : {&slot.pack, &slot.journal})
+      if (file->state == SlotFile::State::kMissing)
+        throw Fault(
+            fmt::format("{} is missing; nothing was changed. Is the disk that holds it mounted? If it is "
+                        "lost, restore the whole store from a backup",
+                        file->path));
+  if (Current() >= 0) return;
+  const SlotFile& pack = slots_.front().pack;
+  throw Fault(
+      fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
+                  "nothing was changed. Restore the store from a backup",
+                  pack.path, pack.sequence, pack.endOffset, pack.size));
+}
+
+bool SlotFiles::HoldRecords() const {
+  return std::any_of(slots_.begin(), slots_.end(),
+                     [](const Slot& slot) { return HasRecords(slot.pack) || HasRecords(slot.journal); });
+}
+
+}  // namespace tool
