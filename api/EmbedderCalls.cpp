@@ -25,12 +25,16 @@ std::u16string Widen(const char* path) {
   return wide;
 }
 
-// Whether the options make sense; says why not.
-bool AreSound(const BCOptions& options) {
-  if (options.size < kOptionsSize) {
-    trace::api.WriteWarnV("BCOpen: options->size = %u, must be %u", options.size, kOptionsSize);
+// Takes over what a caller says, which may be nothing. False, after a
+// message, when that makes no sense.
+bool ReadOptions(const BCOptions* given, BCOptions& options) {
+  options = {kOptionsSize, 0, nullptr, 0, nullptr, nullptr};
+  if (given == nullptr) return true;
+  if (given->size < kOptionsSize) {
+    trace::api.WriteWarnV("BCOpen: options->size = %u, must be %u", given->size, kOptionsSize);
     return false;
   }
+  std::memcpy(&options, given, kOptionsSize);
   if (options.packDirs == nullptr) return true;
   if (options.slotCount == 0) {
     trace::api.WriteWarnV("BCOpen: packDirs needs slotCount");
@@ -62,8 +66,8 @@ const char* BCVersion() {
 int BCOpen(const char* directory, const BCOptions* given) {
   registry::NoStore();
   if (api::IsNull("BCOpen", "directory", directory)) return -1;
-  const BCOptions options = given != nullptr ? *given : BCOptions{kOptionsSize, 0, nullptr, 0, nullptr, nullptr};
-  if (!AreSound(options)) return -1;
+  BCOptions options;
+  if (!ReadOptions(given, options)) return -1;
   int index = -1;
   try {
     index = BCInitialize(Widen(directory).c_str());

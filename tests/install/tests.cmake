@@ -1,5 +1,5 @@
 # What is installed, used by those who have nothing else. Sanitized libraries
-# and those of other hosts are not for that.
+# are not for that.
 if(NOT BLOBRING_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME install_prefix
     COMMAND ${CMAKE_CURRENT_LIST_DIR}/installed ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_BINARY_DIR}/install_prefix)
