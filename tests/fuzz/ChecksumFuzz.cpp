@@ -102,6 +102,6 @@ std::size_t LLVMFuzzerCustomCrossOver(const std::uint8_t* first, std::size_t fir
   std::string bytes(fuzz::View(first, random.Below(firstSize + 1)));
   bytes += fuzz::View(second, secondSize).substr(random.Below(secondSize + 1));
   bytes.resize(std::min(bytes.size(), maxSize));
-  std::memcpy(out, bytes.data(), bytes.size());
+  std::copy(bytes.begin(), bytes.end(), out);
   return bytes.size();
 }

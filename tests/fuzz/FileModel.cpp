@@ -164,6 +164,7 @@ Reading ReadFile(std::string_view file) {
 Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
   Expected expected;
   std::vector<Reading> packs;
+  packs.reserve(slots.size());
   for (const Slot& slot : slots) packs.push_back(ReadFile(slot.pack));
   std::vector<std::size_t> order(slots.size());
   std::iota(order.begin(), order.end(), 0U);

@@ -1,6 +1,5 @@
 // The mutations of inputs that are one byte of options and a file of records.
 #include <algorithm>
-#include <cstring>
 
 #include "tests/fuzz/Bytes.h"
 #include "tests/fuzz/RecordMutator.h"
@@ -11,7 +10,7 @@ namespace {
 // Writes options and file to data.
 std::size_t Put(std::uint8_t* data, std::uint8_t options, const std::string& file) {
   data[0] = options;
-  std::memcpy(data + 1, file.data(), file.size());
+  std::copy(file.begin(), file.end(), data + 1);
   return 1 + file.size();
 }
 

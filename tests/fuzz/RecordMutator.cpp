@@ -156,7 +156,9 @@ class FileRecords {
   void ChangeByte() {
     if (records.empty()) return;
     std::string& record = records[Any()];
-    if (!record.empty()) record[random.Below(record.size())] ^= static_cast<char>(1U << random.Below(8));
+    if (record.empty()) return;
+    char& byte = record[random.Below(record.size())];
+    byte = static_cast<char>(static_cast<unsigned char>(byte) ^ 1U << random.Below(8));
   }
 
   // One record, or a transaction with all that it holds.

@@ -13,7 +13,7 @@ namespace {
 
 using test::JournalBytes;
 
-constexpr std::uint32_t kRecords = 50000;
+constexpr std::uint32_t kRecords = 20000;
 
 std::vector<std::string> Records(std::string (*make)(std::int64_t, std::string_view)) {
   std::vector<std::string> records;
