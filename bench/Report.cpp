@@ -31,9 +31,12 @@ constexpr Goal kGoals[] = {
     {"commits.growing", Quantity::Cpu, Against::BestPeer, 0.90},
     {"commits.growing", Quantity::Wall, Against::BestPeer, 1.00},
     {"commits.reused", Quantity::Wall, Against::BestPeer, 0.80},
+    {"tiny.put", Quantity::Cpu, Against::BestPeer, 0.55},
     {"tiny.put", Quantity::Cpu, Against::BestPeer, 0.55, true},
+    {"small.fetch", Quantity::Cpu, Against::BestPeer, 0.92},
     {"small.fetch", Quantity::Cpu, Against::BestPeer, 0.92, true},
     {"large.fetch", Quantity::Cpu, Against::BestPeer, 0.95},
+    {"small.sizes", Quantity::Cpu, Against::BestPeer, 0.60},
     {"small.sizes", Quantity::Cpu, Against::BestPeer, 0.60, true},
     {"small.enumerate", Quantity::Cpu, Against::BestPeer, 0.70},
     {"small.compact", Quantity::Cpu, Against::BestPeer, 0.50},
@@ -95,7 +98,8 @@ void WriteGoal(const Goal& goal, const Results& results, std::ostream& out) {
 }
 
 void WriteGoals(const Results& results, std::ostream& out) {
-  out << "## Goals\n\nSeconds, and the ratio of ours to the peer's or the limit's; lower is better.\n\n"
+  out << "## Goals\n\nSeconds, and the ratio of ours to the best peer's or the limit's; lower is better.\n"
+         "Where a goal names the hash file, which is no store, it has a line of its own.\n\n"
          "| workload | measure | Blobring | beside | ratio | goal | met |\n|---|---|---:|---|---:|---:|---|\n";
   for (const Goal& goal : kGoals) WriteGoal(goal, results, out);
   const ScalePoint* largest = nullptr;

@@ -1,7 +1,6 @@
 #include "pack/BlobFile.h"
 
 #include <algorithm>
-#include <cstring>
 #include <stdexcept>
 
 #include "md5/MD5Pair.h"
@@ -344,89 +343,6 @@ void BlobFile::CancelTransaction() {
 void BlobFile::CommitHeader() {
   RequireWritable();
   Rewrite(header);
-}
-
-bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
-  const Hash wanted = blob.hash;
-  if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
-  const unsigned reached = file.seek(offset);
-  if (reached != offset) {
-    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to seek to blob filename=%s offset=%d filepos=%d hash=%s",
-                            path.c_str(), static_cast<int>(offset), static_cast<int>(reached),
-                            wanted.toString().c_str());
-    return false;
-  }
-  unsigned char bytes[format::kOpHeaderSize];
-  file.read(Chars(bytes), sizeof bytes);
-  const std::int32_t op = OpHeader::Decode(bytes).op;
-  if (op != format::kOpStore) {
-    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
-                            static_cast<int>(offset), wanted.toString().c_str(), op);
-    return false;
-  }
-  blob.Read(file, false);
-  if (blob.hash == wanted) return true;
-  // Sound, but of another hash: the record is not the one that was indexed.
-  const std::string found = blob.hash.toString();
-  blob.hash = wanted;
-  throw std::runtime_error("BlobFile::GetBlob() " + path + " at " + std::to_string(offset) + ": wanted hash " +
-                           wanted.toString() + ", got " + found);
-}
-
-namespace {
-
-// The largest blob that is read together with its record's head and then
-// copied, from a buffer on the stack.
-constexpr std::uint32_t kMaxSmallBlob = 4096;
-
-bool IsStoreRecordOf(const unsigned char* head, const Hash& hash, std::uint32_t size) {
-  return OpHeader::Decode(head).op == format::kOpStore &&
-         std::memcmp(head + format::kOpHeaderSize, hash.Bytes(), format::kHashSize) == 0 &&
-         format::Get32(head + format::kDeleteSize) == size;
-}
-
-bool HasDigest(const unsigned char* data, std::uint32_t size, const Hash& hash) {
-  MD5 digest;
-  digest.update(data, size);
-  digest.finalize();
-  unsigned char raw[Hash::kSize];
-  digest.raw_digest(raw);
-  return std::memcmp(raw, hash.Bytes(), sizeof raw) == 0;
-}
-
-}  // namespace
-
-bool BlobFile::ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record) {
-  try {
-    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
-    file.seek(offset);
-    file.read(Chars(record), format::kStoreHeadSize + size);
-    return IsStoreRecordOf(record, hash, size);
-  } catch (const std::exception&) {
-    return false;
-  }
-}
-
-bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
-  const std::uint32_t size = blob.buffer.size;
-  if (size <= kMaxSmallBlob) {
-    unsigned char record[format::kStoreHeadSize + kMaxSmallBlob];
-    const unsigned char* data = record + format::kStoreHeadSize;
-    if (!ReadRecord(blob.hash, offset, size, record) || !HasDigest(data, size, blob.hash)) return false;
-    if (size > 0) std::memcpy(blob.buffer.data, data, size);
-    return true;
-  }
-  unsigned char head[format::kStoreHeadSize];
-  try {
-    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
-    file.seek(offset);
-    file.read(Chars(head), sizeof head);
-    if (!IsStoreRecordOf(head, blob.hash, size)) return false;
-    file.read(Chars(blob.buffer.data), size);
-  } catch (const std::exception&) {
-    return false;
-  }
-  return HasDigest(blob.buffer.data, size, blob.hash);
 }
 
 void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {

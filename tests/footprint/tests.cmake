@@ -1,4 +1,4 @@
-# Prints the table that docs/footprint.md shows, and fails where a store keeps
+# Prints what a store takes and keeps of memory, and fails where a store keeps
 # what it does not need.
 add_executable(footprint ${CMAKE_CURRENT_LIST_DIR}/footprint.cpp)
 target_link_libraries(footprint PRIVATE blobring_options blobring)

@@ -213,7 +213,8 @@ TEST(Memory, RefusesWhatItDidNotGiveOut) {
 
 TEST(Memory, GivesNothingRatherThanTooLittle) {
   const std::uint64_t failures = Total().failureCount;
-  for (const unsigned long size : {ULONG_MAX, ULONG_MAX - 127, ULONG_MAX - 4096, ULONG_MAX - 65536, ULONG_MAX / 2}) {
+  for (const unsigned long size :
+       {ULONG_MAX, ULONG_MAX - 127, ULONG_MAX - 4096, ULONG_MAX - 65536, ULONG_MAX / 4 * 3}) {
     EXPECT_EQ(Take(size), nullptr) << size;
   }
   EXPECT_EQ(Total().failureCount, failures + 5);
