@@ -463,6 +463,8 @@ TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
         EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
         EXPECT_EQ(BCFsck(store.index), 1) << Diagnostics().Text();
         EXPECT_TRUE(store.Has("first") && store.Has(blobs[0]) && store.Has(blobs[599]));
+        EXPECT_EQ(BCLoad(store.index), 1) << "the slot that was emptied is not taken for the newest";
+        EXPECT_EQ(store.All().size(), 601U);
         ASSERT_TRUE(store.Commit(3, {"after"}));
       }
       {
