@@ -96,9 +96,10 @@ tells header-noise "header: damaged"
 # One byte of a blob's data, of its hash, of a size, of an op, of a digest.
 cp -r good data
 flip_byte data/1.pak $(($(place $pack blobs/4) + 100))
-flip_byte data/1.jrn $(($(place $journal blobs/12) + 100))
+flip_byte data/1.jrn $(($(place $journal blobs/14) + 100)) # the last before an end record
 salvage 1 data
-lacks data 4 12
+lacks data 4 14
+grep "no record" data.txt && fail "what follows a damaged blob was not found"
 tells data "$(printf '%#x' $(($(place $pack blobs/4) - 36))): blob $(sed -n 5p hashes), $(stat -c %s blobs/4) bytes, does not match"
 tells data "1 transaction in use and not whole"
 for at in -20 -4 -3 -36; do # hash, size, size, op
