@@ -10,6 +10,7 @@
 #include "tools/Error.h"
 #include "tools/Export.h"
 #include "tools/Import.h"
+#include "tools/Salvage.h"
 #include "tools/Statistics.h"
 #include "tools/Trace.h"
 
@@ -24,6 +25,7 @@ struct CommandLine {
   tool::InitOptions init;
   tool::ImportOptions import;
   tool::ExportOptions exporting;
+  tool::SalvageOptions salvage;
   std::vector<std::string> files;
   std::vector<std::string> hashes;
   std::string hash;
@@ -32,7 +34,7 @@ struct CommandLine {
   bool force = false;
   std::function<ExitStatus()> run;
 
-  // Every command but init works on a store that is there.
+  // Every command but init and salvage works on a store that is there.
   template <typename Command>
   CLI::App* Add(CLI::App& app, const std::string& name, const std::string& help, Command command) {
     CLI::App* sub = app.add_subcommand(name, help);
@@ -93,6 +95,18 @@ void AddStoreCommands(CLI::App& app, CommandLine& line) {
       ->add_flag("--force", line.force, "even when the store is damaged: go on with what can be read");
 }
 
+void AddSalvage(CLI::App& app, CommandLine& line) {
+  CLI::App* salvage = app.add_subcommand("salvage", "copy what can be read of damaged files into a new store");
+  salvage->add_option("DIR", line.salvage.directory, "where the packs and journals are; nothing in it is changed")
+      ->required();
+  salvage->add_option("OUT", line.salvage.store, "the new store; must not exist or be empty")->required();
+  salvage->add_option("--pack-dir", line.salvage.packDirs, "where packs are as well; may be repeated")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  salvage->add_flag("--live-only", line.salvage.liveOnly, "leave deleted blobs behind, where that can be told");
+  salvage->callback([&line] { line.run = [&line] { return tool::Salvage(line.salvage); }; });
+}
+
 int Run(int argc, char** argv) {
   CLI::App app("Keeps files by the MD5 digest of their contents in a store on the local file system.", "blobring");
   app.set_version_flag("--version", "blobring " BLOBRING_VERSION);
@@ -103,6 +117,7 @@ int Run(int argc, char** argv) {
   AddBlobCommands(app, line);
   AddTreeCommands(app, line);
   AddStoreCommands(app, line);
+  AddSalvage(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
