@@ -1,21 +1,28 @@
-// The index of a store: an ordered tree keyed by hash, one node for each blob,
-// and a directory into it.
+// The index of a store: one node for each blob, in the order of the hashes.
 //
-// Hashes are digests and so evenly spread: their first bits say where in the
-// order a hash stands. The directory holds, for each value of those bits, the
-// first blob that has it, which makes a look-up a few steps from there where
-// the tree alone takes one from the root down for each doubling. It takes 2
-// to 4 bytes for each blob on a 32-bit host and twice that on a 64-bit one,
-// and exists for large indices only. It is never needed: where there is no
-// memory for it the tree is searched.
+// Hashes are digests and so evenly spread: their first bits say nearly where
+// in the order a hash stands. A directory divides the order into buckets by
+// those bits, one or two blobs in each, and every bucket is a search tree of
+// its own. A look-up so reads one place in the directory and one or two nodes,
+// where a single tree reads one for each doubling, and a change touches no
+// others. Keys that are no digests, which a hostile file can hold, may all fall
+// into one bucket: the trees are treaps, balanced by priorities that nobody
+// can foresee, so that one bucket of n blobs still takes log n.
+//
+// The directory takes 2 to 4 bytes for each blob on a 32-bit host and twice
+// that on a 64-bit one. It can do without growing: where there is no memory
+// for it, the trees get deeper.
 //
 // Nodes keep their place in memory; iterators stay good until their blob is
 // erased. Nothing throws but what allocates a node.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <functional>
-#include <map>
+#include <iterator>
+#include <memory>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "pack/BlobFile.h"
@@ -25,26 +32,71 @@
 class BlobIndex {
  public:
   using Entry = BlobFile::BlobFileEntry;
-  using Tree = std::map<Hash, Entry, std::less<Hash>,
-                        BlobAllocator<std::pair<const Hash, Entry>, TesselMemoryManager::kContainerPool, kTagIndex>>;
-  using iterator = Tree::iterator;
-  using const_iterator = Tree::const_iterator;
-  using Node = Tree::node_type;
+  using Blob = std::pair<const Hash, Entry>;
 
-  BlobIndex() = default;
+  struct Node {
+    explicit Node(const Hash& hash) : blob(hash, Entry{}) {}
+
+    Node* left = nullptr;
+    Node* right = nullptr;
+    Node* parent = nullptr;
+    std::uint32_t priority = 0;  // not less than that of any node below
+    Blob blob;
+  };
+  struct Disposer {
+    void operator()(Node* node) const noexcept;
+  };
+  using Handle = std::unique_ptr<Node, Disposer>;  // a node in no index
+
+  template <bool isConst>
+  class Position {
+   public:
+    using iterator_category = std::forward_iterator_tag;
+    using difference_type = std::ptrdiff_t;
+    using value_type = Blob;
+    using reference = std::conditional_t<isConst, const Blob&, Blob&>;
+    using pointer = std::conditional_t<isConst, const Blob*, Blob*>;
+
+    Position() = default;
+    template <bool isOtherConst>
+    requires(isConst && !isOtherConst)
+        Position(const Position<isOtherConst>& other)  // NOLINT(google-explicit-constructor): as every iterator
+        : index(other.index), node(other.node) {}
+
+    reference operator*() const { return node->blob; }
+    pointer operator->() const { return &node->blob; }
+    Position& operator++() {
+      node = index->Next(node);
+      return *this;
+    }
+    friend bool operator==(const Position& a, const Position& b) { return a.node == b.node; }
+
+   private:
+    friend class BlobIndex;
+    friend class Position<!isConst>;
+    Position(const BlobIndex* of, Node* at) : index(of), node(at) {}
+
+    const BlobIndex* index = nullptr;
+    Node* node = nullptr;  // null past the end
+  };
+  using iterator = Position<false>;
+  using const_iterator = Position<true>;
+
+  BlobIndex();
+  ~BlobIndex() { Clear(); }
   BlobIndex(const BlobIndex&) = delete;
   BlobIndex& operator=(const BlobIndex&) = delete;
 
-  iterator begin() { return tree.begin(); }
-  iterator end() { return tree.end(); }
-  const_iterator begin() const { return tree.begin(); }
-  const_iterator end() const { return tree.end(); }
-  std::size_t size() const { return tree.size(); }
-  bool empty() const { return tree.empty(); }
+  iterator begin() { return {this, First(0)}; }
+  iterator end() { return {this, nullptr}; }
+  const_iterator begin() const { return {this, First(0)}; }
+  const_iterator end() const { return {this, nullptr}; }
+  std::size_t size() const { return count; }
+  bool empty() const { return count == 0; }
 
-  const_iterator Find(const Hash& hash) const;
+  const_iterator Find(const Hash& hash) const { return {this, Search(hash)}; }
   // The first blob whose hash is greater.
-  const_iterator After(const Hash& hash) const { return tree.upper_bound(hash); }
+  const_iterator After(const Hash& hash) const;
 
   // The entry of a hash; a blank one is made, with the one allocation of its
   // node, where there is none. Says in isNew which it was. Throws "Unable to
@@ -53,36 +105,77 @@ class BlobIndex {
 
   // Takes over a node, whose entry replaces that of the same hash if there is
   // one.
-  void Insert(Node&& node) noexcept;
+  void Insert(Handle node) noexcept;
 
-  void Erase(const Hash& hash);
-  void Erase(iterator blob);
-  void Clear();
+  void Erase(const Hash& hash) noexcept;
+  void Erase(iterator blob) noexcept;
+  void Clear() noexcept;
 
   template <class Predicate>
   void EraseIf(Predicate predicate) {
     for (iterator blob = begin(); blob != end();) {
-      const iterator next = std::next(blob);
-      if (predicate(blob->second)) Erase(blob);
+      iterator next = blob;
+      ++next;
+      if (predicate(std::as_const(blob->second))) Erase(blob);
       blob = next;
     }
   }
 
-  // Empties the index node by node, in order, and keeps no memory.
+  // Empties the index in order, node by node, and keeps no memory. What takes
+  // a node must not throw.
   template <class Take>
   void TakeAll(Take take) {
-    decltype(directory)().swap(directory);
-    while (!tree.empty()) take(tree.extract(tree.begin()));
+    for (std::size_t bucket = 0; bucket <= LastBucket(); ++bucket) {
+      PrefetchFirst(bucket + kPrefetched);
+      Node* next = nullptr;
+      for (Node* node = Flatten(buckets[bucket]); node != nullptr; node = next) {
+        next = node->right;
+        take(Handle(node));
+      }
+    }
+    Forget();
   }
 
- private:
-  std::size_t Bucket(const Hash& hash) const { return static_cast<std::size_t>(hash.Prefix() >> shift); }
-  iterator LowerBound(const Hash& hash);
-  void Enter(iterator blob);
-  void GrowDirectory();
+  // Makes room in the directory, if there is memory, for so many blobs in all.
+  void Reserve(std::size_t blobs) noexcept;
 
-  Tree tree;
-  // For each bucket its first blob, or end().
-  std::vector<iterator, BlobAllocator<iterator, TesselMemoryManager::kContainerPool, kTagBytes>> directory;
-  unsigned shift = 64;  // of a hash's first 64 bits, which leaves the bucket
+  // Starts to bring what a look-up of the hash will read into the processor's
+  // caches. For whoever knows several hashes: Prefetch each of them, then
+  // PrefetchNode each, then look them up, and the memory is waited for once.
+  void Prefetch(const Hash& hash) const { __builtin_prefetch(&buckets[BucketOf(hash)]); }
+  void PrefetchNode(const Hash& hash) const { PrefetchFirst(BucketOf(hash)); }
+
+ private:
+  static constexpr std::size_t kPrefetched = 8;  // buckets ahead of a walk
+
+  std::size_t BucketOf(const Hash& hash) const { return static_cast<std::size_t>(hash.Prefix() >> shift); }
+  std::size_t LastBucket() const { return static_cast<std::size_t>(~std::uint64_t{0} >> shift); }
+  void PrefetchFirst(std::size_t bucket) const {
+    if (bucket > LastBucket()) return;
+    const char* node = reinterpret_cast<const char*>(buckets[bucket]);
+    __builtin_prefetch(node);
+    __builtin_prefetch(node + 64);
+  }
+
+  Node* First(std::size_t bucket) const;
+  Node* Next(Node* node) const;
+  Node* Search(const Hash& hash) const;
+  void Link(Node* node) noexcept;
+  void Replace(Node* node, Node* by);
+  void RotateUp(Node* node);
+  void Append(Node* node, Node* last);
+  void Resize(std::size_t blobs) noexcept;
+  void Forget() noexcept;
+  std::uint32_t Priority();
+  static Node* Merge(Node* left, Node* right);
+  static Node* Flatten(Node* root);
+
+  using Directory = std::vector<Node*, BlobAllocator<Node*, TesselMemoryManager::kContainerPool, kTagBytes>>;
+
+  Node* few[2] = {};     // the buckets while there is no directory
+  Node** buckets = few;  // the root of each, by the first 64 - shift bits of the hash
+  unsigned shift = 63;
+  std::uint32_t random;  // never 0
+  std::size_t count = 0;
+  Directory directory;
 };

@@ -149,16 +149,17 @@ bool BlobController::EndTransaction(long long id) {
 // place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
-  pendingByHash.TakeAll([this](BlobIndex::Node&& change) {
-    switch (change.mapped().op) {
+  pendingByHash.TakeAll([this](BlobIndex::Handle change) {
+    const std::int32_t op = change->blob.second.op;
+    switch (op) {
       case format::kOpStore:
         blobs.Insert(std::move(change));
         break;
       case format::kOpDelete:
-        blobs.Erase(change.key());
+        blobs.Erase(change->blob.first);
         break;
       default:
-        trace::engine.WriteErrorV("BlobController::EndTransaction unknown operation %d", change.mapped().op);
+        trace::engine.WriteErrorV("BlobController::EndTransaction unknown operation %d", op);
     }
   });
   pendingEntries.clear();
