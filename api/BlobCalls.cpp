@@ -72,6 +72,9 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
       for (; sound < end && IsSoundBlob("BCPutMany", blobs[sound].data, blobs[sound].size); ++sound)
         messages[sound - first] = {blobs[sound].data, api::Word(blobs[sound].size), blobs[sound].hash};
       DigestMany(messages, static_cast<std::size_t>(sound - first));
+      Hash hashes[kGroup];
+      for (int i = first; i < sound; ++i) hashes[i - first].setHash(blobs[i].hash);
+      store->Prefetch(hashes, static_cast<std::size_t>(sound - first));
       for (int i = first; i < sound; ++i) {
         if (BCStoreInt(index, blobs[i].hash, const_cast<unsigned char*>(blobs[i].data), blobs[i].size) != 1) return i;
       }

@@ -17,12 +17,6 @@ char* Chars(unsigned char* bytes) {
 // copied, from a buffer on the stack.
 constexpr std::uint32_t kMaxSmallBlob = 4096;
 
-bool IsStoreRecordOf(const unsigned char* head, const Hash& hash, std::uint32_t size) {
-  return OpHeader::Decode(head).op == format::kOpStore &&
-         std::memcmp(head + format::kOpHeaderSize, hash.Bytes(), format::kHashSize) == 0 &&
-         format::Get32(head + format::kDeleteSize) == size;
-}
-
 bool HasDigest(const unsigned char* data, std::uint32_t size, const Hash& hash) {
   MD5 digest;
   digest.update(data, size);
@@ -61,12 +55,18 @@ bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
                            wanted.toString() + ", got " + found);
 }
 
-bool BlobFile::ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record) {
+bool BlobFile::IsStoreRecord(const unsigned char* record, const Hash& hash, std::uint32_t size) {
+  return OpHeader::Decode(record).op == format::kOpStore &&
+         std::memcmp(record + format::kOpHeaderSize, hash.Bytes(), format::kHashSize) == 0 &&
+         format::Get32(record + format::kDeleteSize) == size;
+}
+
+bool BlobFile::ReadBytes(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
   try {
-    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
+    if (offset + size > gather.WrittenEnd()) gather.WriteOut(file);
     file.seek(offset);
-    file.read(Chars(record), format::kStoreHeadSize + size);
-    return IsStoreRecordOf(record, hash, size);
+    file.read(Chars(bytes), size);
+    return true;
   } catch (const std::exception&) {
     return false;
   }
@@ -77,19 +77,15 @@ bool BlobFile::GetBlobQuickly(BlobPair& blob, unsigned int offset) {
   if (size <= kMaxSmallBlob) {
     unsigned char record[format::kStoreHeadSize + kMaxSmallBlob];
     const unsigned char* data = record + format::kStoreHeadSize;
-    if (!ReadRecord(blob.hash, offset, size, record) || !HasDigest(data, size, blob.hash)) return false;
+    if (!ReadBytes(offset, record, format::kStoreHeadSize + size) || !IsStoreRecord(record, blob.hash, size) ||
+        !HasDigest(data, size, blob.hash))
+      return false;
     if (size > 0) std::memcpy(blob.buffer.data, data, size);
     return true;
   }
   unsigned char head[format::kStoreHeadSize];
-  try {
-    if (offset >= gather.WrittenEnd()) gather.WriteOut(file);
-    file.seek(offset);
-    file.read(Chars(head), sizeof head);
-    if (!IsStoreRecordOf(head, blob.hash, size)) return false;
-    file.read(Chars(blob.buffer.data), size);
-  } catch (const std::exception&) {
+  if (!ReadBytes(offset, head, sizeof head) || !IsStoreRecord(head, blob.hash, size) ||
+      !ReadBytes(offset + format::kStoreHeadSize, blob.buffer.data, size))
     return false;
-  }
   return HasDigest(blob.buffer.data, size, blob.hash);
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include "md5/MD5Pair.h"
 #include "pack/CutShort.h"
@@ -15,7 +16,10 @@ using format::TransactionBlock;
 namespace {
 
 // Data up to this size is copied and written together with other records.
-constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kCapacity / 2;
+constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kUsualCapacity / 2;
+// Where blobs come one by one to be put, larger data is copied too, so that it
+// can be digested beside the next one: a copy takes a tenth of a digest.
+constexpr std::uint32_t kMaxGatheredPut = 512 * 1024;
 
 char* Chars(unsigned char* bytes) {
   return reinterpret_cast<char*>(bytes);
@@ -208,7 +212,8 @@ bool BlobFile::StartTransaction(long long id) {
 void BlobFile::Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
   RequireWritable();
   RequireRoom(std::uint64_t{headSize} + dataSize);
-  if (dataSize > kMaxGatheredData) {
+  const bool isPut = std::exchange(digestedBeside, false);
+  if (dataSize > (isPut ? kMaxGatheredPut : kMaxGatheredData)) {
     AppendDirectly(head, headSize, data, dataSize);
   } else {
     if (!gather.Fits(headSize + dataSize)) EmptyGathered();
@@ -305,7 +310,7 @@ bool BlobFile::EndTransaction(long long id) {
     growsFile = false;  // what was written now lies where the next attempt goes
     throw;
   }
-  gather.Release(header.endOffset);
+  ForgetGathered();
   return true;
 }
 
@@ -337,7 +342,17 @@ void BlobFile::CancelTransaction() {
   header = committed;
   header.sequence = sequence;
   block = TransactionBlock{};
-  gather.Release(header.endOffset);
+  ForgetGathered();
+}
+
+// A pack takes one transaction, a journal the next one soon.
+void BlobFile::ForgetGathered() {
+  gather.Restart(header.endOffset);
+  if (mode == Pack) {
+    gather.ReleaseAll();
+  } else {
+    gather.ReleaseExcess();
+  }
 }
 
 void BlobFile::CommitHeader() {
@@ -349,6 +364,7 @@ void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t
   const std::span<const unsigned char> rest = gather.Undigested();
   UpdateBoth(other, data, size, md5, rest.data(), static_cast<std::uint32_t>(rest.size()));
   gather.Digested(rest.size());
+  digestedBeside = true;
 }
 
 bool BlobFile::Load(Entries& out) {

@@ -111,10 +111,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // GetBlob then finds out what it is.
   bool GetBlobQuickly(BlobPair& blob, unsigned int offset);
 
-  // Reads the store record at offset whole, 36 bytes and size, into record.
-  // Whether it is one of that hash and size; the data is not verified.
-  // Nothing is thrown, nothing reported.
-  bool ReadRecord(const Hash& hash, std::uint32_t offset, std::uint32_t size, unsigned char* record);
+  // Reads size bytes at offset. False where that fails; nothing is thrown,
+  // nothing reported.
+  bool ReadBytes(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
+
+  // Whether bytes begin with the head of the store record of such a blob.
+  static bool IsStoreRecord(const unsigned char* record, const Hash& hash, std::uint32_t size);
 
   // Adds size bytes to another digest and, in the same time, brings the open
   // transaction's own up to date.
@@ -163,6 +165,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
                                       std::uint32_t dataSize);
   BLOBRING_HIDDEN void DigestGathered();
   BLOBRING_HIDDEN void EmptyGathered();
+  BLOBRING_HIDDEN void ForgetGathered();
   BLOBRING_HIDDEN void WriteEnd(long long id, const format::TransactionBlock& whole);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
@@ -183,6 +186,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
  private:
   format::FileHeader committed;  // as it is on disk
   BlobFileMode mode = Journal;   // what Init was told, whatever the file says
+  bool digestedBeside = false;   // the key of what is stored next
   bool growsFile = false;        // the open transaction lies past the end of a journal
   bool headerSound = true;       // false: one that this class cannot have written
   bool inDoubt = false;

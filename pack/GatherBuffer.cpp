@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr std::size_t kKept = 64 * 1024;
 constexpr std::size_t kFirst = 4 * 1024;
 
 }  // namespace
@@ -17,15 +16,19 @@ void GatherBuffer::Restart(std::uint32_t offset) {
   digested = 0;
 }
 
-void GatherBuffer::Release(std::uint32_t offset) {
-  Restart(offset);
-  if (bytes.capacity() > kKept) decltype(bytes)().swap(bytes);
+void GatherBuffer::ReleaseAll() {
+  Restart(start);
+  decltype(bytes)().swap(bytes);
+}
+
+void GatherBuffer::ReleaseExcess() {
+  if (bytes.capacity() > kUsualCapacity) ReleaseAll();
 }
 
 void GatherBuffer::Reserve(std::uint32_t size) {
   const std::size_t needed = bytes.size() + size;
   if (needed <= bytes.capacity()) return;
-  bytes.reserve(std::max({needed, kFirst, std::min<std::size_t>(2 * bytes.capacity(), kCapacity)}));
+  bytes.reserve(std::max({needed, kFirst, std::min<std::size_t>(2 * bytes.capacity(), kUsualCapacity)}));
 }
 
 void GatherBuffer::Append(const unsigned char* data, std::uint32_t size) {

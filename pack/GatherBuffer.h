@@ -4,8 +4,9 @@
 //
 // It covers the file from Start() to End(). Of these bytes a first part may
 // have been written and a first part digested; emptying it, which Restart
-// does, is for the owner to decide once both are complete. At most
-// kCapacity bytes; grown as needed.
+// does, is for the owner to decide once both are complete. Its usual capacity
+// is small enough to stay in the processor's caches; one large record may
+// exceed it.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@
 
 class GatherBuffer {
  public:
-  static constexpr std::uint32_t kCapacity = 1024 * 1024;
+  static constexpr std::uint32_t kUsualCapacity = 128 * 1024;
 
   std::uint32_t Start() const { return start; }
   std::uint32_t End() const { return start + static_cast<std::uint32_t>(bytes.size()); }
@@ -25,10 +26,11 @@ class GatherBuffer {
 
   // Empty, from offset on.
   void Restart(std::uint32_t offset);
-  // Restart that keeps only as much memory as small transactions use.
-  void Release(std::uint32_t offset);
+  // Gives memory back: all of it, or what exceeds the usual capacity.
+  void ReleaseAll();
+  void ReleaseExcess();
 
-  bool Fits(std::uint32_t size) const { return size <= kCapacity - bytes.size(); }
+  bool Fits(std::uint32_t size) const { return bytes.empty() || bytes.size() + size <= kUsualCapacity; }
   // Throws "Unable to allocate memory"; nothing is appended then. Obtain room
   // for both parts of a record before either is appended.
   void Reserve(std::uint32_t size);

@@ -2,10 +2,10 @@
 // repack read blobs that have nothing to do with one another, whose digests
 // can be computed in parallel lanes.
 //
-// Add() reads whole records into one buffer until it is full, Verify()
-// digests them. A blob that is not there as the index says, or does not match
-// its hash, is merely not sound: what is wrong with it is for the careful
-// path of BlobFile::GetBlob to find out and report.
+// Add() collects what one buffer can hold, Verify() reads it, records that lie
+// together in one call, and digests it. A blob that is not there as the index
+// says, or does not match its hash, is merely not sound: what is wrong with it
+// is for the careful path of BlobFile::GetBlob to find out and report.
 #pragma once
 
 #include <array>
@@ -26,9 +26,11 @@ class BatchReader {
   // Starts the next batch.
   void Clear();
 
-  // Reads the blob of an entry. False when the batch is full.
+  // Notes the blob of an entry, whose file must stay. False when the batch is
+  // full.
   bool Add(const Hash& hash, const BlobFile::BlobFileEntry& entry);
 
+  // Reads and digests what was added.
   void Verify();
 
   std::size_t Count() const { return count; }
@@ -39,14 +41,21 @@ class BatchReader {
 
  private:
   struct Slot {
-    std::size_t data;  // place of the blob's data in the buffer
+    BlobFile* file;
+    std::uint32_t offset;  // of the record in the file
+    std::uint32_t size;    // of the blob
     Hash hash;
-    std::uint32_t size;
+    std::size_t data;  // place of the blob's data in the buffer
     bool sound;
+
+    std::uint64_t End() const { return std::uint64_t{offset} + format::kStoreHeadSize + size; }
   };
 
+  void ReadAll();
+  static void ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes);
+
   std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
-  std::size_t used = 0;
+  std::size_t used = 0;  // bytes of the records that were added
   std::size_t count = 0;
   std::array<Slot, kMaxBlobs> slots;
 };

@@ -42,12 +42,15 @@ std::int32_t BlobController::GetBlobSize(Hash const& hash) {
 }
 
 // Reads with the size that the index knows, whatever the buffer could hold.
+bool BlobController::ReadBlobQuickly(BlobPair& blob, BlobFile::BlobFileEntry const& entry) {
+  if (blob.buffer.size < entry.size) return false;
+  blob.buffer.size = entry.size;
+  return entry.file->GetBlobQuickly(blob, entry.offset);
+}
+
 bool BlobController::ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const {
   const std::uint32_t given = blob.buffer.size;
-  if (given >= entry.size) {
-    blob.buffer.size = entry.size;
-    if (entry.file->GetBlobQuickly(blob, entry.offset)) return true;
-  }
+  if (ReadBlobQuickly(blob, entry)) return true;
   bool found = false;
   try {
     found = entry.file->GetBlob(blob, entry.offset);
@@ -66,6 +69,9 @@ bool BlobController::ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& ent
 bool BlobController::GetBlob(BlobPair& blob) {
   const auto found = blobs.Find(blob.hash);
   if (found == blobs.end()) return false;
+  const std::uint32_t given = blob.buffer.size;
+  if (ReadBlobQuickly(blob, found->second)) return true;
+  blob.buffer.size = given;
   const BlobFile::BlobFileEntry entry = found->second;  // the index may be gone before the message is written
   try {
     return ReadBlob(blob, entry);
@@ -114,6 +120,17 @@ bool BlobController::DeleteFiles() {
   }
   trace::engine.WriteErrorV("BlobController::DeleteFiles() was successful.");
   return true;
+}
+
+void BlobController::Prefetch(const Hash* hashes, std::size_t count) const {
+  for (std::size_t i = 0; i < count; ++i) {
+    blobs.Prefetch(hashes[i]);
+    pendingByHash.Prefetch(hashes[i]);
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    blobs.PrefetchNode(hashes[i]);
+    pendingByHash.PrefetchNode(hashes[i]);
+  }
 }
 
 int BlobController::ResetHashCursor() {

@@ -52,7 +52,7 @@ BlobIndex::Node* BlobIndex::First(std::size_t bucket) const {
   const std::size_t last = LastBucket();
   while (bucket < last && buckets[bucket] == nullptr) ++bucket;
   if (bucket > last || buckets[bucket] == nullptr) return nullptr;
-  PrefetchFirst(bucket + kPrefetched);
+  PrefetchAhead(bucket);
   return Leftmost(buckets[bucket]);
 }
 
@@ -235,7 +235,7 @@ void BlobIndex::Resize(std::size_t blobs) noexcept {
 
   Node* last = nullptr;
   for (std::size_t bucket = 0; bucket < present; ++bucket) {
-    if (bucket + kPrefetched < present) __builtin_prefetch(before[bucket + kPrefetched]);
+    if (bucket + kRootsAhead < present) PrefetchNode(before[bucket + kRootsAhead]);
     Node* next = nullptr;
     for (Node* node = Flatten(before[bucket]); node != nullptr; node = next) {
       next = node->right;

@@ -30,10 +30,7 @@ std::string PathOf(const boost::shared_ptr<BlobFile>& file) {
 
 BlobController::Sizes BlobController::SizesOf() const {
   Sizes sizes;
-  for (const auto& [hash, entry] : blobs) {
-    sizes.largest = std::max(sizes.largest, entry.size);
-    sizes.total += entry.size;
-  }
+  for (const auto& [hash, entry] : blobs) sizes.Add(entry.size);
   return sizes;
 }
 

@@ -7,6 +7,12 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
+namespace {
+
+constexpr std::size_t kPrefetched = 8;  // entries ahead of the one that goes into the index
+
+}  // namespace
+
 bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b) {
   return a->header.sequence > b->header.sequence;
 }
@@ -127,12 +133,16 @@ void BlobController::Secure(BlobFile& file) const {
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
   bool isNew = false;
-  for (BlobFile::BlobFileEntry& entry : entries) {
+  blobs.Reserve(blobs.size() + entries.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    BlobFile::BlobFileEntry& entry = entries[i];
+    if (i + 2 * kPrefetched < entries.size()) blobs.Prefetch(entries[i + 2 * kPrefetched].hash);
+    if (i + kPrefetched < entries.size()) blobs.PrefetchNode(entries[i + kPrefetched].hash);
     switch (entry.op) {
       case format::kOpStore:
         entry.file = file;
         entry.valid = true;
-        blobs.FindOrMake(entry.hash, isNew)->second = entry;
+        blobs.FindOrMake(entry.hash, isNew)->second = std::move(entry);
         break;
       case format::kOpDelete:
         blobs.FindOrMake(entry.hash, isNew)->second.valid = false;

@@ -19,6 +19,8 @@
 
 namespace {
 
+constexpr std::size_t kPrefetched = 8;  // blobs ahead of the one that is copied
+
 // Leaves a repack that the embedder stopped. No std::exception: it is no
 // failure.
 struct Stopped {};
@@ -179,7 +181,8 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
   std::sort(entries.begin(), entries.end(), sortByTransaction);
   const BlobFile::Entries before = progress ? entries : BlobFile::Entries();
 
-  const Sizes sizes = SizesOf();
+  Sizes sizes;
+  for (const BlobFile::BlobFileEntry& entry : entries) sizes.Add(entry.size);
   BatchReader batch(sizes.largest, sizes.total, entries.size());
   bool hasRecords = false;
   bool isNew = false;
@@ -189,7 +192,9 @@ void BlobController::CopyBlobs(const BlobFilePtr& target) {
            batch.Add(entries[first + batch.Count()].hash, entries[first + batch.Count()])) {
     }
     batch.Verify();
+    for (std::size_t i = 0; i < batch.Count(); ++i) blobs.Prefetch(entries[first + i].hash);
     for (std::size_t i = 0; i < batch.Count(); ++i) {
+      if (i + kPrefetched < batch.Count()) blobs.PrefetchNode(entries[first + i + kPrefetched].hash);
       BlobFile::BlobFileEntry& entry = entries[first + i];
       BlobPair pair;
       pair.hash = entry.hash;

@@ -55,7 +55,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
     entry.transactionId = transactionId;
     write(entry);
     pending->second = entry;
-    pendingEntries.push_back(entry);
+    pendingEntries.push_back(std::move(entry));
     return true;
   } catch (...) {
     if (isNew) pendingByHash.Erase(pending);
