@@ -64,6 +64,7 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
   BlobController* store = registry::Find("BCPutMany", index);
   if (store == nullptr || count <= 0 || api::IsNull("BCPutMany", "blobs", blobs)) return 0;
   constexpr int kGroup = 64;
+  store->ExpectChanges(static_cast<std::size_t>(count));
   try {
     for (int first = 0; first < count; first += kGroup) {
       const int end = count - first < kGroup ? count : first + kGroup;

@@ -122,6 +122,10 @@ bool BlobController::DeleteFiles() {
   return true;
 }
 
+void BlobController::ExpectChanges(std::size_t count) noexcept {
+  pendingByHash.Reserve(pendingByHash.size() + count);
+}
+
 void BlobController::Prefetch(const Hash* hashes, std::size_t count) const {
   for (std::size_t i = 0; i < count; ++i) {
     blobs.Prefetch(hashes[i]);

@@ -69,6 +69,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // open transaction, which costs the time of one. As Store.
   bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
+  // Tells that so many changes follow.
+  BLOBRING_HIDDEN void ExpectChanges(std::size_t count) noexcept;
+
   // Tells that these hashes, some dozens, will be asked for next: their places
   // in the index are brought near, and no call waits for them one by one.
   BLOBRING_HIDDEN void Prefetch(const Hash* hashes, std::size_t count) const;

@@ -149,6 +149,9 @@ bool BlobController::EndTransaction(long long id) {
 // place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
+  const auto isStore = [](const BlobFile::BlobFileEntry& entry) { return entry.op == format::kOpStore; };
+  const auto stores = std::count_if(pendingEntries.begin(), pendingEntries.end(), isStore);
+  blobs.Reserve(blobs.size() + static_cast<std::size_t>(stores));
   pendingByHash.TakeAll([this](BlobIndex::Handle change) {
     const std::int32_t op = change->blob.second.op;
     switch (op) {

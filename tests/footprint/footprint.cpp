@@ -27,7 +27,7 @@ namespace fs = std::filesystem;
 constexpr int kBlobCount = 100'000;
 constexpr std::int64_t kNodeSize = sizeof(void*) == 4 ? 88 : 120;
 constexpr std::int64_t kDirectoryPerBlob = sizeof(void*);  // at most
-constexpr std::int64_t kKeptForCommits = 64 * 1024;        // a journal's record buffer, a list of changes
+constexpr std::int64_t kKeptForCommits = 160 * 1024;       // a journal's record buffer, a list of changes
 
 struct Figures {
   std::int64_t store, system, heap;
