@@ -1,6 +1,7 @@
 #include "pack/BlobFile.h"
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -20,6 +21,12 @@ constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kUsualCapacity / 2;
 // Where blobs come one by one to be put, larger data is copied too, so that it
 // can be digested beside the next one: a copy takes a tenth of a digest.
 constexpr std::uint32_t kMaxGatheredPut = 512 * 1024;
+
+// What a commit makes blank behind itself in a journal whose file is used
+// again: one write in some commits saves a flush in all of them.
+constexpr std::uint32_t kBlankAhead = 64 * 1024;
+// Past the end of a file there is nothing.
+constexpr std::uint32_t kBlankForever = std::numeric_limits<std::uint32_t>::max();
 
 char* Chars(unsigned char* bytes) {
   return reinterpret_cast<char*>(bytes);
@@ -88,6 +95,7 @@ void BlobFile::ReadHeader() {
   header = FileHeader::Decode(bytes);
   committed = header;
   headerSound = header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
+  blankEnd = 0;
 }
 
 bool BlobFile::UpdateHeader() {
@@ -155,6 +163,7 @@ bool BlobFile::Reset() {
   empty.sequence = format::kSequenceReset;
   empty.endOffset = format::kFileHeaderSize;
   Rewrite(empty);
+  blankEnd = 0;
   isDamaged = false;
   return true;
 }
@@ -192,7 +201,7 @@ bool BlobFile::StartTransaction(long long id) {
   RequireRoom(format::kStartSize);
   unsigned char record[format::kStartSize] = {};
   OpHeader{format::kOpStartTransaction, id}.Encode(record);
-  growsFile = mode == Journal && file.size() == header.endOffset;
+  FindBlank();
   gather.Restart(header.endOffset);
   gather.Reserve(sizeof record);
   gather.Append(record, sizeof record);
@@ -302,20 +311,46 @@ bool BlobFile::EndTransaction(long long id) {
   FileHeader next = header;
   next.endOffset = end + format::kEndSize;
   next.recordCount += 1;
+  // Until this succeeds, what was written lies where the next attempt goes.
+  const std::uint32_t blank = std::exchange(blankEnd, 0);
   try {
-    WriteEnd(id, whole);
+    const std::uint32_t blankNext = WriteEnd(id, whole, blank);
     Rewrite(next);
+    blankEnd = blankNext;
   } catch (...) {
     gather.Truncate(end);
-    growsFile = false;  // what was written now lies where the next attempt goes
     throw;
   }
   ForgetGathered();
   return true;
 }
 
-// Everything of the transaction but its header, flushed.
-void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
+// Blank space is only ever looked for, and made, in a journal: the one
+// transaction of a pack does not pay for it.
+void BlobFile::FindBlank() {
+  if (mode == Journal && file.size() == header.endOffset) blankEnd = kBlankForever;
+}
+
+// Makes space behind a transaction blank that is not yet, as far as the file
+// reaches; it is flushed with what follows. Returns where the blank space then
+// ends. Where it cannot be written there is none: that costs a flush later.
+std::uint32_t BlobFile::BlankBehind(std::uint32_t end, std::uint32_t from) noexcept {
+  static unsigned char zeros[kBlankAhead];
+  try {
+    const std::uint32_t length = LengthOf(file);
+    if (from >= length) return kBlankForever;
+    const std::uint32_t until = std::min(length, end + kBlankAhead);
+    if (until > from) WriteAt(from, zeros, until - from);
+    return until == length ? kBlankForever : until;
+  } catch (const std::exception&) {
+    return 0;
+  }
+}
+
+// Everything of the transaction but its header, flushed where that is needed
+// before the header. Takes where the blank space ends, and returns where it
+// does once the header is flushed.
+std::uint32_t BlobFile::WriteEnd(long long id, const TransactionBlock& whole, std::uint32_t blank) {
   unsigned char endRecord[format::kEndSize];
   OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
   unsigned char blockBytes[format::kBlockSize];
@@ -328,11 +363,16 @@ void BlobFile::WriteEnd(long long id, const TransactionBlock& whole) {
   gather.WriteOut(file);
   if (!blockGathered) WriteAt(blockOffset, blockBytes, sizeof blockBytes);
 
+  const std::uint32_t end = gather.End();
+  const bool isInBlank = end <= blank;
+  std::uint32_t next = isInBlank ? blank : end;
+  if (mode == Journal && next - end < kBlankAhead / 2) next = BlankBehind(end, next);
+
   // Records before header: a header that counts these must never meet
-  // others in their place. In a journal that grows there are no others: what
-  // does not reach the disk is zeros or missing, which a load tells from
-  // records, and the flush of the header is enough.
-  if (growsFile || file.flush()) return;
+  // others in their place. In blank space there are no others: what does not
+  // reach the disk is zeros or missing, which a load tells from records, and
+  // the flush of the header is enough.
+  if (isInBlank || file.flush()) return next;
   inDoubt = true;
   ThrowNotFlushed("records", GetLastError());
 }
@@ -342,6 +382,7 @@ void BlobFile::CancelTransaction() {
   header = committed;
   header.sequence = sequence;
   block = TransactionBlock{};
+  if (gather.WrittenEnd() > header.endOffset) blankEnd = 0;
   ForgetGathered();
 }
 
@@ -407,6 +448,7 @@ void BlobFile::KeepLoaded() {
     FileHeader whole = header;
     whole.recordCount = loadedCount;
     whole.endOffset = loadedEnd;
+    blankEnd = 0;
     Rewrite(whole);
   } catch (const std::exception& e) {
     inDoubt = true;

@@ -4,11 +4,13 @@
 // Commit: records count once the header that counts them has been rewritten.
 // The records are flushed before it, and it is flushed before anyone is told:
 // whatever part of the unflushed sectors a power cut leaves, the header on
-// disk never counts a record that is not there. A journal that ends where its
-// records end needs one flush for both: past its end there are no bytes that
-// a load could take for records, so that a header which reached the disk
-// without its transaction counts something that is plainly not there, and the
-// load goes back to the transactions before it. Bytes past header.endOffset
+// disk never counts a record that is not there. A journal needs one flush for
+// both where the transaction lies in blank space: past the end of the file, or
+// over zeros that are known to be on disk. There are no bytes that a load could
+// take for records, so that a header which reached the disk without its
+// transaction counts something that is plainly not there, and the load goes
+// back to the transactions before it. In a journal whose file is used again,
+// commits blank some of what lies ahead of them. Bytes past header.endOffset
 // are leftovers that the next write covers.
 //
 // After a failed flush nobody knows what the disk holds: InDoubt() is true
@@ -166,7 +168,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void DigestGathered();
   BLOBRING_HIDDEN void EmptyGathered();
   BLOBRING_HIDDEN void ForgetGathered();
-  BLOBRING_HIDDEN void WriteEnd(long long id, const format::TransactionBlock& whole);
+  BLOBRING_HIDDEN void FindBlank();
+  BLOBRING_HIDDEN std::uint32_t BlankBehind(std::uint32_t end, std::uint32_t from) noexcept;
+  BLOBRING_HIDDEN std::uint32_t WriteEnd(long long id, const format::TransactionBlock& whole, std::uint32_t blank);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN void RestoreHeader();
   BLOBRING_HIDDEN void ReplayCutOff(Entries& out, std::uint32_t length);
@@ -187,8 +191,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   format::FileHeader committed;  // as it is on disk
   BlobFileMode mode = Journal;   // what Init was told, whatever the file says
   bool digestedBeside = false;   // the key of what is stored next
-  bool growsFile = false;        // the open transaction lies past the end of a journal
-  bool headerSound = true;       // false: one that this class cannot have written
+  // Where the blank space ends that follows the committed records of a journal.
+  std::uint32_t blankEnd = 0;
+  bool headerSound = true;  // false: one that this class cannot have written
   bool inDoubt = false;
   bool isDamaged = false;
   std::uint32_t loadedCount = 0;  // what the last Load found whole: records, and where they end

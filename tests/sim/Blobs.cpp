@@ -14,6 +14,14 @@ namespace {
 // written over them. A record is 36 bytes longer than its blob, a transaction
 // of one record 56 bytes longer than that: 420 fills one sector, 932 two.
 constexpr int kSizes[] = {60, 60, 420, 3, 60, 700, 60, 476, 932, 60, 1500, 60, 420};
+constexpr int kLargeSizes[] = {20'000, kLargestBlob};
+
+// Blob 0 is the empty one, and blob 1 a single byte.
+std::size_t SizeOf(int id) {
+  if (id < 2) return static_cast<std::size_t>(id);
+  return static_cast<std::size_t>(id < kLarge ? kSizes[static_cast<std::size_t>(id) % std::size(kSizes)]
+                                              : kLargeSizes[id - kLarge]);
+}
 
 struct Universe {
   std::array<Blob, kAllBlobs> blobs;
@@ -24,10 +32,7 @@ struct Universe {
     for (int id = 0; id < kAllBlobs; ++id) {
       Blob& blob = blobs[static_cast<std::size_t>(id)];
       Random random(static_cast<std::uint64_t>(id) + 1000);
-      // Blob 0 is the empty one, and blob 1 a single byte.
-      const std::size_t size = id < 2
-                                   ? static_cast<std::size_t>(id)
-                                   : static_cast<std::size_t>(kSizes[static_cast<std::size_t>(id) % std::size(kSizes)]);
+      const std::size_t size = SizeOf(id);
       blob.data.resize(size);
       for (unsigned char& byte : blob.data) byte = static_cast<unsigned char>(random.Next());
       if (BCMD5ChkSumInt(blob.data.data(), static_cast<unsigned>(size), blob.hash) != 1)

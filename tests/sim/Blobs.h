@@ -2,6 +2,7 @@
 // holds is a set of bits.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,7 +16,11 @@ using Mask = std::uint64_t;  // bit i: blob i is there
 constexpr int kBlobCount = 40;
 constexpr int kProbe = 40;
 constexpr int kLaterProbe = 41;
-constexpr int kAllBlobs = 42;
+// Two that fill several writes of a journal, for scripts alone.
+constexpr int kLarge = 42;
+constexpr int kLarger = 43;
+constexpr int kAllBlobs = 44;
+constexpr std::size_t kLargestBlob = 100'000;
 
 struct Blob {
   std::vector<unsigned char> data;

@@ -50,6 +50,7 @@ INSTANTIATE_TEST_SUITE_P(
         Mutant{"the records are not flushed before the header", kJournalUsedAgain, {.step = 'E', .lieAboutFlush = 1}},
         Mutant{"records and header are not flushed before the answer", kCommits, {.step = 'E', .lieAboutFlush = 1}},
         Mutant{"the header is not flushed before the answer", kJournalUsedAgain, {.step = 'E', .lieAboutFlush = 2}},
+        Mutant{"what lies ahead is not made blank", kJournalUsedAgain, {.step = 'E', .loseZeros = ".jrn"}},
         Mutant{"the header comes before the records", kJournalUsedAgain, {.step = 'E', .headerFirst = ".jrn"}}));
 
 // A pack whose records alone are not flushed is no mutant: its one digest lies

@@ -78,6 +78,7 @@ void PowerCut::BeforeStep(void* context, const Step& step) {
   if (self->breakage_.lieAboutFlush > 0) sim::Files().LieAboutFlush(self->breakage_.lieAboutFlush);
   if (!self->breakage_.headerFirst.empty()) sim::Files().PutHeaderFirst(self->breakage_.headerFirst);
   if (!self->breakage_.neverFlush.empty()) sim::Files().NeverFlush(self->breakage_.neverFlush);
+  if (!self->breakage_.loseZeros.empty()) sim::Files().LoseZeros(self->breakage_.loseZeros);
   if (self->breakage_.renameNotSynced) sim::Files().LeaveRenamesPending();
 }
 

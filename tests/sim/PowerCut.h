@@ -73,6 +73,7 @@ class PowerCut {
     unsigned lieAboutFlush = 0;  // this flush of the step
     std::string headerFirst{};   // in files of this suffix
     std::string neverFlush{};    // files of this suffix
+    std::string loseZeros{};     // written to files of this suffix
     bool renameNotSynced = false;
   };
   void Break(const Breakage& breakage) { breakage_ = breakage; }

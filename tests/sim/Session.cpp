@@ -142,7 +142,7 @@ Mask Session::List() {
 }
 
 bool Session::ReadAll(Mask blobs) {
-  static unsigned char buffer[4096];
+  static unsigned char buffer[kLargestBlob];
   for (int id = 0; id < kAllBlobs; ++id) {
     if ((blobs & Bit(id)) == 0) continue;
     Blob& blob = BlobOf(id);

@@ -43,6 +43,9 @@ constexpr const char* kScripts[] = {
     "3: S +4 E S +6 E R S +9 E R S +11 E P S +14 E S +17 E R S +19 E R G",
     // Killed and reopened, then the power cut.
     "2: S +4 E K S +6 E K R K S +9 E K C S +11 E",
+    // A long journal used again: commits blank a part of what lies ahead, and
+    // that part is used up.
+    "2: S +43 E R R S +4 E S +42 E S -42 +6 E S +42 E S +11 E",
     // A blob deleted and stored again, within and across transactions.
     "2: S +4 *2 E S -4 *4 E S -2 E S +2 -2 +2 E S +6 -6 E R S -4 E S +4 E O R G",
 };
@@ -58,7 +61,7 @@ Workload Parse(const std::string& text, std::string name) {
   if (colon != ':' || workload.slots < 1 || workload.slots > 3) throw std::invalid_argument("script: " + text);
   for (std::string word; in >> word;) {
     const int argument = word.size() > 1 ? std::atoi(word.c_str() + 1) : 0;
-    if (std::string("S+*-ERGOKCJTP").find(word[0]) == std::string::npos || argument < 0 || argument >= kBlobCount)
+    if (std::string("S+*-ERGOKCJTP").find(word[0]) == std::string::npos || argument < 0 || argument >= kAllBlobs)
       throw std::invalid_argument("script step: " + word);
     workload.steps.push_back({word[0], argument});
   }

@@ -44,6 +44,7 @@ void SimFiles::BehaveAgain() {
   lieCountdown_ = 0;
   headerFirst_ = false;
   neverFlushSuffix_.clear();
+  loseZerosSuffix_.clear();
   renamesPending_ = false;
   misbehaved_ = false;
 }
@@ -178,6 +179,12 @@ bool SimFiles::IsEarlyHeader(const Handle& handle, DWORD size) const {
   return headerFirst_ && handle.position == 0 && size == kHeaderSize && EndsWith(handle.path, headerFirstSuffix_);
 }
 
+bool SimFiles::IsLost(const Handle& handle, const void* buffer, DWORD size) const {
+  if (loseZerosSuffix_.empty() || !EndsWith(handle.path, loseZerosSuffix_)) return false;
+  const auto* bytes = static_cast<const unsigned char*>(buffer);
+  return std::all_of(bytes, bytes + size, [](unsigned char byte) { return byte == 0; });
+}
+
 BOOL SimFiles::Write(HANDLE file, const void* buffer, DWORD size, DWORD* transferred) {
   *transferred = 0;
   const Fault fault = Begin(Call::WriteFile);
@@ -194,6 +201,8 @@ BOOL SimFiles::Write(HANDLE file, const void* buffer, DWORD size, DWORD* transfe
   if (IsEarlyHeader(*handle, size)) {
     disk.WriteThrough(handle->inode, 0, buffer, size);
     handle->headerWritten = misbehaved_ = true;
+  } else if (IsLost(*handle, buffer, size)) {
+    misbehaved_ = true;
   } else {
     disk.Write(handle->inode, static_cast<std::uint32_t>(handle->position), buffer, count);
   }

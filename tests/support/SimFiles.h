@@ -47,6 +47,8 @@ class SimFiles {
   void PutHeaderFirst(std::string suffix);
   // No flush of such files makes anything durable.
   void NeverFlush(std::string suffix) { neverFlushSuffix_ = std::move(suffix); }
+  // Zeros that are written to such files get lost.
+  void LoseZeros(std::string suffix) { loseZerosSuffix_ = std::move(suffix); }
   // A rename waits for the next sync of its directory.
   void LeaveRenamesPending() { renamesPending_ = true; }
   // Ends them all. Misbehaved: one of them has had an effect since.
@@ -116,6 +118,7 @@ class SimFiles {
   void FinishFlush(Handle& handle);
   bool Lies(const Handle& handle);
   bool IsEarlyHeader(const Handle& handle, DWORD size) const;
+  bool IsLost(const Handle& handle, const void* buffer, DWORD size) const;
   void ReleaseHandles();
   BOOL FillFindData(Handle& handle, WIN32_FIND_DATAW* data);
 
@@ -130,6 +133,7 @@ class SimFiles {
   bool misbehaved_ = false;
   std::string headerFirstSuffix_;
   std::string neverFlushSuffix_;
+  std::string loseZerosSuffix_;
   std::string from_, to_;  // paths of the call at work
 };
 
