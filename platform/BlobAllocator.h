@@ -32,8 +32,9 @@ class BlobAllocator {
 
   // Throws std::runtime_error("Unable to allocate memory").
   T* allocate(std::size_t n) {
-    if (n > std::numeric_limits<std::size_t>::max() / sizeof(T)) throw std::runtime_error("Unable to allocate memory");
-    return static_cast<T*>(pooled::Acquire(n * sizeof(T), Pool, Tag));
+    constexpr std::size_t kSize = sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
+    if (n > std::numeric_limits<std::size_t>::max() / kSize) throw std::runtime_error("Unable to allocate memory");
+    return static_cast<T*>(pooled::Acquire(n * kSize, Pool, Tag));
   }
 
   // The containers release from functions that may not throw, and a vector
