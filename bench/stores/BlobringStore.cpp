@@ -55,11 +55,16 @@ class BlobringStore : public Store {
 
   void Compact() override { RequireOne(BCRepack(index), "BCRepack"); }
 
+  // Asks with the room that there is, and once more where it was too little.
   void Get(const Key& key, std::string& out) override {
-    const int size = BCGetSize(index, Bytes(key));
-    Require(size >= 0, kBlobring, "BCGetSize");
+    int size = 0;
+    int result = Fetch(key, out, size);
+    if (result == BLOBRING_TOO_SMALL) {
+      out.resize(static_cast<std::size_t>(size));
+      result = Fetch(key, out, size);
+    }
+    Require(result == BLOBRING_FETCHED, kBlobring, "BCFetch");
     out.resize(static_cast<std::size_t>(size));
-    Require(BCGet(index, Bytes(key), reinterpret_cast<unsigned char*>(out.data()), size) == 0, kBlobring, "BCGet");
   }
 
   // Every fetch is compared with its key.
@@ -85,6 +90,11 @@ class BlobringStore : public Store {
   bool VerifiesAtOpen() const override { return true; }
 
  private:
+  int Fetch(const Key& key, std::string& out, int& size) const {
+    return BCFetch(index, key.data(), reinterpret_cast<unsigned char*>(out.data()), static_cast<int>(out.size()),
+                   &size);
+  }
+
   void Start() { RequireOne(BCStartTransaction(index, &id), "BCStartTransaction"); }
 
   void End() {
