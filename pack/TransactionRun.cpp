@@ -11,7 +11,8 @@ namespace {
 // Read at a time of a transaction that the scanner does not hold whole; whole
 // blocks of the digest.
 constexpr std::uint32_t kPieceSize = 64 * 1024;
-// Held of short transactions, so that few of them have to be read one by one.
+// Held from the first transaction on, so that short ones are seldom read one
+// by one.
 constexpr std::uint32_t kLookAhead = 32 * 1024;
 constexpr std::uint32_t kDigestBlock = 64;
 
@@ -33,12 +34,11 @@ std::size_t TransactionRun::Find(std::uint32_t end, std::int32_t remaining) {
   unsigned char* const start = bytes + format::kEndSize;
   if (at > end || end - at < kLeastSize) return 0;
   scanner.ReadAt(at, start, format::kStartSize);
-  for (std::int32_t left = remaining; left >= kLeastRecords && count < kMostTransactions; left -= kLeastRecords) {
+  for (std::int32_t left = remaining; left >= kLeastRecords && count < kMost; left -= kLeastRecords) {
     if (OpHeader::Decode(start).op != format::kOpStartTransaction) break;
     const TransactionBlock block = TransactionBlock::Decode(start + format::kOpHeaderSize);
     if (block.length == 0 || block.length > end - at - kLeastSize) break;
     const std::uint32_t next = at + kLeastSize + block.length;
-    if (!HasRoomFor(next)) break;
     const bool isLast = end - next < kLeastSize;
     scanner.ReadAt(next - format::kEndSize, bytes, isLast ? format::kEndSize : sizeof bytes);
     if (OpHeader::Decode(bytes).op != format::kOpEndTransaction) break;
@@ -47,11 +47,6 @@ std::size_t TransactionRun::Find(std::uint32_t end, std::int32_t remaining) {
     if (isLast) break;
   }
   return count;
-}
-
-// As many as there are lanes; more only where they need no room for pieces.
-bool TransactionRun::HasRoomFor(std::uint32_t end) const {
-  return count < kMostLanes || !scanner.Held(end - 1).empty();
 }
 
 void TransactionRun::Add(std::uint32_t start, const TransactionBlock& block, std::int32_t remaining) {
@@ -68,7 +63,7 @@ void TransactionRun::Add(std::uint32_t start, const TransactionBlock& block, std
 
 void TransactionRun::Digest() {
   std::size_t room = 0;
-  std::array<MD5Message, kMostTransactions> messages;
+  std::array<MD5Message, kMost> messages;
   for (std::size_t i = 0; i < count; ++i) {
     found[i].pieceAt = room;
     room += found[i].pieceRoom;

@@ -23,8 +23,7 @@
 
 class TransactionRun {
  public:
-  static constexpr std::size_t kMostLanes = 16;
-  static constexpr std::size_t kMostTransactions = 64;  // so that short and long ones keep all lanes busy
+  static constexpr std::size_t kMost = 16;  // transactions; the most lanes of any processor
 
   TransactionRun(FileScanner& fileScanner, LoadProgress& loadProgress);
   TransactionRun(const TransactionRun&) = delete;
@@ -65,12 +64,11 @@ class TransactionRun {
   };
 
   void Add(std::uint32_t start, const format::TransactionBlock& block, std::int32_t remaining);
-  bool HasRoomFor(std::uint32_t end) const;
 
   FileScanner& scanner;
   LoadProgress& progress;
-  std::array<Member, kMostTransactions> found;
+  std::array<Member, kMost> found;
   std::size_t count = 0;
   std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> pieces;
-  std::uint32_t digested = 0;  // up to where that many bytes in order would reach
+  std::uint32_t digested = 0;  // where the bytes digested so far would end if they came in order
 };
