@@ -40,7 +40,7 @@ Replay::Replay(BlobFile& file, BlobFile::Entries& entries, std::uint32_t fileLen
 
 bool Replay::Run() {
   FileScanner scanner(target.file, format::kFileHeaderSize, length);
-  TransactionRun run(scanner, progress);
+  std::optional<TransactionRun> run(std::in_place, scanner, progress);
   while (remaining != 0) {
     if (remaining < 0 || scanner.Left() == 0) return MissingRecords(remaining);
     if (TakeMany(scanner, run)) continue;
@@ -56,28 +56,31 @@ bool Replay::Run() {
 
 // The transactions that come next, up to the first that is not whole. False
 // when that is the next one, or when it stands alone. A failure is not
-// reported: whoever takes the transactions one by one will meet it, if it lasts.
-bool Replay::TakeMany(FileScanner& scanner, TransactionRun& run) {
+// reported: who takes the transactions one by one will meet it, if it lasts.
+// From the first fault on that is the only way, so that no byte is digested
+// more than twice, and without the memory that this one takes.
+bool Replay::TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run) {
   constexpr std::int32_t kFewestRecords = 2 * 3;  // of two transactions
-  if (!manyAtATime || remaining < kFewestRecords) return false;
-  manyAtATime = false;  // unless nothing is amiss: bytes may be digested twice, but not each time again
+  if (!run || remaining < kFewestRecords) return false;
   const std::uint32_t from = scanner.Offset();
+  bool nothingAmiss = false;
   try {
-    const std::size_t count = run.Find(std::min(length, target.header.endOffset), remaining);
+    const std::size_t count = run->Find(std::min(length, target.header.endOffset), remaining);
     std::size_t taken = 0;
     if (count > 1) {
-      run.Digest();
-      for (; taken < count && run.IsWhole(taken, remaining); ++taken) {
-        BlobFile::Entries& entries = run.Entries(taken);
+      run->Digest();
+      for (; taken < count && run->IsWhole(taken, remaining); ++taken) {
+        BlobFile::Entries& entries = run->Entries(taken);
         out.insert(out.end(), std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end()));
         remaining -= static_cast<std::int32_t>(entries.size()) + 2;
-        scanner.SkipTo(run.EndOf(taken));
+        scanner.SkipTo(run->EndOf(taken));
         MarkWhole(scanner.Offset());
       }
     }
-    manyAtATime = count < 2 || taken == count;
+    nothingAmiss = count < 2 || taken == count;
   } catch (const std::exception&) {
   }
+  if (!nothingAmiss) run.reset();
   return scanner.Offset() != from;
 }
 

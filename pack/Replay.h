@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "pack/BlobFile.h"
 #include "pack/LoadProgress.h"
@@ -29,7 +30,7 @@ class Replay {
   bool Run();
 
  private:
-  bool TakeMany(FileScanner& scanner, TransactionRun& run);
+  bool TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run);
   bool Step(FileScanner& scanner, std::uint32_t offset, const format::OpHeader& record);
   bool Transaction(FileScanner& scanner, const format::OpHeader& start);
   bool Single(FileScanner& scanner, std::uint32_t offset, const format::OpHeader& record);
@@ -45,5 +46,4 @@ class Replay {
   const std::uint32_t length;
   std::int32_t remaining;
   LoadProgress progress;
-  bool manyAtATime = true;
 };

@@ -34,17 +34,18 @@ std::size_t TransactionRun::Find(std::uint32_t end, std::int32_t remaining) {
   unsigned char* const start = bytes + format::kEndSize;
   if (at > end || end - at < kLeastSize) return 0;
   scanner.ReadAt(at, start, format::kStartSize);
-  for (std::int32_t left = remaining; left >= kLeastRecords && count < kMost; left -= kLeastRecords) {
+  std::int32_t left = remaining;
+  while (count < kMost && left >= kLeastRecords && end - at >= kLeastSize) {
     if (OpHeader::Decode(start).op != format::kOpStartTransaction) break;
     const TransactionBlock block = TransactionBlock::Decode(start + format::kOpHeaderSize);
     if (block.length == 0 || block.length > end - at - kLeastSize) break;
     const std::uint32_t next = at + kLeastSize + block.length;
-    const bool isLast = end - next < kLeastSize;
-    scanner.ReadAt(next - format::kEndSize, bytes, isLast ? format::kEndSize : sizeof bytes);
+    const std::uint32_t endRecord = next - format::kEndSize;
+    scanner.ReadAt(endRecord, bytes, std::min<std::uint32_t>(sizeof bytes, end - endRecord));
     if (OpHeader::Decode(bytes).op != format::kOpEndTransaction) break;
     Add(at, block, remaining);
     at = next;
-    if (isLast) break;
+    left -= kLeastRecords;
   }
   return count;
 }
