@@ -12,7 +12,8 @@ namespace {
 
 // Keeps the lanes filled: gives a lane the next message when its own is done,
 // and closes the gaps when no more are left. Lanes 0 to inUse - 1 have blocks
-// to do. A lane does the blocks where the message lies, then those of its tail.
+// to do. A lane does the blocks of one piece after the other where they lie,
+// then those of the message's tail.
 class Scheduler {
  public:
   Scheduler(const MD5Message* messages, std::size_t count, const LaneEngine* laneEngine)
@@ -38,6 +39,8 @@ class Scheduler {
   struct Job {
     std::size_t blocksLeft;  // at lanes.next
     std::size_t tailBlocks;  // yet to follow them
+    std::uint64_t size;      // of the message, as far as it is known, in bytes
+    MD5Source* rest;         // null once the last piece is here
     std::uint8_t* tail;      // room for two blocks; the lane's for good
     std::uint8_t* digest;
   };
@@ -45,23 +48,44 @@ class Scheduler {
   void Start(std::size_t lane) {
     const MD5Message& message = *waiting++;
     Job& job = jobs[lane];
-    const std::size_t tailSize = message.size % kBlockSize;
-    const std::uint64_t bits = std::uint64_t{message.size} << 3;
-    const std::uint32_t bitCount[2] = {static_cast<std::uint32_t>(bits), static_cast<std::uint32_t>(bits >> 32)};
     for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = kInitialState[i];
-    lanes.next[lane] = message.data;
-    if (tailSize != 0) std::memcpy(job.tail, message.data + (message.size - tailSize), tailSize);
-    job.tailBlocks = PadTail(job.tail, tailSize, bitCount);
-    job.blocksLeft = message.size / kBlockSize;
+    job.size = 0;
+    job.rest = message.rest;
     job.digest = message.digest;
-    if (job.blocksLeft == 0) TurnToTail(lane);
+    Take(lane, {message.data, message.size}, message.rest == nullptr);
+    if (job.blocksLeft == 0) GoOn(lane);
   }
 
-  void TurnToTail(std::size_t lane) {
+  // The next piece of the message in a lane, which ends it unless there are
+  // whole blocks alone.
+  void Take(std::size_t lane, std::span<const std::uint8_t> piece, bool isLast) {
     Job& job = jobs[lane];
+    const std::size_t tailSize = piece.size() % kBlockSize;
+    lanes.next[lane] = piece.data();
+    job.blocksLeft = piece.size() / kBlockSize;
+    job.size += piece.size();
+    job.tailBlocks = 0;
+    if (!isLast && tailSize == 0) return;
+    const std::uint64_t bits = job.size << 3;
+    const std::uint32_t bitCount[2] = {static_cast<std::uint32_t>(bits), static_cast<std::uint32_t>(bits >> 32)};
+    if (tailSize != 0) std::memcpy(job.tail, piece.data() + (piece.size() - tailSize), tailSize);
+    job.tailBlocks = PadTail(job.tail, tailSize, bitCount);
+    job.rest = nullptr;
+  }
+
+  // Gives a lane whose blocks are done the ones that follow. False: none do.
+  bool GoOn(std::size_t lane) {
+    Job& job = jobs[lane];
+    if (job.rest != nullptr) {
+      const std::span<const std::uint8_t> piece = job.rest->Next();
+      Take(lane, piece, piece.empty());
+      if (job.blocksLeft != 0) return true;
+    }
+    if (job.tailBlocks == 0) return false;
     lanes.next[lane] = job.tail;
     job.blocksLeft = job.tailBlocks;
     job.tailBlocks = 0;
+    return true;
   }
 
   void CompressFirst(std::size_t working, std::size_t blockCount) {
@@ -87,11 +111,7 @@ class Scheduler {
     Job& job = jobs[lane];
     lanes.next[lane] += blockCount * kBlockSize;
     job.blocksLeft -= blockCount;
-    if (job.blocksLeft != 0) return;
-    if (job.tailBlocks != 0) {
-      TurnToTail(lane);
-      return;
-    }
+    if (job.blocksLeft != 0 || GoOn(lane)) return;
     std::uint32_t state[4];
     CopyState(lane, state);
     Encode(job.digest, state, 4);

@@ -15,7 +15,7 @@ FileScanner::FileScanner(File& source, std::uint32_t offset, std::uint32_t end)
     : file(source), position(offset), length(end) {}
 
 std::span<const unsigned char> FileScanner::Next(std::uint32_t max) {
-  if (position < bufferStart || position >= bufferStart + buffered) Fill(max);
+  if (Held(position).empty()) Fill(max);
   const std::uint32_t at = position - bufferStart;
   const std::uint32_t size = std::min(max, buffered - at);
   position += size;
@@ -51,4 +51,23 @@ void FileScanner::Read(unsigned char* bytes, std::uint32_t size) {
     bytes += piece.size();
     size -= static_cast<std::uint32_t>(piece.size());
   }
+}
+
+void FileScanner::Prefetch(std::uint32_t size) {
+  if (Held(position).size() < std::min(size, Left())) Fill(size);
+}
+
+std::span<const unsigned char> FileScanner::Held(std::uint32_t offset) const {
+  if (offset < bufferStart || offset - bufferStart >= buffered) return {};
+  return {buffer.data() + (offset - bufferStart), buffered - (offset - bufferStart)};
+}
+
+void FileScanner::ReadAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) const {
+  const std::span<const unsigned char> held = Held(offset);
+  if (held.size() >= size) {
+    std::memcpy(bytes, held.data(), size);
+    return;
+  }
+  file.seek(offset);
+  file.read(reinterpret_cast<char*>(bytes), size);
 }

@@ -25,6 +25,18 @@ class FileScanner {
   // Exactly size bytes.
   void Read(unsigned char* bytes, std::uint32_t size);
 
+  // For a look ahead, which leaves the position where it is.
+  // Makes the buffer hold size bytes (at most 32 KiB) from the position on, or
+  // all that are left.
+  void Prefetch(std::uint32_t size);
+  // What the buffer holds from offset on, maybe nothing. Valid until a call
+  // that reads or prefetches.
+  std::span<const unsigned char> Held(std::uint32_t offset) const;
+  // Exactly size bytes from offset on, past the buffer if it does not hold them.
+  void ReadAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) const;
+  // Moves on to offset, at most the end.
+  void SkipTo(std::uint32_t offset) { position = offset; }
+
  private:
   void Fill(std::uint32_t wanted);
 

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "pack/FileScanner.h"
 #include "pack/RecordParser.h"
+#include "pack/TransactionRun.h"
 #include "platform/Trace.h"
 
 using format::OpHeader;
@@ -30,20 +32,18 @@ class EntriesGuard {
 }  // namespace
 
 Replay::Replay(BlobFile& file, BlobFile::Entries& entries, std::uint32_t fileLength)
-    : target(file), out(entries), length(fileLength), remaining(static_cast<std::int32_t>(file.header.recordCount)) {}
-
-// A load cannot be stopped: half an index would pass for a whole one.
-void Replay::Report(std::uint32_t offset) {
-  constexpr std::uint32_t kStep = 1024 * 1024;
-  if (target.loadProgress == nullptr || offset - reported < kStep) return;
-  reported = offset;
-  target.loadProgress->Stops(ProgressCall::kLoad, offset, std::max(offset, target.header.endOffset));
-}
+    : target(file),
+      out(entries),
+      length(fileLength),
+      remaining(static_cast<std::int32_t>(file.header.recordCount)),
+      progress(file.loadProgress, file.header.endOffset) {}
 
 bool Replay::Run() {
   FileScanner scanner(target.file, format::kFileHeaderSize, length);
+  std::optional<TransactionRun> run(std::in_place, scanner, progress);
   while (remaining != 0) {
     if (remaining < 0 || scanner.Left() == 0) return MissingRecords(remaining);
+    if (TakeMany(scanner, run)) continue;
     --remaining;
     const std::uint32_t offset = scanner.Offset();
     unsigned char bytes[format::kOpHeaderSize];
@@ -52,6 +52,36 @@ bool Replay::Run() {
     if (!Step(scanner, offset, record)) return false;
   }
   return true;
+}
+
+// The transactions that come next, up to the first that is not whole. False
+// when that is the next one, or when it stands alone. A failure is not
+// reported: who takes the transactions one by one will meet it, if it lasts.
+// From the first fault on that is the only way, so that no byte is digested
+// more than twice, and without the memory that this one takes.
+bool Replay::TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run) {
+  constexpr std::int32_t kFewestRecords = 2 * 3;  // of two transactions
+  if (!run || remaining < kFewestRecords) return false;
+  const std::uint32_t from = scanner.Offset();
+  bool nothingAmiss = false;
+  try {
+    const std::size_t count = run->Find(std::min(length, target.header.endOffset), remaining);
+    std::size_t taken = 0;
+    if (count > 1) {
+      run->Digest();
+      for (; taken < count && run->IsWhole(taken, remaining); ++taken) {
+        BlobFile::Entries& entries = run->Entries(taken);
+        out.insert(out.end(), std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end()));
+        remaining -= static_cast<std::int32_t>(entries.size()) + 2;
+        scanner.SkipTo(run->EndOf(taken));
+        MarkWhole(scanner.Offset());
+      }
+    }
+    nothingAmiss = count < 2 || taken == count;
+  } catch (const std::exception&) {
+  }
+  if (!nothingAmiss) run.reset();
+  return scanner.Offset() != from;
 }
 
 bool Replay::Step(FileScanner& scanner, std::uint32_t offset, const OpHeader& record) {
@@ -127,7 +157,7 @@ bool Replay::Transaction(FileScanner& scanner, const OpHeader& start) {
     md5.update(piece.data(), static_cast<unsigned>(piece.size()));
     parser.Feed(piece);
     left -= static_cast<std::uint32_t>(piece.size());
-    Report(scanner.Offset());
+    progress.Reached(scanner.Offset());
   }
   md5.finalize();
   unsigned char digest[format::kDigestSize];

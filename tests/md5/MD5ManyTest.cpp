@@ -1,8 +1,10 @@
 // Two messages and many: whatever computes them, each has its own digest.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -140,6 +142,79 @@ TEST(DigestMany, FinishesALongMessageThatIsLeftAlone) {
     Messages messages;
     for (std::size_t i = 0; i < 20; ++i) messages.Add(i == place ? 100001 : 10 * i);
     messages.CheckAll();
+  }
+}
+
+// The bytes behind `from`, in pieces of one size, each in an allocation that
+// is gone when the next one is asked for. Fails after `pieces` of them.
+class Pieces final : public MD5Source {
+ public:
+  Pieces(std::string_view whole, std::size_t from, std::size_t pieceSize, std::size_t pieces = SIZE_MAX)
+      : rest(whole.substr(from)), size(pieceSize), left(pieces) {}
+
+  std::span<const std::uint8_t> Next() override {
+    if (left-- == 0) throw std::runtime_error("no piece");
+    EXPECT_FALSE(ended) << "asked again behind the last piece";
+    const std::size_t length = std::min(size, rest.size());
+    piece = std::make_unique<std::uint8_t[]>(length);
+    rest.copy(reinterpret_cast<char*>(piece.get()), length);
+    rest.remove_prefix(length);
+    ended = length % 64 != 0 || length == 0;
+    return {piece.get(), length};
+  }
+
+ private:
+  std::string_view rest;
+  const std::size_t size;
+  std::size_t left;
+  bool ended = false;
+  std::unique_ptr<std::uint8_t[]> piece;
+};
+
+// Beside one another and beside whole ones, in lanes that want their next
+// piece at the same time and at different times; a few bytes at the front or
+// none; ends at a block's end, within one, and where nothing comes after all.
+TEST(DigestMany, DoesMessagesThatComeInPieces) {
+  const std::string bytes = RandomBytes(3000);
+  for (const bool inVectors : {false, true}) {
+    for (const std::size_t count : {1U, 2U, 7U, 16U, 40U}) {
+      for (const std::size_t pieceSize : {64U, 192U, 1024U, 4096U}) {
+        SCOPED_TRACE(testing::Message() << count << " in pieces of " << pieceSize << (inVectors ? ", vectors" : ""));
+        std::vector<MD5Message> messages;
+        std::vector<std::unique_ptr<Pieces>> sources;
+        std::string digests(16 * count, '?');
+        constexpr std::size_t kSizes[] = {0, 1, 63, 64, 65, 128, 1000, 1024, 2048, 3000};
+        constexpr std::size_t kFronts[] = {0, 64, 128};
+        const auto sizeOf = [&](std::size_t i) { return kSizes[i % std::size(kSizes)]; };
+        for (std::size_t i = 0; i < count; ++i) {
+          const bool isWhole = i % 7 == 6;
+          const std::size_t front = isWhole ? sizeOf(i) : std::min(kFronts[i % 3], sizeOf(i) / 64 * 64);
+          sources.push_back(std::make_unique<Pieces>(std::string_view(bytes).substr(0, sizeOf(i)), front, pieceSize));
+          messages.push_back({Bytes(bytes), front, reinterpret_cast<std::uint8_t*>(digests.data()) + 16 * i,
+                              isWhole ? nullptr : sources.back().get()});
+        }
+        md5::DigestMany(messages.data(), count, inVectors ? md5::FindLaneEngine() : nullptr);
+        for (std::size_t i = 0; i < count; ++i)
+          EXPECT_EQ(HexOf(std::string_view(digests).substr(16 * i, 16)),
+                    HexOf(ReferenceDigest(std::string_view(bytes).substr(0, sizeOf(i)))))
+              << i;
+      }
+    }
+  }
+}
+
+TEST(DigestMany, PassesOnWhatASourceThrows) {
+  const std::string bytes = RandomBytes(1000);
+  for (const std::size_t failing : {0U, 5U, 19U}) {
+    for (const std::size_t good : {0U, 3U}) {
+      std::vector<Pieces> sources;
+      for (std::size_t i = 0; i < 20; ++i) sources.emplace_back(bytes, 0, 64, i == failing ? good : SIZE_MAX);
+      std::vector<MD5Message> messages;
+      std::string digests(16 * sources.size(), '?');
+      for (std::size_t i = 0; i < sources.size(); ++i)
+        messages.push_back({nullptr, 0, reinterpret_cast<std::uint8_t*>(digests.data()) + 16 * i, &sources[i]});
+      EXPECT_THROW(DigestMany(messages.data(), messages.size()), std::runtime_error) << failing << ' ' << good;
+    }
   }
 }
 
