@@ -120,10 +120,10 @@ ExitStatus Salvage(const SalvageOptions& options) {
   const SalvageSet set(options.directory, options.packDirs);
   bool sound = PrintSalvagedFiles(set);
   PrintLive(set, options.liveOnly);
-  Init({options.store, 0, {}});
+  Init({options.store, 0, {}, OnDamage::kKeep});
   Recovered recovered;
   {
-    Store store(Layout::Read(options.store));
+    Store store(StoreOptions{Layout::Read(options.store)});
     recovered = Recovery(store, set, options.liveOnly).Run();
   }
   std::string text = fmt::format("recovered: {}, {} bytes", Count(recovered.blobCount, "blob"), recovered.byteCount);
@@ -132,7 +132,7 @@ ExitStatus Salvage(const SalvageOptions& options) {
   if (recovered.passedOver != 0) text += fmt::format("; {} left behind", recovered.passedOver);
   Print(text + "\n");
   sound = sound && recovered.goneCount == 0;
-  const ExitStatus checked = Check(Layout::Read(options.store));
+  const ExitStatus checked = Check(StoreOptions{Layout::Read(options.store)});
   Print(sound ? "no damage was found\n" : "something is damaged or beyond recovery, see above\n");
   return sound ? checked : kFault;
 }
