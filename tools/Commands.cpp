@@ -19,10 +19,20 @@
 namespace tool {
 namespace {
 
+// With what is missing above it. A power cut must not take the names of new
+// directories, and of all that lies in them, so the directories that hold these
+// are flushed.
 void MakeDirectory(const std::string& path) {
+  namespace stdfs = std::filesystem;
   std::error_code code;
-  std::filesystem::create_directories(path, code);
+  std::vector<stdfs::path> changed;
+  for (stdfs::path at = stdfs::absolute(path); !stdfs::exists(at, code) && at.has_relative_path();
+       at = at.parent_path())
+    changed.push_back(at.parent_path());
+  stdfs::create_directories(path, code);
   if (code) throw Fault(fmt::format("cannot make the directory {}: {}", path, code.message()));
+  for (const stdfs::path& directory : changed)
+    if (::fsync(OpenDirectory(directory.string()).get()) != 0) ThrowErrno("flush the directory " + directory.string());
 }
 
 Hash ParseHash(const std::string& text) {
