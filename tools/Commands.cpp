@@ -19,10 +19,20 @@
 namespace tool {
 namespace {
 
+// With what is missing above it. A power cut must not take the names of new
+// directories, and of all that lies in them, so the directories that hold these
+// are flushed.
 void MakeDirectory(const std::string& path) {
+  namespace stdfs = std::filesystem;
   std::error_code code;
-  std::filesystem::create_directories(path, code);
+  std::vector<stdfs::path> changed;
+  for (stdfs::path at = stdfs::absolute(path); !stdfs::exists(at, code) && at.has_relative_path();
+       at = at.parent_path())
+    changed.push_back(at.parent_path());
+  stdfs::create_directories(path, code);
   if (code) throw Fault(fmt::format("cannot make the directory {}: {}", path, code.message()));
+  for (const stdfs::path& directory : changed)
+    if (::fsync(OpenDirectory(directory.string()).get()) != 0) ThrowErrno("flush the directory " + directory.string());
 }
 
 Hash ParseHash(const std::string& text) {
@@ -39,13 +49,14 @@ size_t CountJournals(const std::string& store) {
 
 // A store without our file: another program's, or one whose init was cut
 // short. With the wrong slots its blobs would be hidden, so they must match.
-void RequireSameSlotsAsFiles(const Layout& layout) {
+void RequireSameSlotsAsFiles(const Layout& layout, OnDamage onDamage) {
   const size_t journalCount = CountJournals(layout.store());
   const SlotFiles files(layout);
   if (journalCount > layout.slotCount() || (files.HoldRecords() && journalCount != layout.slotCount()))
     throw UsageError(fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
                                  layout.store(), Count(journalCount, "slot"), journalCount));
-  if (files.HoldRecords()) files.RequireLoadable();
+  if (files.HoldRecords() && onDamage == OnDamage::kErase) files.RequirePresent();
+  if (files.HoldRecords() && onDamage == OnDamage::kKeep) files.RequireLoadable();
 }
 
 // Copies that the library made of files before it cut them: k.jrn.kept-N.
@@ -57,6 +68,14 @@ std::vector<std::string> FilesSetAside(const Layout& layout) {
     for (const auto& entry : std::filesystem::directory_iterator(directory))
       if (entry.path().filename().string().find(".kept-") != std::string::npos) paths.push_back(entry.path().string());
   return paths;
+}
+
+std::string AfterDamage(const Store& store) {
+  if (store.onDamage() == OnDamage::kErase) return "the store was damaged, see above";
+  return fmt::format(
+      "the store is damaged; `blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
+      "restores files from what is shown; or restore a backup",
+      store.layout().store());
 }
 
 // Anything but a regular file is written as it stands: a pipe or a device is
@@ -92,17 +111,17 @@ ExitStatus Init(const InitOptions& options) {
     Say(fmt::format("{} is a store with {} already; nothing was changed", options.store, present.Description()));
     return kSuccess;
   }
-  RequireSameSlotsAsFiles(wanted);
+  RequireSameSlotsAsFiles(wanted, options.onDamage);
   MakeDirectory(options.store);
   for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
-  const Store store(wanted, Store::Files::kMayBeMade);
+  const Store store(StoreOptions{wanted, options.onDamage}, Store::Files::kMayBeMade);
   wanted.Write();
   Say(fmt::format("{} is a store with {}", options.store, wanted.Description()));
   return kSuccess;
 }
 
-ExitStatus Put(const Layout& layout, const std::vector<std::string>& files) {
-  Store store(layout);
+ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
+  Store store(at);
   BatchWriter writer(store, Print);
   Buffer buffer;
   ExitStatus status = kSuccess;
@@ -121,16 +140,16 @@ ExitStatus Put(const Layout& layout, const std::vector<std::string>& files) {
   return status;
 }
 
-ExitStatus Get(const Layout& layout, const std::string& hash, const std::string& output) {
+ExitStatus Get(const StoreOptions& at, const std::string& hash, const std::string& output) {
   const Hash key = ParseHash(hash);
-  Store store(layout);
+  Store store(at);
   Buffer buffer;
   WriteOutput(output, store.Get(key, buffer));
   return kSuccess;
 }
 
-ExitStatus List(const Layout& layout, bool longForm) {
-  const Store store(layout);
+ExitStatus List(const StoreOptions& at, bool longForm) {
+  const Store store(at);
   std::string text;
   for (const Hash& hash : store.List()) {
     text += hash.Text();
@@ -141,10 +160,10 @@ ExitStatus List(const Layout& layout, bool longForm) {
   return kSuccess;
 }
 
-ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes) {
+ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes) {
   std::vector<Hash> keys(hashes.size());
   std::transform(hashes.begin(), hashes.end(), keys.begin(), ParseHash);
-  Store store(layout);
+  Store store(at);
   store.Begin();
   uint64_t absentCount = 0;
   for (const Hash& key : keys) {
@@ -152,7 +171,7 @@ ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes) 
       store.Delete(key);
     } else {
       ++absentCount;
-      Say(fmt::format("{} has no blob {}", layout.store(), key.Text()));
+      Say(fmt::format("{} has no blob {}", at.layout.store(), key.Text()));
     }
   }
   store.Commit();
@@ -160,21 +179,21 @@ ExitStatus Remove(const Layout& layout, const std::vector<std::string>& hashes) 
   return absentCount == 0 ? kSuccess : kFault;
 }
 
-ExitStatus Check(const Layout& layout) {
-  const Store store(layout);
+ExitStatus Check(const StoreOptions& at) {
+  const Store store(at);
   const Statistics statistics = Statistics::Of(store);
   Say(fmt::format("checking {}, {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes)));
   const std::vector<std::string> faults = store.Check();
   for (const std::string& fault : faults) Say(fault);
-  for (const std::string& path : FilesSetAside(layout))
+  for (const std::string& path : FilesSetAside(at.layout))
     Say(fmt::format("{} was set aside because it was damaged; what is lost may be in it", path));
   const bool sound = faults.empty() && !store.damaged();
-  Say(sound ? "every blob is sound" : "the store is damaged; restore it from a backup, or export what can be read");
+  Say(sound ? "every blob is sound" : AfterDamage(store));
   return sound ? kSuccess : kFault;
 }
 
-ExitStatus Repack(const Layout& layout, bool force) {
-  Store store(layout);
+ExitStatus Repack(const StoreOptions& at, bool force) {
+  Store store(at);
   const Statistics before = Statistics::Of(store);
   Say(fmt::format("repacking {}, {}", Count(before.blobCount, "blob"), HumanSize(before.liveBytes)));
   store.Repack(force ? Store::Force::kDespiteDamage : Store::Force::kNo);

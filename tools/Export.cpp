@@ -30,7 +30,7 @@ std::optional<uint64_t> Restore(const ManifestEntry& entry, StagedFile::Existing
 
 }  // namespace
 
-ExitStatus Export(const Layout& layout, const ExportOptions& options) {
+ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   for (const ManifestEntry& entry : entries)
     if (!TargetTree::IsSafeName(entry.name))
@@ -39,7 +39,7 @@ ExitStatus Export(const Layout& layout, const ExportOptions& options) {
                       "was written",
                       options.manifest, entry.name));
 
-  Store store(layout);
+  Store store(at);
   TargetTree target(options.directory);
   const auto existing = options.force ? StagedFile::Existing::kReplace : StagedFile::Existing::kKeep;
   Buffer buffer;

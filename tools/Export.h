@@ -4,7 +4,7 @@
 #include <string>
 
 #include "tools/Error.h"
-#include "tools/Layout.h"
+#include "tools/Store.h"
 
 namespace tool {
 
@@ -18,6 +18,6 @@ struct ExportOptions {
 // against its hash as it is read. A file that cannot be restored is named and
 // makes the result kFault; the others go on. Throws UsageError, with nothing
 // written, when any name in the manifest would lead out of the directory.
-ExitStatus Export(const Layout& layout, const ExportOptions& options);
+ExitStatus Export(const StoreOptions& at, const ExportOptions& options);
 
 }  // namespace tool

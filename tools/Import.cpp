@@ -103,10 +103,10 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
 
 }  // namespace
 
-ExitStatus Import(const Layout& layout, const ImportOptions& options) {
-  Store store(layout);
+ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
+  Store store(at);
   ManifestOutput manifest(options.manifest);
-  const SourceTree tree = SourceTree::List(options.directory, FilesOf(layout), options.verbose);
+  const SourceTree tree = SourceTree::List(options.directory, FilesOf(at.layout), options.verbose);
   Totals totals;
   Buffer buffer;
   Progress progress("importing", tree.files.size(), tree.byteCount);

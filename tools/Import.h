@@ -4,7 +4,7 @@
 #include <string>
 
 #include "tools/Error.h"
-#include "tools/Layout.h"
+#include "tools/Store.h"
 
 namespace tool {
 
@@ -19,6 +19,6 @@ struct ImportOptions {
 // result kFault; the others go on. A manifest file appears only when the import
 // has come to its end. Throws Fault when the store itself fails; what was
 // committed by then stays, and a second run does not store it again.
-ExitStatus Import(const Layout& layout, const ImportOptions& options);
+ExitStatus Import(const StoreOptions& at, const ImportOptions& options);
 
 }  // namespace tool

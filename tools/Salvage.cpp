@@ -113,6 +113,19 @@ void PrintLive(const SalvageSet& set, bool liveOnly) {
     Print(fmt::format("which blobs are live cannot be told{}\n", liveOnly ? "; all are taken" : ""));
 }
 
+Recovered MakeStore(const SalvageSet& set, const SalvageOptions& options) {
+  try {
+    Init({options.store, 0, {}, OnDamage::kKeep});
+    Store store(StoreOptions{Layout::Read(options.store)});
+    return Recovery(store, set, options.liveOnly).Run();
+  } catch (const Fault& fault) {
+    throw Fault(
+        fmt::format("salvage did not come to its end: {}; {} has what was committed by then, remove it before "
+                    "the next attempt",
+                    fault.what(), options.store));
+  }
+}
+
 }  // namespace
 
 ExitStatus Salvage(const SalvageOptions& options) {
@@ -120,19 +133,14 @@ ExitStatus Salvage(const SalvageOptions& options) {
   const SalvageSet set(options.directory, options.packDirs);
   bool sound = PrintSalvagedFiles(set);
   PrintLive(set, options.liveOnly);
-  Init({options.store, 0, {}});
-  Recovered recovered;
-  {
-    Store store(Layout::Read(options.store));
-    recovered = Recovery(store, set, options.liveOnly).Run();
-  }
+  const Recovered recovered = MakeStore(set, options);
   std::string text = fmt::format("recovered: {}, {} bytes", Count(recovered.blobCount, "blob"), recovered.byteCount);
   if (set.live())
     text += fmt::format("; {} live, {} only found", recovered.liveCount, recovered.blobCount - recovered.liveCount);
   if (recovered.passedOver != 0) text += fmt::format("; {} left behind", recovered.passedOver);
   Print(text + "\n");
   sound = sound && recovered.goneCount == 0;
-  const ExitStatus checked = Check(Layout::Read(options.store));
+  const ExitStatus checked = Check(StoreOptions{Layout::Read(options.store)});
   Print(sound ? "no damage was found\n" : "something is damaged or beyond recovery, see above\n");
   return sound ? checked : kFault;
 }

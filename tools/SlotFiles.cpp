@@ -64,7 +64,7 @@ SlotFile InspectFile(const std::string& path) {
   return file;
 }
 
-SlotFiles::SlotFiles(const Layout& layout) {
+SlotFiles::SlotFiles(const Layout& layout) : store_(layout.store()) {
   for (size_t slot = 0; slot < layout.slotCount(); ++slot)
     slots_.push_back({InspectFile(layout.PackPath(slot)), InspectFile(layout.JournalPath(slot))});
 }
@@ -77,20 +77,26 @@ int SlotFiles::Current() const {
   return static_cast<int>(static_cast<uint32_t>(newest->sequence) % slots_.size());
 }
 
-void SlotFiles::RequireLoadable() const {
+void SlotFiles::RequirePresent() const {
   for (const Slot& slot : slots_)
     for (const SlotFile* file : {&slot.pack, &slot.journal})
       if (file->state == SlotFile::State::kMissing)
         throw Fault(
             fmt::format("{} is missing; nothing was changed. Is the disk that holds it mounted? If it is "
-                        "lost, restore the whole store from a backup",
-                        file->path));
+                        "lost, `blobring salvage {} NEW` copies what is left into a new store; or restore the "
+                        "whole store from a backup",
+                        file->path, store_));
+}
+
+void SlotFiles::RequireLoadable() const {
+  RequirePresent();
   if (Current() >= 0) return;
   const SlotFile& pack = slots_.front().pack;
   throw Fault(
       fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
-                  "nothing was changed. Restore the store from a backup",
-                  pack.path, pack.sequence, pack.endOffset, pack.size));
+                  "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; or "
+                  "restore a backup",
+                  pack.path, pack.sequence, pack.endOffset, pack.size, store_));
 }
 
 bool SlotFiles::HoldRecords() const {

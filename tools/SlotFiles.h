@@ -49,15 +49,17 @@ class SlotFiles {
   // without such a pack.
   int Current() const;
 
-  // Throws Fault, which names the file and says what to do, when loading would
-  // end in erasing or hiding what is stored: a file of a slot is gone, or no
-  // pack can be loaded.
+  // Both throw Fault, which names the file and says what to do, when loading
+  // would hide or, if told to, erase what is stored: a file of a slot is gone;
+  // that, or no pack can be loaded.
+  void RequirePresent() const;
   void RequireLoadable() const;
 
   // Any file of any slot is there and holds records.
   bool HoldRecords() const;
 
  private:
+  std::string store_;
   std::vector<Slot> slots_;
 };
 

@@ -51,17 +51,17 @@ Statistics Statistics::Of(const Store& store) {
   return result;
 }
 
-ExitStatus PrintStatistics(const Layout& layout) {
-  const Store store(layout);
+ExitStatus PrintStatistics(const StoreOptions& at) {
+  const Store store(at);
   const Statistics statistics = Statistics::Of(store);
   if (store.damaged()) Say("current, sequence and dead are what the headers claim; a pack was passed over or cut");
-  std::string text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", layout.slotCount(),
+  std::string text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", at.layout.slotCount(),
                                  statistics.currentSlot, statistics.sequence, statistics.blobCount);
   text += fmt::format("live      {} ({})\n", statistics.liveBytes, HumanSize(statistics.liveBytes));
   text += fmt::format("dead      {} ({})\n", statistics.deadBytes, HumanSize(statistics.deadBytes));
   text +=
       fmt::format("\n{:>4}  {:>12} {:>12} {:>9} {:>8}  {}\n", "slot", "size", "in use", "sequence", "header", "file");
-  const SlotFiles files(layout);
+  const SlotFiles files(at.layout);
   for (size_t slot = 0; slot < files.slots().size(); ++slot) {
     const bool isCurrent = static_cast<int>(slot) == statistics.currentSlot;
     text += FileLine(files.slots()[slot].pack, slot, isCurrent);

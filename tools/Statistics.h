@@ -20,6 +20,6 @@ struct Statistics {
 };
 
 // Prints the store's figures and a line for each of its files.
-ExitStatus PrintStatistics(const Layout& layout);
+ExitStatus PrintStatistics(const StoreOptions& at);
 
 }  // namespace tool

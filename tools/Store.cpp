@@ -54,8 +54,14 @@ long long NextTransactionId() {
 
 }  // namespace
 
-Store::Store(Layout layout, Files files) : layout_(std::move(layout)) {
-  if (files == Files::kMustExist) SlotFiles(layout_).RequireLoadable();
+Store::Store(StoreOptions options, Files files) : options_(std::move(options)) {
+  if (files == Files::kMustExist) {
+    const SlotFiles found(layout());
+    if (onDamage() == OnDamage::kErase)
+      found.RequirePresent();
+    else
+      found.RequireLoadable();
+  }
   Open();
 }
 
@@ -64,35 +70,62 @@ Store::~Store() {
 }
 
 void Store::Open() {
-  const std::string action = "open the store " + layout_.store();
+  if (TryOpen()) return;
+  // The files have been erased; opening makes new ones.
+  if (!TryOpen())
+    throw Fault(fmt::format("cannot open the store {}, though it was erased (see above)", layout().store()));
+  Say(fmt::format("the store {} was erased and is empty now", layout().store()));
+}
+
+// False when the library has erased the store, which is then closed.
+bool Store::TryOpen() {
+  const std::string action = "open the store " + layout().store();
   index_ = Checked(
-      action, [&] { return BCInitialize(Widen(layout_.store()).c_str()); }, [](int index) { return index >= 0; });
+      action, [&] { return BCInitialize(Widen(layout().store()).c_str()); }, [](int index) { return index >= 0; });
   try {
-    BCSetDamagePolicy(index_, BLOBRING_DAMAGE_KEEP);
-    for (size_t slot = 0; slot < layout_.slotCount(); ++slot)
-      Checked(action, [&] { return BCAddPackDir(index_, Widen(layout_.PackDir(slot)).c_str()); });
-    Load(action);
+    BCSetDamagePolicy(index_, onDamage() == OnDamage::kErase ? BLOBRING_DAMAGE_ERASE : BLOBRING_DAMAGE_KEEP);
+    for (size_t slot = 0; slot < layout().slotCount(); ++slot)
+      Checked(action, [&] { return BCAddPackDir(index_, Widen(layout().PackDir(slot)).c_str()); });
+    if (Load(action)) return true;
   } catch (...) {
     Close();
     throw;
   }
+  Close();
+  return false;
 }
 
-void Store::Load(const std::string& action) {
+bool Store::Load(const std::string& action) {
   TraceCapture trace;
   const int loaded = BCLoad(index_);
   // A load of sound files is silent, so every line tells of damage.
   damaged_ = damaged_ || !trace.lines().empty();
   for (const TraceLine& line : trace.lines()) Say(line.text);
-  if (loaded != 1) throw Fault(fmt::format("cannot {}: {}; no file was changed", action, trace.Reason()));
+  if (loaded != 1 && onDamage() == OnDamage::kKeep)
+    throw Fault(fmt::format("cannot {}: {}; no file was changed", action, trace.Reason()));
+  if (loaded == 1) NoteLostHeaders();
+  return loaded == 1;
+}
+
+// A pack without its header does not say how new it is. A load that finds
+// another one has no reason to look at it.
+void Store::NoteLostHeaders() {
+  const SlotFiles files(layout());
+  for (const Slot& slot : files.slots()) {
+    if (slot.pack.state != SlotFile::State::kDamaged) continue;
+    damaged_ = true;
+    Say(fmt::format("the header of {} is damaged: if that was the newest pack, an older state is shown",
+                    slot.pack.path));
+  }
 }
 
 void Store::RefuseWhenDamaged() const {
-  if (damaged_)
+  if (damaged_ && onDamage() == OnDamage::kKeep)
     throw Fault(
-        fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: restore "
-                    "it from a backup, or go on with what can be read by `blobring repack --force {0}`",
-                    layout_.store()));
+        fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: "
+                    "`blobring salvage {0} NEW` copies all that can be read into a new store; or restore a "
+                    "backup, or go on with what is shown by `blobring repack --force {0}`",
+                    layout().store()));
 }
 
 void Store::Close() {
@@ -111,7 +144,7 @@ std::optional<uint32_t> Store::SizeOf(const Hash& hash) const {
 Bytes Store::Get(const Hash& hash, Buffer& buffer) {
   // BCGet takes an absent hash or a wrong size for a fault of the whole store.
   const std::optional<uint32_t> size = SizeOf(hash);
-  if (!size) throw Fault(fmt::format("{} has no blob {}", layout_.store(), hash.Text()));
+  if (!size) throw Fault(fmt::format("{} has no blob {}", layout().store(), hash.Text()));
   unsigned char* to = buffer.Reserve(std::max<size_t>(*size, 1));
   try {
     Checked(
@@ -133,7 +166,7 @@ std::vector<Hash> Store::List() const {
   hashes.reserve(static_cast<size_t>(count));
   for (Hash hash; BCGetAllBlobHashes(index_, hash.bytes.data(), 0) == 1;) hashes.push_back(hash);
   if (hashes.size() != static_cast<size_t>(count))
-    throw Fault(fmt::format("cannot list the store {}: {} of {} hashes read", layout_.store(), hashes.size(), count));
+    throw Fault(fmt::format("cannot list the store {}: {} of {} hashes read", layout().store(), hashes.size(), count));
   return hashes;
 }
 
@@ -160,7 +193,7 @@ void Store::Commit() {
 
 void Store::Repack(Force force) {
   if (force == Force::kNo) RefuseWhenDamaged();
-  Checked("repack the store " + layout_.store(), [&] { return BCRepack(index_); });
+  Checked("repack the store " + layout().store(), [&] { return BCRepack(index_); });
 }
 
 std::vector<std::string> Store::Check() const {
@@ -169,7 +202,7 @@ std::vector<std::string> Store::Check() const {
   try {
     if (BCFsck(index_) == 1) return faults;
   } catch (const std::exception& e) {
-    throw Fault(fmt::format("cannot check the store {}: {}", layout_.store(), e.what()));
+    throw Fault(fmt::format("cannot check the store {}: {}", layout().store(), e.what()));
   }
   for (const TraceLine& line : trace.lines())
     if (line.isError) faults.push_back(line.text);

@@ -12,11 +12,23 @@
 
 namespace tool {
 
+// What becomes of files that cannot be read. Kept: nothing is ever deleted.
+// Erased: what the library does on a device that must come back by itself. An
+// older pack is used in place of a damaged one, changes are made to it, and a
+// store without any is emptied.
+enum class OnDamage { kKeep, kErase };
+
+// The store that a command works on.
+struct StoreOptions {
+  Layout layout;
+  OnDamage onDamage = OnDamage::kKeep;
+};
+
 // Opens the store and closes it in the destructor; changes that were not
 // committed by then are lost. Every member throws Fault on failure, with the
 // library's own words and what to do next. One caller at a time.
 //
-// Damage: the library never deletes what it cannot read, and loads what is left.
+// Damage that is kept: the library deletes nothing, and loads what is left.
 // Reading goes on with that; changes are refused, so that nothing is written
 // over damage before somebody has seen the messages. A forced Repack() makes a
 // sound store of what can be read.
@@ -25,9 +37,10 @@ class Store {
   enum class Files { kMustExist, kMayBeMade };
 
   // Takes the store for this process. With kMustExist no file is created:
-  // Fault when one is missing or none can be loaded (see SlotFiles). What the
-  // library had to do about damaged files is said on standard error.
-  explicit Store(Layout layout, Files files = Files::kMustExist);
+  // Fault when one is missing or, unless damage is to be erased, none can be
+  // loaded (see SlotFiles). What the library had to do about damaged files is
+  // said on standard error.
+  explicit Store(StoreOptions options, Files files = Files::kMustExist);
   ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
@@ -58,18 +71,21 @@ class Store {
   // when all is sound.
   std::vector<std::string> Check() const;
 
-  const Layout& layout() const { return layout_; }
+  const Layout& layout() const { return options_.layout; }
 
-  // Loading found damage and said so.
+  // Loading found damage and said so; what was erased counts as well.
   bool damaged() const { return damaged_; }
+  OnDamage onDamage() const { return options_.onDamage; }
 
  private:
   void Open();
-  void Load(const std::string& action);
+  bool TryOpen();
+  bool Load(const std::string& action);
+  void NoteLostHeaders();
   void Close();
   void RefuseWhenDamaged() const;
 
-  Layout layout_;
+  StoreOptions options_;
   int index_ = -1;
   bool damaged_ = false;
   long long transactionId_ = 0;

@@ -18,6 +18,8 @@ namespace {
 
 using tool::ExitStatus;
 using tool::Layout;
+using tool::OnDamage;
+using tool::StoreOptions;
 
 // What the command line was parsed into, and the command to run.
 struct CommandLine {
@@ -32,6 +34,7 @@ struct CommandLine {
   std::string output;
   bool longForm = false;
   bool force = false;
+  std::string onDamage = "keep";
   std::function<ExitStatus()> run;
 
   // Every command but init and salvage works on a store that is there.
@@ -39,9 +42,19 @@ struct CommandLine {
   CLI::App* Add(CLI::App& app, const std::string& name, const std::string& help, Command command) {
     CLI::App* sub = app.add_subcommand(name, help);
     sub->add_option("STORE", store, "the store's directory")->required();
-    sub->callback([this, command] { run = [this, command] { return command(Layout::Read(store)); }; });
+    AddOnDamage(*sub);
+    sub->callback([this, command] {
+      run = [this, command] { return command(StoreOptions{Layout::Read(store), OnDamageGiven()}); };
+    });
     return sub;
   }
+
+  void AddOnDamage(CLI::App& sub) {
+    sub.add_option("--on-damage", onDamage,
+                   "keep: delete nothing (default); erase: empty a store that cannot be loaded")
+        ->check(CLI::IsMember({"keep", "erase"}));
+  }
+  OnDamage OnDamageGiven() const { return onDamage == "erase" ? OnDamage::kErase : OnDamage::kKeep; }
 };
 
 void AddInit(CLI::App& app, CommandLine& line) {
@@ -52,36 +65,41 @@ void AddInit(CLI::App& app, CommandLine& line) {
   init->add_option("--pack-dir", line.init.packDirs, "where packs go instead; repeated, for the slots in turn")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-  init->callback([&line] { line.run = [&line] { return tool::Init(line.init); }; });
+  line.AddOnDamage(*init);
+  init->callback([&line] {
+    line.init.onDamage = line.OnDamageGiven();
+    line.run = [&line] { return tool::Init(line.init); };
+  });
 }
 
 void AddBlobCommands(CLI::App& app, CommandLine& line) {
   line.Add(app, "put", "store files and print their hashes",
-           [&](const Layout& at) { return tool::Put(at, line.files); })
+           [&](const StoreOptions& at) { return tool::Put(at, line.files); })
       ->add_option("FILE", line.files, "files to store; standard input without any, or for -");
 
   CLI::App* get = line.Add(app, "get", "write a blob to standard output or a file",
-                           [&](const Layout& at) { return tool::Get(at, line.hash, line.output); });
+                           [&](const StoreOptions& at) { return tool::Get(at, line.hash, line.output); });
   get->add_option("HASH", line.hash, "the blob's hash, 32 hexadecimal digits")->required();
   get->add_option("-o,--output", line.output, "the file to write; one that exists is replaced");
 
-  line.Add(app, "ls", "print the hashes of all blobs", [&](const Layout& at) { return tool::List(at, line.longForm); })
+  line.Add(app, "ls", "print the hashes of all blobs",
+           [&](const StoreOptions& at) { return tool::List(at, line.longForm); })
       ->add_flag("-l,--long", line.longForm, "print sizes as well");
 
-  line.Add(app, "rm", "delete blobs", [&](const Layout& at) { return tool::Remove(at, line.hashes); })
+  line.Add(app, "rm", "delete blobs", [&](const StoreOptions& at) { return tool::Remove(at, line.hashes); })
       ->add_option("HASH", line.hashes, "the blobs' hashes")
       ->required();
 }
 
 void AddTreeCommands(CLI::App& app, CommandLine& line) {
   CLI::App* import = line.Add(app, "import", "store every regular file of a tree",
-                              [&](const Layout& at) { return tool::Import(at, line.import); });
+                              [&](const StoreOptions& at) { return tool::Import(at, line.import); });
   import->add_option("DIR", line.import.directory, "the tree")->required();
   import->add_option("-m,--manifest", line.import.manifest, "where to write the manifest; standard output otherwise");
   import->add_flag("-v,--verbose", line.import.verbose, "name each file that is left out");
 
   CLI::App* exporting = line.Add(app, "export", "restore the files of a manifest",
-                                 [&](const Layout& at) { return tool::Export(at, line.exporting); });
+                                 [&](const StoreOptions& at) { return tool::Export(at, line.exporting); });
   exporting->add_option("MANIFEST", line.exporting.manifest, "what import wrote; - for standard input")->required();
   exporting->add_option("DIR", line.exporting.directory, "where to; made if need be")->required();
   exporting->add_flag("--force", line.exporting.force, "replace files that exist");
@@ -91,7 +109,7 @@ void AddStoreCommands(CLI::App& app, CommandLine& line) {
   line.Add(app, "stat", "print how full the store and its files are", tool::PrintStatistics);
   line.Add(app, "fsck", "check every blob against its hash", tool::Check);
   line.Add(app, "repack", "copy all blobs into the next slot, without what was deleted",
-           [&](const Layout& at) { return tool::Repack(at, line.force); })
+           [&](const StoreOptions& at) { return tool::Repack(at, line.force); })
       ->add_flag("--force", line.force, "even when the store is damaged: go on with what can be read");
 }
 

@@ -49,11 +49,33 @@ for slot in 0 1; do printf '\xff\xff\xff\x7f' | dd of=broken/$slot.pak bs=1 seek
 cp -r broken before
 expect 1 "no pack can be loaded: the header of broken/0.pak is damaged" fsck broken
 diff -r broken before
+expect 1 "no pack can be loaded" put broken part1 --on-damage keep
+expect 1 "no pack can be loaded.*blobring salvage broken NEW" repack --force broken
+diff -r broken before
+
+# A store that is to come back by itself does so empty, with the library's words;
+# what is missing is not damaged.
+mv broken/1.pak aside
+expect 1 "broken/1.pak is missing" ls broken --on-damage erase
+mv aside broken/1.pak
+cp -r broken taken
+rm taken/blobring.conf
+expect 1 "no pack can be loaded" init taken
+for store in broken taken; do
+  command=$([ -e $store/blobring.conf ] && echo ls || echo init)
+  expect 0 "reseting all files.  All data is lost" $command --on-damage erase $store
+  grep -q "the store $store was erased and is empty now" expect.out || fail "$(cat expect.out)"
+  expect 0 "every blob is sound" fsck $store
+  printf abc | blobring put $store >/dev/null
+  same "$(blobring ls $store) $(figure $store sequence)" "$abc 0"
+done
 
 # The newest pack is damaged: the older generation can be read, and nothing is
 # written that could cover what is left of the newer one.
+cp -r gone headless
 flip_byte gone/1.pak 100
 cp gone/1.pak before.pak
+cp -r gone erasing
 expect 0 "invalid Pack file" ls gone
 expect 1 "takes no changes" put gone part1
 expect 1 "takes no changes" repack gone
@@ -63,6 +85,26 @@ expect 0 "slot 1 is current .sequence 1." repack --force gone
 expect 0 "every blob is sound" fsck gone
 blobring put gone part1 >/dev/null
 same "$(blobring get gone "$abc")" abc
+expect 0 "invalid Pack file" put --on-damage erase erasing part1
+expect 1 "the store was damaged" fsck --on-damage erase erasing
+blobring get erasing "$(md5sum <part1 | cut -c-32)" 2>/dev/null | cmp - part1
+
+# The newest pack has lost its header, and does not say any more that it is the newest.
+blobring rm headless "$abc" 2>/dev/null
+xyz=$(printf xyz | blobring put headless)
+blobring repack headless 2>/dev/null
+printf abc | blobring put headless >/dev/null
+dd if=/dev/zero of=headless/0.pak bs=24 count=1 conv=notrunc status=none
+cp headless/0.pak before.pak
+expect 0 "the header of headless/0.pak is damaged" ls headless
+expect 1 "takes no changes.*blobring salvage headless NEW" put headless part1
+expect 1 "is damaged; .blobring salvage headless NEW" fsck headless
+cmp headless/0.pak before.pak
+expect 1 "recovered: 2 blobs" salvage headless rescued
+same "$(blobring get rescued "$xyz")" xyz
+expect 0 "slot 0 is current" repack --force headless
+cmp headless/0.pak.kept-1 before.pak
+expect 0 "every blob is sound" fsck headless
 
 # The last transaction of a journal is damaged: said once, set aside, then usable.
 blobring init tail 2>/dev/null

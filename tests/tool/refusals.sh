@@ -1,5 +1,6 @@
 # What is refused, with which status, and what the message says to do. Nothing
 # may have changed afterwards.
+sources=$(cd "$(dirname "$0")/../.." && pwd)
 . "$(dirname "$0")/support.sh" "$@"
 
 blobring init s 2>/dev/null
@@ -28,6 +29,7 @@ done <<'ROWS'
 2 no.hash rm s $abc 0123456789abcdef0123456789abcdeg
 2 not.expected ls s surplus
 2 not.expected ls s --slots 3
+2 on-damage ls s --on-damage maybe
 2 in.range.1.to.1000 init x --slots 0
 2 more.than.1.slots init x --slots 1 --pack-dir a --pack-dir b
 2 cannot.be.changed init s --slots 3
@@ -102,4 +104,25 @@ same "$(blobring get s "$abc")" abc
 for conf in 'blobring 2' 'slot .' $'blobring 1\nslot relative' 'blobring 1'; do
   printf '%s\n' "$conf" >s/blobring.conf
   expect 1 "s/blobring.conf" ls s
+done
+
+# The manual page, the completion and the guide know every command and option of --help.
+sed 's/\\-/-/g' "$sources/man/blobring.1.in" >page
+. "$sources/completions/blobring"
+commands=$("$tool" --help | awk '/^Subcommands:/ { on = 1; next } on && /^  [a-z]/ { print $1 }')
+[ "$(wc -w <<<"$commands")" -ge 11 ] || fail "too few commands: $commands"
+COMP_WORDS=(blobring '') COMP_CWORD=1
+_blobring
+offered=" ${COMPREPLY[*]} "
+for command in $commands; do
+  grep -q "^\.BI \"blobring $command" page || fail "$command is not in the synopsis"
+  grep -q "^\.B $command$" page || fail "$command is not described"
+  grep -q "^| \`$command " "$sources/docs/tool.md" || fail "$command is not in docs/tool.md"
+  [[ $offered == *" $command "* ]] || fail "$command is not completed"
+  COMP_WORDS=(blobring "$command" -) COMP_CWORD=2
+  _blobring
+  while IFS=, read -r -a names; do
+    grep -qwe "${names[0]}" page || grep -qwe "${names[-1]}" page || fail "$command ${names[*]} is not in the manual"
+    [[ " ${COMPREPLY[*]} " == *" ${names[-1]} "* ]] || fail "$command ${names[*]} is not completed"
+  done < <("$tool" "$command" --help | grep -oE '^  -[a-z,-]+' | tr -d ' ')
 done

@@ -172,6 +172,24 @@ SECONDS=0
 expect 1 "not every place was tried" salvage hostile hostile.out
 [ $SECONDS -le 60 ] || fail "$SECONDS seconds for hostile contents"
 
+# No room for the new store: said, nothing of the old one is touched, and what
+# was committed is in the new one. With room it is all there.
+find good -type f -exec md5sum {} + | sort >before
+status=0
+(trap '' XFSZ; ulimit -f 100; blobring salvage good small.out >report 2>error) || status=$?
+same "$status" 1
+grep -q "cannot .* may not grow further" error || fail "$(cat error)"
+grep -q "salvage did not come to its end: .* small.out" error || fail "$(cat error)"
+find good -type f -exec md5sum {} + | sort | cmp - before
+expect 0 "every blob is sound" fsck small.out
+[ "$(blobring ls small.out | wc -l)" -lt 20 ] || fail "there was room for everything"
+blobring salvage good small.out2 >/dev/full 2>error && fail "a report that could not be written went unseen"
+grep -q "standard output: No space left" error || fail "$(cat error)"
+[ ! -e small.out2 ] || fail "a store was made without a report"
+cp -r good roomy
+salvage 1 roomy
+lacks roomy
+
 # Refusals.
 expect 2 "not an empty directory" salvage good sound.out
 expect 1 "no pack and no journal" salvage blobs x
