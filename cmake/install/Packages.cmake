@@ -24,7 +24,15 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_CURRENT_BINARY_DIR})
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libblobring1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+if(CMAKE_CROSSCOMPILING)
+  # This machine has no packages of that host to take the dependencies from:
+  # they are what the versions of the symbols ask for.
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE ${BLOBRING_DEBIAN_ARCHITECTURE})
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 11)")
+else()
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/triggers)
 # Programs built against this version need at least this one.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
@@ -43,7 +51,7 @@ need to find them.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME blobring)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TOOL_PACKAGE_SHLIBDEPS ${CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS})
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libblobring1 (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "content-addressed store of blobs, command line tool
 Makes, fills, checks, repacks and exports stores of blobs, and salvages what
