@@ -1,16 +1,14 @@
 #!/usr/bin/env python3
 """Blobring from Python, with nothing but ctypes.
 
-    blobs.py STORE put FILE...   stores files and prints their hashes
-    blobs.py STORE get HASH      writes a blob to standard output
-    blobs.py STORE list          prints every hash with its size
-
-STORE is a directory. The library is found as libblobring.so.1, or where the
-environment's BLOBRING_LIBRARY says.
+The library is found as libblobring.so.1, or where the environment's
+BLOBRING_LIBRARY says. blobs.py --help tells the rest.
 """
 
+import argparse
 import ctypes
 import os
+import pathlib
 import sys
 
 HASH_SIZE = 16
@@ -21,11 +19,33 @@ class Error(Exception):
     """What the store said."""
 
 
+def load(library):
+    """The library, its calls declared as blobring.h has them. A hash is a
+    string of HASH_SIZE bytes, like every buffer."""
+    calls = ctypes.CDLL(library)
+    number, text = ctypes.c_int, ctypes.c_char_p
+    transaction_id = ctypes.POINTER(ctypes.c_longlong)
+    for name, *arguments in (
+        ("BCOpen", text, ctypes.c_void_p),
+        ("BCDispose", number),
+        ("BCStartTransaction", number, transaction_id),
+        ("BCEndTransaction", number, transaction_id),
+        ("BCAbandonTransaction", number),
+        ("BCPut", number, text, number, text),
+        ("BCFetch", number, text, text, number, ctypes.POINTER(number)),
+        ("BCNextHash", number, text, text),
+        ("BCLastError", number, text, number),
+    ):
+        call = getattr(calls, name)
+        call.argtypes, call.restype = arguments, number
+    return calls
+
+
 class Store:
     """An open store; also a context manager, which closes it."""
 
     def __init__(self, directory, library=os.environ.get("BLOBRING_LIBRARY", "libblobring.so.1")):
-        self._calls = ctypes.CDLL(library)
+        self._calls = load(library)
         self._index = self._calls.BCOpen(os.fsencode(directory), None)
         if self._index < 0:
             raise self._error()
@@ -34,6 +54,9 @@ class Store:
         return self
 
     def __exit__(self, *unused):
+        self.close()
+
+    def close(self):
         self._calls.BCDispose(self._index)
 
     def put(self, blobs):
@@ -97,31 +120,34 @@ class Store:
             raise self._error()
 
 
-def main(directory, command, *arguments):
-    with Store(directory) as store:
-        if command == "put":
-            blobs = []
-            for name in arguments:
-                with open(name, "rb") as file:
-                    blobs.append(file.read())
-            for key, name in zip(store.put(blobs), arguments):
+def main():
+    parser = argparse.ArgumentParser(description="Stores, fetches and lists blobs.")
+    parser.add_argument("store", help="its directory")
+    commands = parser.add_subparsers(dest="command", required=True)
+    put = commands.add_parser("put", help="store files and print their hashes")
+    put.add_argument("files", nargs="+", type=pathlib.Path)
+    get = commands.add_parser("get", help="write a blob to standard output")
+    get.add_argument("hash", type=bytes.fromhex)
+    commands.add_parser("list", help="print every hash with its size")
+    given = parser.parse_args()
+
+    with Store(given.store) as store:
+        if given.command == "put":
+            hashes = store.put(file.read_bytes() for file in given.files)
+            for key, name in zip(hashes, given.files):
                 print(key.hex(), name)
-        elif command == "get":
-            blob = store.get(bytes.fromhex(arguments[0]))
+        elif given.command == "get":
+            blob = store.get(given.hash)
             if blob is None:
-                raise Error("no blob " + arguments[0])
+                raise Error("no blob " + given.hash.hex())
             sys.stdout.buffer.write(blob)
-        elif command == "list":
+        else:
             for key in store:
                 print(key.hex(), store.size(key))
-        else:
-            raise Error("no command " + command)
 
 
 if __name__ == "__main__":
-    if len(sys.argv) < 3:
-        sys.exit(__doc__)
     try:
-        main(*sys.argv[1:])
+        main()
     except (Error, OSError, ValueError) as error:
         sys.exit(f"blobs.py: {error}")

@@ -46,7 +46,7 @@ int main(int argc, char** argv) {
     perror(argv[2]);
     return 1;
   }
-  openlog("blobring-example", LOG_PID, LOG_USER);
+  openlog("blobring-example", LOG_PID | LOG_PERROR, LOG_USER); /* PERROR: shown here as well */
   BlobringHostSetTraceSink(sink, log);
 
   int result = 1;

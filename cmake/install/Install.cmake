@@ -25,19 +25,42 @@ install(CODE "
   file(INSTALL \"${data}/blobring.pc\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")
 " COMPONENT development)
 
-# Manual pages get the version; every call leads to the page of the library.
+# Manual pages get the version, and every call leads to the page of the
+# library. Compressed without a name and a time, so that they are the same in
+# every build.
 set(DATE "2024-06-01")
-foreach(page blobring.1 blobring.3)
-  configure_file(man/${page}.in ${data}/${page} @ONLY)
+file(REMOVE_RECURSE ${data}/man1 ${data}/man3)
+find_program(GZIP_PROGRAM gzip REQUIRED)
+function(compress source target)
+  get_filename_component(folder ${target} DIRECTORY)
+  file(MAKE_DIRECTORY ${folder})
+  execute_process(COMMAND ${GZIP_PROGRAM} -9 -n -c ${source} OUTPUT_FILE ${target} COMMAND_ERROR_IS_FATAL ANY)
+endfunction()
+foreach(section 1 3)
+  configure_file(man/blobring.${section}.in ${data}/blobring.${section} @ONLY)
+  compress(${data}/blobring.${section} ${data}/man${section}/blobring.${section}.gz)
 endforeach()
-install(FILES ${data}/blobring.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 COMPONENT development)
 file(STRINGS tests/exports/exports.txt calls REGEX "^BC[A-Za-z0-9]*$")
 foreach(call ${calls})
-  file(WRITE ${data}/man3/${call}.3 ".so man3/blobring.3\n")
+  file(CREATE_LINK blobring.3.gz ${data}/man3/${call}.3.gz SYMBOLIC)
 endforeach()
 install(DIRECTORY ${data}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 
 if(TARGET blobring_tool)
-  install(FILES ${data}/blobring.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+  install(DIRECTORY ${data}/man1 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tool)
   install(FILES completions/blobring DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+endif()
+
+# What Debian wants of each package; the examples go with the headers.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/changelog)
+compress(${PROJECT_SOURCE_DIR}/packaging/changelog ${data}/changelog.gz)
+function(install_documents component package)
+  install(FILES packaging/copyright ${data}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
+    COMPONENT ${component})
+endfunction()
+install_documents(runtime libblobring1)
+install_documents(development libblobring-dev)
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libblobring-dev COMPONENT development)
+if(TARGET blobring_tool)
+  install_documents(tool blobring)
 endif()

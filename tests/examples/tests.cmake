@@ -17,6 +17,7 @@ if(TARGET blobring AND NOT CMAKE_CROSSCOMPILING AND NOT BLOBRING_SANITIZE)
   set_tests_properties(embedding_example PROPERTIES
     PASS_REGULAR_EXPRESSION "5d41402abc4b2a76b9719d911017c592 5\n7d793037a0760186574b0282f2f435e7 5\nhello")
   if(BLOBRING_PROBES)
-    add_test(NAME probes COMMAND ${CMAKE_CURRENT_LIST_DIR}/probes $<TARGET_FILE:blobring>)
+    add_test(NAME probes COMMAND ${CMAKE_CURRENT_LIST_DIR}/probes
+      $<TARGET_FILE:blobring> ${PROJECT_SOURCE_DIR}/examples/probes.bt)
   endif()
 endif()

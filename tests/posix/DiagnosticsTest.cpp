@@ -226,24 +226,6 @@ TEST(Records, OfConcurrentWritersAreAllCounted) {
   for (std::uint32_t i = 0; i < 400; ++i) EXPECT_EQ(events[i].kind, next[events[i].threadId]++);
 }
 
-TEST(Records, CostLittle) {
-  constexpr int kCalls = 1'000'000;
-  double best = 1e9;
-  for (int run = 0; run < 5; ++run) {
-    const auto start = std::chrono::steady_clock::now();
-    for (std::uint32_t i = 0; i < kCalls; ++i) {
-      WriteEventToRingBuffer(1, GetCurrentThreadId(), 5, i, 0, 0, 0);
-      RTTrace_4(6, i, 0, 0, 0);
-    }
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    best = std::min(best, std::chrono::duration<double, std::nano>(elapsed).count() / kCalls);
-  }
-  std::cout << "[ MEASURED ] one event and one numeric record: " << best << " ns\n";
-#ifdef NDEBUG
-  EXPECT_LT(best, 200);
-#endif
-}
-
 TEST(RawTrace, ExistsWhenTheHostTakesIt) {
   EXPECT_LT(TraceGetEffectiveLevel(), BLOBRING_HOST_DUMP_TRACE_LEVEL);
   BlobringHostSetTraceLevel(BLOBRING_HOST_DUMP_TRACE_LEVEL);

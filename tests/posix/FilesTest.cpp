@@ -42,6 +42,7 @@ class Files : public InDirectory {
   }
 };
 
+// Another process is no different: see tests/posix_store.
 TEST_F(Files, AreHeldAgainstOpenersOfTheSameProcess) {
   const HANDLE file = Open("a");
   ASSERT_TRUE(Write(file, "held"));
@@ -53,41 +54,21 @@ TEST_F(Files, AreHeldAgainstOpenersOfTheSameProcess) {
   EXPECT_TRUE(Delete("other"));
 }
 
-TEST_F(Files, AreHeldAgainstOtherProcessesUntilTheHolderDies) {
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  const pid_t holder = fork();
-  if (holder == 0) {
-    const bool done = Write(Open("a"), "held");
-    if (write(ready[1], &done, 1) == 1) pause();
-    _exit(1);
-  }
-  bool done = false;
-  ASSERT_EQ(read(ready[0], &done, 1), 1);
-  ASSERT_TRUE(done);
-  ExpectHeld("a", "held");
-
-  kill(holder, SIGKILL);
-  waitpid(holder, nullptr, 0);
-  const HANDLE file = Open("a", OPEN_EXISTING);
-  ASSERT_NE(file, INVALID_HANDLE_VALUE) << GetLastError();
-  EXPECT_EQ(Read(file, 100), "held");
-  CloseHandle(file);
-  close(ready[0]);
-  close(ready[1]);
-}
-
 // Names are moved and deleted all the while: an opener that locked a file
 // whose name was just taken away would be in the room together with another.
 TEST_F(Files, LetOneOpenerInAtATimeWhateverHappensToTheName) {
   std::atomic<int> inside{0};
   std::atomic<int> opened{0};
   std::atomic<int> intrusions{0};
+  std::atomic<int> strangeErrors{0};
   std::atomic<bool> stop{false};
   const auto opener = [&] {
     while (!stop) {
       const HANDLE file = Open("a");
-      if (file == INVALID_HANDLE_VALUE) continue;
+      if (file == INVALID_HANDLE_VALUE) {
+        if (GetLastError() != ERROR_SHARING_VIOLATION) ++strangeErrors;  // those of other threads
+        continue;
+      }
       if (++inside != 1) ++intrusions;
       ++opened;
       std::this_thread::yield();
@@ -109,6 +90,7 @@ TEST_F(Files, LetOneOpenerInAtATimeWhateverHappensToTheName) {
   first.join();
   second.join();
   EXPECT_EQ(intrusions, 0) << "of " << opened;
+  EXPECT_EQ(strangeErrors, 0);
 }
 
 TEST_F(Files, FollowTheirCreationDisposition) {
@@ -370,29 +352,6 @@ TEST_F(Files, AreNotInheritedOverExec) {
   });
   EXPECT_EQ(result, 1) << "0: the new program has the file open";
   CloseHandle(file);
-}
-
-TEST_F(Files, ServeSeveralThreadsAtOnce) {
-  std::atomic<int> faults{0};
-  std::vector<std::thread> threads;
-  threads.reserve(4);
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&, t] {
-      const std::string name = std::to_string(t) + ".pak";
-      for (int i = 0; i < 300; ++i) {
-        const HANDLE file = Open(name);
-        const std::string text = std::to_string(i) + name;
-        if (!Write(file, text)) ++faults;
-        SetFilePointer(file, 0, nullptr, FILE_BEGIN);
-        if (Read(file, static_cast<DWORD>(text.size())) != text) ++faults;
-        if (Open("missing", OPEN_EXISTING) != INVALID_HANDLE_VALUE || GetLastError() != ERROR_FILE_NOT_FOUND) ++faults;
-        if (CloseHandle(file) != 1) ++faults;
-        if (CloseHandle(file) != 0) ++faults;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(faults, 0);
 }
 
 }  // namespace

@@ -4,10 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <climits>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -271,29 +269,6 @@ TEST(Memory, CostsLittleBesideTheBlocks) {
     Give(block);
     EXPECT_EQ(Total().systemBytes, before);
   }
-}
-
-TEST(Memory, IsQuick) {
-  const auto measure = [](auto take, auto give) {
-    const auto start = std::chrono::steady_clock::now();
-    for (int round = 0; round < 20000; ++round) {
-      void* blocks[50];
-      for (void*& block : blocks) block = take();
-      for (void* block : blocks) give(block);
-    }
-    const auto elapsed = std::chrono::steady_clock::now() - start;
-    return std::chrono::duration<double, std::nano>(elapsed).count() / (20000 * 50);
-  };
-  double ours = 1e9;
-  double heap = 1e9;
-  for (int run = 0; run < 5; ++run) {
-    ours = std::min(ours, measure([] { return Take(120); }, Give));
-    heap = std::min(heap, measure([] { return std::malloc(120); }, std::free));
-  }
-  std::cout << "[ MEASURED ] alloc and free " << ours << " ns, malloc and free " << heap << " ns\n";
-#ifdef NDEBUG
-  EXPECT_LT(ours, 250);
-#endif
 }
 
 }  // namespace

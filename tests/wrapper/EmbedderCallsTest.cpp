@@ -205,34 +205,6 @@ TEST(EmbedderCalls, FetchSurvivesAReadThatFailsOnce) {
   }
 }
 
-TEST(EmbedderCalls, NextHashGoesThroughAllInOrderWhateverChanges) {
-  FreshMachine();
-  const int index = OpenWith(2);
-  std::vector<std::string> blobs;
-  std::vector<HashBytes> expected;
-  for (int i = 0; i < 40; ++i) {
-    blobs.push_back("blob " + std::to_string(i));
-    expected.push_back(HashOf(blobs.back()));
-  }
-  std::sort(expected.begin(), expected.end());
-  HashBytes hash{};
-  EXPECT_EQ(BCNextHash(index, nullptr, hash.data()), 0);
-  ASSERT_TRUE(CommitIn(index, blobs));
-  std::vector<HashBytes> found;
-  for (int more = BCNextHash(index, nullptr, hash.data()); more == 1;
-       more = BCNextHash(index, hash.data(), hash.data())) {
-    found.push_back(hash);
-    const long long id = 2;  // the one that was just given goes
-    BCStartTransaction(index, &id);
-    BCDelete(index, hash.data());
-    ASSERT_EQ(BCEndTransaction(index, &id), 1);
-  }
-  EXPECT_EQ(found, expected);
-  EXPECT_EQ(BCNextHash(index, nullptr, hash.data()), 0);
-  EXPECT_EQ(BCNextHash(index, nullptr, nullptr), -1);
-  BCDispose(index);
-}
-
 TEST(EmbedderCalls, AbandonedChangesAreGoneAndTheNextTransactionIsSound) {
   FreshMachine();
   {
@@ -434,13 +406,14 @@ TEST(Progress, StopsACheckUnlessAFaultWasFound) {
 }
 
 // Whenever it is stopped, the store goes on as if it had not been asked, now
-// and after it was opened anew.
+// and after it was opened anew. The next repack may come in either.
 TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
   const std::vector<std::string> blobs = ManyBlobs();
   for (const int slots : {1, 2, 3}) {
     for (int stopAt = 1; stopAt <= 3; ++stopAt) {
       SCOPED_TRACE(std::to_string(slots) + " slots, stopped at call " + std::to_string(stopAt));
       FreshMachine();
+      const bool sameProcess = stopAt == 2;
       {
         const OpenedStore store(slots);
         ASSERT_TRUE(store.Commit(1, {"first"}));
@@ -463,7 +436,12 @@ TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
         EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
         EXPECT_EQ(BCFsck(store.index), 1) << Diagnostics().Text();
         EXPECT_TRUE(store.Has("first") && store.Has(blobs[0]) && store.Has(blobs[599]));
-        EXPECT_EQ(BCLoad(store.index), 1) << "the slot that was emptied is not taken for the newest";
+        if (sameProcess) {
+          BCSetProgress(store.index, nullptr, nullptr);
+          EXPECT_EQ(BCRepack(store.index), 1) << LastError(store.index);
+        } else {
+          EXPECT_EQ(BCLoad(store.index), 1) << "the slot that was emptied is not taken for the newest";
+        }
         EXPECT_EQ(store.All().size(), 601U);
         ASSERT_TRUE(store.Commit(3, {"after"}));
       }
@@ -473,32 +451,11 @@ TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
         EXPECT_EQ(again.All().size(), 602U);
         EXPECT_EQ(BCRepack(again.index), 1);
         EXPECT_EQ(BCFsck(again.index), 1);
-        EXPECT_EQ(StatisticsOf(again.index).sequence, 2);
+        EXPECT_EQ(StatisticsOf(again.index).sequence, sameProcess ? 3 : 2);
       }
       const OpenedStore last(slots);
       EXPECT_EQ(last.All().size(), 602U);
     }
-  }
-}
-
-// A repack that is made after one was stopped, in the same process.
-TEST(Progress, ARepackAfterAStoppedOneSucceeds) {
-  for (const int slots : {1, 2}) {
-    FreshMachine();
-    {
-      const OpenedStore store(slots);
-      ASSERT_TRUE(store.Commit(1, ManyBlobs()));
-      Calls calls;
-      calls.stopAt = 2;
-      BCSetProgress(store.index, &Calls::Note, &calls);
-      EXPECT_EQ(BCRepack(store.index), 0);
-      calls.stopAt = 0;
-      EXPECT_EQ(BCRepack(store.index), 1) << LastError(store.index);
-      ASSERT_TRUE(store.Commit(2, {"after"}));
-    }
-    const OpenedStore again(slots);
-    EXPECT_EQ(again.All().size(), 601U);
-    EXPECT_EQ(StatisticsOf(again.index).sequence, 1);
   }
 }
 

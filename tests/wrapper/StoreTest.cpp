@@ -132,6 +132,7 @@ TEST(Store, EnumeratesInOrderWhileBlobsGo) {
   }
   EXPECT_TRUE(std::ranges::equal(seen, expected));
   EXPECT_TRUE(std::ranges::empty(store.hashes()));
+  EXPECT_EQ(BCNextHash(store.index(), nullptr, nullptr), -1);
 }
 
 TEST(Store, FailsWithTheStoresOwnWords) {
