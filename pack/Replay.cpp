@@ -70,7 +70,7 @@ bool Replay::TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run) 
     if (count > 1) {
       run->Digest();
       for (; taken < count && run->IsWhole(taken, remaining); ++taken) {
-        BlobFile::Entries& entries = run->Entries(taken);
+        BlobFile::Entries entries = run->TakeEntries(taken);
         out.insert(out.end(), std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end()));
         remaining -= static_cast<std::int32_t>(entries.size()) + 2;
         scanner.SkipTo(run->EndOf(taken));

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "md5/MD5Lanes.h"
@@ -42,9 +43,9 @@ class TransactionRun {
   // alone, which with its start and its end are no more than remaining.
   bool IsWhole(std::size_t i, std::int32_t remaining) const;
 
-  // Of transaction i: its records between start and end, whose entries are the
-  // caller's to move away, and where its end record ends.
-  BlobFile::Entries& Entries(std::size_t i) { return found[i].entries; }
+  // Of transaction i: its records between start and end, which are then the
+  // caller's, and where its end record ends.
+  BlobFile::Entries TakeEntries(std::size_t i) { return std::move(found[i].entries); }
   std::uint32_t EndOf(std::size_t i) const { return found[i].end + format::kEndSize; }
 
  private:

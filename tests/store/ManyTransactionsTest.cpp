@@ -383,5 +383,34 @@ TEST(ManyTransactions, AreReadInLargePiecesOfBoundedMemory) {
   }
 }
 
+// Deletes are the smallest records: however they are spread, a load takes no
+// more than ten times the file for them.
+TEST(ManyTransactions, TakeMemoryInProportion) {
+  const std::vector<std::vector<int>> rows = {{20000, 1}, {10000, 10000}, {1, 20000}, std::vector<int>(16, 1500), [] {
+                                                std::vector<int> counts(40, 500);
+                                                counts[0] = 20000;
+                                                return counts;
+                                              }()};
+  for (const std::vector<int>& counts : rows) {
+    SCOPED_TRACE(testing::Message() << counts.size() << " transactions, the first of " << counts[0]);
+    JournalBytes bytes;
+    int blob = 0;
+    for (const int count : counts) {
+      std::vector<std::string> records;
+      for (int i = 0; i < count; ++i) records.push_back(DeleteRecord(1, std::to_string(++blob)));
+      bytes.Transaction(1, records);
+    }
+    FreshMachine();
+    { const OpenedStore fresh; }
+    const std::string file = bytes.Bytes();
+    SetFile(kJournal, file);
+    sim::Memory().ResetPeak();
+    const std::size_t before = sim::Memory().peakBytes();
+    const OpenedStore store;
+    EXPECT_TRUE(store.loaded);
+    EXPECT_LT(sim::Memory().peakBytes() - before, 80U * 1024 + 10 * file.size());
+  }
+}
+
 }  // namespace
 }  // namespace test
