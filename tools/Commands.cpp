@@ -186,7 +186,10 @@ ExitStatus Check(const StoreOptions& at) {
   const std::vector<std::string> faults = store.Check();
   for (const std::string& fault : faults) Say(fault);
   for (const std::string& path : FilesSetAside(at.layout))
-    Say(fmt::format("{} was set aside because it was damaged; what is lost may be in it", path));
+    Say(
+        fmt::format("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage {} NEW` "
+                    "reads it",
+                    path, at.layout.store()));
   const bool sound = faults.empty() && !store.damaged();
   Say(sound ? "every blob is sound" : AfterDamage(store));
   return sound ? kSuccess : kFault;

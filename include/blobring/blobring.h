@@ -229,12 +229,14 @@ BLOBRING_API int BCDeleteInt(int index, unsigned char* hash);
 /*
  * Copies every blob into the next slot's pack and empties that slot's
  * journal, which frees what deleted blobs took. Refused (0, the store as it
- * was) while changes are pending, without a slot, and when the blobs would
- * not fit into one pack of 2 GiB, and when the function of BCSetProgress
- * stopped it, at any moment before the new generation is committed: with two
- * slots or more the slot that was next has then been emptied. Returns 1; 0 on
- * failure, after which the store is closed and its files hold what they held
- * before. BCGetStatistics tells whether it is closed.
+ * was) while changes are pending, without a slot, before a load, after a
+ * failed flush, when the blobs would not fit into one pack of 2 GiB, when the
+ * pack's sequence is negative, which no store writes, or at its highest, and
+ * when the function of BCSetProgress stopped it, at any moment before the new
+ * generation is committed: with two slots or more the slot that was next has
+ * then been emptied. Returns 1; 0 on failure, after which the store is closed
+ * and its files hold what they held before. BCGetStatistics tells whether it
+ * is closed.
  */
 BLOBRING_API int BCRepack(int index);
 

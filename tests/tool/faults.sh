@@ -106,6 +106,20 @@ expect 0 "slot 0 is current" repack --force headless
 cmp headless/0.pak.kept-1 before.pak
 expect 0 "every blob is sound" fsck headless
 
+# The only pack is damaged beyond its header: moved aside, or erased.
+blobring init only --slots 1 2>/dev/null
+blobring put only part1 part2 >two
+blobring repack only 2>/dev/null
+flip_byte only/0.pak 100
+cp -r only erased
+expect 0 "every file is kept under a new name, the store goes on empty" ls only
+cmp only/0.pak.kept-1 erased/0.pak
+expect 0 "blobring salvage only NEW" fsck only
+expect 1 "recovered: 2 blobs" salvage only both
+same "$(blobring ls both)" "$(sort two)"
+expect 0 "DeleteFiles.. was successful" stat --on-damage erase erased
+same "$(blobring ls erased; ls erased | tr '\n' ' ')" "0.jrn 0.pak blobring.conf "
+
 # The last transaction of a journal is damaged: said once, set aside, then usable.
 blobring init tail 2>/dev/null
 blobring put tail part1 >/dev/null

@@ -13,13 +13,13 @@ echo "seed $seed"
 RANDOM=$seed
 files=8000 # eight commits, each followed by its lines
 
-# One file in a hundred is larger than what is gathered before it is written.
+# Some are larger than the 512 KiB that are gathered before they are written.
 mkdir tree
 (
   cd tree
   seq -f "file %g" $files | split -a 4 -l 1 -
-  for name in xa?[a-f]m; do
-    head -c $((RANDOM * 10)) /dev/urandom >>"$name"
+  for name in xa[adgj]mm; do
+    head -c $((550000 + RANDOM)) /dev/urandom >>"$name"
   done
   find . -type f -exec md5sum {} +
 ) | sort >expected
