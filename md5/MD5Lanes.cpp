@@ -76,12 +76,12 @@ class Scheduler {
   // Gives a lane whose blocks are done the ones that follow. False: none do.
   bool GoOn(std::size_t lane) {
     Job& job = jobs[lane];
-    if (job.rest != nullptr) {
+    if (job.tailBlocks == 0) {
+      if (job.rest == nullptr) return false;
       const std::span<const std::uint8_t> piece = job.rest->Next();
       Take(lane, piece, piece.empty());
       if (job.blocksLeft != 0) return true;
     }
-    if (job.tailBlocks == 0) return false;
     lanes.next[lane] = job.tail;
     job.blocksLeft = job.tailBlocks;
     job.tailBlocks = 0;
