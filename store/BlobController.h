@@ -223,6 +223,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   ProgressCall progress;
   bool enumerating = false;
+  bool hasInvalid = false;  // during a load: the index may hold what the store does not
   bool loaded = false;
   bool loadFailed = false;  // and the files were kept: a change could hide what they hold
 };

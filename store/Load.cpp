@@ -42,6 +42,7 @@ void BlobController::LoadFiles() {
   AbandonPending();
   seq = format::kSequenceReset;
   for (auto& [hash, entry] : blobs) entry.valid = false;
+  hasInvalid = !blobs.empty();
 
   BlobFile::Entries entries;
   if (!LoadNewestPack(entries)) {
@@ -56,7 +57,7 @@ void BlobController::LoadFiles() {
   LoadJournal(entries);
   for (const BlobFilePtr& pack : packFiles) Secure(*pack);
   Secure(*curJournal);
-  blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
+  if (hasInvalid) blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }
 
@@ -146,6 +147,7 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
         break;
       case format::kOpDelete:
         blobs.FindOrMake(entry.hash, isNew)->second.valid = false;
+        hasInvalid = true;
         break;
       default:
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
