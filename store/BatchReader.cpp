@@ -6,8 +6,9 @@
 
 namespace {
 
-// Enough to keep all lanes busy with blobs of 64 KiB.
-constexpr std::uint64_t kBufferSize = 4 * 1024 * 1024;
+// Sixteen records of 64 KiB, one for each lane. More would not stay in the
+// caches between being read and being digested.
+constexpr std::uint64_t kBufferSize = 16 * (64 + 4) * 1024;
 // Bytes between two records that are read rather than skipped: a call takes as
 // long as some 2 KiB more in it.
 constexpr std::size_t kMaxGap = 2048;
