@@ -143,7 +143,7 @@ void WriteScaling(const Results& results, std::ostream& out) {
       "\n## How cost grows\n\nCPU microseconds a blob, blobs of {} bytes, 10,000 a commit; {} random verified fetches "
       "and sizes.\nOpening verifies every blob for Blobring and nothing for the others. Memory is what the process "
       "grew "
-      "by at the open,\nin bytes a blob, and of that what our index takes.\n\n",
+      "by at the open,\nin bytes a blob, and what the library then had from the system for its index.\n\n",
       kScaleBlobSize, kScaleReads);
   out << "| blobs | store | put | open | get | size | memory | index |\n|---:|---|---:|---:|---:|---:|---:|---:|\n";
   for (const ScalePoint& point : results.scaling) {

@@ -5,13 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <fstream>
 
 #include "bench/Require.h"
 #include "bench/Workloads.h"
-#include "platform/BlobAllocator.h"
 
 namespace bench {
 
@@ -27,14 +25,12 @@ double ResidentBytes() {
   return resident * static_cast<double>(::sysconf(_SC_PAGESIZE));
 }
 
-// What the index has taken from the system, the allocator's reserve included.
-double IndexBytes() {
-  std::array<BlobringHostMemoryUse, BLOBRING_HOST_MEMORY_ACCOUNT_COUNT> accounts;
-  const std::uint32_t count = BlobringHostMemoryByTag(accounts.data(), static_cast<std::uint32_t>(accounts.size()));
-  double bytes = 0;
-  for (std::uint32_t i = 0; i < std::min<std::uint32_t>(count, accounts.size()); ++i)
-    if (accounts[i].tag == kTagIndex) bytes += static_cast<double>(accounts[i].systemBytes);
-  return bytes;
+// What the library has taken from the system, the memory manager's reserve
+// included.
+double LibraryBytes() {
+  BlobringHostMemoryUse use;
+  BlobringHostMemoryTotal(&use);
+  return static_cast<double>(use.systemBytes);
 }
 
 void PutAll(Store& store, const Blobs& blobs) {
@@ -57,9 +53,9 @@ ScalePoint MeasurePoint(const Contender& contender, const Blobs& blobs, const st
   ::malloc_trim(0);
 
   const double residentBefore = ResidentBytes();
-  const double indexBefore = IndexBytes();
+  const double libraryBefore = LibraryBytes();
   point.open = Measure([&] { store->Open(); });
-  point.indexBytes = (IndexBytes() - indexBefore) / static_cast<double>(blobs.Count());
+  point.indexBytes = (LibraryBytes() - libraryBefore) / static_cast<double>(blobs.Count());
   point.processBytes = (ResidentBytes() - residentBefore) / static_cast<double>(blobs.Count());
   WaitForHelperThreads();
 
