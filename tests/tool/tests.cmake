@@ -7,8 +7,8 @@ if(TARGET blobring_tool)
   endforeach()
   if(NOT CMAKE_CROSSCOMPILING)
     add_library(failing_reads MODULE ${CMAKE_CURRENT_SOURCE_DIR}/tool/failing_reads.c)
-    target_compile_options(failing_reads PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
-                                                 -Wno-pedantic -fvisibility=default)
+    target_compile_options(failing_reads PRIVATE -Wall -Wextra -Wshadow -Wconversion -Werror
+                                                 -fvisibility=default)
     target_link_libraries(failing_reads PRIVATE ${CMAKE_DL_LIBS})
     add_test(NAME tool_salvage_failing_disk
              COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/tool/salvage_failing_disk.sh $<TARGET_FILE:blobring_tool>
