@@ -283,10 +283,11 @@ void Scanner::Run() {
 
 SalvageScan Scan(SalvageFile& file) {
   SalvageScan scan;
-  scan.header = InspectFile(file.path());
-  scan.committedEnd = scan.sound() ? std::min(scan.header.endOffset, file.size()) : file.size();
   std::array<unsigned char, kFileHeaderSize> header = {};
-  file.Read(0, header.data(), std::min<uint64_t>(file.size(), header.size()));
+  const auto headerSize = static_cast<size_t>(std::min<uint64_t>(file.size(), header.size()));
+  file.Read(0, header.data(), headerSize);
+  scan.header = DescribeHeader(file.path(), file.size(), Bytes(header).first(headerSize));
+  scan.committedEnd = scan.sound() ? std::min(scan.header.endOffset, file.size()) : file.size();
   scan.headerCount = Word(header.data() + 4);
   Scanner(file, scan).Run();
   scan.unreadable = file.unreadable();

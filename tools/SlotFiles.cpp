@@ -10,7 +10,6 @@
 #include <cerrno>
 
 #include "tools/Error.h"
-#include "tools/Fd.h"
 
 namespace tool {
 namespace {
@@ -47,21 +46,32 @@ bool HasRecords(const SlotFile& file) {
 
 }  // namespace
 
-SlotFile InspectFile(const std::string& path) {
+SlotFile DescribeHeader(const std::string& path, uint64_t fileSize, Bytes header) {
+  Header bytes = {};
+  const size_t headerSize = std::min(header.size(), bytes.size());
+  std::copy_n(header.begin(), headerSize, bytes.begin());
   SlotFile file;
   file.path = path;
+  file.size = fileSize;
+  file.sequence = static_cast<int32_t>(Word(bytes, kSequenceAt));
+  file.endOffset = Word(bytes, kEndOffsetAt);
+  file.state = StateOf(file, bytes, headerSize);
+  return file;
+}
+
+SlotFile InspectFile(const std::string& path) {
   const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!fd.valid() && errno == ENOENT) return file;
+  if (!fd.valid() && errno == ENOENT) {
+    SlotFile missing;
+    missing.path = path;
+    return missing;
+  }
   if (!fd.valid()) ThrowErrno("read " + path);
   struct stat status = {};
   Header header = {};
   const ssize_t got = ::pread(fd.get(), header.data(), header.size(), 0);
   if (got < 0 || ::fstat(fd.get(), &status) != 0) ThrowErrno("read " + path);
-  file.size = static_cast<uint64_t>(status.st_size);
-  file.sequence = static_cast<int32_t>(Word(header, kSequenceAt));
-  file.endOffset = Word(header, kEndOffsetAt);
-  file.state = StateOf(file, header, static_cast<size_t>(got));
-  return file;
+  return DescribeHeader(path, static_cast<uint64_t>(status.st_size), Bytes(header).first(static_cast<size_t>(got)));
 }
 
 SlotFiles::SlotFiles(const Layout& layout) : store_(layout.store()) {

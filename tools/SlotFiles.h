@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/Fd.h"
 #include "tools/Layout.h"
 
 namespace tool {
@@ -29,6 +30,9 @@ struct SlotFile {
   int32_t sequence = 0;    // -1: emptied by a repack that was not completed
   uint64_t endOffset = 0;  // bytes in use, header included
 };
+
+// What the first bytes of a file, 24 or all that it has, say about it.
+SlotFile DescribeHeader(const std::string& path, uint64_t fileSize, Bytes header);
 
 // Reads one header. Throws Fault when the file is there and cannot be read.
 SlotFile InspectFile(const std::string& path);
