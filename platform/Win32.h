@@ -68,12 +68,38 @@ constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
 constexpr DWORD ERROR_FILE_TOO_LARGE = 223;
 constexpr DWORD ERROR_IO_DEVICE = 1117;
 
+struct FILETIME {
+  DWORD dwLowDateTime;
+  DWORD dwHighDateTime;
+};
+
 // One entry of a directory listing; cFileName is cut to fit and terminated.
 struct WIN32_FIND_DATAW {
   DWORD dwFileAttributes;
+  FILETIME ftCreationTime;
+  FILETIME ftLastAccessTime;
+  FILETIME ftLastWriteTime;
   DWORD nFileSizeHigh;
   DWORD nFileSizeLow;
+  DWORD dwReserved0;
+  DWORD dwReserved1;
   WCHAR cFileName[MAX_PATH];
+  WCHAR cAlternateFileName[14];
+};
+
+// The store compares the volume's number and the file's index, which together
+// tell one file from another.
+struct BY_HANDLE_FILE_INFORMATION {
+  DWORD dwFileAttributes;
+  FILETIME ftCreationTime;
+  FILETIME ftLastAccessTime;
+  FILETIME ftLastWriteTime;
+  DWORD dwVolumeSerialNumber;
+  DWORD nFileSizeHigh;
+  DWORD nFileSizeLow;
+  DWORD nNumberOfLinks;
+  DWORD nFileIndexHigh;
+  DWORD nFileIndexLow;
 };
 
 struct SECURITY_ATTRIBUTES;
@@ -103,8 +129,9 @@ extern "C" {
 
 // Opens or creates a file. The store always passes share mode 0: any second
 // opener of the file, in this process or another, gets
-// ERROR_SHARING_VIOLATION until the first has closed it. Only regular files
-// are opened. Returns INVALID_HANDLE_VALUE on failure.
+// ERROR_SHARING_VIOLATION until the first has closed it. With no access (0) a
+// file that somebody holds is opened all the same, to ask which file it is.
+// Only regular files are opened. Returns INVALID_HANDLE_VALUE on failure.
 HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode, SECURITY_ATTRIBUTES* security,
                    DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile);
 
@@ -121,6 +148,11 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveM
 
 // The low 32 bits of the length; INVALID_FILE_SIZE when the handle is not open.
 DWORD GetFileSize(HANDLE file, DWORD* sizeHigh);
+
+// Makes the handle's position the file's length. Bytes that this adds are zeros.
+BOOL SetEndOfFile(HANDLE file);
+
+BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information);
 
 // Once this returns TRUE, everything written to the file, its length and its
 // name survive a power cut. Once it has returned FALSE, data may have been
@@ -142,6 +174,11 @@ BOOL MoveFileW(const WCHAR* from, const WCHAR* to);
 // the whole old file or to the whole new one.
 BOOL MoveFileExW(const WCHAR* from, const WCHAR* to, DWORD flags);
 
+// The path, made absolute with the current directory. Returns its length without
+// the NUL; what the buffer must hold, NUL included, when that is more than
+// capacity; 0 on failure. The file need not exist.
+DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** filePart);
+
 BOOL CreateDirectoryW(const WCHAR* path, SECURITY_ATTRIBUTES* security);
 BOOL RemoveDirectoryW(const WCHAR* path);
 BOOL SetFileAttributesW(const WCHAR* path, DWORD attributes);
@@ -156,6 +193,8 @@ BOOL FindClose(HANDLE find);
 DWORD GetLastError();
 void Sleep(DWORD milliseconds);
 DWORD GetCurrentThreadId();
+// Right in a forked child as well.
+DWORD GetCurrentProcessId();
 
 // Hands the exception to the host's structured exception handling; control
 // may come back.

@@ -1,0 +1,45 @@
+// A failure that the caller can tell by a code as well as by its text.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "platform/Win32.h"
+
+// The values are those of BLOBRING_ERROR_… in blobring/blobring.h.
+enum class FailureCode : int {
+  None = 0,
+  Held = 1,      // another opener has the file
+  Full = 2,      // the disk, a quota or a file's limit
+  Damaged = 3,   // bytes on disk are not what a store wrote
+  InDoubt = 4,   // a flush has failed
+  Closed = 5,    // the store was closed, by its owner or by a failure
+  NoStore = 6,   // there is none, or no such index
+  Argument = 7,  // the caller's
+  Io = 8,        // the system's
+  Memory = 9,
+  ReadOnly = 10,  // the store was opened for reading
+  Refused = 11,   // not now: the message says why
+};
+
+class Failure : public std::runtime_error {
+ public:
+  Failure(FailureCode failureCode, const std::string& text) : std::runtime_error(text), code(failureCode) {}
+  FailureCode code;
+};
+
+// What a platform error code comes down to.
+inline FailureCode FailureOf(DWORD systemCode) {
+  switch (systemCode) {
+    case ERROR_SHARING_VIOLATION:
+      return FailureCode::Held;
+    case ERROR_DISK_FULL:
+    case ERROR_HANDLE_DISK_FULL:
+    case ERROR_FILE_TOO_LARGE:
+      return FailureCode::Full;
+    case ERROR_NOT_ENOUGH_MEMORY:
+      return FailureCode::Memory;
+    default:
+      return FailureCode::Io;
+  }
+}
