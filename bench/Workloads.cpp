@@ -63,7 +63,7 @@ void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool 
 }
 
 std::filesystem::path LimitFile() {
-  return std::filesystem::current_path() / "limit.bin";
+  return std::filesystem::temp_directory_path() / "blobring-limit.bin";
 }
 
 bool IsPeer(const std::string& name) {

@@ -39,7 +39,7 @@ std::vector<unsigned char> RandomBytes(std::size_t size, unsigned seed) {
 class ScratchStore {
  public:
   ScratchStore() {
-    std::string name = (std::filesystem::current_path() / "functions-XXXXXX").string();
+    std::string name = (std::filesystem::temp_directory_path() / "blobring-functions-XXXXXX").string();
     Require(::mkdtemp(name.data()) != nullptr, "mkdtemp");
     directory = name;
     index = BCInitialize(directory.u16string().c_str());

@@ -12,7 +12,7 @@
 namespace {
 
 struct Options {
-  std::string directory = "bench-data";
+  std::string directory = (std::filesystem::temp_directory_path() / "blobring-bench").string();
   std::string markdown, chart, samples;
   std::vector<std::string> scenarios, stores;
   bench::Extent extent;
