@@ -57,8 +57,8 @@ bool IsKept(const std::string& path, std::string_view bytes) {
   return false;
 }
 
-// A journal that was mended keeps its whole transactions in place; its header
-// and what came behind them are in a copy.
+// A repaired journal keeps its whole transactions in place. A copy holds its
+// old header and what came after them.
 bool IsJournalKept(const std::string& path, std::string_view bytes) {
   if (IsKept(path, bytes)) return true;
   const std::string now = test::FileBytes(path);
@@ -67,9 +67,9 @@ bool IsJournalKept(const std::string& path, std::string_view bytes) {
     if (sim::Files().disk.Lookup(name) == sim::kNoInode) continue;
     const std::string copy = test::FileBytes(name);
     if (copy.size() < 24 || copy.size() > bytes.size()) continue;
-    const std::size_t mended = bytes.size() - (copy.size() - 24);  // where the copy goes on
-    if (copy.substr(0, 24) == bytes.substr(0, 24) && copy.substr(24) == bytes.substr(mended) && now.size() >= mended &&
-        now.substr(24, mended - 24) == bytes.substr(24, mended - 24))
+    const std::size_t repaired = bytes.size() - (copy.size() - 24);  // where the copy goes on
+    if (copy.substr(0, 24) == bytes.substr(0, 24) && copy.substr(24) == bytes.substr(repaired) &&
+        now.size() >= repaired && now.substr(24, repaired - 24) == bytes.substr(24, repaired - 24))
       return true;
   }
   return false;
@@ -100,7 +100,7 @@ class Life {
     if (options.keep) CheckDamagedKept();
     Require(sim::Memory().liveBlocks() == blocksBefore, "all memory is given back");
     Require(sim::Files().openHandles() == 0, "all files are closed");
-    Require(sim::Files().sleptMs() == 0, "nothing is waited for");
+    Require(sim::Files().sleptMs == 0, "nothing is waited for");
   }
 
  private:

@@ -9,14 +9,18 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
+
+#include "fs/FileSystem.h"
 
 namespace {
 
@@ -204,6 +208,36 @@ TEST(PosixStore, AFullDiskIsReportedAndForgottenOnceThereIsRoom) {
   ::setrlimit(RLIMIT_FSIZE, &before);
   EXPECT_TRUE(store.End(2)) << "once there is room";
   EXPECT_TRUE(store.Has("fits") && store.Has(std::string(400000, 'y')));
+}
+
+TEST(FileSystem, ListsAndDeletesTrees) {
+  const TemporaryDirectory directory;
+  const std::string top = directory.path / "d", none = directory.path / "none";
+  const auto wide = [](const std::string& path) { return FileSystem::ConvertString(path); };
+  EXPECT_NE(FileSystem::CreateDirectoryW(wide(top)), 0);
+  EXPECT_EQ(FileSystem::CreateDirectoryW(wide(top)), 0);
+  fs::create_directory(top + "/old");
+  for (const char* name : {"/0.pak", "/0.jrn", "/old/1.pak"}) std::ofstream(top + name) << "x";
+  FileSystem::NarrowPaths packs, all;
+  FileSystem::ReadDirectory(top, packs, ".pak");
+  EXPECT_EQ((std::set<std::string>(packs.begin(), packs.end())),
+            (std::set<std::string>{top + "/0.pak", top + "/old/1.pak"}));
+  FileSystem::ReadDirectory(top, all, "");
+  EXPECT_NE(std::find(all.begin(), all.end(), top + "/.."), all.end());
+  EXPECT_LT(std::find(all.begin(), all.end(), top + "/old/1.pak"), std::find(all.begin(), all.end(), top + "/old"));
+  const std::size_t count = all.size();
+  FileSystem::ReadDirectory(none, all, "");
+  EXPECT_EQ(all.size(), count);
+
+  EXPECT_EQ(FileSystem::DeleteDirectory(wide(none), true), 0U);
+  EXPECT_EQ(FileSystem::DeleteDirectory(wide(top), false), 0U);
+  EXPECT_FALSE(fs::exists(top + "/0.pak"));
+  std::ofstream(top + "/old/.keep") << "x";
+  EXPECT_EQ(FileSystem::DeleteDirectory(wide(top), true), ERROR_DIR_NOT_EMPTY);
+  EXPECT_TRUE(fs::exists(top + "/old/.keep"));
+  fs::remove(top + "/old/.keep");
+  EXPECT_EQ(FileSystem::DeleteDirectory(wide(top), true), 0U);
+  EXPECT_FALSE(fs::exists(top));
 }
 
 }  // namespace

@@ -105,7 +105,7 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
        },
        {"/d/f=a1024 /d/g=empty", "/d/f=a1024 /d/g=.2", "/d/f=a1024 /d/g=b2"}},
       {"deleted: there or not", [](Disk& d) { d.Remove("/d/f"); }, {"/d/f=a1024", "nothing"}},
-      {"deleted and made anew: the old, none, or the new",
+      {"deleted and created again: the old file, none, or the new one",
        [](Disk& d) {
          d.Remove("/d/f");
          d.Create("/d/f");
@@ -193,18 +193,18 @@ TEST_F(SimFilesTest, FailsAsPlanned) {
     SetUp();
     const HANDLE file = Open();
     ASSERT_TRUE(Write(file, "aa") && FlushFileBuffers(file) && Write(file, "bb"));
-    Files().faults.FailCallOf(Call::FlushFileBuffers, 1, row.fault);
+    Files().FailCallOf(Call::FlushFileBuffers, 1, row.fault);
     EXPECT_FALSE(FlushFileBuffers(file));
     EXPECT_FALSE(FlushFileBuffers(file)) << "a later flush of the handle";
     EXPECT_EQ(Found(), row.found);
     EXPECT_TRUE(CloseHandle(file));
-    EXPECT_EQ(Found(), row.afterPowerCut) << "whoever opens it next";
+    EXPECT_EQ(Found(), row.afterPowerCut) << "for the next opener";
     Files().CutPower();
     EXPECT_EQ(Found(), row.afterPowerCut);
   }
   SetUp();
   const HANDLE file = Open();
-  Files().faults.FailCallOf(Call::WriteFile, 2, Fault::DiskFull, true);
+  Files().FailCallOf(Call::WriteFile, 2, Fault::DiskFull, true);
   EXPECT_TRUE(Write(file, "aaaa"));
   EXPECT_FALSE(Write(file, "bbbb"));
   EXPECT_EQ(GetLastError(), ERROR_DISK_FULL);

@@ -213,9 +213,9 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
 
   // A buffer that is too small: a second of waiting, then the store closes.
   Diagnostics().Clear();
-  const std::uint64_t slept = sim::Files().sleptMs();
+  const std::uint64_t slept = sim::Files().sleptMs;
   EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 3), 2);
-  EXPECT_EQ(sim::Files().sleptMs() - slept, 1000U);
+  EXPECT_EQ(sim::Files().sleptMs - slept, 1000U);
   EXPECT_TRUE(Diagnostics().HasError("BlobPair::buffer.size(3) != size(4)"));
   EXPECT_TRUE(Diagnostics().HasError(
       "BlobController::GetBlob() threw an exception BlobPair::Read : too large size file=/s/0.jrn offset=64"));

@@ -59,19 +59,19 @@ TEST(File, SaysWhatWasWantedAndWhatWasGot) {
   EXPECT_EQ(file.seek(1000), 1000U);
   EXPECT_EQ(WhatOf([&] { file.read(buffer, 1); }), "File::Read didn't read the entire buffer 1 read 0 GetLastError 0");
   EXPECT_EQ(WhatOf([&] { file.seek(0x80000000U); }), "File::Seek SetFilePointer failed, GetLastError=131");
-  sim::Files().faults.FailCallOf(Call::WriteFile, 1, Fault::Partial);
+  sim::Files().FailCallOf(Call::WriteFile, 1, Fault::Partial);
   file.seek(0);
   EXPECT_EQ(WhatOf([&] { file.write(buffer, 8); }),
             "File::Write didn't write the entire buffer 8 written 4 GetLastError 1117");
   EXPECT_EQ(Diagnostics().records.back().id, 0x0F000131U);
   EXPECT_EQ(Diagnostics().records.back().values[0], 8U);
   EXPECT_EQ(Diagnostics().records.back().values[1], 4U);
-  sim::Files().faults.FailCallOf(Call::WriteFile, 1, Fault::DoneButFailed);
+  sim::Files().FailCallOf(Call::WriteFile, 1, Fault::DoneButFailed);
   file.seek(0);
   EXPECT_EQ(WhatOf([&] { file.write(buffer, 8); }), "File::Write failed GetLastError code = 1117");
   EXPECT_EQ(Diagnostics().records.back().id, 0x0F000132U);
 
-  sim::Files().faults.FailCallOf(Call::CloseHandle, 1, Fault::Error);
+  sim::Files().FailCallOf(Call::CloseHandle, 1, Fault::Error);
   EXPECT_EQ(WhatOf([&] { file.close(); }), "File::Close failed GetLastError code = 1117");
   EXPECT_TRUE(file.IsOpen());
 }
@@ -98,55 +98,22 @@ TEST(FileSystem, WaitsForASharingViolationAndForNothingElse) {
   FreshMachine();
   SetFile("/a/f", "x");
   sim::SimFiles& files = sim::Files();
-  files.faults.FailCallOf(Call::CreateFile, 1, Fault::Busy);
-  std::uint64_t slept = files.sleptMs();
+  files.FailCallOf(Call::CreateFile, 1, Fault::Busy);
+  std::uint64_t slept = files.sleptMs;
   CloseHandle(FileSystem::CreateFileW("/a/f", GENERIC_READ, OPEN_EXISTING, 0));
-  EXPECT_EQ(files.sleptMs() - slept, 20U) << "free at the second attempt";
+  EXPECT_EQ(files.sleptMs - slept, 20U) << "free at the second attempt";
   EXPECT_TRUE(Diagnostics().HasError("FileSystem::CreateFile sharing violation file /a/f retry 0"));
 
-  slept = files.sleptMs();
-  files.faults.FailCallOf(Call::MoveFile, 1, Fault::Busy, true);
+  slept = files.sleptMs;
+  files.FailCallOf(Call::MoveFile, 1, Fault::Busy, true);
   EXPECT_EQ(WhatOf([&] { FileSystem::MoveFileW(std::string("/a/f"), std::string("/a/g")); }),
             "FileSystem::MoveFile error /a/f -> /a/g GetLastError code= 32");
   EXPECT_TRUE(Diagnostics().HasWarning("FileSystem::MoveFile sharing violation file retrying 24"));
-  EXPECT_EQ(files.sleptMs() - slept, 500U);
-  files.faults.Clear();
+  EXPECT_EQ(files.sleptMs - slept, 500U);
+  files.Heal();
   EXPECT_TRUE(FileSystem::MoveFileW(std::string("/a/f"), std::string("/a/g")));
   EXPECT_EQ(WhatOf([&] { FileSystem::MoveFileW(std::string("/a/f"), std::string("/a/h")); }),
             "FileSystem::MoveFile error /a/f -> /a/h GetLastError code= 2");
-}
-
-TEST(FileSystem, ListsAndDeletesTrees) {
-  FreshMachine();
-  sim::Files().disk.MakeDirectory("/a/d");
-  sim::Files().disk.MakeDirectory("/a/d/old");
-  for (const char* path : {"/a/d/0.pak", "/a/d/0.jrn", "/a/d/old/1.pak"}) SetFile(path, "x");
-  FileSystem::NarrowPaths found;
-  FileSystem::ReadDirectory(std::string("/a/d"), found, std::string(".pak"));
-  std::sort(found.begin(), found.end());
-  ASSERT_EQ(found.size(), 2U);
-  EXPECT_EQ(found[0], "/a/d/0.pak");
-  EXPECT_EQ(found[1], "/a/d/old/1.pak");
-  found.clear();
-  FileSystem::ReadDirectory(std::string("/a/d"), found, std::string());
-  EXPECT_NE(std::find(found.begin(), found.end(), "/a/d/.."), found.end());
-  const auto inner = std::find(found.begin(), found.end(), "/a/d/old/1.pak");
-  EXPECT_LT(inner, std::find(found.begin(), found.end(), "/a/d/old"));
-  FileSystem::ReadDirectory(std::string("/a/none"), found, std::string());
-  EXPECT_TRUE(Diagnostics().HasWarning("FileSystem::ReadDirectory invalid_handle_value GetLastError code=3"));
-
-  EXPECT_EQ(FileSystem::DeleteDirectory(u"/a/none", true), 0U);
-  EXPECT_EQ(FileSystem::DeleteDirectory(u"/a/d", false), 0U);
-  EXPECT_EQ(sim::Files().disk.Lookup("/a/d/0.pak"), sim::kNoInode);
-  EXPECT_TRUE(sim::Files().disk.HasDirectory("/a/d/old"));
-  SetFile("/a/d/old/.keep", "x");
-  EXPECT_EQ(FileSystem::DeleteDirectory(u"/a/d", true), 145U);
-  EXPECT_NE(sim::Files().disk.Lookup("/a/d/old/.keep"), sim::kNoInode);
-  sim::Files().disk.Remove("/a/d/old/.keep");
-  EXPECT_EQ(FileSystem::DeleteDirectory(u"/a/d", true), 0U);
-  EXPECT_FALSE(sim::Files().disk.HasDirectory("/a/d"));
-  EXPECT_NE(FileSystem::CreateDirectoryW(u"/a/d"), 0);
-  EXPECT_EQ(FileSystem::CreateDirectoryW(u"/a/d"), 0);
 }
 
 TEST(FileSystem, ConvertsPathsByteByByteAndBack) {

@@ -57,9 +57,9 @@ TEST(Fsck, ABlobThatCannotBeReadNeverPasses) {
     FreshMachine();
     const OpenedStore store;
     ASSERT_TRUE(store.Commit(1, {blob, "before"}));
-    sim::Files().faults.FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
+    sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
     EXPECT_EQ(BCFsck(store.index), 0);
-    sim::Files().faults.Clear();
+    sim::Files().Heal();
     EXPECT_EQ(BCFsck(store.index), 1);
     EXPECT_TRUE(store.Has(blob));
   }

@@ -139,7 +139,7 @@ TEST(Load, APassingFailureLeavesEveryFileUnderKeepAndErasesOtherwise) {
     const int index = BCInitialize(u"/s");
     BCAddPackDir(index, u"/s");
     if (policy == Policy::Keep) BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
-    files.faults.FailCallOf(sim::Call::ReadFile, 2, sim::Fault::Error);
+    files.FailCallOf(sim::Call::ReadFile, 2, sim::Fault::Error);
     EXPECT_EQ(BCLoad(index), 0);
     EXPECT_EQ(Exists("/s/0.pak"), policy == Policy::Keep);
     if (policy == Policy::Keep) {

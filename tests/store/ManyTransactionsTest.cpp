@@ -287,7 +287,7 @@ TEST(ManyTransactions, AreAllThereOrTheLoadFails) {
   const Journal journal = Mixed(20, 90'000);
   const std::string good = journal.Bytes();
   const std::set<std::string> blobs = journal.BlobsBefore(20);
-  const std::function<std::uint64_t()> reads = [] { return sim::Files().faults.fired(); };
+  const std::function<std::uint64_t()> reads = [] { return sim::Files().fired(); };
   const std::function<std::uint64_t()> allocations = [] { return sim::Memory().refusedAllocs(); };
   for (const bool forGood : {false, true}) {
     for (const bool ofReads : {false, true}) {
@@ -303,11 +303,11 @@ TEST(ManyTransactions, AreAllThereOrTheLoadFails) {
         BCAddPackDir(index, u"/s");
         BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
         const std::uint64_t before = ofReads ? reads() : allocations();
-        if (ofReads) sim::Files().faults.FailCallOf(Call::ReadFile, n, sim::Fault::Error, forGood);
+        if (ofReads) sim::Files().FailCallOf(Call::ReadFile, n, sim::Fault::Error, forGood);
         if (!ofReads) sim::Memory().RefuseAlloc(n, forGood);
         const bool loaded = BCLoad(index) == 1;
         fired = (ofReads ? reads() : allocations()) != before;
-        sim::Files().faults.Clear();
+        sim::Files().Heal();
         sim::Memory().RefuseAlloc(0);
         ++(loaded ? survived : failed);
         EXPECT_TRUE(FileBytes(kJournal) == good);

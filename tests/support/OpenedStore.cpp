@@ -26,7 +26,7 @@ sim::SimFiles& FreshMachine() {
   sim::SimFiles& files = sim::Files();
   files.Reset();
   files.watcher = nullptr;
-  files.faults.Clear();
+  files.Heal();
   for (const char* directory : {"/s", "/a", "/b", "/c"}) files.disk.MakeDirectory(directory);
   sim::Memory().RefuseAlloc(0);
   sim::Memory().RefuseFree(0);

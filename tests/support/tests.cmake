@@ -4,8 +4,6 @@ add_library(blobring_sim OBJECT
   ${CMAKE_CURRENT_LIST_DIR}/SimCrash.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimDiagnostics.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimDisk.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/SimFaults.cpp
   ${CMAKE_CURRENT_LIST_DIR}/SimFiles.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/SimMemory.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/SimWin32.cpp)
+  ${CMAKE_CURRENT_LIST_DIR}/SimMemory.cpp)
 target_link_libraries(blobring_sim PUBLIC blobring_options)

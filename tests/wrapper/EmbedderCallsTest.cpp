@@ -95,7 +95,7 @@ TEST(EmbedderCalls, SayWhyAStoreDoesNotOpenAndLeaveNothingOpen) {
       {"no reading",
        [] {
          BCDispose(BCOpen("/s", nullptr));
-         sim::Files().faults.FailCallOf(sim::Call::ReadFile, 9, sim::Fault::Error, true);
+         sim::Files().FailCallOf(sim::Call::ReadFile, 9, sim::Fault::Error, true);
        },
        "/s", "BlobController::Load failed, every file is left as it was"},
   };
@@ -105,7 +105,7 @@ TEST(EmbedderCalls, SayWhyAStoreDoesNotOpenAndLeaveNothingOpen) {
     row.prepare();
     EXPECT_EQ(BCOpen(row.directory, nullptr), -1);
     EXPECT_NE(LastError(-1).find(row.reason), std::string::npos) << LastError(-1);
-    sim::Files().faults.Clear();
+    sim::Files().Heal();
     const int index = BCOpen("/s", nullptr);
     EXPECT_GE(index, 0) << "nobody holds a file: " << LastError(-1);
     BCDispose(index);
@@ -127,7 +127,7 @@ TEST(EmbedderCalls, FetchAnswersWithoutACheckAndWithoutWaiting) {
   const int index = OpenWith(2);
   ASSERT_TRUE(CommitIn(index, {"blob", ""}));
   Diagnostics().Clear();
-  const std::uint64_t before = sim::Files().faults.fired();
+  const std::uint64_t before = sim::Files().fired();
   EXPECT_EQ(Fetched(index, "blob"), "found:blob");
   EXPECT_EQ(Fetched(index, "blob", 4), "found:blob");
   EXPECT_EQ(Fetched(index, "blob", 3), "wants 4");
@@ -136,7 +136,7 @@ TEST(EmbedderCalls, FetchAnswersWithoutACheckAndWithoutWaiting) {
   EXPECT_EQ(Fetched(index, "other"), "absent");
   EXPECT_TRUE(Diagnostics().lines.empty()) << Diagnostics().Text();
   EXPECT_TRUE(Diagnostics().raised.empty());
-  EXPECT_EQ(sim::Files().faults.fired(), before);
+  EXPECT_EQ(sim::Files().fired(), before);
 
   unsigned char byte = 0;
   int size = 7;
@@ -197,9 +197,9 @@ TEST(EmbedderCalls, FetchSurvivesAReadThatFailsOnce) {
     FreshMachine();
     const int index = OpenWith(2);
     ASSERT_TRUE(CommitIn(index, {"blob"}));
-    sim::Files().faults.FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, forGood);
+    sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, forGood);
     EXPECT_EQ(Fetched(index, "blob"), forGood ? "failed" : "found:blob");
-    sim::Files().faults.Clear();
+    sim::Files().Heal();
     EXPECT_EQ(Fetched(index, "blob"), "found:blob");
     BCDispose(index);
   }
@@ -249,9 +249,9 @@ TEST(EmbedderCalls, StatisticsCountWhatTheFilesHold) {
   EXPECT_EQ(of.packBytes, of.repackedBytes);
   EXPECT_EQ(of.journalBytes, 24U);
 
-  sim::Files().faults.FailCallOf(sim::Call::FlushFileBuffers, 1, sim::Fault::Error, true);
+  sim::Files().FailCallOf(sim::Call::FlushFileBuffers, 1, sim::Fault::Error, true);
   EXPECT_FALSE(store.Commit(3, {"c"}));
-  sim::Files().faults.Clear();
+  sim::Files().Heal();
   EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
   BCShutdown(store.index, true);
   EXPECT_EQ(StatisticsOf(store.index).loaded, 0);
@@ -316,9 +316,9 @@ TEST(EmbedderCalls, LastErrorKeepsTheBeginningOfALongStory) {
   std::vector<std::string> blobs;
   for (int i = 0; i < 50; ++i) blobs.push_back(std::to_string(i));
   ASSERT_TRUE(store.Commit(1, blobs));
-  sim::Files().faults.FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
+  sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
   EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_FAULTY);
-  sim::Files().faults.Clear();
+  sim::Files().Heal();
   EXPECT_EQ(BCLastError(store.index, nullptr, 0), 1023);
   ASSERT_FALSE(Diagnostics().lines.empty());
   EXPECT_EQ(LastError(store.index).find("BlobController::GetBlob() threw an exception"), 0U);
@@ -399,9 +399,9 @@ TEST(Progress, StopsACheckUnlessAFaultWasFound) {
   EXPECT_EQ(BCCheck(index), BLOBRING_CHECK_STOPPED);
   EXPECT_EQ(calls.calls.size(), 1U);
   EXPECT_EQ(BCFsck(index), 1) << "that one is not stopped";
-  sim::Files().faults.FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
+  sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
   EXPECT_EQ(BCCheck(index), BLOBRING_CHECK_FAULTY);
-  sim::Files().faults.Clear();
+  sim::Files().Heal();
   BCDispose(index);
 }
 

@@ -142,11 +142,11 @@ TEST(Store, FailsWithTheStoresOwnWords) {
             "BCOpen threw an exception:FileSystem::CreateFile error /nowhere/0.pak GetLastError code= 3");
   Store store("/s");
   const Hash hash = store.put("blob");
-  sim::Files().faults.FailCallOf(sim::Call::WriteFile, 1, sim::Fault::DiskFull, true);
+  sim::Files().FailCallOf(sim::Call::WriteFile, 1, sim::Fault::DiskFull, true);
   EXPECT_EQ(ErrorOf([&] { store.put(std::string(100000, 'x')); }),
             "blobring: commit: BlobController::EndTransaction() threw an exception transactionId 0 exception "
             "File::Write didn't write the entire buffer 100092 written 50046 GetLastError 112");
-  sim::Files().faults.Clear();
+  sim::Files().Heal();
   EXPECT_TRUE(store.contains(store.put("goes on")));
 
   sim::Disk& disk = sim::Files().disk;

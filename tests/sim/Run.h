@@ -1,0 +1,117 @@
+// What is done to a store: a script of steps, and its run against a model, on
+// a healthy machine or on one on which something fails.
+//
+// A script is the number of slots, a "k" where damaged files are kept, a
+// colon and steps, blanks between them:
+//   S   start a transaction          E   end it           R   repack
+//   +n  store blob n                 *n  the same by BCPut, which finds the hash
+//   -n  delete blob n                G   read everything and check
+//   F   end it, which fails as its header is written, and forget it
+//   O   dispose and open again
+//   K   the process is killed; open again
+//   C   the power fails and what was not flushed is lost; open again
+//   Jn  damage the n-th last transaction of the journal; open again
+//   Tn  cut the journal off inside its n-th last transaction; open again
+//   P   damage the newest pack, if an older one is whole; open again
+#pragma once
+
+#include <functional>
+
+#include "tests/sim/Session.h"
+#include "tests/support/SimCrash.h"
+#include "tests/support/SimFiles.h"
+
+namespace explore {
+
+struct Step {
+  char kind;
+  int argument;
+};
+struct Workload {
+  std::string name;  // the script itself, or "r" and a seed
+  int slots = 2;
+  bool keep = false;
+  std::vector<Step> steps;
+};
+std::vector<Workload> Scripts();
+Workload RandomWorkload(std::uint64_t seed);
+Workload WorkloadByName(const std::string& name);
+
+// What fails: one call, allocation or release, the n-th from the start, or
+// everything from there on. A caller who gets a failure asks again, goes on
+// with the next transaction, or opens the store again.
+struct Plan {
+  enum class Kind { Nothing, Call, Alloc, Free } kind = Kind::Nothing;
+  std::uint64_t n = 0;
+  sim::Fault fault = sim::Fault::Error;
+  bool fromThenOn = false;
+  enum class Then { AskAgain, GoOn, Reopen } then = Then::AskAgain;
+};
+
+// A call that fails must say so, one that says it succeeded has. Right after
+// the failure, by a killed process and by power cuts, and at the end: the
+// store loads, holds what was acknowledged or was in doubt, every blob reads
+// back, a new commit works and survives. In the end nothing is open and no
+// memory is taken. Throws a Violation.
+class Run {
+ public:
+  Run(const Workload& workload, const Plan& plan)
+      : workload_(workload), plan_(plan), session_(workload.slots, workload.keep) {}
+
+  void Go();
+  // What the disk may hold at this moment; kept up to date for a watcher.
+  const std::vector<Mask>& allowed() const { return allowed_; }
+  bool failed() const { return failed_ || FailedNow(); }
+  std::uint64_t allocations() const { return allocations_; }
+  std::uint64_t releases() const { return releases_; }
+  std::function<void(char)> beforeStep = [](char) {}, afterStep = [](char) {};
+
+ private:
+  // One generation: what its pack holds, and for each commit where it starts
+  // in the journal and what the store held before it.
+  struct Commit {
+    std::uint32_t start;
+    Mask before;
+  };
+  struct Generation {
+    int sequence;
+    Mask contents;
+    std::vector<Commit> commits;
+  };
+
+  bool FailedNow() const;
+  void Arm(std::uint64_t n);
+  void Mend();
+  void Excuse(const char* call) const;
+  void ExpectSaidSo(const char* call) const;
+  void ExpectShown();
+  bool OpenOnce();
+  bool Open();
+  bool Reopen();
+  bool Do(const Step& step);
+  void Change(const Step& step);
+  bool End();
+  bool Repack();
+  bool ReadAll();
+  bool Damage(const Step& step);
+  std::uint32_t JournalEnd() const;
+  int CurrentSlot() const { return generations_.back().sequence % workload_.slots; }
+  void CheckDisk(const sim::Disk& disk, const char* when);
+  void CheckMoment();
+
+  const Workload& workload_;
+  const Plan plan_;
+  Session session_;
+  std::vector<Mask> allowed_{0};
+  Mask shown_ = 0, working_ = 0;  // what this process must see, and once it ends its transaction
+  bool changed_ = false;
+  bool failed_ = false;  // before the plan was last armed
+  bool erased_ = false;  // a load failed, and may have erased the store
+  long long transactionId_ = 0;
+  int checked_ = 0;  // steps after which the disk was checked, from the failure on
+  std::vector<Generation> generations_{{0, 0, {}}};
+  bool olderIsWhole_ = false;
+  std::uint64_t allocations_ = 0, releases_ = 0, refusedFrees_ = 0;
+};
+
+}  // namespace explore
