@@ -8,7 +8,6 @@
 #include "api/Arguments.h"
 #include "api/Registry.h"
 #include "md5/MD5.h"
-#include "md5/MD5Lanes.h"
 #include "platform/Win32.h"
 
 namespace {

@@ -1,16 +1,23 @@
 #include "md5/MD5.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <fstream>
 #include <istream>
 #include <ostream>
 
-#include "md5/MD5Block.h"
-#include "md5/MD5Rounds.h"
+#include "md5/MD5Engines.h"
 
 namespace {
 
+constexpr std::uint32_t kBlockSize = md5::kBlockSize;
 constexpr std::size_t kChunkSize = 1024;
+
+// The part of length bytes that fills a buffer of bufferedSize bytes.
+std::uint32_t SizeToFill(std::uint32_t bufferedSize, std::uint32_t length) {
+  return std::min((kBlockSize - bufferedSize) % kBlockSize, length);
+}
 
 }  // namespace
 
@@ -55,16 +62,15 @@ void MD5::update(const std::uint8_t* input, std::uint32_t length) {
   const std::uint32_t index = BufferedSize();
   AddToCount(length);
   if (index != 0) {
-    const std::uint32_t missing = static_cast<std::uint32_t>(md5::kBlockSize) - index;
-    const std::uint32_t taken = length < missing ? length : missing;
+    const std::uint32_t taken = SizeToFill(index, length);
     std::memcpy(buffer + index, input, taken);
-    if (taken < missing) return;
+    if (index + taken < kBlockSize) return;
     md5::CompressOne(state, buffer, 1);
     input += taken;
     length -= taken;
   }
-  const std::uint32_t rest = length % md5::kBlockSize;
-  md5::CompressOne(state, input, length / md5::kBlockSize);
+  const std::uint32_t rest = length % kBlockSize;
+  md5::CompressOne(state, input, length / kBlockSize);
   std::memcpy(buffer, input + (length - rest), rest);
 }
 
@@ -90,7 +96,7 @@ void MD5::update(std::ifstream& stream) {
 
 void MD5::finalize() {
   if (finalized) return;
-  std::uint8_t tail[2 * md5::kBlockSize];
+  std::uint8_t tail[2 * kBlockSize];
   const std::uint32_t tailSize = BufferedSize();
   std::memcpy(tail, buffer, tailSize);
   md5::CompressOne(state, tail, md5::PadTail(tail, tailSize, count));
@@ -98,11 +104,11 @@ void MD5::finalize() {
   finalized = true;
 }
 
-void MD5::raw_digest(std::uint8_t* out) const {
+void MD5::raw_digest(std::uint8_t* out) {
   if (finalized) std::memcpy(out, digest, sizeof(digest));
 }
 
-void MD5::hex_digest(std::string& out) const {
+void MD5::hex_digest(std::string& out) {
   constexpr char kDigits[] = "0123456789abcdef";
   out.clear();
   if (!finalized) return;
@@ -116,4 +122,25 @@ std::ostream& operator<<(std::ostream& os, MD5 md5) {
   std::string text;
   md5.hex_digest(text);
   return os << text;
+}
+
+void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength, MD5& second,
+                const std::uint8_t* secondInput, std::uint32_t secondLength) {
+  assert(&first != &second);
+  std::uint32_t firstAt = SizeToFill(first.BufferedSize(), firstLength);
+  std::uint32_t secondAt = SizeToFill(second.BufferedSize(), secondLength);
+  first.update(firstInput, firstAt);
+  second.update(secondInput, secondAt);
+
+  // If input is left after this, the buffer is empty.
+  const std::uint32_t blockCount = std::min(firstLength - firstAt, secondLength - secondAt) / kBlockSize;
+  if (blockCount != 0 && !first.finalized && !second.finalized) {
+    md5::CompressTwo(first.state, firstInput + firstAt, second.state, secondInput + secondAt, blockCount);
+    first.AddToCount(blockCount * kBlockSize);
+    second.AddToCount(blockCount * kBlockSize);
+    firstAt += blockCount * kBlockSize;
+    secondAt += blockCount * kBlockSize;
+  }
+  if (firstAt != firstLength) first.update(firstInput + firstAt, firstLength - firstAt);
+  if (secondAt != secondLength) second.update(secondInput + secondAt, secondLength - secondAt);
 }

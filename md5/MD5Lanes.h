@@ -1,33 +1,72 @@
-// Digests of many messages at once, for a check or a load that has many blobs
-// in memory: several times the speed of one message after the other.
+// LaneEngine::compress, written once for any vector.
+//
+// Vector is a Word (see MD5Rounds.h) with one message in each of its kLanes
+// elements. Load and Store take kLanes words, aligned to the vector's size.
+// Transpose writes word i of the blocks at rows[lane] + offset, side by side,
+// to words + i * stride.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
-#include <span>
+#include "md5/MD5Engines.h"
+#include "md5/MD5Rounds.h"
 
-// Gives the bytes of a message piece by piece, to whoever digests it.
-class MD5Source {
- public:
-  // The next bytes, which stay valid until the next call. Each piece but the
-  // last is a multiple of 64 bytes; one that is not, or is empty, is the last.
-  virtual std::span<const std::uint8_t> Next() = 0;
+namespace md5 {
 
- protected:
-  ~MD5Source() = default;
+template <class Vector>
+struct VectorPair : Pair<Vector> {
+  static constexpr std::size_t kLanes = 2 * Vector::kLanes;
+
+  MD5_INLINE void Load(const std::uint32_t* words) {
+    this->first.Load(words);
+    this->second.Load(words + Vector::kLanes);
+  }
+  MD5_INLINE void Store(std::uint32_t* words) const {
+    this->first.Store(words);
+    this->second.Store(words + Vector::kLanes);
+  }
+  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
+                                   std::size_t stride) {
+    Vector::Transpose(rows, offset, words, stride);
+    Vector::Transpose(rows + Vector::kLanes, offset, words + Vector::kLanes, stride);
+  }
 };
 
-struct MD5Message {
-  const std::uint8_t* data;   // may be null if size is 0
-  std::size_t size;           // bytes
-  std::uint8_t* digest;       // gets 16 bytes
-  MD5Source* rest = nullptr;  // gives what follows them, if size is a multiple of 64; null: nothing does
+template <class Vector>
+struct LaneBlock {
+  const std::uint32_t* words;
+
+  MD5_INLINE void AddWordTo(Vector& sum, int index) const {
+    Vector word;
+    word.Load(words + static_cast<std::size_t>(index) * Vector::kLanes);
+    sum.Add(word);
+  }
 };
 
-// Writes the digest of every message. Messages may differ in size and share
-// their bytes; a digest must not lie in any message. The order does not matter
-// to the result; long messages first keep more lanes busy. Takes what the
-// processor has: vector lanes, or two messages at a time. Allocates nothing.
-// Of the sources no more than 16 are in use at a time, each from its first
-// piece to its last; what one throws passes through, and then no digest counts.
-void DigestMany(const MD5Message* messages, std::size_t count);
+template <class Vector>
+MD5_INLINE void CompressLanes(LaneState& lanes, std::size_t blockCount) {
+  alignas(64) std::uint32_t words[kBlockSize / sizeof(std::uint32_t) * Vector::kLanes];
+  Vector a, b, c, d;
+  a.Load(lanes.state[0]);
+  b.Load(lanes.state[1]);
+  c.Load(lanes.state[2]);
+  d.Load(lanes.state[3]);
+  for (std::size_t i = 0; i < blockCount; ++i) {
+    Vector::Transpose(lanes.next, i * kBlockSize, words, Vector::kLanes);
+    Compress(a, b, c, d, LaneBlock<Vector>{words});
+  }
+  a.Store(lanes.state[0]);
+  b.Store(lanes.state[1]);
+  c.Store(lanes.state[2]);
+  d.Store(lanes.state[3]);
+}
+
+// One vector if that is enough for the lanes in use, else two, interleaved.
+template <class Vector>
+MD5_INLINE void CompressLanesInUse(LaneState& lanes, std::size_t lanesInUse, std::size_t blockCount) {
+  if (lanesInUse <= Vector::kLanes) {
+    CompressLanes<Vector>(lanes, blockCount);
+  } else {
+    CompressLanes<VectorPair<Vector>>(lanes, blockCount);
+  }
+}
+
+}  // namespace md5

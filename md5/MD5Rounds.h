@@ -1,27 +1,23 @@
-// The 64 steps of RFC 1321, written once for every way of computing them: one
-// message, two interleaved, or a vector of messages.
+// The 64 steps of RFC 1321, written once for all engines.
 //
-// Word, the type that the steps work on, is one 32-bit word of each message.
-// Its operations change it in place: Add, Xor, And, Or take another Word, Add
-// also one of the constants below, Not nothing, Rotate<n> turns left by n bits.
-// A block is whatever has AddWordTo(Word& sum, int index), which adds the
-// block's message word of that index (of each message).
+// Word is the type that the steps work on: one 32-bit word of each message
+// that the engine digests at the same time. It has Add (a Word or a constant),
+// Xor, And, Or, Not and Rotate<n> (left, by n bits), all in place.
+// A block has AddWordTo(Word& sum, int index), which adds its message word.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// Everything here is inlined into one loop, at any optimisation level, so that
-// the state stays in registers. A vector unit is compiled for an instruction
-// set of its own and names it first: what is inlined must have the same one.
+// Everything here is inlined into one loop at any optimisation level, so that
+// the state stays in registers. An engine with an instruction set of its own
+// defines MD5_TARGET first: inlined code must be compiled for the same set.
 #ifndef MD5_TARGET
 #define MD5_TARGET
 #endif
 #define MD5_INLINE MD5_TARGET __attribute__((always_inline)) inline
 
 namespace md5 {
-
-inline constexpr std::uint32_t kInitialState[4] = {0x67452301, 0xefcdab89, 0x98badcfe, 0x10325476};
 
 // floor(2^32 * |sin(i + 1)|), section 3.4.
 inline constexpr std::uint32_t kSine[64] = {
@@ -36,16 +32,15 @@ inline constexpr std::uint32_t kSine[64] = {
 
 inline constexpr int kShift[4][4] = {{7, 12, 17, 22}, {5, 9, 14, 20}, {4, 11, 16, 23}, {6, 10, 15, 21}};
 
-// Which message word step i takes.
+// The message word that step i adds.
 constexpr int WordOfStep(int i) {
   constexpr int kFactor[4] = {1, 5, 3, 7};
   constexpr int kOffset[4] = {0, 1, 5, 0};
   return (kFactor[i / 16] * i + kOffset[i / 16]) % 16;
 }
 
-// a = b + rotl(a + f(b, c, d) + x + k, s), in the order in which the operands
-// come to be known: b is the result of the step before and the last of them,
-// and nothing that can be had without it may wait for it.
+// a = b + rotl(a + f(b, c, d) + x + k, s). b is the result of the previous
+// step, so everything that does not need it comes first.
 template <int i, class Word, class Block>
 MD5_INLINE void Step(Word& a, const Word& b, const Word& c, const Word& d, const Block& block) {
   block.AddWordTo(a, WordOfStep(i));
@@ -57,8 +52,8 @@ MD5_INLINE void Step(Word& a, const Word& b, const Word& c, const Word& d, const
     f.Xor(d);
     a.Add(f);
   } else if constexpr (i < 32) {
-    // (b & d) | (c & ~d): the terms share no bit, so that a sum does for the OR
-    // and half of it is done before b is there.
+    // (b & d) | (c & ~d): the terms have no bit in common, so OR is a sum, and
+    // one term does not wait for b.
     Word early = d;
     early.Not();
     early.And(c);
@@ -94,7 +89,7 @@ MD5_INLINE void Steps(Word& a, Word& b, Word& c, Word& d, const Block& block) {
   }
 }
 
-// Takes one block of every message into the state.
+// Adds one block of every message to the state.
 template <class Word, class Block>
 MD5_INLINE void Compress(Word& a, Word& b, Word& c, Word& d, const Block& block) {
   const Word a0 = a, b0 = b, c0 = c, d0 = d;
@@ -105,40 +100,21 @@ MD5_INLINE void Compress(Word& a, Word& b, Word& c, Word& d, const Block& block)
   d.Add(d0);
 }
 
-// Words of two sets of messages, worked on in turn. A step waits for the one
-// before it; while one half waits, the other one computes.
-template <class Half>
+// Two Words, interleaved: while a step of one waits for the step before it,
+// the other one computes.
+template <class Word>
 struct Pair {
-  Half first, second;
+  Word first, second;
 
-  MD5_INLINE void Add(const Pair& other) {
-    first.Add(other.first);
-    second.Add(other.second);
-  }
-  MD5_INLINE void Add(const std::uint32_t& k) {
-    first.Add(k);
-    second.Add(k);
-  }
-  MD5_INLINE void Xor(const Pair& other) {
-    first.Xor(other.first);
-    second.Xor(other.second);
-  }
-  MD5_INLINE void And(const Pair& other) {
-    first.And(other.first);
-    second.And(other.second);
-  }
-  MD5_INLINE void Or(const Pair& other) {
-    first.Or(other.first);
-    second.Or(other.second);
-  }
-  MD5_INLINE void Not() {
-    first.Not();
-    second.Not();
-  }
+  MD5_INLINE void Add(const Pair& other) { first.Add(other.first), second.Add(other.second); }
+  MD5_INLINE void Add(const std::uint32_t& k) { first.Add(k), second.Add(k); }
+  MD5_INLINE void Xor(const Pair& other) { first.Xor(other.first), second.Xor(other.second); }
+  MD5_INLINE void And(const Pair& other) { first.And(other.first), second.And(other.second); }
+  MD5_INLINE void Or(const Pair& other) { first.Or(other.first), second.Or(other.second); }
+  MD5_INLINE void Not() { first.Not(), second.Not(); }
   template <int n>
   MD5_INLINE void Rotate() {
-    first.template Rotate<n>();
-    second.template Rotate<n>();
+    first.template Rotate<n>(), second.template Rotate<n>();
   }
 };
 

@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "md5/MD5Pair.h"
 #include "pack/CutShort.h"
 #include "pack/Replay.h"
 #include "platform/Trace.h"

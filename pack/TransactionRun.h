@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "md5/MD5Lanes.h"
+#include "md5/MD5.h"
 #include "pack/BlobFile.h"
 #include "pack/FileScanner.h"
 #include "pack/LoadProgress.h"

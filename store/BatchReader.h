@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "md5/MD5Lanes.h"
+#include "md5/MD5.h"
 #include "pack/BlobFile.h"
 
 class BatchReader {

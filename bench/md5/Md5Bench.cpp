@@ -14,9 +14,7 @@
 #include <vector>
 
 #include "md5/MD5.h"
-#include "md5/MD5LaneEngine.h"
-#include "md5/MD5Lanes.h"
-#include "md5/MD5Pair.h"
+#include "md5/MD5Engines.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
-// Lanes in AVX2 registers: 8 messages, or 16 in two interleaved groups. Only
-// the functions here are compiled for AVX2, so that the library also runs
-// where it is missing.
+// Lanes in AVX2 registers: 8 messages, or 16 in two interleaved vectors. Only
+// the functions here are compiled for AVX2, so that the library also runs on
+// processors without it.
 #ifdef __x86_64__
 
 #include <immintrin.h>
 
 #define MD5_TARGET __attribute__((target("avx2")))
-#include "md5/MD5LaneKernel.h"
+#include "md5/MD5Lanes.h"
 
 namespace md5 {
 namespace {
@@ -17,12 +17,12 @@ struct Avx2 {
 
   MD5_INLINE void Add(const Avx2& other) {
     value = _mm256_add_epi32(value, other.value);
-    // Keeps the sums in the order in which they are written.
+    // Keeps the sums in the order of the source.
     asm("" : "+x"(value));
   }
   MD5_INLINE void Add(const std::uint32_t& k) {
-    // Straight from memory: g++ takes the constant through a general register
-    // when it is left to it, which costs more than the sum.
+    // From memory. g++ would broadcast the constant from a general register,
+    // which costs more than the sum.
     __m256i all;
     asm("vpbroadcastd %1, %0" : "=x"(all) : "m"(k));
     Add(Avx2{all});
@@ -60,19 +60,12 @@ struct Avx2 {
   }
   MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
                                    std::size_t stride) {
-    TransposeFour(rows, offset, words, stride);
-    TransposeFour(rows, offset + 16, words + 4 * stride, stride);
-    TransposeFour(rows, offset + 32, words + 8 * stride, stride);
-    TransposeFour(rows, offset + 48, words + 12 * stride, stride);
+    for (std::size_t i = 0; i < 16; i += 4) TransposeFour(rows, offset + 4 * i, words + i * stride, stride);
   }
 };
 
 MD5_TARGET void CompressByAvx2(LaneState& lanes, std::size_t lanesInUse, std::size_t blockCount) {
-  if (lanesInUse <= Avx2::kLanes) {
-    CompressLanes<Avx2>(lanes, blockCount);
-  } else {
-    CompressLanes<VectorPair<Avx2>>(lanes, blockCount);
-  }
+  CompressLanesInUse<Avx2>(lanes, lanesInUse, blockCount);
 }
 
 }  // namespace

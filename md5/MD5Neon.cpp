@@ -1,12 +1,9 @@
-// Lanes in NEON registers: 4 messages, or 8 in two interleaved groups. NEON is
-// part of every 64-bit ARM; a 32-bit build has it if its flags allow it.
-#ifdef __ARM_NEON
+// Lanes in NEON registers: 4 messages, or 8 in two interleaved vectors.
+#ifdef __AARCH64EL__
 
 #include <arm_neon.h>
 
-#include <bit>
-
-#include "md5/MD5LaneKernel.h"
+#include "md5/MD5Lanes.h"
 
 namespace md5 {
 namespace {
@@ -29,30 +26,23 @@ struct Neon {
   MD5_INLINE void Load(const std::uint32_t* words) { value = vld1q_u32(words); }
   MD5_INLINE void Store(std::uint32_t* words) const { vst1q_u32(words, value); }
 
-  // Little-endian words at any address, whatever the host's order is.
-  MD5_INLINE static uint32x4_t LoadRow(const std::uint8_t* bytes) {
-    const uint8x16_t row = vld1q_u8(bytes);
-    return vreinterpretq_u32_u8(std::endian::native == std::endian::big ? vrev32q_u8(row) : row);
-  }
+  MD5_INLINE static uint32x4_t LoadRow(const std::uint8_t* bytes) { return vreinterpretq_u32_u8(vld1q_u8(bytes)); }
   MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
                                    std::size_t stride) {
     for (std::size_t i = 0; i < 16; i += 4, offset += 16) {
-      const uint32x4x2_t rows01 = vtrnq_u32(LoadRow(rows[0] + offset), LoadRow(rows[1] + offset));
-      const uint32x4x2_t rows23 = vtrnq_u32(LoadRow(rows[2] + offset), LoadRow(rows[3] + offset));
-      Neon{vcombine_u32(vget_low_u32(rows01.val[0]), vget_low_u32(rows23.val[0]))}.Store(words + i * stride);
-      Neon{vcombine_u32(vget_low_u32(rows01.val[1]), vget_low_u32(rows23.val[1]))}.Store(words + (i + 1) * stride);
-      Neon{vcombine_u32(vget_high_u32(rows01.val[0]), vget_high_u32(rows23.val[0]))}.Store(words + (i + 2) * stride);
-      Neon{vcombine_u32(vget_high_u32(rows01.val[1]), vget_high_u32(rows23.val[1]))}.Store(words + (i + 3) * stride);
+      const uint32x4x2_t even = vzipq_u32(LoadRow(rows[0] + offset), LoadRow(rows[2] + offset));
+      const uint32x4x2_t odd = vzipq_u32(LoadRow(rows[1] + offset), LoadRow(rows[3] + offset));
+      const uint32x4x2_t low = vzipq_u32(even.val[0], odd.val[0]), high = vzipq_u32(even.val[1], odd.val[1]);
+      Neon{low.val[0]}.Store(words + i * stride);
+      Neon{low.val[1]}.Store(words + (i + 1) * stride);
+      Neon{high.val[0]}.Store(words + (i + 2) * stride);
+      Neon{high.val[1]}.Store(words + (i + 3) * stride);
     }
   }
 };
 
 void CompressByNeon(LaneState& lanes, std::size_t lanesInUse, std::size_t blockCount) {
-  if (lanesInUse <= Neon::kLanes) {
-    CompressLanes<Neon>(lanes, blockCount);
-  } else {
-    CompressLanes<VectorPair<Neon>>(lanes, blockCount);
-  }
+  CompressLanesInUse<Neon>(lanes, lanesInUse, blockCount);
 }
 
 }  // namespace

@@ -1,19 +1,14 @@
-#include "md5/MD5Lanes.h"
-
 #include <algorithm>
 #include <cstring>
 
-#include "md5/MD5Block.h"
-#include "md5/MD5LaneEngine.h"
-#include "md5/MD5Rounds.h"
+#include "md5/MD5Engines.h"
 
 namespace md5 {
 namespace {
 
-// Keeps the lanes filled: gives a lane the next message when its own is done,
-// and closes the gaps when no more are left. Lanes 0 to inUse - 1 have blocks
-// to do. A lane does the blocks of one piece after the other where they lie,
-// then those of the message's tail.
+// Keeps the lanes filled: a lane whose message is done gets the next one; when
+// none is left, the last lane moves into the gap. Lanes 0 to inUse - 1 have
+// blocks to do: those of each piece in place, then those of the tail.
 class Scheduler {
  public:
   Scheduler(const MD5Message* messages, std::size_t count, const LaneEngine* laneEngine)
@@ -29,8 +24,8 @@ class Scheduler {
       std::size_t blockCount = jobs[0].blocksLeft;
       for (std::size_t lane = 1; lane < working; ++lane) blockCount = std::min(blockCount, jobs[lane].blocksLeft);
       CompressFirst(working, blockCount);
-      // From the last lane down: the one that fills a gap has been seen to, or
-      // has not been working.
+      // From the last lane down, so that a lane that moves into a gap has either
+      // advanced already or was not working.
       for (std::size_t lane = working; lane-- > 0;) Advance(lane, blockCount);
     }
   }
@@ -38,10 +33,10 @@ class Scheduler {
  private:
   struct Job {
     std::size_t blocksLeft;  // at lanes.next
-    std::size_t tailBlocks;  // yet to follow them
-    std::uint64_t size;      // of the message, as far as it is known, in bytes
-    MD5Source* rest;         // null once the last piece is here
-    std::uint8_t* tail;      // room for two blocks; the lane's for good
+    std::size_t tailBlocks;  // after them
+    std::uint64_t size;      // bytes of the message so far
+    MD5Source* rest;         // null after the last piece
+    std::uint8_t* tail;      // room for two blocks
     std::uint8_t* digest;
   };
 
@@ -56,8 +51,8 @@ class Scheduler {
     if (job.blocksLeft == 0) GoOn(lane);
   }
 
-  // The next piece of the message in a lane, which ends it unless there are
-  // whole blocks alone.
+  // Takes the next piece of a lane's message. It is the last one unless it is
+  // made of whole blocks and more may follow.
   void Take(std::size_t lane, std::span<const std::uint8_t> piece, bool isLast) {
     Job& job = jobs[lane];
     const std::size_t tailSize = piece.size() % kBlockSize;
@@ -73,7 +68,8 @@ class Scheduler {
     job.rest = nullptr;
   }
 
-  // Gives a lane whose blocks are done the ones that follow. False: none do.
+  // Gives a lane whose blocks are done the following ones. False at the end of
+  // its message.
   bool GoOn(std::size_t lane) {
     Job& job = jobs[lane];
     if (job.tailBlocks == 0) {
@@ -90,7 +86,7 @@ class Scheduler {
 
   void CompressFirst(std::size_t working, std::size_t blockCount) {
     if (working > 2) {
-      // Idle lanes have to read something: let it be what lane 0 reads.
+      // Idle lanes read, too.
       std::fill(lanes.next + working, lanes.next + engine->laneCount, lanes.next[0]);
       engine->compress(lanes, working, blockCount);
       return;
@@ -122,7 +118,7 @@ class Scheduler {
     }
   }
 
-  // Puts what lane inUse does into a lane that has nothing to do.
+  // Moves the work of lane inUse into an idle lane.
   void MoveLast(std::size_t lane) {
     for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = lanes.state[i][inUse];
     lanes.next[lane] = lanes.next[inUse];
@@ -147,7 +143,7 @@ class Scheduler {
 const LaneEngine* FindLaneEngine() {
 #if defined(__x86_64__)
   return __builtin_cpu_supports("avx2") ? &kAvx2Engine : nullptr;
-#elif defined(__ARM_NEON)
+#elif defined(__AARCH64EL__)
   return &kNeonEngine;
 #else
   return nullptr;

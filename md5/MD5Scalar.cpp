@@ -1,14 +1,14 @@
-#include "md5/MD5Block.h"
-
+// Blocks in general registers, one message or two at a time, on any processor.
 #include <bit>
 #include <cstring>
 
+#include "md5/MD5Engines.h"
 #include "md5/MD5Rounds.h"
 
 // An empty instruction that takes and returns its operand. It fixes the order
-// of the sums, keeps two messages from being put into one slow vector, and
-// needs to be volatile for g++ only: there the order of the source is faster
-// than the compiler's own, with clang it is the other way round.
+// of the sums and keeps the compiler from putting two messages into one slow
+// vector. volatile only for g++, which is faster in the order of the source;
+// clang is faster in its own.
 #ifdef __clang__
 #define MD5_PIN(value) asm("" : "+r"(value))
 #else
@@ -18,35 +18,22 @@
 namespace md5 {
 namespace {
 
-// One message's word, in a general register.
 struct Scalar {
   std::uint32_t value;
 
-  MD5_INLINE void Add(const Scalar& other) { Add(other.value); }
-  MD5_INLINE void Add(const std::uint32_t& k) {
-    value += k;
+  MD5_INLINE void Set(std::uint32_t result) {
+    value = result;
     MD5_PIN(value);
   }
-  MD5_INLINE void Xor(const Scalar& other) {
-    value ^= other.value;
-    MD5_PIN(value);
-  }
-  MD5_INLINE void And(const Scalar& other) {
-    value &= other.value;
-    MD5_PIN(value);
-  }
-  MD5_INLINE void Or(const Scalar& other) {
-    value |= other.value;
-    MD5_PIN(value);
-  }
-  MD5_INLINE void Not() {
-    value = ~value;
-    MD5_PIN(value);
-  }
+  MD5_INLINE void Add(const Scalar& other) { Set(value + other.value); }
+  MD5_INLINE void Add(const std::uint32_t& k) { Set(value + k); }
+  MD5_INLINE void Xor(const Scalar& other) { Set(value ^ other.value); }
+  MD5_INLINE void And(const Scalar& other) { Set(value & other.value); }
+  MD5_INLINE void Or(const Scalar& other) { Set(value | other.value); }
+  MD5_INLINE void Not() { Set(~value); }
   template <int n>
   MD5_INLINE void Rotate() {
-    value = std::rotl(value, n);
-    MD5_PIN(value);
+    Set(std::rotl(value, n));
   }
 };
 
