@@ -36,7 +36,8 @@ bool CanFail(Call call, Fault fault) {
     case Fault::Busy:
       return isOneOf({Call::CreateFile, Call::MoveFile});
     case Fault::DoneButFailed:
-      return isOneOf({Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile, Call::DeleteFile});
+      return isOneOf({Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile, Call::DeleteFile,
+                      Call::SetEndOfFile});
     default:
       return fault == Fault::Error;
   }
@@ -87,6 +88,12 @@ SimFiles::Handle* SimFiles::HandleAt(HANDLE value) {
   return nullptr;
 }
 
+// Whether a handle has the file to itself. One without access does not.
+bool SimFiles::IsHeld(int inode) const {
+  return std::any_of(handles_.begin(), handles_.end(),
+                     [inode](const Handle& h) { return h.open && h.inode == inode && h.access != 0; });
+}
+
 HANDLE SimFiles::Create(const WCHAR* path, DWORD access, DWORD disposition) {
   const Fault fault = Begin(Call::CreateFile);
   const auto refused = [this](DWORD error) { return Fail(error), INVALID_HANDLE_VALUE; };
@@ -99,8 +106,7 @@ HANDLE SimFiles::Create(const WCHAR* path, DWORD access, DWORD disposition) {
   const bool present = inode != kNoInode;
   if (present && disposition == CREATE_NEW) return refused(ERROR_FILE_EXISTS);
   if (!present && disposition == OPEN_EXISTING) return refused(ERROR_FILE_NOT_FOUND);
-  for (const Handle& handle : handles_)
-    if (present && handle.open && handle.inode == inode) return refused(ERROR_SHARING_VIOLATION);
+  if (present && access != 0 && IsHeld(inode)) return refused(ERROR_SHARING_VIOLATION);
   if (fault == Fault::DiskFull) {
     if (!present) return refused(ERROR_DISK_FULL);
     NotApplied(Call::CreateFile);
@@ -173,6 +179,44 @@ DWORD SimFiles::Size(HANDLE file) {
   return Done(), static_cast<DWORD>(disk.inode(handle->inode).visible.size());
 }
 
+BOOL SimFiles::SetEnd(HANDLE file) {
+  const Fault fault = Begin(Call::SetEndOfFile);
+  if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
+  const Handle* handle = HandleAt(file);
+  if (handle == nullptr) return 0;
+  if ((handle->access & GENERIC_WRITE) == 0) return Fail(ERROR_ACCESS_DENIED);
+  if (handle->position > kLargestFile) return Fail(ERROR_FILE_TOO_LARGE);
+  Watch(Call::SetEndOfFile);
+  disk.Truncate(handle->inode, static_cast<std::uint32_t>(handle->position));
+  return fault != Fault::None ? Fail(ERROR_IO_DEVICE) : Done();
+}
+
+BOOL SimFiles::Information(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+  const bool fails = Begin(Call::GetFileInformation) == Fault::Error;
+  const Handle* handle = HandleAt(file);
+  if (handle == nullptr) return 0;
+  if (fails) return Fail(ERROR_IO_DEVICE);
+  *information = {};
+  information->dwVolumeSerialNumber = 1;
+  information->nFileIndexLow = static_cast<DWORD>(handle->inode);
+  return Done();
+}
+
+DWORD SimFiles::FullPath(const WCHAR* path, DWORD capacity, WCHAR* buffer) {
+  if (Begin(Call::GetFullPathName) == Fault::Error) return Fail(ERROR_ACCESS_DENIED), 0;
+  std::u16string full;
+  if (*path != u'/') {
+    for (const char c : currentDirectory) full.push_back(static_cast<unsigned char>(c));
+    if (full.back() != u'/') full.push_back(u'/');
+  }
+  full += path;
+  Done();
+  if (full.size() >= capacity) return static_cast<DWORD>(full.size()) + 1;
+  full.copy(buffer, full.size());
+  buffer[full.size()] = 0;
+  return static_cast<DWORD>(full.size());
+}
+
 BOOL SimFiles::Flush(HANDLE file) {
   const Fault fault = Begin(Call::FlushFileBuffers);
   Handle* handle = HandleAt(file);
@@ -204,7 +248,9 @@ BOOL SimFiles::Delete(const WCHAR* path) {
   const Fault fault = Begin(Call::DeleteFile);
   if (fault == Fault::Error) return Fail(ERROR_ACCESS_DENIED);
   const std::string name = Narrow(path);
-  if (disk.Lookup(name) == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
+  const int inode = disk.Lookup(name);
+  if (inode == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
+  if (IsHeld(inode)) return Fail(ERROR_SHARING_VIOLATION);
   Watch(Call::DeleteFile);
   disk.Remove(name);
   return fault != Fault::None ? Fail(ERROR_IO_DEVICE) : Done();
@@ -215,8 +261,10 @@ BOOL SimFiles::Move(const WCHAR* from, const WCHAR* to, bool replace) {
   if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
   if (fault == Fault::Busy) return Fail(ERROR_SHARING_VIOLATION);
   const std::string source = Narrow(from), target = Narrow(to);
-  if (disk.Lookup(source) == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
-  if (!replace && disk.Lookup(target) != kNoInode) return Fail(ERROR_ALREADY_EXISTS);
+  const int moved = disk.Lookup(source), replaced = disk.Lookup(target);
+  if (moved == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
+  if (!replace && replaced != kNoInode) return Fail(ERROR_ALREADY_EXISTS);
+  if (IsHeld(moved) || (replaced != kNoInode && IsHeld(replaced))) return Fail(ERROR_SHARING_VIOLATION);
   Watch(Call::MoveFile);
   disk.Rename(source, target);
   if (fault == Fault::DoneButFailed) return Fail(ERROR_IO_DEVICE);  // renamed; the directory could not be synced
@@ -245,6 +293,15 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG*, DWORD method) {
 }
 DWORD GetFileSize(HANDLE file, DWORD*) {
   return Files().Size(file);
+}
+BOOL SetEndOfFile(HANDLE file) {
+  return Files().SetEnd(file);
+}
+BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+  return Files().Information(file, information);
+}
+DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** /*filePart*/) {
+  return Files().FullPath(path, capacity, buffer);
 }
 BOOL FlushFileBuffers(HANDLE file) {
   return Files().Flush(file);
@@ -288,6 +345,9 @@ void Sleep(DWORD milliseconds) {
 }
 DWORD GetCurrentThreadId() {
   return 1;
+}
+DWORD GetCurrentProcessId() {
+  return Files().processId;
 }
 void RaiseException(DWORD code, DWORD, DWORD, const std::uintptr_t*) {
   sim::Diagnostics().Raised(code);

@@ -28,9 +28,12 @@ enum class Call : unsigned {
   FlushFileBuffers,
   CloseHandle,
   DeleteFile,
-  MoveFile
+  MoveFile,
+  SetEndOfFile,
+  GetFileInformation,
+  GetFullPathName
 };
-constexpr std::size_t kCallKinds = 9;
+constexpr std::size_t kCallKinds = 12;
 
 enum class Fault : unsigned {
   None,
@@ -50,6 +53,8 @@ class SimFiles {
   void Reset();
 
   Disk disk;
+  std::string currentDirectory = "/";
+  DWORD processId = 1;  // another one plays a forked child
 
   // Fails the n-th call from now, 1 being the next, or the n-th of one kind;
   // with fromThenOn every later one too. 0: none.
@@ -89,6 +94,9 @@ class SimFiles {
   BOOL Write(HANDLE file, const void* buffer, DWORD size, DWORD* transferred);
   DWORD Seek(HANDLE file, LONG distance, DWORD method);
   DWORD Size(HANDLE file);
+  BOOL SetEnd(HANDLE file);
+  BOOL Information(HANDLE file, BY_HANDLE_FILE_INFORMATION* information);
+  DWORD FullPath(const WCHAR* path, DWORD capacity, WCHAR* buffer);
   BOOL Flush(HANDLE file);
   BOOL Close(HANDLE file);
   BOOL Delete(const WCHAR* path);
@@ -115,6 +123,7 @@ class SimFiles {
   };
 
   Handle* HandleAt(HANDLE value);
+  bool IsHeld(int inode) const;
   Fault Begin(Call call);  // counts and decides; dead processes fail
   void NotApplied(Call call);
   void Watch(Call call) const {
