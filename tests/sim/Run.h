@@ -13,6 +13,8 @@
 //   Jn  damage the n-th last transaction of the journal; open again
 //   Tn  cut the journal off inside its n-th last transaction; open again
 //   P   damage the newest pack, if an older one is whole; open again
+//   X   remove all files; open again
+// A number before steps in parentheses repeats them: 3( S +4 E ).
 #pragma once
 
 #include <functional>
@@ -22,6 +24,10 @@
 #include "tests/support/SimFiles.h"
 
 namespace explore {
+
+// Whether space past a file's flushed length may hold forged transactions.
+constexpr bool kForgesGrowth = false;
+inline const sim::Forger kForger = kForgesGrowth ? sim::Forger(Forged) : nullptr;
 
 struct Step {
   char kind;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "tests/support/SimDiagnostics.h"
 
@@ -148,6 +149,7 @@ BOOL SimFiles::Write(HANDLE file, const void* buffer, DWORD size, DWORD* transfe
   if (handle == nullptr) return 0;
   if ((handle->access & GENERIC_WRITE) == 0) return Fail(ERROR_ACCESS_DENIED);
   if (handle->position + size > kLargestFile) return Fail(ERROR_FILE_TOO_LARGE);
+  if (handle->position == 0 && std::exchange(failsHeader_, false)) return Fail(ERROR_IO_DEVICE);
   const bool grows = handle->position + size > disk.inode(handle->inode).visible.size();
   if (fault == Fault::DiskFull && !grows) NotApplied(Call::WriteFile);
   const bool full = fault == Fault::DiskFull && grows;

@@ -62,7 +62,9 @@ class SimFiles {
   void FailCallOf(Call kind, std::uint64_t n, Fault fault, bool fromThenOn = false) {
     plan_ = {n, fault, fromThenOn, true, kind};
   }
-  void Heal() { plan_ = {}, firedOf_ = {}, fired_ = 0; }
+  // Fails the next write to the start of a file.
+  void FailNextHeader() { failsHeader_ = true; }
+  void Heal() { plan_ = {}, firedOf_ = {}, fired_ = 0, failsHeader_ = false; }
   std::uint64_t fired() const { return fired_; }
   // Of the calls since StartOp.
   bool FailedDuringOp(Call call) const { return firedOf_[static_cast<std::size_t>(call)] > 0; }
@@ -134,7 +136,7 @@ class SimFiles {
   std::array<std::uint64_t, kCallKinds> counts_{}, firedOf_{};
   std::uint64_t fired_ = 0, lieCountdown_ = 0;
   Plan plan_;
-  bool dead_ = false;
+  bool dead_ = false, failsHeader_ = false;
 };
 
 // The machine that the program runs on.
