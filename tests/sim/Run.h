@@ -29,6 +29,9 @@ namespace explore {
 constexpr bool kForgesGrowth = false;
 inline const sim::Forger kForger = kForgesGrowth ? sim::Forger(Forged) : nullptr;
 
+// Whether fault runs go on using a store whose repack has failed.
+constexpr bool kUsesFailedStores = false;
+
 struct Step {
   char kind;
   int argument;
@@ -90,6 +93,7 @@ class Run {
   void Mend();
   void Excuse(const char* call) const;
   void ExpectSaidSo(const char* call) const;
+  bool IsClosed();
   void ExpectShown();
   bool OpenOnce();
   bool Open();
@@ -110,7 +114,7 @@ class Run {
   Session session_;
   std::vector<Mask> allowed_{0};
   Mask shown_ = 0, working_ = 0;  // what this process must see, and once it ends its transaction
-  bool changed_ = false;
+  bool changed_ = false, repackFailed_ = false;
   bool failed_ = false;  // before the plan was last armed
   bool erased_ = false;  // a load failed, and may have erased the store
   long long transactionId_ = 0;
