@@ -1,4 +1,4 @@
-// What was measured, as Markdown and as a chart.
+// What was measured, as a page of Markdown.
 #pragma once
 
 #include <iosfwd>
@@ -6,23 +6,15 @@
 #include <vector>
 
 #include "bench/Measure.h"
-#include "bench/Workloads.h"
 
 namespace bench {
 
 struct Results {
-  std::vector<Step> steps;  // in the order of the tables; only id and title are used
+  std::vector<Contender> contenders;  // in the order of the columns; ours is the first
+  std::vector<Step> steps;            // in the order of the rows
   Samples samples;
-  std::vector<ScalePoint> scaling;
-  std::vector<std::string> machine;
 };
 
 void WriteMarkdown(const Results& results, std::ostream& out);
-
-// Bars of CPU time, one panel for each workload.
-void WriteChart(const Results& results, std::ostream& out);
-
-// Every sample, one line each, for whoever wants to look closer.
-void WriteSamples(const Results& results, std::ostream& out);
 
 }  // namespace bench

@@ -1,294 +1,227 @@
-#include "bench/Workloads.h"
-
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cstring>
 #include <memory>
 #include <random>
 
-#include "bench/Descriptor.h"
-#include "bench/Require.h"
+#include "bench/Measure.h"
 
 namespace bench {
-
 namespace {
 
 using BlobsPtr = std::shared_ptr<const Blobs>;
 
 constexpr std::size_t kKiB = 1024;
 
-std::size_t Scaled(std::size_t count, const Extent& extent, std::size_t multipleOf = 1) {
-  return std::max(count / extent.divisor / multipleOf, std::size_t{1}) * multipleOf;
+std::size_t Scaled(std::size_t count, std::size_t divisor) {
+  return std::max<std::size_t>(count / divisor, 1);
 }
 
-int Rounds(int usual, const Extent& extent) {
-  return extent.rounds > 0 ? extent.rounds : usual;
-}
-
-void PutAll(Store& store, const Blobs& blobs, std::size_t perTransaction, std::vector<Key>& keys) {
-  keys.resize(blobs.Count());
-  for (std::size_t first = 0; first < blobs.Count(); first += perTransaction) {
-    const std::size_t count = std::min(perTransaction, blobs.Count() - first);
-    store.Put(blobs.All().subspan(first, count), keys.data() + first);
-  }
+template <class Item, class Do>
+void InTransactions(std::span<const Item> items, std::size_t perTransaction, Do make) {
+  for (; !items.empty(); items = items.subspan(std::min(perTransaction, items.size())))
+    make(items.first(std::min(perTransaction, items.size())));
 }
 
 void DeleteAll(Store& store, std::span<const Key> keys, std::size_t perTransaction) {
-  for (std::size_t first = 0; first < keys.size(); first += perTransaction)
-    store.Delete(keys.subspan(first, std::min(perTransaction, keys.size() - first)));
+  InTransactions(keys, perTransaction, [&](std::span<const Key> some) { store.Delete(some); });
 }
 
-void DigestAll(const Blobs& blobs) {
-  for (std::size_t i = 0; i < blobs.Count(); ++i)
-    Require(DigestOf(blobs.All()[i]) == blobs.Keys()[i], kLimit, "comparing a digest");
+std::size_t CountOf(Store& store) {
+  std::size_t count = 0;
+  store.ForEach(false, [&](const Key&, Blob) { ++count; });
+  return count;
 }
 
-// Digests, and each transaction in one write and one flush.
-void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool digest,
-                  const std::filesystem::path& path) {
-  constexpr std::size_t kLargest = 64 * kKiB;
-  const Descriptor file(path, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
+void DigestAll(std::span<const Blob> blobs) {
+  for (const Blob& blob : blobs) DigestOf(blob);
+}
+
+// What the format asks of every writer: one MD5 pass, the records appended, the
+// header rewritten and one flush a commit. With reused, over the blocks that an
+// earlier call has written.
+void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool reused,
+                  const std::filesystem::path& directory) {
+  constexpr std::size_t kHeaderSize = 24, kLargestWrite = 1024 * kKiB;
+  const int fd = ::open((directory / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (reused ? 0 : O_TRUNC), 0644);
+  Require(fd >= 0, kLimit, "open");
   std::vector<unsigned char> gathered;
-  for (std::size_t i = 0; i < blobs.size(); ++i) {
-    if (digest) DigestOf(blobs[i]);
-    gathered.insert(gathered.end(), blobs[i].begin(), blobs[i].end());
-    const bool ends = (i + 1) % perTransaction == 0 || i + 1 == blobs.size();
-    if (gathered.size() >= kLargest || ends) {
-      file.Append(gathered);
-      gathered.clear();
+  std::size_t end = kHeaderSize;
+  const auto write = [&](std::span<const unsigned char> bytes, std::size_t at) {
+    Require(::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at)) == static_cast<ssize_t>(bytes.size()),
+            kLimit, "pwrite");
+  };
+  const auto append = [&] {
+    write(gathered, end);
+    end += gathered.size();
+    gathered.clear();
+  };
+  InTransactions(blobs, perTransaction, [&](std::span<const Blob> some) {
+    for (const Blob& blob : some) {
+      DigestOf(blob);
+      gathered.insert(gathered.end(), blob.begin(), blob.end());
+      if (gathered.size() >= kLargestWrite) append();
     }
-    if (ends) file.Flush();
-  }
+    append();
+    write(some.front().first(kHeaderSize), 0);
+    Require(::fdatasync(fd) == 0, kLimit, "fdatasync");
+  });
+  ::close(fd);
 }
 
-std::filesystem::path LimitFile() {
-  return std::filesystem::temp_directory_path() / "blobring-limit.bin";
-}
-
-bool IsPeer(const std::string& name) {
-  return name != kBlobring;
-}
-
-bool HasOwnCheck(const std::string& name) {
-  return name == kBlobring || name == kSqlite || name == kRocksDb || name == kLevelDb;
-}
-
-Step PutStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perTransaction) {
-  const auto keys = std::make_shared<std::vector<Key>>();
-  return {.id = std::move(id),
-          .title = std::move(title),
-          .run = [=](Store& store) { PutAll(store, *blobs, perTransaction, *keys); },
-          .verify =
-              [=](Store&) {
-                Require(std::equal(keys->begin(), keys->end(), blobs->Keys().begin()), "put", "computing the keys");
-              },
-          .limit = [=] { AppendBarely(blobs->All(), perTransaction, true, LimitFile()); },
-          .storedBytes = static_cast<double>(blobs->TotalSize())};
-}
-
-Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count) {
-  const auto picks = std::make_shared<std::vector<std::size_t>>(RandomPicks(count, blobs->Count(), 11));
+Step PutStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perTransaction, bool reused = false) {
   return {.id = std::move(id),
           .title = std::move(title),
           .run =
               [=](Store& store) {
-                std::string out;
-                for (const std::size_t i : *picks) store.GetVerified(blobs->Keys()[i], out);
+                InTransactions(blobs->All(), perTransaction, [&](std::span<const Blob> some) { store.Put(some); });
               },
-          .limit =
-              [=] {
-                for (const std::size_t i : *picks)
-                  Require(DigestOf(blobs->All()[i]) == blobs->Keys()[i], kLimit, "comparing a digest");
-              }};
+          .limit = [=](const auto& directory) { AppendBarely(blobs->All(), perTransaction, reused, directory); },
+          .putBytes = blobs->TotalSize()};
 }
 
-Step UnverifiedFetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count) {
-  const auto picks = std::make_shared<std::vector<std::size_t>>(RandomPicks(count, blobs->Count(), 12));
+Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count, bool verified) {
+  const auto keys = std::make_shared<const std::vector<Key>>(PickedKeys(*blobs, count, 11));
   return {.id = std::move(id),
           .title = std::move(title),
           .run =
               [=](Store& store) {
+                const bool compare = verified && !store.Verifies();
                 std::string out;
-                for (const std::size_t i : *picks) store.Get(blobs->Keys()[i], out);
-                Require(out.size() == blobs->Size(), "fetch", "getting a blob of the right size");
+                for (const Key& key : *keys) {
+                  store.Get(key, out);
+                  const Blob got(reinterpret_cast<const unsigned char*>(out.data()), out.size());
+                  if (compare) Require(DigestOf(got) == key, "fetch", "comparing a digest");
+                }
               },
-          .takesPart = IsPeer,
           .limit =
-              [=] {
-                std::string out;
-                for (const std::size_t i : *picks) {
-                  const Blob blob = blobs->All()[i];
-                  out.assign(reinterpret_cast<const char*>(blob.data()), blob.size());
+              [=](const auto&) {
+                std::vector<unsigned char> out;
+                for (std::size_t i = 0; i < count; ++i) {
+                  const Blob blob = blobs->All()[i * 7919 % blobs->Count()];
+                  out.assign(blob.begin(), blob.end());
+                  if (verified) DigestOf(out);
                 }
               }};
 }
 
-Step OpenStep(std::string id, std::string title, BlobsPtr blobs) {
-  return {.id = std::move(id),
-          .title = std::move(title),
-          .run =
-              [=](Store& store) {
-                store.Open();
-                if (!store.VerifiesAtOpen()) store.CheckDigests();
-              },
-          .prepare = [](Store& store) { store.Close(); },
-          .limit = [=] { DigestAll(*blobs); }};
-}
-
-Step OpenOwnWayStep(std::string id, std::string title) {
+// The blobs before first have been deleted.
+Step OpenStep(std::string id, std::string title, BlobsPtr blobs, std::size_t first = 0) {
   return {.id = std::move(id),
           .title = std::move(title),
           .run =
               [](Store& store) {
                 store.Open();
-                if (!store.VerifiesAtOpen()) Require(store.CheckOwnWay(), "open", "the store's own check");
+                if (!store.Verifies()) store.CheckDigests();
               },
-          .prepare = [](Store& store) { store.Close(); },
-          .takesPart = HasOwnCheck};
-}
-
-Step CheckStep(std::string id, std::string title, BlobsPtr blobs) {
-  return {.id = std::move(id),
-          .title = std::move(title),
-          .run = [](Store& store) { store.CheckDigests(); },
-          .limit = [=] { DigestAll(*blobs); }};
+          .prepare =
+              [=](Store& store) {
+                Require(CountOf(store) == blobs->Count() - first, "open", "finding every key before it");
+                store.Close();
+              },
+          .limit = [=](const auto&) { DigestAll(blobs->All().subspan(first)); }};
 }
 
 Step SizesStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count) {
   std::vector<Key> keys = AbsentKeys(count / 2, 21);
-  for (const std::size_t i : RandomPicks(count / 2, blobs->Count(), 22)) keys.push_back(blobs->Keys()[i]);
+  const std::vector<Key> present = PickedKeys(*blobs, count / 2, 22);
+  keys.insert(keys.end(), present.begin(), present.end());
   std::shuffle(keys.begin(), keys.end(), std::minstd_rand(23));
   const auto asked = std::make_shared<const std::vector<Key>>(std::move(keys));
   return {.id = std::move(id), .title = std::move(title), .run = [=](Store& store) {
-            std::size_t present = 0;
-            for (const Key& key : *asked) present += store.SizeOf(key) >= 0 ? 1 : 0;
-            Require(present == count / 2, "sizes", "finding half of the keys");
+            std::size_t found = 0;
+            for (const Key& key : *asked) found += store.SizeOf(key) >= 0 ? 1 : 0;
+            Require(found == count / 2, "sizes", "finding half of the keys");
           }};
 }
 
-std::size_t CountKeys(Store& store) {
-  std::size_t count = 0;
-  store.ForEachKey([&](const Key&, Blob) { ++count; });
-  return count;
-}
-
-Step EnumerateStep(std::string id, std::string title, BlobsPtr blobs) {
-  return {.id = std::move(id), .title = std::move(title), .run = [=](Store& store) {
-            Require(CountKeys(store) == blobs->Count(), "enumerate", "finding every key");
-          }};
-}
-
-Step CompactStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perTransaction) {
-  return {.id = std::move(id),
-          .title = std::move(title),
-          .run =
-              [=](Store& store) {
-                DeleteAll(store, blobs->Keys().first(blobs->Count() / 2), perTransaction);
-                store.Compact();
-              },
-          .verify =
-              [=](Store& store) {
-                Require(CountKeys(store) == blobs->Count() - blobs->Count() / 2, "compact", "keeping the other half");
-              },
-          .limit = [=] { AppendBarely(blobs->All().subspan(blobs->Count() / 2), blobs->Count(), false, LimitFile()); }};
-}
-
-Scenario SmallBlobs(const Extent& extent) {
+Scenario SmallBlobs(std::size_t divisor) {
   constexpr std::size_t kPerTransaction = 1000;
-  const auto blobs = std::make_shared<Blobs>(Scaled(100000, extent, kPerTransaction), kKiB, 1);
-  const std::size_t reads = Scaled(200000, extent, 2);
-  const std::string count = std::to_string(blobs->Count());
+  const auto blobs = std::make_shared<Blobs>(Scaled(100000, divisor), kKiB, 1);
+  const std::size_t count = blobs->Count(), half = count / 2, reads = Scaled(200000, divisor);
+  const Step compact = {
+      .id = "small.compact",
+      .title = "delete half of them, compact",
+      .run =
+          [=](Store& store) {
+            DeleteAll(store, blobs->Keys().first(half), kPerTransaction);
+            store.Compact();
+          },
+      .limit = [=](const auto& directory) { AppendBarely(blobs->All().subspan(half), count, false, directory); }};
   return {"small",
-          count + " blobs of 1 KiB",
-          Rounds(3, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kHashFile},
-          {PutStep("small.put", count + " x 1 KiB, 1,000 a commit", blobs, kPerTransaction),
-           OpenStep("small.open", "open, every blob verified by digest, 1 KiB", blobs),
-           OpenOwnWayStep("small.open-own", "open, peers by checks of their own (no digests), 1 KiB"),
-           FetchStep("small.fetch", std::to_string(reads) + " random verified fetches of 1 KiB", blobs, reads),
-           UnverifiedFetchStep("small.fetch-unverified", "the same, unverified", blobs, reads),
-           SizesStep("small.sizes", std::to_string(reads) + " sizes, half absent", blobs, reads),
-           EnumerateStep("small.enumerate", "enumerate " + count, blobs),
-           CompactStep("small.compact", "delete half, compact", blobs, kPerTransaction)}};
+          3,
+          {PutStep("small.put", fmt::format("{} x 1 KiB, 1,000 a commit", count), blobs, kPerTransaction),
+           OpenStep("small.open", "open, every blob verified, 1 KiB", blobs),
+           FetchStep("small.fetch", fmt::format("{} random verified fetches, 1 KiB", reads), blobs, reads, true),
+           FetchStep("small.fetch-unverified", "the same; peers verify nothing", blobs, reads, false),
+           SizesStep("small.sizes", fmt::format("{} sizes, half of them absent", reads), blobs, reads),
+           {.id = "small.enumerate",
+            .title = fmt::format("enumerate {} keys", count),
+            .run = [=](Store& store) { Require(CountOf(store) == count, "enumerate", "finding every key"); }},
+           compact,
+           OpenStep("small.reopen", "open after the compaction, every blob verified", blobs, half)}};
 }
 
-// Small blobs as files: by themselves and fewer, since file systems take long
-// to create and to remove so many.
-Scenario SmallFiles(const Extent& extent) {
-  constexpr std::size_t kPerTransaction = 1000;
-  const auto blobs = std::make_shared<Blobs>(Scaled(5000, extent, kPerTransaction), kKiB, 7);
-  const std::size_t reads = Scaled(100000, extent, 2);
-  const std::string among = " among " + std::to_string(blobs->Count()) + ", beside files";
-  return {"files",
-          std::to_string(blobs->Count()) + " blobs of 1 KiB beside files",
-          1,
-          {kBlobring, kFileBatches},
-          {PutStep("files.put", std::to_string(blobs->Count()) + " x 1 KiB, 1,000 a commit, beside files", blobs,
-                   kPerTransaction),
-           FetchStep("files.fetch", std::to_string(reads) + " random verified fetches of 1 KiB" + among, blobs, reads),
-           SizesStep("files.sizes", std::to_string(reads) + " sizes, half absent" + among, blobs, reads),
-           CompactStep("files.compact", "delete half, compact" + among, blobs, kPerTransaction)}};
-}
-
-Scenario LargeBlobs(const Extent& extent) {
-  const auto blobs = std::make_shared<Blobs>(Scaled(1500, extent), 256 * kKiB, 2);
-  const std::size_t reads = Scaled(3000, extent);
-  return {"large",
-          std::to_string(blobs->Count()) + " blobs of 256 KiB",
-          Rounds(3, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kFiles, kFileBatches},
-          {PutStep("large.put", std::to_string(blobs->Count()) + " x 256 KiB, 50 a commit", blobs, 50),
-           FetchStep("large.fetch", std::to_string(reads) + " random verified fetches of 256 KiB", blobs, reads),
-           UnverifiedFetchStep("large.fetch-unverified", "the same, unverified", blobs, reads)}};
-}
-
-Scenario MediumBlobs(const Extent& extent) {
-  const auto blobs = std::make_shared<Blobs>(Scaled(1500, extent), 64 * kKiB, 3);
+Scenario MediumBlobs(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(Scaled(1500, divisor), 64 * kKiB, 3);
   return {"medium",
-          std::to_string(blobs->Count()) + " blobs of 64 KiB",
-          Rounds(5, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kFileBatches},
-          {PutStep("medium.put", std::to_string(blobs->Count()) + " x 64 KiB, 100 a commit", blobs, 100),
-           OpenStep("medium.open", "open, every blob verified by digest, 64 KiB", blobs),
-           CheckStep("medium.check", "check of every blob, 64 KiB", blobs)}};
+          5,
+          {PutStep("medium.put", fmt::format("{} x 64 KiB, 100 a commit", blobs->Count()), blobs, 100),
+           OpenStep("medium.open", "open, every blob verified, 64 KiB", blobs),
+           {.id = "medium.check",
+            .title = "check every blob, 64 KiB",
+            .run = [](Store& store) { store.CheckDigests(); },
+            .limit = [=](const auto&) { DigestAll(blobs->All()); }}}};
 }
 
-Scenario TinyBlobs(const Extent& extent) {
-  const auto blobs = std::make_shared<Blobs>(Scaled(100000, extent), 64, 4);
-  const std::string count = std::to_string(blobs->Count());
-  return {"tiny",
-          count + " blobs of 64 bytes",
-          Rounds(5, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kHashFile},
-          {PutStep("tiny.put", count + " x 64 B in one transaction", blobs, blobs->Count())}};
+Scenario LargeBlobs(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(Scaled(1500, divisor), 256 * kKiB, 2);
+  const std::size_t reads = Scaled(3000, divisor);
+  return {"large",
+          3,
+          {PutStep("large.put", fmt::format("{} x 256 KiB, 50 a commit", blobs->Count()), blobs, 50),
+           FetchStep("large.fetch", fmt::format("{} random verified fetches, 256 KiB", reads), blobs, reads, true)}};
 }
 
-// The second time, the store's files have all their blocks already.
-Scenario SingleCommits(const Extent& extent) {
-  const auto blobs = std::make_shared<Blobs>(Scaled(2000, extent), 4 * kKiB, 5);
-  const std::string count = std::to_string(blobs->Count());
-  Step growing = PutStep("commits.growing", count + " commits of one 4 KiB blob, growing files", blobs, 1);
-  Step reused = PutStep("commits.reused", "the same after a compaction, files reused", blobs, 1);
+Scenario TinyBlobs(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(Scaled(100000, divisor), 64, 4);
+  return {
+      "tiny", 5, {PutStep("tiny.put", fmt::format("{} x 64 B in one commit", blobs->Count()), blobs, blobs->Count())}};
+}
+
+// The second time, the files of the store have all their blocks already.
+Scenario SingleCommits(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(Scaled(2000, divisor), 4 * kKiB, 5);
+  Step growing =
+      PutStep("commits.growing", fmt::format("{} commits of 4 KiB, growing files", blobs->Count()), blobs, 1);
+  Step reused = PutStep("commits.reused", "the same, files reused after two compactions", blobs, 1, true);
   reused.prepare = [=](Store& store) {
-    store.Delete(blobs->Keys());
+    DeleteAll(store, blobs->Keys(), blobs->Count());
     store.Compact();
-    store.Compact();  // with two slots, back to the files of the first
+    store.Compact();  // of two slots, back to the first
   };
-  reused.limit = nullptr;
-  return {"commits",
-          count + " single commits",
-          Rounds(3, extent),
-          {kBlobring, kLmdb, kSqlite, kRocksDb, kLevelDb, kFiles},
-          {std::move(growing), std::move(reused)}};
+  return {"commits", 3, {std::move(growing), std::move(reused)}};
+}
+
+Scenario ManyBlobs(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(Scaled(1000000, divisor), 128, 6);
+  const std::size_t reads = Scaled(200000, divisor);
+  return {"many",
+          1,
+          {PutStep("many.put", fmt::format("{} x 128 B, 10,000 a commit", blobs->Count()), blobs, 10000),
+           OpenStep("many.open", "open, every blob verified, 128 B", blobs),
+           FetchStep("many.fetch", fmt::format("{} random verified fetches, 128 B", reads), blobs, reads, true),
+           SizesStep("many.sizes", fmt::format("{} sizes among them, half absent", reads), blobs, reads)}};
 }
 
 }  // namespace
 
-const std::vector<NamedScenario>& AllScenarios() {
-  static const std::vector<NamedScenario> all = {
-      {"large", LargeBlobs},      {"medium", MediumBlobs}, {"tiny", TinyBlobs},
-      {"commits", SingleCommits}, {"small", SmallBlobs},   {"files", SmallFiles}};  // deletes files, so it comes last
+const std::vector<std::pair<std::string, ScenarioMaker>>& AllScenarios() {
+  static const std::vector<std::pair<std::string, ScenarioMaker>> all = {
+      {"tiny", TinyBlobs},   {"small", SmallBlobs},      {"medium", MediumBlobs},
+      {"large", LargeBlobs}, {"commits", SingleCommits}, {"many", ManyBlobs}};
   return all;
 }
 

@@ -2,91 +2,51 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
-#include <fstream>
+#include <cstdlib>
 #include <iostream>
 
-#include "bench/Machine.h"
 #include "bench/Report.h"
-#include "bench/Workloads.h"
 
 namespace {
 
-struct Options {
-  std::string directory = (std::filesystem::temp_directory_path() / "blobring-bench").string();
-  std::string markdown, chart, samples;
-  std::vector<std::string> scenarios, stores;
-  bench::Extent extent;
-};
-
-Options Parse(CLI::App& app, int argc, char** argv) {
-  Options options;
-  app.add_option("--dir", options.directory, "Where the stores are made; emptied before and after")
-      ->capture_default_str();
-  app.add_option("--markdown", options.markdown, "Writes the report to this file; else to standard output");
-  app.add_option("--chart", options.chart, "Writes the chart, SVG, to this file");
-  app.add_option("--samples", options.samples, "Writes every sample, CSV, to this file");
-  app.add_option("--scenarios", options.scenarios, "Only these: large medium tiny commits small files scaling")
-      ->delimiter(',');
-  app.add_option("--stores", options.stores, "Only these, by the names of the report")->delimiter(',');
-  app.add_option("--divisor", options.extent.divisor, "Divides every number of blobs")->check(CLI::Range(1, 1000));
-  app.add_option("--rounds", options.extent.rounds, "In place of each scenario's own")->check(CLI::Range(1, 1000));
-  app.parse(argc, argv);
-  return options;
-}
-
-bool IsWanted(const Options& options, const std::string& id) {
-  return options.scenarios.empty() ||
-         std::find(options.scenarios.begin(), options.scenarios.end(), id) != options.scenarios.end();
-}
-
-bench::Results MeasureAll(const Options& options, const std::filesystem::path& directory) {
-  bench::Results results;
-  for (const bench::NamedScenario& named : bench::AllScenarios()) {
-    if (!IsWanted(options, named.id)) continue;
-    const bench::Scenario scenario = named.make(options.extent);
-    bench::Run(scenario, directory, options.stores, results.samples);
-    for (const bench::Step& step : scenario.steps)
-      results.steps.push_back({.id = step.id, .title = step.title, .run = {}, .storedBytes = step.storedBytes});
-  }
-  if (IsWanted(options, "scaling")) results.scaling = bench::MeasureScaling(options.extent, directory, options.stores);
-  results.machine = bench::DescribeMachine(directory.parent_path());
-  return results;
-}
-
-template <class Write>
-void WriteTo(const std::string& path, Write write, const bench::Results& results) {
-  std::ofstream out(path);
-  write(results, out);
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path);
-}
-
-void Report(const Options& options, const bench::Results& results) {
-  if (options.markdown.empty()) {
-    bench::WriteMarkdown(results, std::cout);
-  } else {
-    WriteTo(options.markdown, bench::WriteMarkdown, results);
-  }
-  if (!options.chart.empty()) WriteTo(options.chart, bench::WriteChart, results);
-  if (!options.samples.empty()) WriteTo(options.samples, bench::WriteSamples, results);
+bool IsWanted(const std::vector<std::string>& only, const std::string& name) {
+  return only.empty() || std::find(only.begin(), only.end(), name) != only.end();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Measures Blobring beside other stores");
+  std::vector<std::string> scenarios, stores;
+  std::size_t divisor = 1;
+  int rounds = 0;
+  CLI::App app("Measures Blobring beside other stores below $TMPDIR; the report goes to standard output");
+  app.add_option("--scenarios", scenarios, "Only these: tiny small medium large commits many")->delimiter(',');
+  app.add_option("--stores", stores, "Only these, by the names of the report")->delimiter(',');
+  app.add_option("--divisor", divisor, "Divides every number of blobs")->check(CLI::Range(1, 1000));
+  app.add_option("--rounds", rounds, "Instead of each scenario's own")->check(CLI::Range(1, 1000));
+  CLI11_PARSE(app, argc, argv);
+
+  std::string directory = (std::filesystem::temp_directory_path() / "blobring-bench-XXXXXX").string();
+  if (::mkdtemp(directory.data()) == nullptr) return std::perror(directory.c_str()), 1;
+  int status = 0;
   try {
-    const Options options = Parse(app, argc, argv);
-    const std::filesystem::path directory = std::filesystem::absolute(options.directory);
-    std::filesystem::remove_all(directory);
-    const bench::Results results = MeasureAll(options, directory);
-    std::filesystem::remove_all(directory);
-    Report(options, results);
-    return 0;
-  } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    bench::Results results;
+    for (const bench::Contender& contender :
+         {bench::Blobring(), bench::Lmdb(), bench::Sqlite(), bench::RocksDb(), bench::LevelDb()})
+      if (IsWanted(stores, contender.name)) results.contenders.push_back(contender);
+    for (const auto& [id, make] : bench::AllScenarios()) {
+      if (!IsWanted(scenarios, id)) continue;
+      bench::Scenario scenario = make(divisor);
+      if (rounds > 0) scenario.rounds = rounds;
+      bench::Run(scenario, results.contenders, directory, results.samples);
+      for (const bench::Step& step : scenario.steps)
+        results.steps.push_back({.id = step.id, .title = step.title, .run = {}, .putBytes = step.putBytes});
+    }
+    bench::WriteMarkdown(results, std::cout);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "\nworkloads: %s\n", e.what());
-    return 1;
+    std::fprintf(stderr, "workloads: %s\n", e.what());
+    status = 1;
   }
+  std::filesystem::remove_all(directory);
+  return status;
 }

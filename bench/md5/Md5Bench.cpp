@@ -1,8 +1,6 @@
-// Speed of every digest engine as a multiple of OpenSSL's, measured in one
-// process, turn by turn, so that a slow moment of the machine falls on all of
-// them. Each ratio is the median over the turns of the ratio within a turn.
-//
-//   md5_bench [turns]      501 unless told
+// md5_bench [TURNS]: the speed of every digest engine as a multiple of
+// OpenSSL's. All of them take turns in one process, so that a slow moment of the
+// machine affects all; a ratio is the median of the ratios of each turn.
 #include <openssl/evp.h>
 #include <time.h>
 
@@ -19,104 +17,79 @@
 namespace {
 
 constexpr std::size_t kMessages = 64;
-constexpr std::size_t kDigestSize = 16;
 
-struct Sizes {
-  const char* name;
-  std::size_t smallest, largest;  // evenly spread between these
-};
-
-// Messages to digest and where their digests go.
-class Work {
- public:
-  explicit Work(const Sizes& sizes) : digests(kMessages * kDigestSize) {
+struct Work {
+  Work(std::size_t smallest, std::size_t largest) {
     std::mt19937 random(1);
-    std::uniform_int_distribution<std::size_t> size(sizes.smallest, sizes.largest);
+    std::uniform_int_distribution<std::size_t> size(smallest, largest);
     for (std::size_t i = 0; i < kMessages; ++i) {
-      std::vector<std::uint8_t>& message = messages.emplace_back(size(random));
-      for (std::uint8_t& byte : message) byte = static_cast<std::uint8_t>(random());
-      total += message.size();
+      for (std::uint8_t& byte : bytes[i] = std::vector<std::uint8_t>(size(random)))
+        byte = static_cast<std::uint8_t>(random());
+      messages[i] = {bytes[i].data(), bytes[i].size(), digests[i]};
+      total += bytes[i].size();
     }
   }
 
-  std::uint8_t* Digest(std::size_t i) { return digests.data() + i * kDigestSize; }
-
-  std::vector<std::vector<std::uint8_t>> messages;
-  std::vector<std::uint8_t> digests;
+  std::vector<std::uint8_t> bytes[kMessages];
+  std::uint8_t digests[kMessages][16];
+  MD5Message messages[kMessages];
   std::size_t total = 0;
 };
 
 void DigestByOpenSsl(Work& work) {
   static EVP_MD_CTX* const context = EVP_MD_CTX_new();
-  for (std::size_t i = 0; i < kMessages; ++i) {
+  for (const MD5Message& message : work.messages) {
     EVP_DigestInit_ex2(context, EVP_md5(), nullptr);
-    EVP_DigestUpdate(context, work.messages[i].data(), work.messages[i].size());
-    EVP_DigestFinal_ex(context, work.Digest(i), nullptr);
+    EVP_DigestUpdate(context, message.data, message.size);
+    EVP_DigestFinal_ex(context, message.digest, nullptr);
   }
 }
 
 void DigestOneByOne(Work& work) {
-  for (std::size_t i = 0; i < kMessages; ++i) {
+  for (const MD5Message& message : work.messages) {
     MD5 md5;
-    md5.update(work.messages[i].data(), static_cast<std::uint32_t>(work.messages[i].size()));
+    md5.update(message.data, static_cast<std::uint32_t>(message.size));
     md5.finalize();
-    md5.raw_digest(work.Digest(i));
+    md5.raw_digest(message.digest);
   }
 }
 
-// Two messages at a time, each up to its end; the ends are not interleaved.
+// Two messages at a time; their last blocks are not interleaved.
 void DigestTwoByTwo(Work& work) {
   for (std::size_t i = 0; i < kMessages; i += 2) {
-    const std::vector<std::uint8_t>&one = work.messages[i], &two = work.messages[i + 1];
+    const MD5Message &one = work.messages[i], &two = work.messages[i + 1];
     MD5 first, second;
-    UpdateBoth(first, one.data(), static_cast<std::uint32_t>(one.size()), second, two.data(),
-               static_cast<std::uint32_t>(two.size()));
+    UpdateBoth(first, one.data, static_cast<std::uint32_t>(one.size), second, two.data,
+               static_cast<std::uint32_t>(two.size));
     first.finalize();
     second.finalize();
-    first.raw_digest(work.Digest(i));
-    second.raw_digest(work.Digest(i + 1));
+    first.raw_digest(one.digest);
+    second.raw_digest(two.digest);
   }
-}
-
-void DigestInLanes(Work& work, std::size_t atATime, const md5::LaneEngine* engine) {
-  MD5Message messages[kMessages];
-  for (std::size_t i = 0; i < kMessages; ++i) {
-    messages[i] = {work.messages[i].data(), work.messages[i].size(), work.Digest(i)};
-  }
-  for (std::size_t i = 0; i < kMessages; i += atATime) md5::DigestMany(messages + i, atATime, engine);
-}
-
-template <std::size_t atATime>
-void DigestMany(Work& work) {
-  DigestInLanes(work, atATime, md5::FindLaneEngine());
 }
 
 void DigestManyScalar(Work& work) {
-  DigestInLanes(work, kMessages, nullptr);
+  md5::DigestMany(work.messages, kMessages, nullptr);
 }
 
-struct Contestant {
+template <std::size_t atATime>
+void DigestInLanes(Work& work) {
+  for (std::size_t i = 0; i < kMessages; i += atATime) DigestMany(work.messages + i, atATime);
+}
+
+constexpr struct {
   const char* name;
   void (*run)(Work& work);
+} kEngines[] = {
+    {"OpenSSL", DigestByOpenSsl},       {"MD5", DigestOneByOne},         {"UpdateBoth", DigestTwoByTwo},
+    {"many, scalar", DigestManyScalar}, {"many by 4", DigestInLanes<4>}, {"many by 8", DigestInLanes<8>},
+    {"many by 64", DigestInLanes<64>},
 };
 
-constexpr Contestant kContestants[] = {
-    {"OpenSSL", DigestByOpenSsl},          {"MD5", DigestOneByOne},      {"UpdateBoth", DigestTwoByTwo},
-    {"many, scalar", DigestManyScalar},    {"many by 4", DigestMany<4>}, {"many by 8", DigestMany<8>},
-    {"many by 64", DigestMany<kMessages>},
-};
-
-// The thread's own time: others may be using the machine.
 double CpuSeconds() {
   timespec now;
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
-}
-
-double SecondsOf(const Contestant& contestant, Work& work, std::size_t repeats) {
-  const double start = CpuSeconds();
-  for (std::size_t i = 0; i < repeats; ++i) contestant.run(work);
-  return CpuSeconds() - start;
 }
 
 double Median(std::vector<double> values) {
@@ -125,27 +98,21 @@ double Median(std::vector<double> values) {
   return *middle;
 }
 
-void Compare(const Sizes& sizes, int turns) {
-  Work work(sizes);
+void Compare(const char* name, std::size_t smallest, std::size_t largest, int turns) {
+  Work work(smallest, largest);
   const std::size_t repeats = std::max<std::size_t>(1, (std::size_t{1} << 19) / (work.total + kMessages * 128));
-  std::vector<std::vector<double>> ratios(std::size(kContestants));
-  std::vector<double> ownSeconds;
+  std::vector<double> columns[std::size(kEngines)];  // OpenSSL's seconds, then ratios to them
   for (int turn = 0; turn < turns; ++turn) {
-    double openSsl = 0;
-    for (std::size_t i = 0; i < std::size(kContestants); ++i) {
-      const double seconds = SecondsOf(kContestants[i], work, repeats);
-      if (i == 0) {
-        openSsl = seconds;
-        ownSeconds.push_back(seconds);
-      }
-      ratios[i].push_back(openSsl / seconds);
+    for (std::size_t i = 0; i < std::size(kEngines); ++i) {
+      const double start = CpuSeconds();
+      for (std::size_t n = 0; n < repeats; ++n) kEngines[i].run(work);
+      const double seconds = CpuSeconds() - start;
+      columns[i].push_back(i == 0 ? seconds : columns[0].back() / seconds);
     }
   }
-  const double bytes = static_cast<double>(work.total) * static_cast<double>(repeats);
-  std::printf("%-14s %8.0f", sizes.name, bytes / Median(ownSeconds) / 1e6);
-  for (std::size_t i = 1; i < std::size(kContestants); ++i) std::printf(" %12.3f", Median(ratios[i]));
+  std::printf("%-14s %8.0f", name, static_cast<double>(work.total * repeats) / Median(columns[0]) / 1e6);
+  for (std::size_t i = 1; i < std::size(kEngines); ++i) std::printf(" %12.3f", Median(columns[i]));
   std::printf("\n");
-  std::fflush(stdout);
 }
 
 }  // namespace
@@ -153,12 +120,11 @@ void Compare(const Sizes& sizes, int turns) {
 int main(int argc, char** argv) {
   const int turns = argc > 1 ? std::max(1, std::atoi(argv[1])) : 501;
   std::printf("%-14s %8s", "message", "OpenSSL");
-  for (std::size_t i = 1; i < std::size(kContestants); ++i) std::printf(" %12s", kContestants[i].name);
-  std::printf("\n%-14s %8s  then times OpenSSL's speed\n", "", "MB/s");
-  constexpr Sizes kSizes[] = {{"64 B", 64, 64},
-                              {"1 KiB", 1024, 1024},
-                              {"16 KiB", 16384, 16384},
-                              {"256 KiB", 262144, 262144},
-                              {"0 to 4 KiB", 0, 4096}};
-  for (const Sizes& sizes : kSizes) Compare(sizes, turns);
+  for (std::size_t i = 1; i < std::size(kEngines); ++i) std::printf(" %12s", kEngines[i].name);
+  std::printf("\n%-14s %8s  then multiples of OpenSSL's speed\n", "", "MB/s");
+  Compare("64 B", 64, 64, turns);
+  Compare("1 KiB", 1024, 1024, turns);
+  Compare("16 KiB", 16384, 16384, turns);
+  Compare("256 KiB", 262144, 262144, turns);
+  Compare("0 to 4 KiB", 0, 4096, turns);
 }

@@ -2,34 +2,30 @@
 
 #include <algorithm>
 
-#include "bench/Require.h"
 #include "bench/Store.h"
 
 namespace bench {
-
 namespace {
 
 void RequireOne(int result, const char* call) {
-  Require(result == 1, kBlobring, call);
+  Require(result == 1, "Blobring", call);
 }
 
+// The calls take hashes as non-const and only read them.
 unsigned char* Bytes(const Key& key) {
-  return const_cast<unsigned char*>(key.data());  // the calls take it so, and read it
+  return const_cast<unsigned char*>(key.data());
 }
 
-class BlobringStore : public Store {
+class BlobringStore final : public Store {
  public:
-  explicit BlobringStore(const std::filesystem::path& directory) : path(directory.u16string()) {}
+  explicit BlobringStore(std::string directory) : path(std::move(directory)) {}
   ~BlobringStore() override {
     if (index >= 0) BCDispose(index);
   }
 
   void Open() override {
-    index = BCInitialize(path.c_str());
-    RequireOne(BCAddPackDir(index, path.c_str()), "BCAddPackDir");
-    RequireOne(BCAddPackDir(index, path.c_str()), "BCAddPackDir");
-    RequireOne(BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP), "BCSetDamagePolicy");
-    RequireOne(BCLoad(index), "BCLoad");
+    index = BCOpen(path.c_str(), nullptr);
+    Require(index >= 0, "Blobring", "BCOpen");
   }
 
   void Close() override {
@@ -37,25 +33,28 @@ class BlobringStore : public Store {
     index = -1;
   }
 
-  void Put(std::span<const Blob> blobs, Key* keys) override {
-    Start();
+  void Put(std::span<const Blob> blobs) override {
+    RequireOne(BCStartTransaction(index, &++id), "BCStartTransaction");
     if (blobs.size() == 1) {
-      RequireOne(BCPut(index, blobs[0].data(), static_cast<int>(blobs[0].size()), keys->data()), "BCPut");
+      Key key;
+      RequireOne(BCPut(index, blobs[0].data(), static_cast<int>(blobs[0].size()), key.data()), "BCPut");
     } else {
-      PutMany(blobs, keys);
+      batch.clear();
+      for (const Blob& blob : blobs) batch.push_back({blob.data(), static_cast<int>(blob.size()), {}});
+      const int count = static_cast<int>(batch.size());
+      Require(BCPutMany(index, batch.data(), count) == count, "Blobring", "BCPutMany");
     }
-    End();
+    RequireOne(BCEndTransaction(index, &id), "BCEndTransaction");
   }
 
   void Delete(std::span<const Key> keys) override {
-    Start();
+    RequireOne(BCStartTransaction(index, &++id), "BCStartTransaction");
     for (const Key& key : keys) RequireOne(BCDelete(index, Bytes(key)), "BCDelete");
-    End();
+    RequireOne(BCEndTransaction(index, &id), "BCEndTransaction");
   }
 
   void Compact() override { RequireOne(BCRepack(index), "BCRepack"); }
 
-  // Asks with the room that there is, and once more where it was too little.
   void Get(const Key& key, std::string& out) override {
     int size = 0;
     int result = Fetch(key, out, size);
@@ -63,63 +62,45 @@ class BlobringStore : public Store {
       out.resize(static_cast<std::size_t>(size));
       result = Fetch(key, out, size);
     }
-    Require(result == BLOBRING_FETCHED, kBlobring, "BCFetch");
+    Require(result == BLOBRING_FETCHED, "Blobring", "BCFetch");
     out.resize(static_cast<std::size_t>(size));
   }
 
-  // Every fetch is compared with its key.
-  void GetVerified(const Key& key, std::string& out) override { Get(key, out); }
-
   std::int64_t SizeOf(const Key& key) override { return BCGetSize(index, Bytes(key)); }
 
-  void ForEachKey(const Visitor& visit) override {
+  void ForEach(bool withData, const Visitor& visit) override {
     Key key;
-    BCGetAllBlobHashesReset(index);
-    while (BCGetAllBlobHashes(index, key.data(), 0) == 1) visit(key, {});
-  }
-
-  void ForEachBlob(const Visitor& visit) override {
     std::string data;
-    ForEachKey([&](const Key& key, Blob) {
-      Get(key, data);
+    BCGetAllBlobHashesReset(index);
+    while (BCGetAllBlobHashes(index, key.data(), 0) == 1) {
+      if (withData) Get(key, data);
       visit(key, {reinterpret_cast<const unsigned char*>(data.data()), data.size()});
-    });
+    }
   }
 
+  bool Verifies() const override { return true; }
   void CheckDigests() override { RequireOne(BCFsck(index), "BCFsck"); }
-  bool VerifiesAtOpen() const override { return true; }
 
  private:
   int Fetch(const Key& key, std::string& out, int& size) const {
-    return BCFetch(index, key.data(), reinterpret_cast<unsigned char*>(out.data()), static_cast<int>(out.size()),
-                   &size);
+    auto* buffer = reinterpret_cast<unsigned char*>(out.data());
+    return BCFetch(index, key.data(), buffer, static_cast<int>(out.size()), &size);
   }
 
-  void Start() { RequireOne(BCStartTransaction(index, &id), "BCStartTransaction"); }
-
-  void End() {
-    RequireOne(BCEndTransaction(index, &id), "BCEndTransaction");
-    ++id;
-  }
-
-  void PutMany(std::span<const Blob> blobs, Key* keys) {
-    batch.clear();
-    for (const Blob& blob : blobs) batch.push_back({blob.data(), static_cast<int>(blob.size()), {}});
-    const int count = static_cast<int>(batch.size());
-    Require(BCPutMany(index, batch.data(), count) == count, kBlobring, "BCPutMany");
-    for (const BCBlob& blob : batch) std::copy_n(blob.hash, sizeof blob.hash, (keys++)->data());
-  }
-
-  std::u16string path;
+  std::string path;
   int index = -1;
-  long long id = 1;
+  long long id = 0;
   std::vector<BCBlob> batch;
 };
 
 }  // namespace
 
-std::unique_ptr<Store> MakeBlobring(const std::filesystem::path& directory) {
-  return std::make_unique<BlobringStore>(directory);
+Contender Blobring() {
+  return {"Blobring",
+          std::string(BLOBRING_VERSION) + ": `BCOpen` with its defaults, `BCPutMany` (`BCPut` for single commits)",
+          [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
+            return std::make_unique<BlobringStore>(directory);
+          }};
 }
 
 }  // namespace bench

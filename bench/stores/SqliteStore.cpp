@@ -1,16 +1,21 @@
 #include <sqlite3.h>
 
-#include "bench/Require.h"
+#include <algorithm>
+
 #include "bench/Store.h"
 
 namespace bench {
-
 namespace {
 
-class SqliteStore : public Store {
+Blob ColumnOf(sqlite3_stmt* statement, int column) {
+  const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
+  return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement, column))};
+}
+
+class SqliteStore final : public Store {
  public:
   explicit SqliteStore(const std::filesystem::path& directory) : path(directory / "blobs.db") {}
-  ~SqliteStore() override { Release(); }
+  ~SqliteStore() override { Close(); }
 
   void Open() override {
     RequireOk(sqlite3_open(path.c_str(), &database), "open");
@@ -25,13 +30,19 @@ class SqliteStore : public Store {
     selectAll = Prepare("SELECT key, data FROM blobs");
   }
 
-  void Close() override { Release(); }
+  void Close() override {
+    for (sqlite3_stmt* statement : {insert, remove, select, selectSize, selectKeys, selectAll})
+      sqlite3_finalize(statement);
+    insert = remove = select = selectSize = selectKeys = selectAll = nullptr;
+    sqlite3_close(database);
+    database = nullptr;
+  }
 
-  void Put(std::span<const Blob> blobs, Key* keys) override {
+  void Put(std::span<const Blob> blobs) override {
     Execute("BEGIN");
     for (const Blob& blob : blobs) {
-      *keys = DigestOf(blob);
-      Bind(insert, 1, *keys++);
+      const Key key = DigestOf(blob);
+      Bind(insert, 1, key);
       Bind(insert, 2, blob);
       Finish(insert);
     }
@@ -54,9 +65,9 @@ class SqliteStore : public Store {
 
   void Get(const Key& key, std::string& out) override {
     Bind(select, 1, key);
-    Require(sqlite3_step(select) == SQLITE_ROW, kSqlite, "select");
-    const auto* data = static_cast<const char*>(sqlite3_column_blob(select, 0));
-    out.assign(data, static_cast<std::size_t>(sqlite3_column_bytes(select, 0)));
+    Require(sqlite3_step(select) == SQLITE_ROW, "SQLite", "select");
+    const Blob data = ColumnOf(select, 0);
+    out.assign(reinterpret_cast<const char*>(data.data()), data.size());
     RequireOk(sqlite3_reset(select), "reset");
   }
 
@@ -67,28 +78,19 @@ class SqliteStore : public Store {
     return size;
   }
 
-  void ForEachKey(const Visitor& visit) override {
-    while (sqlite3_step(selectKeys) == SQLITE_ROW) visit(KeyOf(selectKeys), {});
-    RequireOk(sqlite3_reset(selectKeys), "reset");
-  }
-
-  void ForEachBlob(const Visitor& visit) override {
-    while (sqlite3_step(selectAll) == SQLITE_ROW) {
-      const auto* data = static_cast<const unsigned char*>(sqlite3_column_blob(selectAll, 1));
-      visit(KeyOf(selectAll), {data, static_cast<std::size_t>(sqlite3_column_bytes(selectAll, 1))});
+  void ForEach(bool withData, const Visitor& visit) override {
+    sqlite3_stmt* const statement = withData ? selectAll : selectKeys;
+    while (sqlite3_step(statement) == SQLITE_ROW) {
+      Key key;
+      std::copy_n(ColumnOf(statement, 0).begin(), key.size(), key.begin());
+      visit(key, withData ? ColumnOf(statement, 1) : Blob());
     }
-    RequireOk(sqlite3_reset(selectAll), "reset");
-  }
-
-  // Looks at the structure of pages, rows and index; there are no checksums.
-  bool CheckOwnWay() override {
-    Execute("PRAGMA integrity_check");
-    return true;
+    RequireOk(sqlite3_reset(statement), "reset");
   }
 
  private:
   void RequireOk(int result, const char* call) {
-    Require(result == SQLITE_OK, kSqlite, std::string(call) + " (" + sqlite3_errmsg(database) + ")");
+    if (result != SQLITE_OK) Require(false, call, sqlite3_errmsg(database));
   }
 
   void Execute(const char* sql) { RequireOk(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), sql); }
@@ -104,39 +106,24 @@ class SqliteStore : public Store {
   }
 
   void Finish(sqlite3_stmt* statement) {
-    Require(sqlite3_step(statement) == SQLITE_DONE, kSqlite, "step");
+    Require(sqlite3_step(statement) == SQLITE_DONE, "SQLite", "step");
     RequireOk(sqlite3_reset(statement), "reset");
-  }
-
-  static Key KeyOf(sqlite3_stmt* statement) {
-    Key key;
-    std::copy_n(static_cast<const unsigned char*>(sqlite3_column_blob(statement, 0)), key.size(), key.begin());
-    return key;
-  }
-
-  void Release() {
-    for (sqlite3_stmt** statement : {&insert, &remove, &select, &selectSize, &selectKeys, &selectAll}) {
-      sqlite3_finalize(*statement);
-      *statement = nullptr;
-    }
-    sqlite3_close(database);
-    database = nullptr;
   }
 
   std::string path;
   sqlite3* database = nullptr;
-  sqlite3_stmt* insert = nullptr;
-  sqlite3_stmt* remove = nullptr;
-  sqlite3_stmt* select = nullptr;
-  sqlite3_stmt* selectSize = nullptr;
-  sqlite3_stmt* selectKeys = nullptr;
-  sqlite3_stmt* selectAll = nullptr;
+  sqlite3_stmt *insert = nullptr, *remove = nullptr, *select = nullptr;
+  sqlite3_stmt *selectSize = nullptr, *selectKeys = nullptr, *selectAll = nullptr;
 };
 
 }  // namespace
 
-std::unique_ptr<Store> MakeSqlite(const std::filesystem::path& directory) {
-  return std::make_unique<SqliteStore>(directory);
+Contender Sqlite() {
+  return {"SQLite",
+          sqlite3_libversion() + std::string(": WAL, `synchronous=FULL`, the key as primary key, prepared statements"),
+          [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
+            return std::make_unique<SqliteStore>(directory);
+          }};
 }
 
 }  // namespace bench
