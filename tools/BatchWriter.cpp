@@ -1,47 +1,54 @@
 #include "tools/BatchWriter.h"
 
+#include <fmt/format.h>
+
+#include <chrono>
 #include <utility>
 
-#include "tools/Console.h"
 #include "tools/Error.h"
+#include "tools/Open.h"
 
 namespace tool {
 namespace {
 
-// A commit costs two flushes: enough blobs to make that nothing, few enough
-// that an interrupted import has lost little.
+// Enough blobs to make the cost of a commit nothing, few enough that an
+// interrupted import has lost little.
 constexpr size_t kMaxBlobs = 1000;
 constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
-constexpr size_t kMaxLineBytes = size_t{1024} * 1024;
 
 }  // namespace
 
-BatchWriter::BatchWriter(Store& store, Lines lines) : store_(store), lines_(std::move(lines)) {}
+long long TransactionId() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
 
 BatchWriter::Added BatchWriter::Add(Bytes data, const std::string& name) {
-  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes || pendingLines_.size() >= kMaxLineBytes) Commit();
-  if (!std::exchange(open_, true)) store_.Begin();
+  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
+  if (!transaction_) transaction_.emplace(store_, TransactionId());
   try {
-    const Hash hash = store_.Put(data, name);
+    const blobring::Hash hash = store_.put(std::as_bytes(data));
     // The store finds committed blobs only.
-    const bool isNew = !store_.SizeOf(hash) && pending_.insert(hash).second;
+    const bool isNew = !SizeOf(store_, hash) && pending_.insert(hash).second;
     if (isNew) pendingBytes_ += data.size();
     return {hash, isNew};
-  } catch (const Fault&) {
+  } catch (const blobring::Error& error) {
+    const Fault fault(fmt::format("cannot store {}: {}", name, Explain(error)));
     try {
       Commit();
-    } catch (const Fault& second) {
-      Say(second.what());
+    } catch (const blobring::Error& second) {
+      Say(Explain(second));
     }
-    throw;
+    throw fault;
   }
 }
 
 void BatchWriter::Commit() {
-  if (std::exchange(open_, false)) store_.Commit();
+  if (transaction_) transaction_->commit();
+  transaction_.reset();
   pending_.clear();
   pendingBytes_ = 0;
-  lines_(std::exchange(pendingLines_, std::string()));
+  committedLines_ += std::exchange(pendingLines_, {});
 }
 
 }  // namespace tool

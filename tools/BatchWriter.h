@@ -2,48 +2,48 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
-#include "tools/Store.h"
+#include "blobring/Store.h"
+#include "tools/Fd.h"
 
 namespace tool {
 
-// Stores blobs in transactions that are bounded in count and bytes, and hands
-// over the caller's line for each blob once the blob is safe on disk: a line
-// that was written stands for a blob that a power cut cannot take.
+// Stores blobs in transactions that are bounded in count and bytes. A line that
+// is in committedLines stands for a blob that a power cut cannot take.
 class BatchWriter {
  public:
-  using Lines = std::function<void(std::string_view)>;
-
   struct Added {
-    Hash hash;
+    blobring::Hash hash;
     bool isNew;  // the store did not have it
   };
 
-  // The store must outlive this. `lines` gets whole lines, in order.
-  BatchWriter(Store& store, Lines lines);
+  // Both must outlive this. Lines are appended, in order.
+  BatchWriter(blobring::Store& store, std::string& committedLines) : store_(store), committedLines_(committedLines) {}
 
-  // Puts a blob, after a commit when enough has come together; messages call
-  // it `name`. Throws Fault; what was added before has then been committed if
-  // that was possible.
+  // Stores a blob, after a commit when enough has come together. Messages call
+  // it `name`. Throws Fault, after an attempt to commit what was added before.
   Added Add(Bytes data, const std::string& name);
 
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }
 
-  // Commits what was added. To be called at the end.
+  // Commits what was added. REQUIRES: called at the end. Throws blobring::Error.
   void Commit();
 
  private:
-  Store& store_;
-  Lines lines_;
-  std::set<Hash> pending_;
+  blobring::Store& store_;
+  std::string& committedLines_;
+  std::optional<blobring::Transaction> transaction_;
+  std::set<blobring::Hash> pending_;
   uint64_t pendingBytes_ = 0;
   std::string pendingLines_;
-  bool open_ = false;
 };
+
+// For blobring::Transaction: a repack orders blobs by it, and the time does.
+long long TransactionId();
 
 }  // namespace tool

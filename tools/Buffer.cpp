@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
+#include <sstream>
 
 #include "tools/Error.h"
 
@@ -17,7 +19,7 @@ constexpr size_t kFirstReadSize = size_t{64} * 1024;
 constexpr int kReadAttempts = 3;
 
 [[noreturn]] void ThrowTooLarge(const std::string& path) {
-  throw Fault(fmt::format("cannot store {}: it has 2 GiB or more, and a blob must be smaller", path));
+  throw Fault(fmt::format("cannot store {}: it is too large, a blob has at most {} bytes", path, kMaxBlobSize));
 }
 
 // One read(2) that signals do not end. Throws Fault.
@@ -83,6 +85,18 @@ SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
     if (!source.changed) break;
   }
   return source;
+}
+
+bool IsRegularFile(const std::string& path) {
+  struct stat status = {};
+  return path != "-" && ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+std::vector<std::string> ReadWords() {
+  Buffer buffer;
+  const Bytes bytes = ReadStream("-", buffer);
+  std::istringstream text(std::string(bytes.begin(), bytes.end()));
+  return {std::istream_iterator<std::string>(text), {}};
 }
 
 Bytes ReadStream(const std::string& path, Buffer& buffer) {

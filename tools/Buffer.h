@@ -5,13 +5,16 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "pack/Format.h"
 #include "tools/Fd.h"
 
 namespace tool {
 
-// A blob's size is a positive int in the library's calls.
-constexpr uint64_t kMaxBlobSize = INT32_MAX;
+// 2,147,483,531 bytes: alone in a file, in a transaction of its own.
+constexpr uint64_t kMaxBlobSize =
+    format::kMaxFileSize - format::kFileHeaderSize - format::kStartSize - format::kStoreHeadSize - format::kEndSize;
 
 // Memory that grows and never shrinks. Nothing is zeroed: what is past the
 // bytes last written is undefined.
@@ -39,12 +42,16 @@ struct SourceFile {
 // Reads a regular file whole; a file that changes meanwhile is read again. The
 // contents are copied, never mapped: the bytes that are hashed must be the
 // bytes that are stored, and a file cut short under a mapping kills the
-// process. Throws Fault: no such file, not readable, 2 GiB or more, not a
-// regular file (symbolic links are not followed).
+// process. Throws Fault: no such file, not readable, larger than a blob can be,
+// not a regular file (symbolic links are not followed).
 SourceFile ReadRegularFile(const std::string& path, Buffer& buffer);
 
-// Reads a file of any kind, a pipe for one, to its end; "-" is standard
-// input. Throws Fault as above.
+// Reads a file of any kind to its end; "-" is standard input. Throws Fault as
+// above. May wait for a writer, unless the file is a regular one.
 Bytes ReadStream(const std::string& path, Buffer& buffer);
+bool IsRegularFile(const std::string& path);
+
+// Reads words separated by white space from standard input.
+std::vector<std::string> ReadWords();
 
 }  // namespace tool

@@ -1,8 +1,6 @@
 #include "tools/Commands.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,20 +8,20 @@
 #include <set>
 
 #include "tools/BatchWriter.h"
-#include "tools/Console.h"
 #include "tools/SlotFiles.h"
 #include "tools/StagedFile.h"
-#include "tools/Statistics.h"
-#include "tools/Store.h"
 
 namespace tool {
 namespace {
 
-// With what is missing above it. A power cut must not take the names of new
-// directories, and of all that lies in them, so the directories that hold these
-// are flushed.
+namespace stdfs = std::filesystem;
+
+// What `get` reads before it closes the store and writes.
+constexpr size_t kMaxBatchBytes = size_t{64} * 1024 * 1024;
+
+// Creates a directory with its parents. A power cut must not take their names,
+// with all that lies in them, so the directories that hold them are flushed.
 void MakeDirectory(const std::string& path) {
-  namespace stdfs = std::filesystem;
   std::error_code code;
   std::vector<stdfs::path> changed;
   for (stdfs::path at = stdfs::absolute(path); !stdfs::exists(at, code) && at.has_relative_path();
@@ -35,174 +33,255 @@ void MakeDirectory(const std::string& path) {
     if (::fsync(OpenDirectory(directory.string()).get()) != 0) ThrowErrno("flush the directory " + directory.string());
 }
 
-Hash ParseHash(const std::string& text) {
-  const std::optional<Hash> hash = Hash::Parse(text);
-  if (!hash) throw UsageError(fmt::format("\"{}\" is no hash: wanted {} hexadecimal digits", text, kHashTextSize));
-  return *hash;
+std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& arguments) {
+  std::vector<blobring::Hash> hashes;
+  const auto parse = [&](const std::string& text) {
+    const std::optional<blobring::Hash> hash = blobring::Hash::parse(text);
+    if (!hash) throw UsageError(fmt::format("\"{}\" is no hash: wanted 32 hexadecimal digits", text));
+    hashes.push_back(*hash);
+  };
+  for (const std::string& argument : arguments) {
+    if (argument == "-")
+      for (const std::string& word : ReadWords()) parse(word);
+    else
+      parse(argument);
+  }
+  return hashes;
 }
 
-size_t CountJournals(const std::string& store) {
-  size_t count = 0;
-  while (std::filesystem::exists(fmt::format("{}/{}.jrn", store, count))) ++count;
-  return count;
-}
-
-// A store without our file: another program's, or one whose init was cut
-// short. With the wrong slots its blobs would be hidden, so they must match.
-void RequireSameSlotsAsFiles(const Layout& layout, OnDamage onDamage) {
-  const size_t journalCount = CountJournals(layout.store());
+// A store without a blobring.conf: another program's, or one whose init was cut
+// short. With other slots its blobs would be hidden, with a pack of another
+// store the two would destroy each other.
+void RequireOwnFiles(const Layout& layout) {
+  const size_t journalCount = Layout::CountJournals(layout.store());
   const SlotFiles files(layout);
   if (journalCount > layout.slotCount() || (files.HoldRecords() && journalCount != layout.slotCount()))
     throw UsageError(fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
                                  layout.store(), Count(journalCount, "slot"), journalCount));
-  if (files.HoldRecords() && onDamage == OnDamage::kErase) files.RequirePresent();
-  if (files.HoldRecords() && onDamage == OnDamage::kKeep) files.RequireLoadable();
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
+    const std::string pack = layout.PackPath(slot);
+    const std::string inStore = fmt::format("{}/{}.pak", layout.store(), slot);
+    const bool isElsewhere = layout.PackDir(slot) != layout.store();
+    if (stdfs::exists(pack) && (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
+      throw UsageError(
+          fmt::format("{} is not a pack of {}, it may be another store's; nothing was changed", pack, layout.store()));
+  }
 }
 
-// Copies that the library made of files before it cut them: k.jrn.kept-N.
+// Copies that the library made of damaged files: k.jrn.kept-N.
 std::vector<std::string> FilesSetAside(const Layout& layout) {
   std::set<std::string> directories = {layout.store()};
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) directories.insert(layout.PackDir(slot));
   std::vector<std::string> paths;
   for (const std::string& directory : directories)
-    for (const auto& entry : std::filesystem::directory_iterator(directory))
+    for (const auto& entry : stdfs::directory_iterator(directory))
       if (entry.path().filename().string().find(".kept-") != std::string::npos) paths.push_back(entry.path().string());
   return paths;
 }
 
-std::string AfterDamage(const Store& store) {
-  if (store.onDamage() == OnDamage::kErase) return "the store was damaged, see above";
-  return fmt::format(
-      "the store is damaged; `blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
-      "restores files from what is shown; or restore a backup",
-      store.layout().store());
-}
+struct PutSession {
+  PutSession(const StoreOptions& at, std::string& lines) : open(at, Access::kChange), writer(open.store, lines) {}
+  OpenStore open;
+  BatchWriter writer;
+};
 
-// Anything but a regular file is written as it stands: a pipe or a device is
-// not to be replaced by a file.
-bool IsSpecialFile(const std::string& path) {
-  struct stat status = {};
-  return ::stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode);
-}
-
-void WriteOutput(const std::string& path, Bytes blob) {
-  if (path.empty() || path == "-") return WriteAll(STDOUT_FILENO, blob, "to standard output");
-  if (IsSpecialFile(path)) {
-    const Fd fd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-    if (!fd.valid()) ThrowErrno("write " + path);
-    return WriteAll(fd.get(), blob, path);
-  }
-  const SplitPath split(path);
-  const Fd directory = OpenDirectory(split.directory);
-  StagedFile file(directory.get(), split.name, path);
-  file.Write(blob);
-  file.Publish(StagedFile::Existing::kReplace);
-}
-
-}  // namespace
-
-ExitStatus Init(const InitOptions& options) {
-  const Layout wanted(options.store, options.slotCount, options.packDirs);
-  if (Layout::Exists(options.store)) {
-    const Layout present = Layout::Read(options.store);
-    if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
-      throw UsageError(
-          fmt::format("{} is a store with {} already; that cannot be changed", options.store, present.Description()));
-    Say(fmt::format("{} is a store with {} already; nothing was changed", options.store, present.Description()));
-    return kSuccess;
-  }
-  RequireSameSlotsAsFiles(wanted, options.onDamage);
-  MakeDirectory(options.store);
-  for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
-  const Store store(StoreOptions{wanted, options.onDamage}, Store::Files::kMayBeMade);
-  wanted.Write();
-  Say(fmt::format("{} is a store with {}", options.store, wanted.Description()));
-  return kSuccess;
-}
-
-ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
-  Store store(at);
-  BatchWriter writer(store, Print);
+// Appends the hashes of committed blobs to `lines`. Returns whether all files
+// could be read.
+bool PutAll(const StoreOptions& at, const std::vector<std::string>& files, std::string& lines) {
+  std::optional<PutSession> session;
+  const auto close = [&session] {
+    if (session) session->writer.Commit();
+    session.reset();
+  };
   Buffer buffer;
-  ExitStatus status = kSuccess;
-  for (const std::string& file : files.empty() ? std::vector<std::string>{"-"} : files) {
+  bool all = true;
+  for (const std::string& file : files) {
+    if (!IsRegularFile(file)) close();
     Bytes bytes;
     try {
       bytes = ReadStream(file, buffer);
     } catch (const Fault& fault) {
       Say(fault.what());
-      status = kFault;
+      all = false;
       continue;
     }
-    writer.AddLine(writer.Add(bytes, file).hash.Text() + "\n");
+    if (!session) session.emplace(at, lines);
+    session->writer.AddLine(session->writer.Add(bytes, file).hash.text() + "\n");
   }
-  writer.Commit();
-  return status;
+  close();
+  return all;
 }
 
-ExitStatus Get(const StoreOptions& at, const std::string& hash, const std::string& output) {
-  const Hash key = ParseHash(hash);
-  Store store(at);
-  Buffer buffer;
-  WriteOutput(output, store.Get(key, buffer));
+// What a repack would leave behind; its journal is a header alone.
+uint64_t DeadBytes(const BCStatistics& statistics) {
+  const uint64_t used = statistics.packBytes + statistics.journalBytes;
+  return used - std::min(used, statistics.repackedBytes + format::kFileHeaderSize);
+}
+
+}  // namespace
+
+ExitStatus Init(const StoreOptions& options) {
+  const Layout wanted(options.directory, options.slotCount, options.packDirs);
+  if (Layout::Exists(options.directory)) {
+    const Layout present = Layout::Read(options.directory);
+    if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
+      throw UsageError(fmt::format("{} is a store with {} already; that cannot be changed", options.directory,
+                                   present.Description()));
+    Say(fmt::format("{} is a store with {} already; nothing was changed", options.directory, present.Description()));
+    return kSuccess;
+  }
+  RequireOwnFiles(wanted);
+  MakeDirectory(options.directory);
+  for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
+  const OpenStore open(options, Access::kCreate);
+  wanted.Write();
+  Say(fmt::format("{} is a store with {}", options.directory, wanted.Description()));
   return kSuccess;
+}
+
+ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
+  LayoutOf(at, Access::kChange);  // before anything is waited for
+  std::string lines;
+  bool all = false;
+  try {
+    all = PutAll(at, files.empty() ? std::vector<std::string>{"-"} : files, lines);
+  } catch (...) {
+    Print(lines);
+    throw;
+  }
+  Print(lines);
+  return all ? kSuccess : kFault;
+}
+
+ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes, const std::string& output) {
+  LayoutOf(at, Access::kLook);
+  const std::vector<blobring::Hash> keys = ParseHashes(hashes);
+  Output out(output, Existing::kReplace);
+  Buffer buffer;
+  bool sound = true;
+  uint64_t failureCount = 0;
+  for (size_t next = 0; next < keys.size();) {
+    size_t used = 0;
+    {
+      const OpenStore open(at, Access::kLook);
+      sound = !open.damaged;
+      for (; next < keys.size() && used < kMaxBatchBytes; ++next) {
+        try {
+          used += open.Fetch(keys[next], buffer, used).size();
+        } catch (const Fault& fault) {
+          ++failureCount;
+          Say(fault.what());
+        }
+      }
+    }
+    if (failureCount == 0 || used != 0) out.Write({buffer.data(), used});
+  }
+  if (failureCount == 0) out.Finish();
+  return failureCount == 0 && sound ? kSuccess : kFault;
 }
 
 ExitStatus List(const StoreOptions& at, bool longForm) {
-  const Store store(at);
   std::string text;
-  for (const Hash& hash : store.List()) {
-    text += hash.Text();
-    if (longForm) text += fmt::format(" {}", store.SizeOf(hash).value_or(0));
-    text += '\n';
+  bool sound = false;
+  {
+    const OpenStore open(at, Access::kLook);
+    sound = !open.damaged;
+    for (const blobring::Hash& hash : open.store.hashes()) {
+      text += hash.text();
+      if (longForm) text += fmt::format(" {}", SizeOf(open.store, hash).value_or(0));
+      text += '\n';
+    }
   }
   Print(text);
-  return kSuccess;
+  return sound ? kSuccess : kFault;
 }
 
 ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes) {
-  std::vector<Hash> keys(hashes.size());
-  std::transform(hashes.begin(), hashes.end(), keys.begin(), ParseHash);
-  Store store(at);
-  store.Begin();
+  LayoutOf(at, Access::kChange);
+  const std::vector<blobring::Hash> arguments = ParseHashes(hashes);
+  const std::set<blobring::Hash> keys(arguments.begin(), arguments.end());
+  OpenStore open(at, Access::kChange);
+  blobring::Transaction change(open.store, TransactionId());
   uint64_t absentCount = 0;
-  for (const Hash& key : keys) {
-    if (store.SizeOf(key)) {
-      store.Delete(key);
+  for (const blobring::Hash& key : keys) {
+    if (SizeOf(open.store, key)) {
+      open.store.erase(key);
     } else {
       ++absentCount;
-      Say(fmt::format("{} has no blob {}", at.layout.store(), key.Text()));
+      Say(fmt::format("{} has no blob {}", at.directory, key.text()));
     }
   }
-  store.Commit();
-  Say(fmt::format("{} deleted; `blobring repack` frees the space", Count(keys.size() - absentCount, "blob")));
+  change.commit();
+  Say(fmt::format("{} deleted; `blobring repack` gives the space back{}", Count(keys.size() - absentCount, "blob"),
+                  open.layout.slotCount() == 1
+                      ? ""
+                      : fmt::format(" once it has gone through all {} slots", open.layout.slotCount())));
   return absentCount == 0 ? kSuccess : kFault;
 }
 
+ExitStatus Stat(const StoreOptions& at) {
+  std::string text;
+  bool sound = false;
+  {
+    const OpenStore open(at, Access::kLook);
+    sound = !open.damaged;
+    const BCStatistics statistics = open.store.stats();
+    const size_t slotCount = open.layout.slotCount();
+    const size_t current = static_cast<uint32_t>(statistics.sequence) % slotCount;
+    const SlotFiles files(open.layout);
+    const auto row = [&text](std::string_view name, uint64_t bytes) {
+      text += fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
+    };
+    text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount, current,
+                       statistics.sequence, statistics.blobCount);
+    row("live", statistics.liveBytes);
+    row("dead", DeadBytes(statistics));
+    row("files", files.totalSize());
+    text +=
+        fmt::format("\n{:>4}  {:>12} {:>12} {:>9} {:>8}  {}\n", "slot", "size", "in use", "sequence", "header", "file");
+    for (size_t slot = 0; slot < slotCount; ++slot)
+      for (const SlotFile& file : files.slots()[slot])
+        text += fmt::format("{:>4}{} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, slot == current ? '*' : ' ', file.size,
+                            file.header.endOffset, file.header.sequence, file.StateName(), file.path);
+  }
+  Print(text);
+  return sound ? kSuccess : kFault;
+}
+
 ExitStatus Check(const StoreOptions& at) {
-  const Store store(at);
-  const Statistics statistics = Statistics::Of(store);
-  Say(fmt::format("checking {}, {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes)));
-  const std::vector<std::string> faults = store.Check();
-  for (const std::string& fault : faults) Say(fault);
-  for (const std::string& path : FilesSetAside(at.layout))
+  const OpenStore open(at, Access::kLook);
+  const BCStatistics statistics = open.store.stats();
+  const TraceLines errors(TraceLines::Level::kErrors);
+  Progress progress("checking", statistics.blobCount, 0);
+  const auto checked = open.store.check([&progress](blobring::Operation, uint64_t done, uint64_t) {
+    progress.Show(done, 0);
+    return true;
+  });
+  for (const std::string& line : errors.lines) Say(line);
+  for (const std::string& path : FilesSetAside(open.layout))
     Say(
         fmt::format("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage {} NEW` "
                     "reads it",
-                    path, at.layout.store()));
-  const bool sound = faults.empty() && !store.damaged();
-  Say(sound ? "every blob is sound" : AfterDamage(store));
+                    path, at.directory));
+  const bool sound = checked == blobring::Store::Checked::Sound && !open.damaged;
+  Say(fmt::format("checked {}, {}: {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes),
+                  sound ? "every blob is sound" : "the store is damaged"));
+  if (!sound)
+    Say(fmt::format(
+        "`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` restores "
+        "files from what is shown; or restore a backup",
+        at.directory));
   return sound ? kSuccess : kFault;
 }
 
 ExitStatus Repack(const StoreOptions& at, bool force) {
-  Store store(at);
-  const Statistics before = Statistics::Of(store);
-  Say(fmt::format("repacking {}, {}", Count(before.blobCount, "blob"), HumanSize(before.liveBytes)));
-  store.Repack(force ? Store::Force::kDespiteDamage : Store::Force::kNo);
-  const Statistics after = Statistics::Of(store);
-  Say(fmt::format("slot {} is current (sequence {}); {} of dead records were left behind", after.currentSlot,
-                  after.sequence, HumanSize(before.deadBytes)));
+  OpenStore open(at, force ? Access::kChangeDamaged : Access::kChange);
+  const uint64_t dead = DeadBytes(open.store.stats());
+  open.store.repack();
+  const BCStatistics after = open.store.stats();
+  Say(fmt::format("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
+                  Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
+                  static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence, HumanSize(dead)));
   return kSuccess;
 }
 

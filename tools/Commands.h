@@ -1,46 +1,44 @@
 // What the subcommands do, apart from whole trees (Import.h, Export.h). Each
-// throws Fault or UsageError; results go to standard output, the rest to
-// standard error.
+// throws Fault, UsageError or blobring::Error. Results go to standard output,
+// the rest to standard error, both after the store is closed.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "tools/Error.h"
-#include "tools/Store.h"
+#include "tools/Open.h"
 
 namespace tool {
 
-struct InitOptions {
-  std::string store;
-  size_t slotCount = 0;               // 0: not said
-  std::vector<std::string> packDirs;  // of the slots in turn
-  OnDamage onDamage = OnDamage::kKeep;
-};
-
 // Makes a store, with its directories, or takes over one that another program
 // made with the same slots. A store that is there already stays as it is.
-ExitStatus Init(const InitOptions& options);
+ExitStatus Init(const StoreOptions& options);
 
-// Stores files, "-" or none for standard input, and prints the hash of each
-// once it is committed. Files that cannot be read are named; the others go on.
+// Stores files, "-" or none for standard input, and prints the hash of each.
+// Files that cannot be read are named; the others go on.
 ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files);
 
-// Writes a blob to a file, replacing it in one step, or to standard output
-// when `output` is empty or "-".
-ExitStatus Get(const StoreOptions& at, const std::string& hash, const std::string& output);
+// Writes blobs, one after the other, to standard output or a file (see Output).
+// Hashes may come from standard input ("-"). Blobs that cannot be read are
+// named; the others go on, unless there is only one.
+ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes, const std::string& output);
 
 // Prints all hashes in ascending order, with sizes when `longForm`.
 ExitStatus List(const StoreOptions& at, bool longForm);
 
-// Deletes blobs in one transaction. Hashes that the store does not have are
-// named; the others go.
+// Deletes blobs in one transaction. Hashes may come from standard input ("-").
+// Blobs that the store does not have are named; the others go.
 ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes);
 
+// Prints how full the store is, and a line for each of its files.
+ExitStatus Stat(const StoreOptions& at);
+
+// Reads every blob.
 ExitStatus Check(const StoreOptions& at);
 
-// `force`: even when loading found damage, so that what can be read goes on as
-// a sound store and what cannot be read is given up.
+// `force`: even when loading found damage. What can be read goes on as a sound
+// store; the rest is given up.
 ExitStatus Repack(const StoreOptions& at, bool force);
 
 }  // namespace tool

@@ -1,11 +1,15 @@
 #include "tools/Console.h"
 
 #include <fmt/format.h>
+#include <langinfo.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <clocale>
 #include <cstdio>
+#include <cwchar>
+#include <cwctype>
 #include <utility>
 
 namespace tool {
@@ -14,6 +18,8 @@ namespace {
 constexpr auto kShowInterval = std::chrono::milliseconds(100);
 
 bool lineShown = false;  // the cursor stands on a progress line
+int holdCount = 0;
+std::string heldLines;
 
 void ClearLine() {
   if (std::exchange(lineShown, false)) fmt::print(stderr, "\r\x1b[K");
@@ -21,13 +27,51 @@ void ClearLine() {
 
 }  // namespace
 
+void InitConsole() {
+  std::setlocale(LC_CTYPE, "");
+  // No terminal, and no locale worth the name, as under cron: names are mostly UTF-8.
+  if (::isatty(STDERR_FILENO) == 0 && std::string_view(::nl_langinfo(CODESET)) != "UTF-8")
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
 void Say(std::string_view text) {
+  const std::string line = fmt::format("blobring: {}\n", Printable(text));
+  if (holdCount != 0) {
+    heldLines += line;
+    return;
+  }
   ClearLine();
-  std::string line = fmt::format("blobring: {}", text);
-  std::replace_if(
-      line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, '?');
-  line += '\n';
   std::fwrite(line.data(), 1, line.size(), stderr);
+}
+
+HeldMessages::HeldMessages() {
+  ++holdCount;
+}
+
+HeldMessages::~HeldMessages() {
+  if (--holdCount != 0 || heldLines.empty()) return;
+  ClearLine();
+  std::fwrite(heldLines.data(), 1, heldLines.size(), stderr);
+  heldLines.clear();
+}
+
+std::string Printable(std::string_view text, bool keepLines) {
+  std::string shown;
+  std::mbstate_t state{};
+  while (!text.empty()) {
+    wchar_t character = 0;
+    size_t size = std::mbrtowc(&character, text.data(), text.size(), &state);
+    const bool valid = size != 0 && size <= text.size();
+    if (!valid) {
+      state = {};
+      size = 1;
+    }
+    const bool keep =
+        valid && (std::iswprint(static_cast<std::wint_t>(character)) != 0 || (keepLines && character == L'\n'));
+    shown += keep ? text.substr(0, size) : "?";
+    text.remove_prefix(size);
+  }
+  return shown;
 }
 
 std::string Count(uint64_t count, std::string_view noun) {
@@ -54,23 +98,22 @@ double Progress::Elapsed() const {
   return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-void Progress::Advance(uint64_t bytes) {
-  ++items_;
-  bytes_ += bytes;
+void Progress::Show(uint64_t items, uint64_t bytes) {
+  items_ = items;
+  bytes_ = bytes;
   static const bool isTerminal = ::isatty(STDERR_FILENO) == 1;
   const Clock::time_point now = Clock::now();
   if (!isTerminal || now - lastShown_ < kShowInterval) return;
   lastShown_ = now;
-  Show();
-}
-
-void Progress::Show() const {
-  const auto rate = static_cast<uint64_t>(static_cast<double>(bytes_) / std::max(Elapsed(), 0.001));
   std::string line = fmt::format("{} {}", verb_, items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
-  line += ", " + HumanSize(bytes_);
-  if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
-  fmt::print(stderr, "\r\x1b[K{}, {}/s", line, HumanSize(rate));
+  if (bytes_ != 0) {
+    const auto rate = static_cast<uint64_t>(static_cast<double>(bytes_) / std::max(Elapsed(), 0.001));
+    line += ", " + HumanSize(bytes_);
+    if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
+    line += fmt::format(", {}/s", HumanSize(rate));
+  }
+  fmt::print(stderr, "\r\x1b[K{}", line);
   std::fflush(stderr);
   lineShown = true;
 }

@@ -1,4 +1,4 @@
-// Standard error: messages, and a progress line where a person is watching.
+// Standard error: messages, and a progress line when it is a terminal.
 #pragma once
 
 #include <chrono>
@@ -8,18 +8,34 @@
 
 namespace tool {
 
-// Writes "blobring: text" on a line of its own. Bytes below space are shown
-// as '?', so that a file's name cannot drive the terminal.
+// Takes the user's locale, which Printable() goes by. Once, at the start.
+void InitConsole();
+
+// Writes "blobring: text" as one printable line. While a HeldMessages lives,
+// the line waits for its end.
 void Say(std::string_view text);
+
+// Delays all messages. One lives as long as a store is open: a reader of
+// standard error may be waiting for that store.
+class HeldMessages {
+ public:
+  HeldMessages();
+  ~HeldMessages();
+  HeldMessages(const HeldMessages&) = delete;
+  HeldMessages& operator=(const HeldMessages&) = delete;
+};
+
+// Replaces by '?' what the locale cannot print: control characters, those of
+// 0x80 to 0x9F included, and invalid sequences. Newlines stay if `keepLines`.
+std::string Printable(std::string_view text, bool keepLines = false);
 
 // "3 files", "1 file".
 std::string Count(uint64_t count, std::string_view noun);
 
-// "1.5 MiB"; below 1 KiB exact.
+// "1.5 MiB"; exact below 1 KiB.
 std::string HumanSize(uint64_t bytes);
 
-// One line that is rewritten at most ten times a second, and only when
-// standard error is a terminal. Say() takes it away for the time of a message.
+// One line, rewritten at most ten times a second, only on a terminal.
 class Progress {
  public:
   // Totals of 0 are not shown.
@@ -29,14 +45,16 @@ class Progress {
   Progress& operator=(const Progress&) = delete;
 
   // One more item is done.
-  void Advance(uint64_t bytes);
+  void Advance(uint64_t bytes) { Show(items_ + 1, bytes_ + bytes); }
+
+  // So many items are done.
+  void Show(uint64_t items, uint64_t bytes);
 
   // Seconds since the start.
   double Elapsed() const;
 
  private:
   using Clock = std::chrono::steady_clock;
-  void Show() const;
 
   std::string verb_;
   uint64_t totalItems_;

@@ -1,5 +1,6 @@
-// How a command ends: its exit status, and the two kinds of failure. Both
-// texts are for the user, without the program's name and without a newline.
+// How a command ends: its exit status, and the two kinds of failure. Both texts
+// are for the user, without the program's name and without a newline. What the
+// store itself reports is a blobring::Error, see Open.h.
 #pragma once
 
 #include <stdexcept>
@@ -13,7 +14,7 @@ class Fault : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// What was asked for makes no sense or is refused: exit status 2.
+// The request makes no sense or is refused: exit status 2.
 class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };

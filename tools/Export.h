@@ -4,7 +4,7 @@
 #include <string>
 
 #include "tools/Error.h"
-#include "tools/Store.h"
+#include "tools/Open.h"
 
 namespace tool {
 

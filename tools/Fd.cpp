@@ -2,17 +2,31 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "tools/Console.h"
 #include "tools/Error.h"
 
 namespace tool {
 
 Fd::~Fd() {
   if (fd_ >= 0) ::close(fd_);
+}
+
+std::optional<FileId> IdOf(int fd) {
+  struct stat status = {};
+  if (::fstat(fd, &status) != 0) return std::nullopt;
+  return FileId{status.st_dev, status.st_ino};
+}
+
+std::optional<FileId> IdOf(const std::string& path) {
+  struct stat status = {};
+  if (::stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileId{status.st_dev, status.st_ino};
 }
 
 void ThrowErrno(const std::string& action) {
@@ -35,8 +49,10 @@ void WriteAll(int fd, Bytes data, const std::string& name) {
   }
 }
 
-void Print(std::string_view text) {
-  WriteAll(STDOUT_FILENO, AsBytes(text), "to standard output");
+void Print(std::string_view lines) {
+  static const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
+  const std::string shown = isTerminal ? Printable(lines, true) : std::string();
+  WriteAll(STDOUT_FILENO, AsBytes(isTerminal ? shown : lines), "to standard output");
 }
 
 Bytes AsBytes(std::string_view text) {

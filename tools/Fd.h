@@ -1,7 +1,10 @@
-// File descriptors that close themselves, and whole writes.
+// File descriptors that close themselves, whole writes, and which file is which.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -32,18 +35,24 @@ class Fd {
   int fd_ = -1;
 };
 
+// The same for all names of a file.
+using FileId = std::pair<dev_t, ino_t>;
+std::optional<FileId> IdOf(int fd);
+std::optional<FileId> IdOf(const std::string& path);  // follows symbolic links
+
 // Throws Fault("cannot <action>: <text of errno>").
 [[noreturn]] void ThrowErrno(const std::string& action);
 
-// Opens a directory; throws Fault.
+// Opens a directory. Throws Fault.
 Fd OpenDirectory(const std::string& path);
 
-// Writes all of data, however many calls that takes. Throws Fault, in which
-// `name` stands for the file.
+// Writes all of data, however many calls that takes. Messages call the file
+// `name`. Throws Fault.
 void WriteAll(int fd, Bytes data, const std::string& name);
 
-// WriteAll to standard output.
-void Print(std::string_view text);
+// Writes lines to standard output, printable ones if that is a terminal.
+// Throws Fault.
+void Print(std::string_view lines);
 
 Bytes AsBytes(std::string_view text);
 

@@ -2,15 +2,13 @@
 
 #include <fmt/format.h>
 
-#include <memory>
-#include <vector>
+#include <set>
 
 #include "tools/BatchWriter.h"
 #include "tools/Console.h"
 #include "tools/Manifest.h"
 #include "tools/SourceTree.h"
 #include "tools/StagedFile.h"
-#include "tools/Store.h"
 
 namespace tool {
 namespace {
@@ -24,40 +22,20 @@ struct Totals {
   uint64_t changedCount = 0;
 };
 
-// Where manifest lines go: a file that appears when all is done, or standard
-// output as the commits come.
-class ManifestOutput {
- public:
-  explicit ManifestOutput(const std::string& path) : split_(path) {
-    if (path.empty()) return;
-    directory_ = OpenDirectory(split_.directory);
-    file_ = std::make_unique<StagedFile>(directory_.get(), split_.name, path);
-  }
-  void Write(std::string_view lines) {
-    if (file_)
-      file_->Write(AsBytes(lines));
-    else
-      Print(lines);
-  }
-  void Finish() {
-    if (!file_) return;
-    file_->Sync();
-    file_->Publish(StagedFile::Existing::kReplace);
-  }
-
- private:
-  SplitPath split_;
-  Fd directory_;
-  std::unique_ptr<StagedFile> file_;
-};
-
-std::vector<std::string> FilesOf(const Layout& layout) {
-  std::vector<std::string> paths = {Layout::ConfPath(layout.store())};
+// What must not be imported: the store's files, the manifest, standard output.
+std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, const Output& out) {
+  std::set<FileId> ids;
+  const auto add = [&ids](const std::optional<FileId>& id) {
+    if (id) ids.insert(*id);
+  };
+  add(out.stagedId());
+  if (!manifest.empty()) add(IdOf(manifest));
+  add(IdOf(Layout::ConfPath(layout.store())));
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
-    paths.push_back(layout.PackPath(slot));
-    paths.push_back(layout.JournalPath(slot));
+    add(IdOf(layout.PackPath(slot)));
+    add(IdOf(layout.JournalPath(slot)));
   }
-  return paths;
+  return ids;
 }
 
 // Stores one file and counts it. Nothing in a file can throw here, only the store.
@@ -91,32 +69,40 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
   Say(fmt::format("{} stored, {}; {} had contents that the store holds already, which saved {}",
                   Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
                   Count(totals.fileCount - totals.newCount, "file"), HumanSize(totals.byteCount - totals.newBytes)));
-  const uint64_t leftOut = tree.symbolicLinkCount + tree.specialFileCount + tree.storeFileCount;
+  const uint64_t leftOut = tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount;
   if (leftOut != 0)
-    Say(fmt::format("left out: {}, {}, {} of the store itself", Count(tree.symbolicLinkCount, "symbolic link"),
-                    Count(tree.specialFileCount, "special file"), Count(tree.storeFileCount, "file")));
+    Say(fmt::format("left out: {}, {}, {} of the store or the manifest", Count(tree.symbolicLinkCount, "symbolic link"),
+                    Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file")));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
-    Say(fmt::format("{} could not be read and {} not in the manifest", Count(failed, "entry"),
-                    failed == 1 ? "is" : "are"));
+    Say(fmt::format("{} could not be stored and {} not in the manifest",
+                    failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are"));
 }
 
 }  // namespace
 
 ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
-  Store store(at);
-  ManifestOutput manifest(options.manifest);
-  const SourceTree tree = SourceTree::List(options.directory, FilesOf(at.layout), options.verbose);
+  const Layout layout = LayoutOf(at, Access::kChange);
+  Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
+  const SourceTree tree = SourceTree::List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
+  std::string lines;
   Totals totals;
-  Buffer buffer;
   Progress progress("importing", tree.files.size(), tree.byteCount);
-  BatchWriter writer(store, [&](std::string_view lines) { manifest.Write(lines); });
-  for (const SourceTree::File& file : tree.files) {
-    ImportFile(tree, file, buffer, writer, totals);
-    progress.Advance(file.size);
+  try {
+    OpenStore open(at, Access::kChange);
+    Buffer buffer;
+    BatchWriter writer(open.store, lines);
+    for (const SourceTree::File& file : tree.files) {
+      ImportFile(tree, file, buffer, writer, totals);
+      progress.Advance(file.size);
+    }
+    writer.Commit();
+  } catch (...) {
+    if (!out.isFile()) out.Write(AsBytes(lines));
+    throw;
   }
-  writer.Commit();
-  manifest.Finish();
+  out.Write(AsBytes(lines));
+  out.Finish();
   SayTotals(tree, totals, progress.Elapsed());
   return totals.failureCount + totals.changedCount + tree.unreadableCount == 0 ? kSuccess : kFault;
 }

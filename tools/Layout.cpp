@@ -55,6 +55,8 @@ bool Layout::Exists(const std::string& store) {
 Layout Layout::Read(const std::string& store) {
   if (!Exists(store))
     throw Fault(fmt::format("{} is not a store: it has no {}; `blobring init {}` makes one", store, kConfName, store));
+  if (!std::filesystem::is_regular_file(std::filesystem::symlink_status(ConfPath(store))))
+    throw Fault(fmt::format("{} is not a regular file", ConfPath(store)));
   std::ifstream file(ConfPath(store));
   Layout layout(store);
   std::string line;
@@ -70,6 +72,13 @@ Layout Layout::Read(const std::string& store) {
   if (file.bad() || !file.eof()) throw Fault(fmt::format("cannot read {}", ConfPath(store)));
   if (layout.packDirs_.empty()) throw Fault(fmt::format("{} names no slot", ConfPath(store)));
   return layout;
+}
+
+size_t Layout::CountJournals(const std::string& store) {
+  size_t count = 0;
+  for (size_t slot = 0; slot < kMaxSlots; ++slot)
+    if (std::filesystem::exists(fmt::format("{}/{}.jrn", store, slot))) count = slot + 1;
+  return count;
 }
 
 void Layout::ReadLine(const std::string& line, size_t number) {
@@ -90,7 +99,7 @@ void Layout::Write() const {
   StagedFile file(directory.get(), kConfName, ConfPath(store_));
   file.Write(AsBytes(text));
   file.Sync();
-  file.Publish(StagedFile::Existing::kReplace);
+  file.Publish(Existing::kReplace);
 }
 
 std::string Layout::PackDir(size_t slot) const {

@@ -23,6 +23,9 @@ class Layout {
   static Layout Read(const std::string& store);
   static bool Exists(const std::string& store);
 
+  // One more than the highest k for which there is a k.jrn.
+  static size_t CountJournals(const std::string& store);
+
   // Writes the file so that it survives a power cut. Throws Fault.
   void Write() const;
 

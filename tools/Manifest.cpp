@@ -10,6 +10,8 @@
 namespace tool {
 namespace {
 
+constexpr size_t kHashTextSize = 2 * blobring::Hash::kSize;
+
 struct Escape {
   char raw, letter;
 };
@@ -49,7 +51,7 @@ std::optional<ManifestEntry> ParseLine(std::string_view line) {
   const bool isEscaped = line.starts_with('\\');
   if (isEscaped) line.remove_prefix(1);
   if (line.size() < kHashTextSize + 3) return std::nullopt;
-  const std::optional<Hash> hash = Hash::Parse(line.substr(0, kHashTextSize));
+  const std::optional<blobring::Hash> hash = blobring::Hash::parse(line.substr(0, kHashTextSize));
   const char mark = line[kHashTextSize + 1];
   if (!hash || line[kHashTextSize] != ' ' || (mark != ' ' && mark != '*')) return std::nullopt;
   const std::string_view text = line.substr(kHashTextSize + 2);
@@ -63,7 +65,7 @@ std::optional<ManifestEntry> ParseLine(std::string_view line) {
 
 std::string ManifestLine(const ManifestEntry& entry) {
   const std::string name = Escaped(entry.name);
-  return fmt::format("{}{}  {}\n", name == entry.name ? "" : "\\", entry.hash.Text(), name);
+  return fmt::format("{}{}  {}\n", name == entry.name ? "" : "\\", entry.hash.text(), name);
 }
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {

@@ -6,12 +6,12 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/Hash.h"
+#include "blobring/Store.h"
 
 namespace tool {
 
 struct ManifestEntry {
-  Hash hash;
+  blobring::Hash hash;
   std::string name;  // bytes, of no particular encoding
 };
 
@@ -19,10 +19,10 @@ struct ManifestEntry {
 // these are written \\, \n and \r, and the line begins with a backslash.
 std::string ManifestLine(const ManifestEntry& entry);
 
-// Reads a manifest, "-" for standard input. Takes what md5sum --check takes:
-// either of the two marks before a name, lines that end in CR LF, comments
-// that begin with '#'. Throws Fault when the file cannot be read, UsageError
-// with the line's number for any other line that is not of that form.
+// Reads a manifest, "-" for standard input. Accepts what md5sum --check does:
+// either mark before a name, lines that end in CR LF, comments that begin with
+// '#'. Throws Fault when the file cannot be read, UsageError with the line's
+// number for a line of any other form.
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
 }  // namespace tool

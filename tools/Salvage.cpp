@@ -10,9 +10,9 @@
 #include "tools/Commands.h"
 #include "tools/Console.h"
 #include "tools/Fd.h"
+#include "tools/Open.h"
 #include "tools/SalvageReport.h"
 #include "tools/SalvageSet.h"
-#include "tools/Store.h"
 
 namespace tool {
 namespace {
@@ -33,8 +33,8 @@ struct Recovered {
 // Copies blobs into the new store, each once.
 class Recovery {
  public:
-  Recovery(Store& store, const SalvageSet& set, bool liveOnly)
-      : store_(store), set_(set), liveOnly_(liveOnly && set.live()), writer_(store, [](std::string_view) {}) {}
+  Recovery(blobring::Store& store, const SalvageSet& set, bool liveOnly)
+      : store_(store), set_(set), liveOnly_(liveOnly && set.live()), writer_(store, lines_) {}
 
   Recovered Run() {
     for (const SalvagedFile& file : set_.files())
@@ -62,12 +62,12 @@ class Recovery {
   // The file may have changed since it was scanned, so the hash is taken anew.
   void Copy(SalvageFile& file, const SalvagedRecord& record) {
     unsigned char* data = buffer_.Reserve(std::max<size_t>(record.blobSize, 1));
-    if (record.end() > file.size() || file.Digest(record.dataOffset(), record.blobSize).bytes != record.hash.bytes)
+    if (record.end() > file.size() || file.Digest(record.dataOffset(), record.blobSize) != record.hash)
       return NoteGone(file, record);
     file.Read(record.dataOffset(), data, record.blobSize);
-    MakeRoom(kStoreRecordOverhead + kTransactionOverhead + record.blobSize);
-    const Hash stored = writer_.Add({data, record.blobSize}, record.hash.Text()).hash;
-    if (stored.bytes != record.hash.bytes) return NoteGone(file, record);
+    MakeRoom(format::kStoreHeadSize + format::kStartSize + format::kEndSize + record.blobSize);
+    const Hash stored = writer_.Add({data, record.blobSize}, record.hash.text()).hash;
+    if (stored != record.hash) return NoteGone(file, record);
     done_.insert(stored);
     ++result_.blobCount;
     result_.byteCount += record.blobSize;
@@ -76,21 +76,22 @@ class Recovery {
 
   void NoteGone(const SalvageFile& file, const SalvagedRecord& record) {
     ++result_.goneCount;
-    Say(fmt::format("{} changed: blob {} is no longer at {:#x}", file.path(), record.hash.Text(), record.offset));
+    Say(fmt::format("{} changed: blob {} is no longer at {:#x}", file.path(), record.hash.text(), record.offset));
   }
 
   void MakeRoom(uint64_t bytes) {
     if (journalBytes_ + bytes > kMaxJournalBytes) {
       writer_.Commit();
-      store_.Repack(Store::Force::kNo);
+      store_.repack();
       journalBytes_ = 0;
     }
     journalBytes_ += bytes;
   }
 
-  Store& store_;
+  blobring::Store& store_;
   const SalvageSet& set_;
   bool liveOnly_;
+  std::string lines_;
   BatchWriter writer_;
   Buffer buffer_;
   std::set<Hash> done_;
@@ -108,17 +109,17 @@ void RequireEmpty(const std::string& store) {
 void PrintLive(const SalvageSet& set, bool liveOnly) {
   if (set.live())
     Print(fmt::format("newest generation: {}, sequence {}, {} found\n", set.newestPack()->path,
-                      set.newestPack()->scan->header.sequence, Count(set.live()->size(), "live blob")));
+                      set.newestPack()->scan->header.header.sequence, Count(set.live()->size(), "live blob")));
   else
     Print(fmt::format("which blobs are live cannot be told{}\n", liveOnly ? "; all are taken" : ""));
 }
 
 Recovered MakeStore(const SalvageSet& set, const SalvageOptions& options) {
   try {
-    Init({options.store, 0, {}, OnDamage::kKeep});
-    Store store(StoreOptions{Layout::Read(options.store)});
-    return Recovery(store, set, options.liveOnly).Run();
-  } catch (const Fault& fault) {
+    Init({options.store, 0, {}, false});
+    OpenStore open({options.store, 0, {}, false}, Access::kChange);
+    return Recovery(open.store, set, options.liveOnly).Run();
+  } catch (const std::runtime_error& fault) {
     throw Fault(
         fmt::format("salvage did not come to its end: {}; {} has what was committed by then, remove it before "
                     "the next attempt",
@@ -140,7 +141,7 @@ ExitStatus Salvage(const SalvageOptions& options) {
   if (recovered.passedOver != 0) text += fmt::format("; {} left behind", recovered.passedOver);
   Print(text + "\n");
   sound = sound && recovered.goneCount == 0;
-  const ExitStatus checked = Check(StoreOptions{Layout::Read(options.store)});
+  const ExitStatus checked = Check({options.store, 0, {}, false});
   Print(sound ? "no damage was found\n" : "something is damaged or beyond recovery, see above\n");
   return sound ? checked : kFault;
 }

@@ -99,7 +99,7 @@ Hash SalvageFile::Digest(uint64_t offset, uint64_t size) {
   }
   md5.finalize();
   Hash hash;
-  md5.raw_digest(hash.bytes.data());
+  md5.raw_digest(hash.data());
   return hash;
 }
 

@@ -5,10 +5,12 @@
 #include <string>
 #include <vector>
 
+#include "blobring/Store.h"
 #include "tools/Fd.h"
-#include "tools/Hash.h"
 
 namespace tool {
+
+using blobring::Hash;
 
 // Reads by pread(2) through one window: a mapping would end the process when
 // somebody cuts the file. What cannot be read, or is no longer there, reads as

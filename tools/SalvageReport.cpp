@@ -29,8 +29,8 @@ std::string HeaderText(const SalvageScan& scan) {
     case SlotFile::State::kSound:
       break;
   }
-  return fmt::format("sound, sequence {}, {}, {} bytes in use", scan.header.sequence, Count(scan.headerCount, "record"),
-                     scan.header.endOffset);
+  return fmt::format("sound, sequence {}, {}, {} bytes in use", scan.header.header.sequence,
+                     Count(scan.headerCount, "record"), scan.header.header.endOffset);
 }
 
 uint64_t CountOf(const SalvageScan& scan, Kind kind) {
@@ -51,7 +51,7 @@ std::string RangeText(const SalvageFile::Range& range, const char* what, uint64_
 }
 
 std::string RecordText(const SalvagedRecord& record) {
-  return fmt::format("  {:#x}: blob {}, {}, {}{}\n", record.offset, record.hash.Text(), Count(record.blobSize, "byte"),
+  return fmt::format("  {:#x}: blob {}, {}, {}{}\n", record.offset, record.hash.text(), Count(record.blobSize, "byte"),
                      record.kind == Kind::kCut ? "runs past the end of the file" : "does not match its hash",
                      record.committed ? "" : " (left over, not in use)");
 }

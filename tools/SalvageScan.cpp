@@ -13,7 +13,7 @@ namespace {
 using Kind = SalvagedRecord::Kind;
 
 constexpr uint64_t kOpHeaderSize = 16;
-constexpr uint64_t kStoreHeadSize = kStoreRecordOverhead;
+constexpr uint64_t kStoreHeadSize = format::kStoreHeadSize;
 constexpr uint64_t kDeleteSize = 32;
 constexpr uint64_t kStartSize = 40;
 constexpr uint64_t kEndSize = kOpHeaderSize;
@@ -40,7 +40,7 @@ bool LooksLikeDigest(const unsigned char* bytes) {
 
 Hash HashAt(const unsigned char* bytes) {
   Hash hash;
-  std::copy_n(bytes, hash.bytes.size(), hash.bytes.begin());
+  std::copy_n(bytes, Hash::kSize, hash.data());
   return hash;
 }
 
@@ -122,7 +122,7 @@ bool Scanner::Matches(uint64_t at, uint64_t size, const unsigned char* digest) {
     scan_.budgetSpent = true;
     return false;
   }
-  if (file_.Digest(at, size).bytes == HashAt(digest).bytes) return true;
+  if (file_.Digest(at, size) == HashAt(digest)) return true;
   spent += size;
   return false;
 }
@@ -249,7 +249,7 @@ uint64_t Scanner::NextProbe(uint64_t at, uint64_t stop) {
 }
 
 void Scanner::ListUnaccounted() {
-  uint64_t at = std::min(file_.size(), kFileHeaderSize);
+  uint64_t at = std::min<uint64_t>(file_.size(), format::kFileHeaderSize);
   for (const SalvagedRecord& record : scan_.records) {
     if (record.offset > at) scan_.unaccounted.push_back({at, record.offset});
     at = std::max(at, record.end());
@@ -259,7 +259,7 @@ void Scanner::ListUnaccounted() {
 
 void Scanner::Run() {
   const uint64_t size = file_.size();
-  uint64_t at = std::min(size, kFileHeaderSize);
+  uint64_t at = std::min<uint64_t>(size, format::kFileHeaderSize);
   floor_ = at;
   bool follow = true;
   while (at < size) {
@@ -283,11 +283,11 @@ void Scanner::Run() {
 
 SalvageScan Scan(SalvageFile& file) {
   SalvageScan scan;
-  std::array<unsigned char, kFileHeaderSize> header = {};
+  std::array<unsigned char, format::kFileHeaderSize> header = {};
   const auto headerSize = static_cast<size_t>(std::min<uint64_t>(file.size(), header.size()));
   file.Read(0, header.data(), headerSize);
   scan.header = DescribeHeader(file.path(), file.size(), Bytes(header).first(headerSize));
-  scan.committedEnd = scan.sound() ? std::min(scan.header.endOffset, file.size()) : file.size();
+  scan.committedEnd = scan.sound() ? std::min<uint64_t>(scan.header.header.endOffset, file.size()) : file.size();
   scan.headerCount = Word(header.data() + 4);
   Scanner(file, scan).Run();
   scan.unreadable = file.unreadable();

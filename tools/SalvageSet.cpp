@@ -99,7 +99,7 @@ void SalvageSet::AddDirectory(const std::string& directory) {
 
 // Of a pack that was kept aside, the journal that was kept with it.
 const SalvagedFile* SalvageSet::JournalOf(const SalvagedFile& pack) const {
-  const auto slot = static_cast<uint32_t>(pack.scan->header.sequence) % std::max<size_t>(slotCount_, 1);
+  const auto slot = static_cast<uint32_t>(pack.scan->header.header.sequence) % std::max<size_t>(slotCount_, 1);
   for (const SalvagedFile& file : files_)
     if (!file.name.isPack && file.name.slot == slot && file.name.kept == pack.name.kept && file.scan) return &file;
   return nullptr;
@@ -108,9 +108,9 @@ const SalvagedFile* SalvageSet::JournalOf(const SalvagedFile& pack) const {
 void SalvageSet::FindLive() {
   for (const SalvagedFile& file : files_) {
     if (!file.name.isPack || file.name.isNew || !file.scan || !file.scan->sound()) continue;
-    const int32_t sequence = file.scan->header.sequence;
-    if (sequence < 0 || (newest_ != nullptr && sequence < newest_->scan->header.sequence)) continue;
-    const bool isNewer = newest_ == nullptr || sequence > newest_->scan->header.sequence;
+    const int32_t sequence = file.scan->header.header.sequence;
+    if (sequence < 0 || (newest_ != nullptr && sequence < newest_->scan->header.header.sequence)) continue;
+    const bool isNewer = newest_ == nullptr || sequence > newest_->scan->header.header.sequence;
     if (isNewer || (!newest_->name.kept.empty() && file.name.kept.empty())) newest_ = &file;
   }
   const SalvagedFile* journal = newest_ == nullptr ? nullptr : JournalOf(*newest_);

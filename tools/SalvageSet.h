@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/Hash.h"
+#include "blobring/Store.h"
 #include "tools/SalvageScan.h"
 
 namespace tool {
+
+using blobring::Hash;
 
 // A pack or journal by its name: N.pak, N.jrn, either with .kept-M; N.pak.new.
 struct SalvageName {

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <set>
 #include <utility>
 
 #include "tools/Console.h"
@@ -18,16 +17,10 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-using FileId = std::pair<dev_t, ino_t>;
-
 class Lister {
  public:
-  Lister(SourceTree& tree, const std::vector<std::string>& exclude, bool verbose) : tree_(tree), verbose_(verbose) {
-    for (const std::string& path : exclude) {
-      struct stat status = {};
-      if (::stat(path.c_str(), &status) == 0) excluded_.emplace(status.st_dev, status.st_ino);
-    }
-  }
+  Lister(SourceTree& tree, const std::set<FileId>& exclude, bool verbose)
+      : tree_(tree), exclude_(exclude), verbose_(verbose) {}
 
   // Lists one directory, `name` below the root ("" for the root); the
   // directories in it are left in `waiting`, the first to be taken on top.
@@ -51,8 +44,8 @@ class Lister {
     if (S_ISDIR(status.st_mode)) return waiting.push_back(name);
     if (S_ISLNK(status.st_mode)) return LeaveOut(name, "a symbolic link", tree_.symbolicLinkCount);
     if (!S_ISREG(status.st_mode)) return LeaveOut(name, "not a regular file", tree_.specialFileCount);
-    if (excluded_.contains({status.st_dev, status.st_ino}))
-      return LeaveOut(name, "a file of the store", tree_.storeFileCount);
+    if (exclude_.contains({status.st_dev, status.st_ino}))
+      return LeaveOut(name, "the store's or the manifest", tree_.excludedCount);
     tree_.files.push_back({name, static_cast<uint64_t>(status.st_size)});
     tree_.byteCount += static_cast<uint64_t>(status.st_size);
   }
@@ -68,13 +61,13 @@ class Lister {
   }
 
   SourceTree& tree_;
+  const std::set<FileId>& exclude_;
   bool verbose_;
-  std::set<FileId> excluded_;
 };
 
 }  // namespace
 
-SourceTree SourceTree::List(const std::string& directory, const std::vector<std::string>& exclude, bool verbose) {
+SourceTree SourceTree::List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
   SourceTree tree;
   tree.root = directory;
   Lister lister(tree, exclude, verbose);

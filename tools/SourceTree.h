@@ -2,8 +2,11 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
+
+#include "tools/Fd.h"
 
 namespace tool {
 
@@ -16,16 +19,15 @@ struct SourceTree {
   std::string root;
   std::vector<File> files;  // in the order of their names' bytes, directory by directory
   uint64_t byteCount = 0;
-  uint64_t symbolicLinkCount = 0;  // left out, as are
-  uint64_t specialFileCount = 0;   // sockets, pipes and devices, and
-  uint64_t storeFileCount = 0;     // files given in `exclude`
-  uint64_t unreadableCount = 0;    // directories or files that could not be looked at; each was named
+  uint64_t symbolicLinkCount = 0;  // left out
+  uint64_t specialFileCount = 0;   // left out: sockets, pipes and devices
+  uint64_t excludedCount = 0;      // left out: files of `exclude`
+  uint64_t unreadableCount = 0;    // files and directories that lstat(2) or opendir(3) failed on; each was named
 
   // Lists the tree below `directory`, which may itself be a symbolic link.
-  // `exclude` names files by path; they are recognised under any name. Entries
-  // left out are named on standard error when `verbose`. Throws Fault when
-  // `directory` cannot be read.
-  static SourceTree List(const std::string& directory, const std::vector<std::string>& exclude, bool verbose);
+  // Entries left out are named on standard error if `verbose`. Throws Fault
+  // when `directory` cannot be read.
+  static SourceTree List(const std::string& directory, const std::set<FileId>& exclude, bool verbose);
 
   std::string PathOf(const File& file) const { return root + "/" + file.name; }
 };

@@ -1,26 +1,64 @@
 #include "tools/StagedFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <set>
 #include <utility>
 
 #include "tools/Error.h"
 
 namespace tool {
+namespace {
+
+constexpr std::string_view kTemporaryPrefix = ".blobring-";
+constexpr std::string_view kTemporarySuffix = ".tmp";
+
+// Removes the temporary files of killed processes, once for each directory.
+// Those of live ones are locked.
+void RemoveLeftovers(int directory) {
+  static std::set<FileId> done;
+  const std::optional<FileId> id = IdOf(directory);
+  if (!id || !done.insert(*id).second) return;
+  DIR* listing = ::fdopendir(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (listing == nullptr) return;
+  while (const dirent* entry = ::readdir(listing)) {
+    const std::string_view name = entry->d_name;
+    if (!name.starts_with(kTemporaryPrefix) || !name.ends_with(kTemporarySuffix)) continue;
+    const Fd file(::openat(directory, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(directory, entry->d_name, 0);
+  }
+  ::closedir(listing);
+}
+
+bool IsLinked(int fd) {
+  struct stat status = {};
+  return ::fstat(fd, &status) == 0 && status.st_nlink != 0;
+}
+
+}  // namespace
 
 StagedFile::StagedFile(int directory, std::string name, std::string shownName)
     : directory_(directory), name_(std::move(name)), shownName_(std::move(shownName)) {
+  RemoveLeftovers(directory_);
   static unsigned serial = 0;
+  // A file that was removed before it was locked was taken for a leftover.
   do {
-    temporaryName_ = fmt::format(".blobring-{}-{}.tmp", ::getpid(), serial++);
+    temporaryName_ = fmt::format("{}{}-{}{}", kTemporaryPrefix, ::getpid(), serial++, kTemporarySuffix);
     file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  } while (!file_.valid() && errno == EEXIST);
-  if (!file_.valid()) ThrowErrno("write " + shownName_);
+    if (!file_.valid() && errno != EEXIST) ThrowErrno("write " + shownName_);
+    if (file_.valid()) ::flock(file_.get(), LOCK_EX | LOCK_NB);
+  } while (!file_.valid() || !IsLinked(file_.get()));
+  struct stat replaced = {};
+  if (::fstatat(directory_, name_.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(replaced.st_mode))
+    ::fchmod(file_.get(), replaced.st_mode & 0777);
 }
 
 StagedFile::~StagedFile() {
@@ -36,8 +74,7 @@ int StagedFile::Rename(Existing existing) const {
   if (existing == Existing::kKeep) {
     if (::renameat2(directory_, temporaryName_.c_str(), directory_, name_.c_str(), RENAME_NOREPLACE) == 0) return 0;
     if (errno != EINVAL && errno != ENOSYS) return errno;
-    // A file system without that flag: look first, which leaves a moment
-    // between the look and the rename.
+    // A file system without that flag: a moment passes between look and rename.
     struct stat status = {};
     if (::fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
   }
@@ -52,10 +89,44 @@ void StagedFile::Publish(Existing existing) {
   if (synced_ && ::fsync(directory_) != 0) ThrowErrno("write " + shownName_);
 }
 
-SplitPath::SplitPath(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  name = slash == std::string::npos ? path : path.substr(slash + 1);
-  directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+Output::Output(const std::string& path, Existing existing) : path_(path), existing_(existing) {
+  isStandardOutput_ = path.empty() || path == "-";
+  if (isStandardOutput_) return;
+  struct stat status = {};
+  if (::lstat(path.c_str(), &status) == 0) {
+    const bool isLink = S_ISLNK(status.st_mode);
+    const bool isForeign = status.st_uid != 0 && status.st_uid != ::geteuid();
+    if (isLink && ::stat(path.c_str(), &status) != 0) ThrowErrno("follow the symbolic link " + path);
+    // /dev/stdout leads to whatever file that is.
+    isStandardOutput_ = isLink && IdOf(path) == IdOf(STDOUT_FILENO);
+    if (isStandardOutput_) return;
+    if (S_ISDIR(status.st_mode)) throw UsageError(path + " is a directory");
+    if (isLink && (isForeign || S_ISREG(status.st_mode)))
+      throw UsageError(path + " is a symbolic link; name the file itself");
+    if (!S_ISREG(status.st_mode)) return;
+    if (existing == Existing::kKeep) throw UsageError(path + " exists; --force replaces it");
+  }
+  const std::filesystem::path split(path);
+  fd_ = OpenDirectory(split.has_parent_path() ? split.parent_path().string() : ".");
+  file_ = std::make_unique<StagedFile>(fd_.get(), split.filename().string(), path);
+}
+
+void Output::Write(Bytes data) {
+  if (isStandardOutput_) return WriteAll(STDOUT_FILENO, data, "to standard output");
+  if (file_) return file_->Write(data);
+  if (!fd_.valid()) fd_ = Fd(::open(path_.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC));
+  if (!fd_.valid()) ThrowErrno("write " + path_);
+  WriteAll(fd_.get(), data, path_);
+}
+
+void Output::Finish() {
+  if (!file_) return;
+  file_->Sync();
+  file_->Publish(existing_);
+}
+
+std::optional<FileId> Output::stagedId() const {
+  return file_ ? IdOf(file_->fd()) : IdOf(STDOUT_FILENO);
 }
 
 }  // namespace tool

@@ -1,23 +1,23 @@
-// A file that gets its name only once it is whole.
+// Files that get their names only once they are whole.
 #pragma once
 
-#include <sys/types.h>
-
+#include <memory>
 #include <string>
 
 #include "tools/Fd.h"
 
 namespace tool {
 
-// Written under a temporary name beside the final one. Unless Publish() was
-// reached, the destructor takes the temporary file away; a process that is
-// killed leaves it behind, under a name that begins with ".blobring-".
+enum class Existing { kKeep, kReplace };
+
+// Written under a temporary name beside the final one, with the mode of the
+// file that it is to replace. Unless Publish() was reached, the destructor
+// removes the temporary file; what a killed process left behind is removed by
+// the next one that stages a file in the same directory.
 class StagedFile {
  public:
-  enum class Existing { kKeep, kReplace };
-
   // `directory` stays the caller's and must outlive this; `name` has no slash.
-  // `shownName` is what messages call the file. Throws Fault.
+  // Messages call the file `shownName`. Throws Fault.
   StagedFile(int directory, std::string name, std::string shownName);
   ~StagedFile();
   StagedFile(const StagedFile&) = delete;
@@ -28,12 +28,14 @@ class StagedFile {
   // Makes the contents survive a power cut; Publish() then does so for the name.
   void Sync();
 
-  // Renames. With kKeep a file that has the name already stays as it is.
-  // Throws Fault, also in that case.
+  // Renames. With kKeep, a file that has the name already stays as it is, and
+  // this throws Fault, as on any failure.
   void Publish(Existing existing);
 
+  int fd() const { return file_.get(); }
+
  private:
-  // The system's code, 0 when done.
+  // The system's error code, 0 on success.
   int Rename(Existing existing) const;
 
   int directory_;
@@ -45,11 +47,31 @@ class StagedFile {
   bool published_ = false;
 };
 
-// A path cut in two at its last slash; "." for no directory.
-struct SplitPath {
-  explicit SplitPath(const std::string& path);
-  std::string directory;
-  std::string name;
+// Where a command's result goes: standard output (an empty path, or "-"), a
+// pipe or device, or a file that appears, flushed, in Finish(). A symbolic link
+// is followed to a pipe or device only, and only if it is the user's or root's.
+class Output {
+ public:
+  // Creates the temporary file; opens no pipe or device. Throws UsageError when
+  // the path must not be written, Fault when it cannot be.
+  Output(const std::string& path, Existing existing);
+
+  // May block on a pipe or device: REQUIRES that no store is open, unless the
+  // output is a file. Throws Fault.
+  void Write(Bytes data);
+  void Finish();
+
+  // Of the file being written, and of the one that has its name.
+  std::optional<FileId> stagedId() const;
+
+  bool isFile() const { return file_ != nullptr; }
+
+ private:
+  std::string path_;
+  Existing existing_;
+  bool isStandardOutput_ = false;
+  Fd fd_;  // the directory of the file; the pipe or device once it is open
+  std::unique_ptr<StagedFile> file_;
 };
 
 }  // namespace tool

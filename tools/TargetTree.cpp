@@ -59,7 +59,7 @@ int TargetTree::OpenParent(const std::string& name) {
   return parentFd_.get();
 }
 
-void TargetTree::Write(const std::string& name, Bytes data, StagedFile::Existing existing) {
+void TargetTree::Write(const std::string& name, Bytes data, Existing existing) {
   std::vector<std::string> parts = Components(name);
   const std::string last = parts.back();
   parts.pop_back();

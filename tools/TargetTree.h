@@ -21,7 +21,7 @@ class TargetTree {
   // Writes a file whole or not at all, with the directories that its name
   // needs. No symbolic link below the root is followed on the way, so that
   // none can lead out of it. Throws Fault.
-  void Write(const std::string& name, Bytes data, StagedFile::Existing existing);
+  void Write(const std::string& name, Bytes data, Existing existing);
 
   // Makes everything written survive a power cut. Throws Fault.
   void Sync();

@@ -1,4 +1,4 @@
-# What the scenarios share. Source it with the tool's path as $1; leaves the
+# Shared by the scenarios. Source it with the tool's path as $1; leaves the
 # caller in an empty directory that goes away at the end.
 set -euo pipefail
 export LC_ALL=C
@@ -22,9 +22,15 @@ blobring() { "$tool" "$@"; }
 expect() {
   local wanted=$1 pattern=$2 status=0
   shift 2
-  "$tool" "$@" >expect.out 2>&1 </dev/null || status=$?
+  timeout 60 "$tool" "$@" >expect.out 2>&1 </dev/null || status=$?
   [ "$status" -eq "$wanted" ] || fail "blobring $*: status $status, wanted $wanted: $(cat expect.out)"
   grep -qaE -e "$pattern" expect.out || fail "blobring $*: wanted \"$pattern\", got: $(cat expect.out)"
+}
+
+# expect for each row STATUS PATTERN ARGUMENTS of standard input, which the shell expands.
+rows() {
+  local status pattern arguments
+  while read -r status pattern arguments; do eval "expect $status ${pattern@Q} $arguments"; done
 }
 
 same() { [ "$1" = "$2" ] || fail "wanted \"$2\", got \"$1\""; }

@@ -1,0 +1,75 @@
+// A store opened for one command.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "blobring/Store.h"
+#include "tools/Buffer.h"
+#include "tools/Console.h"
+#include "tools/Layout.h"
+
+namespace tool {
+
+// What a command line says about a store.
+struct StoreOptions {
+  std::string directory;
+  std::size_t slotCount = 0;          // 0: not said
+  std::vector<std::string> packDirs;  // of the slots in turn
+  bool eraseDamaged = false;
+};
+
+enum class Access {
+  kLook,           // changes no file; needs no blobring.conf
+  kChange,         // refused when the store is damaged, unless that is to be erased
+  kChangeDamaged,  // never refused for damage
+  kCreate,         // makes files that are missing
+};
+
+// The slots: as blobring.conf has them; without one, for kLook, as the options
+// and the files say. Throws Fault, or UsageError where the two disagree.
+Layout LayoutOf(const StoreOptions& options, Access access);
+
+// The store's files are this process's as long as it lives, so messages wait
+// until it is closed, and nothing else must be waited for or printed meanwhile.
+class OpenStore {
+  HeldMessages heldMessages_;  // outlives the store
+
+ public:
+  // Says what loading reports. Throws blobring::Error, Fault or UsageError.
+  OpenStore(const StoreOptions& options, Access access);
+
+  // A committed blob, checked against its hash. It lies in the buffer, behind
+  // the first `used` bytes. Throws Fault, also when there is none of that hash.
+  Bytes Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
+
+  Layout layout;
+  bool damaged = false;  // the newest generation is not whole
+  blobring::Store store;
+};
+
+// The size of a committed blob; nothing if there is none. Reads no file.
+std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash);
+
+// The library's messages while this lives, at most 1000; otherwise none is shown.
+class TraceLines {
+ public:
+  enum class Level { kErrors, kWarnings };
+  explicit TraceLines(Level least);
+  ~TraceLines();
+  TraceLines(const TraceLines&) = delete;
+  TraceLines& operator=(const TraceLines&) = delete;
+
+  std::vector<std::string> lines;
+  const Level least;
+};
+
+// Sends the library's trace to the tool, not to standard error. Once, at start.
+void TakeTrace();
+
+// The cause of a failure, then what the user can do about it.
+std::string Explain(const blobring::Error& error);
+
+}  // namespace tool
