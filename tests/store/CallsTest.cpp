@@ -167,21 +167,6 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
   }
 }
 
-TEST(Calls, IndicesCountUpAndArePrivateToTheirStores) {
-  FreshMachine();
-  const int first = BCInitialize(u"/s");
-  const int second = BCInitialize(u"/s");
-  EXPECT_EQ(second, first + 1);
-  EXPECT_EQ(BCDispose(first), 1);
-  EXPECT_EQ(BCDispose(first), 1);
-  EXPECT_EQ(BCInitialize(u"/s"), first + 2);
-  EXPECT_EQ(BCShutdown(second, false), 1);
-  EXPECT_EQ(BCGetAllBlobHashesReset(second), 0) << "still registered";
-  EXPECT_EQ(BCDispose(second), 1);
-  EXPECT_EQ(BCDispose(first + 2), 1);
-  EXPECT_EQ(cur, 0);
-}
-
 TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   FreshMachine();
   const OpenedStore store;

@@ -65,15 +65,6 @@ TEST(Fsck, ABlobThatCannotBeReadNeverPasses) {
   }
 }
 
-TEST(Fsck, SaysWhenItsMemoryIsRefused) {
-  FreshMachine();
-  const OpenedStore store;
-  ASSERT_TRUE(store.Commit(1, {"a"}));
-  sim::Memory().RefuseAlloc(1);
-  EXPECT_THROW(BCFsck(store.index), std::runtime_error);
-  EXPECT_EQ(BCFsck(store.index), 1) << "the next one runs";
-}
-
 TEST(Fsck, DumpsADamagedBlobToTheRawDeviceAtHighTraceLevels) {
   for (const std::uint32_t level : {59999U, 60000U}) {
     FreshMachine();

@@ -9,56 +9,6 @@ namespace {
 
 using sim::Diagnostics;
 
-TEST(Repack, GoesRoundTheSlotsAndKeepsTheGenerationBefore) {
-  for (const int slots : {1, 2, 3}) {
-    SCOPED_TRACE(slots);
-    FreshMachine();
-    {
-      const OpenedStore store(slots);
-      ASSERT_TRUE(store.Commit(1, {"a", "b"}));
-      for (int generation = 1; generation <= 4; ++generation) {
-        const std::string path = "/s/" + std::to_string(generation % slots);
-        const std::string before = "/s/" + std::to_string((generation + slots - 1) % slots);
-        const std::string pack = FileBytes(before + ".pak");
-        const std::string journal = FileBytes(before + ".jrn");
-        ASSERT_EQ(BCRepack(store.index), 1);
-        EXPECT_EQ(FileBytes(path + ".pak")[12], generation);
-        if (slots > 1) {
-          EXPECT_EQ(FileBytes(before + ".pak"), pack);
-          EXPECT_EQ(FileBytes(before + ".jrn"), journal);
-        }
-        EXPECT_EQ(BCFsck(store.index), 1);
-        ASSERT_TRUE(store.Commit(generation + 1, {"g" + std::to_string(generation)}));
-        ASSERT_TRUE(store.Start(9) && store.Delete("a") && store.End(9));
-      }
-    }
-    const OpenedStore again(slots);
-    EXPECT_EQ(again.All().size(), 5U);
-    EXPECT_FALSE(again.Get("a"));
-    EXPECT_TRUE(again.Has("b") && again.Has("g1") && again.Has("g4"));
-    EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
-  }
-}
-
-TEST(Repack, OfAnEmptiedStoreKeepsItEmptyAndUsable) {
-  for (const int slots : {1, 2, 3}) {
-    SCOPED_TRACE(slots);
-    FreshMachine();
-    {
-      const OpenedStore store(slots);
-      ASSERT_TRUE(store.Commit(1, {"gone"}));
-      ASSERT_EQ(BCRepack(store.index), 1);
-      ASSERT_TRUE(store.Start(2) && store.Delete("gone") && store.End(2));
-      ASSERT_EQ(BCRepack(store.index), 1);
-      ASSERT_TRUE(store.Commit(3, {"after"}));
-    }
-    const OpenedStore again(slots);
-    ASSERT_TRUE(again.loaded);
-    EXPECT_FALSE(again.Get("gone"));
-    EXPECT_TRUE(again.Has("after"));
-  }
-}
-
 TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   FreshMachine();
   const auto refused = [](int index, const char* reason) {
@@ -90,23 +40,6 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   EXPECT_TRUE(store.Has("a"));
   BCShutdown(store.index, true);
   EXPECT_TRUE(refused(store.index, "the store is not loaded"));
-}
-
-// The pack of the highest sequence stands in a slot that its sequence does not
-// name. The next generation must not be written over it.
-TEST(Repack, NeverEmptiesTheGenerationThatItReads) {
-  FreshMachine();
-  SetFile("/s/1.pak", JournalBytes(1, 4).Transaction(0, {StoreRecord(1, "packed")}).Bytes());
-  SetFile("/s/0.jrn", JournalBytes().Transaction(2, {StoreRecord(2, "journalled")}).Bytes());
-  {
-    const OpenedStore store(2);
-    ASSERT_TRUE(store.Has("packed") && store.Has("journalled"));
-    ASSERT_EQ(BCRepack(store.index), 1);
-    EXPECT_TRUE(store.Has("packed") && store.Has("journalled"));
-    ASSERT_TRUE(store.Commit(3, {"after"}));
-  }
-  const OpenedStore again(2);
-  EXPECT_EQ(again.All().size(), 3U);
 }
 
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
