@@ -4,146 +4,264 @@
 
 #include <filesystem>
 #include <optional>
+#include <regex>
 #include <set>
+#include <unordered_set>
 
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
 #include "tools/Console.h"
-#include "tools/Fd.h"
 #include "tools/Open.h"
-#include "tools/SalvageReport.h"
-#include "tools/SalvageSet.h"
+#include "tools/SalvageScan.h"
 
 namespace tool {
 namespace {
 
+namespace stdfs = std::filesystem;
 using Kind = SalvagedRecord::Kind;
+using Header = SalvageScan::Header;
+using HashSet = std::unordered_set<blobring::Hash>;
 
-// A journal ends below 2 GiB; what is in it moves to a pack before that.
-constexpr uint64_t kMaxJournalBytes = uint64_t{2} * 1024 * 1024 * 1024 - uint64_t{1024} * 1024;
+// What is in a journal moves to a pack before this. The last MiB is left to the store.
+constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 1024;
 
-struct Recovered {
-  uint64_t blobCount = 0;
-  uint64_t byteCount = 0;
-  uint64_t liveCount = 0;
-  uint64_t passedOver = 0;  // not live, with liveOnly
-  uint64_t goneCount = 0;   // read once, and not the second time
+struct SalvagedFile {
+  std::string path;
+  uint64_t slot = 0;
+  bool isPack = false;
+  std::string suffix;  // ".kept-M", ".new" or nothing
+  SalvageScan scan;
+  std::string failure;  // why the file cannot be opened, or nothing
+
+  bool isSound() const { return scan.state == Header::kSound; }
+  int32_t sequence() const { return scan.header.sequence; }
 };
 
-// Copies blobs into the new store, each once.
-class Recovery {
- public:
-  Recovery(blobring::Store& store, const SalvageSet& set, bool liveOnly)
-      : store_(store), set_(set), liveOnly_(liveOnly && set.live()), writer_(store, lines_) {}
+struct SalvagedFiles {
+  std::vector<SalvagedFile> files;
+  std::vector<std::string> missing;  // named by the layout file
+  const SalvagedFile* newestPack = nullptr;
+  std::optional<HashSet> live;  // of the newest generation; nothing if that cannot be told
+};
 
-  Recovered Run() {
-    for (const SalvagedFile& file : set_.files())
-      if (file.scan) CopyFrom(file);
-    writer_.Commit();
-    return result_;
+void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& files) {
+  static const std::regex kForm(R"((0|[1-9][0-9]{0,8})\.(pak|jrn)(\.kept-[0-9]+|\.new)?)");
+  std::error_code code;
+  std::set<std::string> names;
+  for (const auto& entry : stdfs::directory_iterator(directory, code)) names.insert(entry.path().filename());
+  if (code) throw Fault(fmt::format("cannot read the directory {}: {}", directory, code.message()));
+  for (const std::string& name : names) {
+    std::smatch match;
+    if (!std::regex_match(name, match, kForm)) continue;
+    SalvagedFile& file = files.emplace_back();
+    file.path = fmt::format("{}/{}", directory, name);
+    file.slot = std::stoul(match[1].str());
+    file.isPack = match[2] == "pak";
+    file.suffix = match[3].str();
+    try {
+      SalvageFile bytes(file.path);
+      file.scan = Scan(bytes);
+    } catch (const Fault& fault) {
+      file.failure = fault.what();
+    }
   }
+}
 
- private:
-  bool IsLive(const Hash& hash) const { return set_.live() && set_.live()->count(hash) != 0; }
+// The newest generation is the pack of the highest sequence with the journal of the slot
+// that the sequence selects. A damaged sequence must not make live blobs look deleted, so
+// the pack's name and the journals have to agree with it. Only what the headers count is
+// applied, and only deletions of complete transactions: a blob in doubt is live.
+void FindLive(uint64_t slotCount, SalvagedFiles& found) {
+  const SalvagedFile* pack = nullptr;
+  for (const SalvagedFile& file : found.files) {
+    if (!file.isPack || file.suffix == ".new" || !file.isSound() || file.sequence() < 0) continue;
+    const bool isNewer = pack == nullptr || file.sequence() > pack->sequence();
+    if (isNewer || (file.sequence() == pack->sequence() && file.suffix < pack->suffix)) pack = &file;
+  }
+  if (pack == nullptr) return;
+  const uint64_t slot = static_cast<uint64_t>(pack->sequence()) % slotCount;
+  const SalvagedFile* journal = nullptr;
+  bool agrees = pack->slot == slot || pack->sequence() == 0 || !pack->suffix.empty();
+  for (const SalvagedFile& file : found.files) {
+    if (file.isPack || file.suffix != pack->suffix || !file.failure.empty()) continue;
+    if (file.slot == slot) journal = &file;
+    const bool isOfPack = file.sequence() == pack->sequence() || file.sequence() == format::kSequenceReset;
+    if (file.isSound() && !isOfPack) agrees = agrees && file.slot != slot && file.sequence() < pack->sequence();
+  }
+  if (journal == nullptr || !agrees) return;
+  found.newestPack = pack;
+  found.live.emplace();
+  for (const SalvageScan* scan : {&pack->scan, &journal->scan}) {
+    for (const SalvagedRecord& record : scan->records) {
+      if (!scan->IsCommitted(record) && !scan->CountDiffers()) continue;
+      if (record.kind == Kind::kBlob) found.live->insert(record.hash);
+      if (record.kind == Kind::kDelete) found.live->erase(record.hash);
+    }
+  }
+}
 
-  void CopyFrom(const SalvagedFile& from) {
-    std::optional<SalvageFile> file;
-    for (const SalvagedRecord& record : from.scan->records) {
-      if (record.kind != Kind::kBlob || done_.count(record.hash) != 0) continue;
-      if (liveOnly_ && !IsLive(record.hash)) {
-        if (passedOver_.insert(record.hash).second) ++result_.passedOver;
+bool LiesIn(const std::string& path, const std::string& directory) {
+  const stdfs::path relative = stdfs::weakly_canonical(path).lexically_relative(stdfs::weakly_canonical(directory));
+  return !relative.empty() && *relative.begin() != "..";
+}
+
+SalvagedFiles ScanAll(const SalvageOptions& options) {
+  SalvagedFiles found;
+  std::vector<std::string> directories = {options.directory};
+  directories.insert(directories.end(), options.packDirs.begin(), options.packDirs.end());
+  uint64_t slotCount = 1;
+  try {
+    const std::optional<Layout> layout =
+        Layout::Exists(options.directory) ? std::optional(Layout::Read(options.directory)) : std::nullopt;
+    if (layout) slotCount = layout->slotCount();
+    for (size_t slot = 0; layout && slot < slotCount; ++slot) {
+      if (stdfs::exists(layout->PackDir(slot))) directories.push_back(layout->PackDir(slot));
+      for (const std::string& path : {layout->PackPath(slot), layout->JournalPath(slot)})
+        if (!stdfs::exists(path)) found.missing.push_back(path);
+    }
+  } catch (const Fault& fault) {
+    Say(fault.what());  // without it, the directories are those of the command line
+  }
+  std::set<std::string> seen;
+  for (const std::string& directory : directories)
+    if (LiesIn(options.store, directory) || LiesIn(directory, options.store))
+      throw UsageError(fmt::format("{} and {} must not contain each other", options.store, directory));
+  for (const std::string& directory : directories)
+    if (seen.insert(stdfs::weakly_canonical(directory)).second) ScanDirectory(directory, found.files);
+  if (found.files.empty()) throw Fault(fmt::format("{} holds no pack and no journal", options.directory));
+  for (const SalvagedFile& file : found.files)
+    if (file.suffix.empty()) slotCount = std::max(slotCount, file.slot + 1);
+  FindLive(slotCount, found);
+  return found;
+}
+
+// Prints a paragraph about a file. Returns whether it is sound.
+bool PrintFile(const SalvagedFile& file) {
+  const SalvageScan& scan = file.scan;
+  std::string text = fmt::format("{}: {}\n", file.path, Count(scan.fileSize, "byte"));
+  bool sound = scan.state != Header::kDamaged && file.failure.empty();
+  const auto note = [&](bool isCommitted, const std::string& line) {
+    text += fmt::format("  {}{}\n", line, isCommitted ? "" : " (leftover, not in use)");
+    sound = sound && !isCommitted;
+  };
+  if (!file.failure.empty()) {
+    text = fmt::format("{}\n  {}\n", file.path, file.failure);
+  } else if (file.isSound()) {
+    text += fmt::format("  header: sound, sequence {}, {}, {} bytes in use\n", file.sequence(),
+                        Count(scan.header.recordCount, "record"), scan.header.endOffset);
+  } else {
+    text += scan.state == Header::kNew ? "  header: new, no records\n" : "  header: damaged\n";
+  }
+  if (file.failure.empty())
+    text += fmt::format("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
+                        Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
+  if (scan.incompleteTransactions != 0) note(true, Count(scan.incompleteTransactions, "incomplete transaction"));
+  // Under the header of a journal that was set aside there is only a part of it.
+  if (scan.CountDiffers() && file.suffix.empty()) note(true, "the header counts other records than were found");
+  for (const auto& [begin, end] : scan.unreadable)
+    note(begin < scan.committedEnd,
+         fmt::format("{:#x}-{:#x}: {}, cannot be read from the disk", begin, end, Count(end - begin, "byte")));
+  for (const auto& [begin, end] : scan.noRecord)
+    note(begin < scan.committedEnd, fmt::format("{:#x}-{:#x}: {}, no record", begin, end, Count(end - begin, "byte")));
+  for (const SalvagedRecord& record : scan.records)
+    if (record.kind == Kind::kBroken)
+      note(scan.IsCommitted(record),
+           fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(), Count(record.blobSize, "byte"),
+                       record.end() > scan.fileSize ? "runs past the end of the file" : "does not match its hash"));
+  if (scan.stoppedProbing) note(true, "too much looks like a record: some places were not tried");
+  Print(text);
+  return sound;
+}
+
+// Copies every blob that was found into the store, each once. Returns the line of the
+// report; clears `complete` if one could not be read once more.
+std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store, bool& complete) {
+  std::string unused;
+  BatchWriter writer(store, unused);
+  Buffer buffer;
+  HashSet copied;
+  HashSet leftBehind;
+  uint64_t copiedBytes = 0;
+  uint64_t journalBytes = 0;
+  uint64_t liveCount = 0;
+  for (const SalvagedFile& from : found.files) {
+    if (!from.failure.empty()) continue;
+    SalvageFile file(from.path);
+    for (const SalvagedRecord& record : from.scan.records) {
+      if (record.kind != Kind::kBlob || copied.contains(record.hash)) continue;
+      const bool isLive = found.live && found.live->contains(record.hash);
+      if (liveOnly && found.live && !isLive) {
+        leftBehind.insert(record.hash);
         continue;
       }
-      if (!file) file.emplace(from.path);
-      Copy(*file, record);
+      const Bytes blob(buffer.Reserve(std::max<size_t>(record.blobSize, 1)), record.blobSize);
+      if (record.end() <= file.size()) file.Read(record.dataOffset(), buffer.data(), record.blobSize);
+      if (record.end() > file.size() || blobring::Hash::of(std::as_bytes(blob)) != record.hash) {
+        Say(fmt::format("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(), record.offset));
+        complete = false;
+        continue;
+      }
+      const uint64_t bytes = record.end() - record.offset + format::kStartSize + format::kEndSize;
+      if (journalBytes + bytes > kMaxJournalBytes) {
+        writer.Commit();
+        store.repack();
+        journalBytes = 0;
+      }
+      writer.Add(blob, record.hash.text());
+      copied.insert(record.hash);
+      copiedBytes += record.blobSize;
+      journalBytes += bytes;
+      if (isLive) ++liveCount;
     }
   }
-
-  // The file may have changed since it was scanned, so the hash is taken anew.
-  void Copy(SalvageFile& file, const SalvagedRecord& record) {
-    unsigned char* data = buffer_.Reserve(std::max<size_t>(record.blobSize, 1));
-    if (record.end() > file.size() || file.Digest(record.dataOffset(), record.blobSize) != record.hash)
-      return NoteGone(file, record);
-    file.Read(record.dataOffset(), data, record.blobSize);
-    MakeRoom(format::kStoreHeadSize + format::kStartSize + format::kEndSize + record.blobSize);
-    const Hash stored = writer_.Add({data, record.blobSize}, record.hash.text()).hash;
-    if (stored != record.hash) return NoteGone(file, record);
-    done_.insert(stored);
-    ++result_.blobCount;
-    result_.byteCount += record.blobSize;
-    if (IsLive(stored)) ++result_.liveCount;
-  }
-
-  void NoteGone(const SalvageFile& file, const SalvagedRecord& record) {
-    ++result_.goneCount;
-    Say(fmt::format("{} changed: blob {} is no longer at {:#x}", file.path(), record.hash.text(), record.offset));
-  }
-
-  void MakeRoom(uint64_t bytes) {
-    if (journalBytes_ + bytes > kMaxJournalBytes) {
-      writer_.Commit();
-      store_.repack();
-      journalBytes_ = 0;
-    }
-    journalBytes_ += bytes;
-  }
-
-  blobring::Store& store_;
-  const SalvageSet& set_;
-  bool liveOnly_;
-  std::string lines_;
-  BatchWriter writer_;
-  Buffer buffer_;
-  std::set<Hash> done_;
-  std::set<Hash> passedOver_;
-  uint64_t journalBytes_ = 0;
-  Recovered result_;
-};
-
-void RequireEmpty(const std::string& store) {
-  std::error_code code;
-  if (std::filesystem::exists(store, code) && !std::filesystem::is_empty(store, code))
-    throw UsageError(fmt::format("{} is there and not an empty directory; nothing was written", store));
+  writer.Commit();
+  std::string text = fmt::format("recovered: {}, {} bytes", Count(copied.size(), "blob"), copiedBytes);
+  if (found.live) text += fmt::format("; {} live, {} not live", liveCount, copied.size() - liveCount);
+  if (!leftBehind.empty()) text += fmt::format("; {} left behind", leftBehind.size());
+  return text + "\n";
 }
 
-void PrintLive(const SalvageSet& set, bool liveOnly) {
-  if (set.live())
-    Print(fmt::format("newest generation: {}, sequence {}, {} found\n", set.newestPack()->path,
-                      set.newestPack()->scan->header.header.sequence, Count(set.live()->size(), "live blob")));
-  else
-    Print(fmt::format("which blobs are live cannot be told{}\n", liveOnly ? "; all are taken" : ""));
-}
-
-Recovered MakeStore(const SalvageSet& set, const SalvageOptions& options) {
+// Returns whether all blobs are in the new store.
+bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
+  const StoreOptions at = {options.store, 0, {}, false};
+  std::string cause;
   try {
-    Init({options.store, 0, {}, false});
-    OpenStore open({options.store, 0, {}, false}, Access::kChange);
-    return Recovery(open.store, set, options.liveOnly).Run();
-  } catch (const std::runtime_error& fault) {
-    throw Fault(
-        fmt::format("salvage did not come to its end: {}; {} has what was committed by then, remove it before "
-                    "the next attempt",
-                    fault.what(), options.store));
+    Init(at);
+    bool complete = true;
+    std::string text;
+    {
+      OpenStore open(at, Access::kChange);
+      text = CopyBlobs(found, options.liveOnly, open.store, complete);
+    }
+    Print(text);
+    return Check(at) == kSuccess && complete;
+  } catch (const blobring::Error& error) {
+    cause = Explain(error);
+  } catch (const Fault& fault) {
+    cause = fault.what();
   }
+  throw Fault(fmt::format(
+      "salvage stopped early: {}; {} holds what was committed until then, remove it before the next attempt", cause,
+      options.store));
 }
 
 }  // namespace
 
 ExitStatus Salvage(const SalvageOptions& options) {
-  RequireEmpty(options.store);
-  const SalvageSet set(options.directory, options.packDirs);
-  bool sound = PrintSalvagedFiles(set);
-  PrintLive(set, options.liveOnly);
-  const Recovered recovered = MakeStore(set, options);
-  std::string text = fmt::format("recovered: {}, {} bytes", Count(recovered.blobCount, "blob"), recovered.byteCount);
-  if (set.live())
-    text += fmt::format("; {} live, {} only found", recovered.liveCount, recovered.blobCount - recovered.liveCount);
-  if (recovered.passedOver != 0) text += fmt::format("; {} left behind", recovered.passedOver);
-  Print(text + "\n");
-  sound = sound && recovered.goneCount == 0;
-  const ExitStatus checked = Check({options.store, 0, {}, false});
-  Print(sound ? "no damage was found\n" : "something is damaged or beyond recovery, see above\n");
-  return sound ? checked : kFault;
+  if (stdfs::exists(options.store) && !stdfs::is_empty(options.store))
+    throw UsageError(fmt::format("{} exists and is not an empty directory; nothing was written", options.store));
+  const SalvagedFiles found = ScanAll(options);
+  bool sound = found.missing.empty();
+  for (const SalvagedFile& file : found.files) sound = PrintFile(file) && sound;
+  for (const std::string& path : found.missing) Print(fmt::format("{}: missing\n", path));
+  if (found.live)
+    Print(fmt::format("newest generation: {}, sequence {}, {} found\n", found.newestPack->path,
+                      found.newestPack->sequence(), Count(found.live->size(), "live blob")));
+  else
+    Print(fmt::format("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : ""));
+  sound = MakeStore(found, options) && sound;
+  Print(sound ? "no damage was found\n" : "damage was found, see above\n");
+  return sound ? kSuccess : kFault;
 }
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// Blobs out of files that a store can no longer be opened on.
+// Copies blobs out of files on which a store can no longer be opened.
 #pragma once
 
 #include <string>
@@ -10,18 +10,17 @@ namespace tool {
 
 struct SalvageOptions {
   std::string directory;
-  std::vector<std::string> packDirs;  // beside those that the directory's blobring.conf names
-  std::string store;                  // the new one
+  std::vector<std::string> packDirs;  // beside those that the directory's layout file names
+  std::string store;                  // the new store
   bool liveOnly = false;
 };
 
-// Reads every pack and journal of the directories, those that were kept aside
-// included, without a lock and without changing them, and stores each blob whose
-// bytes still match its hash in a new store, which is checked at the end. The
-// report goes to standard output. kFault when something is damaged or beyond
-// recovery. Throws UsageError when the new store's directory is there and not
-// empty, Fault when the new store cannot take the blobs; what was committed by
-// then stays in it.
+// Reads the packs and journals of the directories, without locking or changing
+// them, and puts every blob that matches its hash into a new store, which is
+// then checked. Prints a report to standard output. Returns kFault if anything
+// is damaged or was not copied. Throws UsageError if the new store's directory
+// is not empty or lies in one of the others; Fault if nothing was found, or the
+// new store cannot take the blobs: what was committed by then stays in it.
 ExitStatus Salvage(const SalvageOptions& options);
 
 }  // namespace tool

@@ -1,7 +1,8 @@
-// A file that may be damaged, on a disk that may be failing, read and nothing else.
+// A possibly damaged file on a possibly failing disk, opened for reading only.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -10,50 +11,42 @@
 
 namespace tool {
 
-using blobring::Hash;
+// A set of offsets as disjoint ranges: begin, and one past the last.
+using Ranges = std::map<uint64_t, uint64_t>;
 
-// Reads by pread(2) through one window: a mapping would end the process when
-// somebody cuts the file. What cannot be read, or is no longer there, reads as
-// zeros and is noted. Offsets and sizes are bytes. Takes no lock.
+void Add(Ranges& ranges, uint64_t begin, uint64_t end);
+bool Contains(const Ranges& ranges, uint64_t at);
+// What is missing from [begin, end).
+Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end);
+
+// Reads with pread(2): a mapping would kill the process if the file was cut short
+// meanwhile. Blocks that cannot be read, or are gone, read as zeros and are noted.
+// REQUIRES: what is read lies within size().
 class SalvageFile {
  public:
-  struct Range {
-    uint64_t begin;
-    uint64_t end;
-  };
+  // Throws Fault if the file cannot be opened or is not a regular file.
+  explicit SalvageFile(const std::string& path);
 
-  // Throws Fault when the file cannot be opened or is no regular file. Its size
-  // is that of this moment; what is added later is not looked at.
-  explicit SalvageFile(std::string path);
-
-  const std::string& path() const { return path_; }
   uint64_t size() const { return size_; }
+  const Ranges& unreadable() const { return unreadable_; }
 
-  // Copies size bytes at offset, which lie within size().
-  void Read(uint64_t offset, unsigned char* to, uint64_t size);
+  void Read(uint64_t offset, unsigned char* to, size_t size);
 
-  // The bytes from offset on that the window holds, at least one; valid until
-  // the next call. offset must be below size().
-  Bytes From(uint64_t offset);
+  // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file
+  // ends before. They remain valid until the next call.
+  Bytes From(uint64_t offset, size_t wanted = 1);
 
   // The MD5 digest of a part of the file.
-  Hash Digest(uint64_t offset, uint64_t size);
-
-  // What could not be read, in the order of the first attempt.
-  const std::vector<Range>& unreadable() const { return unreadable_; }
+  blobring::Hash Digest(uint64_t offset, uint64_t size);
 
  private:
-  void Fill(uint64_t offset);
-  void FillWithGaps(size_t wanted);
-  void NoteUnreadable(uint64_t begin, uint64_t end);
+  void ReadFromDisk(uint64_t offset, unsigned char* to, size_t size);
 
-  std::string path_;
   Fd fd_;
   uint64_t size_ = 0;
-  std::vector<unsigned char> window_;
   uint64_t windowBegin_ = 0;
-  size_t windowSize_ = 0;
-  std::vector<Range> unreadable_;
+  std::vector<unsigned char> window_;
+  Ranges unreadable_;
 };
 
 }  // namespace tool

@@ -1,58 +1,60 @@
-// What one pack or journal still holds, wherever in it that lies.
+// What one pack or journal still holds, wherever in the file it lies.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
-#include <optional>
-#include <set>
-#include <string>
 #include <vector>
 
+#include "pack/Format.h"
 #include "tools/SalvageFile.h"
-#include "tools/SlotFiles.h"
 
 namespace tool {
 
 struct SalvagedRecord {
   enum class Kind {
-    kBlob,    // its data matches its hash
-    kBroken,  // it stands where a record must be, and its data does not match
-    kCut,     // the same, and the file ends before its data does
-    kDelete,
-    kStart,
-    kEnd,
+    kBlob,    // the data matches the hash
+    kBroken,  // stands where a record must be, but the data does not match the hash, or is cut off
+    kDelete,  // in a complete transaction
   };
 
-  uint64_t offset;  // of the record
-  uint64_t size;    // of the record, bytes; at kCut what is left of it
+  uint64_t offset;
   uint32_t blobSize;
-  Hash hash;  // of stores and deletes
   Kind kind;
-  bool whole = false;      // in a transaction whose digest matches, or the start of one
-  bool committed = false;  // before the end that the header gives
+  blobring::Hash hash;
 
-  uint64_t end() const { return offset + size; }
-  uint64_t dataOffset() const { return end() - blobSize; }  // of a kBlob
+  uint64_t dataOffset() const { return offset + format::kStoreHeadSize; }
+  uint64_t end() const { return kind == Kind::kDelete ? offset + format::kDeleteSize : dataOffset() + blobSize; }
 };
 
 struct SalvageScan {
-  SlotFile header;
-  uint64_t committedEnd = 0;            // endOffset of a sound header, otherwise the file's end
-  uint32_t headerCount = 0;             // records that the header counts
-  std::vector<SalvagedRecord> records;  // in the order of their offsets
-  std::vector<SalvageFile::Range> unaccounted;
-  std::vector<SalvageFile::Range> unreadable;
-  bool budgetSpent = false;  // not every place was tried
+  enum class Header { kNew, kSound, kDamaged };
 
-  bool sound() const { return header.state == SlotFile::State::kSound; }
+  uint64_t fileSize = 0;
+  format::FileHeader header;
+  Header state = Header::kNew;
+  uint64_t committedEnd = 0;            // by a sound header, otherwise fileSize
+  uint64_t recordCount = 0;             // of records that end before it
+  std::vector<SalvagedRecord> records;  // in the order of their offsets
+  uint64_t blobs = 0;
+  uint64_t deletions = 0;  // of incomplete transactions, too
+  uint64_t completeTransactions = 0;
+  uint64_t incompleteTransactions = 0;  // that begin before committedEnd
+  Ranges noRecord;
+  Ranges unreadable;
+  bool stoppedProbing = false;  // some places before committedEnd were not tried
+
+  bool CountDiffers() const { return state == Header::kSound && recordCount != header.recordCount; }
+  bool IsCommitted(const SalvagedRecord& record) const { return std::min(record.end(), fileSize) <= committedEnd; }
 };
 
-// Follows the records from the header on, and where they break off looks at
-// every offset for the next. A blob is believed for its hash alone.
+// Follows the records from the header on; where they break off, from the end of the
+// transaction and from the end that the header gives. Only then tries every offset in
+// the gaps between what has been verified, and follows what that finds. A blob is
+// believed for its hash alone, a transaction for its digest.
 //
-// Cost: each byte of a record that is accepted is digested twice at most, and
-// what is digested in vain is bounded by a multiple of the file's size, so that
-// no contents make the time grow with the square of the size. Memory grows with
-// the records found. Throws Fault when the file cannot be opened.
+// Following digests a byte once for its blob and once for its transaction. Probing
+// digests in vain at most a multiple of the gap's size, so no contents make the time
+// grow with the square of the size. Memory: some 50 bytes for each record found.
 SalvageScan Scan(SalvageFile& file);
 
 }  // namespace tool

@@ -2,197 +2,89 @@
 # there comes back, the rest is named, and the originals stay as they are.
 . "$(dirname "$0")/support.sh" "$@"
 
-# word FILE OFFSET VALUE: a little-endian word of 32 bits.
-word() {
+word() { # FILE OFFSET VALUE: a little-endian word of 32 bits
   printf '%b' "$(printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($3 & 255)) $(($3 >> 8 & 255)) $(($3 >> 16 & 255)) $(($3 >> 24 & 255)))" |
     dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
-zero() { dd if=/dev/zero of="$1" bs=1 seek="$2" count="$3" conv=notrunc status=none; }
+fill() { head -c "$4" "$1" | dd of="$2" bs=1 seek="$3" conv=notrunc status=none; } # SOURCE FILE OFFSET SIZE
+place() { LC_ALL=C grep -obaF -m1 "blob $2 " "$1" | head -1 | cut -d: -f1; }      # FILE BLOB: where its data begins
 
-# place FILE BLOB: the offset of the first byte of the blob's data.
-place() { LC_ALL=C grep -obaF -m1 -f <(head -c 24 "$2") "$1" | head -1 | cut -d: -f1; }
-
-# The store: blobs 0-9 in the pack, 0 deleted since, 10-19 in the journal by two
-# commits. Texts that grep can find, of 0 to 20 KB; one holds zeros enough to hide
-# records in, one is a journal itself.
+# Blobs 00-09 in the pack, 00 deleted since, 10-19 in the journal by two commits. They
+# begin with their names; one holds zeros enough to hide records in, one is a journal.
 mkdir blobs
-for ((i = 0; i < 20; ++i)); do
-  { printf 'blob %02d ---------------------------\n' $i; head -c $((i * 1000)) /dev/urandom | base64 -w 76; } >blobs/$i
+for i in {00..19}; do
+  { echo "blob $i is this"; head -c $((10#$i * 1000)) /dev/urandom | base64 -w 76; } >blobs/$i
 done
-{ cat blobs/3; head -c 30000 /dev/zero; echo end; } >blobs/7.zeros && mv blobs/7.zeros blobs/7
-sed -i '1s/.*/blob 07 ---------------------------/' blobs/7
+head -c 30000 /dev/zero >>blobs/07
 blobring init inner 2>/dev/null
 printf abc | blobring put inner >/dev/null
-{ echo "blob 15 ---------------------------"; cat inner/0.jrn; } >blobs/15
+cat inner/0.jrn >>blobs/15
 blobring init good 2>/dev/null
-for ((i = 0; i < 10; ++i)); do echo blobs/$i; done | xargs "$tool" put good >hashes
+blobring put good blobs/0? >hashes
 blobring repack good 2>/dev/null
-for ((i = 10; i < 20; ++i)); do echo blobs/$i; done | xargs -n 5 "$tool" put good >>hashes
+blobring put good blobs/1[0-4] >>hashes
+blobring put good blobs/1[5-9] >>hashes
 blobring rm good "$(head -1 hashes)" 2>/dev/null
-same "$(figure good sequence) $(wc -l <hashes)" "1 20"
 
-# salvage STATUS NAME [OPTION...]: from the store NAME to NAME.out, report in NAME.txt.
-salvage() {
-  local wanted=$1 name=$2 status=0
-  shift 2
-  find "$name" -type f -exec md5sum {} + | sort >before
-  "$tool" salvage "$name" "$name.out" "$@" >"$name.txt" 2>"$name.err" || status=$?
-  find "$name" -type f -exec md5sum {} + | sort | diff before - || fail "$name: a file was changed"
-  [ "$status" -eq "$wanted" ] || fail "$name: status $status, wanted $wanted: $(cat "$name.txt" "$name.err")"
-  expect 0 "every blob is sound" fsck "$name.out"
+# row LOST PATTERN COMMAND [OPTION...]: of the store after COMMAND all blobs but LOST are
+# recovered, the report matches PATTERN, and only a sound store gives status 0.
+row() {
+  local lost=" $1 " pattern=$2 command=$3 status=0 i
+  shift 3
+  rm -rf damaged out
+  cp -r good damaged
+  (cd damaged && eval "$command")
+  find damaged -type f -exec md5sum {} + >before
+  "$tool" salvage damaged out "$@" >report 2>error || status=$?
+  md5sum --quiet -c before || fail "$command: a file was changed"
+  for i in {0..19}; do [[ $lost == *" $i "* ]] || sed -n $((i + 1))p hashes; done | sort >wanted
+  blobring ls out | diff wanted - || fail "$command: $(cat report error)"
+  grep -q "every blob is sound" error
+  grep -qE -e "$pattern" report || fail "$command: wanted \"$pattern\": $(cat report)"
+  grep -qE "^no damage" report || same $status 1
+  grep -qE "^damage" report || same $status 0
 }
+row "" "; 19 live, 1 not live" true
+row 0 "; 1 left behind" true --live-only
+# A sequence that was damaged makes no generation the newest.
+row "" "cannot tell which blobs are live; all" "word 0.pak 12 4" --live-only
+rm good/0.pak good/0.jrn # which have the blobs of the pack once more
 
-# lacks NAME [BLOB...]: all that the store ever held came back, except these.
-lacks() {
-  local name=$1 i
-  shift
-  for ((i = 0; i < 20; ++i)); do
-    local hash
-    hash=$(sed -n $((i + 1))p hashes)
-    if [[ " $* " == *" $i "* ]]; then
-      expect 1 "has no blob" get "$name.out" "$hash"
-      grep -q "$hash.*\(does not match\|past the end\)" "$name.txt" || fail "$name: blob $i is not named: $(cat "$name.txt")"
-    else
-      blobring get "$name.out" "$hash" -o got || fail "$name: blob $i: $(cat "$name.txt")"
-      cmp got blobs/$i
-    fi
-  done
-}
+pak() { place ../good/1.pak $1; }
+jrn() { place ../good/1.jrn $1; }
+flip() { flip_byte $1 $(($2 + ${3:-0})); }
+row "" "header: damaged" "fill /dev/urandom 1.pak 0 24; fill /dev/zero 1.jrn 0 24"
+row "" "the header counts other records" "word 1.pak 4 0; word 1.pak 20 24; word 1.jrn 20 \$((\$(jrn 17) + 5))"
+row "4 14" "$(printf '%#x' $(($(place good/1.pak 04) - 36))): blob $(sed -n 5p hashes), $(stat -c %s blobs/04) bytes, does not match" \
+  'flip 1.pak $(pak 04) 100; flip 1.jrn $(jrn 14) 100'
+row 4 "1 incomplete transaction" 'flip 1.pak $(pak 04) -20' # hash, size, size, op
+row 4 "" 'flip 1.pak $(pak 04) -4'
+row 4 "" 'flip 1.pak $(pak 04) -3'
+row 4 "no record" 'flip 1.pak $(pak 04) -36'
+row 7 "" 'word 1.pak $(($(pak 07) - 4)) $(($(stat -c %s ../blobs/07) - 1))' # leads to a false record beside the next
+row "" "1 incomplete" 'flip 1.jrn 50'  # a digest
+row "" "56 bytes, no record" 'flip 1.jrn $(jrn 15) -92' # the end record before
+row 19 "$(sed -n 20p hashes), $(stat -c %s blobs/19) bytes, runs past the end" 'truncate -s $(($(jrn 19) + 50)) 1.jrn'
+row "9 13 14" "0x[0-9a-f]+-0x[0-9a-f]+: [0-9]+ bytes, no record" \
+  'fill /dev/zero 1.pak $(($(pak 09) + 512)) 512; fill /dev/zero 1.jrn $(($(jrn 14) - 100)) 512'
+row 5 "" 'at=$(($(pak 05) + 300)); { head -c $at ../good/1.pak; tail -c +$((at + 78)) ../good/1.pak; } >1.pak'
+row "0 1 2 3 4 5 6 7 8 9" "1.pak: missing" "rm 1.pak"
+row "" "^no damage" "rm blobring.conf; for f in *; do mv \$f \$f.kept-3; done"
+row "" "live" "rm blobring.conf; mkdir ../packs; mv 1.pak ../packs" --pack-dir packs
 
-# tells NAME PATTERN
-tells() { grep -qE -e "$2" "$1.txt" || fail "$1: wanted \"$2\": $(cat "$1.txt")"; }
-
-cp -r good sound
-salvage 0 sound
-lacks sound
-tells sound "19 live, 1 only found"
-tells sound "no damage was found"
-cp -r good live
-salvage 0 live --live-only
-expect 1 "has no blob" get live.out "$(head -1 hashes)"
-same "$(blobring ls live.out | wc -l)" 19
-
-# What follows is cruel: slot 0, which has the blobs of the pack once more, goes.
-rm good/0.pak good/0.jrn
-pack=good/1.pak
-journal=good/1.jrn
-
-# A header of noise; of zeros; one that counts nothing; one that ends too early.
-for kind in noise zeros empty early; do
-  cp -r good "header-$kind"
-  for file in 1.pak 1.jrn; do
-    case $kind in
-      noise) head -c 24 /dev/urandom | dd of="header-$kind/$file" conv=notrunc status=none ;;
-      zeros) zero "header-$kind/$file" 0 24 ;;
-      empty) word "header-$kind/$file" 4 0; word "header-$kind/$file" 20 24 ;;
-      early) word "header-$kind/$file" 20 $(($(stat -c %s "$pack") / 2)) ;;
-    esac
-  done
-  salvage 1 "header-$kind"
-  lacks "header-$kind"
-done
-tells header-noise "header: damaged"
-
-# One byte of a blob's data, of its hash, of a size, of an op, of a digest.
-cp -r good data
-flip_byte data/1.pak $(($(place $pack blobs/4) + 100))
-flip_byte data/1.jrn $(($(place $journal blobs/14) + 100)) # the last before an end record
-salvage 1 data
-lacks data 4 14
-grep "no record" data.txt && fail "what follows a damaged blob was not found"
-tells data "$(printf '%#x' $(($(place $pack blobs/4) - 36))): blob $(sed -n 5p hashes), $(stat -c %s blobs/4) bytes, does not match"
-tells data "1 transaction in use and not whole"
-for at in -20 -4 -3 -36; do # hash, size, size, op
-  cp -r good "head$at"
-  flip_byte "head$at/1.pak" $(($(place $pack blobs/4) + at))
-  "$tool" salvage "head$at" "head$at.out" >"head$at.txt" 2>/dev/null && fail "$at: no damage was seen"
-  for ((i = 0; i < 20; ++i)); do
-    [ $i -eq 4 ] || blobring get "head$at.out" "$(sed -n $((i + 1))p hashes)" | cmp - blobs/$i
-  done
-done
-cp -r good digest
-flip_byte digest/1.jrn 50
-salvage 1 digest
-lacks digest
-
-# The file ends in the middle of a blob. The last one is cut, or the one before as well.
-cp -r good cut
-last=$(sed -n 20p hashes)
-truncate -s $(($(place $journal blobs/19) + 50)) cut/1.jrn
-salvage 1 cut
-lacks cut 19
-tells cut "$last, $(stat -c %s blobs/19) bytes, runs past the end"
-
-# A sector of zeros, over two records and over a long one's inside.
-cp -r good sector
-zero sector/1.pak $(($(place $pack blobs/9) + 512)) 512
-zero sector/1.jrn $(($(place $journal blobs/14) - 100)) 512 # the end of 13, the head of 14
-salvage 1 sector
-for i in 9 13; do grep -q "$(sed -n $((i + 1))p hashes).*does not match" sector.txt || fail "$i: $(cat sector.txt)"; done
-for ((i = 0; i < 20; ++i)); do
-  case $i in 9 | 13 | 14) ;; *) blobring get sector.out "$(sed -n $((i + 1))p hashes)" | cmp - blobs/$i ;; esac
-done
-tells sector "0x[0-9a-f]+-0x[0-9a-f]+: [0-9]+ bytes, no record"
-
-# Bytes that went missing in the middle: nothing stands where its neighbours say.
-cp -r good shifted
-at=$(($(place $pack blobs/5) + 300))
-{ head -c $at $pack; tail -c +$((at + 78)) $pack; } >shifted/1.pak
-salvage 1 shifted
-for ((i = 0; i < 20; ++i)); do
-  [ $i -eq 5 ] || blobring get shifted.out "$(sed -n $((i + 1))p hashes)" | cmp - blobs/$i
-done
-
-# No pack at all: the journal's blobs. Files set aside are read as well.
-cp -r good nopack
-rm nopack/1.pak
-salvage 1 nopack
-tells nopack "1.pak: missing"
-same "$(blobring ls nopack.out)" "$(sed -n 11,20p hashes | sort)"
-mkdir kept
-cp good/1.pak kept/1.pak.kept-3
-tail -c +1 good/1.jrn >kept/1.jrn.kept-3
-salvage 0 kept
-lacks kept
-mkdir -p far/packs far/journals
-cp good/1.pak far/packs
-cp good/1.jrn far/journals
-expect 0 "20 blobs" salvage far/journals far.out --pack-dir far/packs
-
-# Contents made to look like records everywhere cost no more than their size allows.
+# Contents that look like records everywhere: a store of 2 MiB at every 36th byte, with a
+# hash that no data has, 137 GB to digest if every place was tried.
 mkdir hostile
-head -c 24 $journal >hostile/0.jrn
-# A store record of 2 MiB at every 36th byte: a hash that no data has, and a size that fits.
-printf '\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0abcdefghijklmnop\0\0\x20\0' >record
-cp record block
-for i in 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16; do cat block block >twice; mv twice block; done
-cat block block block >>hostile/0.jrn # 400 GB to digest, if every place were tried
-head -c 3000000 /dev/zero >>hostile/0.jrn
-status=0
-timeout 100 "$tool" salvage hostile hostile.out >report 2>&1 || status=$?
-same "$status" 1
-grep -q "not every place was tried" report || fail "$(cat report)"
+{ head -c 24 good/1.jrn; echo gap; printf '\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0abcdefghijklmnop\0\0\x20\0%.0s' {1..65536}; head -c 3000000 /dev/zero; } >hostile/0.jrn
+timeout 100 "$tool" salvage hostile hostile.out >report 2>&1 || same $? 1
+grep -q "some places were not tried" report || fail "$(cat report)"
 
-# No room for the new store: said, nothing of the old one is touched, and what
-# was committed is in the new one. With room it is all there.
-find good -type f -exec md5sum {} + | sort >before
-status=0
-(trap '' XFSZ; ulimit -f 100; blobring salvage good small.out >report 2>error) || status=$?
-same "$status" 1
-grep -q "cannot .* may not grow further" error || fail "$(cat error)"
-grep -q "salvage did not come to its end: .* small.out" error || fail "$(cat error)"
-find good -type f -exec md5sum {} + | sort | cmp - before
-expect 0 "every blob is sound" fsck small.out
-[ "$(blobring ls small.out | wc -l)" -lt 20 ] || fail "there was room for everything"
-blobring salvage good small.out2 >/dev/full 2>error && fail "a report that could not be written went unseen"
-grep -q "standard output: No space left" error || fail "$(cat error)"
-[ ! -e small.out2 ] || fail "a store was made without a report"
-cp -r good roomy
-salvage 1 roomy
-lacks roomy
-
-# Refusals.
-expect 2 "not an empty directory" salvage good sound.out
-expect 1 "no pack and no journal" salvage blobs x
-expect 1 "o such file" salvage nowhere x
-[ ! -e x ] || fail "a store was made for nothing"
+# Without room for the new store or the report: said, and what was committed is there.
+(trap '' XFSZ; ulimit -f 100; blobring salvage good small >report 2>error) && fail "there was room"
+grep -q "salvage stopped early: .* small" error || fail "$(cat error)"
+expect 0 "every blob is sound" fsck small
+blobring salvage good nowhere >/dev/full 2>error && fail "a report that could not be written went unseen"
+[ ! -e nowhere ] || fail "a store was made without a report"
+expect 2 "not an empty directory" salvage good small
+expect 2 "must not contain" salvage good good/out
+expect 1 "no pack and no journal" salvage blobs nowhere
