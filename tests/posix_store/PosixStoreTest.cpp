@@ -15,7 +15,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -145,46 +144,6 @@ TEST(PosixStore, ASecondProcessIsRefusedAndACrashedHolderLeavesNoLock) {
   EXPECT_FALSE(store.Has("open"));
   ::close(ready[0]);
   ::close(ready[1]);
-}
-
-// A child commits numbered blobs, telling of each once it is acknowledged,
-// until it is killed; then the parent looks for every one of them.
-TEST(PosixStore, AKilledProcessLosesNothingThatWasAcknowledged) {
-  const TemporaryDirectory temporary;
-  std::mt19937 random(20);
-  int acknowledged = 0;
-  for (int round = 0; round < 100; ++round) {
-    SCOPED_TRACE(round);
-    int told[2];
-    ASSERT_EQ(::pipe(told), 0);
-    const pid_t child = ::fork();
-    if (child == 0) {
-      ::close(told[0]);
-      const Store store(temporary.path);
-      for (int n = acknowledged; store.loaded; ++n) {
-        if (!store.Start(n) || !store.Put(std::to_string(n)) || !store.End(n)) break;
-        if (::write(told[1], &n, sizeof n) != sizeof n) break;
-        if (n % 7 == 6 && BCRepack(store.index) != 1) break;
-      }
-      ::_exit(1);
-    }
-    ::close(told[1]);
-    // Some commits on, and a random moment into the next one.
-    int n = 0;
-    for (unsigned long commits = random() % 12; commits > 0 && ::read(told[0], &n, sizeof n) == sizeof n; --commits)
-      acknowledged = n + 1;
-    ::usleep(static_cast<useconds_t>(random() % 2000));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
-    while (::read(told[0], &n, sizeof n) == sizeof n) acknowledged = n + 1;
-    ::close(told[0]);
-    const Store store(temporary.path);
-    ASSERT_TRUE(store.loaded);
-    for (int i = 0; i < acknowledged; ++i) ASSERT_TRUE(store.Has(std::to_string(i))) << i;
-    ASSERT_EQ(BCFsck(store.index), 1);
-    if (store.Has(std::to_string(acknowledged))) ++acknowledged;  // committed, not told
-  }
-  EXPECT_GT(acknowledged, 200);
 }
 
 // A file-size limit stands for a full disk: the write fails part way.

@@ -1,241 +1,150 @@
-// Random operations on a store in a real directory against a model, for as
-// many seconds as the first argument says; the second is the seed. Reopenings,
-// repacks, abandoned transactions, processes that are killed; every so often
-// the whole contents are compared.
-//
-// The work is done by child processes, which tell of every commit through a
-// pipe once it is acknowledged. The parent keeps the model.
+// soak [SECONDS [SEED]]: random operations on a store in a real directory.
+// Child processes work on it and are killed; after each, the parent compares
+// the contents with the last commit that was acknowledged, or with the one
+// under way.
 #include <blobring/blobring.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <new>
 #include <random>
-#include <set>
 #include <string>
-#include <vector>
+#include <thread>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-namespace fs = std::filesystem;
 
 constexpr unsigned kBlobs = 2000;
+using Contents = std::array<bool, kBlobs>;
 
-// Blob number n, always the same bytes: empty to some 300 KiB, mostly small.
-std::string Blob(unsigned n) {
-  std::mt19937 random(n);
-  const std::size_t size = n % 50 == 0 ? random() % 300000 : n % 7 == 0 ? random() % 20000 : random() % 300;
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) byte = static_cast<char>(random());
-  return bytes + std::to_string(n);
-}
-
-void HashOf(const std::string& data, unsigned char* hash) {
-  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()), hash);
-}
-
-// What a child tells of: a change that it is about to commit, and the commit.
-struct Message {
-  enum Kind : std::uint32_t { Store, Delete, Begin, Committed, Repacked, Failed } kind;
-  std::uint32_t blob;
+// What a child leaves in memory that outlives it.
+struct Shared {
+  Contents contents[2];
+  std::atomic<unsigned> acknowledged;  // which of the two; the other one is under way
+  std::atomic<bool> isCommitting;
+  std::atomic<unsigned long long> commits, changes, repacks;
 };
+Shared* shared;
 
 [[noreturn]] void Fail(const char* what, unsigned blob = 0) {
   std::fprintf(stderr, "soak: %s (blob %u)\n", what, blob);
-  std::exit(1);
+  std::_Exit(1);
 }
 
-class Store {
- public:
-  Store(const fs::path& directory, int slots) {
-    std::u16string wide;
-    for (const char c : directory.string()) wide.push_back(static_cast<unsigned char>(c));
-    index = BCInitialize(wide.c_str());
-    for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, wide.c_str());
+// Always the same bytes: empty to some 300 KiB, mostly small.
+struct Blob {
+  explicit Blob(unsigned n) {
+    std::mt19937 random(n);
+    data.resize(n % 50 == 0 ? random() % 300000 : n % 7 == 0 ? random() % 20000 : random() % 300);
+    for (char& byte : data) byte = static_cast<char>(random());
+    data += std::to_string(n);
+    BCMD5ChkSum(Bytes(), static_cast<unsigned>(Size()), hash);
+  }
+  unsigned char* Bytes() { return reinterpret_cast<unsigned char*>(data.data()); }
+  int Size() const { return static_cast<int>(data.size()); }
+  std::string data;
+  unsigned char hash[BLOBRING_HASH_SIZE];
+};
+
+struct Store {
+  Store(const std::u16string& directory, int slots) : index(BCInitialize(directory.c_str())) {
+    for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, directory.c_str());
     BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
     if (BCLoad(index) != 1) Fail("the load failed");
   }
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
   ~Store() { BCDispose(index); }
-  int index;
+  const int index;
 };
 
-// Works on the store until it is killed.
-class Worker {
- public:
-  Worker(const fs::path& directory, int slots, int toldTo, std::uint32_t seed)
-      : store(directory, slots), pipe(toldTo), random(seed) {}
-
-  [[noreturn]] void Run() {
-    for (;;) {
-      if (Transaction() && Draw() % 60 == 0) {
-        if (BCRepack(store.index) != 1) Tell(Message::Failed);
-        Tell(Message::Repacked);
-      }
-      if (Draw() % 200 == 0 && BCFsck(store.index) != 1) Tell(Message::Failed);
+[[noreturn]] void Work(const Store& store, std::mt19937 random) {
+  const auto draw = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
+  for (;;) {
+    shared->isCommitting = false;
+    const unsigned next = 1 - shared->acknowledged;
+    shared->contents[next] = shared->contents[1 - next];
+    const long long id = draw(100);
+    if (BCStartTransaction(store.index, &id) != 1) Fail("a transaction does not start");
+    for (unsigned changes = 1 + draw(draw(10) == 0 ? 200 : 8); changes > 0; --changes, ++shared->changes) {
+      const unsigned n = draw(kBlobs);
+      Blob blob(n);
+      const bool stores = draw(3) != 0;
+      if ((stores ? BCPut(store.index, blob.Bytes(), blob.Size(), blob.hash) : BCDelete(store.index, blob.hash)) != 1)
+        Fail("a change failed", n);
+      shared->contents[next][n] = stores;
     }
+    if (draw(10) == 0) continue;  // abandoned by the next
+    shared->isCommitting = true;
+    if (BCEndTransaction(store.index, &id) != 1) Fail("a commit failed");
+    shared->acknowledged = next;
+    ++shared->commits;
+    if (draw(60) == 0 && ++shared->repacks > 0 && BCRepack(store.index) != 1) Fail("a repack failed");
+    if (draw(200) == 0 && BCFsck(store.index) != 1) Fail("the check failed");
   }
-
- private:
-  void Tell(Message::Kind kind, std::uint32_t blob = 0) {
-    const Message message{kind, blob};
-    if (::write(pipe, &message, sizeof message) != sizeof message) ::_exit(0);
-  }
-
-  // Whether it was ended: a repack waits for no open one.
-  bool Transaction() {
-    const long long id = static_cast<long long>(Draw());
-    if (BCStartTransaction(store.index, &id) != 1) Tell(Message::Failed);
-    const unsigned changes = 1 + Draw() % (Draw() % 10 == 0 ? 200 : 8);
-    std::vector<Message> made;
-    for (unsigned i = 0; i < changes; ++i) {
-      const std::uint32_t n = Draw() % kBlobs;
-      const std::string blob = Blob(n);
-      unsigned char hash[BLOBRING_HASH_SIZE];
-      bool good = false;
-      if (Draw() % 3 == 0) {
-        HashOf(blob, hash);
-        good = BCDelete(store.index, hash) == 1;
-        made.push_back({Message::Delete, n});
-      } else {
-        good = BCPut(store.index, reinterpret_cast<const unsigned char*>(blob.data()), static_cast<int>(blob.size()),
-                     hash) == 1;
-        made.push_back({Message::Store, n});
-      }
-      if (!good) Tell(Message::Failed, n);
-    }
-    if (Draw() % 10 == 0) return false;  // abandoned by the next
-    Tell(Message::Begin);
-    for (const Message& change : made) Tell(change.kind, change.blob);
-    if (BCEndTransaction(store.index, &id) != 1) Tell(Message::Failed);
-    Tell(Message::Committed);
-    return true;
-  }
-
-  std::uint32_t Draw() { return static_cast<std::uint32_t>(random()); }
-
-  Store store;
-  int pipe;
-  std::mt19937 random;
-};
-
-struct Figures {
-  std::uint64_t kills = 0, commits = 0, changes = 0, repacks = 0, comparisons = 0, inFlightKept = 0;
-};
-
-using Model = std::set<std::uint32_t>;
-
-bool Holds(int index, std::uint32_t n) {
-  const std::string blob = Blob(n);
-  unsigned char hash[BLOBRING_HASH_SIZE];
-  HashOf(blob, hash);
-  const int size = BCGetSize(index, hash);
-  if (size < 0) return false;
-  std::string read(blob.size(), '\0');
-  if (size != static_cast<int>(blob.size()) ||
-      BCGet(index, hash, reinterpret_cast<unsigned char*>(read.data()), size) != 0 || read != blob)
-    Fail("a blob reads back wrong", n);
-  return true;
 }
 
-Model Contents(const fs::path& directory, int slots) {
-  const Store store(directory, slots);
+Contents Found(const Store& store) {
   if (BCFsck(store.index) != 1) Fail("the check failed");
-  Model found;
-  for (std::uint32_t n = 0; n < kBlobs; ++n)
-    if (Holds(store.index, n)) found.insert(n);
-  if (BCGetAllBlobHashesReset(store.index) != static_cast<int>(found.size()))
-    Fail("there are more blobs than there should be");
+  Contents found{};
+  int count = 0;
+  for (unsigned n = 0; n < kBlobs; ++n) {
+    Blob blob(n);
+    if (BCGetSize(store.index, blob.hash) < 0) continue;
+    std::string read(blob.data.size(), '\0');
+    if (BCGet(store.index, blob.hash, reinterpret_cast<unsigned char*>(read.data()), blob.Size()) != 0 ||
+        read != blob.data)
+      Fail("a blob reads back wrong", n);
+    found[n] = true;
+    ++count;
+  }
+  if (BCGetAllBlobHashesReset(store.index) != count) Fail("there are more blobs than there should be");
   return found;
-}
-
-// Lets a child work for a while, kills it and returns what may be there.
-void Round(const fs::path& directory, int slots, std::mt19937& random, Model& committed, Figures& figures) {
-  int ends[2];
-  if (::pipe(ends) != 0) Fail("no pipe");
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::close(ends[0]);
-    Worker(directory, slots, ends[1], static_cast<std::uint32_t>(random())).Run();
-  }
-  ::close(ends[1]);
-  Model inFlight = committed;
-  const auto until = Clock::now() + std::chrono::milliseconds(random() % 1500);
-  Message message{};
-  bool killed = false;
-  while (::read(ends[0], &message, sizeof message) == sizeof message) {
-    switch (message.kind) {
-      case Message::Begin:
-        inFlight = committed;
-        break;
-      case Message::Store:
-        inFlight.insert(message.blob);
-        ++figures.changes;
-        break;
-      case Message::Delete:
-        inFlight.erase(message.blob);
-        ++figures.changes;
-        break;
-      case Message::Committed:
-        committed = inFlight;
-        ++figures.commits;
-        break;
-      case Message::Repacked:
-        ++figures.repacks;
-        break;
-      case Message::Failed:
-        Fail("an operation failed", message.blob);
-    }
-    if (!killed && Clock::now() >= until) {
-      ::kill(child, SIGKILL);
-      killed = true;
-    }
-  }
-  ::kill(child, SIGKILL);
-  ::waitpid(child, nullptr, 0);
-  ::close(ends[0]);
-  ++figures.kills;
-
-  const Model found = Contents(directory, slots);
-  ++figures.comparisons;
-  if (found == committed) return;
-  if (found != inFlight) Fail("the contents are neither the last commit's nor the one's under way");
-  ++figures.inFlightKept;
-  committed = inFlight;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const long seconds = argc > 1 ? std::atol(argv[1]) : 5;
-  const std::uint32_t seed = argc > 2 ? static_cast<std::uint32_t>(std::atol(argv[2])) : std::random_device()();
-  std::printf("soak of %ld s, seed %u\n", seconds, seed);
-  std::fflush(stdout);
+  const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atol(argv[2])) : std::random_device()();
   std::mt19937 random(seed);
-  std::string pattern = (fs::temp_directory_path() / "blobring-soak-XXXXXX").string();
-  if (::mkdtemp(pattern.data()) == nullptr) Fail("no directory");
-  const fs::path directory = pattern;
   const int slots = 1 + static_cast<int>(random() % 3);
+  std::printf("soak of %ld s, seed %u, %d slots\n", seconds, seed, slots);
+  std::fflush(stdout);
+  std::string path = (std::filesystem::temp_directory_path() / "blobring-soak-XXXXXX").string();
+  if (::mkdtemp(path.data()) == nullptr) Fail("no directory");
+  const std::u16string directory(path.begin(), path.end());
+  void* memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  shared = new (memory) Shared();
 
-  Model committed;
-  Figures figures;
-  const auto end = Clock::now() + std::chrono::seconds(seconds);
-  while (Clock::now() < end) Round(directory, slots, random, committed, figures);
-  fs::remove_all(directory);
-  std::printf(
-      "%d slots: %llu processes killed, %llu commits of %llu changes, %llu repacks, %llu comparisons; "
-      "%llu commits were whole that had not been acknowledged\n",
-      slots, static_cast<unsigned long long>(figures.kills), static_cast<unsigned long long>(figures.commits),
-      static_cast<unsigned long long>(figures.changes), static_cast<unsigned long long>(figures.repacks),
-      static_cast<unsigned long long>(figures.comparisons), static_cast<unsigned long long>(figures.inFlightKept));
-  return 0;
+  unsigned killed = 0, keptUnacknowledged = 0;
+  for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end; ++killed) {
+    const std::mt19937 childsRandom(random());
+    const pid_t child = ::fork();
+    if (child == 0) Work(Store(directory, slots), childsRandom);
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 1500));
+    int status = 0;
+    if (::waitpid(child, &status, WNOHANG) != 0) return 1;  // it has said why
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    const Contents found = Found(Store(directory, slots));
+    const unsigned last = shared->acknowledged;
+    if (found == shared->contents[last]) continue;
+    if (!shared->isCommitting || found != shared->contents[1 - last])
+      Fail("the contents are neither the last commit's nor the next one's");
+    shared->acknowledged = 1 - last;
+    ++keptUnacknowledged;
+  }
+  std::filesystem::remove_all(path);
+  std::printf("%u processes killed, %llu commits of %llu changes, %llu repacks; %u unacknowledged commits were whole\n",
+              killed, shared->commits.load(), shared->changes.load(), shared->repacks.load(), keptUnacknowledged);
 }

@@ -95,7 +95,7 @@ TEST(Checksum, CoversTheRestOfAFileInPiecesOfAnySize) {
   const struct {
     unsigned from, limit;
     std::uint64_t reads;
-  } rows[] = {{0, 100, 10}, {0, 0, 2}, {600, 1 << 20, 1}, {1000, 7, 0}};
+  } rows[] = {{0, 100, 10}, {0, 1 << 20, 2}, {600, 0, 1}, {1000, 7, 0}};
   for (const auto& row : rows) {
     reader.seek(row.from);
     const std::uint64_t reads = sim::Files().calls(Call::ReadFile);
