@@ -11,8 +11,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "store/BlobController.h"
-
 namespace {
 
 constexpr int kBlobCount = 100'000;
@@ -51,8 +49,7 @@ void Commit(int index, long long id, int first, int last, std::size_t padding) {
 void Run(const char* directory) {
   std::filesystem::remove_all(directory);
   std::filesystem::create_directories(directory);
-  std::printf("a BlobController %zu bytes, a BlobFile %zu, an entry of the index %zu\n%-36s %10s %10s\n",
-              sizeof(BlobController), sizeof(BlobFile), sizeof(BlobIndex::Entry), "bytes", "store", "heap");
+  std::printf("%-36s %10s %10s\n", "bytes", "store", "heap");
   int index = BCOpen(directory, nullptr);
   const Figures empty = Print("an empty store of two slots");
   Commit(index, 1, 0, kBlobCount, 0);

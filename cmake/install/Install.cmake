@@ -25,10 +25,15 @@ install(CODE "
   file(INSTALL \"${data}/blobring.pc\" DESTINATION \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig\")
 " COMPONENT development)
 
-# Manual pages get the version, and every call leads to the page of the
-# library. Compressed without a name and a time, so that they are the same in
-# every build.
-set(DATE "2024-06-01")
+# The date of the release is that of the newest entry in the changelog.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/changelog)
+file(STRINGS packaging/changelog trailers REGEX "^ -- ")
+list(GET trailers 0 trailer)
+string(REGEX REPLACE ".*, 0?([0-9]+ [A-Z][a-z]+ [0-9]+) .*" "\\1" DATE "${trailer}")
+
+# Manual pages get the version and the date, and every call leads to the page of
+# the library. Compressed without a name and a time, so that every build makes
+# the same files.
 file(REMOVE_RECURSE ${data}/man1 ${data}/man3)
 find_program(GZIP_PROGRAM gzip REQUIRED)
 function(compress source target)
@@ -52,7 +57,6 @@ if(TARGET blobring_tool)
 endif()
 
 # What Debian wants of each package; the examples go with the headers.
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/changelog)
 compress(${PROJECT_SOURCE_DIR}/packaging/changelog ${data}/changelog.gz)
 function(install_documents component package)
   install(FILES packaging/copyright ${data}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}

@@ -11,10 +11,3 @@ if(NOT BLOBRING_SANITIZE AND NOT CMAKE_CROSSCOMPILING)
   target_compile_definitions(two_copies_test PRIVATE BLOBRING_LIBRARY="$<TARGET_FILE:blobring>")
   add_dependencies(two_copies_test blobring)
 endif()
-
-# Of x86-64 and g++, as scripts/check-abi builds it, where its tools are.
-find_program(ABIDIFF_PROGRAM abidiff)
-if(ABIDIFF_PROGRAM AND CMAKE_CXX_COMPILER_ID STREQUAL GNU AND NOT CMAKE_CROSSCOMPILING AND NOT BLOBRING_SANITIZE)
-  add_test(NAME abi COMMAND ${PROJECT_SOURCE_DIR}/scripts/check-abi)
-  set_tests_properties(abi PROPERTIES TIMEOUT 600)
-endif()
