@@ -57,7 +57,6 @@ class Scanner {
  private:
   Head HeadAt(uint64_t at) const;
   bool LooksLikeRecord(uint64_t at) const;
-  bool EndsAt(uint64_t at, int64_t transactionId) const;
   uint64_t Follow(uint64_t at, uint64_t limit);
   bool FollowStore(uint64_t at, const Head& head, uint64_t limit);
   void FollowStructure(uint64_t at, const Head& head, uint64_t limit);
@@ -117,19 +116,13 @@ bool Scanner::FollowStore(uint64_t at, const Head& head, uint64_t limit) {
   return goesOn;
 }
 
-// Whether the end record of a transaction lies here.
-bool Scanner::EndsAt(uint64_t at, int64_t transactionId) const {
-  const format::OpHeader op = HeadAt(at).op();
-  return op.op == format::kOpEndTransaction && op.transactionId == transactionId;
-}
-
 // Transactions do not nest; without that rule, false ones could make the time grow with
 // the square of their number.
 void Scanner::StartTransaction(uint64_t at, const Head& head, uint64_t limit) {
   const auto block = format::TransactionBlock::Decode(head.body());
   const uint64_t body = at + format::kStartSize;
   const uint64_t end = body + block.length;
-  if (at >= transaction_ && end + format::kEndSize <= limit && EndsAt(end, head.op().transactionId)) {
+  if (at >= transaction_ && end + format::kEndSize <= limit && HeadAt(end).op().op == format::kOpEndTransaction) {
     transaction_ = end;
     if (file_.Digest(body, block.length) == HashAt(block.digest)) {
       completeEnd_ = end + format::kEndSize;
