@@ -41,11 +41,8 @@ TEST(FileSize, CostsMemoryAndWorkInProportion) {
     std::string file;
   } rows[] = {
       {"stores", JournalBytes().Transaction(1, stores).Bytes()},
-      {"deletes", JournalBytes().Transaction(1, deletes).Bytes()},
       {"a transaction each", transactions.Bytes()},
-      {"outside transactions", JournalBytes().Raw(Joined(stores)).Counting(kRecords).Bytes()},
       {"count ends early", JournalBytes().Transaction(1, stores).Count(kRecords / 2).Bytes()},
-      {"count goes on", JournalBytes().Transaction(1, stores).Raw(Joined(deletes)).Count(0x7FFFFFFF).Bytes()},
       {"one within another", JournalBytes().Transaction(1, deletes).Raw(nested).Count(0x7FFFFFFF).Bytes()},
       {"no end", JournalBytes().Raw(test::StartRecord(1, Joined(stores))).Count(0x7FFFFFFF).Bytes()},
   };
