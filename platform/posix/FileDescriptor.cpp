@@ -4,37 +4,31 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include "platform/posix/LastError.h"
+#include "platform/posix/PathName.h"
 
 namespace platform {
 
 FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
   if (this != &other) {
     Close();
-    number_ = std::exchange(other.number_, kNone);
+    number_ = other.Release();
   }
   return *this;
 }
 
-int FileDescriptor::Close() {
-  const int number = std::exchange(number_, kNone);
-  // After EINTR the descriptor is gone as well (close(2), Linux), and its
-  // number may be another thread's by now: closing again would be wrong.
-  if (number == kNone || close(number) == 0 || errno == EINTR) return 0;
-  return errno;
+void FileDescriptor::Close() {
+  // Not repeated after EINTR: the number may be another thread's by then.
+  if (const int number = Release(); number != kNone) close(number);
 }
 
-FileDescriptor Open(const char* path, int flags, mode_t mode) {
-  int number = -1;
-  do {
-    number = open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, mode);
-  } while (number < 0 && errno == EINTR);
-  FileDescriptor file(number);
-  if (number < 0 || number > STDERR_FILENO) return file;
+FileDescriptor Open(const char* path, int flags) {
+  FileDescriptor file(Uninterrupted([=] { return open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600); }));
+  if (file.Number() < 0 || file.Number() > STDERR_FILENO) return file;
 
-  // The host closed a standard stream. Were the file to take its number, the
-  // next message to standard error would land in the file.
-  return FileDescriptor(fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  // The host closed a standard stream. If the file took its number, the next
+  // message to standard error would land in the file.
+  return FileDescriptor(fcntl(file.Number(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 bool LeadsTo(const char* path, const FileDescriptor& file) {
@@ -44,17 +38,24 @@ bool LeadsTo(const char* path, const FileDescriptor& file) {
          named.st_ino == open.st_ino;
 }
 
-int SyncDirectory(const FileDescriptor& directory) {
-  int result = 0;
-  do {
-    result = fsync(directory.Number());
-  } while (result != 0 && errno == EINTR);
-  return result == 0 || errno == EINVAL ? 0 : errno;
+int SyncData(const FileDescriptor& file) {
+  return Uninterrupted([&] { return fdatasync(file.Number()); }) == 0 ? 0 : errno;
 }
 
-int SyncDirectory(const char* path) {
-  const FileDescriptor directory = Open(path, O_RDONLY | O_DIRECTORY);
-  return directory.IsOpen() ? SyncDirectory(directory) : errno;
+DWORD OpenParent(const char* path, FileDescriptor& directory) {
+  char buffer[PATH_MAX];
+  directory = Open(ParentOf(path, buffer), O_RDONLY | O_DIRECTORY);
+  if (directory.IsOpen() || errno == EACCES) return ERROR_SUCCESS;
+  return errno == ENOENT ? ERROR_PATH_NOT_FOUND : ErrorOf(errno);
+}
+
+int SyncDirectory(const FileDescriptor& directory) {
+  if (!directory.IsOpen()) {
+    sync();
+    return 0;
+  }
+  if (Uninterrupted([&] { return fsync(directory.Number()); }) == 0 || errno == EINVAL) return 0;
+  return errno;
 }
 
 }  // namespace platform

@@ -1,10 +1,14 @@
 // The calls that change names: move, delete, directories, attributes.
+//
+// Whether a change of names will survive a power cut is known only after its
+// directory was synced. Where that fails, the change is taken back, so that
+// failure means that nothing happened. A file that was replaced cannot be
+// brought back: then failure means that the outcome is in doubt.
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <cstring>
 
 #include "platform/Win32.h"
 #include "platform/posix/ExclusiveFile.h"
@@ -15,15 +19,10 @@
 namespace {
 
 using platform::ErrorOf;
-using platform::ExclusiveFile;
 using platform::FileDescriptor;
-using platform::ParentOf;
 using platform::PathErrorOf;
 using platform::PathName;
 using platform::Result;
-
-constexpr mode_t kNewDirectoryMode = 0700;
-constexpr mode_t kWriteBits = 0222;
 
 // How often the target of a replacement may come and go before we give up.
 constexpr int kMaxAttempts = 16;
@@ -31,62 +30,56 @@ constexpr int kMaxAttempts = 16;
 // Locks the file that path leads to, so that nobody has it open while its
 // name is changed. What is no regular file, a link to nothing included, needs
 // no lock. ERROR_FILE_NOT_FOUND is an answer to act on: a file made after it
-// may be held by whoever made it.
-DWORD Hold(const char* path, ExclusiveFile& held) {
+// may be held by its creator. ERROR_ACCESS_DENIED: we may not open the file.
+DWORD Hold(const char* path, FileDescriptor& held) {
   struct stat status {};
-  if (stat(path, &status) == 0) {
-    return S_ISREG(status.st_mode) ? platform::OpenExclusively(path, O_RDONLY, 0, held) : ERROR_SUCCESS;
+  if (stat(path, &status) != 0) {
+    const int failure = errno;
+    if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
+    return PathErrorOf(failure, path);
   }
-  const int failure = errno;
-  if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
-  return PathErrorOf(failure, path);
+  if (!S_ISREG(status.st_mode)) return ERROR_SUCCESS;
+  const DWORD code = platform::OpenExclusively(path, O_RDONLY, held);
+  return code == ERROR_ACCESS_DENIED ? platform::OpenExclusively(path, O_WRONLY, held) : code;
 }
 
-// Makes a file's contents durable before its name leads elsewhere. Costs next
-// to nothing where its writer has flushed it.
-DWORD SyncContents(const ExclusiveFile& held) {
-  if (!held.file.IsOpen()) return ERROR_SUCCESS;
-  int result = 0;
-  do {
-    result = fdatasync(held.file.Number());
-  } while (result != 0 && errno == EINTR);
-  return result == 0 ? ERROR_SUCCESS : ErrorOf(errno);
+// Hold for a change that takes rights on the directory alone: a file that we
+// may not open is not locked.
+DWORD HoldIfAllowed(const char* path, FileDescriptor& held) {
+  const DWORD code = Hold(path, held);
+  return code == ERROR_ACCESS_DENIED ? ERROR_SUCCESS : code;
 }
 
-DWORD RenameIfFree(const char* from, const char* to) {
-  struct stat status {};
-  if (lstat(to, &status) == 0) return ERROR_ALREADY_EXISTS;
-  if (errno != ENOENT) return PathErrorOf(errno, to);
-  return rename(from, to) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, from);
-}
-
-// Renames only if the target is free, in the strictest way that the kernel
-// and the file system offer. A second name and then one less is as strict but
-// can leave both after a crash; looking first leaves a gap, and is for file
-// systems without hard links and for directories.
+// Renames only if the target is free. Where the file system cannot promise it
+// (NFS), a second name and then one less is as strict, but a crash in between
+// leaves both.
 DWORD RenameNoReplace(const char* from, const char* to) {
   if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return ERROR_SUCCESS;
-  if (errno != ENOSYS && errno != EINVAL)
-    return PathErrorOf(errno, errno == ENOENT && access(from, F_OK) == 0 ? to : from);
-  if (link(from, to) == 0) return unlink(from) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, from);
-  if (errno == EEXIST) return ERROR_ALREADY_EXISTS;
-  return RenameIfFree(from, to);
+  if (errno != EINVAL || link(from, to) != 0) return PathErrorOf(errno, from);
+  if (unlink(from) == 0) return ERROR_SUCCESS;
+  const DWORD code = PathErrorOf(errno, from);
+  unlink(to);
+  return code;
 }
 
-// Replaces what is there and held. Win32 replaces files only.
+// A file that may not be deleted or replaced, by the rules of Win32.
+bool IsProtected(const struct stat& status) {
+  return S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode));
+}
+
+// Replaces what is there and held.
 DWORD RenameOver(const char* from, const char* to) {
   struct stat status {};
   if (lstat(to, &status) != 0) return PathErrorOf(errno, to);
-  if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
+  if (IsProtected(status)) return ERROR_ACCESS_DENIED;
   return rename(from, to) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, from);
 }
 
-// A target that is absent cannot be locked, and someone may make and open it
-// at any moment: then only a rename that replaces nothing is safe.
+// A target that is absent cannot be locked, and another process may make and
+// open it at any moment: then only a rename that replaces nothing is safe.
 DWORD RenameReplacing(const char* from, const char* to) {
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    ExclusiveFile target;
+    FileDescriptor target;
     const DWORD found = Hold(to, target);
     if (found == ERROR_SUCCESS) return RenameOver(from, to);
     if (found != ERROR_FILE_NOT_FOUND) return found;
@@ -96,59 +89,62 @@ DWORD RenameReplacing(const char* from, const char* to) {
   return ERROR_SHARING_VIOLATION;
 }
 
-DWORD SyncParents(const char* from, const char* to) {
-  const PathName source = ParentOf(from);
-  const PathName target = ParentOf(to);
-  const FileDescriptor directory = platform::Open(target.Text(), O_RDONLY | O_DIRECTORY);
-  int failure = directory.IsOpen() ? platform::SyncDirectory(directory) : errno;
-  // The new name first: a crash between the two leaves both names, not none.
-  if (failure == 0 && !platform::LeadsTo(source.Text(), directory)) failure = platform::SyncDirectory(source.Text());
-  return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
-}
-
 DWORD Move(const WCHAR* fromUnits, const WCHAR* toUnits, bool replaces) {
   const PathName from(fromUnits);
   const PathName to(toUnits);
   if (from.Error() != ERROR_SUCCESS) return from.Error();
   if (to.Error() != ERROR_SUCCESS) return to.Error();
 
-  ExclusiveFile source;  // held until the names have changed
-  DWORD code = Hold(from.Text(), source);
-  if (code == ERROR_SUCCESS) code = SyncContents(source);
+  FileDescriptor source;  // held until the names have changed
+  FileDescriptor sourceDirectory;
+  FileDescriptor targetDirectory;
+  DWORD code = HoldIfAllowed(from.Text(), source);
+  if (code == ERROR_SUCCESS) code = platform::OpenParent(from.Text(), sourceDirectory);
+  if (code == ERROR_SUCCESS) code = platform::OpenParent(to.Text(), targetDirectory);
+  // Contents before the name: costs next to nothing where the writer flushed.
+  if (code == ERROR_SUCCESS && source.IsOpen()) code = ErrorOf(platform::SyncData(source));
   if (code == ERROR_SUCCESS) {
     code = replaces ? RenameReplacing(from.Text(), to.Text()) : RenameNoReplace(from.Text(), to.Text());
   }
-  return code == ERROR_SUCCESS ? SyncParents(from.Text(), to.Text()) : code;
+  if (code != ERROR_SUCCESS) return code;
+
+  // The new name first: a crash between the two leaves both names, not none.
+  int failure = platform::SyncDirectory(targetDirectory);
+  if (failure == 0) failure = platform::SyncDirectory(sourceDirectory);
+  if (failure != 0 && !replaces) RenameNoReplace(to.Text(), from.Text());
+  return ErrorOf(failure);
 }
 
+// A symbolic link is deleted as itself, whatever it leads to.
 DWORD Delete(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
-  if (S_ISDIR(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode)) return ERROR_ACCESS_DENIED;
-  ExclusiveFile held;
-  if (const DWORD code = Hold(path, held); code != ERROR_SUCCESS) return code;
+  if (IsProtected(status)) return ERROR_ACCESS_DENIED;
+  FileDescriptor held;
+  const DWORD code = S_ISREG(status.st_mode) ? HoldIfAllowed(path, held) : ERROR_SUCCESS;
+  if (code != ERROR_SUCCESS) return code;
   return unlink(path) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
 }
 
-// A symbolic link has no attributes of its own, and those of what it leads to
-// are not the business of who clears the way to delete the link.
-DWORD SetAttributes(const char* path, DWORD attributes) {
+// Makes a read-only file or directory a plain one. A symbolic link has no
+// attributes of its own, and what it leads to is left alone: who clears the
+// way to delete the link means the link.
+DWORD ClearAttributes(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
-  if (S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
-  const bool readOnly = (attributes & FILE_ATTRIBUTE_READONLY) != 0;
-  if (readOnly == platform::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
-  const mode_t mode = readOnly ? status.st_mode & ~kWriteBits : status.st_mode | S_IWUSR;
-  return chmod(path, mode & 07777) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
+  if (S_ISLNK(status.st_mode) || !platform::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
+  return chmod(path, (status.st_mode & 07777) | S_IWUSR) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
 }
 
 // The directory's own name is made durable here: a flush of the files in it
 // covers their names, not the way to them.
 DWORD CreateDirectory(const char* path) {
-  if (mkdir(path, kNewDirectoryMode) != 0) return PathErrorOf(errno, path);
-  const int failure = platform::SyncDirectory(ParentOf(path).Text());
-  return failure == 0 ? ERROR_SUCCESS : ErrorOf(failure);
+  FileDescriptor parent;
+  if (const DWORD code = platform::OpenParent(path, parent); code != ERROR_SUCCESS) return code;
+  if (mkdir(path, 0700) != 0) return PathErrorOf(errno, path);
+  const int failure = platform::SyncDirectory(parent);
+  if (failure != 0) rmdir(path);
+  return ErrorOf(failure);
 }
 
 DWORD RemoveDirectory(const char* path) {
@@ -188,5 +184,28 @@ BOOL RemoveDirectoryW(const WCHAR* path) {
 }
 
 BOOL SetFileAttributesW(const WCHAR* path, DWORD attributes) {
-  return OnPath(path, [attributes](const char* name) { return SetAttributes(name, attributes); });
+  if (attributes != FILE_ATTRIBUTE_NORMAL) return Result(ERROR_NOT_SUPPORTED);
+  return OnPath(path, ClearAttributes);
+}
+
+// "." and ".." stay: what ".." leads to depends on symbolic links.
+DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** filePart) {
+  if (path == nullptr || *path == 0) return static_cast<DWORD>(Result(ERROR_INVALID_NAME));
+  char directory[PATH_MAX] = "";
+  if (*path != u'/' && getcwd(directory, sizeof directory - 1) == nullptr)
+    return static_cast<DWORD>(Result(ErrorOf(errno)));
+  std::size_t head = std::strlen(directory);
+  if (head > 1) directory[head++] = '/';
+  const std::u16string_view tail(path);
+  platform::SetLastError(ERROR_SUCCESS);
+  const auto length = static_cast<DWORD>(head + tail.size());
+  if (length >= capacity) return length + 1;
+  for (std::size_t i = 0; i < head; ++i) buffer[i] = platform::Widened(directory[i]);
+  tail.copy(buffer + head, tail.size());
+  buffer[length] = 0;
+  if (filePart != nullptr) {
+    const std::size_t slash = std::u16string_view(buffer, length).rfind(u'/');
+    *filePart = slash + 1 == length ? nullptr : buffer + slash + 1;
+  }
+  return length;
 }

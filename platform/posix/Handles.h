@@ -1,12 +1,12 @@
 // The 32-bit handles that callers hold, and the objects behind them.
 //
-// A handle is a slot's number and the generation of its use, so that a handle
-// that was closed does not name what was opened later. 0, 0xFFFFFFFF and
-// 0xDEADBEEF (the store's mark for "no handle") are never handed out.
+// 0, 0xFFFFFFFF and 0xDEADBEEF (the store's mark for "no handle") are never
+// handed out, and the value of a closed handle does not come back before 2^32
+// others were used.
 //
-// Threads: any, for different handles; looking one up takes no lock. A single
-// handle is used and closed by one thread at a time. Usable from the first
-// static initialiser to the last static destructor.
+// Threads: any, for different handles. A single handle is used and closed by
+// one thread at a time. Usable from the first static initialiser to the last
+// static destructor.
 #pragma once
 
 #include "platform/Win32.h"

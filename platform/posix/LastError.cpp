@@ -17,6 +17,7 @@ struct Translation {
 };
 
 constexpr Translation kTranslations[] = {
+    {0, ERROR_SUCCESS},
     {ENOENT, ERROR_FILE_NOT_FOUND},
     {ENOTDIR, ERROR_PATH_NOT_FOUND},
     {ELOOP, ERROR_PATH_NOT_FOUND},
@@ -36,12 +37,12 @@ constexpr Translation kTranslations[] = {
     {EIO, ERROR_IO_DEVICE},
     {EXDEV, ERROR_NOT_SAME_DEVICE},
     {ENAMETOOLONG, ERROR_FILENAME_EXCED_RANGE},
-    {EILSEQ, ERROR_INVALID_NAME},
     {EINVAL, ERROR_INVALID_PARAMETER},
     {EFAULT, ERROR_INVALID_PARAMETER},
     {EBADF, ERROR_INVALID_HANDLE},
     {EBUSY, ERROR_BUSY},
     {ETXTBSY, ERROR_SHARING_VIOLATION},
+    {EAGAIN, ERROR_SHARING_VIOLATION},  // flock(2) of a held file, open(2) of a leased one
     {ENOLCK, ERROR_NOT_SUPPORTED},
     {ENOSYS, ERROR_NOT_SUPPORTED},
     {EOPNOTSUPP, ERROR_NOT_SUPPORTED},
@@ -62,9 +63,9 @@ DWORD ErrorOf(int errorNumber) {
 
 DWORD PathErrorOf(int errorNumber, const char* path) {
   if (errorNumber == ENOENT) {
-    const PathName parent = ParentOf(path);
+    char buffer[PATH_MAX];
     struct stat status {};
-    if (stat(parent.Text(), &status) != 0 && errno == ENOENT) return ERROR_PATH_NOT_FOUND;
+    if (stat(ParentOf(path, buffer), &status) != 0 && errno == ENOENT) return ERROR_PATH_NOT_FOUND;
   }
   return ErrorOf(errorNumber);
 }

@@ -8,8 +8,8 @@ namespace platform {
 // Sets what GetLastError() gives to the calling thread.
 void SetLastError(DWORD code);
 
-// The Win32 code for an errno value; ERROR_GEN_FAILURE for one without a
-// counterpart.
+// The Win32 code for an errno value, ERROR_SUCCESS for 0, ERROR_GEN_FAILURE
+// for one without a counterpart.
 DWORD ErrorOf(int errorNumber);
 
 // ErrorOf for a call that took a path. ENOENT alone does not tell whether the

@@ -4,27 +4,18 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstring>
+#include <cstddef>
 
 #include "platform/Win32.h"
 #include "platform/posix/ExclusiveFile.h"
+#include "platform/posix/FileDescriptor.h"
 #include "platform/posix/Handles.h"
 #include "platform/posix/LastError.h"
 #include "platform/posix/PathName.h"
 
 namespace {
 
-constexpr char kPatternTail[] = "/*.*";
-constexpr std::size_t kPatternTailLength = sizeof(kPatternTail) - 1;
-
-// Turns "dir/*.*" into "dir"; a pattern of any other form is not supported.
-bool CutPattern(platform::PathName& path) {
-  if (path.Length() < kPatternTailLength) return false;
-  const std::size_t length = path.Length() - kPatternTailLength;
-  if (std::strcmp(path.Text() + length, kPatternTail) != 0) return false;
-  path.CutTo(length == 0 ? 1 : length);  // the root's own slash stays
-  return true;
-}
+static_assert(sizeof(WIN32_FIND_DATAW) == 592 && offsetof(WIN32_FIND_DATAW, cFileName) == 44, "Win32's own layout");
 
 void SetName(WIN32_FIND_DATAW& data, const char* name) {
   std::size_t length = 0;
@@ -33,8 +24,8 @@ void SetName(WIN32_FIND_DATAW& data, const char* name) {
   data.cFileName[length] = 0;
 }
 
-// A symbolic link is listed as a plain file, wherever it leads: who deletes a
-// tree then deletes the link and not what is behind it.
+// A symbolic link is listed as a plain file, wherever it leads, so that deleting
+// a tree deletes the link and not what is behind it.
 DWORD AttributesOf(mode_t mode) {
   const DWORD directory = S_ISDIR(mode) ? FILE_ATTRIBUTE_DIRECTORY : 0;
   const DWORD readOnly = !S_ISLNK(mode) && platform::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
@@ -55,6 +46,7 @@ DWORD Next(DIR* directory, WIN32_FIND_DATAW& data) {
       return platform::ErrorOf(errno);
     }
     const auto size = static_cast<std::uint64_t>(status.st_size);
+    data = {};
     data.dwFileAttributes = AttributesOf(status.st_mode);
     data.nFileSizeHigh = static_cast<DWORD>(size >> 32);
     data.nFileSizeLow = static_cast<DWORD>(size);
@@ -66,10 +58,13 @@ DWORD Next(DIR* directory, WIN32_FIND_DATAW& data) {
 DWORD Start(const WCHAR* pattern, WIN32_FIND_DATAW& data, HANDLE& handle) {
   platform::PathName path(pattern);
   if (path.Error() != ERROR_SUCCESS) return path.Error();
-  if (!CutPattern(path)) return ERROR_NOT_SUPPORTED;
+  if (!path.CutTail("/*.*")) return ERROR_NOT_SUPPORTED;
 
-  DIR* directory = opendir(path.Text());
+  const char* name = path.Text()[0] != '\0' ? path.Text() : "/";
+  platform::FileDescriptor file = platform::Open(name, O_RDONLY | O_DIRECTORY);
+  DIR* directory = file.IsOpen() ? fdopendir(file.Number()) : nullptr;
   if (directory == nullptr) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : platform::ErrorOf(errno);
+  file.Release();  // the stream's now
   DWORD code = Next(directory, data);
   if (code == ERROR_SUCCESS) {
     handle = platform::AddHandle(platform::HandleKind::Listing, directory);
@@ -96,5 +91,6 @@ BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data) {
 BOOL FindClose(HANDLE find) {
   void* directory = platform::RemoveHandle(find, platform::HandleKind::Listing);
   if (directory == nullptr) return 0;
-  return platform::Result(closedir(static_cast<DIR*>(directory)) == 0 ? ERROR_SUCCESS : platform::ErrorOf(errno));
+  closedir(static_cast<DIR*>(directory));  // gone, whatever it returns
+  return platform::Result(ERROR_SUCCESS);
 }

@@ -3,6 +3,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "blobring/host.h"
@@ -12,24 +13,37 @@
 namespace {
 
 constinit thread_local DWORD cachedThreadId = 0;  // 0 until it was asked for
+constinit std::atomic<DWORD> cachedProcessId{0};
 
 constinit platform::HostCallback<BlobringHostExceptionHandler> exceptionHandler;
 
-// The child of a fork runs a copy of the calling thread under another id.
-void ForgetThreadId() {
+// The child of a fork runs a copy of the calling thread under other ids.
+void ForgetIds() {
   cachedThreadId = 0;
+  cachedProcessId.store(0, std::memory_order_relaxed);
 }
 
-DWORD AskThreadId() {
-  [[maybe_unused]] static const int registered = pthread_atfork(nullptr, nullptr, ForgetThreadId);
-  cachedThreadId = static_cast<DWORD>(gettid());
-  return cachedThreadId;
+// Whether an id may be cached. The C library forgets the handler when this
+// library is unloaded.
+bool IsToldOfForks() {
+  static const bool isTold = pthread_atfork(nullptr, nullptr, ForgetIds) == 0;
+  return isTold;
 }
 
 }  // namespace
 
 DWORD GetCurrentThreadId() {
-  return cachedThreadId != 0 ? cachedThreadId : AskThreadId();
+  if (cachedThreadId != 0) return cachedThreadId;
+  const auto id = static_cast<DWORD>(gettid());
+  if (IsToldOfForks()) cachedThreadId = id;
+  return id;
+}
+
+DWORD GetCurrentProcessId() {
+  if (const DWORD id = cachedProcessId.load(std::memory_order_relaxed); id != 0) return id;
+  const auto id = static_cast<DWORD>(getpid());
+  if (IsToldOfForks()) cachedProcessId.store(id, std::memory_order_relaxed);
+  return id;
 }
 
 void Sleep(DWORD milliseconds) {

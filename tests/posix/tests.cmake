@@ -1,5 +1,5 @@
 blobring_test(NAME posix_files
-  SOURCES posix/FilesTest.cpp posix/FileNamesTest.cpp LIBS blobring_posix)
+  SOURCES posix/FilesTest.cpp LIBS blobring_posix)
 blobring_test(NAME posix_memory SOURCES posix/MemoryTest.cpp LIBS blobring_posix)
 blobring_test(NAME posix_diagnostics SOURCES posix/DiagnosticsTest.cpp LIBS blobring_posix)
 
