@@ -1,17 +1,22 @@
-// The text trace, the raw trace device and fatal errors.
+// Where the store's messages go: the host's sink or standard error; and the
+// raw trace device.
 #include "platform/Diagnostics.h"
 
+#include <sys/uio.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "blobring/host.h"
 #include "platform/Win32.h"
 #include "platform/posix/HostCallback.h"
-#include "platform/posix/Messages.h"
 
 namespace {
 
@@ -20,17 +25,70 @@ constexpr std::u16string_view kRawDeviceName = u"LogFile";
 constexpr std::uint32_t kRawDevice = 1;
 
 constinit std::atomic<std::uint32_t> traceLevel{BLOBRING_HOST_DEFAULT_TRACE_LEVEL};
-constinit std::atomic<std::uint32_t> fatalErrorCount{0};
+constinit platform::HostCallback<BlobringHostTraceSink> traceSink;
 constinit platform::HostCallback<BlobringHostRawSink> rawSink;
-constinit platform::HostCallback<BlobringHostFatalErrorHandler> fatalErrorHandler;
 
-void ReportError(const char* format, ...) __attribute__((format(printf, 1, 2)));
+// A message, formatted. One that does not fit in place takes memory; without
+// any, its end is lost.
+class Message {
+ public:
+  Message(const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int length = std::vsnprintf(inPlace_, sizeof inPlace_, format, arguments);
+    if (length < 0) inPlace_[0] = '\0';
+    if (const std::size_t size = static_cast<std::size_t>(std::max(length, 0)) + 1; size > sizeof inPlace_) {
+      whole_ = static_cast<char*>(std::malloc(size));
+      if (whole_ != nullptr) std::vsnprintf(whole_, size, format, again);
+    }
+    va_end(again);
+    CutLineEnds();
+  }
+  Message(const Message&) = delete;
+  Message& operator=(const Message&) = delete;
+  ~Message() { std::free(whole_); }
 
-void ReportError(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  platform::Report(BLOBRING_HOST_ERROR, kOwnName, format, arguments);
-  va_end(arguments);
+  char* Text() { return whole_ != nullptr ? whole_ : inPlace_; }
+
+ private:
+  void CutLineEnds() {
+    char* text = Text();
+    std::size_t length = std::strlen(text);
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) text[--length] = '\0';
+  }
+
+  char inPlace_[1024];
+  char* whole_ = nullptr;
+};
+
+// A held file is tried again and again, each time with a message.
+bool IsAnotherRetry(std::string_view text) {
+  const std::size_t at = text.rfind(" retry ");
+  return at != text.npos && text.find(" sharing violation ") != text.npos && text.substr(at) != " retry 0";
+}
+
+// One write for the whole line, so that lines of several writers do not mix.
+// Line breaks in the text, which a file name may hold, would fake more lines.
+void WriteErrorLine(char* text) {
+  const std::size_t length = std::strlen(text);
+  std::replace_if(
+      text, text + length, [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  char head[] = "Blobring error: ";
+  char end[] = "\n";
+  const iovec line[] = {{head, sizeof head - 1}, {text, length}, {end, 1}};
+  [[maybe_unused]] const ssize_t ignored = writev(STDERR_FILENO, line, 3);
+}
+
+void Report(int level, const char* source, const char* format, std::va_list arguments)
+    __attribute__((format(printf, 3, 0)));
+
+void Report(int level, const char* source, const char* format, std::va_list arguments) {
+  Message message(format, arguments);
+  if (const auto [sink, context] = traceSink.Get(); sink != nullptr) {
+    sink(context, level, source, message.Text());
+  } else if (level == BLOBRING_HOST_ERROR && !IsAnotherRetry(message.Text())) {
+    WriteErrorLine(message.Text());
+  }
 }
 
 }  // namespace
@@ -44,14 +102,14 @@ VellTrace::~VellTrace() {}  // nothing to end; the device's own library has some
 void VellTrace::WriteWarnV(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  platform::Report(BLOBRING_HOST_WARNING, name_, format, arguments);
+  Report(BLOBRING_HOST_WARNING, name_, format, arguments);
   va_end(arguments);
 }
 
 void VellTrace::WriteErrorV(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  platform::Report(BLOBRING_HOST_ERROR, name_, format, arguments);
+  Report(BLOBRING_HOST_ERROR, name_, format, arguments);
   va_end(arguments);
 }
 
@@ -62,35 +120,36 @@ std::uint32_t TraceGetEffectiveLevel() {
 }
 
 int TraceDeviceFind(const char16_t* name, std::uint32_t* out) {
-  if (name == nullptr || out == nullptr || name != kRawDeviceName || rawSink.Get().function == nullptr) return -1;
+  if (name != kRawDeviceName || rawSink.Get().function == nullptr) return -1;
   *out = kRawDevice;
   return 0;
 }
 
 // "2024-02-29T12:34:56.789Z 4711 BlobController: "
 int TraceFormatHeader(char* buffer, std::uint32_t capacity, int /*level*/, int /*reserved*/, const char* name) {
-  const std::uint64_t now = platform::UtcMs();
-  const auto seconds = static_cast<time_t>(now / 1000);
+  timespec now{};
   tm utc{};
-  if (buffer == nullptr || name == nullptr || gmtime_r(&seconds, &utc) == nullptr) return 0;
-  const int length = std::snprintf(buffer, capacity, "%04d-%02d-%02dT%02d:%02d:%02d.%03uZ %u %s: ", utc.tm_year + 1900,
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0 || gmtime_r(&now.tv_sec, &utc) == nullptr) return 0;
+  const int length = std::snprintf(buffer, capacity, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %u %s: ", utc.tm_year + 1900,
                                    utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                                   static_cast<unsigned>(now % 1000), GetCurrentThreadId(), name);
+                                   static_cast<int>(now.tv_nsec / 1'000'000), GetCurrentThreadId(), name);
   return length >= 0 && static_cast<std::uint32_t>(length) < capacity ? length : 0;
 }
 
 int TraceDeviceWriteRaw(std::uint32_t device, const char* buffer, int length) {
   const auto [sink, context] = rawSink.Get();
-  if (device != kRawDevice || sink == nullptr || buffer == nullptr || length < 0) return -1;
+  if (device != kRawDevice || sink == nullptr || length < 0) return -1;
   sink(context, buffer, static_cast<std::uint32_t>(length));
   return length;
 }
 
 void DeviceFatalError(std::uint32_t code, const char* file, int line) {
-  fatalErrorCount.fetch_add(1, std::memory_order_relaxed);
-  ReportError("fatal error 0x%X at %s line %d", code, file, line);
-  const auto [handler, context] = fatalErrorHandler.Get();
-  if (handler != nullptr) handler(context, code, file, line);
+  Vell::Common::System::OS::Diagnostics::VellTrace(kOwnName).WriteErrorV("fatal error 0x%X at %s line %d", code, file,
+                                                                         line);
+}
+
+void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context) {
+  traceSink.Set(sink, context);
 }
 
 void BlobringHostSetTraceLevel(uint32_t level) {
@@ -99,12 +158,4 @@ void BlobringHostSetTraceLevel(uint32_t level) {
 
 void BlobringHostSetRawSink(BlobringHostRawSink* sink, void* context) {
   rawSink.Set(sink, context);
-}
-
-void BlobringHostSetFatalErrorHandler(BlobringHostFatalErrorHandler* handler, void* context) {
-  fatalErrorHandler.Set(handler, context);
-}
-
-uint32_t BlobringHostFatalErrorCount() {
-  return fatalErrorCount.load(std::memory_order_relaxed);
 }

@@ -1,5 +1,5 @@
 // A function of the host's and its context, which it may exchange at any time
-// from any thread. For paths where a lock does not count.
+// from any thread.
 #pragma once
 
 #include <mutex>
@@ -21,9 +21,9 @@ class HostCallback {
     pair_ = {function, context};
   }
 
-  // To be called with the lock let go, so that the host's function may call
-  // back in. A thread that got the pair can still be in the function after
-  // another has exchanged it.
+  // The function is called without the lock, so that it may call back in. A
+  // thread that got the pair can still be in the function after another
+  // thread has exchanged it.
   Pair Get() {
     const std::lock_guard lock(mutex_);
     return pair_;

@@ -1,7 +1,7 @@
-blobring_test(NAME posix_files
-  SOURCES posix/FilesTest.cpp LIBS blobring_posix)
-blobring_test(NAME posix_memory SOURCES posix/MemoryTest.cpp LIBS blobring_posix)
-blobring_test(NAME posix_diagnostics SOURCES posix/DiagnosticsTest.cpp LIBS blobring_posix)
+blobring_test(NAME posix_files SOURCES posix/FilesTest.cpp LIBS blobring_posix)
+blobring_test(NAME posix_host SOURCES posix/HostTest.cpp LIBS blobring_posix ${CMAKE_DL_LIBS})
+target_compile_definitions(posix_host PRIVATE BLOBRING_LIBRARY="$<TARGET_FILE:blobring>")
+add_dependencies(posix_host blobring)
 
 # The kernel's calls are replaced in this program alone, by the linker; the
 # objects under test are the same. The 64s are what <unistd.h> makes of pread
