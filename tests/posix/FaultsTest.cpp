@@ -1,12 +1,85 @@
-// The platform layer while the kernel's calls fail or do less than asked.
+// The platform layer while the kernel's calls fail or do less than asked. The
+// linker puts the calls below in front of the real ones (ld(1), --wrap).
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <functional>
+#include <utility>
+#include <vector>
 
-#include "tests/posix/FailingCalls.h"
 #include "tests/posix/Support.h"
 
 namespace {
 
 using Calls = std::vector<std::string>;
+
+struct {
+  int fdatasyncError = 0;  // errno values; 0: the real call
+  int fsyncError = 0;
+  int renameat2Error = 0;
+  bool interrupts = false;             // every other transfer fails with EINTR
+  std::size_t maxTransfer = SIZE_MAX;  // bytes at a time
+  std::size_t room = SIZE_MAX;         // bytes until a write fails with ENOSPC and a read with EIO
+  std::function<void()> beforeRename;  // runs once
+  Calls calls;                         // "data <file>", "names <directory>", "drop <file>"
+} failing;
+
+int Noted(const char* what, int file, int error, int (*real)(int)) {
+  char path[PATH_MAX] = {};
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  EXPECT_GT(readlink(link.c_str(), path, sizeof path - 1), 0);
+  failing.calls.push_back(what + std::filesystem::path(path).filename().string());
+  errno = error;
+  return error == 0 ? real(file) : -1;
+}
+
+template <typename Buffer>
+ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer* buffer, size_t size, off_t offset,
+                 int roomError) {
+  static bool interrupted = false;
+  interrupted = failing.interrupts && !interrupted;
+  errno = interrupted ? EINTR : roomError;
+  if (interrupted || failing.room == 0) return -1;
+  const ssize_t done = real(file, buffer, std::min({size, failing.room, failing.maxTransfer}), offset);
+  if (failing.room != SIZE_MAX) failing.room -= static_cast<size_t>(done);
+  return done;
+}
+
+}  // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's own names
+extern "C" {
+int __real_fdatasync(int file);
+int __real_fsync(int file);
+ssize_t __real_pread64(int file, void* buffer, size_t size, off_t offset);
+ssize_t __real_pwrite64(int file, const void* buffer, size_t size, off_t offset);
+int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags);
+
+int __wrap_fdatasync(int file) {
+  return Noted("data ", file, failing.fdatasyncError, __real_fdatasync);
+}
+int __wrap_fsync(int file) {
+  return Noted("names ", file, failing.fsyncError, __real_fsync);
+}
+int __wrap_posix_fadvise64(int file, off_t, off_t, int) {
+  return Noted("drop ", file, 0, [](int) { return 0; });
+}
+ssize_t __wrap_pread64(int file, void* buffer, size_t size, off_t offset) {
+  return Transfer(__real_pread64, file, buffer, size, offset, EIO);
+}
+ssize_t __wrap_pwrite64(int file, const void* buffer, size_t size, off_t offset) {
+  return Transfer(__real_pwrite64, file, buffer, size, offset, ENOSPC);
+}
+int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) {
+  if (const auto hook = std::exchange(failing.beforeRename, nullptr)) hook();
+  errno = failing.renameat2Error;
+  return errno != 0 ? -1 : __real_renameat2(fromDirectory, from, toDirectory, to, flags);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace {
 
 class Faults : public InDirectory {
  protected:
