@@ -1,6 +1,7 @@
 // footprint DIRECTORY: the memory that a store takes, step by step, on the host
 // it runs on. Fails if a step keeps more than the store needs afterwards.
-// Store: bytes of the memory manager. Heap: bytes that malloc has given out.
+// Store: bytes of the memory manager. Heap: bytes that malloc has given out,
+// those of the store and what they cost beside included.
 #include <blobring/blobring.h>
 #include <blobring/host.h>
 #include <malloc.h>
@@ -54,7 +55,7 @@ void Run(const char* directory) {
   const Figures empty = Print("an empty store of two slots");
   Commit(index, 1, 0, kBlobCount, 0);
   const Figures full = Print("100,000 blobs");
-  const std::int64_t perBlob = (full.store - empty.store) / kBlobCount;
+  const std::int64_t perBlob = (full.heap - empty.heap) / kBlobCount;
   std::printf("per blob: %lld\n", static_cast<long long>(perBlob));
   Require(perBlob <= kMostPerBlob, "a blob takes too much memory");
 

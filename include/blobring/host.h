@@ -117,7 +117,6 @@ typedef struct BlobringHostMemoryUse {
   uint64_t peakBytes;       /* the most that liveBytes ever was */
   uint64_t allocationCount; /* ever */
   uint64_t failureCount;    /* allocations that gave nothing */
-  uint64_t systemBytes;     /* liveBytes, and what the heap takes beside them */
 } BlobringHostMemoryUse;
 
 /*

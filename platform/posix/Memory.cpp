@@ -3,8 +3,6 @@
 //
 // Threads: any; a mutex guards the figures. Usable from the first static
 // initialiser to the last static destructor.
-#include <malloc.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -44,23 +42,16 @@ Account& AccountOf(std::uint32_t pool, std::uint32_t tag) {
   return added;
 }
 
-void CountTaken(Account& account, std::size_t size, std::size_t systemSize) {
+void CountTaken(Account& account, std::size_t size) {
   ++account.allocationCount;
   ++account.liveBlocks;
   account.liveBytes += size;
   account.peakBytes = std::max(account.peakBytes, account.liveBytes);
-  account.systemBytes += systemSize;
 }
 
-void CountReturned(Account& account, std::size_t size, std::size_t systemSize) {
+void CountReturned(Account& account, std::size_t size) {
   --account.liveBlocks;
   account.liveBytes -= size;
-  account.systemBytes -= systemSize;
-}
-
-// What malloc uses up for a block: it keeps a word beside each.
-std::size_t SystemSizeOf(Head* head) {
-  return malloc_usable_size(head) + sizeof(std::size_t);
 }
 
 }  // namespace
@@ -80,8 +71,8 @@ int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, Lif
     return -1;
   }
   *head = {&account, size};
-  CountTaken(account, size, SystemSizeOf(head));
-  CountTaken(manager.total, size, SystemSizeOf(head));
+  CountTaken(account, size);
+  CountTaken(manager.total, size);
   return 0;
 }
 
@@ -90,8 +81,8 @@ int MemoryManager::Free(void* block) {
   Head* head = static_cast<Head*>(block) - 1;
   {
     const std::lock_guard lock(manager.mutex);
-    CountReturned(*head->account, head->size, SystemSizeOf(head));
-    CountReturned(manager.total, head->size, SystemSizeOf(head));
+    CountReturned(*head->account, head->size);
+    CountReturned(manager.total, head->size);
   }
   std::free(head);
   return 0;
