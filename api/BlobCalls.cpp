@@ -76,7 +76,11 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
       for (int i = first; i < sound; ++i) hashes[i - first].setHash(blobs[i].hash);
       store->Prefetch(hashes, static_cast<std::size_t>(sound - first));
       for (int i = first; i < sound; ++i) {
-        if (BCStoreInt(index, blobs[i].hash, const_cast<unsigned char*>(blobs[i].data), blobs[i].size) != 1) return i;
+        BlobPair pair;
+        pair.hash = hashes[i - first];
+        pair.buffer = {const_cast<unsigned char*>(blobs[i].data), api::Word(blobs[i].size)};  // only read
+        trace::WriteHashEvent(trace::kEventStore, blobs[i].hash);
+        if (!store->Gather(pair)) return i;
       }
       if (sound < end) return sound;
     }

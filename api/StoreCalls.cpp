@@ -50,14 +50,14 @@ int BCLoad(int index) {
 
 int BCShutdown(int index, bool flag) {
   RTTrace_2(0x0F000283, api::Word(index), flag);
-  trace::api.WriteNoteV("BCShutdown has been called index = %d", index);
+  trace::api.NoteWarnV("BCShutdown has been called index = %d", index);
   BlobController* store = registry::Find("BCShutdown", index);
   return store == nullptr ? 0 : store->Shutdown(flag);
 }
 
 int BCDisposeInt(int index) {
   registry::NoStore();  // it is about to be forgotten, what is said is not
-  trace::api.WriteNoteV("BCDispose has been called index = %d", index);
+  trace::api.NoteWarnV("BCDispose has been called index = %d", index);
   BlobController* store = registry::Lookup(index);
   if (store == nullptr) return 1;
   store->Shutdown(true);
@@ -66,7 +66,7 @@ int BCDisposeInt(int index) {
 }
 
 int BCDispose(int index) {
-  trace::api.WriteNoteV("BCDispose with index = %d", index);
+  trace::api.NoteWarnV("BCDispose with index = %d", index);
   return BCDisposeInt(index);
 }
 
@@ -105,7 +105,7 @@ int BCRepack(int index) {
 int BCFsck(int index) {
   BlobController* store = registry::Find("BCFsck", index);
   if (store == nullptr) return 0;
-  trace::api.WriteNoteV("BCFsck index = %d", index);
+  trace::api.NoteWarnV("BCFsck index = %d", index);
   return store->Fsck();
 }
 

@@ -16,6 +16,11 @@ std::string Text(const Pieces&... pieces) {
   return text.str();
 }
 
+template <class... Pieces>
+[[noreturn]] void Fail(DWORD code, const Pieces&... pieces) {
+  throw Failure(FailureOf(code), Text(pieces...));
+}
+
 }  // namespace
 
 File::File() : handle(kNoHandle), isOpen(false), access(0) {}
@@ -37,7 +42,7 @@ void File::GuardHandle() const {
 
 void File::RequireOpen(const char* operation) const {
   GuardHandle();
-  if (!isOpen) throw std::runtime_error(Text("File::", operation, " failed, not opened"));
+  if (!isOpen) throw Failure(FailureCode::Closed, Text("File::", operation, " failed, not opened"));
 }
 
 void File::open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
@@ -53,9 +58,9 @@ unsigned File::seek(unsigned pos) {
   const DWORD reached = SetFilePointer(handle, static_cast<LONG>(pos), nullptr, FILE_BEGIN);
   if (reached == INVALID_SET_FILE_POINTER) {
     const DWORD code = GetLastError();
-    if (code != ERROR_SUCCESS) throw std::runtime_error(Text("File::Seek SetFilePointer failed, GetLastError=", code));
+    if (code != ERROR_SUCCESS) Fail(code, "File::Seek SetFilePointer failed, GetLastError=", code);
   }
-  if (reached != pos) throw std::runtime_error(Text("File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached));
+  if (reached != pos) Fail(ERROR_SUCCESS, "File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached);
   return pos;
 }
 
@@ -64,7 +69,7 @@ unsigned File::tell() const {
   const DWORD position = SetFilePointer(handle, 0, nullptr, FILE_CURRENT);
   if (position == INVALID_SET_FILE_POINTER) {
     const DWORD code = GetLastError();
-    if (code != ERROR_SUCCESS) throw std::runtime_error(Text("File::Tell SetFilePointer failed, GetLastError=", code));
+    if (code != ERROR_SUCCESS) Fail(code, "File::Tell SetFilePointer failed, GetLastError=", code);
   }
   return position;
 }
@@ -74,11 +79,21 @@ unsigned File::read(char* buf, unsigned n) const {
   DWORD got = 0;
   const BOOL ok = ReadFile(handle, buf, n, &got, nullptr);
   const DWORD code = GetLastError();
-  if (got != n)
-    throw std::runtime_error(
-        Text("File::Read didn't read the entire buffer ", n, " read ", got, " GetLastError ", code));
-  if (ok == 0) throw std::runtime_error(Text("File::Read failed GetLastError code = ", code));
+  if (got != n) throw ShortRead(n, got, code);
+  if (ok == 0) Fail(code, "File::Read failed GetLastError code = ", code);
   return n;
+}
+
+unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
+  RequireOpen("read");
+  DWORD got = 0;
+  ReadFile(handle, buf, n, &got, nullptr);
+  code = GetLastError();
+  return got;
+}
+
+Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {
+  return {FailureOf(code), Text("File::Read didn't read the entire buffer ", n, " read ", got, " GetLastError ", code)};
 }
 
 unsigned File::write(char* buf, unsigned n) {
@@ -88,14 +103,33 @@ unsigned File::write(char* buf, unsigned n) {
   const DWORD code = GetLastError();
   if (put != n) {
     RTTrace_3(0x0F000131, n, put, code);
-    throw std::runtime_error(
-        Text("File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ", code));
+    Fail(code, "File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ", code);
   }
   if (ok == 0) {
     RTTrace_1(0x0F000132, code);
-    throw std::runtime_error(Text("File::Write failed GetLastError code = ", code));
+    Fail(code, "File::Write failed GetLastError code = ", code);
   }
   return n;
+}
+
+void File::truncate(unsigned length) {
+  seek(length);
+  if (SetEndOfFile(handle) != 0) return;
+  const DWORD code = GetLastError();
+  Fail(code, "File::truncate ", path, " to ", length, " failed GetLastError code = ", code);
+}
+
+bool File::isAt(const std::string& otherPath) const {
+  BY_HANDLE_FILE_INFORMATION mine{};
+  if (GetFileInformationByHandle(handle, &mine) == 0) return false;
+  const HANDLE other = ::CreateFileW(FileSystem::ConvertString(otherPath).c_str(), 0, 0, nullptr, OPEN_EXISTING,
+                                     FILE_ATTRIBUTE_NORMAL, 0);
+  if (other == INVALID_HANDLE_VALUE) return false;
+  BY_HANDLE_FILE_INFORMATION its{};
+  const bool known = GetFileInformationByHandle(other, &its) != 0;
+  CloseHandle(other);
+  return known && its.dwVolumeSerialNumber == mine.dwVolumeSerialNumber && its.nFileIndexHigh == mine.nFileIndexHigh &&
+         its.nFileIndexLow == mine.nFileIndexLow;
 }
 
 bool File::flush() {
@@ -113,18 +147,23 @@ unsigned File::size() const {
 void File::close() {
   if (!isOpen) return;
   GuardHandle();
-  if ((access & GENERIC_WRITE) != 0 && FlushFileBuffers(handle) == 0)
-    throw std::runtime_error(Text("File::Close failed FlushFileBuffers GetLastError code = ", GetLastError()));
-  if (CloseHandle(handle) == 0)
-    throw std::runtime_error(Text("File::Close failed GetLastError code = ", GetLastError()));
+  if ((access & GENERIC_WRITE) != 0 && FlushFileBuffers(handle) == 0) {
+    const DWORD code = GetLastError();
+    Fail(code, "File::Close failed FlushFileBuffers GetLastError code = ", code);
+  }
+  if (CloseHandle(handle) == 0) {
+    const DWORD code = GetLastError();
+    Fail(code, "File::Close failed GetLastError code = ", code);
+  }
   handle = kNoHandle;
   isOpen = false;
 }
 
 void File::erase() {
   close();
-  if (!FileSystem::Remove(path))
-    throw std::runtime_error(Text("File::Close failed GetLastError code = ", GetLastError()));
+  if (FileSystem::Remove(path)) return;
+  const DWORD code = GetLastError();
+  Fail(code, "File::Close failed GetLastError code = ", code);
 }
 
 FileReader::FileReader() = default;

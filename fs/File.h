@@ -2,8 +2,8 @@
 // all-or-nothing reads and writes at 32-bit positions. Every call is one
 // platform call.
 //
-// Errors: std::runtime_error whose text names the operation and carries the
-// platform's error code. Nothing is retried here. An operation on a closed
+// Errors: Failure (std::runtime_error) whose text names the operation and
+// carries the platform's error code. Nothing is retried here. An operation on a closed
 // File reports a fatal misuse to the platform first.
 // Owns its handle; the destructor closes it. No locks: one caller at a time.
 // Positions and sizes are bytes; from 2^31 on, seek fails.
@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/BlobStoreBase.h"
+#include "platform/Failure.h"
 #include "platform/Win32.h"
 
 class BLOBRING_EXPORT File : public BlobStoreBase {
@@ -37,6 +38,20 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   // failure the position is wherever the platform left it.
   unsigned read(char* buf, unsigned n) const;
   unsigned write(char* buf, unsigned n);
+
+  // At most n bytes, in one platform call, for a reader that takes several of
+  // the format's pieces at once. Returns how many came before the end of the file or before
+  // an error, whose code it leaves in `code`.
+  BLOBRING_HIDDEN unsigned readSome(unsigned char* buf, unsigned n, DWORD& code) const;
+
+  // What read() throws when only `got` of n bytes are there.
+  BLOBRING_HIDDEN static Failure ShortRead(unsigned n, unsigned got, DWORD code);
+
+  // Makes the file `length` bytes long. Leaves the position there.
+  BLOBRING_HIDDEN void truncate(unsigned length);
+
+  // Whether a path leads to this open file just now.
+  BLOBRING_HIDDEN bool isAt(const std::string& otherPath) const;
 
   // Makes what was written survive a power cut. True without a platform call
   // for a file that was opened for reading; false when it failed or is closed.

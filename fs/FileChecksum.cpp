@@ -17,12 +17,13 @@ constexpr unsigned kMaxPiece = 512;
 // that the last piece is cut to what its length leaves.
 MD5 DigestRest(File& f, unsigned piece) {
   MD5 digest;
+  unsigned at = f.tell();
   const unsigned end = f.size();
   if (end == INVALID_FILE_SIZE)
     throw std::runtime_error("FileSystem::GetFileChksum no size of " + f.Path() +
                              " GetLastError code = " + std::to_string(GetLastError()));
   char buffer[kMaxPiece];
-  for (unsigned at = f.tell(); at < end;) {
+  while (at < end) {
     const unsigned n = f.read(buffer, std::min(piece, end - at));
     digest.update(reinterpret_cast<const unsigned char*>(buffer), n);
     at += n;

@@ -1,8 +1,7 @@
 #include "fs/FileSystem.h"
 
-#include <stdexcept>
-
 #include "fs/ScopedFindHandle.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -26,6 +25,22 @@ std::string FileSystem::ConvertString(const std::u16string& s) {
   return narrow;
 }
 
+std::string FileSystem::AbsolutePath(const std::string& path) {
+  const std::u16string wide = ConvertString(path);
+  std::u16string full(wide.size() + MAX_PATH, u'\0');
+  DWORD length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+  if (length >= full.size()) {
+    full.resize(length);
+    length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+  }
+  if (length == 0 || length >= full.size()) {
+    const DWORD code = GetLastError();
+    throw Failure(FailureOf(code), "FileSystem::AbsolutePath error " + path + " GetLastError code= " + std::to_string(code));
+  }
+  full.resize(length);
+  return ConvertString(full);
+}
+
 HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess, unsigned creationDisposition,
                                unsigned flagsAndAttributes) {
   const std::u16string wide = ConvertString(path);
@@ -36,13 +51,13 @@ HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess, unsigne
     if (handle != INVALID_HANDLE_VALUE) return handle;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.WriteErrorV("FileSystem::CreateFile sharing violation file %s retry %d", path.c_str(),
-                                  static_cast<int>(retry));
+    trace::fileSystem.NoteErrorV("FileSystem::CreateFile sharing violation file %s retry %d", path.c_str(),
+                                 static_cast<int>(retry));
     Sleep(kSharingDelayMs);
   }
   const std::string text = "FileSystem::CreateFile error " + path + " GetLastError code= " + std::to_string(code);
   trace::fileSystem.WriteErrorV("%s", text.c_str());
-  throw std::runtime_error(text);
+  throw Failure(FailureOf(code), text);
 }
 
 namespace {
@@ -55,13 +70,13 @@ bool MoveWithRetry(const std::u16string& from, const std::u16string& to, Rename 
     if (rename(from.c_str(), to.c_str()) == 1) return true;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.WriteWarnV("FileSystem::MoveFile sharing violation file retrying %d", static_cast<int>(retry));
+    trace::fileSystem.NoteWarnV("FileSystem::MoveFile sharing violation file retrying %d", static_cast<int>(retry));
     Sleep(kSharingDelayMs);
   }
   const std::string text = "FileSystem::MoveFile error " + FileSystem::ConvertString(from) + " -> " +
                            FileSystem::ConvertString(to) + " GetLastError code= " + std::to_string(code);
   trace::fileSystem.WriteErrorV("%s", text.c_str());
-  throw std::runtime_error(text);
+  throw Failure(FailureOf(code), text);
 }
 
 }  // namespace

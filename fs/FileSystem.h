@@ -26,7 +26,11 @@ class BLOBRING_EXPORT FileSystem {
   static std::u16string ConvertString(const std::string& s);
   static std::string ConvertString(const std::u16string& s);
 
-  // Opens a file that nobody else holds. Throws std::runtime_error with the
+  // The path, made absolute with the current directory, so that a later change
+  // of it leads no file elsewhere. Throws std::runtime_error.
+  BLOBRING_HIDDEN static std::string AbsolutePath(const std::string& path);
+
+  // Opens a file that no other opener holds. Throws std::runtime_error with the
   // path and the platform's code.
   static HANDLE CreateFileW(std::string path, unsigned desiredAccess, unsigned creationDisposition,
                             unsigned flagsAndAttributes);

@@ -1,7 +1,7 @@
 #include "fs/KeptFile.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <optional>
 #include <vector>
 
 #include "fs/FileSystem.h"
@@ -11,28 +11,28 @@ namespace kept {
 
 namespace {
 
-constexpr unsigned kMaxKept = 9999;
 constexpr unsigned kPieceSize = 64 * 1024;
 
 bool Exists(const std::string& path) {
-  const HANDLE handle = ::CreateFileW(FileSystem::ConvertString(path).c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
+  const HANDLE handle = ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, 0);
   if (handle == INVALID_HANDLE_VALUE) return GetLastError() != ERROR_FILE_NOT_FOUND;
   CloseHandle(handle);
   return true;
 }
 
-std::string FreeName(const std::string& path) {
-  for (unsigned n = 1; n <= kMaxKept; ++n) {
+// Empty when all of them are taken.
+std::string FreeName(const std::string& path, unsigned limit) {
+  for (unsigned n = 1; n <= limit; ++n) {
     std::string name = path + ".kept-" + std::to_string(n);
     if (!Exists(name)) return name;
   }
-  throw std::runtime_error("kept::FreeName no name left for " + path);
+  return {};
 }
 
 void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
   std::vector<char, BlobAllocator<char, TesselMemoryManager::kContainerPool, kTagBytes>> piece;
-  piece.resize(kPieceSize);
+  piece.resize(std::min(kPieceSize, end - begin));
   from.seek(begin);
   for (unsigned at = begin; at < end;) {
     const unsigned n = from.read(piece.data(), std::min(kPieceSize, end - at));
@@ -44,20 +44,23 @@ void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
 }  // namespace
 
 std::string MoveAside(const std::string& path) {
-  std::string name = FreeName(path);
+  std::string name = FreeName(path, kMaxCopies);
+  if (name.empty()) throw Failure(FailureCode::Io, "kept::MoveAside no name left for " + path);
   FileSystem::MoveFileW(path, name);
   return name;
 }
 
-std::string CopyAside(File& file, unsigned begin, unsigned end) {
-  std::string name = FreeName(file.Path());
-  File copy;
-  copy.open(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
+std::string CopyAside(File& file, unsigned headSize, unsigned begin, unsigned end, unsigned limit) {
+  std::string name = FreeName(file.Path(), limit);
+  if (name.empty()) return name;
+  std::optional<File> copy(std::in_place);
+  copy->open(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
   try {
-    CopyBytes(file, copy, 0, begin);
-    CopyBytes(file, copy, end, file.size());
-    copy.close();  // flushes
+    CopyBytes(file, *copy, 0, std::min(headSize, end));
+    if (begin < end) CopyBytes(file, *copy, begin, end);
+    copy->close();  // flushes
   } catch (...) {
+    copy.reset();  // a file that is open cannot be deleted
     FileSystem::Remove(name);
     throw;
   }

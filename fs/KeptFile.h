@@ -1,6 +1,6 @@
-// Puts a damaged file out of harm's way, under a name of its own: the path
-// followed by ".kept-" and the first number that is free. What was kept
-// earlier is never overwritten.
+// Puts what a damaged file is about to lose out of harm's way, under a name of its
+// own: the path followed by ".kept-" and the first number that is free. What was
+// kept before is never overwritten.
 #pragma once
 
 #include <string>
@@ -9,13 +9,16 @@
 
 namespace kept {
 
-// Renames a file that nobody holds; returns its new path. Throws
+// Renames a file that no opener holds; returns its new path. Throws
 // std::runtime_error.
 std::string MoveAside(const std::string& path);
 
-// Copies an open file but for the bytes from offset begin to offset end, which
-// are not in danger; flushed. Returns the copy's path. The position is left
-// anywhere. Throws std::runtime_error, and has then left no copy.
-std::string CopyAside(File& file, unsigned begin, unsigned end);
+// Copies the first headSize bytes of an open file and those from begin to end,
+// flushed. Returns the copy's path, empty when `limit` copies are there already;
+// nothing is copied then. Leaves the position undefined. Throws
+// std::runtime_error, and has then left no copy.
+std::string CopyAside(File& file, unsigned headSize, unsigned begin, unsigned end, unsigned limit);
+
+constexpr unsigned kMaxCopies = 9999;
 
 }  // namespace kept

@@ -1,125 +1,139 @@
 #include "pack/BlobFile.h"
 
 #include <algorithm>
-#include <limits>
-#include <stdexcept>
+#include <iterator>
 #include <utility>
 
-#include "pack/CutShort.h"
 #include "pack/Replay.h"
 #include "platform/Trace.h"
 
 using format::FileHeader;
-using format::OpHeader;
-using format::TransactionBlock;
+using format::RecordHead;
 
 namespace {
 
 // Data up to this size is copied and written together with other records.
 constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kUsualCapacity / 2;
-// Where blobs come one by one to be put, larger data is copied too, so that it
-// can be digested beside the next one: a copy takes a tenth of a digest.
+// Where records may wait, larger data is copied too, so that it can be digested
+// beside the next blob: a copy takes a tenth of a digest.
 constexpr std::uint32_t kMaxGatheredPut = 512 * 1024;
 
-// What a commit makes blank behind itself in a journal whose file is used
-// again: one write in some commits saves a flush in all of them.
-constexpr std::uint32_t kBlankAhead = 64 * 1024;
-// Past the end of a file there is nothing.
-constexpr std::uint32_t kBlankForever = std::numeric_limits<std::uint32_t>::max();
-
-char* Chars(unsigned char* bytes) {
-  return reinterpret_cast<char*>(bytes);
-}
+// Kept free in a journal, so that a store that is filled to the brim can still
+// delete: 64 deletes, each in a transaction of its own.
+constexpr std::uint32_t kReservedForDeletes = 64 * format::kLeastTransaction;
 
 std::uint32_t LengthOf(const File& file) {
   const std::uint32_t length = file.size();
-  if (length == INVALID_FILE_SIZE)
-    throw std::runtime_error("BlobFile: no length of " + file.Path() +
-                             " GetLastError code = " + std::to_string(GetLastError()));
-  return length;
-}
-
-// A file that a power cut caught while it was created: nothing was ever
-// committed to it.
-bool WasCutOffAtCreation(File& file, std::uint32_t length) {
-  if (length < format::kFileHeaderSize) return true;
-  if (length > format::kFileHeaderSize) return false;
-  unsigned char bytes[format::kFileHeaderSize];
-  file.seek(0);
-  file.read(Chars(bytes), sizeof bytes);
-  return std::all_of(std::begin(bytes), std::end(bytes), [](unsigned char byte) { return byte == 0; });
+  if (length != INVALID_FILE_SIZE) return length;
+  const DWORD code = GetLastError();
+  throw Failure(FailureOf(code),
+                "BlobFile: no length of " + file.Path() + " GetLastError code = " + std::to_string(code));
 }
 
 }  // namespace
 
 BlobFile::BlobFile() = default;
 
-BlobFile::BlobFile(const BlobFile& other)
-    : BlobStoreBase(other),
-      header(other.header),
-      path(other.path),
-      committed(other.committed),
-      headerSound(other.headerSound) {}
+BlobFile::BlobFile(const BlobFile& other) : BlobStoreBase(other), header(other.header), path(other.path) {}
 
 BlobFile& BlobFile::operator=(const BlobFile& other) {
-  if (this == &other) return *this;
   header = other.header;
   path = other.path;
-  committed = other.committed;
-  headerSound = other.headerSound;
   return *this;
 }
 
 BlobFile::~BlobFile() = default;
 
-void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
+void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned access, unsigned disposition) {
+  file.close();
   path = filePath;
   mode = fileMode;
+  header = FileHeader{};
   header.mode = fileMode;
-  inDoubt = false;
-  headerSound = true;
-  file.open(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-  if (!WasCutOffAtCreation(file, LengthOf(file))) {
+  header.endOffset = format::kFileHeaderSize;
+  state = State::Clean;
+  committedIsSound = false;
+  cutOnClose = false;
+  loaded = Loaded{};
+  file.open(path, access, disposition, FILE_ATTRIBUTE_NORMAL);
+}
+
+// A file that a power cut caught while it was created: nothing was ever
+// committed to it.
+bool BlobFile::IsNew(std::uint32_t length) {
+  if (length > format::kFileHeaderSize) return false;
+  unsigned char fresh[format::kFileHeaderSize];
+  header.Encode(fresh);
+  unsigned char bytes[format::kFileHeaderSize] = {};
+  file.seek(0);
+  file.read(reinterpret_cast<char*>(bytes), length);
+  if (std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; })) return true;
+  return length < format::kFileHeaderSize && std::equal(bytes, bytes + length, fresh);
+}
+
+void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
+  Open(filePath, fileMode, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+  const std::uint32_t length = LengthOf(file);
+  if (!IsNew(length)) {
     ReadHeader();
     return;
   }
-  header.endOffset = format::kFileHeaderSize;
+  if (length > 0)
+    trace::pack.WriteWarnV("BlobFile::Init %s was cut off at %d bytes while it was created, it gets a new header",
+                           path.c_str(), static_cast<int>(length));
+  writer.Restart(mode == Journal);
   if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
+}
+
+void BlobFile::InitReadOnly(const std::string& filePath, BlobFileMode fileMode) {
+  Open(filePath, fileMode, GENERIC_READ, OPEN_EXISTING);
+  if (!IsNew(LengthOf(file))) ReadHeader();
+}
+
+bool BlobFile::HeaderIsSound() const {
+  return header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
 }
 
 void BlobFile::ReadHeader() {
   unsigned char bytes[format::kFileHeaderSize];
   file.seek(0);
-  file.read(Chars(bytes), sizeof bytes);
+  file.read(reinterpret_cast<char*>(bytes), sizeof bytes);
   header = FileHeader::Decode(bytes);
   committed = header;
-  headerSound = header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
-  blankEnd = 0;
+  committedIsSound = HeaderIsSound();
+  if (state != State::InDoubt) state = committedIsSound ? State::Clean : State::Damaged;
+  writer.Restart(mode == Journal);
+}
+
+void BlobFile::WriteHeader(const FileHeader& next) {
+  unsigned char bytes[format::kFileHeaderSize];
+  next.Encode(bytes);
+  file.seek(0);
+  file.write(reinterpret_cast<char*>(bytes), sizeof bytes);
 }
 
 bool BlobFile::UpdateHeader() {
-  unsigned char bytes[format::kFileHeaderSize];
-  header.Encode(bytes);
-  WriteAt(0, bytes, sizeof bytes);
+  WriteHeader(header);
   if (!file.flush()) {
-    inDoubt = true;
+    state = State::InDoubt;
     return false;
   }
   committed = header;
-  headerSound = true;
+  committedIsSound = true;
+  if (state != State::InDoubt) state = State::Clean;
   return true;
 }
 
 // Makes next the header, in memory and on disk, or neither.
 void BlobFile::Rewrite(const FileHeader& next) {
-  const FileHeader before = header;
-  header = next;
+  const FileHeader before = std::exchange(header, next);
   bool flushed = false;
   try {
     flushed = UpdateHeader();
   } catch (...) {
+    // A header that was written in part may count what was not acknowledged.
     header = before;
-    RestoreHeader();
+    if (!PutCommittedHeader() || (committedIsSound && !file.flush())) state = State::InDoubt;
     throw;
   }
   if (flushed) return;
@@ -130,14 +144,11 @@ void BlobFile::Rewrite(const FileHeader& next) {
 }
 
 // What memory shows must not be ahead of what is known to be on disk: the
-// next process would build on it. False, after a message, when even that
-// fails.
+// next process would build on it. False, after a message, when that fails.
 bool BlobFile::PutCommittedHeader() {
-  if (!headerSound) return true;
-  unsigned char bytes[format::kFileHeaderSize];
-  committed.Encode(bytes);
+  if (!committedIsSound) return true;
   try {
-    WriteAt(0, bytes, sizeof bytes);
+    WriteHeader(committed);
     return true;
   } catch (const std::exception& e) {
     trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
@@ -145,14 +156,9 @@ bool BlobFile::PutCommittedHeader() {
   }
 }
 
-// A header that was written in part may count what was not acknowledged.
-void BlobFile::RestoreHeader() {
-  if (!PutCommittedHeader() || (headerSound && !file.flush())) inDoubt = true;
-}
-
 void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
-  throw std::runtime_error(std::string("BlobFile: the ") + what + " of " + path +
-                           " did not reach the disk, GetLastError code = " + std::to_string(code));
+  throw Failure(FailureCode::InDoubt, std::string("BlobFile: the ") + what + " of " + path +
+                                          " did not reach the disk, GetLastError code = " + std::to_string(code));
 }
 
 bool BlobFile::Reset() {
@@ -162,237 +168,132 @@ bool BlobFile::Reset() {
   empty.sequence = format::kSequenceReset;
   empty.endOffset = format::kFileHeaderSize;
   Rewrite(empty);
-  blankEnd = 0;
-  isDamaged = false;
+  loaded = Loaded{};
+  cutOnClose = true;
+  writer.Restart(mode == Journal);
   return true;
-}
-
-void BlobFile::SetSequence(std::int32_t sequence) {
-  header.sequence = sequence;
 }
 
 void BlobFile::RequireNotInDoubt() const {
-  if (inDoubt)
-    throw std::runtime_error("BlobFile: a flush of " + path +
-                             " has failed, no change is accepted until it is opened anew");
+  if (InDoubt())
+    throw Failure(FailureCode::InDoubt,
+                  "BlobFile: a flush of " + path + " has failed, no change is accepted until it is opened again");
 }
 
 void BlobFile::RequireWritable() {
-  if (!file.IsOpen()) file.seek(header.endOffset);  // throws; gathering must not hide that nothing can be written
+  if (!file.IsOpen()) file.seek(header.endOffset);  // throws: gathering must not hide that nothing can be written
   RequireNotInDoubt();
-  if (!headerSound)
-    throw std::runtime_error("BlobFile: the header of " + path + " is damaged, nothing is written through it");
+  if (IsDamaged())
+    throw Failure(FailureCode::Damaged, "BlobFile: " + path + " is damaged, nothing is written through its header");
 }
 
-void BlobFile::RequireRoom(std::uint64_t recordSize) const {
-  if (header.endOffset + recordSize + format::kEndSize > format::kMaxFileSize)
-    throw std::runtime_error("BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
-                             std::to_string(recordSize) + " bytes, a file ends at 2147483647");
+// With the end record. The reserve is waived for a blob that would not fit
+// into an empty journal with it.
+void BlobFile::RequireRoom(const RecordHead& record) const {
+  const std::uint64_t size = record.op.op == format::kOpStore ? std::uint64_t{format::kStoreHeadSize} + record.size
+                                                              : format::kDeleteSize;
+  const std::uint64_t alone = format::kFileHeaderSize + format::kStartSize + size + format::kEndSize;
+  const bool reserves = mode == Journal && record.op.op == format::kOpStore &&
+                        alone + kReservedForDeletes <= format::kMaxFileSize;
+  if (header.endOffset + size + format::kEndSize + (reserves ? kReservedForDeletes : 0) <= format::kMaxFileSize) return;
+  throw Failure(FailureCode::Full, "BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
+                                       std::to_string(size) + " bytes, a file ends at 2147483647");
 }
 
-void BlobFile::WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
-  file.seek(offset);
-  file.write(Chars(bytes), size);
+void BlobFile::BeginTransaction(long long id) {
+  RequireWritable();
+  RequireRoom(RecordHead{{format::kOpDelete, 0}, {}, 0});  // no transaction takes less
+  writer.Begin(id);
+  state = State::InTransaction;
 }
 
 bool BlobFile::StartTransaction(long long id) {
-  RequireWritable();
-  RequireRoom(format::kStartSize);
-  unsigned char record[format::kStartSize] = {};
-  OpHeader{format::kOpStartTransaction, id}.Encode(record);
-  FindBlank();
-  gather.Restart(header.endOffset);
-  gather.Reserve(sizeof record);
-  gather.Append(record, sizeof record);
-  gather.Digested(sizeof record);
-
-  block = TransactionBlock{};
-  blockOffset = header.endOffset + format::kOpHeaderSize;
-  header.endOffset += format::kStartSize;
-  header.recordCount += 1;
-  md5.init();
+  BeginTransaction(id);
+  try {
+    writer.WriteOut();
+  } catch (...) {
+    CancelTransaction();
+    throw;
+  }
   return true;
 }
 
-// Appends one record, then counts it. Where that fails, nothing of it is in
-// the buffer or in the digest, and what may have reached the file lies past
-// the end.
-void BlobFile::Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data, std::uint32_t dataSize) {
+void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data,
+                      std::uint32_t mostGathered) {
   RequireWritable();
-  RequireRoom(std::uint64_t{headSize} + dataSize);
-  const bool isPut = std::exchange(digestedBeside, false);
-  if (dataSize > (isPut ? kMaxGatheredPut : kMaxGatheredData)) {
-    AppendDirectly(head, headSize, data, dataSize);
-  } else {
-    if (!gather.Fits(headSize + dataSize)) EmptyGathered();
-    gather.Reserve(headSize + dataSize);
-    gather.Append(head, headSize);
-    gather.Append(data, dataSize);
-  }
-  header.endOffset += headSize + dataSize;
-  header.recordCount += 1;
+  RequireRoom(record);
+  entry.offset = header.endOffset;
+  writer.Append(record, data, mostGathered);
+  entry.op = record.op.op;
+  if (record.op.op != format::kOpStore) return;
+  header.maxBlobSize = std::max(header.maxBlobSize, record.size);
+  block.maxBlobSize = std::max(block.maxBlobSize, record.size);
+  entry.size = record.size;
+  entry.ordinal = 0;
+  entry.valid = true;
 }
 
-// Large data goes to the file from where it is. Its head travels with what
-// was gathered before it.
-void BlobFile::AppendDirectly(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
-                              std::uint32_t dataSize) {
-  if (!gather.Fits(headSize)) EmptyGathered();
-  gather.Reserve(headSize);
-  gather.Append(head, headSize);
+void BlobFile::WriteOutOrTakeBack(const FileHeader& before, const format::TransactionBlock& blockBefore) {
   try {
-    gather.WriteOut(file);
-    WriteAt(gather.End(), data, dataSize);
+    writer.WriteOut();
   } catch (...) {
-    gather.Truncate(header.endOffset);
+    writer.TakeBack(before);
+    block = blockBefore;
     throw;
   }
-  DigestGathered();
-  md5.update(data, dataSize);
-  gather.Restart(gather.End() + dataSize);
 }
 
-void BlobFile::DigestGathered() {
-  const std::span<const unsigned char> rest = gather.Undigested();
-  md5.update(rest.data(), static_cast<unsigned>(rest.size()));
-  gather.Digested(rest.size());
-}
-
-void BlobFile::EmptyGathered() {
-  gather.WriteOut(file);
-  DigestGathered();
-  gather.Restart(gather.End());
+void BlobFile::Gather(BlobFileEntry& entry, const BlobPair& blob) {
+  RecordHead record{{format::kOpStore, entry.transactionId}, {}, blob.buffer.size};
+  std::copy_n(blob.hash.Bytes(), format::kHashSize, record.hash);
+  Append(entry, record, blob.buffer.data, kMaxGatheredPut);
+  entry.hash = blob.hash;
 }
 
 bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
-  const std::uint32_t offset = header.endOffset;
-  const std::uint32_t size = blob.buffer.size;
-  unsigned char head[format::kStoreHeadSize];
-  OpHeader{format::kOpStore, entry.transactionId}.Encode(head);
-  std::copy_n(blob.hash.Bytes(), format::kHashSize, head + format::kOpHeaderSize);
-  format::Put32(head + format::kOpHeaderSize + format::kHashSize, size);
-  Append(head, sizeof head, blob.buffer.data, size);
-
-  header.maxBlobSize = std::max(header.maxBlobSize, size);
-  block.maxBlobSize = std::max(block.maxBlobSize, size);
-  entry.op = format::kOpStore;
-  entry.offset = offset;
-  entry.size = size;
-  entry.ordinal = 0;
-  entry.valid = true;
+  const FileHeader before = header;
+  const format::TransactionBlock blockBefore = block;
+  RecordHead record{{format::kOpStore, entry.transactionId}, {}, blob.buffer.size};
+  std::copy_n(blob.hash.Bytes(), format::kHashSize, record.hash);
+  Append(entry, record, blob.buffer.data, kMaxGatheredData);
+  WriteOutOrTakeBack(before, blockBefore);
   entry.hash = blob.hash;
   return true;
 }
 
 bool BlobFile::Delete(BlobFileEntry& entry) {
-  const std::uint32_t offset = header.endOffset;
-  unsigned char record[format::kDeleteSize];
-  OpHeader{format::kOpDelete, entry.transactionId}.Encode(record);
-  std::copy_n(entry.hash.Bytes(), format::kHashSize, record + format::kOpHeaderSize);
-  Append(record, sizeof record, nullptr, 0);
-  entry.op = format::kOpDelete;
-  entry.offset = offset;
+  const FileHeader before = header;
+  RecordHead record{{format::kOpDelete, entry.transactionId}, {}, 0};
+  std::copy_n(entry.hash.Bytes(), format::kHashSize, record.hash);
+  Append(entry, record, nullptr, kMaxGatheredData);
+  WriteOutOrTakeBack(before, block);
   return true;
 }
 
 bool BlobFile::EndTransaction(long long id) {
   RequireWritable();
-  // On copies: until the header is written, a failure leaves the transaction
-  // open as it was.
-  const std::uint32_t end = header.endOffset;
-  DigestGathered();
-  TransactionBlock whole = block;
-  whole.length = end - blockOffset - format::kBlockSize;
-  MD5 digest = md5;
-  digest.finalize();
-  digest.raw_digest(whole.digest);
-
-  FileHeader next = header;
-  next.endOffset = end + format::kEndSize;
-  next.recordCount += 1;
-  // Until this succeeds, what was written lies where the next attempt goes.
-  const std::uint32_t blank = std::exchange(blankEnd, 0);
   try {
-    const std::uint32_t blankNext = WriteEnd(id, whole, blank);
+    FileHeader next;
+    if (writer.WriteEnd(id, next) && !file.flush()) {
+      const DWORD code = GetLastError();
+      state = State::InDoubt;
+      ThrowNotFlushed("records", code);
+    }
     Rewrite(next);
-    blankEnd = blankNext;
   } catch (...) {
-    gather.Truncate(end);
+    writer.NotCommitted();
     throw;
   }
-  ForgetGathered();
+  writer.Committed();
   return true;
-}
-
-// Blank space is only ever looked for, and made, in a journal: the one
-// transaction of a pack does not pay for it.
-void BlobFile::FindBlank() {
-  if (mode == Journal && file.size() == header.endOffset) blankEnd = kBlankForever;
-}
-
-// Makes space behind a transaction blank that is not yet, as far as the file
-// reaches; it is flushed with what follows. Returns where the blank space then
-// ends. Where it cannot be written there is none: that costs a flush later.
-std::uint32_t BlobFile::BlankBehind(std::uint32_t end, std::uint32_t from) noexcept {
-  static unsigned char zeros[kBlankAhead];
-  try {
-    const std::uint32_t length = LengthOf(file);
-    if (from >= length) return kBlankForever;
-    const std::uint32_t until = std::min(length, end + kBlankAhead);
-    if (until > from) WriteAt(from, zeros, until - from);
-    return until == length ? kBlankForever : until;
-  } catch (const std::exception&) {
-    return 0;
-  }
-}
-
-// Everything of the transaction but its header, flushed where that is needed
-// before the header. Takes where the blank space ends, and returns where it
-// does once the header is flushed.
-std::uint32_t BlobFile::WriteEnd(long long id, const TransactionBlock& whole, std::uint32_t blank) {
-  unsigned char endRecord[format::kEndSize];
-  OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
-  unsigned char blockBytes[format::kBlockSize];
-  whole.Encode(blockBytes);
-
-  if (!gather.Fits(sizeof endRecord)) EmptyGathered();
-  gather.Reserve(sizeof endRecord);
-  gather.Append(endRecord, sizeof endRecord);
-  const bool blockGathered = gather.Patch(blockOffset, blockBytes, sizeof blockBytes);
-  gather.WriteOut(file);
-  if (!blockGathered) WriteAt(blockOffset, blockBytes, sizeof blockBytes);
-
-  const std::uint32_t end = gather.End();
-  const bool isInBlank = end <= blank;
-  std::uint32_t next = isInBlank ? blank : end;
-  if (mode == Journal && next - end < kBlankAhead / 2) next = BlankBehind(end, next);
-
-  // Records before header: a header that counts these must never meet
-  // others in their place. In blank space there are no others: what does not
-  // reach the disk is zeros or missing, which a load tells from records, and
-  // the flush of the header is enough.
-  if (isInBlank || file.flush()) return next;
-  inDoubt = true;
-  ThrowNotFlushed("records", GetLastError());
 }
 
 void BlobFile::CancelTransaction() {
   const std::int32_t sequence = header.sequence;  // may be ahead of the disk
   header = committed;
   header.sequence = sequence;
-  block = TransactionBlock{};
-  if (gather.WrittenEnd() > header.endOffset) blankEnd = 0;
-  ForgetGathered();
-}
-
-// A pack takes one transaction, a journal the next one soon.
-void BlobFile::ForgetGathered() {
-  gather.Restart(header.endOffset);
-  if (mode == Pack) {
-    gather.ReleaseAll();
-  } else {
-    gather.ReleaseExcess();
-  }
+  if (state == State::InTransaction) state = State::Clean;
+  writer.Cancel();
 }
 
 void BlobFile::CommitHeader() {
@@ -400,62 +301,109 @@ void BlobFile::CommitHeader() {
   Rewrite(header);
 }
 
-void BlobFile::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
-  const std::span<const unsigned char> rest = gather.Undigested();
-  UpdateBoth(other, data, size, md5, rest.data(), static_cast<std::uint32_t>(rest.size()));
-  gather.Digested(rest.size());
-  digestedBeside = true;
+bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
+  return ReadBlob(blob, offset, BlobPair::Patience::Rereads);
+}
+
+bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) {
+  // A small blob is read together with its record's head, in one call.
+  constexpr std::uint32_t kMaxSmallBlob = 4096;
+  unsigned char bytes[format::kStoreHeadSize + kMaxSmallBlob];
+  const std::uint32_t dataSize = blob.buffer.size <= kMaxSmallBlob ? blob.buffer.size : 0;
+  return TakeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize), patience);
+}
+
+BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
+  if (offset + size > writer.WrittenEnd()) writer.WriteOut();
+  DWORD code = ERROR_SUCCESS;
+  file.seek(offset);
+  const std::uint32_t got = file.readSome(bytes, size, code);
+  return {{bytes, got}, size, code};
+}
+
+bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record, BlobPair::Patience patience) {
+  const auto got = static_cast<std::uint32_t>(record.held.size());
+  if (got < format::kOpHeaderSize) throw File::ShortRead(format::kOpHeaderSize, got, record.code);
+  const std::int32_t op = format::OpHeader::Decode(record.held.data()).op;
+  if (op != format::kOpStore) {
+    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
+                            static_cast<int>(offset), blob.hash.toString().c_str(), op);
+    return false;
+  }
+  if (got < format::kDeleteSize) throw File::ShortRead(format::kHashSize, got - format::kOpHeaderSize, record.code);
+  if (got < format::kStoreHeadSize) throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
+  RecordHead head = RecordHead::Decode(record.held.data());
+  blob.hash.setHash(head.hash);
+  const BlobPair::Data data{record.held.subspan(format::kStoreHeadSize), record.asked - format::kStoreHeadSize,
+                            record.code};
+  blob.ReadData(file, offset + format::kOpHeaderSize, head.size, data, patience);
+  return true;
+}
+
+void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const {
+  if (read.hash == wanted) return;
+  throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() " + path + " at " + std::to_string(offset) +
+                                          ": wanted hash " + wanted.toString() + ", got " + read.hash.toString());
 }
 
 bool BlobFile::Load(Entries& out) {
   ReadHeader();
-  isDamaged = true;
-  loadedCount = 0;
-  loadedEnd = format::kFileHeaderSize;
+  loaded = Loaded{};
   const std::uint32_t length = LengthOf(file);
-  if (!headerSound) {
+  if (!committedIsSound)
     trace::pack.WriteWarnV("BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
                            static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
-    if (header.endOffset > length) ReplayCutOff(out, length);
-    return false;
-  }
-  const bool isSound = Replay(*this, out, length).Run();
-  isDamaged = !isSound || (loadedCount == 0 && !LoadedAll());
-  return isSound;
-}
-
-// A file that has lost its end: what comes whole before that is good.
-void BlobFile::ReplayCutOff(Entries& out, std::uint32_t length) {
-  try {
-    Replay(*this, out, length).Run();
-  } catch (const CutShort& e) {
-    trace::pack.WriteWarnV("%s", e.what());
-  }
+  Replayed replayed = Replay(file, header, length, loadProgress).Run();
+  loaded = {replayed.count, replayed.end, replayed.lastIsTorn, replayed.wholeBehind};
+  out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
+             std::make_move_iterator(replayed.entries.end()));
+  // A header that counts none whole of the records that it covers is damage as
+  // well, though a load can go by it.
+  if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll()))) state = State::Damaged;
+  if (replayed.cutShort) throw *replayed.cutShort;
+  return !replayed.damaged;
 }
 
 bool BlobFile::LoadedAll() const {
-  return headerSound && loadedCount == header.recordCount && loadedEnd == header.endOffset;
+  return committedIsSound && loaded.count == header.recordCount && loaded.end == header.endOffset;
+}
+
+std::uint32_t BlobFile::CoveredEnd() const {
+  const std::uint32_t length = LengthOf(file);
+  return committedIsSound ? header.endOffset : length;
 }
 
 void BlobFile::KeepLoaded() {
   try {
-    if (!headerSound && loadedCount == 0) {
+    RequireNotInDoubt();
+    if (!committedIsSound && loaded.count == 0) {
       Reset();
       return;
     }
-    RequireNotInDoubt();
     FileHeader whole = header;
-    whole.recordCount = loadedCount;
-    whole.endOffset = loadedEnd;
-    blankEnd = 0;
+    whole.recordCount = loaded.count;
+    whole.endOffset = loaded.end;
     Rewrite(whole);
+    writer.Restart(mode == Journal);
   } catch (const std::exception& e) {
-    inDoubt = true;
-    trace::pack.WriteErrorV("BlobFile: %s cannot be mended, no change is accepted: %s", path.c_str(), e.what());
+    state = State::InDoubt;
+    trace::pack.WriteErrorV("BlobFile: the header of %s cannot be put right, no change is accepted: %s", path.c_str(),
+                            e.what());
   }
 }
 
 bool BlobFile::Secure() {
-  if (!file.flush()) inDoubt = true;
-  return !inDoubt;
+  if (!file.flush()) state = State::InDoubt;
+  return !InDoubt();
+}
+
+void BlobFile::CutToRecords() noexcept {
+  const bool inOrder = state == State::Clean || state == State::InTransaction;
+  if (!file.IsOpen() || !inOrder || !(cutOnClose || writer.HasMadeBlank())) return;
+  try {
+    const std::uint32_t end = std::max(header.endOffset, writer.WrittenEnd());
+    if (LengthOf(file) > end) file.truncate(end);
+  } catch (const std::exception& e) {
+    trace::pack.NoteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s", path.c_str(), e.what());
+  }
 }

@@ -1,32 +1,29 @@
 // One append-only file of blob records. Packs and journals share this class
 // and every byte of the format; only the mode word differs.
 //
-// Commit: records count once the header that counts them has been rewritten.
-// The records are flushed before it, and it is flushed before anyone is told:
-// whatever part of the unflushed sectors a power cut leaves, the header on
-// disk never counts a record that is not there. A journal needs one flush for
-// both where the transaction lies in blank space: past the end of the file, or
-// over zeros that are known to be on disk. There are no bytes that a load could
-// take for records, so that a header which reached the disk without its
-// transaction counts something that is plainly not there, and the load goes
-// back to the transactions before it. In a journal whose file is used again,
-// commits blank some of what lies ahead of them. Bytes past header.endOffset
-// are leftovers that the next write covers.
+// A record counts once the header that counts it is on disk. How a commit gets
+// there is RecordWriter's: its rules C1 to C5. Bytes past header.endOffset are
+// leftovers that the next write covers; no reader looks at them.
 //
-// After a failed flush nobody knows what the disk holds: InDoubt() is true
-// and nothing more is written until the file is opened anew. A header that
-// this class cannot have written marks damage: nothing is written through it.
+//   Clean ──StartTransaction──▶ InTransaction ──EndTransaction, Cancel──▶ Clean
+//   any ──a flush fails──▶ InDoubt              until Init
+//   Clean ──ReadHeader, Load──▶ Damaged         until Reset or KeepLoaded
+//
+// InDoubt: what the disk holds is unknown, so nothing more is written. Damaged: the
+// header is not one that this class writes, or does not count what is there;
+// nothing is written through it. Both can be read.
 //
 // Owns its File. The destructor closes it and leaves the header alone, so a
 // transaction that was not ended is gone at the next load.
-// Errors: what File throws passes through, and std::runtime_error of its own;
-// nothing is caught for good. After a throw the file is as it was before the
-// call, as far as a later load can tell, and the call can be made again.
+// Errors: what File throws passes through, and Failure of its own. After a
+// throw the file is as it was before the call, as far as a later load can
+// tell, and the call can be made again.
 // No locks: one caller at a time. Sizes and offsets are bytes, 32 bits.
 #pragma once
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -34,15 +31,16 @@
 #include "md5/MD5.h"
 #include "pack/BlobPair.h"
 #include "pack/Format.h"
-#include "pack/GatherBuffer.h"
 #include "pack/Hash.h"
 #include "pack/ProgressCall.h"
+#include "pack/RecordWriter.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 
 class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
  public:
   enum BlobFileMode : std::uint32_t { Journal = 0, Pack = 1 };
+  enum class State { Clean, InTransaction, InDoubt, Damaged };
 
   // Where one store or delete record lies.
   struct BlobFileEntry {
@@ -65,9 +63,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   ~BlobFile() override;
 
   // Opens the file exclusively, creating it when it is missing, and reads its
-  // header, or writes a fresh one where there is none: in an empty file and
-  // in one that was cut off while it was created.
+  // header. Writes a fresh one, flushed, into an empty file and into one that
+  // was cut off while it was created: at most 24 bytes that are all zeros, or the
+  // beginning of a fresh header. Any other file too short for a header throws.
   void Init(std::string filePath, BlobFileMode fileMode, unsigned int reserved);
+
+  // Opens a file that exists for reading alone. An empty or cut-off one passes
+  // for one with a fresh header.
+  BLOBRING_HIDDEN void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);
 
   void ReadHeader();
 
@@ -77,52 +80,66 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Empties the file, flushed: no records, sequence -1. It keeps its length.
   bool Reset();
 
-  // Sets the pack generation; it reaches the disk with the next header.
-  void SetSequence(std::int32_t sequence);
-
   // Writes a start record. A transaction then runs to EndTransaction or
   // CancelTransaction.
   bool StartTransaction(long long id);
 
   // Appends blob and fills in entry, except for transactionId, which is read,
   // and file. Throws, before anything is written, when the file would outgrow
-  // 2 GiB - 1 with its end record.
+  // 2 GiB - 1 with its end record; a journal keeps room for 64 deletes as well.
   bool Store(BlobFileEntry& entry, const BlobPair& blob);
 
   // Appends a delete record for entry.hash; sets op and offset.
   bool Delete(BlobFileEntry& entry);
 
-  // Commits. When it throws and InDoubt() is false, the transaction is still
-  // open and can be ended again.
+  // StartTransaction and Store whose records may wait in memory until the next
+  // call that writes.
+  BLOBRING_HIDDEN void BeginTransaction(long long id);
+  BLOBRING_HIDDEN void Gather(BlobFileEntry& entry, const BlobPair& blob);
+
+  // Adds data to another digest and, in the same time, brings the open
+  // transaction's own up to date.
+  BLOBRING_HIDDEN void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
+    writer.DigestBeside(other, data, size);
+  }
+
+  // Commits. When it throws and the state is not InDoubt, the transaction is
+  // still open and can be ended again.
   bool EndTransaction(long long id);
 
   // Forgets what was written since the last commit.
-  void CancelTransaction();
+  BLOBRING_HIDDEN void CancelTransaction();
+
+  // Sets the pack generation; it reaches the disk with the next header.
+  BLOBRING_HIDDEN void SetSequence(std::int32_t sequence) { header.sequence = sequence; }
 
   // Commits the header alone, with what SetSequence gave it.
-  void CommitHeader();
+  BLOBRING_HIDDEN void CommitHeader();
 
-  // Reads the store record at offset into blob (BlobPair::Read) and makes
-  // sure that it is the blob that was asked for. False, after a message, when
-  // there is another kind of record; throws when the blob cannot be read.
+  // Reads the store record at offset into blob, whose buffer must hold it. Sets
+  // the pair's hash to the record's: a caller that wants a certain blob compares.
+  // False, after a message, when there is another kind of record; throws when the
+  // blob cannot be read or does not match its hash. See BlobPair::Read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
-  // The quick way to the same: reads into the pair's buffer, whose size must be
-  // the blob's, with one platform call for a small blob and two for a large
-  // one. False, without a message, for whatever is not as it should be;
-  // GetBlob then finds out what it is.
-  bool GetBlobQuickly(BlobPair& blob, unsigned int offset);
+  // The same in parts, for a reader of many records: what has been read of a record,
+  // which was to be `asked` bytes, and the platform's code where it is less.
+  struct RecordBytes {
+    std::span<const unsigned char> held;
+    std::uint32_t asked;
+    std::uint32_t code;
+  };
+  BLOBRING_HIDDEN bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+                                BlobPair::Patience patience);
 
-  // Reads size bytes at offset. False where that fails; nothing is thrown,
-  // nothing reported.
-  bool ReadBytes(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
+  // Throws when a record that was read, whose hash the pair has, is not that of
+  // the blob that was wanted.
+  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const;
 
-  // Whether bytes begin with the head of the store record of such a blob.
-  static bool IsStoreRecord(const unsigned char* record, const Hash& hash, std::uint32_t size);
+  BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
 
-  // Adds size bytes to another digest and, in the same time, brings the open
-  // transaction's own up to date.
-  void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size);
+  // GetBlob with a choice.
+  BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
 
   // Replays the committed records and appends their entries to out, whole
   // transactions only. False, after a message, when the file is damaged; out
@@ -130,72 +147,73 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // ends inside a record or a transaction, and what File throws.
   bool Load(Entries& out);
 
-  // Whether the last Load used up exactly what the header counts.
-  bool LoadedAll() const;
+  // Told by Load how far it has got, in bytes.
+  BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
-  // Where the last whole transaction that the last Load found ends.
-  std::uint32_t LoadedEnd() const { return loadedEnd; }
+  // What the last Load found. LoadedAll: exactly what the header counts.
+  // LastIsTorn: all but the last transaction, which was cut off by a power
+  // failure or damaged since. WholeBehind: damage with a whole transaction behind it.
+  BLOBRING_HIDDEN bool LoadedAll() const;
+  BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.lastIsTorn; }
+  BLOBRING_HIDDEN bool WholeBehind() const { return loaded.wholeBehind; }
+  // Where the last whole transaction ends, and where what the header covers
+  // does: at the end of the file if the header does not tell.
+  BLOBRING_HIDDEN std::uint32_t LoadedEnd() const { return loaded.end; }
+  BLOBRING_HIDDEN std::uint32_t CoveredEnd() const;
 
-  // Makes the header count exactly the whole transactions that the last Load
-  // found, so that the next one follows them. Where that fails, the file is
-  // in doubt and can still be read.
-  void KeepLoaded();
+  // Makes the header count exactly what the last Load found, so that the next
+  // transaction follows it. On failure the file is in doubt.
+  BLOBRING_HIDDEN void KeepLoaded();
 
-  // Flushes what may have been left unflushed by an earlier opener; where
-  // that fails, the file is in doubt and the result false.
-  bool Secure();
+  // Flushes what an earlier opener may have left unflushed. On failure the file
+  // is in doubt and the result false.
+  BLOBRING_HIDDEN bool Secure();
 
-  // What the last Load found. Damage as well, though Load can go by it, is a
-  // header that counts none whole of the records that it covers, and, even
-  // before a Load, one that this class cannot have written.
-  bool IsDamaged() const { return isDamaged || !headerSound; }
+  // Cuts off what lies behind the records, if the file is in order and CutOnClose was
+  // called or space was made blank: call it before the file is closed.
+  BLOBRING_HIDDEN void CutToRecords() noexcept;
+  BLOBRING_HIDDEN void CutOnClose() { cutOnClose = true; }
 
-  bool InDoubt() const { return inDoubt; }
+  BLOBRING_HIDDEN State GetState() const { return state; }
+  BLOBRING_HIDDEN bool InDoubt() const { return state == State::InDoubt; }
+  BLOBRING_HIDDEN bool IsDamaged() const { return state == State::Damaged; }
+  BLOBRING_HIDDEN void MarkDamaged() { state = State::Damaged; }
 
   format::FileHeader header;  // ahead of the disk while a transaction is open
-
- private:
-  friend class Replay;
-
-  BLOBRING_HIDDEN void RequireNotInDoubt() const;
-  BLOBRING_HIDDEN void RequireWritable();
-  BLOBRING_HIDDEN void RequireRoom(std::uint64_t recordSize) const;
-  BLOBRING_HIDDEN void WriteAt(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
-  BLOBRING_HIDDEN void Append(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
-                              std::uint32_t dataSize);
-  BLOBRING_HIDDEN void AppendDirectly(const unsigned char* head, std::uint32_t headSize, unsigned char* data,
-                                      std::uint32_t dataSize);
-  BLOBRING_HIDDEN void DigestGathered();
-  BLOBRING_HIDDEN void EmptyGathered();
-  BLOBRING_HIDDEN void ForgetGathered();
-  BLOBRING_HIDDEN void FindBlank();
-  BLOBRING_HIDDEN std::uint32_t BlankBehind(std::uint32_t end, std::uint32_t from) noexcept;
-  BLOBRING_HIDDEN std::uint32_t WriteEnd(long long id, const format::TransactionBlock& whole, std::uint32_t blank);
-  BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
-  BLOBRING_HIDDEN void RestoreHeader();
-  BLOBRING_HIDDEN void ReplayCutOff(Entries& out, std::uint32_t length);
-  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what, std::uint32_t code) const;
-  BLOBRING_HIDDEN bool PutCommittedHeader();
-
   format::TransactionBlock block;
   std::uint32_t blockOffset = 0;
-  MD5 md5;              // of the open transaction's records, as far as gather says
-  GatherBuffer gather;  // its last bytes
-
- public:
+  MD5 md5;  // of the open transaction's records, as far as the writer has digested them
   std::string path;
   File file;
-  const ProgressCall* loadProgress = nullptr;  // told by Load, in bytes; null: nobody. Not copied
 
  private:
-  format::FileHeader committed;  // as it is on disk
+  struct Loaded {
+    std::uint32_t count = 0;
+    std::uint32_t end = format::kFileHeaderSize;
+    bool lastIsTorn = false;
+    bool wholeBehind = false;
+  };
+
+  BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access, unsigned disposition);
+  BLOBRING_HIDDEN bool IsNew(std::uint32_t length);
+  BLOBRING_HIDDEN bool HeaderIsSound() const;
+  BLOBRING_HIDDEN void RequireNotInDoubt() const;
+  BLOBRING_HIDDEN void RequireWritable();
+  BLOBRING_HIDDEN void RequireRoom(const format::RecordHead& record) const;
+  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, const format::RecordHead& record, unsigned char* data,
+                              std::uint32_t mostGathered);
+  BLOBRING_HIDDEN void WriteOutOrTakeBack(const format::FileHeader& before, const format::TransactionBlock& blockBefore);
+  BLOBRING_HIDDEN void WriteHeader(const format::FileHeader& next);
+  BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
+  BLOBRING_HIDDEN bool PutCommittedHeader();
+  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what, std::uint32_t code) const;
+
+  format::FileHeader committed;  // as it is on disk, if it is sound
   BlobFileMode mode = Journal;   // what Init was told, whatever the file says
-  bool digestedBeside = false;   // the key of what is stored next
-  // Where the blank space ends that follows the committed records of a journal.
-  std::uint32_t blankEnd = 0;
-  bool headerSound = true;  // false: one that this class cannot have written
-  bool inDoubt = false;
-  bool isDamaged = false;
-  std::uint32_t loadedCount = 0;  // what the last Load found whole: records, and where they end
-  std::uint32_t loadedEnd = format::kFileHeaderSize;
+  State state = State::Clean;
+  bool committedIsSound = false;  // it may be put back after a failed write
+  bool cutOnClose = false;
+  Loaded loaded;
+  const ProgressCall* loadProgress = nullptr;
+  RecordWriter writer{file, header, block, blockOffset, md5};
 };

@@ -1,8 +1,9 @@
 #include "pack/BlobPair.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <stdexcept>
+#include <limits>
 
 #include "md5/MD5.h"
 #include "pack/Format.h"
@@ -58,19 +59,30 @@ void BlobPair::Read(File& f, bool skipData) {
     return;
   }
 
+  ReadData(f, pos, stored, Data{}, Patience::Rereads);
+}
+
+void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data, Patience patience) {
   if (buffer.size != stored)
     trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", static_cast<int>(buffer.size),
                             static_cast<int>(stored));
-  if (buffer.size < stored) RereadSize(f, pos, stored);
-  if (buffer.size < stored) throw std::runtime_error("BlobPair::Read : too large size");
+  if (buffer.size < stored && patience == Patience::Rereads) RereadSize(f, bodyOffset, stored);
+  if (buffer.size < stored) throw Failure(FailureCode::Damaged, "BlobPair::Read : too large size");
 
-  f.read(reinterpret_cast<char*>(buffer.data), stored);
+  if (data.held.size() >= stored) {
+    if (stored > 0 && data.held.data() != buffer.data) std::memcpy(buffer.data, data.held.data(), stored);
+  } else if (data.asked >= stored) {
+    throw File::ShortRead(stored, static_cast<unsigned>(data.held.size()), data.code);
+  } else {
+    f.seek(bodyOffset + format::kBodyHeadSize);
+    f.read(reinterpret_cast<char*>(buffer.data), stored);
+  }
   if (!isValid()) {
     trace::pack.WriteErrorV(
         "BlobPair::Read Validation Failed: path=%s offset=%d fileLen=%d, bsize=%d hash=%s, buffersize=%d",
-        f.Path().c_str(), static_cast<int>(pos), static_cast<int>(f.size()), static_cast<int>(stored),
+        f.Path().c_str(), static_cast<int>(bodyOffset), static_cast<int>(f.size()), static_cast<int>(stored),
         hash.toString().c_str(), static_cast<int>(buffer.size));
-    throw std::runtime_error("BlobPair Read failed");
+    throw Failure(FailureCode::Damaged, "BlobPair Read failed");
   }
   buffer.size = stored;
 }
@@ -99,13 +111,15 @@ struct DumpLine {
   char* text = nullptr;
   std::size_t capacity = 0;
 
-  bool MakeRoom(std::size_t needed) {
+  bool MakeRoom(std::uint64_t needed) {
     if (text == nullptr || capacity < needed + 1) {
       std::free(text);
+      text = nullptr;
       capacity = 0;
-      text = static_cast<char*>(std::malloc(needed + 129));
+      if (needed > std::numeric_limits<std::size_t>::max() - 129) return false;
+      text = static_cast<char*>(std::malloc(static_cast<std::size_t>(needed) + 129));
       if (text == nullptr) return false;
-      capacity = needed + 129;
+      capacity = static_cast<std::size_t>(needed) + 129;
     }
     std::memset(text, 0, capacity);
     return true;
@@ -116,19 +130,18 @@ DumpLine dumpLine;
 constexpr std::uint32_t kDumpLevel = 60000;
 constexpr char kDumpTitle[] = " BlobPair::Read DATA was: ";
 constexpr std::size_t kDumpTitleSize = sizeof kDumpTitle - 1;
-// What one raw write, which takes an int, can hold beside header and title.
-constexpr std::uint32_t kMaxDumpedSize = 0x3FFFFF00;
 
 }  // namespace
 
 void DumpBlob(RawBuffer const* b) {
-  if (TraceGetEffectiveLevel() < kDumpLevel || b->size > kMaxDumpedSize) return;
+  if (TraceGetEffectiveLevel() < kDumpLevel) return;
   if (g_TraceDeviceRaw == 0) TraceDeviceFind(u"LogFile", &g_TraceDeviceRaw);
   if (g_TraceDeviceRaw == 0) return;
-  if (!dumpLine.MakeRoom(2 * (std::size_t{b->size} + 128))) return;
+  if (!dumpLine.MakeRoom(2 * (std::uint64_t{b->size} + 128))) return;
 
-  const int header =
-      TraceFormatHeader(dumpLine.text, static_cast<std::uint32_t>(dumpLine.capacity), 3, 0, "BlobController");
+  constexpr std::size_t kMostCapacity = std::numeric_limits<std::uint32_t>::max();
+  const auto capacity = static_cast<std::uint32_t>(std::min(dumpLine.capacity, kMostCapacity));
+  const int header = TraceFormatHeader(dumpLine.text, capacity, 3, 0, "BlobController");
   const std::size_t body = kDumpTitleSize + 2 * std::size_t{b->size};
   if (header < 1 || static_cast<std::size_t>(header) + body > dumpLine.capacity) return;
 
@@ -140,5 +153,10 @@ void DumpBlob(RawBuffer const* b) {
     *at++ = kDigits[b->data[i] >> 4];
     *at++ = kDigits[b->data[i] & 0x0F];
   }
-  TraceDeviceWriteRaw(g_TraceDeviceRaw, dumpLine.text, header + static_cast<int>(body));
+  // In one write, but for a line whose length an int cannot hold.
+  for (const char* from = dumpLine.text; from < at;) {
+    const auto size = static_cast<int>(std::min<std::ptrdiff_t>(at - from, std::numeric_limits<int>::max()));
+    TraceDeviceWriteRaw(g_TraceDeviceRaw, from, size);
+    from += size;
+  }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "fs/File.h"
 #include "pack/Hash.h"
@@ -27,9 +28,23 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   // it, and is checked: sizes that differ are reported, a buffer that is too
   // small makes it read the size again 5 times, 200 ms apart, and a buffer
   // that is larger is checked whole.
-  // Sets hash and, on success, buffer.size. Throws std::runtime_error; the
-  // file's position and the buffer's bytes are then undefined.
+  // Sets hash and, on success, buffer.size. Throws Failure; the file's position
+  // and the buffer's bytes are then undefined.
   void Read(File& f, bool skipData);
+
+  // What a caller of ReadData has read of the data: that much of `asked` bytes,
+  // and the platform's code where it is less. It may lie in the pair's buffer.
+  struct Data {
+    std::span<const unsigned char> held;
+    std::uint32_t asked = 0;
+    std::uint32_t code = 0;
+  };
+  enum class Patience { Rereads, None };  // where the buffer is smaller than the stored size
+
+  // The rest of Read, once the pair has its hash and the caller the stored size.
+  // Each byte is read once.
+  BLOBRING_HIDDEN void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
+                                Patience patience);
 
   Hash hash;
   RawBuffer buffer;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 namespace format {
 
@@ -17,6 +18,7 @@ constexpr std::uint32_t kStoreHeadSize = kOpHeaderSize + kBodyHeadSize;  // the 
 constexpr std::uint32_t kDeleteSize = kOpHeaderSize + kHashSize;
 constexpr std::uint32_t kStartSize = kOpHeaderSize + kBlockSize;
 constexpr std::uint32_t kEndSize = kOpHeaderSize;
+constexpr std::uint32_t kLeastTransaction = kStartSize + kDeleteSize + kEndSize;
 
 // Positions are signed 32 bits at the platform.
 constexpr std::uint32_t kMaxFileSize = 0x7FFFFFFF;
@@ -53,6 +55,29 @@ struct OpHeader {
   }
   static OpHeader Decode(const unsigned char* in) {
     return {static_cast<std::int32_t>(Get32(in)), static_cast<std::int64_t>(Get64(in + 8))};
+  }
+};
+
+// The head of a store record: all but the data, which follows. A delete record
+// is the same without the size. The hash is the raw 16 bytes.
+struct RecordHead {
+  OpHeader op{};
+  unsigned char hash[kHashSize] = {};
+  std::uint32_t size = 0;
+
+  // Returns the bytes written: kStoreHeadSize or kDeleteSize.
+  std::uint32_t Encode(unsigned char* out) const {
+    op.Encode(out);
+    std::memcpy(out + kOpHeaderSize, hash, kHashSize);
+    if (op.op != kOpStore) return kDeleteSize;
+    Put32(out + kDeleteSize, size);
+    return kStoreHeadSize;
+  }
+  static RecordHead Decode(const unsigned char* in) {
+    RecordHead head{OpHeader::Decode(in), {}, 0};
+    std::memcpy(head.hash, in + kOpHeaderSize, kHashSize);
+    if (head.op.op == kOpStore) head.size = Get32(in + kDeleteSize);
+    return head;
   }
 };
 

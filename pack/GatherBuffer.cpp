@@ -41,16 +41,10 @@ void GatherBuffer::Truncate(std::uint32_t offset) {
   digested = std::min(digested, offset - start);
 }
 
-bool GatherBuffer::Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size) {
-  if (offset < WrittenEnd()) return false;
+bool GatherBuffer::Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
+                         std::uint32_t mostRewritten) {
+  if (offset < start || (offset < WrittenEnd() && End() - offset > mostRewritten)) return false;
+  written = std::min(written, offset - start);
   std::memcpy(bytes.data() + (offset - start), data, size);
   return true;
-}
-
-void GatherBuffer::WriteOut(File& file) {
-  const std::uint32_t size = static_cast<std::uint32_t>(bytes.size()) - written;
-  if (size == 0) return;
-  file.seek(WrittenEnd());
-  file.write(reinterpret_cast<char*>(bytes.data()) + written, size);
-  written += size;
 }

@@ -1,19 +1,17 @@
-// The bytes at the end of a file that a transaction has produced and that are
-// still in memory: gathered so that small records cost no platform call each,
-// and kept so that they can be digested later than they are produced.
+// The last bytes of an open transaction, held in memory: so that small records
+// cost no platform call each, and so that they can be digested later than they
+// are appended.
 //
-// It covers the file from Start() to End(). Of these bytes a first part may
-// have been written and a first part digested; emptying it, which Restart
-// does, is for the owner to decide once both are complete. Its usual capacity
-// is small enough to stay in the processor's caches; one large record may
-// exceed it.
+// Covers the file from Start() to End(). A first part of these bytes may have
+// been written, and a first part digested. The owner empties it with Restart
+// once both are complete. The usual capacity fits the processor's caches; one
+// large record may exceed it.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <vector>
 
-#include "fs/File.h"
 #include "platform/BlobAllocator.h"
 
 class GatherBuffer {
@@ -38,11 +36,14 @@ class GatherBuffer {
   // Takes back all from offset on, which is not before Start().
   void Truncate(std::uint32_t offset);
 
-  // Overwrites bytes that have not been written; false when some have.
-  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size);
+  // Overwrites bytes. Where some of them have been written, all from offset on
+  // counts as not written again, if that is at most mostRewritten bytes; false,
+  // with nothing changed, if it is more.
+  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size, std::uint32_t mostRewritten);
 
-  // Hands everything that is not written to the file, in one call.
-  void WriteOut(File& file);
+  // What Written has not been called for yet.
+  std::span<const unsigned char> Unwritten() const { return {bytes.data() + written, bytes.size() - written}; }
+  void Written() { written = static_cast<std::uint32_t>(bytes.size()); }
 
   // What Digested has not been told of yet.
   std::span<const unsigned char> Undigested() const { return {bytes.data() + digested, bytes.size() - digested}; }

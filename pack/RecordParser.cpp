@@ -3,11 +3,22 @@
 #include <algorithm>
 #include <cstring>
 
-RecordParser::RecordParser(BlobFile::Entries& entries, std::int32_t& remainingRecords, std::uint32_t offset)
-    : out(entries), remaining(remainingRecords), recordOffset(offset) {}
+using format::RecordHead;
+
+BlobFile::BlobFileEntry EntryOf(const RecordHead& record, std::uint32_t offset, std::uint32_t ordinal) {
+  BlobFile::BlobFileEntry entry;
+  entry.op = record.op.op;
+  entry.transactionId = record.op.transactionId;
+  entry.ordinal = ordinal;
+  entry.offset = offset;
+  entry.hash.setHash(const_cast<unsigned char*>(record.hash));  // only reads it
+  entry.size = record.size;
+  entry.valid = record.op.op == format::kOpStore;
+  return entry;
+}
 
 void RecordParser::Feed(std::span<const unsigned char> bytes) {
-  while (!bytes.empty() && stop == Stop::None) {
+  while (!bytes.empty() && !foundBadRecord) {
     if (dataLeft > 0) {
       const std::size_t skip = std::min<std::size_t>(dataLeft, bytes.size());
       dataLeft -= static_cast<std::uint32_t>(skip);
@@ -24,36 +35,15 @@ void RecordParser::Feed(std::span<const unsigned char> bytes) {
 
 void RecordParser::HeadFilled() {
   if (wanted == format::kOpHeaderSize) {
-    if (remaining == 0) {
-      stop = Stop::CountUsed;
-      return;
-    }
     op = format::OpHeader::Decode(head);
-    if (op.op == format::kOpStore) {
-      wanted = format::kStoreHeadSize;
-    } else if (op.op == format::kOpDelete) {
-      wanted = format::kDeleteSize;
-    } else {
-      stop = Stop::BadRecord;
-    }
+    foundBadRecord = op.op != format::kOpStore && op.op != format::kOpDelete;
+    wanted = op.op == format::kOpStore ? format::kStoreHeadSize : format::kDeleteSize;
     return;
   }
-  Complete(op.op == format::kOpStore ? format::Get32(head + format::kDeleteSize) : 0);
-}
-
-void RecordParser::Complete(std::uint32_t size) {
-  BlobFile::BlobFileEntry entry;
-  entry.op = op.op;
-  entry.transactionId = op.transactionId;
-  entry.ordinal = ++ordinal;
-  entry.offset = recordOffset;
-  entry.hash.setHash(head + format::kOpHeaderSize);
-  entry.size = size;
-  entry.valid = op.op == format::kOpStore;
-  out.push_back(entry);
-  --remaining;
-  recordOffset += filled + size;
-  dataLeft = size;
+  const RecordHead record = RecordHead::Decode(head);
+  entries.push_back(EntryOf(record, recordOffset, static_cast<std::uint32_t>(entries.size()) + 1));
+  recordOffset += filled + record.size;
+  dataLeft = record.size;
   filled = 0;
   wanted = format::kOpHeaderSize;
 }

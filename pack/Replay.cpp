@@ -4,223 +4,325 @@
 #include <cstring>
 #include <iterator>
 
-#include "pack/FileScanner.h"
-#include "pack/RecordParser.h"
-#include "pack/TransactionRun.h"
 #include "platform/Trace.h"
 
 using format::OpHeader;
+using format::TransactionBlock;
 
 namespace {
 
-// Takes entries back unless they are confirmed: out never ends with records
-// of a transaction that was not read whole.
-class EntriesGuard {
- public:
-  explicit EntriesGuard(BlobFile::Entries& entries) : out(entries), kept(entries.size()) {}
-  EntriesGuard(const EntriesGuard&) = delete;
-  EntriesGuard& operator=(const EntriesGuard&) = delete;
-  ~EntriesGuard() { out.erase(out.begin() + static_cast<std::ptrdiff_t>(kept), out.end()); }
-  std::size_t Added() const { return out.size() - kept; }
-  void Confirm() { kept = out.size(); }
+// The piece that one transaction of a run is read in, where the window does not
+// hold it; whole blocks of the digest. With the window, a run takes 1 MiB.
+constexpr std::uint32_t kPieceSize = 48 * 1024;
+// Held from the first transaction of a run on, so that short ones are seldom
+// read one by one.
+constexpr std::uint32_t kLookAhead = 32 * 1024;
+constexpr std::uint32_t kDigestBlock = 64;
 
- private:
-  BlobFile::Entries& out;
-  std::size_t kept;
-};
+constexpr std::uint32_t kEmptyTransaction = format::kStartSize + format::kEndSize;
+constexpr std::int32_t kLeastRecords = 3;  // of a transaction
 
 }  // namespace
 
-Replay::Replay(BlobFile& file, BlobFile::Entries& entries, std::uint32_t fileLength)
-    : target(file),
-      out(entries),
+Replay::Replay(File& source, const format::FileHeader& fileHeader, std::uint32_t fileLength,
+               const ProgressCall* progressCall)
+    : file(source),
+      window(source, fileLength),
+      header(fileHeader),
       length(fileLength),
-      remaining(static_cast<std::int32_t>(file.header.recordCount)),
-      progress(file.loadProgress, file.header.endOffset) {}
+      progress(progressCall),
+      remaining(static_cast<std::int32_t>(fileHeader.recordCount)) {}
 
-bool Replay::Run() {
-  FileScanner scanner(target.file, format::kFileHeaderSize, length);
-  std::optional<TransactionRun> run(std::in_place, scanner, progress);
-  while (remaining != 0) {
-    if (remaining < 0 || scanner.Left() == 0) return MissingRecords(remaining);
-    if (TakeMany(scanner, run)) continue;
-    --remaining;
-    const std::uint32_t offset = scanner.Offset();
-    unsigned char bytes[format::kOpHeaderSize];
-    scanner.Read(bytes, sizeof bytes);
-    const OpHeader record = OpHeader::Decode(bytes);
-    if (!Step(scanner, offset, record)) return false;
-  }
-  return true;
-}
-
-// The transactions that come next, up to the first that is not whole. False
-// when that is the next one, or when it stands alone. A failure is not
-// reported: who takes the transactions one by one will meet it, if it lasts.
-// From the first fault on that is the only way, so that no byte is digested
-// more than twice, and without the memory that this one takes.
-bool Replay::TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run) {
-  constexpr std::int32_t kFewestRecords = 2 * 3;  // of two transactions
-  if (!run || remaining < kFewestRecords) return false;
-  const std::uint32_t from = scanner.Offset();
-  bool nothingAmiss = false;
+Replayed Replay::Run() {
   try {
-    const std::size_t count = run->Find(std::min(length, target.header.endOffset), remaining);
-    std::size_t taken = 0;
-    if (count > 1) {
-      run->Digest();
-      for (; taken < count && run->IsWhole(taken, remaining); ++taken) {
-        BlobFile::Entries entries = run->TakeEntries(taken);
-        out.insert(out.end(), std::make_move_iterator(entries.begin()), std::make_move_iterator(entries.end()));
-        remaining -= static_cast<std::int32_t>(entries.size()) + 2;
-        scanner.SkipTo(run->EndOf(taken));
-        MarkWhole(scanner.Offset());
-      }
+    result.damaged = !Walk();
+  } catch (const CutShort& e) {
+    result.damaged = true;
+    result.cutShort = e;
+  }
+  if (result.damaged) JudgeRest();
+  return std::move(result);
+}
+
+bool Replay::Walk() {
+  while (remaining != 0) {
+    const std::uint32_t at = result.end;
+    if (remaining < 0 || at == length) return MissingRecords(remaining);
+    const OpHeader record = OpHeader::Decode(window.Read(at, format::kOpHeaderSize));
+    switch (record.op) {
+      case format::kOpStartTransaction:
+        if (!TakeTransactions(at, record)) return false;
+        break;
+      case format::kOpStore:
+      case format::kOpDelete:
+        if (!TakeSingle(at, record)) return false;
+        break;
+      case format::kOpEndTransaction:
+        return Corrupt("BlobFile::Load corruption, end transaction without start transaction id=%d file=%s", record);
+      default:
+        return UnsupportedOp(record);
     }
-    nothingAmiss = count < 2 || taken == count;
-  } catch (const std::exception&) {
   }
-  if (!nothingAmiss) run.reset();
-  return scanner.Offset() != from;
-}
-
-bool Replay::Step(FileScanner& scanner, std::uint32_t offset, const OpHeader& record) {
-  switch (record.op) {
-    case format::kOpStartTransaction:
-      return Transaction(scanner, record);
-    case format::kOpEndTransaction:
-      return Corrupt("corruption, end transaction without start transaction", record.transactionId);
-    case format::kOpStore:
-    case format::kOpDelete:
-      return Single(scanner, offset, record);
-    default:
-      return UnsupportedOp(record.op);
-  }
-}
-
-void Replay::MarkWhole(std::uint32_t end) {
-  target.loadedCount = target.header.recordCount - static_cast<std::uint32_t>(remaining);
-  target.loadedEnd = end;
-}
-
-// A record outside any transaction. No store writes one. It is believed if it
-// is what it says: where a start record did not reach the disk, zeros and the
-// rest of it look like a store record.
-bool Replay::Single(FileScanner& scanner, std::uint32_t offset, const OpHeader& record) {
-  BlobFile::BlobFileEntry entry;
-  entry.op = record.op;
-  entry.transactionId = record.transactionId;
-  entry.offset = offset;
-  unsigned char hash[format::kHashSize];
-  scanner.Read(hash, sizeof hash);
-  entry.hash.setHash(hash);
-  if (record.op == format::kOpStore) {
-    unsigned char size[4];
-    scanner.Read(size, sizeof size);
-    entry.size = format::Get32(size);
-    if (entry.size > scanner.Left())
-      return Corrupt("corruption, record runs past the end of the file", record.transactionId);
-    MD5 md5;
-    for (std::uint32_t left = entry.size; left > 0;) {
-      const std::span<const unsigned char> piece = scanner.Next(left);
-      md5.update(piece.data(), static_cast<unsigned>(piece.size()));
-      left -= static_cast<std::uint32_t>(piece.size());
-    }
-    md5.finalize();
-    unsigned char digest[format::kDigestSize];
-    md5.raw_digest(digest);
-    if (std::memcmp(digest, hash, sizeof digest) != 0)
-      return Corrupt("corruption, record outside a transaction does not match its hash", record.transactionId);
-    entry.valid = true;
-  }
-  out.push_back(entry);
-  MarkWhole(scanner.Offset());
   return true;
 }
 
-bool Replay::Transaction(FileScanner& scanner, const OpHeader& start) {
+void Replay::MarkWhole(std::uint32_t recordCount, std::uint32_t end) {
+  remaining -= static_cast<std::int32_t>(recordCount);
+  result.count += recordCount;
+  result.end = end;
+}
+
+// The transaction at start and those that follow it, up to the first that is
+// not whole.
+bool Replay::TakeTransactions(std::uint32_t start, const OpHeader& record) {
   unsigned char bytes[format::kBlockSize];
-  scanner.Read(bytes, sizeof bytes);
-  const format::TransactionBlock block = format::TransactionBlock::Decode(bytes);
+  window.From(start, kLookAhead);
+  window.Peek(start + format::kOpHeaderSize, bytes, sizeof bytes);
+  const TransactionBlock block = TransactionBlock::Decode(bytes);
   if (block.length == 0) {
     trace::pack.WriteErrorV(
         "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot after a disk wipe, "
         "but no other time.");
     return false;
   }
-
-  EntriesGuard guard(out);
-  RecordParser parser(out, remaining, scanner.Offset());
-  MD5 md5;
-  for (std::uint32_t left = block.length; left > 0;) {
-    const std::span<const unsigned char> piece = scanner.Next(left);
-    md5.update(piece.data(), static_cast<unsigned>(piece.size()));
-    parser.Feed(piece);
-    left -= static_cast<std::uint32_t>(piece.size());
-    progress.Reached(scanner.Offset());
+  const std::uint32_t there = length - start - format::kStartSize;
+  if (block.length > there) {
+    constexpr std::uint32_t kPart = 4096;  // what a reader of single transactions reads at a time
+    const std::uint32_t whole = there / kPart * kPart;
+    throw CutShort(File::ShortRead(std::min(block.length - whole, kPart), there - whole, ERROR_SUCCESS));
   }
-  md5.finalize();
-  unsigned char digest[format::kDigestSize];
-  md5.raw_digest(digest);
-  if (std::memcmp(digest, block.digest, sizeof digest) != 0)
-    return Corrupt("(start transaction) corruption, bad hash value", start.transactionId);
-
-  // Whole as it was written. What remains is whether a store wrote it.
-  if (parser.Stopped() == RecordParser::Stop::BadRecord) {
-    if (parser.Op() == format::kOpStartTransaction) return Corrupt("corruption, nested transaction", parser.Id());
-    if (parser.Op() == format::kOpEndTransaction)
-      return Corrupt("corruption, transaction ends before its length", parser.Id());
-    return UnsupportedOp(parser.Op());
+  runSize = 0;
+  Add(start, record, block);
+  AddFollowing();
+  Digest();
+  for (std::size_t i = 0; i < runSize && remaining != 0; ++i) {
+    if (!Take(run[i])) return false;
   }
-  if (remaining == 0) return OpenTransaction(guard.Added());
-  if (!parser.AtBoundary()) return Corrupt("corruption, record runs past its transaction", start.transactionId);
-  if (!End(scanner)) return false;
-  guard.Confirm();
-  MarkWhole(scanner.Offset());
   return true;
 }
 
-// The end record, which must stand where the digest ends.
-bool Replay::End(FileScanner& scanner) {
-  if (scanner.Left() == 0) return MissingRecords(remaining);
-  --remaining;
-  unsigned char bytes[format::kOpHeaderSize];
-  scanner.Read(bytes, sizeof bytes);
+void Replay::Add(std::uint32_t start, const OpHeader& record, const TransactionBlock& block) {
+  Member& member = run[runSize++];
+  member.replay = this;
+  member.start = record;
+  member.at = start + format::kStartSize;
+  member.end = member.at + block.length;
+  member.parser.emplace(member.at);
+  std::memcpy(member.wanted, block.digest, sizeof member.wanted);
+}
+
+// Looks no further than where the header, if it can be believed, says that the
+// records end: leftovers behind that would be digested in vain.
+void Replay::AddFollowing() {
+  const std::uint32_t limit = std::min(length, std::max(header.endOffset, run[0].end));
+  while (runSize < kMost && remaining >= static_cast<std::int32_t>(runSize + 1) * kLeastRecords) {
+    const std::uint32_t end = run[runSize - 1].end;
+    unsigned char bytes[format::kEndSize + format::kStartSize];
+    if (limit - end < sizeof bytes + format::kEndSize) return;
+    window.Peek(end, bytes, sizeof bytes);
+    const unsigned char* const start = bytes + format::kEndSize;
+    const OpHeader record = OpHeader::Decode(start);
+    const TransactionBlock block = TransactionBlock::Decode(start + format::kOpHeaderSize);
+    if (OpHeader::Decode(bytes).op != format::kOpEndTransaction || record.op != format::kOpStartTransaction) return;
+    if (block.length == 0 || block.length > limit - end - sizeof bytes - format::kEndSize) return;
+    Add(end + format::kEndSize, record, block);
+  }
+}
+
+void Replay::Digest() {
+  std::size_t room = 0;
+  for (std::size_t i = 0; i < runSize; ++i) {
+    run[i].pieceAt = room;
+    run[i].pieceSize = window.Held(run[i].end - 1).empty() ? std::min(kPieceSize, run[i].end - run[i].at) : 0;
+    room += run[i].pieceSize;
+  }
+  try {
+    if (runSize > 1 && pieces.size() < room) pieces.resize(room);
+  } catch (const Failure&) {
+    runSize = 1;  // through the window
+  }
+  std::array<MD5Message, kMost> messages;
+  for (std::size_t i = 0; i < runSize; ++i) messages[i] = {nullptr, 0, run[i].digest, &run[i]};
+  digested = run[0].at;
+  DigestMany(messages.data(), runSize);
+}
+
+std::span<const std::uint8_t> Replay::Member::Next() {
+  const std::uint32_t left = end - at;
+  if (left == 0) return {};
+  std::span<const std::uint8_t> piece =
+      replay->runSize == 1 ? replay->window.From(at, kDigestBlock) : replay->window.Held(at);
+  piece = piece.first(piece.size() >= left ? left : piece.size() / kDigestBlock * kDigestBlock);
+  if (piece.empty()) {
+    unsigned char* const bytes = replay->pieces.data() + pieceAt;
+    piece = {bytes, std::min(left, pieceSize)};
+    replay->window.ReadPast(at, bytes, static_cast<std::uint32_t>(piece.size()));
+  }
+  parser->Feed(piece);
+  at += static_cast<std::uint32_t>(piece.size());
+  replay->Report(static_cast<std::uint32_t>(piece.size()));
+  return piece;
+}
+
+// Once per MiB. A load cannot be stopped: half an index would pass for a whole one.
+void Replay::Report(std::uint32_t size) {
+  constexpr std::uint32_t kStep = 1024 * 1024;
+  digested += size;
+  if (progress == nullptr || digested < reported || digested - reported < kStep) return;
+  reported = digested;
+  progress->Stops(ProgressCall::kLoad, digested, std::max(digested, header.endOffset));
+}
+
+bool Replay::Take(Member& member) {
+  const RecordParser& parser = *member.parser;
+  BlobFile::Entries& entries = member.parser->entries;
+  if (std::memcmp(member.digest, member.wanted, sizeof member.digest) != 0)
+    return Corrupt("BlobFile::Load (start transaction) corruption, bad hash value id=%d file=%s", member.start);
+
+  // Whole as it was written. What remains is whether a store wrote it.
+  const std::int32_t inside = remaining - 1;
+  const auto found = static_cast<std::int32_t>(entries.size());
+  if (found >= inside) {
+    // Not damage: the header counts no further, and what it counts was whole.
+    remaining = 0;
+    if (inside > 0)
+      trace::pack.WriteErrorV(
+          "BlobFile::Load() failed to find the end of the transaction (transactions=%d entries=%d file=%s)", inside,
+          remaining, file.Path().c_str());
+    return true;
+  }
+  if (parser.FoundBadRecord()) {
+    const OpHeader& bad = parser.BadRecord();
+    if (bad.op == format::kOpStartTransaction) return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", bad);
+    if (bad.op == format::kOpEndTransaction) return Corrupt("BlobFile::Load corruption, transaction ends before its length id=%d file=%s", bad);
+    return UnsupportedOp(bad);
+  }
+  if (!parser.AtBoundary()) return Corrupt("BlobFile::Load corruption, record runs past its transaction id=%d file=%s", member.start);
+  if (!EndStandsAt(member.end, inside - found)) return false;
+  if (result.entries.empty()) {
+    result.entries.swap(entries);
+  } else {
+    result.entries.insert(result.entries.end(), std::make_move_iterator(entries.begin()),
+                          std::make_move_iterator(entries.end()));
+  }
+  MarkWhole(static_cast<std::uint32_t>(found) + 2, member.end + format::kEndSize);
+  return true;
+}
+
+// Whether the end record stands where the digest ends; `left` records are still
+// counted.
+bool Replay::EndStandsAt(std::uint32_t offset, std::int32_t left) {
+  if (offset == length) return MissingRecords(left);
+  unsigned char bytes[format::kEndSize];
+  window.Peek(offset, bytes, sizeof bytes);
   const OpHeader record = OpHeader::Decode(bytes);
   switch (record.op) {
     case format::kOpEndTransaction:
       return true;
     case format::kOpStartTransaction:
-      return Corrupt("corruption, nested transaction", record.transactionId);
+      return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", record);
     case format::kOpStore:
     case format::kOpDelete:
-      return Corrupt("corruption, record outside the digest of its transaction", record.transactionId);
+      return Corrupt("BlobFile::Load corruption, record outside the digest of its transaction id=%d file=%s", record);
     default:
-      return UnsupportedOp(record.op);
+      return UnsupportedOp(record);
   }
+}
+
+// A record outside any transaction. No store writes one. It is believed if it
+// is what it says: where a start record did not reach the disk, zeros and the
+// rest of it look like a store record.
+bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
+  unsigned char bytes[format::kStoreHeadSize] = {};
+  record.Encode(bytes);
+  window.Peek(start + format::kOpHeaderSize, bytes + format::kOpHeaderSize, format::kHashSize);
+  std::uint32_t end = start + format::kDeleteSize;
+  if (record.op == format::kOpStore) {
+    constexpr std::uint32_t kSizeSize = format::kStoreHeadSize - format::kDeleteSize;
+    window.Peek(end, bytes + format::kDeleteSize, kSizeSize);
+    end += kSizeSize;
+  }
+  const format::RecordHead head = format::RecordHead::Decode(bytes);
+  if (head.size > length - end) return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s", record);
+  if (record.op == format::kOpStore && !HasDigest(end, head.size, head.hash))
+    return Corrupt("BlobFile::Load corruption, record outside a transaction does not match its hash id=%d file=%s", record);
+  result.entries.push_back(EntryOf(head, start, 0));
+  MarkWhole(1, end + head.size);
+  return true;
+}
+
+bool Replay::HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned char* wanted) {
+  MD5 md5;
+  while (size > 0) {
+    const std::span<const unsigned char> piece = window.From(offset, 1);
+    const std::uint32_t n = std::min(size, static_cast<std::uint32_t>(piece.size()));
+    md5.update(piece.data(), n);
+    offset += n;
+    size -= n;
+  }
+  md5.finalize();
+  unsigned char digest[format::kDigestSize];
+  md5.raw_digest(digest);
+  return std::memcmp(digest, wanted, sizeof digest) == 0;
+}
+
+// A commit that a power cut tore is the last transaction that the header
+// counts. What is not whole is taken for that unless something shows that it
+// is not the last: its own length, or a whole transaction behind it that ends where the header says.
+void Replay::JudgeRest() {
+  const std::uint32_t start = result.end;
+  const std::uint32_t end = header.endOffset;
+  if (remaining <= 0 || end < start || end - start < format::kLeastTransaction) return;
+  result.wholeBehind = WholeTransactionEndsAt(end);
+  if (result.wholeBehind) return;
+  result.lastIsTorn = true;
+  if (length - start < format::kStartSize) return;
+  const unsigned char* const bytes = window.Read(start, format::kStartSize);
+  const TransactionBlock block = TransactionBlock::Decode(bytes + format::kOpHeaderSize);
+  if (OpHeader::Decode(bytes).op == format::kOpStartTransaction && block.length != 0)
+    result.lastIsTorn = block.length == end - start - kEmptyTransaction;
+}
+
+bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
+  if (end > length || OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op != format::kOpEndTransaction)
+    return false;
+  // A start record says how far it is to the end: what merely looks like one seldom
+  // does. The budget is for files that are made to look so at every place.
+  std::uint64_t budget = 2 * std::uint64_t{end - result.end};
+  std::uint32_t at = result.end + 1;
+  while (end - at >= format::kLeastTransaction) {
+    const std::span<const unsigned char> held = window.From(at, format::kStartSize);
+    const std::size_t places = std::min<std::size_t>(held.size() - format::kStartSize, end - at - format::kLeastTransaction) + 1;
+    std::size_t i = 0;
+    while (i < places && !IsStartWithLength(held.data() + i, end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction)) ++i;
+    at += static_cast<std::uint32_t>(i);
+    if (i == places) continue;
+    const TransactionBlock block = TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
+    if (block.length > budget) return false;
+    budget -= block.length;
+    if (HasDigest(at + format::kStartSize, block.length, block.digest)) return true;
+    ++at;
+  }
+  return false;
+}
+
+bool Replay::IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted) {
+  return bytes[0] == format::kOpStartTransaction && OpHeader::Decode(bytes).op == format::kOpStartTransaction &&
+         TransactionBlock::Decode(bytes + format::kOpHeaderSize).length == wanted;
 }
 
 bool Replay::MissingRecords(std::int32_t wanted) const {
   trace::pack.WriteWarnV("BlobFile::Load() didn't process all the entries entries=%d file=%s", wanted,
-                         target.path.c_str());
+                         file.Path().c_str());
   return false;
 }
 
-// Not damage: the header counts no further, and what it counts was whole.
-bool Replay::OpenTransaction(std::size_t entries) const {
-  if (entries > 0)
-    trace::pack.WriteErrorV(
-        "BlobFile::Load() failed to find the end of the transaction (transactions=%d entries=%d file=%s)",
-        static_cast<int>(entries), remaining, target.path.c_str());
-  return true;
-}
-
-bool Replay::Corrupt(const char* what, std::int64_t transactionId) const {
-  trace::pack.WriteWarnV("BlobFile::Load %s id=%d file=%s", what, static_cast<int>(transactionId), target.path.c_str());
+bool Replay::Corrupt(trace::FormatFor<int, const char*> message, const OpHeader& record) const {
+  trace::pack.WriteWarnV(message, static_cast<int>(record.transactionId), file.Path().c_str());
   return false;
 }
 
-bool Replay::UnsupportedOp(std::int32_t op) const {
-  trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", op, target.path.c_str());
+bool Replay::UnsupportedOp(const OpHeader& record) const {
+  trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", record.op, file.Path().c_str());
   return false;
 }

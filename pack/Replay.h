@@ -1,49 +1,101 @@
 // One pass over the committed records of a file: digests each transaction,
 // takes its entries from the very bytes that it digests, and believes them
-// once the digest has been confirmed.
+// once the digest has been confirmed. Up to 16 transactions in a row are
+// digested side by side, which makes opening a store of many transactions
+// several times as fast. Each byte is digested once.
 //
-// Transactions are digested many at a time while nothing is amiss; the first
-// one that has anything wrong with it is looked at once more by itself, and
-// so is all that follows it.
-//
-// What a store writes is read exactly as far as the header counts. Whatever
-// else a file holds ends the replay: no length is trusted beyond the end of
-// the file, no byte is looked at more than twice, and memory grows with the
-// records that are really there.
+// What a store writes is read exactly as far as the header counts, whatever its
+// endOffset says. Anything else ends the replay, with a message: no length is
+// trusted beyond the end of the file, and memory grows with the records that
+// are there. A buffer that the memory manager refuses is tried again smaller,
+// down to 4096 bytes.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
+#include <span>
+#include <string>
+#include <vector>
 
 #include "pack/BlobFile.h"
-#include "pack/LoadProgress.h"
+#include "pack/FileWindow.h"
+#include "pack/RecordParser.h"
+#include "platform/Trace.h"
 
-class FileScanner;
-class TransactionRun;
+// Thrown where a file ends inside a record or a transaction. The text is that
+// of the read that a reader of single records would have made.
+class CutShort : public Failure {
+ public:
+  explicit CutShort(const Failure& read) : Failure(FailureCode::Damaged, read.what()) {}
+};
+
+struct Replayed {
+  BlobFile::Entries entries;                         // of whole transactions, in the order of the file
+  std::uint32_t count = 0;                           // of the records that are whole
+  std::uint32_t end = format::kFileHeaderSize;       // where they end
+  bool damaged = false;                              // not all of what the header counts is whole
+  std::optional<CutShort> cutShort;                  // damaged: the file ends too early
+  // Of what is not whole: it can only be the last transaction that the header
+  // counts; or there is a whole one behind it.
+  bool lastIsTorn = false;
+  bool wholeBehind = false;
+};
 
 class Replay {
  public:
-  // Appends to out; length is that of the file. All must outlive the replay.
-  Replay(BlobFile& target, BlobFile::Entries& out, std::uint32_t length);
+  // length is the file's. Throws what File throws when it cannot be read.
+  Replay(File& source, const format::FileHeader& fileHeader, std::uint32_t fileLength, const ProgressCall* progressCall);
 
-  // As BlobFile::Load. Records in target how far it got.
-  bool Run();
+  Replayed Run();
 
  private:
-  bool TakeMany(FileScanner& scanner, std::optional<TransactionRun>& run);
-  bool Step(FileScanner& scanner, std::uint32_t offset, const format::OpHeader& record);
-  bool Transaction(FileScanner& scanner, const format::OpHeader& start);
-  bool Single(FileScanner& scanner, std::uint32_t offset, const format::OpHeader& record);
-  bool End(FileScanner& scanner);
-  bool MissingRecords(std::int32_t wanted) const;
-  bool OpenTransaction(std::size_t entries) const;
-  bool Corrupt(const char* what, std::int64_t transactionId) const;
-  bool UnsupportedOp(std::int32_t op) const;
-  void MarkWhole(std::uint32_t end);
+  static constexpr std::size_t kMost = 16;  // transactions side by side: the most lanes of any processor
 
-  BlobFile& target;
-  BlobFile::Entries& out;
+  // One transaction of a run.
+  struct Member final : MD5Source {
+    std::span<const std::uint8_t> Next() override;
+
+    Replay* replay = nullptr;
+    format::OpHeader start{};
+    std::uint32_t at = 0;         // of the next piece
+    std::uint32_t end = 0;        // of the digested bytes; the end record follows
+    std::uint32_t pieceSize = 0;  // of its part of `pieces`
+    std::size_t pieceAt = 0;
+    std::optional<RecordParser> parser;
+    unsigned char wanted[format::kDigestSize];
+    unsigned char digest[format::kDigestSize];
+  };
+
+  bool Walk();
+  bool TakeTransactions(std::uint32_t start, const format::OpHeader& record);
+  void Add(std::uint32_t start, const format::OpHeader& record, const format::TransactionBlock& block);
+  void AddFollowing();
+  void Digest();
+  bool Take(Member& member);
+  bool EndStandsAt(std::uint32_t offset, std::int32_t left);
+  bool TakeSingle(std::uint32_t start, const format::OpHeader& record);
+  bool HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned char* wanted);
+  void MarkWhole(std::uint32_t recordCount, std::uint32_t end);
+  void JudgeRest();
+  bool WholeTransactionEndsAt(std::uint32_t end);
+  static bool IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted);
+  void Report(std::uint32_t size);
+
+  bool MissingRecords(std::int32_t wanted) const;
+  bool Corrupt(trace::FormatFor<int, const char*> message, const format::OpHeader& record) const;
+  bool UnsupportedOp(const format::OpHeader& record) const;
+
+  const File& file;
+  FileWindow window;
+  const format::FileHeader header;
   const std::uint32_t length;
-  std::int32_t remaining;
-  LoadProgress progress;
+  const ProgressCall* const progress;
+  std::uint32_t reported = 0;  // where progress was last told of
+  std::uint32_t digested = 0;  // where the bytes digested so far would end if they came in order
+  std::int32_t remaining;      // records that the header still counts
+  Replayed result;
+  std::array<Member, kMost> run;
+  std::size_t runSize = 0;
+  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> pieces;
 };

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -29,7 +30,7 @@ void* Acquire(std::size_t size, unsigned pool, unsigned tag) {
   void* block = nullptr;
   TesselMemoryManager::GetInstance(kManagerKind)
       ->Alloc(&block, size, pool, Vell::Common::System::OS::Memory::kLifeSpanDefault, tag);
-  if (block == nullptr) throw std::runtime_error("Unable to allocate memory");
+  if (block == nullptr) throw Failure(FailureCode::Memory, "Unable to allocate memory");
   return block;
 }
 

@@ -34,9 +34,20 @@ FailureText::~FailureText() {
   goneCount.fetch_add(1, std::memory_order_relaxed);
 }
 
-void FailureText::Add(std::string_view line) {
-  if (startsOver) length = 0;
+void FailureText::StartOver() {
+  if (!startsOver) return;
   startsOver = false;
+  length = 0;
+  code = FailureCode::None;
+}
+
+void FailureText::SetCode(FailureCode failureCode) {
+  StartOver();
+  if (code == FailureCode::None) code = failureCode;
+}
+
+void FailureText::Add(std::string_view line) {
+  StartOver();
   if (length > 0 && length < kCapacity - 1) text[length++] = '\n';
   const std::size_t fits = std::min(line.size(), kCapacity - 1 - length);
   std::memcpy(text + length, line.data(), fits);
@@ -57,9 +68,22 @@ void NoteInProcess() {
   NoteIn(process.failures);
 }
 
-void Note(const char* line) {
+namespace {
+
+FailureText& OfThisCall() {
   const bool isThere = place.text != nullptr && place.goneCount == goneCount.load(std::memory_order_relaxed);
-  (isThere ? *place.text : process.failures).Add(line);
+  return isThere ? *place.text : process.failures;
+}
+
+}  // namespace
+
+void Note(const char* line) {
+  OfThisCall().Add(line);
+}
+
+void NoteCause(const std::exception& e) {
+  const auto* failure = dynamic_cast<const Failure*>(&e);
+  OfThisCall().SetCode(failure != nullptr ? failure->code : FailureCode::Refused);
 }
 
 }  // namespace trace

@@ -8,7 +8,10 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <string_view>
+
+#include "platform/Failure.h"
 
 namespace trace {
 
@@ -32,8 +35,15 @@ class FailureText {
   }
   std::string_view Text() const { return {text, length}; }
 
+  // The code of the first failure of the call that wrote the text.
+  void SetCode(FailureCode failureCode);
+  FailureCode Code() const { return code; }
+
  private:
+  void StartOver();
+
   bool startsOver = true;
+  FailureCode code = FailureCode::None;
   std::size_t length = 0;
   char text[kCapacity] = {};
 };
@@ -47,5 +57,9 @@ FailureText& ProcessFailures();
 
 // Adds a line to the text of the call that the thread is in.
 void Note(const char* line);
+
+// Gives that text the code of what was caught; call it before the message
+// that tells of the failure is written.
+void NoteCause(const std::exception& e);
 
 }  // namespace trace

@@ -1,8 +1,5 @@
 #include "platform/Trace.h"
 
-#include <cstdarg>
-#include <cstdio>
-
 #include "platform/FailureText.h"
 #include "platform/Probes.h"
 #include "platform/Win32.h"
@@ -20,51 +17,9 @@ BLOBRING_FIRST Source engine("BlobController");
 BLOBRING_FIRST Source pack("BlobController");
 BLOBRING_FIRST Source fileSystem("BlobController");
 
-namespace {
-
-// A line put together; the platform takes no argument list.
-class Line {
- public:
-  Line(const char* format, std::va_list arguments) {
-    if (std::vsnprintf(text, sizeof text, format, arguments) < 0) text[0] = '\0';
-  }
-  const char* Text() const { return text; }
-
- private:
-  char text[4096];
-};
-
-void Failed(const char* line, int isError) {
+void NoteFailure(const char* line, bool isError) {
   Note(line);
-  BLOBRING_PROBE2(failure, line, isError);
-}
-
-}  // namespace
-
-void Source::WriteWarnV(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const Line line(format, arguments);
-  va_end(arguments);
-  Failed(line.Text(), 0);
-  out.WriteWarnV("%s", line.Text());
-}
-
-void Source::WriteErrorV(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const Line line(format, arguments);
-  va_end(arguments);
-  Failed(line.Text(), 1);
-  out.WriteErrorV("%s", line.Text());
-}
-
-void Source::WriteNoteV(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  const Line line(format, arguments);
-  va_end(arguments);
-  out.WriteWarnV("%s", line.Text());
+  BLOBRING_PROBE2(failure, line, isError ? 1 : 0);
 }
 
 namespace {

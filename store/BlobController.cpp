@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "platform/FailureText.h"
 #include "platform/Trace.h"
 
 namespace {
@@ -13,21 +14,34 @@ constexpr std::size_t kReservedEntries = 50;
 
 }  // namespace
 
-BlobController::BlobController(std::string storeDirectory) : path(std::move(storeDirectory)) {
+BlobController::BlobController(std::string storeDirectory)
+    : path(std::move(storeDirectory)), openerProcess(GetCurrentProcessId()) {
   pendingEntries.reserve(kReservedEntries);
 }
 
 BlobController::~BlobController() = default;
+
+void BlobController::SetReadOnly() {
+  readOnly = true;
+  RefuseChanges(FailureCode::ReadOnly, "the store is open for reading only");
+}
 
 bool BlobController::AddPackDir(std::string dir) {
   const std::string slot = std::to_string(packFiles.size());
   packFiles.reserve(packFiles.size() + 1);
   journalFiles.reserve(journalFiles.size() + 1);
 
-  const BlobFilePtr pack = MakePooled<BlobFile>();
-  pack->Init(dir + "/" + slot + ".pak", BlobFile::Pack, 0);
-  const BlobFilePtr journal = MakePooled<BlobFile>();
-  journal->Init(path + "/" + slot + ".jrn", BlobFile::Journal, 0);
+  const auto open = [this](const std::string& file, BlobFile::BlobFileMode mode) {
+    const BlobFilePtr opened = MakePooled<BlobFile>();
+    if (readOnly) {
+      opened->InitReadOnly(file, mode);
+    } else {
+      opened->Init(file, mode, 0);
+    }
+    return opened;
+  };
+  const BlobFilePtr pack = open(dir + "/" + slot + ".pak", BlobFile::Pack);
+  const BlobFilePtr journal = open(path + "/" + slot + ".jrn", BlobFile::Journal);
 
   packFiles.push_back(pack);
   journalFiles.push_back(journal);
@@ -41,44 +55,31 @@ std::int32_t BlobController::GetBlobSize(Hash const& hash) {
   return found == blobs.end() ? -1 : static_cast<std::int32_t>(found->second.size);
 }
 
-// Reads with the size that the index knows, whatever the buffer could hold.
-bool BlobController::ReadBlobQuickly(BlobPair& blob, BlobFile::BlobFileEntry const& entry) {
-  if (blob.buffer.size < entry.size) return false;
-  blob.buffer.size = entry.size;
-  return entry.file->GetBlobQuickly(blob, entry.offset);
-}
-
-bool BlobController::ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const {
-  const std::uint32_t given = blob.buffer.size;
-  if (ReadBlobQuickly(blob, entry)) return true;
-  bool found = false;
-  try {
-    found = entry.file->GetBlob(blob, entry.offset);
-  } catch (...) {
-    blob.buffer.size = given;
-    throw;
-  }
-  if (found) return true;
-  blob.buffer.size = given;
-  trace::engine.WriteErrorV("BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
-                            entry.file->path.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
-                            blob.hash.toString().c_str());
-  return false;
-}
-
 bool BlobController::GetBlob(BlobPair& blob) {
   const auto found = blobs.Find(blob.hash);
   if (found == blobs.end()) return false;
-  const std::uint32_t given = blob.buffer.size;
-  if (ReadBlobQuickly(blob, found->second)) return true;
-  blob.buffer.size = given;
   const BlobFile::BlobFileEntry entry = found->second;  // the index may be gone before the message is written
+  const Hash wanted = blob.hash;
+  const std::uint32_t given = blob.buffer.size;
+  // Of a larger buffer only as much is used as the blob takes; a fetch says so.
+  if (given > entry.size) blob.buffer.size = entry.size;
   try {
-    return ReadBlob(blob, entry);
+    if (entry.file->GetBlob(blob, entry.offset)) {
+      entry.file->RequireBlob(blob, entry.offset, wanted);
+      return true;
+    }
+    trace::engine.WriteErrorV("BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
+                              entry.file->path.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
+                              wanted.toString().c_str());
+    blob.buffer.size = given;
+    return false;
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
                               entry.file->path.c_str(), static_cast<int>(entry.offset));
   }
+  blob.hash = wanted;
+  blob.buffer.size = given;
   CheckAfterFailure();
   Close();
   throw std::exception();
@@ -87,11 +88,17 @@ bool BlobController::GetBlob(BlobPair& blob) {
 bool BlobController::Close() {
   enumerating = false;
   loaded = false;
+  RefuseChanges(FailureCode::Closed, "the store is closed, no change is accepted until it is opened again");
   blobs.Clear();
+  if (!readOnly && GetCurrentProcessId() == openerProcess) {
+    for (const BlobFilePtr& pack : packFiles) pack->CutToRecords();
+    for (const BlobFilePtr& journal : journalFiles) journal->CutToRecords();
+  }
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.close();
     for (const BlobFilePtr& journal : journalFiles) journal->file.close();
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteWarnV("BlobController::Close() threw an exception %s", e.what());
     return false;
   }
@@ -111,10 +118,12 @@ bool BlobController::Shutdown(bool) {
 bool BlobController::DeleteFiles() {
   enumerating = false;
   loaded = false;
+  RefuseChanges(FailureCode::Closed, "the files of the store were erased, no change is accepted until it is opened again");
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
   } catch (const std::runtime_error& e) {
+    trace::NoteCause(e);
     trace::engine.WriteErrorV("BlobController::DeleteFiles() threw an exception %s", e.what());
     return false;
   }

@@ -8,8 +8,9 @@
 //
 // Order of calls: construct, AddPackDir for each slot, Load, then anything.
 // Errors: operations return bool and catch std::exception, with one message
-// that names the operation; where a comment says "throws", it leaves. After a
-// failed flush nothing is changed any more until the store is opened anew.
+// that names the operation; where a comment says "throws", it leaves. Changes are refused
+// after a failed flush and after anything has closed the store, until it is opened again; in
+// a store opened for reading; and in a process other than the one that opened it.
 // Ownership: BlobFile objects are shared by slots, current files and entries.
 // No locks: the caller serialises its calls on one store.
 #pragma once
@@ -25,6 +26,7 @@
 #include "pack/Hash.h"
 #include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
+#include "platform/Failure.h"
 #include "store/BlobIndex.h"
 
 // What a load does with files that it cannot read.
@@ -33,18 +35,23 @@ enum class DamagePolicy {
   Keep,   // deletes nothing
 };
 
+class BatchReader;
+
 class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
   using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
 
-  // On a directory, of which nothing is touched. Throws "Unable to allocate
-  // memory".
+  // On a directory, which is not touched. Throws "Unable to allocate memory".
   explicit BlobController(std::string storeDirectory);
   // Neither commits nor flushes; the files close themselves.
   ~BlobController() override;
   BlobController(const BlobController&) = delete;
   BlobController& operator=(const BlobController&) = delete;
+
+  // Opens the files of the slots for reading alone: nothing on disk is changed,
+  // whatever is found. Call it before AddPackDir.
+  BLOBRING_HIDDEN void SetReadOnly();
 
   // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's
   // directory, created when missing. Throws what BlobFile::Init throws, and
@@ -53,10 +60,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Rebuilds the index from the newest pack that reads cleanly and its slot's
   // journal. False when there is none, or when reading failed: the files have
-  // then been erased. Under DamagePolicy::Keep a file that is damaged in any
-  // way costs no more than what was damaged, and a copy of what it loses stays; with no
-  // usable pack the files are moved aside and the store goes on empty; and
-  // where reading failed, false leaves every file as it was.
+  // then been erased. Under DamagePolicy::Keep damage costs no more than what was
+  // damaged, and a copy of what a file loses stays; with no usable pack the files
+  // are moved aside and the store goes on empty; where reading failed, false
+  // leaves every file as it was. A store opened for reading changes no file under either policy.
   bool Load();
   void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
 
@@ -65,15 +72,18 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
-  // Stores a blob whose hash it computes: the digest runs beside that of the
-  // open transaction, which costs the time of one. As Store.
-  bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
+  // Store whose record may wait in memory for the next change or the commit.
+  BLOBRING_HIDDEN bool Gather(BlobPair const& blob);
 
-  // Tells that so many changes follow.
+  // Gather for a blob whose hash it computes: the digest runs beside that of the
+  // open transaction, which costs the time of one.
+  BLOBRING_HIDDEN bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
+
+  // Announces so many changes.
   BLOBRING_HIDDEN void ExpectChanges(std::size_t count) noexcept;
 
-  // Tells that these hashes, some dozens, will be asked for next: their places
-  // in the index are brought near, and no call waits for them one by one.
+  // Brings what look-ups of these hashes, some dozens, will read into the
+  // processor's caches.
   BLOBRING_HIDDEN void Prefetch(const Hash* hashes, std::size_t count) const;
 
   // Whether the store will hold the blob once the open transaction commits.
@@ -113,8 +123,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Repack();
 
   // Reads every blob and reports every fault. False when there was one. A
-  // check that is started while one is running returns true at once. Throws
-  // "Unable to allocate memory".
+  // check that is started on a thread that is running one returns true at
+  // once. Throws "Unable to allocate memory".
   bool Fsck();
 
   // Fsck with progress. Stopped: no fault up to there. Throws as well when a
@@ -125,7 +135,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Told by Load, Check and Repack; the context stays the caller's.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall& call) { progress = call; }
 
-  // Forgets the index and closes all files; false when one did not close.
+  // Forgets the index and closes all files; false when one did not close. No
+  // change is accepted from then on, even where a file has stayed open.
   bool Close();
   bool Shutdown(bool flag);
 
@@ -145,6 +156,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   struct Statistics {
     bool loaded;
     bool inDoubt;
+    bool damaged;  // the last load met damage, a torn last transaction aside
+    bool readOnly;
     std::int32_t sequence;  // of the pack
     std::uint32_t slotCount;
     std::uint64_t blobCount;
@@ -178,28 +191,33 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void LoadFiles();
   BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
+  BLOBRING_HIDDEN void FindLostPack();
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN void Keep(BlobFile& file, std::uint32_t from) const;
-  BLOBRING_HIDDEN void KeepFilesAside();
-  BLOBRING_HIDDEN void KeepDamaged(BlobFile& pack, BlobFile& journal) const;
+  BLOBRING_HIDDEN bool SetAside(BlobFile& journal);
+  BLOBRING_HIDDEN void MoveFilesAside();
+  BLOBRING_HIDDEN void KeepSlot(std::uint32_t slot) const;
   BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   BLOBRING_HIDDEN void ApplyPending() noexcept;
   BLOBRING_HIDDEN void ShrinkPending() noexcept;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
+  template <class Write>
+  BLOBRING_HIDDEN bool StoreWith(BlobPair const& blob, Write write);
+  BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const std::string& reason);
   BLOBRING_HIDDEN void RequireChangeable() const;
   BLOBRING_HIDDEN bool InDoubt() const;
-  BLOBRING_HIDDEN bool MayRepack() const;
-  BLOBRING_HIDDEN void RepackIntoNextSlot();
-  BLOBRING_HIDDEN void RepackInPlace();
-  BLOBRING_HIDDEN void CopyBlobs(const BlobFilePtr& target);
-  BLOBRING_HIDDEN bool ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const;
-  BLOBRING_HIDDEN static bool ReadBlobQuickly(BlobPair& blob, BlobFile::BlobFileEntry const& entry);
-  BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, BlobFile::BlobFileEntry const& entry) const;
+  BLOBRING_HIDDEN void RequireRepackable() const;
+  BLOBRING_HIDDEN void RepackIntoNextSlot(BlobFilePtr& unfinished);
+  BLOBRING_HIDDEN void RepackInPlace(BlobFilePtr& unfinished);
+  BLOBRING_HIDDEN BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
+  BLOBRING_HIDDEN static bool TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
+                                          std::size_t number);
+  BLOBRING_HIDDEN static void RequireInPlace(const BlobFile& pack);
+  BLOBRING_HIDDEN void PointTo(const BlobFile::Entries& copied);
   BLOBRING_HIDDEN bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
-  BLOBRING_HIDDEN bool CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
-                                 int position) const;
+  BLOBRING_HIDDEN static bool CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry,
+                                        int position);
   BLOBRING_HIDDEN Sizes SizesOf() const;
   BLOBRING_HIDDEN std::uint64_t RepackedSize(const Sizes& sizes) const;
   BLOBRING_HIDDEN Checked CheckAll(const ProgressCall& call);
@@ -225,7 +243,12 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool enumerating = false;
   bool hasInvalid = false;  // during a load: the index may hold what the store does not
   bool loaded = false;
-  bool loadFailed = false;  // and the files were kept: a change could hide what they hold
+  bool damaged = false;
+  bool readOnly = false;
+  // Why no change is accepted; None: changes are.
+  FailureCode refusal = FailureCode::None;
+  std::string refusalReason;
+  const DWORD openerProcess;
 };
 
 // Highest header sequence first.

@@ -4,15 +4,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "pack/BatchReader.h"
+#include "platform/FailureText.h"
 #include "platform/Trace.h"
-#include "store/BatchReader.h"
 #include "store/BlobController.h"
 
 namespace {
 
-// One check at a time in the whole process: a fault met by a check does not
-// start another.
-bool checkRunning = false;
+// One check at a time on a thread: a fault met by a check does not start another.
+thread_local bool checkRunning = false;
 
 class CheckMark {
  public:
@@ -39,14 +39,14 @@ bool BlobController::Fsck() {
 }
 
 BlobController::Checked BlobController::Check() {
-  if (checkRunning) throw std::runtime_error("a check is running");
-  if (!loaded) throw std::runtime_error("the store is not loaded");
+  if (checkRunning) throw Failure(FailureCode::Refused, "a check is running");
+  if (!loaded) throw Failure(FailureCode::Closed, "the store is not loaded");
   return CheckAll(progress);
 }
 
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
-  trace::engine.WriteNoteV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
+  trace::engine.NoteWarnV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
   if (blobs.empty()) return Checked::Sound;
 
   const Sizes sizes = SizesOf();
@@ -62,7 +62,7 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
       batch.Verify();
       for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
         if (!CheckPlace(blob->first, blob->second)) sound = false;
-        if (!batch.IsSound(i) && !CheckBlob(blob->first, blob->second, batch.Data(i), position)) sound = false;
+        if (!batch.IsSound(i) && !CheckBlob(batch, i, blob->second, position)) sound = false;
       }
       stopped =
           call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) && blob != blobs.end();
@@ -71,6 +71,7 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
     sound = false;
   }
   if (!sound) {
+    trace::NoteCause(Failure(FailureCode::Damaged, ""));
     trace::engine.WriteErrorV("BlobController::Fsck() storage is corrupted");
     return Checked::Faulty;
   }
@@ -87,30 +88,30 @@ bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const&
   return false;
 }
 
-// Reads a blob that did not verify once more, the careful way, which says
-// what is wrong. The buffer holds its size.
-bool BlobController::CheckBlob(const Hash& hash, BlobFile::BlobFileEntry const& entry, unsigned char* buffer,
-                               int position) const {
+// Reports what is wrong with a blob that did not verify. The store stays open and
+// the check goes on.
+bool BlobController::CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry, int position) {
   BlobPair pair;
-  pair.hash = hash;
-  pair.buffer = {buffer, entry.size};
   const std::string file = PathOf(entry.file);
   try {
-    if (entry.file && ReadBlob(pair, entry)) return true;
+    if (batch.Take(i, pair)) return true;
+    trace::engine.WriteErrorV("BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
+                              file.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
+                              entry.hash.toString().c_str());
+    // Nothing was read: what the buffer holds of other blobs must not decide.
+    if (entry.size > 0) std::memset(pair.buffer.data, 0, entry.size);
+    pair.isValid();
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
                               file.c_str(), static_cast<int>(entry.offset));
   }
-  // Not what the buffer holds decides, but that nothing was read.
-  if (entry.size > 0) std::memset(buffer, 0, entry.size);
-  pair.hash = hash;
-  pair.isValid();
-  const std::string line = "Fsck: Blob Entry :hash=" + hash.toString() +
+  const std::string line = "Fsck: Blob Entry :hash=" + entry.hash.toString() +
                            " transId=" + std::to_string(entry.transactionId) + " size=" + std::to_string(entry.size) +
                            " offset=" + std::to_string(entry.offset) + " count = " + std::to_string(position) +
                            " filename=" + file;
   trace::engine.WriteErrorV("%s", line.c_str());
-  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt", hash.toString().c_str());
+  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt", entry.hash.toString().c_str());
   return false;
 }
 

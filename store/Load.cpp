@@ -1,9 +1,9 @@
 // BlobController: rebuilding the index when a store is opened.
 #include <algorithm>
-#include <stdexcept>
 
 #include "fs/KeptFile.h"
-#include "pack/CutShort.h"
+#include "pack/Replay.h"
+#include "platform/FailureText.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
@@ -20,12 +20,15 @@ bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b
 bool BlobController::Load() {
   enumerating = false;
   loaded = false;
-  loadFailed = false;
+  damaged = false;
+  if (refusal != FailureCode::Closed && refusal != FailureCode::ReadOnly) refusal = FailureCode::None;
   try {
     LoadFiles();
   } catch (const std::exception& e) {
-    if (damagePolicy == DamagePolicy::Keep) {
-      loadFailed = true;
+    trace::NoteCause(e);
+    if (damagePolicy == DamagePolicy::Keep || readOnly) {
+      if (refusal == FailureCode::None)
+        RefuseChanges(FailureCode::Refused, "the load has failed, no change is accepted until one succeeds");
       blobs.Clear();
       trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
       return false;
@@ -46,13 +49,14 @@ void BlobController::LoadFiles() {
 
   BlobFile::Entries entries;
   if (!LoadNewestPack(entries)) {
+    if (readOnly) throw Failure(FailureCode::Damaged, "no valid Pak files");
     if (damagePolicy == DamagePolicy::Erase) {
       DeleteFiles();
       trace::engine.WriteErrorV("BlobController::Load no valid Pak files, reseting all files.  All data is lost");
       return;
     }
-    KeepFilesAside();
-    if (!LoadNewestPack(entries)) throw std::runtime_error("no valid Pak files");
+    MoveFilesAside();
+    if (!LoadNewestPack(entries)) throw Failure(FailureCode::Damaged, "no valid Pak files");
   }
   LoadJournal(entries);
   for (const BlobFilePtr& pack : packFiles) Secure(*pack);
@@ -73,6 +77,7 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
   for (const BlobFilePtr& pack : packs) {
     entries.clear();
     if (!LoadPack(*pack, entries)) {
+      damaged = true;
       trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s", pack->header.sequence,
                                pack->path.c_str());
       continue;
@@ -81,6 +86,8 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     curPack = pack;
     Apply(entries, pack);
     seq = pack->header.sequence;
+    damaged = damaged || pack->IsDamaged();
+    FindLostPack();
     return true;
   }
   return false;
@@ -90,37 +97,91 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 // early is not damage but a failure of the whole load, and one that counts no
 // record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
-  pack.loadProgress = &progress;
+  const bool keeps = damagePolicy == DamagePolicy::Keep || readOnly;
+  pack.SetProgress(&progress);
   try {
     const bool sound = pack.Load(entries);
     progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
-    return sound && (damagePolicy == DamagePolicy::Erase || !pack.IsDamaged());
+    return sound && (!keeps || !pack.IsDamaged() || !entries.empty());
   } catch (const CutShort& e) {
-    if (damagePolicy == DamagePolicy::Erase) throw;
+    if (!keeps) throw;
     trace::engine.WriteWarnV("%s", e.what());
     return false;
   }
 }
 
+// A journal takes the sequence of its pack with the first commit after a repack. One
+// that counts records of a generation newer than every pack has lost its pack,
+// cut to nothing or zeroed: what it holds rests on blobs that are not there.
+void BlobController::FindLostPack() {
+  if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
+  for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
+    const format::FileHeader& journal = journalFiles[slot]->header;
+    if (journal.recordCount == 0 || journal.sequence <= seq || packFiles[slot]->IsDamaged()) continue;
+    damaged = true;
+    packFiles[slot]->MarkDamaged();
+    trace::engine.WriteErrorV(
+        "BlobController::Load %s counts records of generation %d, whose pack %s is lost: an older generation is shown",
+        journalFiles[slot]->path.c_str(), journal.sequence, packFiles[slot]->path.c_str());
+  }
+}
+
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
   curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
+  BlobFile& journal = *curJournal;
   entries.clear();
-  curJournal->loadProgress = &progress;
+  journal.SetProgress(&progress);
   bool sound = false;
   try {
-    sound = curJournal->Load(entries);
+    sound = journal.Load(entries);
   } catch (const CutShort& e) {
     trace::engine.WriteWarnV("%s", e.what());
   }
-  if (!sound) trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", curJournal->path.c_str());
-  if (!sound || !curJournal->LoadedAll()) {
+  if (!sound) trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path.c_str());
+  if (!sound || !journal.LoadedAll()) {
+    const bool isTorn = !sound && journal.LastIsTorn();
+    damaged = damaged || !isTorn;
+    if (isTorn)
+      trace::engine.WriteWarnV(
+          "BlobController::Load the last transaction of %s was cut off by a power failure, or damaged since: the store "
+          "is as it was before it",
+          journal.path.c_str());
     // Whole transactions stay, in the index and on disk, and the next one
     // follows them: over what the damage left.
-    if (damagePolicy == DamagePolicy::Keep) Keep(*curJournal, curJournal->LoadedEnd());
-    curJournal->KeepLoaded();
+    if (!readOnly && SetAside(journal)) journal.KeepLoaded();
   }
   Apply(entries, curJournal);
-  progress.Stops(ProgressCall::kLoad, curJournal->header.endOffset, curJournal->header.endOffset);
+  progress.Stops(ProgressCall::kLoad, journal.header.endOffset, journal.header.endOffset);
+}
+
+// Leaves a copy of what a journal is about to lose: its header and what the
+// header covers behind the whole transactions. False where that cannot be: the
+// journal is then left as it is and changes are refused. A store that erases
+// keeps only damage that has a whole transaction behind it.
+bool BlobController::SetAside(BlobFile& journal) {
+  constexpr unsigned kMostCopies = 16;
+  if (damagePolicy == DamagePolicy::Erase && !journal.WholeBehind()) return true;
+  try {
+    const std::string copy = kept::CopyAside(journal.file, format::kFileHeaderSize, journal.LoadedEnd(),
+                                             journal.CoveredEnd(), journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
+    if (copy.empty()) {
+      trace::engine.WriteWarnV("BlobController: %s has %d copies beside it, what it loses is not kept",
+                               journal.path.c_str(), static_cast<int>(kMostCopies));
+    } else if (journal.LastIsTorn()) {
+      trace::engine.WriteWarnV("BlobController: the rest of %s is kept as %s", journal.path.c_str(), copy.c_str());
+    } else {
+      trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", journal.path.c_str(),
+                                copy.c_str());
+    }
+    return true;
+  } catch (const std::exception& e) {
+    trace::NoteCause(e);
+    const std::string reason = "what " + journal.path + " loses cannot be kept: " + e.what();
+    trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", reason.c_str());
+    const auto* failure = dynamic_cast<const Failure*>(&e);
+    RefuseChanges(failure != nullptr ? failure->code : FailureCode::Io, reason);
+    return false;
+  }
 }
 
 // A process may have died between writing this file and flushing it. What is
@@ -155,25 +216,21 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   }
 }
 
-// Leaves a copy of what a file is about to lose: its header and all from an
-// offset on.
-void BlobController::Keep(BlobFile& file, std::uint32_t from) const {
-  const std::string copy = kept::CopyAside(file.file, format::kFileHeaderSize, from);
-  trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file.path.c_str(), copy.c_str());
-}
-
-// Moves every file aside and goes on with fresh ones.
-void BlobController::KeepFilesAside() {
-  if (packFiles.empty()) throw std::runtime_error("the store has no slot");
+// Moves every file aside and goes on with fresh ones. Journals first: a journal
+// is never left beside a fresh pack, which a load would take for its own. If the
+// process dies half way, the next load finds no journal and either moves the
+// packs that are left or finds the store empty.
+void BlobController::MoveFilesAside() {
+  if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   trace::engine.WriteErrorV(
       "BlobController::Load no valid Pak files, every file is kept under a new name, the store goes on empty");
-  const auto replace = [](BlobFile& file, BlobFile::BlobFileMode mode) {
+  const auto move = [](BlobFile& file) {
     file.file.close();
     const std::string name = kept::MoveAside(file.path);
     trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path.c_str(), name.c_str());
-    file.header = format::FileHeader{};
-    file.Init(file.path, mode, 0);
   };
-  for (const BlobFilePtr& pack : packFiles) replace(*pack, BlobFile::Pack);
-  for (const BlobFilePtr& journal : journalFiles) replace(*journal, BlobFile::Journal);
+  for (const BlobFilePtr& journal : journalFiles) move(*journal);
+  for (const BlobFilePtr& pack : packFiles) move(*pack);
+  for (const BlobFilePtr& pack : packFiles) pack->Init(pack->path, BlobFile::Pack, 0);
+  for (const BlobFilePtr& journal : journalFiles) journal->Init(journal->path, BlobFile::Journal, 0);
 }

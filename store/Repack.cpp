@@ -9,12 +9,13 @@
 // replayed over the new pack, it gives the same blobs.
 #include <algorithm>
 #include <limits>
-#include <stdexcept>
 #include <string>
 
 #include "fs/FileSystem.h"
+#include "fs/KeptFile.h"
+#include "pack/BatchReader.h"
+#include "platform/FailureText.h"
 #include "platform/Trace.h"
-#include "store/BatchReader.h"
 #include "store/BlobController.h"
 
 namespace {
@@ -25,10 +26,17 @@ constexpr std::size_t kPrefetched = 8;  // blobs ahead of the one that is copied
 // failure.
 struct Stopped {};
 
-// Gives the disk back what a repack that failed has written.
-void DropUnfinished(BlobFile& file) {
+// Gives back what a repack that did not commit has written: a slot's pack stays
+// as it was emptied, older than any generation; a file beside the pack goes.
+void DropUnfinished(const boost::shared_ptr<BlobFile>& file, bool isSlot) {
+  if (!file) return;
   try {
-    if (file.file.IsOpen()) file.file.erase();
+    if (!isSlot) {
+      if (file->file.IsOpen()) file->file.erase();
+      return;
+    }
+    file->CancelTransaction();
+    file->SetSequence(format::kSequenceReset);
   } catch (const std::exception& e) {
     trace::engine.WriteErrorV("%s", e.what());
   }
@@ -59,111 +67,113 @@ std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
          std::uint64_t{format::kStoreHeadSize} * blobs.size();
 }
 
-// Says why not.
-bool BlobController::MayRepack() const {
-  const char* reason = nullptr;
-  const std::uint64_t size = RepackedSize(SizesOf());
-  if (packFiles.empty()) {
-    reason = "the store has no slot";
-  } else if (!loaded) {
-    reason = "the store is not loaded";
-  } else if (!pendingEntries.empty()) {
-    reason = "changes are pending, end the transaction first";
-  } else if (InDoubt()) {
-    reason = "a flush has failed, dispose of the store and open it anew";
-  } else if (size > format::kMaxFileSize) {
-    reason = "the blobs do not fit into one pack of 2147483647 bytes";
-  } else if (seq < 0) {
-    // No store writes one. A pack that was only emptied, of sequence -1, would
-    // be taken for newer, and one step on is that number itself.
-    reason = "the sequence number of the pack is negative";
-  } else if (seq == std::numeric_limits<std::int32_t>::max()) {
-    reason = "the sequence numbers are used up";
-  }
-  if (reason == nullptr) return true;
-  trace::engine.WriteErrorV("BlobController::Repack() refused: %s", reason);
-  return false;
+// Throws why not.
+void BlobController::RequireRepackable() const {
+  if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
+  if (!loaded && refusal == FailureCode::None) throw Failure(FailureCode::Closed, "the store is not loaded");
+  RequireChangeable();
+  if (!pendingEntries.empty())
+    throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
+  if (RepackedSize(SizesOf()) > format::kMaxFileSize)
+    throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
+  // No store writes one. A pack that was only emptied, of sequence -1, would
+  // be taken for newer, and one step on is that number itself.
+  if (seq < 0) throw Failure(FailureCode::Refused, "the sequence number of the pack is negative");
+  if (seq == std::numeric_limits<std::int32_t>::max())
+    throw Failure(FailureCode::Refused, "the sequence numbers are used up");
 }
 
 bool BlobController::Repack() {
-  if (!MayRepack()) return false;
+  try {
+    RequireRepackable();
+    KeepSlot(static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size()));
+  } catch (const std::exception& e) {
+    trace::NoteCause(e);
+    trace::engine.WriteErrorV("BlobController::Repack() refused: %s", e.what());
+    return false;
+  }
   enumerating = false;
+  BlobFilePtr unfinished;
   try {
     seq += 1;
     repackSlot = static_cast<std::uint32_t>(seq) % static_cast<std::uint32_t>(packFiles.size());
     if (packFiles[repackSlot] == curPack || journalFiles[repackSlot] == curJournal) {
-      RepackInPlace();
+      RepackInPlace(unfinished);
     } else {
-      RepackIntoNextSlot();
+      RepackIntoNextSlot(unfinished);
     }
     return true;
   } catch (const Stopped&) {
     seq -= 1;
+    journalFiles[repackSlot]->SetSequence(journalFiles[repackSlot] == curJournal ? seq : format::kSequenceReset);
+    DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
     trace::engine.WriteWarnV("BlobController::Repack() stopped: the store is open and as it was");
     return false;
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteErrorV("BlobController::Repack() threw an exception %s", e.what());
   }
   CheckAfterFailure();
+  DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
   Close();
   return false;
 }
 
-void BlobController::RepackIntoNextSlot() {
+// The slot that is next may hold what the load had to pass over, or what it did
+// not look at: a pack that has lost its header does not say that it is the newest. No
+// repack empties it before both files have been copied.
+void BlobController::KeepSlot(std::uint32_t slot) const {
+  if (!packFiles[slot]->IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
+  for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
+    const std::string copy = kept::CopyAside(file->file, 0, 0, file->file.size(), kept::kMaxCopies);
+    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file->path.c_str(), copy.c_str());
+  }
+}
+
+void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
   const BlobFilePtr pack = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
-  KeepDamaged(*pack, *journal);
   pack->Reset();
   journal->Reset();
   pack->SetSequence(seq);
   journal->SetSequence(seq);
+  unfinished = pack;
+  const BlobFile::Entries copied = CopyBlobs(pack);
+  unfinished.reset();
 
-  try {
-    CopyBlobs(pack);
-  } catch (const Stopped&) {
-    // As on disk: emptied, and older than any generation.
-    pack->CancelTransaction();
-    pack->SetSequence(format::kSequenceReset);
-    journal->SetSequence(format::kSequenceReset);
-    throw;
-  }
+  PointTo(copied);
+  // The older generation too: it holds nothing behind its records.
+  curPack->CutOnClose();
+  curJournal->CutOnClose();
   curPack = pack;
   curPack->UpdateHeader();
   curJournal = journal;
 }
 
-// The slot that is next may hold what the load had to pass over, or did not
-// come to: a pack that has lost its header does not say that it is the newest.
-void BlobController::KeepDamaged(BlobFile& pack, BlobFile& journal) const {
-  if (!pack.IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
-  Keep(pack, format::kFileHeaderSize);
-  Keep(journal, format::kFileHeaderSize);
-}
-
-void BlobController::RepackInPlace() {
+void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
   const BlobFilePtr old = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
-  KeepDamaged(*old, *journal);
-  const BlobFilePtr fresh = MakePooled<BlobFile>();
+  RequireInPlace(*old);
   const std::string besides = old->path + ".new";
-  try {
-    fresh->Init(besides, BlobFile::Pack, 0);
-    fresh->Reset();
-    fresh->SetSequence(seq);
-    CopyBlobs(fresh);
-    fresh->file.close();
-  } catch (...) {
-    DropUnfinished(*fresh);
-    throw;
-  }
+  unfinished = MakePooled<BlobFile>();
+  unfinished->Init(besides, BlobFile::Pack, 0);
+  unfinished->Reset();
+  unfinished->SetSequence(seq);
+  const BlobFile::Entries copied = CopyBlobs(unfinished);
+  unfinished->CutToRecords();
   if (journal != curJournal) journal->Reset();
-  // Nobody replaces a file that somebody holds.
+  RequireInPlace(*old);
+  // A file that somebody holds is not replaced.
+  unfinished->file.close();
   old->file.close();
   FileSystem::ReplaceFileW(besides, old->path);
+  const BlobFilePtr fresh = unfinished;
+  unfinished.reset();
   fresh->Init(old->path, BlobFile::Pack, 0);
   packFiles[repackSlot] = fresh;
   curPack = fresh;
 
+  PointTo(copied);
   // A blob that could not be copied went with the old pack.
   blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
   if (journal == curJournal) journal->Reset();
@@ -171,63 +181,74 @@ void BlobController::RepackInPlace() {
   curJournal = journal;
 }
 
+// A directory that was renamed since the store was opened has taken the pack with
+// it. What its path leads to now is not this store's to replace.
+void BlobController::RequireInPlace(const BlobFile& pack) {
+  if (pack.file.isAt(pack.path)) return;
+  throw Failure(FailureCode::Refused, pack.path + " no longer leads to the pack that is open");
+}
+
+void BlobController::PointTo(const BlobFile::Entries& copied) {
+  bool isNew = false;
+  for (std::size_t i = 0; i < copied.size(); ++i) {
+    if (i + 2 * kPrefetched < copied.size()) blobs.Prefetch(copied[i + 2 * kPrefetched].hash);
+    if (i + kPrefetched < copied.size()) blobs.PrefetchNode(copied[i + kPrefetched].hash);
+    blobs.FindOrMake(copied[i].hash, isNew)->second = copied[i];
+  }
+}
+
 // Writes all that the index holds into target as one transaction of id 0 and
-// commits it. A pack without a record gets no transaction: an empty one would
-// not load.
-void BlobController::CopyBlobs(const BlobFilePtr& target) {
+// commits it. Returns where the blobs lie in it; the index still says where they
+// lay. A pack without a record gets no transaction: an empty one would not load.
+BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
   BlobFile::Entries entries;
   entries.reserve(blobs.size());
   for (const auto& [hash, entry] : blobs) entries.push_back(entry);
   std::sort(entries.begin(), entries.end(), sortByTransaction);
-  const BlobFile::Entries before = progress ? entries : BlobFile::Entries();
 
-  Sizes sizes;
-  for (const BlobFile::BlobFileEntry& entry : entries) sizes.Add(entry.size);
+  const Sizes sizes = SizesOf();
   BatchReader batch(sizes.largest, sizes.total, entries.size());
-  bool hasRecords = false;
-  bool isNew = false;
+  std::size_t copied = 0;
   for (std::size_t first = 0; first < entries.size(); first += batch.Count()) {
     batch.Clear();
     while (first + batch.Count() < entries.size() &&
            batch.Add(entries[first + batch.Count()].hash, entries[first + batch.Count()])) {
     }
     batch.Verify();
-    for (std::size_t i = 0; i < batch.Count(); ++i) blobs.Prefetch(entries[first + i].hash);
     for (std::size_t i = 0; i < batch.Count(); ++i) {
-      if (i + kPrefetched < batch.Count()) blobs.PrefetchNode(entries[first + i + kPrefetched].hash);
+      if (!batch.IsSound(i) && !TakeForCopy(batch, i, entries, first + i)) continue;
       BlobFile::BlobFileEntry& entry = entries[first + i];
       BlobPair pair;
       pair.hash = entry.hash;
       pair.buffer = {batch.Data(i), entry.size};
-      if (!batch.IsSound(i) && !ReadForCopy(pair, entries, first + i)) continue;
-      if (!hasRecords) target->StartTransaction(0);
-      hasRecords = true;
-      target->Store(entry, pair);
+      if (copied == 0) target->BeginTransaction(0);
+      target->Gather(entry, pair);
       entry.file = target;
-      blobs.FindOrMake(entry.hash, isNew)->second = entry;
+      ++copied;
     }
-    if (progress.Stops(ProgressCall::kRepack, first + batch.Count(), entries.size())) {
-      for (const BlobFile::BlobFileEntry& entry : before) blobs.FindOrMake(entry.hash, isNew)->second = entry;
-      throw Stopped{};
-    }
+    if (progress.Stops(ProgressCall::kRepack, first + batch.Count(), entries.size())) throw Stopped{};
   }
-  if (hasRecords) {
+  if (copied > 0) {
     target->EndTransaction(0);
   } else {
     target->CommitHeader();
   }
+  std::erase_if(entries, [&](const BlobFile::BlobFileEntry& entry) { return entry.file != target; });
+  return entries;
 }
 
-// Reads blob i the careful way; false when it is not there. One that is there
-// and damaged ends the run, and the table tells where everything lay.
-bool BlobController::ReadForCopy(BlobPair& pair, const BlobFile::Entries& entries, std::size_t i) const {
-  const BlobFile::BlobFileEntry& entry = entries[i];
+// False when the blob is not there. One that is there and damaged ends the run,
+// and the table tells where everything lay.
+bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
+                                 std::size_t number) {
+  BlobPair pair;
   try {
-    if (entry.file->GetBlob(pair, entry.offset)) return true;
+    if (batch.Take(i, pair)) return true;
   } catch (const std::exception&) {
-    DumpEntries(entries, i);
+    DumpEntries(entries, number);
     throw;
   }
+  const BlobFile::BlobFileEntry& entry = entries[number];
   trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d", entry.hash.toString().c_str(),
                            static_cast<int>(entry.size));
   return false;

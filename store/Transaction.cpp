@@ -1,7 +1,7 @@
 // BlobController: the open transaction, from its first change to its commit.
 #include <algorithm>
-#include <stdexcept>
 
+#include "platform/FailureText.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
@@ -17,12 +17,20 @@ bool BlobController::InDoubt() const {
   return (curJournal && curJournal->InDoubt()) || (curPack && curPack->InDoubt());
 }
 
+void BlobController::RefuseChanges(FailureCode code, const std::string& reason) {
+  if (refusal == FailureCode::ReadOnly) return;  // says more than what comes later
+  refusal = code;
+  refusalReason = reason;
+}
+
 void BlobController::RequireChangeable() const {
-  if (!curJournal) throw std::runtime_error("the store has no slot");
-  if (loadFailed) throw std::runtime_error("the load has failed, no change is accepted until one succeeds");
+  if (refusal != FailureCode::None) throw Failure(refusal, refusalReason);
+  if (!curJournal) throw Failure(FailureCode::Refused, "the store has no slot");
+  if (GetCurrentProcessId() != openerProcess)
+    throw Failure(FailureCode::Refused, "the store was opened by another process, which alone may change it");
   if (InDoubt())
-    throw std::runtime_error(
-        "a flush has failed, no change is accepted until the store is disposed of and opened anew");
+    throw Failure(FailureCode::InDoubt,
+                  "a flush has failed, no change is accepted until the store is disposed of and opened again");
 }
 
 bool BlobController::BlobExists(Hash const& hash) const {
@@ -41,7 +49,6 @@ bool BlobController::BlobExists(Hash const& hash) const {
 // known. Throws what writing throws; the transaction is then as before.
 template <class Write>
 bool BlobController::Change(Hash const& hash, Write write) {
-  RequireChangeable();
   if (pendingEntries.size() == pendingEntries.capacity())
     pendingEntries.reserve(std::max(kReservedEntries, 2 * pendingEntries.capacity()));
   bool isNew = false;
@@ -49,7 +56,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
 
   const bool isFirst = pendingEntries.empty();
   try {
-    if (isFirst) curJournal->StartTransaction(transactionId);
+    if (isFirst) curJournal->BeginTransaction(transactionId);
     BlobFile::BlobFileEntry entry;
     entry.hash = hash;
     entry.transactionId = transactionId;
@@ -64,19 +71,30 @@ bool BlobController::Change(Hash const& hash, Write write) {
   }
 }
 
-bool BlobController::Store(BlobPair const& blob) {
+template <class Write>
+bool BlobController::StoreWith(BlobPair const& blob, Write write) {
   try {
+    RequireChangeable();
     if (BlobExists(blob.hash)) return true;
     return Change(blob.hash, [&](BlobFile::BlobFileEntry& entry) {
-      curJournal->Store(entry, blob);
+      write(entry);
       entry.file = curJournal;
       entry.valid = true;
     });
   } catch (const std::exception& e) {
     RTTrace(0x0F000001);
+    trace::NoteCause(e);
     trace::engine.WriteWarnV("BlobController::Store() threw an exception %s", e.what());
     return false;
   }
+}
+
+bool BlobController::Store(BlobPair const& blob) {
+  return StoreWith(blob, [&](BlobFile::BlobFileEntry& entry) { curJournal->Store(entry, blob); });
+}
+
+bool BlobController::Gather(BlobPair const& blob) {
+  return StoreWith(blob, [&](BlobFile::BlobFileEntry& entry) { curJournal->Gather(entry, blob); });
 }
 
 bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& hash) {
@@ -93,15 +111,17 @@ bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& ha
 
   BlobPair blob;
   blob.hash = hash;
-  blob.buffer = {const_cast<unsigned char*>(data), size};  // Store only reads it
-  return Store(blob);
+  blob.buffer = {const_cast<unsigned char*>(data), size};  // only read
+  return Gather(blob);
 }
 
 bool BlobController::Delete(Hash const& hash) {
   try {
+    RequireChangeable();
     if (!BlobExists(hash)) return true;
     return Change(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->Delete(entry); });
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteWarnV("BlobController::Delete threw an exception hash = %s exception = %s",
                              hash.toString().c_str(), e.what());
     return false;
@@ -121,9 +141,10 @@ bool BlobController::StartTransaction(long long id) {
   try {
     transactionId = id;
     AbandonPending();
-    if (InDoubt()) RequireChangeable();
+    if (refusal == FailureCode::Closed || InDoubt()) RequireChangeable();
     return true;
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteWarnV("BlobController::StartTransaction() threw an exception transactionId %d exception %s",
                              static_cast<int>(id), e.what());
     return false;
@@ -131,11 +152,13 @@ bool BlobController::StartTransaction(long long id) {
 }
 
 bool BlobController::EndTransaction(long long id) {
-  if (pendingEntries.empty()) return true;
   try {
+    if (refusal == FailureCode::Closed) RequireChangeable();
+    if (pendingEntries.empty()) return true;
     RequireChangeable();
     curJournal->EndTransaction(id);
   } catch (const std::exception& e) {
+    trace::NoteCause(e);
     trace::engine.WriteWarnV("BlobController::EndTransaction() threw an exception transactionId %d exception %s",
                              static_cast<int>(id), e.what());
     return false;

@@ -92,7 +92,7 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
        "BlobFile::Load corruption, header endOffset=219 of a file of 199 bytes file=/s/0.jrn"},
       {two().End(5000).Bytes(), 2,
        "BlobFile::Load corruption, header endOffset=5000 of a file of 219 bytes file=/s/0.jrn"},
-      {two().End(23).Bytes(), 0, "BlobFile::Load corruption, header endOffset=23 of a file of 219 bytes file=/s/0.jrn"},
+      {two().End(23).Bytes(), 2, "BlobFile::Load corruption, header endOffset=23 of a file of 219 bytes file=/s/0.jrn"},
       {two().Raw(StartRecord(3, StartRecord(4, "") + EndRecord(4))).Raw(EndRecord(3)).Counting(3).Bytes(), 2,
        "BlobFile::Load corruption, nested transaction id=4 file=/s/0.jrn"},
       {two().Raw(EndRecord(8)).Counting(1).Bytes(), 2,
@@ -136,7 +136,7 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
 
 TEST(Format, AFileThatWasCutOffAtItsCreationIsNew) {
   for (const std::string& bytes :
-       {std::string(), std::string("\0\4", 2), std::string(23, 'x'), std::string(24, '\0')}) {
+       {std::string(), std::string("\0\4", 2), std::string(23, '\0'), std::string(24, '\0')}) {
     for (const char* path : {"/s/0.pak", "/s/0.jrn"}) {
       FreshMachine();
       SetFile(path, bytes);

@@ -39,7 +39,7 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   const OpenedStore store(2);
   EXPECT_TRUE(store.Has("a"));
   BCShutdown(store.index, true);
-  EXPECT_TRUE(refused(store.index, "the store is not loaded"));
+  EXPECT_TRUE(refused(store.index, "the store is closed, no change is accepted until it is opened again"));
 }
 
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {

@@ -128,7 +128,7 @@ expect 1 "^$(md5sum <tree/good | cut -c-32)$" put s nowhere tree/good
 status=0
 flock s/0.pak "$tool" put s good 2>said || status=$?
 same "$status" 1
-grep -q "sharing violation" said || fail "$(cat said)"
+grep -q "another process has the store open" said || fail "$(cat said)"
 blobring put s pipe two >held &
 first=$!
 exec 3>pipe

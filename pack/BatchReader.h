@@ -1,0 +1,70 @@
+// Reads many blobs at once and digests them side by side: a check and a repack
+// read blobs that have nothing to do with one another.
+//
+// Add() collects what one buffer can hold. Verify() reads it, records that lie
+// together in one call, and digests it; it says nothing. Take() is for a blob
+// that did not verify: it judges the bytes that were read, as BlobFile::GetBlob
+// would, with its messages and exceptions. Each record is read once.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <vector>
+
+#include "md5/MD5.h"
+#include "pack/BlobFile.h"
+
+class BatchReader {
+ public:
+  static constexpr std::size_t kMaxBlobs = 256;
+
+  // For blobs of at most largestBlob bytes and totalSize in all. Where there is
+  // no memory for many at once, takes as little as the largest one needs.
+  // Throws Failure("Unable to allocate memory").
+  BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize, std::size_t count);
+
+  // Starts the next batch.
+  void Clear();
+
+  // Notes the blob of an entry, whose file must stay. False when the batch is
+  // full.
+  bool Add(const Hash& hash, const BlobFile::BlobFileEntry& entry);
+
+  // Reads and digests what was added.
+  void Verify();
+
+  std::size_t Count() const { return count; }
+  bool IsSound(std::size_t i) const { return slots[i].sound; }
+  // The blob's bytes, of its entry's size; undefined if it is not sound.
+  unsigned char* Data(std::size_t i) { return buffer.data() + slots[i].data; }
+
+  // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes
+  // Data(i). A sound record of another blob is damage as well.
+  bool Take(std::size_t i, BlobPair& pair);
+
+ private:
+  struct Slot {
+    BlobFile* file;
+    std::uint32_t offset;  // of the record in the file
+    std::uint32_t size;    // of the blob
+    Hash hash;
+    std::size_t data = format::kStoreHeadSize;  // place of the blob's data in the buffer
+    std::uint32_t got = 0;                      // bytes of the record that were read
+    std::uint32_t code = 0;                     // the platform's, where that is not all
+    std::exception_ptr failure = nullptr;       // where not even that is known
+    bool sound = false;
+
+    std::uint32_t RecordSize() const { return format::kStoreHeadSize + size; }
+    std::uint64_t End() const { return std::uint64_t{offset} + RecordSize(); }
+  };
+
+  void ReadAll();
+  static void ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes);
+  bool LooksRight(const Slot& slot) const;
+
+  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
+  std::size_t used = 0;  // bytes of the records that were added
+  std::size_t count = 0;
+  std::array<Slot, kMaxBlobs> slots;
+};

@@ -1,0 +1,199 @@
+#include "pack/RecordWriter.h"
+
+#include <algorithm>
+
+#include "md5/MD5.h"
+
+using format::FileHeader;
+using format::OpHeader;
+using format::TransactionBlock;
+
+namespace {
+
+constexpr std::uint32_t kCommitsBeforeBlank = 32;
+constexpr std::uint32_t kBlankAhead = 64 * 1024;
+constexpr std::uint32_t kLeastBlank = kBlankAhead / 2;  // less than this is refilled
+// A transaction up to this size is written again as a whole when its block is
+// filled in: one call instead of two.
+constexpr std::uint32_t kMostRewritten = 4096;
+
+}  // namespace
+
+RecordWriter::RecordWriter(File& target, FileHeader& fileHeader, TransactionBlock& transactionBlock,
+                           std::uint32_t& transactionBlockOffset, MD5& transactionDigest)
+    : file(target),
+      header(fileHeader),
+      block(transactionBlock),
+      blockOffset(transactionBlockOffset),
+      md5(transactionDigest) {}
+
+void RecordWriter::Restart(bool forJournal) {
+  isJournal = forJournal;
+  gather.Restart(header.endOffset);
+  blankBegin = blankEnd = zerosEnd = 0;
+  beganInBlank = false;
+  commitCount = 0;
+  hasMadeBlank = false;
+  mayMakeBlank = true;
+}
+
+void RecordWriter::Write(std::uint32_t offset, const unsigned char* bytes, std::uint32_t size) {
+  blankBegin = std::max(blankBegin, offset + size);  // [C3], whatever comes of it
+  try {
+    file.seek(offset);
+    file.write(reinterpret_cast<char*>(const_cast<unsigned char*>(bytes)), size);
+  } catch (...) {
+    beganInBlank = false;
+    throw;
+  }
+}
+
+void RecordWriter::WriteOut() {
+  const std::span<const unsigned char> rest = gather.Unwritten();
+  if (rest.empty()) return;
+  Write(gather.WrittenEnd(), rest.data(), static_cast<std::uint32_t>(rest.size()));
+  gather.Written();
+}
+
+void RecordWriter::Begin(long long id) {
+  unsigned char record[format::kStartSize] = {};
+  OpHeader{format::kOpStartTransaction, id}.Encode(record);
+  gather.Restart(header.endOffset);
+  gather.Reserve(sizeof record);
+  gather.Append(record, sizeof record);
+  gather.Digested(sizeof record);
+  beganInBlank = header.endOffset >= blankBegin;
+
+  block = TransactionBlock{};
+  blockOffset = header.endOffset + format::kOpHeaderSize;
+  header.endOffset += format::kStartSize;
+  header.recordCount += 1;
+  md5.init();
+}
+
+void RecordWriter::Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered) {
+  unsigned char head[format::kStoreHeadSize];
+  const std::uint32_t headSize = record.Encode(head);
+  const std::uint32_t dataSize = record.size;
+  if (gather.End() != header.endOffset) gather.Restart(header.endOffset);  // outside a transaction
+  if (dataSize <= mostGathered) {
+    if (!gather.Fits(headSize + dataSize)) EmptyGathered();
+    gather.Reserve(headSize + dataSize);
+    gather.Append(head, headSize);
+    gather.Append(data, dataSize);
+  } else {
+    if (!gather.Fits(headSize)) EmptyGathered();
+    gather.Reserve(headSize);
+    gather.Append(head, headSize);
+    try {
+      WriteOut();
+      Write(gather.End(), data, dataSize);
+    } catch (...) {
+      gather.Truncate(header.endOffset);
+      throw;
+    }
+    DigestGathered();
+    md5.update(data, dataSize);
+    gather.Restart(gather.End() + dataSize);
+  }
+  header.endOffset += headSize + dataSize;
+  header.recordCount += 1;
+}
+
+void RecordWriter::TakeBack(const FileHeader& before) {
+  header = before;
+  gather.Truncate(header.endOffset);
+}
+
+void RecordWriter::DigestGathered() {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  md5.update(rest.data(), static_cast<std::uint32_t>(rest.size()));
+  gather.Digested(rest.size());
+}
+
+void RecordWriter::EmptyGathered() {
+  WriteOut();
+  DigestGathered();
+  gather.Restart(gather.End());
+}
+
+void RecordWriter::DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
+  const std::span<const unsigned char> rest = gather.Undigested();
+  UpdateBoth(other, data, size, md5, rest.data(), static_cast<std::uint32_t>(rest.size()));
+  gather.Digested(rest.size());
+}
+
+bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
+  const std::uint32_t recordsEnd = header.endOffset;
+  DigestGathered();
+  // On copies: until the header is written, a failure leaves the transaction
+  // open as it was.
+  TransactionBlock whole = block;
+  whole.length = recordsEnd - blockOffset - format::kBlockSize;
+  MD5 digest = md5;
+  digest.finalize();
+  digest.raw_digest(whole.digest);
+  unsigned char blockBytes[format::kBlockSize];
+  whole.Encode(blockBytes);
+  unsigned char endRecord[format::kEndSize];
+  OpHeader{format::kOpEndTransaction, id}.Encode(endRecord);
+
+  if (!gather.Fits(sizeof endRecord)) EmptyGathered();
+  gather.Reserve(sizeof endRecord);
+  gather.Append(endRecord, sizeof endRecord);
+  const bool blockGathered = gather.Patch(blockOffset, blockBytes, sizeof blockBytes, kMostRewritten);
+  WriteOut();
+  if (!blockGathered) Write(blockOffset, blockBytes, sizeof blockBytes);
+
+  next = header;
+  next.endOffset = gather.End();
+  next.recordCount += 1;
+  const bool isInBlank = beganInBlank && next.endOffset <= blankEnd;  // [C2]
+  zerosEnd = isInBlank ? blankEnd : next.endOffset;
+  const std::uint32_t size = next.endOffset - (blockOffset - format::kOpHeaderSize);
+  if (isJournal && commitCount >= kCommitsBeforeBlank && size <= kLeastBlank) MakeBlankAhead(next.endOffset);
+  return !isInBlank;
+}
+
+// [C5] A failure costs a flush in later commits and nothing else.
+void RecordWriter::MakeBlankAhead(std::uint32_t end) noexcept {
+  static const unsigned char zeros[kBlankAhead] = {};
+  const std::uint32_t until = std::min(end + kBlankAhead, format::kMaxFileSize);
+  if (!mayMakeBlank || zerosEnd >= until || zerosEnd - end >= kLeastBlank) return;
+  hasMadeBlank = true;
+  try {
+    Write(zerosEnd, zeros, until - zerosEnd);
+    blankBegin = end;  // all behind it is zeros now, whatever was written there before
+    zerosEnd = until;
+  } catch (const std::exception&) {
+    mayMakeBlank = false;
+    zerosEnd = end;
+  }
+}
+
+void RecordWriter::Committed() {
+  blankEnd = zerosEnd;
+  commitCount += 1;
+  gather.Restart(header.endOffset);
+  ReleaseMemory();
+}
+
+void RecordWriter::NotCommitted() {
+  gather.Truncate(header.endOffset);
+  blankEnd = 0;          // what was written ahead may not be there
+  beganInBlank = false;  // [C4]
+}
+
+void RecordWriter::Cancel() {
+  block = TransactionBlock{};
+  gather.Restart(header.endOffset);
+  ReleaseMemory();
+}
+
+void RecordWriter::ReleaseMemory() {
+  if (isJournal) {
+    gather.ReleaseExcess();
+  } else {
+    gather.ReleaseAll();
+  }
+}
