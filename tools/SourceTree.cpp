@@ -1,82 +1,64 @@
 #include "tools/SourceTree.h"
 
 #include <fmt/format.h>
+#include <fts.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
-#include <utility>
+#include <memory>
 
 #include "tools/Console.h"
-#include "tools/Error.h"
 
 namespace tool {
 namespace {
 
-namespace stdfs = std::filesystem;
-
-class Lister {
- public:
-  Lister(SourceTree& tree, const std::set<FileId>& exclude, bool verbose)
-      : tree_(tree), exclude_(exclude), verbose_(verbose) {}
-
-  // Lists one directory, `name` below the root ("" for the root); the
-  // directories in it are left in `waiting`, the first to be taken on top.
-  void ListDirectory(const std::string& name, std::vector<std::string>& waiting) {
-    std::error_code code;
-    std::vector<std::string> entries;
-    for (stdfs::directory_iterator it(tree_.root + "/" + name, code), end; !code && it != end; it.increment(code))
-      entries.push_back(it->path().filename().string());
-    if (code && name.empty()) throw Fault(fmt::format("cannot read {}: {}", tree_.root, code.message()));
-    if (code) Unreadable(name, code.message());
-    std::sort(entries.begin(), entries.end());
-    const size_t bottom = waiting.size();
-    for (const std::string& entry : entries) Take(fmt::format("{}{}{}", name, name.empty() ? "" : "/", entry), waiting);
-    std::reverse(waiting.begin() + static_cast<std::ptrdiff_t>(bottom), waiting.end());
-  }
-
- private:
-  void Take(const std::string& name, std::vector<std::string>& waiting) {
-    struct stat status = {};
-    if (::lstat((tree_.root + "/" + name).c_str(), &status) != 0) return Unreadable(name, std::strerror(errno));
-    if (S_ISDIR(status.st_mode)) return waiting.push_back(name);
-    if (S_ISLNK(status.st_mode)) return LeaveOut(name, "a symbolic link", tree_.symbolicLinkCount);
-    if (!S_ISREG(status.st_mode)) return LeaveOut(name, "not a regular file", tree_.specialFileCount);
-    if (exclude_.contains({status.st_dev, status.st_ino}))
-      return LeaveOut(name, "the store's or the manifest", tree_.excludedCount);
-    tree_.files.push_back({name, static_cast<uint64_t>(status.st_size)});
-    tree_.byteCount += static_cast<uint64_t>(status.st_size);
-  }
-
-  void LeaveOut(const std::string& name, std::string_view why, uint64_t& count) const {
-    ++count;
-    if (verbose_) Say(fmt::format("left out {}/{}: {}", tree_.root, name, why));
-  }
-
-  void Unreadable(const std::string& name, const std::string& why) {
-    ++tree_.unreadableCount;
-    Say(fmt::format("cannot read {}/{}: {}", tree_.root, name, why));
-  }
-
-  SourceTree& tree_;
-  const std::set<FileId>& exclude_;
-  bool verbose_;
-};
+int ByName(const FTSENT** a, const FTSENT** b) {
+  return std::strcmp((*a)->fts_name, (*b)->fts_name);
+}
 
 }  // namespace
 
 SourceTree SourceTree::List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
   SourceTree tree;
   tree.root = directory;
-  Lister lister(tree, exclude, verbose);
-  std::vector<std::string> waiting = {""};
-  while (!waiting.empty()) {
-    const std::string name = std::move(waiting.back());
-    waiting.pop_back();
-    lister.ListDirectory(name, waiting);
+  std::string root = directory;
+  char* roots[] = {root.data(), nullptr};
+  const std::unique_ptr<FTS, int (*)(FTS*)> walk(::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName),
+                                                 ::fts_close);
+  if (!walk) ThrowErrno("read " + directory);
+  errno = 0;
+  while (const FTSENT* entry = ::fts_read(walk.get())) {
+    const std::string path = entry->fts_path;
+    const auto leaveOut = [&](std::string_view why, uint64_t& count) {
+      ++count;
+      if (verbose) Say(fmt::format("left out {}: {}", path, why));
+    };
+    const int kind = entry->fts_info;
+    if (entry->fts_level == 0 && kind != FTS_D && kind != FTS_DP) {
+      errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
+      ThrowErrno("read " + directory);
+    }
+    if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
+      ++tree.unreadableCount;
+      Say(fmt::format("cannot read {}: {}", path, std::strerror(entry->fts_errno)));
+    } else if (kind == FTS_SL || kind == FTS_SLNONE) {
+      leaveOut("a symbolic link", tree.symbolicLinkCount);
+    } else if (kind == FTS_DEFAULT) {
+      leaveOut("not a regular file", tree.specialFileCount);
+    } else if (kind == FTS_F) {
+      const struct stat& status = *entry->fts_statp;
+      if (exclude.contains({status.st_dev, status.st_ino})) {
+        leaveOut("the store's or the manifest", tree.excludedCount);
+        continue;
+      }
+      tree.files.push_back(
+          {path.substr(path.find_first_not_of('/', root.size())), static_cast<uint64_t>(status.st_size)});
+      tree.byteCount += static_cast<uint64_t>(status.st_size);
+    }
+    errno = 0;
   }
+  if (errno != 0) ThrowErrno("read " + directory);
   return tree;
 }
 

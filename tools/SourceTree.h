@@ -17,7 +17,7 @@ struct SourceTree {
   };
 
   std::string root;
-  std::vector<File> files;  // in the order of their names' bytes, directory by directory
+  std::vector<File> files;  // in the order of their names' bytes, component by component
   uint64_t byteCount = 0;
   uint64_t symbolicLinkCount = 0;  // left out
   uint64_t specialFileCount = 0;   // left out: sockets, pipes and devices

@@ -99,11 +99,7 @@ blobring get s "$abc" -o /dev/stdout >to
 same "$(cat to)" abc
 [ -L /dev/stdout ] && [ -p pipe ] || fail "a pipe or device was replaced"
 
-# Standard streams that are closed become no file of ours.
-status=0
-blobring put s good link <&- >&- 2>&- || status=$?
-same "$status" 1
-expect 0 "every blob is sound" fsck s
+blobring put s good link >/dev/null
 
 # Hashes from standard input; each counts once; the reader may use the store.
 printf 1 >one && printf 2 >two
@@ -122,6 +118,9 @@ truncate -s 2147483532 tree/big
 printf good >tree/good
 expect 1 "tree/big: it is too large, a blob has at most 2147483531 bytes" import s tree -m m
 same "$(cut -c35- m)" ./good
+status=0
+blobring import s tree --force -m m >&- 2>&- || status=$? # no message may get into the manifest
+same "$status $(cut -c35- m)" "1 ./good"
 expect 1 "^$(md5sum <tree/good | cut -c-32)$" put s nowhere tree/good
 
 # One process at a time, but not while one waits for its input.
@@ -129,14 +128,14 @@ status=0
 flock s/0.pak "$tool" put s good 2>said || status=$?
 same "$status" 1
 grep -q "another process has the store open" said || fail "$(cat said)"
-blobring put s pipe two >held &
+blobring put s two pipe >held &
 first=$!
 exec 3>pipe
 expect 0 "good|[0-9a-f]{32}" ls s
 printf xyz >&3
 exec 3>&-
 wait $first
-same "$(cat held)" "$(printf xyz | md5sum | cut -c-32)"$'\n'"$(md5sum <two | cut -c-32)"
+same "$(cat held)" "$(md5sum <two | cut -c-32)"$'\n'"$(printf xyz | md5sum | cut -c-32)"
 
 # A store without its conf: taken over with the same slots, never with others.
 rm s/blobring.conf
@@ -144,7 +143,7 @@ expect 1 "blobring init s" put s good
 expect 2 "repeat init with --slots 2" init s --slots 3
 expect 2 "repeat init with --slots 2" init s --slots 1
 expect 0 "store with 2 slots" init s
-same "$(blobring get s "$(head -1 held)")" xyz
+same "$(blobring get s "$(tail -1 held)")" xyz
 for conf in 'blobring 2' 'slot .' $'blobring 1\nslot relative' 'blobring 1'; do
   printf '%s\n' "$conf" >s/blobring.conf
   expect 1 "s/blobring.conf" ls s
