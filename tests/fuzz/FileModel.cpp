@@ -148,15 +148,10 @@ Reading ReadFile(std::string_view file) {
   reading.sequence = static_cast<std::int32_t>(Get32(file, 12));
   const std::uint32_t end = Get32(file, 20);
   reading.headerLost = end < kHeader || end > file.size();
-  if (end < kHeader) {
-    reading.end = End::Damaged;
-    reading.exact = false;
-    return reading;
-  }
   Reader reader(file, reading);
   reading.end = reader.Run();
-  if (reading.headerLost) reading.end = End::Damaged;
-  reading.exact = reading.end == End::Clean && reader.wholeEnd == end && reader.wholeCount == Get32(file, 4);
+  reading.exact =
+      reading.end == End::Clean && !reading.headerLost && reader.wholeEnd == end && reader.wholeCount == Get32(file, 4);
   reading.countLost = reader.wholeCount == 0 && !reading.exact;
   return reading;
 }
@@ -174,7 +169,7 @@ Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
   for (const std::size_t slot : order) {
     const Reading& pack = packs[slot];
     if (pack.end == End::CutShort && !keep) return expected;
-    if (pack.end != End::Clean || (keep && pack.countLost)) continue;
+    if (pack.end != End::Clean || (keep && (pack.headerLost || pack.countLost) && pack.changes.empty())) continue;
     if (pack.sequence == -1) break;
     expected.loaded = true;
     expected.sequence = pack.sequence;
