@@ -35,7 +35,8 @@ std::string FileSystem::AbsolutePath(const std::string& path) {
   }
   if (length == 0 || length >= full.size()) {
     const DWORD code = GetLastError();
-    throw Failure(FailureOf(code), "FileSystem::AbsolutePath error " + path + " GetLastError code= " + std::to_string(code));
+    throw Failure(FailureOf(code),
+                  "FileSystem::AbsolutePath error " + path + " GetLastError code= " + std::to_string(code));
   }
   full.resize(length);
   return ConvertString(full);

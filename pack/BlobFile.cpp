@@ -37,6 +37,7 @@ BlobFile::BlobFile() = default;
 BlobFile::BlobFile(const BlobFile& other) : BlobStoreBase(other), header(other.header), path(other.path) {}
 
 BlobFile& BlobFile::operator=(const BlobFile& other) {
+  if (this == &other) return *this;
   header = other.header;
   path = other.path;
   return *this;
@@ -190,11 +191,11 @@ void BlobFile::RequireWritable() {
 // With the end record. The reserve is waived for a blob that would not fit
 // into an empty journal with it.
 void BlobFile::RequireRoom(const RecordHead& record) const {
-  const std::uint64_t size = record.op.op == format::kOpStore ? std::uint64_t{format::kStoreHeadSize} + record.size
-                                                              : format::kDeleteSize;
+  const std::uint64_t size =
+      record.op.op == format::kOpStore ? std::uint64_t{format::kStoreHeadSize} + record.size : format::kDeleteSize;
   const std::uint64_t alone = format::kFileHeaderSize + format::kStartSize + size + format::kEndSize;
-  const bool reserves = mode == Journal && record.op.op == format::kOpStore &&
-                        alone + kReservedForDeletes <= format::kMaxFileSize;
+  const bool reserves =
+      mode == Journal && record.op.op == format::kOpStore && alone + kReservedForDeletes <= format::kMaxFileSize;
   if (header.endOffset + size + format::kEndSize + (reserves ? kReservedForDeletes : 0) <= format::kMaxFileSize) return;
   throw Failure(FailureCode::Full, "BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
                                        std::to_string(size) + " bytes, a file ends at 2147483647");
@@ -218,8 +219,7 @@ bool BlobFile::StartTransaction(long long id) {
   return true;
 }
 
-void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data,
-                      std::uint32_t mostGathered) {
+void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data, std::uint32_t mostGathered) {
   RequireWritable();
   RequireRoom(record);
   entry.offset = header.endOffset;
@@ -331,7 +331,8 @@ bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& 
     return false;
   }
   if (got < format::kDeleteSize) throw File::ShortRead(format::kHashSize, got - format::kOpHeaderSize, record.code);
-  if (got < format::kStoreHeadSize) throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
+  if (got < format::kStoreHeadSize)
+    throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
   RecordHead head = RecordHead::Decode(record.held.data());
   blob.hash.setHash(head.hash);
   const BlobPair::Data data{record.held.subspan(format::kStoreHeadSize), record.asked - format::kStoreHeadSize,
@@ -360,7 +361,7 @@ bool BlobFile::Load(Entries& out) {
   // A header that counts none whole of the records that it covers is damage as
   // well, though a load can go by it.
   if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll()))) state = State::Damaged;
-  if (replayed.cutShort) throw *replayed.cutShort;
+  if (replayed.cutShort) throw CutShort(*replayed.cutShort);
   return !replayed.damaged;
 }
 

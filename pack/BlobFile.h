@@ -202,7 +202,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void RequireRoom(const format::RecordHead& record) const;
   BLOBRING_HIDDEN void Append(BlobFileEntry& entry, const format::RecordHead& record, unsigned char* data,
                               std::uint32_t mostGathered);
-  BLOBRING_HIDDEN void WriteOutOrTakeBack(const format::FileHeader& before, const format::TransactionBlock& blockBefore);
+  BLOBRING_HIDDEN void WriteOutOrTakeBack(const format::FileHeader& before,
+                                          const format::TransactionBlock& blockBefore);
   BLOBRING_HIDDEN void WriteHeader(const format::FileHeader& next);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN bool PutCommittedHeader();

@@ -193,11 +193,14 @@ bool Replay::Take(Member& member) {
   }
   if (parser.FoundBadRecord()) {
     const OpHeader& bad = parser.BadRecord();
-    if (bad.op == format::kOpStartTransaction) return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", bad);
-    if (bad.op == format::kOpEndTransaction) return Corrupt("BlobFile::Load corruption, transaction ends before its length id=%d file=%s", bad);
+    if (bad.op == format::kOpStartTransaction)
+      return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", bad);
+    if (bad.op == format::kOpEndTransaction)
+      return Corrupt("BlobFile::Load corruption, transaction ends before its length id=%d file=%s", bad);
     return UnsupportedOp(bad);
   }
-  if (!parser.AtBoundary()) return Corrupt("BlobFile::Load corruption, record runs past its transaction id=%d file=%s", member.start);
+  if (!parser.AtBoundary())
+    return Corrupt("BlobFile::Load corruption, record runs past its transaction id=%d file=%s", member.start);
   if (!EndStandsAt(member.end, inside - found)) return false;
   if (result.entries.empty()) {
     result.entries.swap(entries);
@@ -243,9 +246,11 @@ bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
     end += kSizeSize;
   }
   const format::RecordHead head = format::RecordHead::Decode(bytes);
-  if (head.size > length - end) return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s", record);
+  if (head.size > length - end)
+    return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s", record);
   if (record.op == format::kOpStore && !HasDigest(end, head.size, head.hash))
-    return Corrupt("BlobFile::Load corruption, record outside a transaction does not match its hash id=%d file=%s", record);
+    return Corrupt("BlobFile::Load corruption, record outside a transaction does not match its hash id=%d file=%s",
+                   record);
   result.entries.push_back(EntryOf(head, start, 0));
   MarkWhole(1, end + head.size);
   return true;
@@ -284,7 +289,8 @@ void Replay::JudgeRest() {
 }
 
 bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
-  if (end > length || OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op != format::kOpEndTransaction)
+  if (end > length ||
+      OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op != format::kOpEndTransaction)
     return false;
   // A start record says how far it is to the end: what merely looks like one seldom
   // does. The budget is for files that are made to look so at every place.
@@ -292,9 +298,12 @@ bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
   std::uint32_t at = result.end + 1;
   while (end - at >= format::kLeastTransaction) {
     const std::span<const unsigned char> held = window.From(at, format::kStartSize);
-    const std::size_t places = std::min<std::size_t>(held.size() - format::kStartSize, end - at - format::kLeastTransaction) + 1;
+    const std::size_t places =
+        std::min<std::size_t>(held.size() - format::kStartSize, end - at - format::kLeastTransaction) + 1;
     std::size_t i = 0;
-    while (i < places && !IsStartWithLength(held.data() + i, end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction)) ++i;
+    while (i < places &&
+           !IsStartWithLength(held.data() + i, end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction))
+      ++i;
     at += static_cast<std::uint32_t>(i);
     if (i == places) continue;
     const TransactionBlock block = TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);

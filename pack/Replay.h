@@ -31,11 +31,11 @@ class CutShort : public Failure {
 };
 
 struct Replayed {
-  BlobFile::Entries entries;                         // of whole transactions, in the order of the file
-  std::uint32_t count = 0;                           // of the records that are whole
-  std::uint32_t end = format::kFileHeaderSize;       // where they end
-  bool damaged = false;                              // not all of what the header counts is whole
-  std::optional<CutShort> cutShort;                  // damaged: the file ends too early
+  BlobFile::Entries entries;                    // of whole transactions, in the order of the file
+  std::uint32_t count = 0;                      // of the records that are whole
+  std::uint32_t end = format::kFileHeaderSize;  // where they end
+  bool damaged = false;                         // not all of what the header counts is whole
+  std::optional<CutShort> cutShort;             // damaged: the file ends too early
   // Of what is not whole: it can only be the last transaction that the header
   // counts; or there is a whole one behind it.
   bool lastIsTorn = false;
@@ -45,7 +45,8 @@ struct Replayed {
 class Replay {
  public:
   // length is the file's. Throws what File throws when it cannot be read.
-  Replay(File& source, const format::FileHeader& fileHeader, std::uint32_t fileLength, const ProgressCall* progressCall);
+  Replay(File& source, const format::FileHeader& fileHeader, std::uint32_t fileLength,
+         const ProgressCall* progressCall);
 
   Replayed Run();
 

@@ -28,7 +28,8 @@ void FormatDoesNotMatchItsValues();
 // %s, %p) take the values that are passed with it.
 template <class... Values>
 struct Format {
-  consteval Format(const char* literal) : text(literal) {  // NOLINT(google-explicit-constructor): stands for the literal
+  consteval Format(const char* literal)
+      : text(literal) {  // NOLINT(google-explicit-constructor): stands for the literal
     constexpr std::array<char, sizeof...(Values) + 1> kWanted = {ConversionOf<Values>()..., '\0'};
     std::size_t next = 0;
     for (const char* c = literal; *c != '\0'; ++c) {

@@ -32,7 +32,7 @@ bool BlobController::AddPackDir(std::string dir) {
   journalFiles.reserve(journalFiles.size() + 1);
 
   const auto open = [this](const std::string& file, BlobFile::BlobFileMode mode) {
-    const BlobFilePtr opened = MakePooled<BlobFile>();
+    BlobFilePtr opened = MakePooled<BlobFile>();
     if (readOnly) {
       opened->InitReadOnly(file, mode);
     } else {
@@ -118,7 +118,8 @@ bool BlobController::Shutdown(bool) {
 bool BlobController::DeleteFiles() {
   enumerating = false;
   loaded = false;
-  RefuseChanges(FailureCode::Closed, "the files of the store were erased, no change is accepted until it is opened again");
+  RefuseChanges(FailureCode::Closed,
+                "the files of the store were erased, no change is accepted until it is opened again");
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();

@@ -162,8 +162,9 @@ bool BlobController::SetAside(BlobFile& journal) {
   constexpr unsigned kMostCopies = 16;
   if (damagePolicy == DamagePolicy::Erase && !journal.WholeBehind()) return true;
   try {
-    const std::string copy = kept::CopyAside(journal.file, format::kFileHeaderSize, journal.LoadedEnd(),
-                                             journal.CoveredEnd(), journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
+    const std::string copy =
+        kept::CopyAside(journal.file, format::kFileHeaderSize, journal.LoadedEnd(), journal.CoveredEnd(),
+                        journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
     if (copy.empty()) {
       trace::engine.WriteWarnV("BlobController: %s has %d copies beside it, what it loses is not kept",
                                journal.path.c_str(), static_cast<int>(kMostCopies));

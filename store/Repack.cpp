@@ -72,8 +72,7 @@ void BlobController::RequireRepackable() const {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   if (!loaded && refusal == FailureCode::None) throw Failure(FailureCode::Closed, "the store is not loaded");
   RequireChangeable();
-  if (!pendingEntries.empty())
-    throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
+  if (!pendingEntries.empty()) throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
   if (RepackedSize(SizesOf()) > format::kMaxFileSize)
     throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
   // No store writes one. A pack that was only emptied, of sequence -1, would

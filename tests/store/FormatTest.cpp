@@ -2,6 +2,7 @@
 // that no store wrote.
 #include <gtest/gtest.h>
 
+#include "pack/BlobFile.h"
 #include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
@@ -134,18 +135,50 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
   }
 }
 
-TEST(Format, AFileThatWasCutOffAtItsCreationIsNew) {
-  for (const std::string& bytes :
-       {std::string(), std::string("\0\4", 2), std::string(23, '\0'), std::string(24, '\0')}) {
-    for (const char* path : {"/s/0.pak", "/s/0.jrn"}) {
+// Cut off at its creation: zeros, or the beginning of a fresh header. Anything
+// else so short is refused and left alone.
+TEST(Format, AFileThatWasCutOffAtItsCreationIsNewAndNoOther) {
+  const struct {
+    std::string bytes;
+    bool isNew;
+  } rows[] = {
+      {"", true},           {{"\0\4", 2}, true},          {std::string(23, '\0'), true}, {std::string(24, '\0'), true},
+      {{"\0\5", 2}, false}, {std::string(23, 'x'), false}};
+  for (const auto& row : rows) {
+    for (const std::string path : {"/s/0.pak", "/s/0.jrn"}) {
       FreshMachine();
-      SetFile(path, bytes);
-      const OpenedStore store;
-      EXPECT_TRUE(store.loaded);
-      EXPECT_TRUE(store.Commit(1, {"a"}));
-      EXPECT_EQ(FileBytes(path).size(), path[3] == '0' && path[5] == 'p' ? 24U : 24U + 40 + 37 + 16);
+      SetFile(path, row.bytes);
+      try {
+        const OpenedStore store;
+        EXPECT_TRUE(store.loaded && store.Commit(1, {"a"}) && row.isNew);
+        EXPECT_EQ(FileBytes(path).size(), path == "/s/0.pak" ? 24U : 24U + 40 + 37 + 16);
+      } catch (const std::runtime_error& e) {
+        EXPECT_EQ(e.what(), "File::Read didn't read the entire buffer 24 read " + std::to_string(row.bytes.size()) +
+                                " GetLastError 0");
+        EXPECT_FALSE(row.isNew);
+        EXPECT_EQ(FileBytes(path), row.bytes);
+      }
     }
   }
+}
+
+TEST(Format, AFileTakesRecordsWithoutATransactionAndAnotherPath) {
+  FreshMachine();
+  BlobPair blob;
+  HashBytes hash = HashOf("abc");
+  blob.hash.setHash(hash.data());
+  unsigned char data[] = {'a', 'b', 'c'};
+  blob.buffer = {data, sizeof data};
+  BlobFile file;
+  file.Init("/s/other", BlobFile::Journal, 0);
+  file.Init("/s/0.jrn", BlobFile::Journal, 0);
+  BlobFile::BlobFileEntry entry;
+  ASSERT_TRUE(file.Store(entry, blob) && file.UpdateHeader());
+  file.file.close();
+  EXPECT_EQ(FileBytes("/s/0.jrn"), Hex("00040000 01000000 00000000 00000000 01000000 3f000000"
+                                       "00000000 00000000 0000000000000000"
+                                       "900150983cd24fb0d6963f7d28e17f72 03000000 616263"));
+  EXPECT_TRUE(OpenedStore().Has("abc"));
 }
 
 TEST(Format, NothingIsWrittenThroughAHeaderThatNoStoreWrote) {

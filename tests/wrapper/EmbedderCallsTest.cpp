@@ -163,8 +163,10 @@ TEST(EmbedderCalls, FetchNamesTheDamageAndKeepsTheStoreOpen) {
     std::string bytes;
     const char* reason;
   } rows[] = {
-      {0, "\1", "the record is not the blob's"},      {16, "XY", "BlobPair Read failed"},
-      {32, "\377\377", "BlobPair::Read : too large size"}, {32, {"\1\0", 2}, "BlobPair Read failed"},
+      {0, "\1", "the record is not the blob's"},
+      {16, "XY", "BlobPair Read failed"},
+      {32, "\377\377", "BlobPair::Read : too large size"},
+      {32, {"\1\0", 2}, "BlobPair Read failed"},
       {36, "X", "BlobPair Read failed"},
   };
   for (const std::string& blob : {std::string("damaged"), std::string(5000, 'd')}) {

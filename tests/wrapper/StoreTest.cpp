@@ -151,8 +151,7 @@ TEST(Store, FailsWithTheStoresOwnWords) {
 
   sim::Disk& disk = sim::Files().disk;
   disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
-  EXPECT_NE(ErrorOf([&] { static_cast<void>(store.get(hash)); }).find("BlobPair Read failed"),
-            std::string::npos);
+  EXPECT_NE(ErrorOf([&] { static_cast<void>(store.get(hash)); }).find("BlobPair Read failed"), std::string::npos);
   EXPECT_EQ(store.check(), Store::Checked::Faulty);
   EXPECT_NE(store.lastFailure().find("is corrupt"), std::string::npos);
   EXPECT_NE(ErrorOf([&] { store.repack(); }).find("Invalid Blob Detected"), std::string::npos);
