@@ -7,10 +7,11 @@
 //   change.commit();  // from here on it survives a power cut
 //   std::optional<std::vector<std::byte>> data = store.get(hash);
 //
-// Errors: every failure is a blobring::Error with the store's own words.
-// Asking for a blob that is not there is none, and costs a look-up.
-// Threads: calls on stores of a process must not overlap.
-// Names that the calls below cannot explain are those of blobring.h.
+// Errors: a failure throws blobring::Error. Asking for an absent blob is no
+// failure and costs a look-up.
+// Threads: as in blobring.h. Different stores may be used on different threads,
+// but constructing, moving, closing and destroying a store must not overlap with
+// any other use of a store.
 #ifndef BLOBRING_STORE_H
 #define BLOBRING_STORE_H
 
@@ -41,25 +42,32 @@
 
 namespace blobring {
 
-// What the store reported, behind the operation that failed.
+// What failed, and the store's text of the failure, which begins with the cause.
 class Error : public std::runtime_error {
  public:
-  using std::runtime_error::runtime_error;
+  Error(const std::string& text, int code) : std::runtime_error(text), code_(code) {}
+
+  // BLOBRING_ERROR_...
+  int code() const noexcept { return code_; }
+
+ private:
+  int code_;
 };
 
-// The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered by
-// bytes, the first one counting most, as a store enumerates.
+// The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered
+// bytewise, as a store enumerates.
 class Hash {
  public:
   static constexpr std::size_t kSize = BLOBRING_HASH_SIZE;
 
-  constexpr Hash() = default;  // 16 zeros
+  // 16 zeros.
+  constexpr Hash() = default;
   explicit constexpr Hash(const std::array<std::uint8_t, kSize>& digest) : bytes_(digest) {}
 
-  // The hash that a blob of these contents has. Throws Error from 4 GiB on.
+  // Returns the hash of a blob with these contents. Throws Error for 4 GiB or more.
   static Hash of(std::span<const std::byte> data);
 
-  // From 32 hexadecimal digits of either case; nothing for any other text.
+  // Takes 32 hexadecimal digits of either case. Returns nothing for other texts.
   static constexpr std::optional<Hash> parse(std::string_view text) {
     if (text.size() != 2 * kSize) return std::nullopt;
     Hash hash;
@@ -71,7 +79,7 @@ class Hash {
     return hash;
   }
 
-  // 32 hexadecimal digits, lower case.
+  // Returns 32 hexadecimal digits, lower case.
   std::string text() const {
     constexpr char kDigits[] = "0123456789abcdef";
     std::string text;
@@ -101,24 +109,33 @@ class Hash {
 
 enum class Operation { Load = BLOBRING_LOADING, Check = BLOBRING_CHECKING, Repack = BLOBRING_REPACKING };
 
-// Told how far an operation has got, see BCProgress; returns whether to go on.
-// What it throws stops the operation, or waits for the end of a load, and then
-// reaches the caller. Must not call the store.
+// Progress callback, see BCProgress. Return false to stop; ignored during a
+// load. An exception stops the operation too, and reaches the caller when it has
+// ended. Must not call a store.
 using Progress = std::function<bool(Operation operation, std::uint64_t done, std::uint64_t total)>;
 
+// How a store is opened, see BCOptions.
 struct Options {
-  unsigned slots = 2;                                       // where packDirectories is empty
-  std::vector<std::filesystem::path> packDirectories = {};  // of the slots in turn; otherwise the store's own
-  bool eraseDamaged = false;  // true: a store that cannot be read is erased and starts empty
-  Progress progress = {};     // of loading
+  // 0: the slots that the store has; two for a new one, or one for each pack directory.
+  unsigned slots = 0;
+  // One for each slot. Empty: those of the store; its own directory for a new one.
+  std::vector<std::filesystem::path> packDirectories = {};
+  // True: a store that cannot be read is erased and starts empty.
+  bool eraseDamaged = false;
+  // Of the load.
+  Progress progress = {};
+  // True: fail with BLOBRING_ERROR_NO_STORE rather than create a store.
+  bool mustExist = false;
+  // True: never write; every change fails with BLOBRING_ERROR_READ_ONLY.
+  bool readOnly = false;
 };
 
 class Transaction;
 
 class Store {
  public:
-  // Opens the store in a directory that exists, creating its files when they
-  // are missing. The same slots in the same order every time.
+  // Opens the store in an existing directory, or creates its files there. Throws
+  // Error when the files do not agree with the options, see BCOpen.
   explicit Store(const std::filesystem::path& directory, const Options& options = {}) {
     std::vector<std::string> names;
     for (const std::filesystem::path& pack : options.packDirectories) names.push_back(pack.string());
@@ -132,7 +149,8 @@ class Store {
     raw.eraseDamaged = options.eraseDamaged ? 1 : 0;
     raw.progress = options.progress ? &Watch::call : nullptr;
     raw.progressContext = &watch;
-    if (raw.slotCount == 0) throw Error("blobring: a store needs a slot");
+    raw.mustExist = options.mustExist ? 1 : 0;
+    raw.readOnly = options.readOnly ? 1 : 0;
     index_ = BCOpen(directory.string().c_str(), &raw);
     if (index_ < 0) throw failure("open " + directory.string(), -1);
     BCSetProgress(index_, nullptr, nullptr);
@@ -141,7 +159,7 @@ class Store {
     std::rethrow_exception(watch.thrown);
   }
 
-  // A transaction that is open goes with it.
+  // An open transaction moves with its store.
   Store(Store&& other) noexcept { take(other); }
   Store& operator=(Store&& other) noexcept {
     if (this == &other) return *this;
@@ -154,16 +172,16 @@ class Store {
   // Changes that were not committed are lost.
   ~Store() { close(); }
 
-  // Closes the store and ends its transaction; every later call fails.
+  // Closes the store and abandons its transaction. Every later call fails.
   inline void close() noexcept;
 
-  // Stores a blob and returns its hash, in the open transaction or, without
-  // one, committed at once. One that is there already is not written again.
-  // After an Error the transaction is sound and may be committed without it.
+  // Stores a blob in the open transaction, or commits it at once without one.
+  // Returns its hash. A blob that is present is not written again. After an Error
+  // the transaction can still be committed, without the blob.
   inline Hash put(std::span<const std::byte> data);
   Hash put(std::string_view text) { return put(std::as_bytes(std::span(text))); }
 
-  // The committed blob; nothing when there is none of that hash.
+  // Returns a committed blob; nothing when it is absent.
   std::optional<std::vector<std::byte>> get(const Hash& hash) const {
     const std::optional<std::size_t> bytes = size(hash);
     if (!bytes) return std::nullopt;
@@ -172,9 +190,9 @@ class Store {
     return data;
   }
 
-  // Reads the committed blob into the beginning of a buffer and returns its
-  // size; nothing when there is none of that hash. When it is larger than the
-  // buffer, nothing is read: compare.
+  // Copies a committed blob to the beginning of buffer and returns its size;
+  // nothing when it is absent. Copies nothing when the size returned is larger
+  // than the buffer.
   std::optional<std::size_t> get(const Hash& hash, std::span<std::byte> buffer) const {
     constexpr std::size_t kMost = static_cast<std::size_t>(std::numeric_limits<int>::max());
     const int capacity = static_cast<int>(buffer.size() < kMost ? buffer.size() : kMost);
@@ -190,16 +208,15 @@ class Store {
     }
   }
 
-  // Bytes of the committed blob; nothing when there is none of that hash.
-  // Asks the index alone, except about an empty blob, which is read.
+  // Returns the bytes of a committed blob; nothing when it is absent.
   std::optional<std::size_t> size(const Hash& hash) const { return get(hash, std::span<std::byte>()); }
   bool contains(const Hash& hash) const { return size(hash).has_value(); }
 
-  // Deletes a blob if it is there, as put stores one.
+  // Deletes a blob if it is present; commits as put does.
   inline void erase(const Hash& hash);
 
-  // The committed hashes in ascending order. Goes on through changes: a blob
-  // that comes or goes behind the iterator is not noticed.
+  // Iterates over the committed hashes in ascending order. The store may change
+  // meanwhile: changes behind the iterator go unnoticed.
   class HashIterator {
    public:
     using iterator_category = std::input_iterator_tag;
@@ -256,9 +273,9 @@ class Store {
     return statistics;
   }
 
-  // Copies every blob into the next slot, which frees what deleted ones took.
-  // False when progress stopped it: the store is as it was. After an Error it
-  // is as it was (refused) or closed; stats().loaded tells.
+  // Copies every blob into the next slot, which frees the space of deleted ones.
+  // Returns false when progress stopped it; the store is as it was. After an
+  // Error it is as it was or closed; stats().loaded tells.
   bool repack(const Progress& progress = {}) {
     bool stopped = false;
     const int result = watched(progress, stopped, [this] { return BCRepack(index_); });
@@ -267,8 +284,8 @@ class Store {
     throw failure("repack", index_);
   }
 
-  // Reads every blob and compares it with its hash. What is wrong is on the
-  // trace; lastFailure() has its beginning.
+  // Reads every blob and checks it against its hash. Faults go to the trace;
+  // lastFailure() has the first ones.
   enum class Checked { Sound, Faulty, Stopped };
   Checked check(const Progress& progress = {}) const {
     bool stopped = false;
@@ -284,16 +301,16 @@ class Store {
     }
   }
 
-  // What the last call that had to report something said, see BCLastError.
+  // See BCLastError.
   std::string lastFailure() const { return lastFailure(index_); }
 
-  // For the calls of blobring.h.
+  // The index for the calls of blobring.h.
   int index() const { return index_; }
 
  private:
   friend class Transaction;
 
-  // An embedder's function behind the C one, which no exception may leave.
+  // Calls a Progress from the C callback, which no exception may leave.
   struct Watch {
     const Progress& progress;
     std::exception_ptr thrown;
@@ -334,7 +351,7 @@ class Store {
     return text.data();
   }
   static Error failure(const std::string& operation, int index) {
-    return Error("blobring: " + operation + ": " + lastFailure(index));
+    return {"blobring: " + operation + ": " + lastFailure(index), BCLastErrorCode(index)};
   }
 
   inline void take(Store& other) noexcept;
@@ -343,13 +360,13 @@ class Store {
   Transaction* open_ = nullptr;
 };
 
-// The changes to a store from here to commit(), one at a time. Destroyed
-// before that, it abandons them. Its store may be moved.
+// A transaction on a store, at most one at a time. The destructor abandons the
+// changes since the constructor unless they are committed. The store may be moved.
 class Transaction {
  public:
-  // The id, any number, is kept with the blobs: a repack orders them by it.
+  // Any id will do. It is kept with the blobs, and a repack orders them by it.
   explicit Transaction(Store& store, long long id = 0) : store_(&store), id_(id) {
-    if (store.open_ != nullptr) throw Error("blobring: begin: a transaction is open already");
+    if (store.open_ != nullptr) throw Error("blobring: begin: a transaction is open already", BLOBRING_ERROR_REFUSED);
     if (BCStartTransaction(store.index_, &id) != 1) throw Store::failure("begin", store.index_);
     store.open_ = this;
   }
@@ -361,11 +378,11 @@ class Transaction {
     store_->open_ = nullptr;
   }
 
-  // Once this returns, the changes survive a power cut. After an Error they
-  // are pending still and it can be called again, unless stats().inDoubt says
-  // that a flush has failed: then only opening the store anew tells.
+  // Once this returns, the changes survive a power cut. After an Error they are
+  // still pending and it can be called again, unless the code is
+  // BLOBRING_ERROR_IN_DOUBT; see BCEndTransaction.
   void commit() {
-    if (store_ == nullptr) throw Error("blobring: commit: the transaction has ended");
+    if (store_ == nullptr) throw Error("blobring: commit: the transaction has ended", BLOBRING_ERROR_CLOSED);
     if (BCEndTransaction(store_->index_, &id_) != 1) throw Store::failure("commit", store_->index_);
     store_->open_ = nullptr;
     store_ = nullptr;
@@ -393,7 +410,8 @@ inline void Store::take(Store& other) noexcept {
 
 inline Hash Store::put(std::span<const std::byte> data) {
   if (data.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
-    throw Error("blobring: put: a blob of " + std::to_string(data.size()) + " bytes is too large");
+    throw Error("blobring: put: a blob of " + std::to_string(data.size()) + " bytes is too large",
+                BLOBRING_ERROR_ARGUMENT);
   std::optional<Transaction> own;
   if (open_ == nullptr) own.emplace(*this);
   Hash hash;
@@ -411,11 +429,12 @@ inline void Store::erase(const Hash& hash) {
 }
 
 inline Hash Hash::of(std::span<const std::byte> data) {
-  if (data.size() > std::numeric_limits<unsigned>::max()) throw Error("blobring: hash of more than 4 GiB");
+  if (data.size() > std::numeric_limits<unsigned>::max())
+    throw Error("blobring: hash of 4 GiB or more", BLOBRING_ERROR_ARGUMENT);
   Hash hash;
   if (BCMD5ChkSumInt(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()),
                      hash.data()) != 1)
-    throw Error("blobring: the digest cannot be computed");
+    throw Error("blobring: the digest cannot be computed", BCLastErrorCode(-1));
   return hash;
 }
 
@@ -423,7 +442,7 @@ inline Hash Hash::of(std::span<const std::byte> data) {
 
 template <>
 struct std::hash<blobring::Hash> {
-  // Digests are evenly spread: the first bytes serve.
+  // Digests are evenly distributed; the first bytes will do.
   std::size_t operator()(const blobring::Hash& key) const noexcept {
     std::size_t value = 0;
     std::memcpy(&value, key.data(), sizeof value);

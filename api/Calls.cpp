@@ -1,0 +1,480 @@
+// The exported functions, in the order of the header.
+#include <blobring/blobring.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+
+#include "api/Call.h"
+#include "api/Opening.h"
+#include "fs/FileSystem.h"
+#include "md5/MD5.h"
+#include "md5/MD5Lanes.h"
+#include "platform/Trace.h"
+
+using api::Call;
+using api::Word;
+
+int cur = 0;
+
+const char* BCVersion() {
+  return BLOBRING_VERSION;
+}
+
+// ---- Opening and closing ----
+
+namespace {
+
+constexpr std::size_t kFirstOptionsSize = offsetof(BCOptions, mustExist);
+constexpr std::size_t kFirstStatisticsSize = offsetof(BCStatistics, damaged);
+
+BlobController& StoreAt(int index) {
+  return *registry::Find(index)->store;
+}
+
+int Initialize(const std::string& path) {
+  constexpr int kTraceRing = 8;
+  GetTraceRingBuffer(kTraceRing, &g_BlobControllerRingBuffer);
+  trace::WriteEvent(trace::kEventOpen, 0);
+  RTTrace(0x0F000264);
+  return registry::Add(MakePooled<BlobController>(FileSystem::AbsolutePath(path)));
+}
+
+void AddPackDir(int index, const std::string& dir) {
+  trace::WriteEvent(trace::kEventOpen, 0);
+  RTTrace_1(0x0F000265, Word(index));
+  StoreAt(index).AddPackDir(FileSystem::AbsolutePath(dir));
+}
+
+int Load(int index) {
+  trace::WriteEvent(trace::kEventLoad, 0);
+  RTTrace_1(0x2F000266, Word(index));
+  const int result = StoreAt(index).Load();
+  RTTrace_2(0x2F000267, Word(index), Word(result));
+  return result;
+}
+
+// False, after a message, for options that make no sense by themselves.
+bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
+  options = {};
+  if (given == nullptr) return true;
+  if (given->size < kFirstOptionsSize)
+    return call.Refuse(FailureCode::Argument, "options->size = " + std::to_string(given->size) + ", must be " +
+                                                  std::to_string(sizeof options));
+  std::memcpy(&options, given, std::min<std::size_t>(given->size, sizeof options));
+  if (options.packDirs == nullptr) return true;
+  if (options.slotCount == 0) return call.Refuse(FailureCode::Argument, "packDirs needs slotCount");
+  return std::all_of(options.packDirs, options.packDirs + options.slotCount,
+                     [&call](const char* dir) { return call.Has("packDirs", dir); });
+}
+
+// Registers and loads. The index is set as soon as there is one.
+bool Open(Call& call, const std::string& directory, const BCOptions& options, const std::vector<std::string>& packDirs,
+          int& index) {
+  index = Initialize(directory);
+  call.BelongsTo(index);
+  BlobController& store = StoreAt(index);
+  if (options.readOnly != 0) store.SetReadOnly();
+  for (const std::string& dir : packDirs) AddPackDir(index, dir);
+  store.SetDamagePolicy(options.eraseDamaged != 0 ? DamagePolicy::Erase : DamagePolicy::Keep);
+  store.SetProgress({options.progress, options.progressContext});
+  return Load(index) == 1;
+}
+
+}  // namespace
+
+int BCOpen(const char* directory, const BCOptions* given) {
+  Call call("BCOpen");
+  BCOptions options;
+  if (!call.MayChangeRegistry() || !call.Has("directory", directory) || !ReadOptions(call, given, options)) return -1;
+  std::vector<std::string> packDirs;
+  const auto find = [&] { return packDirs = api::SlotsToOpen(directory, options), 1; };
+  if (call.Catch({"BCOpen: "}, 0, find) == 0) return -1;
+  int index = -1;
+  const auto open = [&] { return Open(call, directory, options, packDirs, index); };
+  if (call.Catch({"BCOpen threw an exception:"}, 0, open) == 1) return index;
+  if (index < 0) return -1;
+  call.TakeTextOf(index);
+  registry::Remove(index);
+  return -1;
+}
+
+int BCSetProgress(int index, BCProgress* progress, void* context) {
+  const Call call("BCSetProgress", index);
+  if (!call) return 0;
+  call.Store().SetProgress({progress, context});
+  return 1;
+}
+
+int BCInitialize(const char16_t* path) {
+  Call call("BCInitialize");
+  if (!call.MayChangeRegistry() || !call.Has("path", path)) return -1;
+  return Initialize(FileSystem::ConvertString(path));
+}
+
+int BCAddPackDir(int index, const char16_t* dir) {
+  Call call("BCAddPackDir", index);
+  if (!call.Has("dir", dir)) return 0;
+  AddPackDir(index, FileSystem::ConvertString(dir));
+  return 1;
+}
+
+int BCSetDamagePolicy(int index, int policy) {
+  Call call("BCSetDamagePolicy", index);
+  if (!call) return 0;
+  if (policy != BLOBRING_DAMAGE_ERASE && policy != BLOBRING_DAMAGE_KEEP)
+    return call.Refuse(FailureCode::Argument, "there is no policy = " + std::to_string(policy));
+  call.Store().SetDamagePolicy(policy == BLOBRING_DAMAGE_KEEP ? DamagePolicy::Keep : DamagePolicy::Erase);
+  return 1;
+}
+
+int BCLoad(int index) {
+  const Call call("BCLoad", index);
+  return call ? Load(index) : 0;
+}
+
+int BCShutdown(int index, bool flag) {
+  RTTrace_2(0x0F000283, Word(index), flag);
+  trace::api.NoteWarnV("BCShutdown has been called index = %d", index);
+  const Call call("BCShutdown", index);
+  return call ? call.Store().Shutdown(flag) : 0;
+}
+
+int BCDisposeInt(int index) {
+  Call call("BCDispose");
+  if (!call.MayChangeRegistry()) return 0;
+  trace::api.NoteWarnV("BCDispose has been called index = %d", index);
+  if (registry::Find(index) == nullptr) return 1;
+  StoreAt(index).Shutdown(true);
+  registry::Remove(index);
+  return 1;
+}
+
+int BCDispose(int index) {
+  trace::api.NoteWarnV("BCDispose with index = %d", index);
+  return BCDisposeInt(index);
+}
+
+// ---- Changing ----
+
+int BCStartTransaction(int index, const long long* transactionId) {
+  Call call("BCStartTransaction", index);
+  if (!call.Has("transactionId", transactionId)) return 0;
+  const auto low = static_cast<std::uint32_t>(*transactionId);
+  trace::WriteEvent(trace::kEventStartTransaction, low);
+  RTTrace_2(0x4F00027A, Word(index), low);
+  return call.Store().StartTransaction(*transactionId);
+}
+
+int BCEndTransaction(int index, const long long* transactionId) {
+  Call call("BCEndTransaction", index);
+  if (!call.Has("transactionId", transactionId)) return 0;
+  const auto low = static_cast<std::uint32_t>(*transactionId);
+  trace::WriteEvent(trace::kEventEndTransaction, low);
+  RTTrace_2(0x4F00027C, Word(index), low);
+  return call.Store().EndTransaction(*transactionId);
+}
+
+int BCCancelTransaction() {
+  return 1;
+}
+
+int BCAbandonTransaction(int index) {
+  const Call call("BCAbandonTransaction", index);
+  if (!call) return 0;
+  call.Store().AbandonPending();
+  return 1;
+}
+
+int BCStoreInt(int index, unsigned char* hash, unsigned char* data, int size) {
+  Call call("BCStore", index);
+  if (!call.Has("hash", hash) || !call.HasBytes("data", data, "size", size)) return 0;
+  return call.Catch({"BCStore threw an except exception:", 0x0F000272, hash}, 0, [&] {
+    trace::WriteHashEvent(trace::kEventStore, hash);
+    return call.Store().Store(api::PairOf(hash, data, size));
+  });
+}
+
+int BCStore(int index, unsigned char* hash, unsigned char* data, int size) {
+  return BCStoreInt(index, hash, data, size);
+}
+
+int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut) {
+  Call call("BCPut", index);
+  if (!call.HasBytes("data", data, "size", size) || !call.Has("hashOut", hashOut)) return 0;
+  return call.Catch({"BCPut threw an exception:", 0x0F000272}, 0, [&] {
+    Hash hash;
+    const bool stored = call.Store().Put(data, Word(size), hash);
+    std::memcpy(hashOut, hash.Bytes(), Hash::kSize);
+    trace::WriteHashEvent(trace::kEventStore, hashOut);
+    return stored;
+  });
+}
+
+namespace {
+
+// Digests and stores blobs, some dozens. Returns how many from the first on.
+int PutGroup(Call& call, BCBlob* blobs, int count) {
+  constexpr int kMaxCount = 64;
+  count = std::min(count, kMaxCount);
+  MD5Message messages[kMaxCount];
+  Hash hashes[kMaxCount];
+  int valid = 0;
+  for (; valid < count && call.HasBytes("data", blobs[valid].data, "size", blobs[valid].size); ++valid)
+    messages[valid] = {blobs[valid].data, Word(blobs[valid].size), blobs[valid].hash};
+  DigestMany(messages, static_cast<std::size_t>(valid));
+  for (int i = 0; i < valid; ++i) hashes[i].setHash(blobs[i].hash);
+  call.Store().Prefetch(hashes, static_cast<std::size_t>(valid));
+  for (int i = 0; i < valid; ++i) {
+    trace::WriteHashEvent(trace::kEventStore, blobs[i].hash);
+    if (!call.Store().Gather(api::PairOf(blobs[i].hash, blobs[i].data, blobs[i].size))) return i;
+  }
+  return valid;
+}
+
+}  // namespace
+
+int BCPutMany(int index, BCBlob* blobs, int count) {
+  Call call("BCPutMany", index);
+  if (!call || count <= 0 || !call.Has("blobs", blobs)) return 0;
+  call.Store().ExpectChanges(static_cast<std::size_t>(count));
+  int stored = 0;
+  call.Catch({"BCPutMany threw an exception:", 0x0F000272}, 0, [&] {
+    for (int done = -1; done != 0 && stored < count; stored += done)
+      done = PutGroup(call, blobs + stored, count - stored);
+    return 1;
+  });
+  return stored;
+}
+
+int BCDeleteInt(int index, unsigned char* hash) {
+  Call call("BCDelete", index);
+  if (!call.Has("hash", hash)) return 0;
+  return call.Catch({"BCDelete threw an exception:", 0x0F000274, hash, " hash ="}, 0, [&] {
+    trace::WriteHashEvent(trace::kEventDelete, hash);
+    return call.Store().Delete(api::ToHash(hash));
+  });
+}
+
+int BCDelete(int index, unsigned char* hash) {
+  return BCDeleteInt(index, hash);
+}
+
+int BCRepack(int index) {
+  const Call call("BCRepack", index);
+  if (!call) return BLOBRING_NOT_REPACKED;
+  trace::WriteEvent(trace::kEventRepack, 0);
+  RTTrace_1(0x2F000269, Word(index));
+  const int result = call.Store().Repack();
+  RTTrace_2(0x2F00026A, Word(index), Word(result));
+  return result;
+}
+
+// ---- Reading ----
+
+int BCGetSizeInt(int index, unsigned char* hash) {
+  Call call("BCGetSize", index);
+  if (!call.Has("hash", hash)) return BLOBRING_SIZE_FAILED;
+  return call.Catch({"BCGetSize threw an exception:", 0x0F000276}, BLOBRING_SIZE_FAILED, [&] {
+    trace::WriteHashEvent(trace::kEventGetSize, hash);
+    return call.Store().GetBlobSize(api::ToHash(hash));
+  });
+}
+
+int BCGetSize(int index, unsigned char* hash) {
+  return BCGetSizeInt(index, hash);
+}
+
+int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
+  Call call("BCGet", index);
+  if (!call.Has("hash", hash) || !call.HasBytes("buffer", buffer, "size", size)) return BLOBRING_FAILED;
+  return call.Catch({"BCGet threw an exception:", 0x0F000278, hash}, BLOBRING_FAILED, [&] {
+    BlobPair pair = api::PairOf(hash, buffer, size);
+    trace::WriteHashEvent(trace::kEventGet, hash);
+    const bool found = call.Store().GetBlob(pair);
+    if (found && pair.buffer.size == Word(size)) return BLOBRING_FETCHED;
+    // A caller that asks for what is not there, or by another size, has lost
+    // track of its store.
+    trace::api.WriteWarnV("GetBlob assert error: buffer size = %u request size = %d", pair.buffer.size, size);
+    call.Store().Fsck();
+    RaiseException(trace::kFaultCode, 0, 0, nullptr);
+    return found ? BLOBRING_FETCHED : BLOBRING_NOT_FOUND;
+  });
+}
+
+int BCGet(int index, unsigned char* hash, unsigned char* buffer, int size) {
+  return BCGetInt(index, hash, buffer, size);
+}
+
+int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size) {
+  if (size != nullptr) *size = 0;
+  Call call("BCFetch", index);
+  if (!call.Has("hash", hash) || !call.Has("size", size) || !call.HasBytes("buffer", buffer, "capacity", capacity))
+    return BLOBRING_FAILED;
+  return call.Catch({"BCFetch threw an exception:"}, BLOBRING_FAILED, [&] {
+    trace::WriteHashEvent(trace::kEventGet, hash);
+    std::uint32_t blobSize = 0;
+    switch (call.Store().Fetch(api::ToHash(hash), buffer, Word(capacity), blobSize)) {
+      case BlobController::Fetched::Read:
+        *size = static_cast<int>(blobSize);
+        return BLOBRING_FETCHED;
+      case BlobController::Fetched::TooSmall:
+        *size = static_cast<int>(blobSize);
+        return BLOBRING_TOO_SMALL;
+      case BlobController::Fetched::NotFound:
+        return BLOBRING_NOT_FOUND;
+      case BlobController::Fetched::Failed:
+        break;
+    }
+    return BLOBRING_FAILED;
+  });
+}
+
+int BCNextHash(int index, const unsigned char* after, unsigned char* next) {
+  Call call("BCNextHash", index);
+  if (!call.Has("next", next)) return -1;
+  if (!call.Store().IsLoaded()) {
+    call.Refuse(FailureCode::Closed, "the store is not loaded");
+    return -1;
+  }
+  if (after == nullptr) return call.Store().NextHashAfter(nullptr, next);
+  const Hash from = api::ToHash(after);
+  return call.Store().NextHashAfter(&from, next);
+}
+
+int BCGetAllBlobHashesResetInt(int index) {
+  Call call("BCGetAllBlobHashesReset", index);
+  if (!call) return 0;
+  return call.Catch({"BCGetAllBlobHashesReset thew an exception:", 0x0F00027F}, 0, [&] {
+    RTTrace_1(0x2F00027E, Word(index));
+    trace::WriteEvent(trace::kEventEnumerateReset, 0);
+    return call.Store().ResetHashCursor();
+  });
+}
+
+int BCGetAllBlobHashesReset(int index) {
+  return BCGetAllBlobHashesResetInt(index);
+}
+
+int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
+  Call call("BCGetAllBlobHashes", index);
+  if (!call.Has("hash", hash)) return 0;
+  return call.Catch({"BCGetAllBlobHashes threw an exception", 0x0F000282}, 0, [&] {
+    RTTrace_2(0x4F000281, Word(index), Word(traceArg));
+    trace::WriteEvent(trace::kEventEnumerate, 0);
+    return call.Store().NextHash(hash);
+  });
+}
+
+int BCFsck(int index) {
+  const Call call("BCFsck", index);
+  if (!call) return 0;
+  trace::api.NoteWarnV("BCFsck index = %d", index);
+  return call.Store().Fsck();
+}
+
+int BCCheck(int index) {
+  Call call("BCCheck", index);
+  if (!call) return BLOBRING_CHECK_FAILED;
+  return call.Catch({"BCCheck threw an exception:"}, BLOBRING_CHECK_FAILED, [&] {
+    switch (call.Store().Check()) {
+      case BlobController::Checked::Sound:
+        return BLOBRING_CHECK_SOUND;
+      case BlobController::Checked::Faulty:
+        return BLOBRING_CHECK_FAULTY;
+      case BlobController::Checked::Stopped:
+        break;
+    }
+    return BLOBRING_CHECK_STOPPED;
+  });
+}
+
+// ---- State and errors ----
+
+int BCGetStatistics(int index, BCStatistics* statistics) {
+  Call call("BCGetStatistics", index);
+  if (!call.Has("statistics", statistics)) return 0;
+  const std::uint32_t size = statistics->size;
+  if (size < kFirstStatisticsSize)
+    return call.Refuse(FailureCode::Argument,
+                       "size = " + std::to_string(size) + ", must be " + std::to_string(sizeof *statistics));
+  const BlobController::Statistics of = call.Store().GetStatistics();
+  const BCStatistics filled = {
+      size,         of.loaded,    of.inDoubt,      of.sequence,      of.slotCount,    of.largestBlob, of.blobCount,
+      of.liveBytes, of.packBytes, of.journalBytes, of.repackedBytes, of.pendingCount, of.damaged,     of.readOnly};
+  std::memset(statistics, 0, size);
+  std::memcpy(statistics, &filled, std::min<std::size_t>(size, sizeof filled));
+  return 1;
+}
+
+namespace {
+
+const trace::FailureText& FailuresOf(int index) {
+  const registry::Entry* entry = registry::Find(index);
+  return entry != nullptr ? entry->failures : trace::ProcessFailures();
+}
+
+}  // namespace
+
+int BCLastError(int index, char* buffer, int capacity) {
+  const std::string_view text = FailuresOf(index).Text();
+  if (buffer != nullptr && capacity > 0) {
+    const std::size_t length = std::min(text.size(), static_cast<std::size_t>(capacity) - 1);
+    std::memcpy(buffer, text.data(), length);
+    buffer[length] = '\0';
+  }
+  return static_cast<int>(text.size());
+}
+
+int BCLastErrorCode(int index) {
+  return static_cast<int>(FailuresOf(index).Code());
+}
+
+// ---- Beside the store ----
+
+int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest) {
+  Call call("BCMD5ChkSum");
+  if (!call.Has("digest", digest) || (length > 0 && !call.Has("data", data))) return 0;
+  return call.Catch({"BCMD5ChkSum threw an exception:"}, 0, [&] {
+    MD5 md5;
+    md5.update(data, length);
+    md5.finalize();
+    md5.raw_digest(digest);
+    trace::WriteHashEvent(trace::kEventDigest, digest);
+    return 1;
+  });
+}
+
+int BCMD5ChkSum(const unsigned char* data, unsigned int length, unsigned char* digest) {
+  BCMD5ChkSumInt(data, length, digest);
+  return 1;
+}
+
+int BCCacheClear() {
+  return 1;
+}
+
+int BCCacheStats() {
+  return 1;
+}
+
+int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
+  Call call("FilterException");
+  call.BelongsTo(index);
+  if (code != EXCEPTION_ACCESS_VIOLATION) {
+    trace::api.WriteWarnV("FilterException() except: unknown exception %d", static_cast<int>(code));
+    RTTrace_2(0x0F000263, code, Word(index));
+    return EXCEPTION_CONTINUE_SEARCH;
+  }
+  const void* address =
+      info == nullptr || info->ExceptionRecord == nullptr ? nullptr : info->ExceptionRecord->ExceptionAddress;
+  trace::api.WriteWarnV("except: Access Violation %p", address);
+  RTTrace_2(0x0F000262, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)), Word(index));
+  call.Catch({""}, 0, [&] {
+    registry::Entry* entry = registry::Find(index);
+    return entry != nullptr ? entry->store->Fsck()
+                            : call.Refuse(FailureCode::NoStore, "no store has the index = " + std::to_string(index));
+  });
+  call.EndOuterCalls();
+  return EXCEPTION_EXECUTE_HANDLER;
+}
