@@ -33,13 +33,13 @@ BatchWriter::Added BatchWriter::Add(Bytes data, const std::string& name) {
     if (isNew) pendingBytes_ += data.size();
     return {hash, isNew};
   } catch (const blobring::Error& error) {
-    const Fault fault(fmt::format("cannot store {}: {}", name, Explain(error)));
+    const std::string text = fmt::format("cannot store {}: {}", name, Explain(error));
     try {
       Commit();
     } catch (const blobring::Error& second) {
       Say(Explain(second));
     }
-    throw fault;
+    throw Fault(text);
   }
 }
 

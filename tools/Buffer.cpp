@@ -74,7 +74,7 @@ SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
   SourceFile source;
   for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
     const struct stat before = StatOf(fd.get(), path);
-    if (!S_ISREG(before.st_mode)) throw Fault(fmt::format("cannot read {}: it is no longer a regular file", path));
+    if (!S_ISREG(before.st_mode)) throw Fault(fmt::format("cannot read {}: it is not a regular file", path));
     if (static_cast<uint64_t>(before.st_size) > kMaxBlobSize) ThrowTooLarge(path);
     if (attempt > 0 && ::lseek(fd.get(), 0, SEEK_SET) < 0) ThrowErrno("read " + path);
     source.bytes = ReadToEnd(fd.get(), static_cast<uint64_t>(before.st_size), buffer, path);

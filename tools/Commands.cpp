@@ -54,8 +54,9 @@ std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& argument
 // store the two would destroy each other.
 void RequireOwnFiles(const Layout& layout) {
   const size_t journalCount = Layout::CountJournals(layout.store());
-  const SlotFiles files(layout);
-  if (journalCount > layout.slotCount() || (files.HoldRecords() && journalCount != layout.slotCount()))
+  const std::vector<SlotFile> files = ReadSlotFiles(layout);
+  const bool isUsed = std::any_of(files.begin(), files.end(), [](const SlotFile& file) { return file.HasRecords(); });
+  if (journalCount > layout.slotCount() || (isUsed && journalCount != layout.slotCount()))
     throw UsageError(fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
                                  layout.store(), Count(journalCount, "slot"), journalCount));
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
@@ -228,21 +229,23 @@ ExitStatus Stat(const StoreOptions& at) {
     const BCStatistics statistics = open.store.stats();
     const size_t slotCount = open.layout.slotCount();
     const size_t current = static_cast<uint32_t>(statistics.sequence) % slotCount;
-    const SlotFiles files(open.layout);
-    const auto row = [&text](std::string_view name, uint64_t bytes) {
-      text += fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
+    const std::vector<SlotFile> files = ReadSlotFiles(open.layout);
+    uint64_t fileBytes = 0;
+    for (const SlotFile& file : files) fileBytes += file.size;
+    const auto row = [](std::string_view name, uint64_t bytes) {
+      return fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
     };
     text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount, current,
                        statistics.sequence, statistics.blobCount);
-    row("live", statistics.liveBytes);
-    row("dead", DeadBytes(statistics));
-    row("files", files.totalSize());
-    text +=
-        fmt::format("\n{:>4}  {:>12} {:>12} {:>9} {:>8}  {}\n", "slot", "size", "in use", "sequence", "header", "file");
-    for (size_t slot = 0; slot < slotCount; ++slot)
-      for (const SlotFile& file : files.slots()[slot])
-        text += fmt::format("{:>4}{} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, slot == current ? '*' : ' ', file.size,
-                            file.header.endOffset, file.header.sequence, file.StateName(), file.path);
+    text += row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) + row("files", fileBytes);
+    const auto line = [&text](auto slot, auto size, auto used, auto sequence, auto state, auto path) {
+      text += fmt::format("{:>5} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, size, used, sequence, state, path);
+    };
+    text += '\n';
+    line("slot ", "size", "in use", "sequence", "header", "file");
+    for (size_t i = 0; i < files.size(); ++i)
+      line(fmt::format("{}{}", i / 2, i / 2 == current ? '*' : ' '), files[i].size, files[i].header.endOffset,
+           files[i].header.sequence, files[i].StateName(), files[i].path);
   }
   Print(text);
   return sound ? kSuccess : kFault;

@@ -1,25 +1,23 @@
-// Which slots a store has. The library is told anew each time and cannot
-// notice a wrong answer, so `blobring init` writes it down beside the journals.
+// The slots of a store as the tool writes them down and shows them; api/Layout.h
+// has the form of the file.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
+#include "api/Layout.h"
+
 namespace tool {
 
-constexpr size_t kMaxSlots = 1000;
-
-// "blobring.conf" in the store's directory: a line "blobring 1", then for each
-// slot in its order a line "slot DIR" with the directory of its pack, "." for
-// the store's own. Lines that begin with '#' and empty lines say nothing.
 class Layout {
  public:
-  // What init was asked for. Without slotCount (0) there are two slots, or as
-  // many as there are packDirs if that is more; packDirs are used in turn, the
-  // store's own directory stands in when there are none. Throws UsageError.
+  // As asked for. Without slotCount (0) there are two slots, or as many as there
+  // are packDirs if that is more; packDirs are used in turn, the store's own
+  // directory without any. Throws UsageError.
   Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs);
 
-  // Reads what init wrote. Throws Fault when that is missing or not understood.
+  // As init wrote them. Throws Fault when that is missing or not understood.
   static Layout Read(const std::string& store);
   static bool Exists(const std::string& store);
 
@@ -44,7 +42,6 @@ class Layout {
 
  private:
   explicit Layout(std::string store) : store_(std::move(store)) {}
-  void ReadLine(const std::string& line, size_t number);
 
   std::string store_;
   std::vector<std::string> packDirs_;  // absolute, or "." for the store's own

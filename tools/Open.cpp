@@ -23,28 +23,58 @@ void TakeLine(void* /*context*/, int level, const char* /*source*/, const char* 
     listener->lines.emplace_back(text);
 }
 
-blobring::Store OpenQuietly(const StoreOptions& options, const Layout& layout) {
+// Opening a store without any pack that can be loaded, for a change, moves all
+// its files aside. That is refused where the headers alone show it.
+void RequireLoadable(const Layout& layout) {
+  const std::vector<SlotFile> files = ReadSlotFiles(layout);
+  bool isUsed = false;
+  for (size_t i = 0; i < files.size(); i += 2) {
+    if (files[i].IsLoadable()) return;
+    isUsed = isUsed || files[i].state != SlotFile::State::kMissing;
+  }
+  const SlotFile& pack = files.front();
+  if (isUsed)
+    throw Fault(
+        fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
+                    "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; or "
+                    "restore a backup",
+                    pack.path, pack.header.sequence, pack.header.endOffset, pack.size, layout.store()));
+}
+
+// A pack without its header does not say how new it is, and a load that finds
+// another one does not read it.
+bool HasLostHeader(const Layout& layout) {
+  bool isLost = false;
+  for (const SlotFile& file : ReadSlotFiles(layout)) {
+    if (file.state != SlotFile::State::kDamaged || !file.path.ends_with(".pak")) continue;
+    isLost = true;
+    Say(fmt::format("the header of {} is damaged: if that was the newest pack, an older state is shown", file.path));
+  }
+  return isLost;
+}
+
+blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access) {
   blobring::Options raw;
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) raw.packDirectories.emplace_back(layout.PackDir(slot));
   raw.eraseDamaged = options.eraseDamaged;
-  return blobring::Store(layout.store(), raw);
-}
-
-blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access, bool& damaged) {
-  const SlotFiles files(layout);
-  if (access != Access::kCreate || files.HoldRecords()) {
-    files.RequirePresent();
-    if (!options.eraseDamaged) files.RequireLoadable();
-  }
+  raw.mustExist = access != Access::kCreate;
+  raw.readOnly = access == Access::kLook;
+  if (!raw.readOnly && !raw.eraseDamaged) RequireLoadable(layout);
+  const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
   const TraceLines trace(TraceLines::Level::kWarnings);
   try {
-    blobring::Store store = OpenQuietly(options, layout);
+    blobring::Store store(layout.store(), raw);
     for (const std::string& line : trace.lines) Say(line);
-    damaged = !trace.lines.empty();
     return store;
   } catch (const blobring::Error& error) {
-    throw Fault(Explain(error));
+    const bool isErased = hasFiles && Layout::CountJournals(layout.store()) == 0;
+    for (const std::string& line : trace.lines)
+      if (isErased || error.code() == BLOBRING_ERROR_DAMAGED) Say(line);
+    if (!isErased) throw;
   }
+  Say(fmt::format("the store {} was erased and is empty now", layout.store()));
+  raw.mustExist = false;
+  return blobring::Store(layout.store(), raw);
 }
 
 // The number behind "GetLastError" in a message of the library; 0 without one.
@@ -57,7 +87,8 @@ int SystemCode(std::string_view text) {
 }
 
 // What a user can do; null for nothing in particular.
-const char* AdviceFor(std::string_view text) {
+const char* AdviceFor(std::string_view text, int code) {
+  if (code == BLOBRING_ERROR_HELD) return "another process has the store open; wait until it is done and try again";
   if (text.find("no room for") != std::string_view::npos)
     return "the journal is full; run `blobring repack` and try again, what was committed is safe";
   // Codes of the Win32 API reference.
@@ -70,8 +101,6 @@ const char* AdviceFor(std::string_view text) {
       return "memory is short";
     case 19:
       return "the file system is read-only";
-    case 32:
-      return "another process has the store open; wait until it is done and try again";
     case 39:
     case 112:
       return "the disk is full; free some space and try again, what was committed is safe";
@@ -93,14 +122,16 @@ Layout LayoutOf(const StoreOptions& options, Access access) {
   if (access != Access::kLook || (!isSaid && Layout::Exists(store))) return Layout::Read(store);
   const size_t slotCount = options.slotCount != 0 ? options.slotCount : Layout::CountJournals(store);
   if (slotCount == 0) return Layout::Read(store);  // which says that there is no store
-  const Layout said(store, slotCount, options.packDirs);
+  Layout said(store, slotCount, options.packDirs);
   if (Layout::Exists(store) && !said.SameSlots(Layout::Read(store)))
     throw UsageError(fmt::format("{} has {}", store, Layout::Read(store).Description()));
   return said;
 }
 
 OpenStore::OpenStore(const StoreOptions& options, Access access)
-    : layout(LayoutOf(options, access)), store(Open(options, layout, access, damaged)) {
+    : layout(LayoutOf(options, access)),
+      store(Open(options, layout, access)),
+      damaged(store.stats().damaged != 0 || HasLostHeader(layout)) {
   if (damaged && access == Access::kChange && !options.eraseDamaged)
     throw Fault(
         fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: "
@@ -143,7 +174,7 @@ std::string Explain(const blobring::Error& error) {
   constexpr std::string_view kPrefix = "blobring: ";
   std::string_view text = error.what();
   if (text.starts_with(kPrefix)) text.remove_prefix(kPrefix.size());
-  const char* advice = AdviceFor(text);
+  const char* advice = AdviceFor(text, error.code());
   text = text.substr(0, text.find('\n'));
   return advice == nullptr ? std::string(text) : fmt::format("{}; {}", text, advice);
 }

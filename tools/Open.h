@@ -46,8 +46,8 @@ class OpenStore {
   Bytes Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
 
   Layout layout;
-  bool damaged = false;  // the newest generation is not whole
   blobring::Store store;
+  bool damaged;  // the newest generation is not whole
 };
 
 // The size of a committed blob; nothing if there is none. Reads no file.

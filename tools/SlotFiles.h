@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "pack/Format.h"
-#include "tools/Fd.h"
 #include "tools/Layout.h"
 
 namespace tool {
@@ -27,32 +26,14 @@ struct SlotFile {
   uint64_t size = 0;  // of the file, bytes
   format::FileHeader header;
 
+  // A pack with such a header may yet be loaded.
+  bool IsLoadable() const;
   bool HasRecords() const { return state == State::kDamaged || header.endOffset > format::kFileHeaderSize; }
   std::string_view StateName() const;
 };
 
-// What the first bytes of a file, 24 or all that it has, say about it.
-SlotFile DescribeHeader(const std::string& path, uint64_t fileSize, Bytes header);
-
-class SlotFiles {
- public:
-  // Reads the headers. Throws Fault when a file is there and cannot be read.
-  explicit SlotFiles(const Layout& layout);
-
-  // The pack and the journal of each slot.
-  const std::vector<std::array<SlotFile, 2>>& slots() const { return slots_; }
-
-  uint64_t totalSize() const;
-  bool HoldRecords() const;
-
-  // Throws Fault, which names the file and says what to do: a file of a slot is
-  // missing; no pack has a header that it could be loaded by.
-  void RequirePresent() const;
-  void RequireLoadable() const;
-
- private:
-  std::string store_;
-  std::vector<std::array<SlotFile, 2>> slots_;
-};
+// The packs and journals of the slots in turn, each pack before its journal.
+// Throws Fault when a file is there and cannot be read.
+std::vector<SlotFile> ReadSlotFiles(const Layout& layout);
 
 }  // namespace tool

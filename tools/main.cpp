@@ -65,7 +65,7 @@ struct CommandLine {
   }
 
   void AddSlots(CLI::App& sub, const std::string& slotsHelp, const std::string& packDirHelp) {
-    sub.add_option("--slots", at.slotCount, slotsHelp)->check(CLI::Range(size_t{1}, tool::kMaxSlots));
+    sub.add_option("--slots", at.slotCount, slotsHelp)->check(CLI::Range(1U, layout::kMaxSlots));
     AddPackDirs(sub, at.packDirs, packDirHelp);
   }
   static void AddPackDirs(CLI::App& sub, std::vector<std::string>& packDirs, const std::string& help) {

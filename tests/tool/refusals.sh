@@ -127,7 +127,7 @@ expect 1 "^$(md5sum <tree/good | cut -c-32)$" put s nowhere tree/good
 status=0
 flock s/0.pak "$tool" put s good 2>said || status=$?
 same "$status" 1
-grep -q "another process has the store open" said || fail "$(cat said)"
+grep -q "another process has the store open; wait" said || fail "$(cat said)"
 blobring put s two pipe >held &
 first=$!
 exec 3>pipe

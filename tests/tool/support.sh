@@ -22,7 +22,7 @@ blobring() { "$tool" "$@"; }
 expect() {
   local wanted=$1 pattern=$2 status=0
   shift 2
-  timeout 60 "$tool" "$@" >expect.out 2>&1 </dev/null || status=$?
+  timeout 120 "$tool" "$@" >expect.out 2>&1 </dev/null || status=$?
   [ "$status" -eq "$wanted" ] || fail "blobring $*: status $status, wanted $wanted: $(cat expect.out)"
   grep -qaE -e "$pattern" expect.out || fail "blobring $*: wanted \"$pattern\", got: $(cat expect.out)"
 }
