@@ -14,20 +14,21 @@ Call::Call(const char* callName, int storeIndex) : name_(callName), index_(store
   if (RefuseNested()) return;
   registry::Entry* entry = registry::Find(index_);
   if (entry == nullptr) {
-    trace::NoteInProcess();
+    OfThread().Begin();
     refused_ = !Refuse(FailureCode::NoStore, "no store has the index = " + std::to_string(index_));
     return;
   }
-  trace::NoteIn(entry->failures);
+  BelongsTo(*entry);
   store_ = entry->store.get();
 }
 
 Call::Call(const char* callName) : name_(callName), outerCalls_(callDepth++) {
-  if (outerCalls_ == 0) trace::NoteInProcess();
+  if (outerCalls_ == 0) OfThread().Begin();
 }
 
 Call::~Call() {
   callDepth = outerCalls_;
+  if (outerCalls_ == 0) SendTo(nullptr);
 }
 
 bool Call::MayChangeRegistry() {
@@ -43,16 +44,10 @@ bool Call::RefuseNested() {
   return true;
 }
 
-void Call::BelongsTo(int storeIndex) {
-  registry::Entry* entry = registry::Find(storeIndex);
-  if (outerCalls_ == 0 && entry != nullptr) trace::NoteIn(entry->failures);
-}
-
-void Call::TakeTextOf(int storeIndex) {
-  const trace::FailureText& text = registry::Find(storeIndex)->failures;
-  trace::NoteInProcess();
-  trace::ProcessFailures().SetCode(text.Code());
-  trace::ProcessFailures().Add(text.Text());
+void Call::BelongsTo(registry::Entry& entry) const {
+  if (outerCalls_ > 0) return;
+  entry.failures.Begin();
+  SendTo(&entry.failures);
 }
 
 bool Call::Has(const char* argument, const void* pointer) {

@@ -62,9 +62,7 @@ class Call {
   bool MayChangeRegistry();
 
   // Traces into a store's text from here on, unless it runs in another call.
-  void BelongsTo(int storeIndex);
-  // Makes that text the thread's: the store is about to go.
-  static void TakeTextOf(int storeIndex);
+  void BelongsTo(registry::Entry& entry) const;
 
   // False, after a message or when the call is refused, if pointer is null.
   bool Has(const char* argument, const void* pointer);

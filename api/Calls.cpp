@@ -72,7 +72,7 @@ bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
 bool Open(Call& call, const std::string& directory, const BCOptions& options, const std::vector<std::string>& packDirs,
           int& index) {
   index = Initialize(directory);
-  call.BelongsTo(index);
+  call.BelongsTo(*registry::Find(index));
   BlobController& store = StoreAt(index);
   if (options.readOnly != 0) store.SetReadOnly();
   for (const std::string& dir : packDirs) AddPackDir(index, dir);
@@ -94,7 +94,9 @@ int BCOpen(const char* directory, const BCOptions* given) {
   const auto open = [&] { return Open(call, directory, options, packDirs, index); };
   if (call.Catch({"BCOpen threw an exception:"}, 0, open) == 1) return index;
   if (index < 0) return -1;
-  call.TakeTextOf(index);
+  // The reason outlives the store.
+  api::SendTo(nullptr);
+  api::OfThread() = registry::Find(index)->failures;
   registry::Remove(index);
   return -1;
 }
@@ -409,9 +411,9 @@ int BCGetStatistics(int index, BCStatistics* statistics) {
 
 namespace {
 
-const trace::FailureText& FailuresOf(int index) {
+const api::FailureText& FailuresOf(int index) {
   const registry::Entry* entry = registry::Find(index);
-  return entry != nullptr ? entry->failures : trace::ProcessFailures();
+  return entry != nullptr ? entry->failures : api::OfThread();
 }
 
 }  // namespace
@@ -460,7 +462,8 @@ int BCCacheStats() {
 
 int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   Call call("FilterException");
-  call.BelongsTo(index);
+  registry::Entry* entry = registry::Find(index);
+  if (entry != nullptr) call.BelongsTo(*entry);
   if (code != EXCEPTION_ACCESS_VIOLATION) {
     trace::api.WriteWarnV("FilterException() except: unknown exception %d", static_cast<int>(code));
     RTTrace_2(0x0F000263, code, Word(index));
@@ -471,7 +474,6 @@ int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   trace::api.WriteWarnV("except: Access Violation %p", address);
   RTTrace_2(0x0F000262, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)), Word(index));
   call.Catch({""}, 0, [&] {
-    registry::Entry* entry = registry::Find(index);
     return entry != nullptr ? entry->store->Fsck()
                             : call.Refuse(FailureCode::NoStore, "no store has the index = " + std::to_string(index));
   });

@@ -3,13 +3,13 @@
 
 #include <boost/shared_ptr.hpp>
 
-#include "platform/FailureText.h"
+#include "api/FailureText.h"
 #include "store/BlobController.h"
 
 namespace registry {
 
 struct Entry {
-  trace::FailureText failures;  // outlives the store, which may report to the end
+  api::FailureText failures;  // outlives the store, which may report to the end
   boost::shared_ptr<BlobController> store;
 };
 

@@ -1,6 +1,7 @@
 // A failure that the caller can tell by a code as well as by its text.
 #pragma once
 
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -43,3 +44,14 @@ inline FailureCode FailureOf(DWORD systemCode) {
       return FailureCode::Io;
   }
 }
+
+namespace trace {
+
+// Defined in api/, where a call knows whose failure it is.
+// Adds a line to the text of the call that the thread is in.
+void Note(const char* line);
+// Gives that text the code of what was caught. Call it before the message that
+// tells of the failure is written.
+void NoteCause(const std::exception& e);
+
+}  // namespace trace

@@ -1,6 +1,6 @@
 #include "platform/Trace.h"
 
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Probes.h"
 #include "platform/Win32.h"
 

@@ -50,7 +50,7 @@ struct Format {
 template <class... Values>
 using FormatFor = Format<std::type_identity_t<Values>...>;
 
-// Adds a line to the text of the last failure (FailureText.h).
+// Adds a line to the text of the last failure (api/FailureText.h).
 void NoteFailure(const char* line, bool isError);
 
 #pragma GCC diagnostic push

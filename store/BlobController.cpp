@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 

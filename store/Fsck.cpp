@@ -5,7 +5,7 @@
 #include <string>
 
 #include "pack/BatchReader.h"
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 

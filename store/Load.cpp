@@ -3,7 +3,7 @@
 
 #include "fs/KeptFile.h"
 #include "pack/Replay.h"
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 

@@ -14,7 +14,7 @@
 #include "fs/FileSystem.h"
 #include "fs/KeptFile.h"
 #include "pack/BatchReader.h"
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 

@@ -1,7 +1,7 @@
 // BlobController: the open transaction, from its first change to its commit.
 #include <algorithm>
 
-#include "platform/FailureText.h"
+#include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
