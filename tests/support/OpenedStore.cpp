@@ -56,7 +56,12 @@ void SetFile(const std::string& path, std::string_view bytes) {
 
 OpenedStore::OpenedStore(int slots, Policy policy) {
   index = BCInitialize(u"/s");
-  for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, u"/s");
+  try {
+    for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, u"/s");
+  } catch (...) {
+    BCDispose(index);
+    throw;
+  }
   if (policy == Policy::Keep) BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
   loaded = BCLoad(index) == 1;
 }
