@@ -136,15 +136,21 @@ int BCLoad(int index) {
 }
 
 int BCShutdown(int index, bool flag) {
+  const Call call("BCShutdown", index);
+  if (!call) return 0;
   RTTrace_2(0x0F000283, Word(index), flag);
   trace::api.NoteWarnV("BCShutdown has been called index = %d", index);
-  const Call call("BCShutdown", index);
-  return call ? call.Store().Shutdown(flag) : 0;
+  return call.Store().Shutdown(flag);
 }
 
-int BCDisposeInt(int index) {
+namespace {
+
+// The notes come once it is known that the call does not run in a sink, which
+// would get them and call again.
+int Dispose(int index, bool isOuter) {
   Call call("BCDispose");
   if (!call.MayChangeRegistry()) return 0;
+  if (isOuter) trace::api.NoteWarnV("BCDispose with index = %d", index);
   trace::api.NoteWarnV("BCDispose has been called index = %d", index);
   if (registry::Find(index) == nullptr) return 1;
   StoreAt(index).Shutdown(true);
@@ -152,9 +158,14 @@ int BCDisposeInt(int index) {
   return 1;
 }
 
+}  // namespace
+
 int BCDispose(int index) {
-  trace::api.NoteWarnV("BCDispose with index = %d", index);
-  return BCDisposeInt(index);
+  return Dispose(index, true);
+}
+
+int BCDisposeInt(int index) {
+  return Dispose(index, false);
 }
 
 // ---- Changing ----

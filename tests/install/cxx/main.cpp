@@ -1,11 +1,17 @@
-// Stores, enumerates, fetches: main DIRECTORY.
+// Stores, enumerates, fetches: main, in the directory of the store.
 #include <blobring/Store.h>
 
 #include <iostream>
 
-int main(int, char** argv) {
+namespace {
+
+// Opened before main, and closed after it.
+blobring::Store store(".");
+
+}  // namespace
+
+int main() {
   try {
-    blobring::Store store(argv[1]);
     blobring::Transaction change(store);
     store.put("outside, C++");
     change.commit();
