@@ -42,8 +42,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   enum BlobFileMode : std::uint32_t { Journal = 0, Pack = 1 };
   enum class State { Clean, InTransaction, InDoubt, Damaged };
 
-  // Where one store or delete record lies.
+  // Where one store or delete record lies. A move copies.
   struct BlobFileEntry {
+    BlobFileEntry() = default;
+    BlobFileEntry(const BlobFileEntry&) = default;
+    BlobFileEntry& operator=(const BlobFileEntry&) = default;
+
     std::int32_t op = 0;  // format::kOpStore or format::kOpDelete
     std::int64_t transactionId = 0;
     std::uint32_t ordinal = 0;  // 1-based within its transaction; 0 outside one and for a fresh store

@@ -1,5 +1,5 @@
 // The Win32 file, thread and exception calls that the store makes: the one
-// door to the disk. Whoever supplies them is chosen at link time: our POSIX
+// door to the disk. What supplies them is chosen at link time: our POSIX
 // layer (platform/posix/), the device's own libraries, a simulated disk.
 //
 // Semantics are those of the Win32 API reference; each comment says only what
@@ -153,7 +153,7 @@ BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* informa
 
 // Once this returns TRUE, everything written to the file, its length and its
 // name survive a power cut. Once it has returned FALSE, data may have been
-// dropped: every later flush of this handle fails as well, and whoever opens
+// dropped: every later flush of this handle fails as well, and an opener of
 // the file after it was closed reads what the disk holds.
 BOOL FlushFileBuffers(HANDLE file);
 

@@ -6,7 +6,7 @@
 // its own. A look-up so reads one place in the directory and one or two nodes,
 // where a single tree reads one for each doubling, and a change touches no
 // others. Keys that are no digests, which a hostile file can hold, may all fall
-// into one bucket: the trees are treaps, balanced by priorities that nobody
+// into one bucket: the trees are treaps, balanced by priorities that no file
 // can foresee, so that one bucket of n blobs still takes log n.
 //
 // The directory takes 2 to 4 bytes for each blob on a 32-bit host and twice
@@ -140,7 +140,7 @@ class BlobIndex {
   void Reserve(std::size_t blobs) noexcept;
 
   // Starts to bring what a look-up of the hash will read into the processor's
-  // caches. For whoever knows several hashes: Prefetch each of them, then
+  // caches. With several hashes in hand: Prefetch each of them, then
   // PrefetchNode each, then look them up, and the memory is waited for once.
   void Prefetch(const Hash& hash) const { Fetch(&buckets[BucketOf(hash)]); }
   void PrefetchNode(const Hash& hash) const { PrefetchNode(buckets[BucketOf(hash)]); }

@@ -168,7 +168,7 @@ bool BlobController::EndTransaction(long long id) {
 }
 
 // Past the commit point: the changes are on disk and must take effect. For
-// each hash its last change decides; a blob that is stored anew takes the
+// each hash its last change decides; a blob that is stored again takes the
 // place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
