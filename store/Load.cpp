@@ -86,7 +86,6 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     curPack = pack;
     Apply(entries, pack);
     seq = pack->header.sequence;
-    damaged = damaged || pack->IsDamaged();
     FindLostPack();
     return true;
   }
@@ -110,19 +109,25 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
   }
 }
 
-// A journal takes the sequence of its pack with the first commit after a repack. One
-// that counts records of a generation newer than every pack has lost its pack,
-// cut to nothing or zeroed: what it holds rests on blobs that are not there.
+// A pack that was cut to nothing, or whose header was lost, does not say that it was
+// the newest. Its journal may: it takes the pack's sequence with a commit in the
+// session of the repack, and keeps the mark of having been emptied by one
+// otherwise. What such a journal holds rests on blobs that are not there.
 void BlobController::FindLostPack() {
   if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
   for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
+    BlobFile& pack = *packFiles[slot];
     const format::FileHeader& journal = journalFiles[slot]->header;
-    if (journal.recordCount == 0 || journal.sequence <= seq || packFiles[slot]->IsDamaged()) continue;
+    const bool isNew = pack.header.sequence == 0 && pack.header.recordCount == 0;
+    const bool isLost =
+        journal.recordCount != 0 && (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
+    if (!isLost && !pack.IsDamaged()) continue;
     damaged = true;
-    packFiles[slot]->MarkDamaged();
+    if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
+    pack.MarkDamaged();
     trace::engine.WriteErrorV(
-        "BlobController::Load %s counts records of generation %d, whose pack %s is lost: an older generation is shown",
-        journalFiles[slot]->path.c_str(), journal.sequence, packFiles[slot]->path.c_str());
+        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older generation is shown",
+        pack.path.c_str());
   }
 }
 

@@ -41,18 +41,6 @@ void RequireLoadable(const Layout& layout) {
                     pack.path, pack.header.sequence, pack.header.endOffset, pack.size, layout.store()));
 }
 
-// A pack without its header does not say how new it is, and a load that finds
-// another one does not read it.
-bool HasLostHeader(const Layout& layout) {
-  bool isLost = false;
-  for (const SlotFile& file : ReadSlotFiles(layout)) {
-    if (file.state != SlotFile::State::kDamaged || !file.path.ends_with(".pak")) continue;
-    isLost = true;
-    Say(fmt::format("the header of {} is damaged: if that was the newest pack, an older state is shown", file.path));
-  }
-  return isLost;
-}
-
 blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access) {
   blobring::Options raw;
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) raw.packDirectories.emplace_back(layout.PackDir(slot));
@@ -129,9 +117,7 @@ Layout LayoutOf(const StoreOptions& options, Access access) {
 }
 
 OpenStore::OpenStore(const StoreOptions& options, Access access)
-    : layout(LayoutOf(options, access)),
-      store(Open(options, layout, access)),
-      damaged(store.stats().damaged != 0 || HasLostHeader(layout)) {
+    : layout(LayoutOf(options, access)), store(Open(options, layout, access)), damaged(store.stats().damaged != 0) {
   if (damaged && access == Access::kChange && !options.eraseDamaged)
     throw Fault(
         fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: "

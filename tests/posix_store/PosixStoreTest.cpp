@@ -90,11 +90,13 @@ TEST(PosixStore, KeepsBlobsUnderAPathOfAnyBytes) {
   EXPECT_TRUE(again.Has("a"));
 }
 
+// And a journal keeps room for 64 transactions of one delete.
 TEST(PosixStore, AFileEndsBelow2GiB) {
   const TemporaryDirectory temporary;
   { const Store fresh(temporary.path, 1); }
   constexpr std::uint32_t kEnd = 0x7FFFFFFFU;
-  constexpr std::uint32_t kStart = kEnd - (40 + 37 + 16);  // room for one blob of one byte
+  constexpr std::uint32_t kKept = 64 * (40 + 32 + 16);
+  constexpr std::uint32_t kStart = kEnd - kKept - (40 + 37 + 16);  // room for one blob of one byte
   const fs::path journal = temporary.path / "0.jrn";
   fs::resize_file(journal, kStart);
   {
@@ -113,7 +115,11 @@ TEST(PosixStore, AFileEndsBelow2GiB) {
   EXPECT_EQ(put("", 0), 0);
   const long long id = 1;
   EXPECT_EQ(BCEndTransaction(index, &id), 1) << "what was written is committed";
-  EXPECT_EQ(fs::file_size(journal), kEnd);
+  EXPECT_EQ(fs::file_size(journal), kEnd - kKept);
+  unsigned char hash[BLOBRING_HASH_SIZE];
+  BCMD5ChkSum(reinterpret_cast<const unsigned char*>("a"), 1, hash);
+  EXPECT_EQ(BCDelete(index, hash), 1);
+  EXPECT_EQ(BCEndTransaction(index, &id), 1);
   BCDispose(index);
 }
 

@@ -67,5 +67,35 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
   }
 }
 
+// The newest pack is cut to nothing or zeroed: its journal shows that it was
+// there, whether or not it took a commit in the session of the repack.
+TEST(Load, ALostNewestPackIsDamageAndNoRepackEmptiesItsSlotWithoutACopy) {
+  for (const std::size_t length : {0U, 23U, 24U, 100U}) {
+    for (const bool reopened : {false, true}) {
+      SCOPED_TRACE(testing::Message() << length << (reopened ? ", reopened" : ""));
+      FreshMachine();
+      {
+        std::optional<OpenedStore> store(std::in_place, 2, Policy::Keep);
+        ASSERT_TRUE(store->Commit(1, {"old"}) && BCRepack(store->index) == 1);
+        if (reopened) {
+          store.reset();
+          store.emplace(2, Policy::Keep);
+        }
+        ASSERT_TRUE(store->Commit(2, {"new"}));
+      }
+      SetFile("/s/1.pak", std::string(length, '\0'));
+      const OpenedStore store(2, Policy::Keep);
+      BCStatistics statistics{};
+      statistics.size = sizeof statistics;
+      ASSERT_EQ(BCGetStatistics(store.index, &statistics), 1);
+      EXPECT_EQ(statistics.damaged, 1);
+      const std::string journal = FileBytes("/s/1.jrn");
+      EXPECT_TRUE(store.Has("old"));
+      ASSERT_EQ(BCRepack(store.index), 1);
+      EXPECT_EQ(FileBytes("/s/1.jrn.kept-1"), journal);
+    }
+  }
+}
+
 }  // namespace
 }  // namespace test
