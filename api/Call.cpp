@@ -50,11 +50,6 @@ void Call::BelongsTo(registry::Entry& entry) const {
   SendTo(&entry.failures);
 }
 
-bool Call::Has(const char* argument, const void* pointer) {
-  if (refused_) return false;
-  return pointer != nullptr || Refuse(FailureCode::Argument, std::string(argument) + " is null");
-}
-
 bool Call::HasBytes(const char* argument, const unsigned char* data, const char* sizeName, int size) {
   if (refused_) return false;
   if (size < 0)

@@ -176,8 +176,13 @@ void RequireAgreement(const std::string& directory, const std::vector<std::strin
   for (std::size_t slot = 0; slot < packDirs.size(); ++slot) {
     const std::string given = options.packDirs[slot];
     if (AbsoluteDirectory(given) != AbsoluteDirectory(packDirs[slot]))
-      Refuse(FailureCode::Argument,
-             conf + " has the pack of slot " + std::to_string(slot) + " in " + packDirs[slot] + ", not in " + given);
+      Refuse(FailureCode::Argument, std::string(conf)
+                                        .append(" has the pack of slot ")
+                                        .append(std::to_string(slot))
+                                        .append(" in ")
+                                        .append(packDirs[slot])
+                                        .append(", not in ")
+                                        .append(given));
   }
 }
 
