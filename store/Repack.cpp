@@ -85,7 +85,9 @@ void BlobController::RequireRepackable() const {
 bool BlobController::Repack() {
   try {
     RequireRepackable();
-    KeepSlot(static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size()));
+    const std::uint32_t slot = static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
+    if (packFiles[slot] == curPack) RequireInPlace(*curPack);
+    KeepSlot(slot);
   } catch (const std::exception& e) {
     trace::NoteCause(e);
     trace::engine.WriteErrorV("BlobController::Repack() refused: %s", e.what());
@@ -152,7 +154,6 @@ void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
 void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
   const BlobFilePtr old = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
-  RequireInPlace(*old);
   const std::string besides = old->path + ".new";
   unfinished = MakePooled<BlobFile>();
   unfinished->Init(besides, BlobFile::Pack, 0);
