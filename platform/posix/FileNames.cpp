@@ -27,7 +27,7 @@ using platform::Result;
 // How often the target of a replacement may come and go before we give up.
 constexpr int kMaxAttempts = 16;
 
-// Locks the file that path leads to, so that nobody has it open while its
+// Locks the file that path leads to, so that no opener has it while its
 // name is changed. What is no regular file, a link to nothing included, needs
 // no lock. ERROR_FILE_NOT_FOUND is an answer to act on: a file made after it
 // may be held by its creator. ERROR_ACCESS_DENIED: we may not open the file.
