@@ -38,6 +38,16 @@ TEST(Fault, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   ASSERT_TRUE(store.Start(4) && store.Store("abandoned") && store.Start(5));
   EXPECT_EQ(flushesOf(6, "over an abandoned transaction"), 2U);
   EXPECT_EQ(flushesOf(7, "behind it"), 1U);
+  sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Partial);
+  ASSERT_TRUE(store.Start(8) && !store.Store(kLarge) && store.Start(9));
+  EXPECT_EQ(flushesOf(10, "over what a failed write has left"), 2U);
+  for (int id = 11; id <= 12; ++id) flushesOf(id, "blank again" + std::to_string(id));
+  ASSERT_TRUE(store.Start(13) && store.Store("first try"));
+  sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Error);  // of the header
+  ASSERT_FALSE(store.End(13));
+  const std::uint64_t before = sim::Files().calls(Call::FlushFileBuffers);
+  ASSERT_TRUE(store.Store("second try") && store.End(13));
+  EXPECT_EQ(sim::Files().calls(Call::FlushFileBuffers) - before, 2U) << "over what a failed commit has left";
   BCStatistics statistics{};
   statistics.size = sizeof statistics;
   ASSERT_EQ(BCGetStatistics(store.index, &statistics), 1);

@@ -97,5 +97,47 @@ TEST(Load, ALostNewestPackIsDamageAndNoRepackEmptiesItsSlotWithoutACopy) {
   }
 }
 
+// A crash between two moves is a move that fails: no journal is ever left for a
+// fresh pack to be read with.
+TEST(Load, MovesJournalsAsideBeforePacks) {
+  FreshMachine();
+  SetFile("/s/0.pak", With(PackOf(0, "packed"), 24 + 40 + 36, "X"));
+  const std::string journal = JournalBytes().Transaction(2, {StoreRecord(2, "journalled")}).Bytes();
+  SetFile("/s/0.jrn", journal);
+  sim::Files().FailCallOf(sim::Call::MoveFile, 2, sim::Fault::Error);
+  EXPECT_FALSE(OpenedStore(1, Policy::Keep).loaded);
+  sim::Files().Heal();
+  EXPECT_TRUE(OpenedStore(1, Policy::Keep).All().empty());
+  EXPECT_EQ(FileBytes("/s/0.jrn.kept-1"), journal);
+}
+
+// Of three transactions one is not whole. The last was torn by a power failure, for
+// all that the file can tell; any other is damage, even where its start is lost.
+TEST(Load, OnlyATornLastTransactionIsNoDamage) {
+  const auto journal = [](int count) {
+    JournalBytes bytes;
+    for (int id = 1; id <= count; ++id) bytes.Transaction(id, {StoreRecord(id, "blob" + std::to_string(id))});
+    return bytes.Bytes();
+  };
+  const std::string good = journal(3);
+  for (const int torn : {2, 3}) {
+    const std::size_t start = journal(torn - 1).size();
+    for (const std::string& bytes : {With(good, start, std::string(40, '\0')), With(good, start, "\5"),
+                                     With(good, start + 16, std::string(24, '\0')), With(good, start + 80, "X")}) {
+      FreshMachine();
+      SetFile("/s/0.jrn", bytes);
+      const OpenedStore store(1, Policy::Keep);
+      SCOPED_TRACE(Diagnostics().Text());
+      BCStatistics statistics{};
+      statistics.size = sizeof statistics;
+      ASSERT_EQ(BCGetStatistics(store.index, &statistics), 1);
+      EXPECT_EQ(statistics.damaged, torn == 2);
+      EXPECT_EQ(store.All().size(), static_cast<std::size_t>(torn - 1));
+      EXPECT_EQ(FileBytes("/s/0.jrn.kept-1"), bytes.substr(0, 24) + bytes.substr(start));
+      EXPECT_TRUE(store.Commit(9, {"after"}));
+    }
+  }
+}
+
 }  // namespace
 }  // namespace test
