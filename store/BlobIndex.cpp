@@ -92,7 +92,7 @@ BlobIndex::iterator BlobIndex::FindOrMake(const Hash& hash, bool& isNew) {
 void BlobIndex::Insert(Handle node) noexcept {
   Node* present = Search(node->blob.first);
   if (present != nullptr) {
-    present->blob.second = std::move(node->blob.second);
+    present->blob.second = node->blob.second;
   } else {
     Link(node.release());
   }

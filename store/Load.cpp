@@ -210,7 +210,7 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
       case format::kOpStore:
         entry.file = file;
         entry.valid = true;
-        blobs.FindOrMake(entry.hash, isNew)->second = std::move(entry);
+        blobs.FindOrMake(entry.hash, isNew)->second = entry;
         break;
       case format::kOpDelete:
         blobs.FindOrMake(entry.hash, isNew)->second.valid = false;

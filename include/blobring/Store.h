@@ -94,6 +94,7 @@ class Hash {
   std::uint8_t* data() { return bytes_.data(); }
   const std::uint8_t* data() const { return bytes_.data(); }
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 means the 0 of the generated code
   friend constexpr auto operator<=>(const Hash&, const Hash&) = default;
 
  private:
@@ -140,6 +141,7 @@ class Store {
     std::vector<std::string> names;
     for (const std::filesystem::path& pack : options.packDirectories) names.push_back(pack.string());
     std::vector<const char*> packs;
+    packs.reserve(names.size());
     for (const std::string& name : names) packs.push_back(name.c_str());
     Watch watch{options.progress, nullptr};
     BCOptions raw{};
