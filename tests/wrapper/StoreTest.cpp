@@ -182,7 +182,7 @@ TEST(Store, StopsAndPassesOnWhatTheProgressFunctionThrows) {
   EXPECT_EQ(store.stats().sequence, 1);
   store.close();
   EXPECT_THROW(Store("/s", {.slots = 3, .progress = fail}), std::domain_error);
-  EXPECT_EQ(Store("/s", {.slots = 3}).stats().blobCount, 600U) << "nobody holds its files";
+  EXPECT_EQ(Store("/s", {.slots = 3}).stats().blobCount, 600U) << "its files are not held";
 }
 
 }  // namespace
