@@ -20,7 +20,7 @@
 //       opened on, at most 64 KiB ahead, under a flush that the commit needs anyway.
 //       An orderly close cuts it off (BlobFile::CutToRecords).
 //
-// Works on members of the BlobFile that owns it, which it outlives never.
+// Works on members of the BlobFile that owns it.
 // Errors: what File and the memory manager throw. A record that could not be appended is
 // neither counted nor digested; what was appended before it stays.
 #pragma once
