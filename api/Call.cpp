@@ -10,7 +10,8 @@ constinit thread_local int callDepth = 0;
 
 }  // namespace
 
-Call::Call(const char* callName, int storeIndex) : name_(callName), index_(storeIndex), outerCalls_(callDepth++) {
+Call::Call(const char* callName, int storeIndex)
+    : name_(callName), index_(storeIndex), outerCalls_(callDepth++) {
   if (RefuseNested()) return;
   registry::Entry* entry = registry::Find(index_);
   if (entry == nullptr) {
@@ -50,10 +51,12 @@ void Call::BelongsTo(registry::Entry& entry) const {
   SendTo(&entry.failures);
 }
 
-bool Call::HasBytes(const char* argument, const unsigned char* data, const char* sizeName, int size) {
+bool Call::HasBytes(const char* argument, const unsigned char* data, const char* sizeName,
+                    int size) {
   if (refused_) return false;
   if (size < 0)
-    return Refuse(FailureCode::Argument, std::string(sizeName) + " = " + std::to_string(size) + " is negative");
+    return Refuse(FailureCode::Argument,
+                  std::string(sizeName) + " = " + std::to_string(size) + " is negative");
   return size == 0 || Has(argument, data);
 }
 

@@ -59,8 +59,8 @@ bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
   options = {};
   if (given == nullptr) return true;
   if (given->size < kFirstOptionsSize)
-    return call.Refuse(FailureCode::Argument, "options->size = " + std::to_string(given->size) + ", must be " +
-                                                  std::to_string(sizeof options));
+    return call.Refuse(FailureCode::Argument, "options->size = " + std::to_string(given->size) +
+                                                  ", must be " + std::to_string(sizeof options));
   std::memcpy(&options, given, std::min<std::size_t>(given->size, sizeof options));
   if (options.packDirs == nullptr) return true;
   if (options.slotCount == 0) return call.Refuse(FailureCode::Argument, "packDirs needs slotCount");
@@ -69,8 +69,8 @@ bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
 }
 
 // Registers and loads. The index is set as soon as there is one.
-bool Open(Call& call, const std::string& directory, const BCOptions& options, const std::vector<std::string>& packDirs,
-          int& index) {
+bool Open(Call& call, const std::string& directory, const BCOptions& options,
+          const std::vector<std::string>& packDirs, int& index) {
   index = Initialize(directory);
   call.BelongsTo(*registry::Find(index));
   BlobController& store = StoreAt(index);
@@ -86,7 +86,9 @@ bool Open(Call& call, const std::string& directory, const BCOptions& options, co
 int BCOpen(const char* directory, const BCOptions* given) {
   Call call("BCOpen");
   BCOptions options;
-  if (!call.MayChangeRegistry() || !call.Has("directory", directory) || !ReadOptions(call, given, options)) return -1;
+  if (!call.MayChangeRegistry() || !call.Has("directory", directory) ||
+      !ReadOptions(call, given, options))
+    return -1;
   std::vector<std::string> packDirs;
   const auto find = [&] { return packDirs = api::SlotsToOpen(directory, options), 1; };
   if (call.Catch({"BCOpen: "}, 0, find) == 0) return -1;
@@ -126,7 +128,8 @@ int BCSetDamagePolicy(int index, int policy) {
   if (!call) return 0;
   if (policy != BLOBRING_DAMAGE_ERASE && policy != BLOBRING_DAMAGE_KEEP)
     return call.Refuse(FailureCode::Argument, "there is no policy = " + std::to_string(policy));
-  call.Store().SetDamagePolicy(policy == BLOBRING_DAMAGE_KEEP ? DamagePolicy::Keep : DamagePolicy::Erase);
+  call.Store().SetDamagePolicy(policy == BLOBRING_DAMAGE_KEEP ? DamagePolicy::Keep
+                                                              : DamagePolicy::Erase);
   return 1;
 }
 
@@ -233,7 +236,8 @@ int PutGroup(Call& call, BCBlob* blobs, int count) {
   MD5Message messages[kMaxCount];
   Hash hashes[kMaxCount];
   int valid = 0;
-  for (; valid < count && call.HasBytes("data", blobs[valid].data, "size", blobs[valid].size); ++valid)
+  for (; valid < count && call.HasBytes("data", blobs[valid].data, "size", blobs[valid].size);
+       ++valid)
     messages[valid] = {blobs[valid].data, Word(blobs[valid].size), blobs[valid].hash};
   DigestMany(messages, static_cast<std::size_t>(valid));
   for (int i = 0; i < valid; ++i) hashes[i].setHash(blobs[i].hash);
@@ -300,7 +304,8 @@ int BCGetSize(int index, unsigned char* hash) {
 
 int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
   Call call("BCGet", index);
-  if (!call.Has("hash", hash) || !call.HasBytes("buffer", buffer, "size", size)) return BLOBRING_FAILED;
+  if (!call.Has("hash", hash) || !call.HasBytes("buffer", buffer, "size", size))
+    return BLOBRING_FAILED;
   return call.Catch({"BCGet threw an exception:", 0x0F000278, hash}, BLOBRING_FAILED, [&] {
     BlobPair pair = api::PairOf(hash, buffer, size);
     trace::WriteHashEvent(trace::kEventGet, hash);
@@ -308,7 +313,8 @@ int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
     if (found && pair.buffer.size == Word(size)) return BLOBRING_FETCHED;
     // A caller that asks for what is not there, or by another size, has lost
     // track of its store.
-    trace::api.WriteWarnV("GetBlob assert error: buffer size = %u request size = %d", pair.buffer.size, size);
+    trace::api.WriteWarnV("GetBlob assert error: buffer size = %u request size = %d",
+                          pair.buffer.size, size);
     call.Store().Fsck();
     RaiseException(trace::kFaultCode, 0, 0, nullptr);
     return found ? BLOBRING_FETCHED : BLOBRING_NOT_FOUND;
@@ -322,7 +328,8 @@ int BCGet(int index, unsigned char* hash, unsigned char* buffer, int size) {
 int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size) {
   if (size != nullptr) *size = 0;
   Call call("BCFetch", index);
-  if (!call.Has("hash", hash) || !call.Has("size", size) || !call.HasBytes("buffer", buffer, "capacity", capacity))
+  if (!call.Has("hash", hash) || !call.Has("size", size) ||
+      !call.HasBytes("buffer", buffer, "capacity", capacity))
     return BLOBRING_FAILED;
   return call.Catch({"BCFetch threw an exception:"}, BLOBRING_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGet, hash);
@@ -409,12 +416,13 @@ int BCGetStatistics(int index, BCStatistics* statistics) {
   if (!call.Has("statistics", statistics)) return 0;
   const std::uint32_t size = statistics->size;
   if (size < kFirstStatisticsSize)
-    return call.Refuse(FailureCode::Argument,
-                       "size = " + std::to_string(size) + ", must be " + std::to_string(sizeof *statistics));
+    return call.Refuse(FailureCode::Argument, "size = " + std::to_string(size) + ", must be " +
+                                                  std::to_string(sizeof *statistics));
   const BlobController::Statistics of = call.Store().GetStatistics();
-  const BCStatistics filled = {
-      size,         of.loaded,    of.inDoubt,      of.sequence,      of.slotCount,    of.largestBlob, of.blobCount,
-      of.liveBytes, of.packBytes, of.journalBytes, of.repackedBytes, of.pendingCount, of.damaged,     of.readOnly};
+  const BCStatistics filled = {size,         of.loaded,       of.inDoubt,       of.sequence,
+                               of.slotCount, of.largestBlob,  of.blobCount,     of.liveBytes,
+                               of.packBytes, of.journalBytes, of.repackedBytes, of.pendingCount,
+                               of.damaged,   of.readOnly};
   std::memset(statistics, 0, size);
   std::memcpy(statistics, &filled, std::min<std::size_t>(size, sizeof filled));
   return 1;
@@ -480,13 +488,16 @@ int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
     RTTrace_2(0x0F000263, code, Word(index));
     return EXCEPTION_CONTINUE_SEARCH;
   }
-  const void* address =
-      info == nullptr || info->ExceptionRecord == nullptr ? nullptr : info->ExceptionRecord->ExceptionAddress;
+  const void* address = info == nullptr || info->ExceptionRecord == nullptr
+                            ? nullptr
+                            : info->ExceptionRecord->ExceptionAddress;
   trace::api.WriteWarnV("except: Access Violation %p", address);
-  RTTrace_2(0x0F000262, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)), Word(index));
+  RTTrace_2(0x0F000262, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)),
+            Word(index));
   call.Catch({""}, 0, [&] {
     return entry != nullptr ? entry->store->Fsck()
-                            : call.Refuse(FailureCode::NoStore, "no store has the index = " + std::to_string(index));
+                            : call.Refuse(FailureCode::NoStore,
+                                          "no store has the index = " + std::to_string(index));
   });
   call.EndOuterCalls();
   return EXCEPTION_EXECUTE_HANDLER;

@@ -8,8 +8,8 @@ namespace {
 
 [[noreturn]] void ThrowAt(const std::string& path, std::size_t line, const std::string& wanted,
                           std::string_view found) {
-  throw std::runtime_error(path + " line " + std::to_string(line) + ": wanted " + wanted + ", found \"" +
-                           std::string(found) + "\"");
+  throw std::runtime_error(path + " line " + std::to_string(line) + ": wanted " + wanted +
+                           ", found \"" + std::string(found) + "\"");
 }
 
 }  // namespace
@@ -26,15 +26,16 @@ std::vector<std::string> Parse(const std::string& path, std::string_view text) {
       isFirst = false;
       continue;
     }
-    const std::string dir(line.starts_with(kSlotWord) ? line.substr(std::string_view(kSlotWord).size()) : "");
+    const std::string dir(
+        line.starts_with(kSlotWord) ? line.substr(std::string_view(kSlotWord).size()) : "");
     if (dir != kOwnDirectory && !dir.starts_with('/'))
       ThrowAt(path, number, "\"slot .\" or \"slot \" and an absolute directory", line);
     packDirs.push_back(dir);
   }
   if (packDirs.empty()) throw std::runtime_error(path + " names no slot");
   if (packDirs.size() > kMaxSlots)
-    throw std::runtime_error(path + " names " + std::to_string(packDirs.size()) + " slots, a store has at most " +
-                             std::to_string(kMaxSlots));
+    throw std::runtime_error(path + " names " + std::to_string(packDirs.size()) +
+                             " slots, a store has at most " + std::to_string(kMaxSlots));
   return packDirs;
 }
 

@@ -17,14 +17,16 @@ namespace {
 constexpr std::uint32_t kDefaultSlots = 2;
 // Slots beyond the last that are looked for. Those of a store are contiguous.
 constexpr std::uint32_t kSlotsAhead = 16;
-constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // a line for each slot, PATH_MAX twice over
+constexpr std::uint32_t kMaxLayoutSize =
+    8 * 1024 * 1024;  // a line for each slot, PATH_MAX twice over
 
 [[noreturn]] void Refuse(FailureCode code, const std::string& text) {
   throw Failure(code, text);
 }
 
 bool Exists(const std::string& path) {
-  const HANDLE handle = ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING, 0, 0);
+  const HANDLE handle =
+      ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING, 0, 0);
   if (handle != INVALID_HANDLE_VALUE) {
     CloseHandle(handle);
     return true;
@@ -58,7 +60,8 @@ SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   fresh.endOffset = format::kFileHeaderSize;
   unsigned char freshBytes[format::kFileHeaderSize];
   fresh.Encode(freshBytes);
-  const bool isZeros = std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; });
+  const bool isZeros =
+      std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; });
   if ((isZeros && size == length) || std::memcmp(bytes, freshBytes, length) == 0) return file;
   const format::FileHeader header = format::FileHeader::Decode(bytes);
   file.isUsed = true;
@@ -98,13 +101,15 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
   for (std::uint32_t slot = count; slot < count + kSlotsAhead; ++slot) {
     const std::string journal = directory + "/" + std::to_string(slot) + ".jrn";
     if (Exists(journal))
-      Refuse(FailureCode::Argument, journal + " belongs to a store of more than " + std::to_string(count) + " slots");
+      Refuse(FailureCode::Argument,
+             journal + " belongs to a store of more than " + std::to_string(count) + " slots");
   }
   for (std::uint32_t slot = 0; slot < count; ++slot) {
     for (const SlotFile* file : {&slots.packs[slot], &slots.journals[slot]}) {
       if (file->sequence > 0 && static_cast<std::uint32_t>(file->sequence) % count != slot)
-        Refuse(FailureCode::Argument, file->path + " has generation " + std::to_string(file->sequence) +
-                                          ", which a store of " + std::to_string(count) + " slots has elsewhere");
+        Refuse(FailureCode::Argument, file->path + " has generation " +
+                                          std::to_string(file->sequence) + ", which a store of " +
+                                          std::to_string(count) + " slots has elsewhere");
     }
   }
 }
@@ -112,7 +117,8 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
 // A new store's files are created in order, each flushed, before anything is
 // committed: where that was interrupted, the last ones are missing and the rest
 // is unused. A load that moves all files aside leaves them under other names.
-void RequireNoneMissing(const std::string& directory, const Slots& slots, const BCOptions& options, bool hasLayout) {
+void RequireNoneMissing(const std::string& directory, const Slots& slots, const BCOptions& options,
+                        bool hasLayout) {
   const auto isUsed = [](const SlotFile& f) { return f.isUsed; };
   const auto exists = [](const SlotFile& f) { return f.exists; };
   const bool mustExist = options.mustExist != 0 || options.readOnly != 0;
@@ -131,8 +137,8 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, const 
     return !isBefore && f.exists;
   };
   if (mustExist || slots.First(isUsed) != nullptr || slots.First(existsBehind) != nullptr)
-    Refuse(FailureCode::Refused,
-           missing->path + " is missing from the store in " + directory + "; is the disk that holds it mounted?");
+    Refuse(FailureCode::Refused, missing->path + " is missing from the store in " + directory +
+                                     "; is the disk that holds it mounted?");
 }
 
 void RequireNewestPack(const Slots& slots) {
@@ -140,8 +146,9 @@ void RequireNewestPack(const Slots& slots) {
   const SlotFile& pack = *std::max_element(slots.packs.begin(), slots.packs.end(), older);
   const SlotFile& journal = *std::max_element(slots.journals.begin(), slots.journals.end(), older);
   if (journal.sequence > pack.sequence)
-    Refuse(FailureCode::Damaged, journal.path + " has generation " + std::to_string(journal.sequence) +
-                                     ", but the newest pack, " + pack.path + ", has " + std::to_string(pack.sequence));
+    Refuse(FailureCode::Damaged, journal.path + " has generation " +
+                                     std::to_string(journal.sequence) + ", but the newest pack, " +
+                                     pack.path + ", has " + std::to_string(pack.sequence));
 }
 
 std::optional<std::vector<std::string>> ReadLayout(const std::string& directory) {
@@ -149,7 +156,8 @@ std::optional<std::vector<std::string>> ReadLayout(const std::string& directory)
   if (!Exists(path)) return std::nullopt;
   FileReader reader;
   reader.open(path);
-  if (reader.size() > kMaxLayoutSize) Refuse(FailureCode::Damaged, path + " is too large for a layout file");
+  if (reader.size() > kMaxLayoutSize)
+    Refuse(FailureCode::Damaged, path + " is too large for a layout file");
   std::string text(reader.size(), '\0');
   if (!text.empty()) reader.read(text.data(), static_cast<unsigned>(text.size()));
   try {
@@ -170,8 +178,8 @@ void RequireAgreement(const std::string& directory, const std::vector<std::strin
                       const BCOptions& options) {
   const std::string conf = directory + "/" + layout::kFileName;
   if (options.slotCount != 0 && options.slotCount != packDirs.size())
-    Refuse(FailureCode::Argument,
-           conf + " names " + std::to_string(packDirs.size()) + " slots, not " + std::to_string(options.slotCount));
+    Refuse(FailureCode::Argument, conf + " names " + std::to_string(packDirs.size()) +
+                                      " slots, not " + std::to_string(options.slotCount));
   if (options.packDirs == nullptr) return;
   for (std::size_t slot = 0; slot < packDirs.size(); ++slot) {
     const std::string given = options.packDirs[slot];
@@ -192,13 +200,15 @@ std::vector<std::string> SlotsToOpen(const std::string& directory, const BCOptio
   std::vector<std::string> packDirs;
   const std::optional<std::vector<std::string>> recorded = ReadLayout(directory);
   if (recorded) {
-    for (const std::string& dir : *recorded) packDirs.push_back(dir == layout::kOwnDirectory ? directory : dir);
+    for (const std::string& dir : *recorded)
+      packDirs.push_back(dir == layout::kOwnDirectory ? directory : dir);
     RequireAgreement(directory, packDirs, options);
   } else {
     const std::uint32_t slotCount = options.slotCount != 0 ? options.slotCount : kDefaultSlots;
     if (slotCount > layout::kMaxSlots)
-      Refuse(FailureCode::Argument,
-             "slotCount = " + std::to_string(slotCount) + ", a store has at most " + std::to_string(layout::kMaxSlots));
+      Refuse(FailureCode::Argument, "slotCount = " + std::to_string(slotCount) +
+                                        ", a store has at most " +
+                                        std::to_string(layout::kMaxSlots));
     for (std::uint32_t slot = 0; slot < slotCount; ++slot)
       packDirs.emplace_back(options.packDirs != nullptr ? options.packDirs[slot] : directory);
   }

@@ -29,8 +29,8 @@ Sample Now() {
   rusage usage;
   ::getrusage(RUSAGE_SELF, &usage);
   const auto wall = std::chrono::steady_clock::now().time_since_epoch();
-  return {Seconds(usage.ru_utime) + Seconds(usage.ru_stime), std::chrono::duration<double>(wall).count(),
-          WrittenBytes()};
+  return {Seconds(usage.ru_utime) + Seconds(usage.ru_stime),
+          std::chrono::duration<double>(wall).count(), WrittenBytes()};
 }
 
 // Returns when helper threads of a store have nothing more to do, so that their
@@ -67,7 +67,8 @@ void RunStep(const Step& step, const Running& running, Samples& samples) {
       {after.cpu - before.cpu, after.wall - before.wall, Now().written - before.written});
 }
 
-std::vector<Running> OpenAll(const std::vector<Contender>& contenders, const std::filesystem::path& directory) {
+std::vector<Running> OpenAll(const std::vector<Contender>& contenders,
+                             const std::filesystem::path& directory) {
   std::vector<Running> all;
   for (const Contender& contender : contenders) {
     const std::filesystem::path home = directory / contender.name;
@@ -82,15 +83,16 @@ std::vector<Running> OpenAll(const std::vector<Contender>& contenders, const std
 
 }  // namespace
 
-void Run(const Scenario& scenario, const std::vector<Contender>& contenders, const std::filesystem::path& directory,
-         Samples& samples) {
+void Run(const Scenario& scenario, const std::vector<Contender>& contenders,
+         const std::filesystem::path& directory, Samples& samples) {
   for (int round = 0; round < scenario.rounds; ++round) {
     const std::filesystem::path home = directory / scenario.id;
     std::vector<Running> all = OpenAll(contenders, home);
     std::size_t turn = static_cast<std::size_t>(round);
     for (const Step& step : scenario.steps) {
       fmt::print(stderr, "{}, round {} of {}\n", step.id, round + 1, scenario.rounds);
-      for (std::size_t i = 0; i < all.size(); ++i) RunStep(step, all[(i + turn) % all.size()], samples);
+      for (std::size_t i = 0; i < all.size(); ++i)
+        RunStep(step, all[(i + turn) % all.size()], samples);
       ++turn;
     }
     all.clear();

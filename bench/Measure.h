@@ -28,9 +28,10 @@ struct Step {
   std::string id;     // such as "small.put"
   std::string title;  // for a reader
   std::function<void(Store& store)> run;
-  std::function<void(Store& store)> prepare = {};                          // before the clock starts; may be empty
-  std::function<void(const std::filesystem::path& directory)> limit = {};  // empty: no lower bound is measured
-  std::size_t putBytes = 0;                                                // bytes of blobs that it puts
+  std::function<void(Store& store)> prepare = {};  // before the clock starts; may be empty
+  std::function<void(const std::filesystem::path& directory)> limit =
+      {};                    // empty: no lower bound is measured
+  std::size_t putBytes = 0;  // bytes of blobs that it puts
 };
 
 struct Scenario {
@@ -49,7 +50,7 @@ const std::vector<std::pair<std::string, ScenarioMaker>>& AllScenarios();
 
 // Runs a scenario with the given contenders and adds to samples. Stores are
 // made below directory and removed. Reports progress on standard error.
-void Run(const Scenario& scenario, const std::vector<Contender>& contenders, const std::filesystem::path& directory,
-         Samples& samples);
+void Run(const Scenario& scenario, const std::vector<Contender>& contenders,
+         const std::filesystem::path& directory, Samples& samples);
 
 }  // namespace bench

@@ -13,12 +13,15 @@ namespace {
 
 using Quantity = double Sample::*;
 
-constexpr const char* kFlush = "A commit is a flush. A log is shorter than our records and has no header to rewrite.";
+constexpr const char* kFlush =
+    "A commit is a flush. A log is shorter than our records and has no header to rewrite.";
 constexpr const char* kOneStream = "A pack is one transaction, and so one stream of MD5.";
 constexpr const char* kMd5 = "MD5 is nearly all of it, for every store.";
-constexpr const char* kRecord = "A record takes 36 bytes besides its data, and each blob a node of the index.";
+constexpr const char* kRecord =
+    "A record takes 36 bytes besides its data, and each blob a node of the index.";
 constexpr const char* kMapping =
-    "LMDB reads from a mapping. Ours is one pread: a read error in a mapping is a signal that ends the process.";
+    "LMDB reads from a mapping. Ours is one pread: a read error in a mapping is a signal that ends "
+    "the process.";
 
 // Why a peer may be faster. Printed for the rows in which one is.
 const std::map<std::string, std::string> kReasons = {
@@ -27,7 +30,8 @@ const std::map<std::string, std::string> kReasons = {
     {"small.fetch", kMapping},
     {"many.fetch", kMapping},
     {"small.fetch-unverified", "We compare every blob with its key; MD5 is most of a fetch."},
-    {"small.enumerate", "SQLite walks the pages of an index of keys; we follow a node for each blob."},
+    {"small.enumerate",
+     "SQLite walks the pages of an index of keys; we follow a node for each blob."},
     {"small.compact", kOneStream},
     {"small.reopen", kOneStream},
     {"large.put", kMd5},
@@ -37,7 +41,8 @@ const std::map<std::string, std::string> kReasons = {
 };
 
 // The median of a contender in a step (of an even number, the higher one in the middle).
-std::optional<double> Median(const Results& results, const Step& step, const std::string& name, Quantity quantity) {
+std::optional<double> Median(const Results& results, const Step& step, const std::string& name,
+                             Quantity quantity) {
   const auto found = results.samples.at(step.id).find(name);
   if (found == results.samples.at(step.id).end()) return std::nullopt;
   std::vector<double> values;
@@ -70,7 +75,8 @@ void WriteTable(const char* title, const Results& results, Quantity quantity, st
   for (const Contender& contender : results.contenders) names.push_back(contender.name);
   const bool perByte = quantity == &Sample::written;
   if (!perByte) names.emplace_back(kLimit);
-  fmt::print(out, "\n## {}\n\n| workload | {} | ours / best peer |\n|---|", title, fmt::join(names, " | "));
+  fmt::print(out, "\n## {}\n\n| workload | {} | ours / best peer |\n|---|", title,
+             fmt::join(names, " | "));
   for (std::size_t i = 0; i <= names.size(); ++i) out << "---:|";
   out << '\n';
   for (const Step& step : results.steps) {
@@ -83,7 +89,8 @@ void WriteTable(const char* title, const Results& results, Quantity quantity, st
     }
     const auto ours = Median(results, step, results.contenders[0].name, quantity);
     const auto best = BestPeer(results, step, quantity);
-    fmt::print(out, " {} |\n", ours && best && best->value > 0 ? fmt::format("{:.2f}", *ours / best->value) : "");
+    fmt::print(out, " {} |\n",
+               ours && best && best->value > 0 ? fmt::format("{:.2f}", *ours / best->value) : "");
   }
 }
 
@@ -91,12 +98,13 @@ void WriteWherePeersLead(const Results& results, std::ostream& out) {
   out << "\n## Where a peer leads\n\n";
   for (const Step& step : results.steps) {
     std::string leads;
-    for (const auto& [what, quantity] : {std::pair{"CPU", &Sample::cpu}, std::pair{"wall", &Sample::wall}}) {
+    for (const auto& [what, quantity] :
+         {std::pair{"CPU", &Sample::cpu}, std::pair{"wall", &Sample::wall}}) {
       const auto ours = Median(results, step, results.contenders[0].name, quantity);
       const auto best = BestPeer(results, step, quantity);
       if (ours && best && *ours > best->value)
-        leads += fmt::format("{}{} takes {:.2f} of our {} time", leads.empty() ? "" : ", ", best->name,
-                             best->value / *ours, what);
+        leads += fmt::format("{}{} takes {:.2f} of our {} time", leads.empty() ? "" : ", ",
+                             best->name, best->value / *ours, what);
     }
     if (leads.empty()) continue;
     const auto reason = kReasons.find(step.id);
@@ -107,10 +115,13 @@ void WriteWherePeersLead(const Results& results, std::ostream& out) {
 
 void WritePeers(const Results& results, std::ostream& out) {
   out << "\n## Who is compared\n\n";
-  for (const Contender& contender : results.contenders) fmt::print(out, "- {} {}\n", contender.name, contender.note);
+  for (const Contender& contender : results.contenders)
+    fmt::print(out, "- {} {}\n", contender.name, contender.note);
   fmt::print(out,
-             "- limit: what the format asks of any implementation. For a put, one MD5 pass by {}, the data\n"
-             "  appended, the header rewritten and one flush a commit; for the rest, one MD5 pass, or a copy.\n",
+             "- limit: what the format asks of any implementation. For a put, one MD5 pass by {}, "
+             "the data\n"
+             "  appended, the header rewritten and one flush a commit; for the rest, one MD5 pass, "
+             "or a copy.\n",
              OpenSSL_version(OPENSSL_VERSION));
 }
 

@@ -47,7 +47,9 @@ class Store {
 
   // Compares every blob with its key.
   virtual void CheckDigests() {
-    ForEach(true, [](const Key& key, Blob data) { Require(DigestOf(data) == key, "check", "comparing a digest"); });
+    ForEach(true, [](const Key& key, Blob data) {
+      Require(DigestOf(data) == key, "check", "comparing a digest");
+    });
   }
 };
 

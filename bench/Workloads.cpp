@@ -45,12 +45,14 @@ void DigestAll(std::span<const Blob> blobs) {
 void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool reused,
                   const std::filesystem::path& directory) {
   constexpr std::size_t kHeaderSize = 24, kLargestWrite = 1024 * kKiB;
-  const int fd = ::open((directory / "file").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (reused ? 0 : O_TRUNC), 0644);
+  const int fd = ::open((directory / "file").c_str(),
+                        O_WRONLY | O_CREAT | O_CLOEXEC | (reused ? 0 : O_TRUNC), 0644);
   Require(fd >= 0, kLimit, "open");
   std::vector<unsigned char> gathered;
   std::size_t end = kHeaderSize;
   const auto write = [&](std::span<const unsigned char> bytes, std::size_t at) {
-    Require(::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at)) == static_cast<ssize_t>(bytes.size()),
+    Require(::pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(at)) ==
+                static_cast<ssize_t>(bytes.size()),
             kLimit, "pwrite");
   };
   const auto append = [&] {
@@ -71,18 +73,24 @@ void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool 
   ::close(fd);
 }
 
-Step PutStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perTransaction, bool reused = false) {
+Step PutStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perTransaction,
+             bool reused = false) {
   return {.id = std::move(id),
           .title = std::move(title),
           .run =
               [=](Store& store) {
-                InTransactions(blobs->All(), perTransaction, [&](std::span<const Blob> some) { store.Put(some); });
+                InTransactions(blobs->All(), perTransaction,
+                               [&](std::span<const Blob> some) { store.Put(some); });
               },
-          .limit = [=](const auto& directory) { AppendBarely(blobs->All(), perTransaction, reused, directory); },
+          .limit =
+              [=](const auto& directory) {
+                AppendBarely(blobs->All(), perTransaction, reused, directory);
+              },
           .putBytes = blobs->TotalSize()};
 }
 
-Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count, bool verified) {
+Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count,
+               bool verified) {
   const auto keys = std::make_shared<const std::vector<Key>>(PickedKeys(*blobs, count, 11));
   return {.id = std::move(id),
           .title = std::move(title),
@@ -118,7 +126,8 @@ Step OpenStep(std::string id, std::string title, BlobsPtr blobs, std::size_t fir
               },
           .prepare =
               [=](Store& store) {
-                Require(CountOf(store) == blobs->Count() - first, "open", "finding every key before it");
+                Require(CountOf(store) == blobs->Count() - first, "open",
+                        "finding every key before it");
                 store.Close();
               },
           .limit = [=](const auto&) { DigestAll(blobs->All().subspan(first)); }};
@@ -141,62 +150,77 @@ Scenario SmallBlobs(std::size_t divisor) {
   constexpr std::size_t kPerTransaction = 1000;
   const auto blobs = std::make_shared<Blobs>(Scaled(100000, divisor), kKiB, 1);
   const std::size_t count = blobs->Count(), half = count / 2, reads = Scaled(200000, divisor);
-  const Step compact = {
-      .id = "small.compact",
-      .title = "delete half of them, compact",
-      .run =
-          [=](Store& store) {
-            DeleteAll(store, blobs->Keys().first(half), kPerTransaction);
-            store.Compact();
-          },
-      .limit = [=](const auto& directory) { AppendBarely(blobs->All().subspan(half), count, false, directory); }};
-  return {"small",
-          3,
-          {PutStep("small.put", fmt::format("{} x 1 KiB, 1,000 a commit", count), blobs, kPerTransaction),
-           OpenStep("small.open", "open, every blob verified, 1 KiB", blobs),
-           FetchStep("small.fetch", fmt::format("{} random verified fetches, 1 KiB", reads), blobs, reads, true),
-           FetchStep("small.fetch-unverified", "the same; peers verify nothing", blobs, reads, false),
-           SizesStep("small.sizes", fmt::format("{} sizes, half of them absent", reads), blobs, reads),
-           {.id = "small.enumerate",
-            .title = fmt::format("enumerate {} keys", count),
-            .run = [=](Store& store) { Require(CountOf(store) == count, "enumerate", "finding every key"); }},
-           compact,
-           OpenStep("small.reopen", "open after the compaction, every blob verified", blobs, half)}};
+  const Step compact = {.id = "small.compact",
+                        .title = "delete half of them, compact",
+                        .run =
+                            [=](Store& store) {
+                              DeleteAll(store, blobs->Keys().first(half), kPerTransaction);
+                              store.Compact();
+                            },
+                        .limit =
+                            [=](const auto& directory) {
+                              AppendBarely(blobs->All().subspan(half), count, false, directory);
+                            }};
+  return {
+      "small",
+      3,
+      {PutStep("small.put", fmt::format("{} x 1 KiB, 1,000 a commit", count), blobs,
+               kPerTransaction),
+       OpenStep("small.open", "open, every blob verified, 1 KiB", blobs),
+       FetchStep("small.fetch", fmt::format("{} random verified fetches, 1 KiB", reads), blobs,
+                 reads, true),
+       FetchStep("small.fetch-unverified", "the same; peers verify nothing", blobs, reads, false),
+       SizesStep("small.sizes", fmt::format("{} sizes, half of them absent", reads), blobs, reads),
+       {.id = "small.enumerate",
+        .title = fmt::format("enumerate {} keys", count),
+        .run =
+            [=](Store& store) {
+              Require(CountOf(store) == count, "enumerate", "finding every key");
+            }},
+       compact,
+       OpenStep("small.reopen", "open after the compaction, every blob verified", blobs, half)}};
 }
 
 Scenario MediumBlobs(std::size_t divisor) {
   const auto blobs = std::make_shared<Blobs>(Scaled(1500, divisor), 64 * kKiB, 3);
-  return {"medium",
-          5,
-          {PutStep("medium.put", fmt::format("{} x 64 KiB, 100 a commit", blobs->Count()), blobs, 100),
-           OpenStep("medium.open", "open, every blob verified, 64 KiB", blobs),
-           {.id = "medium.check",
-            .title = "check every blob, 64 KiB",
-            .run = [](Store& store) { store.CheckDigests(); },
-            .limit = [=](const auto&) { DigestAll(blobs->All()); }}}};
+  return {
+      "medium",
+      5,
+      {PutStep("medium.put", fmt::format("{} x 64 KiB, 100 a commit", blobs->Count()), blobs, 100),
+       OpenStep("medium.open", "open, every blob verified, 64 KiB", blobs),
+       {.id = "medium.check",
+        .title = "check every blob, 64 KiB",
+        .run = [](Store& store) { store.CheckDigests(); },
+        .limit = [=](const auto&) { DigestAll(blobs->All()); }}}};
 }
 
 Scenario LargeBlobs(std::size_t divisor) {
   const auto blobs = std::make_shared<Blobs>(Scaled(1500, divisor), 256 * kKiB, 2);
   const std::size_t reads = Scaled(3000, divisor);
-  return {"large",
-          3,
-          {PutStep("large.put", fmt::format("{} x 256 KiB, 50 a commit", blobs->Count()), blobs, 50),
-           FetchStep("large.fetch", fmt::format("{} random verified fetches, 256 KiB", reads), blobs, reads, true)}};
+  return {
+      "large",
+      3,
+      {PutStep("large.put", fmt::format("{} x 256 KiB, 50 a commit", blobs->Count()), blobs, 50),
+       FetchStep("large.fetch", fmt::format("{} random verified fetches, 256 KiB", reads), blobs,
+                 reads, true)}};
 }
 
 Scenario TinyBlobs(std::size_t divisor) {
   const auto blobs = std::make_shared<Blobs>(Scaled(100000, divisor), 64, 4);
-  return {
-      "tiny", 5, {PutStep("tiny.put", fmt::format("{} x 64 B in one commit", blobs->Count()), blobs, blobs->Count())}};
+  return {"tiny",
+          5,
+          {PutStep("tiny.put", fmt::format("{} x 64 B in one commit", blobs->Count()), blobs,
+                   blobs->Count())}};
 }
 
 // The second time, the files of the store have all their blocks already.
 Scenario SingleCommits(std::size_t divisor) {
   const auto blobs = std::make_shared<Blobs>(Scaled(2000, divisor), 4 * kKiB, 5);
   Step growing =
-      PutStep("commits.growing", fmt::format("{} commits of 4 KiB, growing files", blobs->Count()), blobs, 1);
-  Step reused = PutStep("commits.reused", "the same, files reused after two compactions", blobs, 1, true);
+      PutStep("commits.growing", fmt::format("{} commits of 4 KiB, growing files", blobs->Count()),
+              blobs, 1);
+  Step reused =
+      PutStep("commits.reused", "the same, files reused after two compactions", blobs, 1, true);
   reused.prepare = [=](Store& store) {
     DeleteAll(store, blobs->Keys(), blobs->Count());
     store.Compact();
@@ -210,10 +234,13 @@ Scenario ManyBlobs(std::size_t divisor) {
   const std::size_t reads = Scaled(200000, divisor);
   return {"many",
           1,
-          {PutStep("many.put", fmt::format("{} x 128 B, 10,000 a commit", blobs->Count()), blobs, 10000),
+          {PutStep("many.put", fmt::format("{} x 128 B, 10,000 a commit", blobs->Count()), blobs,
+                   10000),
            OpenStep("many.open", "open, every blob verified, 128 B", blobs),
-           FetchStep("many.fetch", fmt::format("{} random verified fetches, 128 B", reads), blobs, reads, true),
-           SizesStep("many.sizes", fmt::format("{} sizes among them, half absent", reads), blobs, reads)}};
+           FetchStep("many.fetch", fmt::format("{} random verified fetches, 128 B", reads), blobs,
+                     reads, true),
+           SizesStep("many.sizes", fmt::format("{} sizes among them, half absent", reads), blobs,
+                     reads)}};
 }
 
 }  // namespace

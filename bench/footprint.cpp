@@ -16,7 +16,8 @@ namespace {
 
 constexpr int kBlobCount = 100'000;
 constexpr std::int64_t kMostPerBlob = sizeof(void*) == 4 ? 120 : 160;
-constexpr std::int64_t kKeptForCommits = 160 * 1024;  // a journal's record buffer and a list of changes
+constexpr std::int64_t kKeptForCommits =
+    160 * 1024;  // a journal's record buffer and a list of changes
 
 struct Figures {
   std::int64_t store, heap;
@@ -32,7 +33,8 @@ Figures Print(const char* step) {
   const struct mallinfo2 heap = mallinfo2();
   const Figures now = {static_cast<std::int64_t>(use.liveBytes),
                        static_cast<std::int64_t>(heap.uordblks + heap.hblkhd)};
-  std::printf("%-36s %10lld %10lld\n", step, static_cast<long long>(now.store), static_cast<long long>(now.heap));
+  std::printf("%-36s %10lld %10lld\n", step, static_cast<long long>(now.store),
+              static_cast<long long>(now.heap));
   return now;
 }
 
@@ -66,7 +68,8 @@ void Run(const char* directory) {
   Require(BCRepack(index) == 1, "repack");
   const Figures repacked = Print("repacked");
   for (const Figures& after : {checked, repacked})
-    Require(after.store <= large.store && after.heap <= large.heap, "a check or a repack keeps memory");
+    Require(after.store <= large.store && after.heap <= large.heap,
+            "a check or a repack keeps memory");
   BCDispose(index);
 
   index = BCOpen(directory, nullptr);

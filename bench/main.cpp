@@ -19,14 +19,17 @@ int main(int argc, char** argv) {
   std::vector<std::string> scenarios, stores;
   std::size_t divisor = 1;
   int rounds = 0;
-  CLI::App app("Measures Blobring beside other stores below $TMPDIR; the report goes to standard output");
-  app.add_option("--scenarios", scenarios, "Only these: tiny small medium large commits many")->delimiter(',');
+  CLI::App app(
+      "Measures Blobring beside other stores below $TMPDIR; the report goes to standard output");
+  app.add_option("--scenarios", scenarios, "Only these: tiny small medium large commits many")
+      ->delimiter(',');
   app.add_option("--stores", stores, "Only these, by the names of the report")->delimiter(',');
   app.add_option("--divisor", divisor, "Divides every number of blobs")->check(CLI::Range(1, 1000));
   app.add_option("--rounds", rounds, "Instead of each scenario's own")->check(CLI::Range(1, 1000));
   CLI11_PARSE(app, argc, argv);
 
-  std::string directory = (std::filesystem::temp_directory_path() / "blobring-bench-XXXXXX").string();
+  std::string directory =
+      (std::filesystem::temp_directory_path() / "blobring-bench-XXXXXX").string();
   if (::mkdtemp(directory.data()) == nullptr) return std::perror(directory.c_str()), 1;
   int status = 0;
   try {
@@ -40,7 +43,8 @@ int main(int argc, char** argv) {
       if (rounds > 0) scenario.rounds = rounds;
       bench::Run(scenario, results.contenders, directory, results.samples);
       for (const bench::Step& step : scenario.steps)
-        results.steps.push_back({.id = step.id, .title = step.title, .run = {}, .putBytes = step.putBytes});
+        results.steps.push_back(
+            {.id = step.id, .title = step.title, .run = {}, .putBytes = step.putBytes});
     }
     bench::WriteMarkdown(results, std::cout);
   } catch (const std::exception& e) {

@@ -24,7 +24,8 @@ static void to_file(FILE* file, int level, const char* source, const char* text)
   char when[sizeof "2024-02-29T12:34:56Z"];
   const time_t now = time(NULL);
   struct tm utc;
-  if (gmtime_r(&now, &utc) == NULL || strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0) when[0] = '\0';
+  if (gmtime_r(&now, &utc) == NULL || strftime(when, sizeof when, "%Y-%m-%dT%H:%M:%SZ", &utc) == 0)
+    when[0] = '\0';
   fprintf(file, "%s %s %s: ", when, level == BLOBRING_HOST_ERROR ? "error" : "warning", source);
   for (; *text != '\0'; ++text) fputc(*text == '\n' || *text == '\r' ? ' ' : *text, file);
   fputc('\n', file);

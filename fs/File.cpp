@@ -60,7 +60,8 @@ unsigned File::seek(unsigned pos) {
     const DWORD code = GetLastError();
     if (code != ERROR_SUCCESS) Fail(code, "File::Seek SetFilePointer failed, GetLastError=", code);
   }
-  if (reached != pos) Fail(ERROR_SUCCESS, "File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached);
+  if (reached != pos)
+    Fail(ERROR_SUCCESS, "File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached);
   return pos;
 }
 
@@ -93,7 +94,8 @@ unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {
-  return {FailureOf(code), Text("File::Read didn't read the entire buffer ", n, " read ", got, " GetLastError ", code)};
+  return {FailureOf(code), Text("File::Read didn't read the entire buffer ", n, " read ", got,
+                                " GetLastError ", code)};
 }
 
 unsigned File::write(char* buf, unsigned n) {
@@ -103,7 +105,8 @@ unsigned File::write(char* buf, unsigned n) {
   const DWORD code = GetLastError();
   if (put != n) {
     RTTrace_3(0x0F000131, n, put, code);
-    Fail(code, "File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ", code);
+    Fail(code, "File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ",
+         code);
   }
   if (ok == 0) {
     RTTrace_1(0x0F000132, code);
@@ -122,14 +125,14 @@ void File::truncate(unsigned length) {
 bool File::isAt(const std::string& otherPath) const {
   BY_HANDLE_FILE_INFORMATION mine{};
   if (GetFileInformationByHandle(handle, &mine) == 0) return false;
-  const HANDLE other = ::CreateFileW(FileSystem::ConvertString(otherPath).c_str(), 0, 0, nullptr, OPEN_EXISTING,
-                                     FILE_ATTRIBUTE_NORMAL, 0);
+  const HANDLE other = ::CreateFileW(FileSystem::ConvertString(otherPath).c_str(), 0, 0, nullptr,
+                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0);
   if (other == INVALID_HANDLE_VALUE) return false;
   BY_HANDLE_FILE_INFORMATION its{};
   const bool known = GetFileInformationByHandle(other, &its) != 0;
   CloseHandle(other);
-  return known && its.dwVolumeSerialNumber == mine.dwVolumeSerialNumber && its.nFileIndexHigh == mine.nFileIndexHigh &&
-         its.nFileIndexLow == mine.nFileIndexLow;
+  return known && its.dwVolumeSerialNumber == mine.dwVolumeSerialNumber &&
+         its.nFileIndexHigh == mine.nFileIndexHigh && its.nFileIndexLow == mine.nFileIndexLow;
 }
 
 bool File::flush() {

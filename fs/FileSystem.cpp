@@ -28,35 +28,37 @@ std::string FileSystem::ConvertString(const std::u16string& s) {
 std::string FileSystem::AbsolutePath(const std::string& path) {
   const std::u16string wide = ConvertString(path);
   std::u16string full(wide.size() + MAX_PATH, u'\0');
-  DWORD length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
+  DWORD length =
+      GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
   if (length >= full.size()) {
     full.resize(length);
     length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
   }
   if (length == 0 || length >= full.size()) {
     const DWORD code = GetLastError();
-    throw Failure(FailureOf(code),
-                  "FileSystem::AbsolutePath error " + path + " GetLastError code= " + std::to_string(code));
+    throw Failure(FailureOf(code), "FileSystem::AbsolutePath error " + path +
+                                       " GetLastError code= " + std::to_string(code));
   }
   full.resize(length);
   return ConvertString(full);
 }
 
-HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess, unsigned creationDisposition,
-                               unsigned flagsAndAttributes) {
+HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess,
+                               unsigned creationDisposition, unsigned flagsAndAttributes) {
   const std::u16string wide = ConvertString(path);
   DWORD code = ERROR_SUCCESS;
   for (unsigned retry = 0; retry < kSharingAttempts; ++retry) {
-    const HANDLE handle =
-        ::CreateFileW(wide.c_str(), desiredAccess, 0, nullptr, creationDisposition, flagsAndAttributes, 0);
+    const HANDLE handle = ::CreateFileW(wide.c_str(), desiredAccess, 0, nullptr,
+                                        creationDisposition, flagsAndAttributes, 0);
     if (handle != INVALID_HANDLE_VALUE) return handle;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.NoteErrorV("FileSystem::CreateFile sharing violation file %s retry %d", path.c_str(),
-                                 static_cast<int>(retry));
+    trace::fileSystem.NoteErrorV("FileSystem::CreateFile sharing violation file %s retry %d",
+                                 path.c_str(), static_cast<int>(retry));
     Sleep(kSharingDelayMs);
   }
-  const std::string text = "FileSystem::CreateFile error " + path + " GetLastError code= " + std::to_string(code);
+  const std::string text =
+      "FileSystem::CreateFile error " + path + " GetLastError code= " + std::to_string(code);
   trace::fileSystem.WriteErrorV("%s", text.c_str());
   throw Failure(FailureOf(code), text);
 }
@@ -71,11 +73,13 @@ bool MoveWithRetry(const std::u16string& from, const std::u16string& to, Rename 
     if (rename(from.c_str(), to.c_str()) == 1) return true;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.NoteWarnV("FileSystem::MoveFile sharing violation file retrying %d", static_cast<int>(retry));
+    trace::fileSystem.NoteWarnV("FileSystem::MoveFile sharing violation file retrying %d",
+                                static_cast<int>(retry));
     Sleep(kSharingDelayMs);
   }
-  const std::string text = "FileSystem::MoveFile error " + FileSystem::ConvertString(from) + " -> " +
-                           FileSystem::ConvertString(to) + " GetLastError code= " + std::to_string(code);
+  const std::string text = "FileSystem::MoveFile error " + FileSystem::ConvertString(from) +
+                           " -> " + FileSystem::ConvertString(to) +
+                           " GetLastError code= " + std::to_string(code);
   trace::fileSystem.WriteErrorV("%s", text.c_str());
   throw Failure(FailureOf(code), text);
 }
@@ -91,16 +95,18 @@ bool FileSystem::MoveFileW(std::string from, std::string to) {
 }
 
 bool FileSystem::ReplaceFileW(const std::string& from, const std::string& to) {
-  return MoveWithRetry(ConvertString(from), ConvertString(to), [](const WCHAR* source, const WCHAR* target) {
-    return MoveFileExW(source, target, MOVEFILE_REPLACE_EXISTING);
-  });
+  return MoveWithRetry(ConvertString(from), ConvertString(to),
+                       [](const WCHAR* source, const WCHAR* target) {
+                         return MoveFileExW(source, target, MOVEFILE_REPLACE_EXISTING);
+                       });
 }
 
 bool FileSystem::Remove(std::u16string path) {
   if (DeleteFileW(path.c_str()) != 0) return true;
   const DWORD code = GetLastError();
-  trace::fileSystem.WriteWarnV("FileSystem::Remove Error deleting file = %s GetLastError code = %d ",
-                               ConvertString(path).c_str(), static_cast<int>(code));
+  trace::fileSystem.WriteWarnV(
+      "FileSystem::Remove Error deleting file = %s GetLastError code = %d ",
+      ConvertString(path).c_str(), static_cast<int>(code));
   return false;
 }
 
@@ -120,7 +126,8 @@ namespace {
 
 // 0, or the platform's code.
 unsigned DeleteEntry(const std::u16string& path) {
-  if (SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 || DeleteFileW(path.c_str()) == 0)
+  if (SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 ||
+      DeleteFileW(path.c_str()) == 0)
     return GetLastError();
   return ERROR_SUCCESS;
 }
@@ -151,7 +158,8 @@ unsigned FileSystem::DeleteDirectory(const std::u16string& dir, bool recursive) 
   search.Close();
   if (code != ERROR_NO_MORE_FILES) return code;
   if (sawSubdirectory) return ERROR_SUCCESS;
-  if (SetFileAttributesW(dir.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 || RemoveDirectoryW(dir.c_str()) == 0)
+  if (SetFileAttributesW(dir.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 ||
+      RemoveDirectoryW(dir.c_str()) == 0)
     return GetLastError();
   return ERROR_SUCCESS;
 }
@@ -160,31 +168,36 @@ void FileSystem::DeleteDirectory(const std::string& dir, bool recursive) {
   DeleteDirectory(ConvertString(dir), recursive);
 }
 
-void FileSystem::ReadDirectory(const std::u16string& dir, WidePaths& out, const std::u16string& pattern) {
+void FileSystem::ReadDirectory(const std::u16string& dir, WidePaths& out,
+                               const std::u16string& pattern) {
   if (dir == u"." || dir == u"..") return;
   WIN32_FIND_DATAW entry{};
   ScopedFindHandle search(FindFirstFileW((dir + u"/*.*").c_str(), &entry));
   if (!search.IsValid()) {
     const DWORD code = GetLastError();
-    trace::fileSystem.WriteWarnV("FileSystem::ReadDirectory invalid_handle_value GetLastError code=%d",
-                                 static_cast<int>(code));
+    trace::fileSystem.WriteWarnV(
+        "FileSystem::ReadDirectory invalid_handle_value GetLastError code=%d",
+        static_cast<int>(code));
     return;
   }
   do {
     const std::u16string name = entry.cFileName;
     const bool isDirectory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    if (isDirectory && name != u"." && name != u"..") ReadDirectory(dir + u"/" + name, out, pattern);
+    if (isDirectory && name != u"." && name != u"..")
+      ReadDirectory(dir + u"/" + name, out, pattern);
     if (name.find(pattern) != std::u16string::npos) out.push_back(dir + u"/" + name);
   } while (FindNextFileW(search.Get(), &entry) != 0);
 
   const DWORD code = GetLastError();
   search.Close();
   if (code != ERROR_NO_MORE_FILES)
-    trace::fileSystem.WriteWarnV("FileSystem::ReadDirectory FindNextFile error. GetLastError code=%d.\n",
-                                 static_cast<int>(code));
+    trace::fileSystem.WriteWarnV(
+        "FileSystem::ReadDirectory FindNextFile error. GetLastError code=%d.\n",
+        static_cast<int>(code));
 }
 
-void FileSystem::ReadDirectory(const std::string& dir, NarrowPaths& out, const std::string& pattern) {
+void FileSystem::ReadDirectory(const std::string& dir, NarrowPaths& out,
+                               const std::string& pattern) {
   WidePaths found;
   ReadDirectory(ConvertString(dir), found, ConvertString(pattern));
   for (const std::u16string& path : found) out.push_back(ConvertString(path));

@@ -19,9 +19,11 @@ class Hash;
 class BLOBRING_EXPORT FileSystem {
  public:
   using WidePaths =
-      std::vector<std::u16string, BlobAllocator<std::u16string, TesselMemoryManager::kStorePool, kTagPathList>>;
+      std::vector<std::u16string,
+                  BlobAllocator<std::u16string, TesselMemoryManager::kStorePool, kTagPathList>>;
   using NarrowPaths =
-      std::vector<std::string, BlobAllocator<std::string, TesselMemoryManager::kStorePool, kTagPathList>>;
+      std::vector<std::string,
+                  BlobAllocator<std::string, TesselMemoryManager::kStorePool, kTagPathList>>;
 
   static std::u16string ConvertString(const std::string& s);
   static std::string ConvertString(const std::u16string& s);
@@ -61,7 +63,8 @@ class BLOBRING_EXPORT FileSystem {
   // Appends the path of every entry below dir whose name contains pattern,
   // what a subdirectory holds before the subdirectory. Failures leave a
   // warning and what was found.
-  static void ReadDirectory(const std::u16string& dir, WidePaths& out, const std::u16string& pattern);
+  static void ReadDirectory(const std::u16string& dir, WidePaths& out,
+                            const std::u16string& pattern);
   static void ReadDirectory(const std::string& dir, NarrowPaths& out, const std::string& pattern);
 
   // MD5 of the bytes from the file's position to its end, which is where the

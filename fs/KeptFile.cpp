@@ -14,8 +14,8 @@ namespace {
 constexpr unsigned kPieceSize = 64 * 1024;
 
 bool Exists(const std::string& path) {
-  const HANDLE handle =
-      ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0);
+  const HANDLE handle = ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr,
+                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0);
   if (handle == INVALID_HANDLE_VALUE) return GetLastError() != ERROR_FILE_NOT_FOUND;
   CloseHandle(handle);
   return true;

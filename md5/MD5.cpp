@@ -86,7 +86,8 @@ void MD5::update(std::istream& stream) {
   char chunk[kChunkSize];
   while (stream.good()) {
     stream.read(chunk, sizeof(chunk));
-    update(reinterpret_cast<const std::uint8_t*>(chunk), static_cast<std::uint32_t>(stream.gcount()));
+    update(reinterpret_cast<const std::uint8_t*>(chunk),
+           static_cast<std::uint32_t>(stream.gcount()));
   }
 }
 
@@ -133,9 +134,11 @@ void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstL
   second.update(secondInput, secondAt);
 
   // If input is left after this, the buffer is empty.
-  const std::uint32_t blockCount = std::min(firstLength - firstAt, secondLength - secondAt) / kBlockSize;
+  const std::uint32_t blockCount =
+      std::min(firstLength - firstAt, secondLength - secondAt) / kBlockSize;
   if (blockCount != 0 && !first.finalized && !second.finalized) {
-    md5::CompressTwo(first.state, firstInput + firstAt, second.state, secondInput + secondAt, blockCount);
+    md5::CompressTwo(first.state, firstInput + firstAt, second.state, secondInput + secondAt,
+                     blockCount);
     first.AddToCount(blockCount * kBlockSize);
     second.AddToCount(blockCount * kBlockSize);
     firstAt += blockCount * kBlockSize;

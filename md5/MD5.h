@@ -53,8 +53,8 @@ class BLOBRING_EXPORT MD5 {
   void hex_digest(std::string& out);
 
  private:
-  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength, MD5& second,
-                         const std::uint8_t* secondInput, std::uint32_t secondLength);
+  friend void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength,
+                         MD5& second, const std::uint8_t* secondInput, std::uint32_t secondLength);
 
   void AddToCount(std::uint32_t length);
   std::uint32_t BufferedSize() const { return (count[0] >> 3) & 63; }
@@ -88,10 +88,11 @@ class MD5Source {
 };
 
 struct MD5Message {
-  const std::uint8_t* data;   // may be null if size is 0
-  std::size_t size;           // bytes at data
-  std::uint8_t* digest;       // receives 16 bytes
-  MD5Source* rest = nullptr;  // the bytes after data; null: none. REQUIRES: size is a multiple of 64
+  const std::uint8_t* data;  // may be null if size is 0
+  std::size_t size;          // bytes at data
+  std::uint8_t* digest;      // receives 16 bytes
+  MD5Source* rest =
+      nullptr;  // the bytes after data; null: none. REQUIRES: size is a multiple of 64
 };
 
 // Writes the digest of every message, several at a time: in vector lanes where

@@ -39,7 +39,9 @@ struct Avx2 {
   MD5_INLINE void Load(const std::uint32_t* words) {
     value = _mm256_load_si256(reinterpret_cast<const __m256i*>(words));
   }
-  MD5_INLINE void Store(std::uint32_t* words) const { _mm256_store_si256(reinterpret_cast<__m256i*>(words), value); }
+  MD5_INLINE void Store(std::uint32_t* words) const {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(words), value);
+  }
 
   // Words i to i + 3 of two lanes, four lanes apart.
   MD5_INLINE static __m256i LoadRows(const std::uint8_t* const* rows, std::size_t offset) {
@@ -47,20 +49,23 @@ struct Avx2 {
     const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i*>(rows[4] + offset));
     return _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
   }
-  MD5_INLINE static void TransposeFour(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
-                                       std::size_t stride) {
+  MD5_INLINE static void TransposeFour(const std::uint8_t* const* rows, std::size_t offset,
+                                       std::uint32_t* words, std::size_t stride) {
     const __m256i row0 = LoadRows(rows, offset), row1 = LoadRows(rows + 1, offset);
     const __m256i row2 = LoadRows(rows + 2, offset), row3 = LoadRows(rows + 3, offset);
-    const __m256i low01 = _mm256_unpacklo_epi32(row0, row1), high01 = _mm256_unpackhi_epi32(row0, row1);
-    const __m256i low23 = _mm256_unpacklo_epi32(row2, row3), high23 = _mm256_unpackhi_epi32(row2, row3);
+    const __m256i low01 = _mm256_unpacklo_epi32(row0, row1),
+                  high01 = _mm256_unpackhi_epi32(row0, row1);
+    const __m256i low23 = _mm256_unpacklo_epi32(row2, row3),
+                  high23 = _mm256_unpackhi_epi32(row2, row3);
     Avx2{_mm256_unpacklo_epi64(low01, low23)}.Store(words);
     Avx2{_mm256_unpackhi_epi64(low01, low23)}.Store(words + stride);
     Avx2{_mm256_unpacklo_epi64(high01, high23)}.Store(words + 2 * stride);
     Avx2{_mm256_unpackhi_epi64(high01, high23)}.Store(words + 3 * stride);
   }
-  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
-                                   std::size_t stride) {
-    for (std::size_t i = 0; i < 16; i += 4) TransposeFour(rows, offset + 4 * i, words + i * stride, stride);
+  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset,
+                                   std::uint32_t* words, std::size_t stride) {
+    for (std::size_t i = 0; i < 16; i += 4)
+      TransposeFour(rows, offset + 4 * i, words + i * stride, stride);
   }
 };
 

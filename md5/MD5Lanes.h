@@ -23,8 +23,8 @@ struct VectorPair : Pair<Vector> {
     this->first.Store(words);
     this->second.Store(words + Vector::kLanes);
   }
-  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
-                                   std::size_t stride) {
+  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset,
+                                   std::uint32_t* words, std::size_t stride) {
     Vector::Transpose(rows, offset, words, stride);
     Vector::Transpose(rows + Vector::kLanes, offset, words + Vector::kLanes, stride);
   }
@@ -61,7 +61,8 @@ MD5_INLINE void CompressLanes(LaneState& lanes, std::size_t blockCount) {
 
 // One vector if that is enough for the lanes in use, else two, interleaved.
 template <class Vector>
-MD5_INLINE void CompressLanesInUse(LaneState& lanes, std::size_t lanesInUse, std::size_t blockCount) {
+MD5_INLINE void CompressLanesInUse(LaneState& lanes, std::size_t lanesInUse,
+                                   std::size_t blockCount) {
   if (lanesInUse <= Vector::kLanes) {
     CompressLanes<Vector>(lanes, blockCount);
   } else {

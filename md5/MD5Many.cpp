@@ -20,9 +20,11 @@ class Scheduler {
 
   void Run() {
     while (inUse != 0) {
-      const std::size_t working = engine && inUse >= engine->fewestLanes ? inUse : std::min<std::size_t>(inUse, 2);
+      const std::size_t working =
+          engine && inUse >= engine->fewestLanes ? inUse : std::min<std::size_t>(inUse, 2);
       std::size_t blockCount = jobs[0].blocksLeft;
-      for (std::size_t lane = 1; lane < working; ++lane) blockCount = std::min(blockCount, jobs[lane].blocksLeft);
+      for (std::size_t lane = 1; lane < working; ++lane)
+        blockCount = std::min(blockCount, jobs[lane].blocksLeft);
       CompressFirst(working, blockCount);
       // From the last lane down, so that a lane that moves into a gap has either
       // advanced already or was not working.
@@ -62,7 +64,8 @@ class Scheduler {
     job.tailBlocks = 0;
     if (!isLast && tailSize == 0) return;
     const std::uint64_t bits = job.size << 3;
-    const std::uint32_t bitCount[2] = {static_cast<std::uint32_t>(bits), static_cast<std::uint32_t>(bits >> 32)};
+    const std::uint32_t bitCount[2] = {static_cast<std::uint32_t>(bits),
+                                       static_cast<std::uint32_t>(bits >> 32)};
     if (tailSize != 0) std::memcpy(job.tail, piece.data() + (piece.size() - tailSize), tailSize);
     job.tailBlocks = PadTail(job.tail, tailSize, bitCount);
     job.rest = nullptr;

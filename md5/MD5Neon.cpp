@@ -26,13 +26,16 @@ struct Neon {
   MD5_INLINE void Load(const std::uint32_t* words) { value = vld1q_u32(words); }
   MD5_INLINE void Store(std::uint32_t* words) const { vst1q_u32(words, value); }
 
-  MD5_INLINE static uint32x4_t LoadRow(const std::uint8_t* bytes) { return vreinterpretq_u32_u8(vld1q_u8(bytes)); }
-  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset, std::uint32_t* words,
-                                   std::size_t stride) {
+  MD5_INLINE static uint32x4_t LoadRow(const std::uint8_t* bytes) {
+    return vreinterpretq_u32_u8(vld1q_u8(bytes));
+  }
+  MD5_INLINE static void Transpose(const std::uint8_t* const* rows, std::size_t offset,
+                                   std::uint32_t* words, std::size_t stride) {
     for (std::size_t i = 0; i < 16; i += 4, offset += 16) {
       const uint32x4x2_t even = vzipq_u32(LoadRow(rows[0] + offset), LoadRow(rows[2] + offset));
       const uint32x4x2_t odd = vzipq_u32(LoadRow(rows[1] + offset), LoadRow(rows[3] + offset));
-      const uint32x4x2_t low = vzipq_u32(even.val[0], odd.val[0]), high = vzipq_u32(even.val[1], odd.val[1]);
+      const uint32x4x2_t low = vzipq_u32(even.val[0], odd.val[0]),
+                         high = vzipq_u32(even.val[1], odd.val[1]);
       Neon{low.val[0]}.Store(words + i * stride);
       Neon{low.val[1]}.Store(words + (i + 1) * stride);
       Neon{high.val[0]}.Store(words + (i + 2) * stride);

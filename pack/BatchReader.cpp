@@ -17,10 +17,12 @@ constexpr std::size_t kMaxGap = 2048;
 
 }  // namespace
 
-BatchReader::BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize, std::size_t blobCount) {
+BatchReader::BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize,
+                         std::size_t blobCount) {
   const std::uint64_t all = totalSize + std::uint64_t{format::kStoreHeadSize} * blobCount;
   const std::uint64_t one = std::uint64_t{format::kStoreHeadSize} + largestBlob;
-  ResizeOrSmaller(buffer, static_cast<std::size_t>(std::min(all, kBufferSize)), static_cast<std::size_t>(one));
+  ResizeOrSmaller(buffer, static_cast<std::size_t>(std::min(all, kBufferSize)),
+                  static_cast<std::size_t>(one));
 }
 
 void BatchReader::Clear() {
@@ -75,16 +77,19 @@ void BatchReader::ReadRun(Slot* const* first, Slot* const* end, unsigned char* b
     const std::uint32_t from = (*first)->offset;
     BlobFile::RecordBytes read{};
     try {
-      read = file->ReadSome(from, bytes + (from - start), static_cast<std::uint32_t>(end[-1]->End() - from));
+      read = file->ReadSome(from, bytes + (from - start),
+                            static_cast<std::uint32_t>(end[-1]->End() - from));
     } catch (const std::exception&) {
       (*first++)->failure = std::current_exception();
       continue;
     }
     // A read that stopped short of a record has not tried it.
-    for (bool isWhole = true; first != end && isWhole && (*first)->offset - from <= read.held.size(); ++first) {
+    for (bool isWhole = true;
+         first != end && isWhole && (*first)->offset - from <= read.held.size(); ++first) {
       Slot& slot = **first;
       const std::size_t at = slot.offset - from;
-      slot.got = static_cast<std::uint32_t>(std::min<std::size_t>(slot.RecordSize(), read.held.size() - at));
+      slot.got = static_cast<std::uint32_t>(
+          std::min<std::size_t>(slot.RecordSize(), read.held.size() - at));
       slot.code = read.code;
       isWhole = slot.got == slot.RecordSize();
     }
@@ -93,7 +98,8 @@ void BatchReader::ReadRun(Slot* const* first, Slot* const* end, unsigned char* b
 
 bool BatchReader::LooksRight(const Slot& slot) const {
   if (slot.file == nullptr || slot.got != slot.RecordSize()) return false;
-  const format::RecordHead head = format::RecordHead::Decode(buffer.data() + slot.data - format::kStoreHeadSize);
+  const format::RecordHead head =
+      format::RecordHead::Decode(buffer.data() + slot.data - format::kStoreHeadSize);
   return head.op.op == format::kOpStore && head.size == slot.size &&
          std::memcmp(head.hash, slot.hash.Bytes(), Hash::kSize) == 0;
 }
@@ -112,7 +118,8 @@ void BatchReader::Verify() {
   }
   DigestMany(messages.data(), n);
   for (std::size_t i = 0; i < n; ++i)
-    digested[i]->sound = std::memcmp(digests.data() + Hash::kSize * i, digested[i]->hash.Bytes(), Hash::kSize) == 0;
+    digested[i]->sound =
+        std::memcmp(digests.data() + Hash::kSize * i, digested[i]->hash.Bytes(), Hash::kSize) == 0;
 }
 
 bool BatchReader::Take(std::size_t i, BlobPair& pair) {
@@ -121,7 +128,8 @@ bool BatchReader::Take(std::size_t i, BlobPair& pair) {
   if (slot.file == nullptr) throw Failure(FailureCode::Damaged, "the blob has no file");
   pair.hash = slot.hash;
   pair.buffer = {Data(i), slot.size};
-  const BlobFile::RecordBytes record{{Data(i) - format::kStoreHeadSize, slot.got}, slot.RecordSize(), slot.code};
+  const BlobFile::RecordBytes record{
+      {Data(i) - format::kStoreHeadSize, slot.got}, slot.RecordSize(), slot.code};
   if (!slot.file->TakeBlob(pair, slot.offset, record, BlobPair::Patience::Rereads)) return false;
   slot.file->RequireBlob(pair, slot.offset, slot.hash);
   return true;

@@ -63,7 +63,9 @@ class BatchReader {
   static void ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes);
   bool LooksRight(const Slot& slot) const;
 
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
+  std::vector<unsigned char,
+              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
+      buffer;
   std::size_t used = 0;  // bytes of the records that were added
   std::size_t count = 0;
   std::array<Slot, kMaxBlobs> slots;

@@ -26,15 +26,16 @@ std::uint32_t LengthOf(const File& file) {
   const std::uint32_t length = file.size();
   if (length != INVALID_FILE_SIZE) return length;
   const DWORD code = GetLastError();
-  throw Failure(FailureOf(code),
-                "BlobFile: no length of " + file.Path() + " GetLastError code = " + std::to_string(code));
+  throw Failure(FailureOf(code), "BlobFile: no length of " + file.Path() +
+                                     " GetLastError code = " + std::to_string(code));
 }
 
 }  // namespace
 
 BlobFile::BlobFile() = default;
 
-BlobFile::BlobFile(const BlobFile& other) : BlobStoreBase(other), header(other.header), path(other.path) {}
+BlobFile::BlobFile(const BlobFile& other)
+    : BlobStoreBase(other), header(other.header), path(other.path) {}
 
 BlobFile& BlobFile::operator=(const BlobFile& other) {
   if (this == &other) return *this;
@@ -45,7 +46,8 @@ BlobFile& BlobFile::operator=(const BlobFile& other) {
 
 BlobFile::~BlobFile() = default;
 
-void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned access, unsigned disposition) {
+void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,
+                    unsigned disposition) {
   file.close();
   path = filePath;
   mode = fileMode;
@@ -80,8 +82,9 @@ void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
     return;
   }
   if (length > 0)
-    trace::pack.WriteWarnV("BlobFile::Init %s was cut off at %d bytes while it was created, it gets a new header",
-                           path.c_str(), static_cast<int>(length));
+    trace::pack.WriteWarnV(
+        "BlobFile::Init %s was cut off at %d bytes while it was created, it gets a new header",
+        path.c_str(), static_cast<int>(length));
   writer.Restart(mode == Journal);
   if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
 }
@@ -158,8 +161,9 @@ bool BlobFile::PutCommittedHeader() {
 }
 
 void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
-  throw Failure(FailureCode::InDoubt, std::string("BlobFile: the ") + what + " of " + path +
-                                          " did not reach the disk, GetLastError code = " + std::to_string(code));
+  throw Failure(FailureCode::InDoubt,
+                std::string("BlobFile: the ") + what + " of " + path +
+                    " did not reach the disk, GetLastError code = " + std::to_string(code));
 }
 
 bool BlobFile::Reset() {
@@ -178,27 +182,35 @@ bool BlobFile::Reset() {
 void BlobFile::RequireNotInDoubt() const {
   if (InDoubt())
     throw Failure(FailureCode::InDoubt,
-                  "BlobFile: a flush of " + path + " has failed, no change is accepted until it is opened again");
+                  "BlobFile: a flush of " + path +
+                      " has failed, no change is accepted until it is opened again");
 }
 
 void BlobFile::RequireWritable() {
-  if (!file.IsOpen()) file.seek(header.endOffset);  // throws: gathering must not hide that nothing can be written
+  if (!file.IsOpen())
+    file.seek(header.endOffset);  // throws: gathering must not hide that nothing can be written
   RequireNotInDoubt();
   if (IsDamaged())
-    throw Failure(FailureCode::Damaged, "BlobFile: " + path + " is damaged, nothing is written through its header");
+    throw Failure(FailureCode::Damaged,
+                  "BlobFile: " + path + " is damaged, nothing is written through its header");
 }
 
 // With the end record. The reserve is waived for a blob that would not fit
 // into an empty journal with it.
 void BlobFile::RequireRoom(const RecordHead& record) const {
-  const std::uint64_t size =
-      record.op.op == format::kOpStore ? std::uint64_t{format::kStoreHeadSize} + record.size : format::kDeleteSize;
-  const std::uint64_t alone = format::kFileHeaderSize + format::kStartSize + size + format::kEndSize;
-  const bool reserves =
-      mode == Journal && record.op.op == format::kOpStore && alone + kReservedForDeletes <= format::kMaxFileSize;
-  if (header.endOffset + size + format::kEndSize + (reserves ? kReservedForDeletes : 0) <= format::kMaxFileSize) return;
-  throw Failure(FailureCode::Full, "BlobFile: " + path + " at " + std::to_string(header.endOffset) + ": no room for " +
-                                       std::to_string(size) + " bytes, a file ends at 2147483647");
+  const std::uint64_t size = record.op.op == format::kOpStore
+                                 ? std::uint64_t{format::kStoreHeadSize} + record.size
+                                 : format::kDeleteSize;
+  const std::uint64_t alone =
+      format::kFileHeaderSize + format::kStartSize + size + format::kEndSize;
+  const bool reserves = mode == Journal && record.op.op == format::kOpStore &&
+                        alone + kReservedForDeletes <= format::kMaxFileSize;
+  if (header.endOffset + size + format::kEndSize + (reserves ? kReservedForDeletes : 0) <=
+      format::kMaxFileSize)
+    return;
+  throw Failure(FailureCode::Full, "BlobFile: " + path + " at " + std::to_string(header.endOffset) +
+                                       ": no room for " + std::to_string(size) +
+                                       " bytes, a file ends at 2147483647");
 }
 
 void BlobFile::BeginTransaction(long long id) {
@@ -219,7 +231,8 @@ bool BlobFile::StartTransaction(long long id) {
   return true;
 }
 
-void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data, std::uint32_t mostGathered) {
+void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data,
+                      std::uint32_t mostGathered) {
   RequireWritable();
   RequireRoom(record);
   entry.offset = header.endOffset;
@@ -233,7 +246,8 @@ void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned c
   entry.valid = true;
 }
 
-void BlobFile::WriteOutOrTakeBack(const FileHeader& before, const format::TransactionBlock& blockBefore) {
+void BlobFile::WriteOutOrTakeBack(const FileHeader& before,
+                                  const format::TransactionBlock& blockBefore) {
   try {
     writer.WriteOut();
   } catch (...) {
@@ -310,10 +324,12 @@ bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience 
   constexpr std::uint32_t kMaxSmallBlob = 4096;
   unsigned char bytes[format::kStoreHeadSize + kMaxSmallBlob];
   const std::uint32_t dataSize = blob.buffer.size <= kMaxSmallBlob ? blob.buffer.size : 0;
-  return TakeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize), patience);
+  return TakeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize),
+                  patience);
 }
 
-BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) {
+BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes,
+                                         std::uint32_t size) {
   if (offset + size > writer.WrittenEnd()) writer.WriteOut();
   DWORD code = ERROR_SUCCESS;
   file.seek(offset);
@@ -321,30 +337,34 @@ BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* by
   return {{bytes, got}, size, code};
 }
 
-bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record, BlobPair::Patience patience) {
+bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+                        BlobPair::Patience patience) {
   const auto got = static_cast<std::uint32_t>(record.held.size());
   if (got < format::kOpHeaderSize) throw File::ShortRead(format::kOpHeaderSize, got, record.code);
   const std::int32_t op = format::OpHeader::Decode(record.held.data()).op;
   if (op != format::kOpStore) {
-    trace::pack.WriteErrorV("BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
-                            static_cast<int>(offset), blob.hash.toString().c_str(), op);
+    trace::pack.WriteErrorV(
+        "BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
+        static_cast<int>(offset), blob.hash.toString().c_str(), op);
     return false;
   }
-  if (got < format::kDeleteSize) throw File::ShortRead(format::kHashSize, got - format::kOpHeaderSize, record.code);
+  if (got < format::kDeleteSize)
+    throw File::ShortRead(format::kHashSize, got - format::kOpHeaderSize, record.code);
   if (got < format::kStoreHeadSize)
     throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
   RecordHead head = RecordHead::Decode(record.held.data());
   blob.hash.setHash(head.hash);
-  const BlobPair::Data data{record.held.subspan(format::kStoreHeadSize), record.asked - format::kStoreHeadSize,
-                            record.code};
+  const BlobPair::Data data{record.held.subspan(format::kStoreHeadSize),
+                            record.asked - format::kStoreHeadSize, record.code};
   blob.ReadData(file, offset + format::kOpHeaderSize, head.size, data, patience);
   return true;
 }
 
 void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const {
   if (read.hash == wanted) return;
-  throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() " + path + " at " + std::to_string(offset) +
-                                          ": wanted hash " + wanted.toString() + ", got " + read.hash.toString());
+  throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() " + path + " at " +
+                                          std::to_string(offset) + ": wanted hash " +
+                                          wanted.toString() + ", got " + read.hash.toString());
 }
 
 bool BlobFile::Load(Entries& out) {
@@ -352,15 +372,17 @@ bool BlobFile::Load(Entries& out) {
   loaded = Loaded{};
   const std::uint32_t length = LengthOf(file);
   if (!committedIsSound)
-    trace::pack.WriteWarnV("BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
-                           static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
+    trace::pack.WriteWarnV(
+        "BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
+        static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
   Replayed replayed = Replay(file, header, length, loadProgress).Run();
   loaded = {replayed.count, replayed.end, replayed.lastIsTorn, replayed.wholeBehind};
   out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
              std::make_move_iterator(replayed.entries.end()));
   // A header that counts none whole of the records that it covers is damage as
   // well, though a load can go by it.
-  if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll()))) state = State::Damaged;
+  if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll())))
+    state = State::Damaged;
   if (replayed.cutShort) throw CutShort(*replayed.cutShort);
   return !replayed.damaged;
 }
@@ -388,8 +410,9 @@ void BlobFile::KeepLoaded() {
     writer.Restart(mode == Journal);
   } catch (const std::exception& e) {
     state = State::InDoubt;
-    trace::pack.WriteErrorV("BlobFile: the header of %s cannot be put right, no change is accepted: %s", path.c_str(),
-                            e.what());
+    trace::pack.WriteErrorV(
+        "BlobFile: the header of %s cannot be put right, no change is accepted: %s", path.c_str(),
+        e.what());
   }
 }
 
@@ -405,6 +428,7 @@ void BlobFile::CutToRecords() noexcept {
     const std::uint32_t end = std::max(header.endOffset, writer.WrittenEnd());
     if (LengthOf(file) > end) file.truncate(end);
   } catch (const std::exception& e) {
-    trace::pack.NoteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s", path.c_str(), e.what());
+    trace::pack.NoteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
+                          path.c_str(), e.what());
   }
 }

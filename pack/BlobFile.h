@@ -50,15 +50,17 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
     std::int32_t op = 0;  // format::kOpStore or format::kOpDelete
     std::int64_t transactionId = 0;
-    std::uint32_t ordinal = 0;  // 1-based within its transaction; 0 outside one and for a fresh store
-    std::uint32_t offset = 0;   // of the record's op header
+    std::uint32_t ordinal =
+        0;  // 1-based within its transaction; 0 outside one and for a fresh store
+    std::uint32_t offset = 0;  // of the record's op header
     Hash hash;
     std::uint32_t size = 0;            // of the data; 0 for a delete that was loaded
     boost::shared_ptr<BlobFile> file;  // the controller's to set
     bool valid = false;                // the controller's live mark
   };
   using Entries =
-      std::vector<BlobFileEntry, BlobAllocator<BlobFileEntry, TesselMemoryManager::kContainerPool, kTagEntries>>;
+      std::vector<BlobFileEntry,
+                  BlobAllocator<BlobFileEntry, TesselMemoryManager::kContainerPool, kTagEntries>>;
 
   BlobFile();
   // Copies path and header; the copy is closed and has no transaction.
@@ -138,9 +140,11 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
   // Throws when a record that was read, whose hash the pair has, is not that of
   // the blob that was wanted.
-  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const;
+  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset,
+                                   const Hash& wanted) const;
 
-  BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
+  BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes,
+                                       std::uint32_t size);
 
   // GetBlob with a choice.
   BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
@@ -198,14 +202,15 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     bool wholeBehind = false;
   };
 
-  BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access, unsigned disposition);
+  BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,
+                            unsigned disposition);
   BLOBRING_HIDDEN bool IsNew(std::uint32_t length);
   BLOBRING_HIDDEN bool HeaderIsSound() const;
   BLOBRING_HIDDEN void RequireNotInDoubt() const;
   BLOBRING_HIDDEN void RequireWritable();
   BLOBRING_HIDDEN void RequireRoom(const format::RecordHead& record) const;
-  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, const format::RecordHead& record, unsigned char* data,
-                              std::uint32_t mostGathered);
+  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, const format::RecordHead& record,
+                              unsigned char* data, std::uint32_t mostGathered);
   BLOBRING_HIDDEN void WriteOutOrTakeBack(const format::FileHeader& before,
                                           const format::TransactionBlock& blockBefore);
   BLOBRING_HIDDEN void WriteHeader(const format::FileHeader& next);

@@ -34,8 +34,8 @@ bool BlobPair::isValid() const {
   Hash computed;
   computed.setHash(digest);
   if (computed == hash) return true;
-  trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s", computed.toString().c_str(),
-                           hash.toString().c_str());
+  trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s",
+                           computed.toString().c_str(), hash.toString().c_str());
   DumpBlob(&buffer);
   return false;
 }
@@ -62,7 +62,8 @@ void BlobPair::Read(File& f, bool skipData) {
   ReadData(f, pos, stored, Data{}, Patience::Rereads);
 }
 
-void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data, Patience patience) {
+void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
+                        Patience patience) {
   if (buffer.size != stored)
     trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", static_cast<int>(buffer.size),
                             static_cast<int>(stored));
@@ -70,7 +71,8 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
   if (buffer.size < stored) throw Failure(FailureCode::Damaged, "BlobPair::Read : too large size");
 
   if (data.held.size() >= stored) {
-    if (stored > 0 && data.held.data() != buffer.data) std::memcpy(buffer.data, data.held.data(), stored);
+    if (stored > 0 && data.held.data() != buffer.data)
+      std::memcpy(buffer.data, data.held.data(), stored);
   } else if (data.asked >= stored) {
     throw File::ShortRead(stored, static_cast<unsigned>(data.held.size()), data.code);
   } else {
@@ -79,9 +81,10 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
   }
   if (!isValid()) {
     trace::pack.WriteErrorV(
-        "BlobPair::Read Validation Failed: path=%s offset=%d fileLen=%d, bsize=%d hash=%s, buffersize=%d",
-        f.Path().c_str(), static_cast<int>(bodyOffset), static_cast<int>(f.size()), static_cast<int>(stored),
-        hash.toString().c_str(), static_cast<int>(buffer.size));
+        "BlobPair::Read Validation Failed: path=%s offset=%d fileLen=%d, bsize=%d hash=%s, "
+        "buffersize=%d",
+        f.Path().c_str(), static_cast<int>(bodyOffset), static_cast<int>(f.size()),
+        static_cast<int>(stored), hash.toString().c_str(), static_cast<int>(buffer.size));
     throw Failure(FailureCode::Damaged, "BlobPair Read failed");
   }
   buffer.size = stored;
@@ -96,7 +99,8 @@ void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) c
       f.seek(bodyOffset + format::kHashSize);
       stored = ReadSize(f);
       trace::pack.WriteErrorV("BlobPair::Read path=%s offset=%d bsize=%d hash=%s", f.Path().c_str(),
-                              static_cast<int>(bodyOffset), static_cast<int>(stored), hash.toString().c_str());
+                              static_cast<int>(bodyOffset), static_cast<int>(stored),
+                              hash.toString().c_str());
     }
   } catch (const std::exception& e) {
     trace::pack.WriteErrorV("BlobPair::Read : fail to read size again:%s", e.what());
@@ -155,7 +159,8 @@ void DumpBlob(RawBuffer const* b) {
   }
   // In one write, but for a line whose length an int cannot hold.
   for (const char* from = dumpLine.text; from < at;) {
-    const auto size = static_cast<int>(std::min<std::ptrdiff_t>(at - from, std::numeric_limits<int>::max()));
+    const auto size =
+        static_cast<int>(std::min<std::ptrdiff_t>(at - from, std::numeric_limits<int>::max()));
     TraceDeviceWriteRaw(g_TraceDeviceRaw, from, size);
     from += size;
   }

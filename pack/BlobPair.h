@@ -43,8 +43,8 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
 
   // The rest of Read, once the pair has its hash and the caller the stored size.
   // Each byte is read once.
-  BLOBRING_HIDDEN void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
-                                Patience patience);
+  BLOBRING_HIDDEN void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored,
+                                const Data& data, Patience patience);
 
   Hash hash;
   RawBuffer buffer;

@@ -20,7 +20,8 @@ std::span<const unsigned char> FileWindow::Held(std::uint32_t offset) const {
 
 std::span<const unsigned char> FileWindow::From(std::uint32_t offset, std::uint32_t least) {
   const std::span<const unsigned char> there = Held(offset);
-  if (buffer.empty()) ResizeOrSmaller(buffer, std::clamp(length - offset, kLeastSize, kUsualSize), kLeastSize);
+  if (buffer.empty())
+    ResizeOrSmaller(buffer, std::clamp(length - offset, kLeastSize, kUsualSize), kLeastSize);
   if (there.size() >= std::min<std::size_t>({least, length - offset, buffer.size()})) return there;
   held = 0;
   start = offset;

@@ -35,7 +35,9 @@ class FileWindow {
 
   File& file;
   const std::uint32_t length;
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> buffer;
+  std::vector<unsigned char,
+              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
+      buffer;
   std::uint32_t start = 0;  // file offset of buffer[0]
   std::uint32_t held = 0;   // bytes in it
 };

@@ -27,13 +27,19 @@ constexpr std::uint32_t kInitialMaxBlobSize = 1024;
 constexpr std::uint32_t kVersion = 1;
 constexpr std::int32_t kSequenceReset = -1;  // of a pack that was emptied and not yet written
 
-enum Op : std::int32_t { kOpStore = 0, kOpDelete = 1, kOpStartTransaction = 2, kOpEndTransaction = 3 };
+enum Op : std::int32_t {
+  kOpStore = 0,
+  kOpDelete = 1,
+  kOpStartTransaction = 2,
+  kOpEndTransaction = 3
+};
 
 inline void Put32(unsigned char* out, std::uint32_t value) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<unsigned char>(value >> (8 * i));
 }
 inline std::uint32_t Get32(const unsigned char* in) {
-  return std::uint32_t{in[0]} | std::uint32_t{in[1]} << 8 | std::uint32_t{in[2]} << 16 | std::uint32_t{in[3]} << 24;
+  return std::uint32_t{in[0]} | std::uint32_t{in[1]} << 8 | std::uint32_t{in[2]} << 16 |
+         std::uint32_t{in[3]} << 24;
 }
 inline void Put64(unsigned char* out, std::uint64_t value) {
   Put32(out, static_cast<std::uint32_t>(value));

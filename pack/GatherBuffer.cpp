@@ -28,7 +28,8 @@ void GatherBuffer::ReleaseExcess() {
 void GatherBuffer::Reserve(std::uint32_t size) {
   const std::size_t needed = bytes.size() + size;
   if (needed <= bytes.capacity()) return;
-  bytes.reserve(std::max({needed, kFirst, std::min<std::size_t>(2 * bytes.capacity(), kUsualCapacity)}));
+  bytes.reserve(
+      std::max({needed, kFirst, std::min<std::size_t>(2 * bytes.capacity(), kUsualCapacity)}));
 }
 
 void GatherBuffer::Append(const unsigned char* data, std::uint32_t size) {

@@ -28,7 +28,9 @@ class GatherBuffer {
   void ReleaseAll();
   void ReleaseExcess();
 
-  bool Fits(std::uint32_t size) const { return bytes.empty() || bytes.size() + size <= kUsualCapacity; }
+  bool Fits(std::uint32_t size) const {
+    return bytes.empty() || bytes.size() + size <= kUsualCapacity;
+  }
   // Throws "Unable to allocate memory"; nothing is appended then. Obtain room
   // for both parts of a record before either is appended.
   void Reserve(std::uint32_t size);
@@ -39,18 +41,25 @@ class GatherBuffer {
   // Overwrites bytes. Where some of them have been written, all from offset on
   // counts as not written again, if that is at most mostRewritten bytes; false,
   // with nothing changed, if it is more.
-  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size, std::uint32_t mostRewritten);
+  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
+             std::uint32_t mostRewritten);
 
   // What Written has not been called for yet.
-  std::span<const unsigned char> Unwritten() const { return {bytes.data() + written, bytes.size() - written}; }
+  std::span<const unsigned char> Unwritten() const {
+    return {bytes.data() + written, bytes.size() - written};
+  }
   void Written() { written = static_cast<std::uint32_t>(bytes.size()); }
 
   // What Digested has not been told of yet.
-  std::span<const unsigned char> Undigested() const { return {bytes.data() + digested, bytes.size() - digested}; }
+  std::span<const unsigned char> Undigested() const {
+    return {bytes.data() + digested, bytes.size() - digested};
+  }
   void Digested(std::size_t size) { digested += static_cast<std::uint32_t>(size); }
 
  private:
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> bytes;
+  std::vector<unsigned char,
+              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
+      bytes;
   std::uint32_t start = 0;
   std::uint32_t written = 0;
   std::uint32_t digested = 0;

@@ -27,7 +27,9 @@ class BLOBRING_EXPORT Hash {
     const std::uint64_t b = other.Word(0);
     return a != b ? a < b : Word(8) < other.Word(8);
   }
-  friend bool operator==(const Hash& a, const Hash& b) { return std::memcmp(a.bytes, b.bytes, kSize) == 0; }
+  friend bool operator==(const Hash& a, const Hash& b) {
+    return std::memcmp(a.bytes, b.bytes, kSize) == 0;
+  }
 
   // Each byte in lower-case hexadecimal without leading zero: 16 to 32
   // characters, for messages.

@@ -5,7 +5,8 @@
 
 using format::RecordHead;
 
-BlobFile::BlobFileEntry EntryOf(const RecordHead& record, std::uint32_t offset, std::uint32_t ordinal) {
+BlobFile::BlobFileEntry EntryOf(const RecordHead& record, std::uint32_t offset,
+                                std::uint32_t ordinal) {
   BlobFile::BlobFileEntry entry;
   entry.op = record.op.op;
   entry.transactionId = record.op.transactionId;

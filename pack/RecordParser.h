@@ -10,7 +10,8 @@
 #include "pack/Format.h"
 
 // The entry of a record that lies at offset.
-BlobFile::BlobFileEntry EntryOf(const format::RecordHead& record, std::uint32_t offset, std::uint32_t ordinal);
+BlobFile::BlobFileEntry EntryOf(const format::RecordHead& record, std::uint32_t offset,
+                                std::uint32_t ordinal);
 
 class RecordParser {
  public:

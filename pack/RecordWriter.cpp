@@ -71,7 +71,8 @@ void RecordWriter::Begin(long long id) {
   md5.init();
 }
 
-void RecordWriter::Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered) {
+void RecordWriter::Append(const format::RecordHead& record, unsigned char* data,
+                          std::uint32_t mostGathered) {
   unsigned char head[format::kStoreHeadSize];
   const std::uint32_t headSize = record.Encode(head);
   const std::uint32_t dataSize = record.size;
@@ -141,7 +142,8 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
   if (!gather.Fits(sizeof endRecord)) EmptyGathered();
   gather.Reserve(sizeof endRecord);
   gather.Append(endRecord, sizeof endRecord);
-  const bool blockGathered = gather.Patch(blockOffset, blockBytes, sizeof blockBytes, kMostRewritten);
+  const bool blockGathered =
+      gather.Patch(blockOffset, blockBytes, sizeof blockBytes, kMostRewritten);
   WriteOut();
   if (!blockGathered) Write(blockOffset, blockBytes, sizeof blockBytes);
 
@@ -151,7 +153,8 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
   const bool isInBlank = beganInBlank && next.endOffset <= blankEnd;  // [C2]
   zerosEnd = isInBlank ? blankEnd : next.endOffset;
   const std::uint32_t size = next.endOffset - (blockOffset - format::kOpHeaderSize);
-  if (isJournal && commitCount >= kCommitsBeforeBlank && size <= kLeastBlank) MakeBlankAhead(next.endOffset);
+  if (isJournal && commitCount >= kCommitsBeforeBlank && size <= kLeastBlank)
+    MakeBlankAhead(next.endOffset);
   return !isInBlank;
 }
 

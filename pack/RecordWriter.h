@@ -35,8 +35,9 @@
 
 class RecordWriter {
  public:
-  RecordWriter(File& target, format::FileHeader& fileHeader, format::TransactionBlock& transactionBlock,
-               std::uint32_t& transactionBlockOffset, MD5& transactionDigest);
+  RecordWriter(File& target, format::FileHeader& fileHeader,
+               format::TransactionBlock& transactionBlock, std::uint32_t& transactionBlockOffset,
+               MD5& transactionDigest);
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
 

@@ -58,7 +58,9 @@ bool Replay::Walk() {
         if (!TakeSingle(at, record)) return false;
         break;
       case format::kOpEndTransaction:
-        return Corrupt("BlobFile::Load corruption, end transaction without start transaction id=%d file=%s", record);
+        return Corrupt(
+            "BlobFile::Load corruption, end transaction without start transaction id=%d file=%s",
+            record);
       default:
         return UnsupportedOp(record);
     }
@@ -81,7 +83,8 @@ bool Replay::TakeTransactions(std::uint32_t start, const OpHeader& record) {
   const TransactionBlock block = TransactionBlock::Decode(bytes);
   if (block.length == 0) {
     trace::pack.WriteErrorV(
-        "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot after a disk wipe, "
+        "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot "
+        "after a disk wipe, "
         "but no other time.");
     return false;
   }
@@ -89,7 +92,8 @@ bool Replay::TakeTransactions(std::uint32_t start, const OpHeader& record) {
   if (block.length > there) {
     constexpr std::uint32_t kPart = 4096;  // what a reader of single transactions reads at a time
     const std::uint32_t whole = there / kPart * kPart;
-    throw CutShort(File::ShortRead(std::min(block.length - whole, kPart), there - whole, ERROR_SUCCESS));
+    throw CutShort(
+        File::ShortRead(std::min(block.length - whole, kPart), there - whole, ERROR_SUCCESS));
   }
   runSize = 0;
   Add(start, record, block);
@@ -123,7 +127,9 @@ void Replay::AddFollowing() {
     const unsigned char* const start = bytes + format::kEndSize;
     const OpHeader record = OpHeader::Decode(start);
     const TransactionBlock block = TransactionBlock::Decode(start + format::kOpHeaderSize);
-    if (OpHeader::Decode(bytes).op != format::kOpEndTransaction || record.op != format::kOpStartTransaction) return;
+    if (OpHeader::Decode(bytes).op != format::kOpEndTransaction ||
+        record.op != format::kOpStartTransaction)
+      return;
     if (block.length == 0 || block.length > limit - end - sizeof bytes - format::kEndSize) return;
     Add(end + format::kEndSize, record, block);
   }
@@ -133,7 +139,8 @@ void Replay::Digest() {
   std::size_t room = 0;
   for (std::size_t i = 0; i < runSize; ++i) {
     run[i].pieceAt = room;
-    run[i].pieceSize = window.Held(run[i].end - 1).empty() ? std::min(kPieceSize, run[i].end - run[i].at) : 0;
+    run[i].pieceSize =
+        window.Held(run[i].end - 1).empty() ? std::min(kPieceSize, run[i].end - run[i].at) : 0;
     room += run[i].pieceSize;
   }
   try {
@@ -177,7 +184,8 @@ bool Replay::Take(Member& member) {
   const RecordParser& parser = *member.parser;
   BlobFile::Entries& entries = member.parser->entries;
   if (std::memcmp(member.digest, member.wanted, sizeof member.digest) != 0)
-    return Corrupt("BlobFile::Load (start transaction) corruption, bad hash value id=%d file=%s", member.start);
+    return Corrupt("BlobFile::Load (start transaction) corruption, bad hash value id=%d file=%s",
+                   member.start);
 
   // Whole as it was written. What remains is whether a store wrote it.
   const std::int32_t inside = remaining - 1;
@@ -187,8 +195,9 @@ bool Replay::Take(Member& member) {
     remaining = 0;
     if (inside > 0)
       trace::pack.WriteErrorV(
-          "BlobFile::Load() failed to find the end of the transaction (transactions=%d entries=%d file=%s)", inside,
-          remaining, file.Path().c_str());
+          "BlobFile::Load() failed to find the end of the transaction (transactions=%d entries=%d "
+          "file=%s)",
+          inside, remaining, file.Path().c_str());
     return true;
   }
   if (parser.FoundBadRecord()) {
@@ -196,11 +205,13 @@ bool Replay::Take(Member& member) {
     if (bad.op == format::kOpStartTransaction)
       return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", bad);
     if (bad.op == format::kOpEndTransaction)
-      return Corrupt("BlobFile::Load corruption, transaction ends before its length id=%d file=%s", bad);
+      return Corrupt("BlobFile::Load corruption, transaction ends before its length id=%d file=%s",
+                     bad);
     return UnsupportedOp(bad);
   }
   if (!parser.AtBoundary())
-    return Corrupt("BlobFile::Load corruption, record runs past its transaction id=%d file=%s", member.start);
+    return Corrupt("BlobFile::Load corruption, record runs past its transaction id=%d file=%s",
+                   member.start);
   if (!EndStandsAt(member.end, inside - found)) return false;
   if (result.entries.empty()) {
     result.entries.swap(entries);
@@ -226,7 +237,9 @@ bool Replay::EndStandsAt(std::uint32_t offset, std::int32_t left) {
       return Corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s", record);
     case format::kOpStore:
     case format::kOpDelete:
-      return Corrupt("BlobFile::Load corruption, record outside the digest of its transaction id=%d file=%s", record);
+      return Corrupt(
+          "BlobFile::Load corruption, record outside the digest of its transaction id=%d file=%s",
+          record);
     default:
       return UnsupportedOp(record);
   }
@@ -247,10 +260,13 @@ bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
   }
   const format::RecordHead head = format::RecordHead::Decode(bytes);
   if (head.size > length - end)
-    return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s", record);
-  if (record.op == format::kOpStore && !HasDigest(end, head.size, head.hash))
-    return Corrupt("BlobFile::Load corruption, record outside a transaction does not match its hash id=%d file=%s",
+    return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s",
                    record);
+  if (record.op == format::kOpStore && !HasDigest(end, head.size, head.hash))
+    return Corrupt(
+        "BlobFile::Load corruption, record outside a transaction does not match its hash id=%d "
+        "file=%s",
+        record);
   result.entries.push_back(EntryOf(head, start, 0));
   MarkWhole(1, end + head.size);
   return true;
@@ -273,7 +289,8 @@ bool Replay::HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned 
 
 // A commit that a power cut tore is the last transaction that the header
 // counts. What is not whole is taken for that unless something shows that it
-// is not the last: its own length, or a whole transaction behind it that ends where the header says.
+// is not the last: its own length, or a whole transaction behind it that ends where the header
+// says.
 void Replay::JudgeRest() {
   const std::uint32_t start = result.end;
   const std::uint32_t end = header.endOffset;
@@ -289,8 +306,8 @@ void Replay::JudgeRest() {
 }
 
 bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
-  if (end > length ||
-      OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op != format::kOpEndTransaction)
+  if (end > length || OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op !=
+                          format::kOpEndTransaction)
     return false;
   // A start record says how far it is to the end: what merely looks like one seldom
   // does. The budget is for files that are made to look so at every place.
@@ -298,15 +315,18 @@ bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
   std::uint32_t at = result.end + 1;
   while (end - at >= format::kLeastTransaction) {
     const std::span<const unsigned char> held = window.From(at, format::kStartSize);
-    const std::size_t places =
-        std::min<std::size_t>(held.size() - format::kStartSize, end - at - format::kLeastTransaction) + 1;
+    const std::size_t places = std::min<std::size_t>(held.size() - format::kStartSize,
+                                                     end - at - format::kLeastTransaction) +
+                               1;
     std::size_t i = 0;
     while (i < places &&
-           !IsStartWithLength(held.data() + i, end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction))
+           !IsStartWithLength(held.data() + i,
+                              end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction))
       ++i;
     at += static_cast<std::uint32_t>(i);
     if (i == places) continue;
-    const TransactionBlock block = TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
+    const TransactionBlock block =
+        TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
     if (block.length > budget) return false;
     budget -= block.length;
     if (HasDigest(at + format::kStartSize, block.length, block.digest)) return true;
@@ -316,13 +336,14 @@ bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
 }
 
 bool Replay::IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted) {
-  return bytes[0] == format::kOpStartTransaction && OpHeader::Decode(bytes).op == format::kOpStartTransaction &&
+  return bytes[0] == format::kOpStartTransaction &&
+         OpHeader::Decode(bytes).op == format::kOpStartTransaction &&
          TransactionBlock::Decode(bytes + format::kOpHeaderSize).length == wanted;
 }
 
 bool Replay::MissingRecords(std::int32_t wanted) const {
-  trace::pack.WriteWarnV("BlobFile::Load() didn't process all the entries entries=%d file=%s", wanted,
-                         file.Path().c_str());
+  trace::pack.WriteWarnV("BlobFile::Load() didn't process all the entries entries=%d file=%s",
+                         wanted, file.Path().c_str());
   return false;
 }
 
@@ -332,6 +353,7 @@ bool Replay::Corrupt(trace::FormatFor<int, const char*> message, const OpHeader&
 }
 
 bool Replay::UnsupportedOp(const OpHeader& record) const {
-  trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", record.op, file.Path().c_str());
+  trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", record.op,
+                         file.Path().c_str());
   return false;
 }

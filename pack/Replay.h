@@ -51,7 +51,8 @@ class Replay {
   Replayed Run();
 
  private:
-  static constexpr std::size_t kMost = 16;  // transactions side by side: the most lanes of any processor
+  static constexpr std::size_t kMost =
+      16;  // transactions side by side: the most lanes of any processor
 
   // One transaction of a run.
   struct Member final : MD5Source {
@@ -70,7 +71,8 @@ class Replay {
 
   bool Walk();
   bool TakeTransactions(std::uint32_t start, const format::OpHeader& record);
-  void Add(std::uint32_t start, const format::OpHeader& record, const format::TransactionBlock& block);
+  void Add(std::uint32_t start, const format::OpHeader& record,
+           const format::TransactionBlock& block);
   void AddFollowing();
   void Digest();
   bool Take(Member& member);
@@ -98,5 +100,7 @@ class Replay {
   Replayed result;
   std::array<Member, kMost> run;
   std::size_t runSize = 0;
-  std::vector<unsigned char, BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>> pieces;
+  std::vector<unsigned char,
+              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
+      pieces;
 };

@@ -28,11 +28,13 @@ class BlobAllocator {
 
   BlobAllocator() = default;
   template <class U>
-  BlobAllocator(const BlobAllocator<U, Pool, Tag>&) {}  // NOLINT(google-explicit-constructor): allocator requirement
+  BlobAllocator(const BlobAllocator<U, Pool, Tag>&) {
+  }  // NOLINT(google-explicit-constructor): allocator requirement
 
   // Throws std::runtime_error("Unable to allocate memory").
   T* allocate(std::size_t n) {
-    constexpr std::size_t kSize = sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
+    constexpr std::size_t kSize =
+        sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
     if (n > std::numeric_limits<std::size_t>::max() / kSize)
       throw Failure(FailureCode::Memory, "Unable to allocate memory");
     return static_cast<T*>(pooled::Acquire(n * kSize, Pool, Tag));

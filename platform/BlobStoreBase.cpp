@@ -35,7 +35,8 @@ void* Acquire(std::size_t size, unsigned pool, unsigned tag) {
 }
 
 void Release(void* p) {
-  if (TesselMemoryManager::GetInstance(kManagerKind)->Free(p) < 0) throw std::runtime_error("Unable to free memory");
+  if (TesselMemoryManager::GetInstance(kManagerKind)->Free(p) < 0)
+    throw std::runtime_error("Unable to free memory");
 }
 
 void ReleaseOrTrace(void* p) noexcept {

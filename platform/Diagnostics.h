@@ -31,8 +31,8 @@ extern "C" {
 int GetTraceRingBuffer(int number, std::uint32_t* out);
 
 // Appends one event to a ring buffer; handle 0 is allowed.
-int WriteEventToRingBuffer(std::uint32_t ring, std::uint32_t threadId, std::uint32_t kind, std::uint32_t a,
-                           std::uint32_t b, std::uint32_t c, std::uint32_t d);
+int WriteEventToRingBuffer(std::uint32_t ring, std::uint32_t threadId, std::uint32_t kind,
+                           std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d);
 
 // One numeric record: an id and up to four values.
 int RTTrace(std::uint32_t id);
@@ -49,7 +49,8 @@ int TraceDeviceFind(const char16_t* name, std::uint32_t* out);
 
 // Writes the standard head of a line into buffer; its length in bytes, 0 or
 // less when it wrote none.
-int TraceFormatHeader(char* buffer, std::uint32_t capacity, int level, int reserved, const char* name);
+int TraceFormatHeader(char* buffer, std::uint32_t capacity, int level, int reserved,
+                      const char* name);
 
 // Writes length bytes to the device as they are.
 int TraceDeviceWriteRaw(std::uint32_t device, const char* buffer, int length);

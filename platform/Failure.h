@@ -25,7 +25,8 @@ enum class FailureCode : int {
 
 class Failure : public std::runtime_error {
  public:
-  Failure(FailureCode failureCode, const std::string& text) : std::runtime_error(text), code(failureCode) {}
+  Failure(FailureCode failureCode, const std::string& text)
+      : std::runtime_error(text), code(failureCode) {}
   FailureCode code;
 };
 

@@ -11,7 +11,8 @@ class MemoryManager {
  public:
   // Stores the address of at least size bytes, aligned for any type, through
   // out, or null when it cannot. Only the stored pointer tells success.
-  int Alloc(void** out, unsigned long size, unsigned long pool, LifeSpan lifeSpan, unsigned long tag);
+  int Alloc(void** out, unsigned long size, unsigned long pool, LifeSpan lifeSpan,
+            unsigned long tag);
 
   // Gives a block back. Negative when it refuses; the block then stays as it
   // was.

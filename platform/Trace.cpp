@@ -75,7 +75,8 @@ void WriteEvent(Event kind, std::uint32_t value) {
 namespace {
 
 std::uint32_t BigEndianWord(const unsigned char* bytes) {
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+         std::uint32_t{bytes[2]} << 8 | bytes[3];
 }
 
 std::uint32_t HashRecordId(Event kind) {

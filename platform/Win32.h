@@ -129,14 +129,16 @@ extern "C" {
 // ERROR_SHARING_VIOLATION until the first has closed it. With no access (0) a
 // file that somebody holds is opened all the same, to ask which file it is.
 // Only regular files are opened. Returns INVALID_HANDLE_VALUE on failure.
-HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode, SECURITY_ATTRIBUTES* security,
-                   DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE templateFile);
+HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode,
+                   SECURITY_ATTRIBUTES* security, DWORD creationDisposition,
+                   DWORD flagsAndAttributes, HANDLE templateFile);
 
 // Read or write at the handle's position and move it by *transferred bytes,
 // which is set on every return. A read past the end of the file succeeds with
 // fewer bytes; a write transfers all or fails.
 BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped);
-BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
+               OVERLAPPED* overlapped);
 
 // Moves the position; distances are signed 32 bits when distanceHigh is null,
 // so that 2^31 and up fail. Going past the end is allowed and changes nothing

@@ -58,7 +58,8 @@ std::int32_t BlobController::GetBlobSize(Hash const& hash) {
 bool BlobController::GetBlob(BlobPair& blob) {
   const auto found = blobs.Find(blob.hash);
   if (found == blobs.end()) return false;
-  const BlobFile::BlobFileEntry entry = found->second;  // the index may be gone before the message is written
+  const BlobFile::BlobFileEntry entry =
+      found->second;  // the index may be gone before the message is written
   const Hash wanted = blob.hash;
   const std::uint32_t given = blob.buffer.size;
   // Of a larger buffer only as much is used as the blob takes; a fetch says so.
@@ -68,15 +69,16 @@ bool BlobController::GetBlob(BlobPair& blob) {
       entry.file->RequireBlob(blob, entry.offset, wanted);
       return true;
     }
-    trace::engine.WriteErrorV("BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
-                              entry.file->path.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
-                              wanted.toString().c_str());
+    trace::engine.WriteErrorV(
+        "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
+        entry.file->path.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
+        wanted.toString().c_str());
     blob.buffer.size = given;
     return false;
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
-                              entry.file->path.c_str(), static_cast<int>(entry.offset));
+    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d",
+                              e.what(), entry.file->path.c_str(), static_cast<int>(entry.offset));
   }
   blob.hash = wanted;
   blob.buffer.size = given;
@@ -88,7 +90,8 @@ bool BlobController::GetBlob(BlobPair& blob) {
 bool BlobController::Close() {
   enumerating = false;
   loaded = false;
-  RefuseChanges(FailureCode::Closed, "the store is closed, no change is accepted until it is opened again");
+  RefuseChanges(FailureCode::Closed,
+                "the store is closed, no change is accepted until it is opened again");
   blobs.Clear();
   if (!readOnly && GetCurrentProcessId() == openerProcess) {
     for (const BlobFilePtr& pack : packFiles) pack->CutToRecords();
@@ -118,8 +121,9 @@ bool BlobController::Shutdown(bool) {
 bool BlobController::DeleteFiles() {
   enumerating = false;
   loaded = false;
-  RefuseChanges(FailureCode::Closed,
-                "the files of the store were erased, no change is accepted until it is opened again");
+  RefuseChanges(
+      FailureCode::Closed,
+      "the files of the store were erased, no change is accepted until it is opened again");
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();

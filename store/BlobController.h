@@ -40,7 +40,9 @@ class BatchReader;
 class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
-  using Files = std::vector<BlobFilePtr, BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
+  using Files =
+      std::vector<BlobFilePtr,
+                  BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
 
   // On a directory, which is not touched. Throws "Unable to allocate memory".
   explicit BlobController(std::string storeDirectory);
@@ -104,7 +106,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // when it cannot be read or is not what it was, or the store is not loaded;
   // the buffer's bytes are then undefined.
   enum class Fetched { Read, NotFound, Failed, TooSmall };
-  BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity, std::uint32_t& size);
+  BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
+                                std::uint32_t& size);
 
   // Opens a transaction; changes that are pending are abandoned.
   bool StartTransaction(long long id);
@@ -211,13 +214,13 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void RepackIntoNextSlot(BlobFilePtr& unfinished);
   BLOBRING_HIDDEN void RepackInPlace(BlobFilePtr& unfinished);
   BLOBRING_HIDDEN BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
-  BLOBRING_HIDDEN static bool TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
-                                          std::size_t number);
+  BLOBRING_HIDDEN static bool TakeForCopy(BatchReader& batch, std::size_t i,
+                                          const BlobFile::Entries& entries, std::size_t number);
   BLOBRING_HIDDEN static void RequireInPlace(const BlobFile& pack);
   BLOBRING_HIDDEN void PointTo(const BlobFile::Entries& copied);
   BLOBRING_HIDDEN bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
-  BLOBRING_HIDDEN static bool CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry,
-                                        int position);
+  BLOBRING_HIDDEN static bool CheckBlob(BatchReader& batch, std::size_t i,
+                                        BlobFile::BlobFileEntry const& entry, int position);
   BLOBRING_HIDDEN Sizes SizesOf() const;
   BLOBRING_HIDDEN std::uint64_t RepackedSize(const Sizes& sizes) const;
   BLOBRING_HIDDEN Checked CheckAll(const ProgressCall& call);

@@ -16,7 +16,8 @@ std::size_t BucketsFor(std::size_t blobs) {
   return wanted < kSmallestDirectory ? 2 : wanted;
 }
 
-using NodeAllocator = BlobAllocator<BlobIndex::Node, TesselMemoryManager::kContainerPool, kTagIndex>;
+using NodeAllocator =
+    BlobAllocator<BlobIndex::Node, TesselMemoryManager::kContainerPool, kTagIndex>;
 
 BlobIndex::Node* MakeNode(const Hash& hash) {
   return new (NodeAllocator().allocate(1)) BlobIndex::Node(hash);
@@ -38,7 +39,9 @@ void BlobIndex::Disposer::operator()(Node* node) const noexcept {
 // Where the process was placed in memory is what the author of a file cannot
 // know.
 BlobIndex::BlobIndex()
-    : random(static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15ULL) >> 32) | 1) {}
+    : random(static_cast<std::uint32_t>(
+                 (reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15ULL) >> 32) |
+             1) {}
 
 // Xorshift: Marsaglia, Xorshift RNGs, Journal of Statistical Software 8(14).
 std::uint32_t BlobIndex::Priority() {
@@ -65,7 +68,8 @@ BlobIndex::Node* BlobIndex::Next(Node* node) const {
 
 BlobIndex::Node* BlobIndex::Search(const Hash& hash) const {
   Node* node = buckets[BucketOf(hash)];
-  while (node != nullptr && !(node->blob.first == hash)) node = hash < node->blob.first ? node->left : node->right;
+  while (node != nullptr && !(node->blob.first == hash))
+    node = hash < node->blob.first ? node->left : node->right;
   return node;
 }
 
@@ -122,8 +126,8 @@ void BlobIndex::Reserve(std::size_t blobs) noexcept {
 // Gives node's place under its parent, or as a root, to another.
 void BlobIndex::Replace(Node* node, Node* by) {
   Node* parent = node->parent;
-  Node*& link =
-      parent == nullptr ? buckets[BucketOf(node->blob.first)] : (parent->left == node ? parent->left : parent->right);
+  Node*& link = parent == nullptr ? buckets[BucketOf(node->blob.first)]
+                                  : (parent->left == node ? parent->left : parent->right);
   link = by;
   if (by != nullptr) by->parent = parent;
 }
@@ -239,7 +243,8 @@ void BlobIndex::Resize(std::size_t blobs) noexcept {
     Node* next = nullptr;
     for (Node* node = Flatten(before[bucket]); node != nullptr; node = next) {
       next = node->right;
-      const bool isSameBucket = last != nullptr && BucketOf(last->blob.first) == BucketOf(node->blob.first);
+      const bool isSameBucket =
+          last != nullptr && BucketOf(last->blob.first) == BucketOf(node->blob.first);
       Append(node, isSameBucket ? last : nullptr);
       last = node;
     }

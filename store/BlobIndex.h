@@ -60,7 +60,8 @@ class BlobIndex {
     Position() = default;
     template <bool isOtherConst>
     requires(isConst && !isOtherConst)
-        Position(const Position<isOtherConst>& other)  // NOLINT(google-explicit-constructor): as every iterator
+        Position(const Position<isOtherConst>&
+                     other)  // NOLINT(google-explicit-constructor): as every iterator
         : index(other.index), node(other.node) {}
 
     reference operator*() const { return node->blob; }
@@ -151,7 +152,9 @@ class BlobIndex {
   static constexpr std::size_t kRootsAhead = 16;
   static constexpr std::size_t kNodesAhead = 6;
 
-  std::size_t BucketOf(const Hash& hash) const { return static_cast<std::size_t>(hash.Prefix() >> shift); }
+  std::size_t BucketOf(const Hash& hash) const {
+    return static_cast<std::size_t>(hash.Prefix() >> shift);
+  }
   std::size_t LastBucket() const { return static_cast<std::size_t>(~std::uint64_t{0} >> shift); }
   // The empty statement keeps g++ from taking functions that do nothing else
   // for functions that do nothing.
@@ -187,7 +190,8 @@ class BlobIndex {
   static Node* Merge(Node* left, Node* right);
   static Node* Flatten(Node* root);
 
-  using Directory = std::vector<Node*, BlobAllocator<Node*, TesselMemoryManager::kContainerPool, kTagBytes>>;
+  using Directory =
+      std::vector<Node*, BlobAllocator<Node*, TesselMemoryManager::kContainerPool, kTagBytes>>;
 
   Node* few[2] = {};     // the buckets while there is no directory
   Node** buckets = few;  // the root of each, by the first 64 - shift bits of the hash

@@ -7,8 +7,8 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
-                                              std::uint32_t& size) {
+BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
+                                              std::uint32_t capacity, std::uint32_t& size) {
   if (!loaded) {
     trace::NoteCause(Failure(FailureCode::Closed, ""));
     trace::engine.WriteWarnV("BlobController::Fetch() the store is not loaded");
@@ -30,9 +30,9 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
     throw Failure(FailureCode::Damaged, "the record is not the blob's");
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    const std::string text = "BlobController::Fetch() hash " + hash.toString() + " file " + entry.file->path +
-                             " offset " + std::to_string(entry.offset) + " size " + std::to_string(size) + ": " +
-                             e.what();
+    const std::string text = "BlobController::Fetch() hash " + hash.toString() + " file " +
+                             entry.file->path + " offset " + std::to_string(entry.offset) +
+                             " size " + std::to_string(size) + ": " + e.what();
     trace::engine.WriteErrorV("%s", text.c_str());
     return Fetched::Failed;
   }
@@ -60,6 +60,7 @@ BlobController::Statistics BlobController::GetStatistics() const {
   statistics.pendingCount = pendingEntries.size();
   if (curPack) statistics.packBytes = curPack->header.endOffset;
   if (curJournal) statistics.journalBytes = curJournal->header.endOffset;
-  statistics.repackedBytes = blobs.empty() ? std::uint64_t{format::kFileHeaderSize} : RepackedSize(sizes);
+  statistics.repackedBytes =
+      blobs.empty() ? std::uint64_t{format::kFileHeaderSize} : RepackedSize(sizes);
   return statistics;
 }

@@ -46,7 +46,8 @@ BlobController::Checked BlobController::Check() {
 
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
-  trace::engine.NoteWarnV("BlobController::Fsck number of blobs = %d", static_cast<int>(blobs.size()));
+  trace::engine.NoteWarnV("BlobController::Fsck number of blobs = %d",
+                          static_cast<int>(blobs.size()));
   if (blobs.empty()) return Checked::Sound;
 
   const Sizes sizes = SizesOf();
@@ -65,7 +66,8 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
         if (!batch.IsSound(i) && !CheckBlob(batch, i, blob->second, position)) sound = false;
       }
       stopped =
-          call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) && blob != blobs.end();
+          call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) &&
+          blob != blobs.end();
     }
   } catch (const std::runtime_error&) {
     sound = false;
@@ -83,35 +85,40 @@ bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const&
   if (entry.file && (entry.file == curPack || entry.file == curJournal)) return true;
   const std::string file = PathOf(entry.file);
   if (entry.file && (file == PathOf(curPack) || file == PathOf(curJournal))) return true;
-  trace::engine.WriteErrorV("BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
-                            hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(), PathOf(curJournal).c_str());
+  trace::engine.WriteErrorV(
+      "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
+      hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(), PathOf(curJournal).c_str());
   return false;
 }
 
 // Reports what is wrong with a blob that did not verify. The store stays open and
 // the check goes on.
-bool BlobController::CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry, int position) {
+bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
+                               BlobFile::BlobFileEntry const& entry, int position) {
   BlobPair pair;
   const std::string file = PathOf(entry.file);
   try {
     if (batch.Take(i, pair)) return true;
-    trace::engine.WriteErrorV("BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
-                              file.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
-                              entry.hash.toString().c_str());
+    trace::engine.WriteErrorV(
+        "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
+        file.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
+        entry.hash.toString().c_str());
     // Nothing was read: what the buffer holds of other blobs must not decide.
     if (entry.size > 0) std::memset(pair.buffer.data, 0, entry.size);
     pair.isValid();
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d", e.what(),
-                              file.c_str(), static_cast<int>(entry.offset));
+    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d",
+                              e.what(), file.c_str(), static_cast<int>(entry.offset));
   }
   const std::string line = "Fsck: Blob Entry :hash=" + entry.hash.toString() +
-                           " transId=" + std::to_string(entry.transactionId) + " size=" + std::to_string(entry.size) +
-                           " offset=" + std::to_string(entry.offset) + " count = " + std::to_string(position) +
-                           " filename=" + file;
+                           " transId=" + std::to_string(entry.transactionId) +
+                           " size=" + std::to_string(entry.size) +
+                           " offset=" + std::to_string(entry.offset) +
+                           " count = " + std::to_string(position) + " filename=" + file;
   trace::engine.WriteErrorV("%s", line.c_str());
-  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt", entry.hash.toString().c_str());
+  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt",
+                            entry.hash.toString().c_str());
   return false;
 }
 

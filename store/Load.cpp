@@ -21,16 +21,19 @@ bool BlobController::Load() {
   enumerating = false;
   loaded = false;
   damaged = false;
-  if (refusal != FailureCode::Closed && refusal != FailureCode::ReadOnly) refusal = FailureCode::None;
+  if (refusal != FailureCode::Closed && refusal != FailureCode::ReadOnly)
+    refusal = FailureCode::None;
   try {
     LoadFiles();
   } catch (const std::exception& e) {
     trace::NoteCause(e);
     if (damagePolicy == DamagePolicy::Keep || readOnly) {
       if (refusal == FailureCode::None)
-        RefuseChanges(FailureCode::Refused, "the load has failed, no change is accepted until one succeeds");
+        RefuseChanges(FailureCode::Refused,
+                      "the load has failed, no change is accepted until one succeeds");
       blobs.Clear();
-      trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s", e.what());
+      trace::engine.WriteErrorV("BlobController::Load failed, every file is left as it was: %s",
+                                e.what());
       return false;
     }
     trace::engine.WriteErrorV("BlobController::Load() threw an exception %s", e.what());
@@ -52,7 +55,8 @@ void BlobController::LoadFiles() {
     if (readOnly) throw Failure(FailureCode::Damaged, "no valid Pak files");
     if (damagePolicy == DamagePolicy::Erase) {
       DeleteFiles();
-      trace::engine.WriteErrorV("BlobController::Load no valid Pak files, reseting all files.  All data is lost");
+      trace::engine.WriteErrorV(
+          "BlobController::Load no valid Pak files, reseting all files.  All data is lost");
       return;
     }
     MoveFilesAside();
@@ -78,8 +82,8 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     entries.clear();
     if (!LoadPack(*pack, entries)) {
       damaged = true;
-      trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s", pack->header.sequence,
-                               pack->path.c_str());
+      trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s",
+                               pack->header.sequence, pack->path.c_str());
       continue;
     }
     if (pack->header.sequence == format::kSequenceReset) return false;
@@ -120,13 +124,15 @@ void BlobController::FindLostPack() {
     const format::FileHeader& journal = journalFiles[slot]->header;
     const bool isNew = pack.header.sequence == 0 && pack.header.recordCount == 0;
     const bool isLost =
-        journal.recordCount != 0 && (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
+        journal.recordCount != 0 &&
+        (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
     if (!isLost && !pack.IsDamaged()) continue;
     damaged = true;
     if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
     pack.MarkDamaged();
     trace::engine.WriteErrorV(
-        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older generation is shown",
+        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
+        "generation is shown",
         pack.path.c_str());
   }
 }
@@ -142,13 +148,15 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   } catch (const CutShort& e) {
     trace::engine.WriteWarnV("%s", e.what());
   }
-  if (!sound) trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path.c_str());
+  if (!sound)
+    trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path.c_str());
   if (!sound || !journal.LoadedAll()) {
     const bool isTorn = !sound && journal.LastIsTorn();
     damaged = damaged || !isTorn;
     if (isTorn)
       trace::engine.WriteWarnV(
-          "BlobController::Load the last transaction of %s was cut off by a power failure, or damaged since: the store "
+          "BlobController::Load the last transaction of %s was cut off by a power failure, or "
+          "damaged since: the store "
           "is as it was before it",
           journal.path.c_str());
     // Whole transactions stay, in the index and on disk, and the next one
@@ -167,17 +175,19 @@ bool BlobController::SetAside(BlobFile& journal) {
   constexpr unsigned kMostCopies = 16;
   if (damagePolicy == DamagePolicy::Erase && !journal.WholeBehind()) return true;
   try {
-    const std::string copy =
-        kept::CopyAside(journal.file, format::kFileHeaderSize, journal.LoadedEnd(), journal.CoveredEnd(),
-                        journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
+    const std::string copy = kept::CopyAside(journal.file, format::kFileHeaderSize,
+                                             journal.LoadedEnd(), journal.CoveredEnd(),
+                                             journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
     if (copy.empty()) {
-      trace::engine.WriteWarnV("BlobController: %s has %d copies beside it, what it loses is not kept",
-                               journal.path.c_str(), static_cast<int>(kMostCopies));
+      trace::engine.WriteWarnV(
+          "BlobController: %s has %d copies beside it, what it loses is not kept",
+          journal.path.c_str(), static_cast<int>(kMostCopies));
     } else if (journal.LastIsTorn()) {
-      trace::engine.WriteWarnV("BlobController: the rest of %s is kept as %s", journal.path.c_str(), copy.c_str());
+      trace::engine.WriteWarnV("BlobController: the rest of %s is kept as %s", journal.path.c_str(),
+                               copy.c_str());
     } else {
-      trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", journal.path.c_str(),
-                                copy.c_str());
+      trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s",
+                                journal.path.c_str(), copy.c_str());
     }
     return true;
   } catch (const std::exception& e) {
@@ -196,7 +206,8 @@ bool BlobController::SetAside(BlobFile& journal) {
 // written over what an older header counts.
 void BlobController::Secure(BlobFile& file) const {
   if (file.Secure()) return;
-  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted", file.path.c_str());
+  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
+                            file.path.c_str());
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
@@ -229,14 +240,17 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
 void BlobController::MoveFilesAside() {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   trace::engine.WriteErrorV(
-      "BlobController::Load no valid Pak files, every file is kept under a new name, the store goes on empty");
+      "BlobController::Load no valid Pak files, every file is kept under a new name, the store "
+      "goes on empty");
   const auto move = [](BlobFile& file) {
     file.file.close();
     const std::string name = kept::MoveAside(file.path);
-    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path.c_str(), name.c_str());
+    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path.c_str(),
+                              name.c_str());
   };
   for (const BlobFilePtr& journal : journalFiles) move(*journal);
   for (const BlobFilePtr& pack : packFiles) move(*pack);
   for (const BlobFilePtr& pack : packFiles) pack->Init(pack->path, BlobFile::Pack, 0);
-  for (const BlobFilePtr& journal : journalFiles) journal->Init(journal->path, BlobFile::Journal, 0);
+  for (const BlobFilePtr& journal : journalFiles)
+    journal->Init(journal->path, BlobFile::Journal, 0);
 }

@@ -49,14 +49,16 @@ void DumpEntries(const BlobFile::Entries& entries, std::size_t failed) {
   trace::engine.WriteErrorV("%s", title.c_str());
   trace::engine.WriteErrorV("file.path, file offset, blob size");
   for (const BlobFile::BlobFileEntry& entry : entries) {
-    const std::string line = entry.file->path + ", " + std::to_string(entry.offset) + ", " + std::to_string(entry.size);
+    const std::string line =
+        entry.file->path + ", " + std::to_string(entry.offset) + ", " + std::to_string(entry.size);
     trace::engine.WriteErrorV("%s", line.c_str());
   }
 }
 
 }  // namespace
 
-bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b) {
+bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a,
+                                       BlobFile::BlobFileEntry const& b) {
   if (a.transactionId != b.transactionId) return a.transactionId < b.transactionId;
   return a.hash < b.hash;
 }
@@ -70,9 +72,11 @@ std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
 // Throws why not.
 void BlobController::RequireRepackable() const {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
-  if (!loaded && refusal == FailureCode::None) throw Failure(FailureCode::Closed, "the store is not loaded");
+  if (!loaded && refusal == FailureCode::None)
+    throw Failure(FailureCode::Closed, "the store is not loaded");
   RequireChangeable();
-  if (!pendingEntries.empty()) throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
+  if (!pendingEntries.empty())
+    throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
   if (RepackedSize(SizesOf()) > format::kMaxFileSize)
     throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
   // No store writes one. A pack that was only emptied, of sequence -1, would
@@ -85,7 +89,8 @@ void BlobController::RequireRepackable() const {
 bool BlobController::Repack() {
   try {
     RequireRepackable();
-    const std::uint32_t slot = static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
+    const std::uint32_t slot =
+        static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
     if (packFiles[slot] == curPack) RequireInPlace(*curPack);
     KeepSlot(slot);
   } catch (const std::exception& e) {
@@ -106,7 +111,8 @@ bool BlobController::Repack() {
     return true;
   } catch (const Stopped&) {
     seq -= 1;
-    journalFiles[repackSlot]->SetSequence(journalFiles[repackSlot] == curJournal ? seq : format::kSequenceReset);
+    journalFiles[repackSlot]->SetSequence(
+        journalFiles[repackSlot] == curJournal ? seq : format::kSequenceReset);
     DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
     trace::engine.WriteWarnV("BlobController::Repack() stopped: the store is open and as it was");
     return false;
@@ -127,7 +133,8 @@ void BlobController::KeepSlot(std::uint32_t slot) const {
   if (!packFiles[slot]->IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
   for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
     const std::string copy = kept::CopyAside(file->file, 0, 0, file->file.size(), kept::kMaxCopies);
-    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file->path.c_str(), copy.c_str());
+    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s",
+                              file->path.c_str(), copy.c_str());
   }
 }
 
@@ -226,21 +233,23 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
       entry.file = target;
       ++copied;
     }
-    if (progress.Stops(ProgressCall::kRepack, first + batch.Count(), entries.size())) throw Stopped{};
+    if (progress.Stops(ProgressCall::kRepack, first + batch.Count(), entries.size()))
+      throw Stopped{};
   }
   if (copied > 0) {
     target->EndTransaction(0);
   } else {
     target->CommitHeader();
   }
-  std::erase_if(entries, [&](const BlobFile::BlobFileEntry& entry) { return entry.file != target; });
+  std::erase_if(entries,
+                [&](const BlobFile::BlobFileEntry& entry) { return entry.file != target; });
   return entries;
 }
 
 // False when the blob is not there. One that is there and damaged ends the run,
 // and the table tells where everything lay.
-bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
-                                 std::size_t number) {
+bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
+                                 const BlobFile::Entries& entries, std::size_t number) {
   BlobPair pair;
   try {
     if (batch.Take(i, pair)) return true;
@@ -249,7 +258,7 @@ bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i, const BlobFi
     throw;
   }
   const BlobFile::BlobFileEntry& entry = entries[number];
-  trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d", entry.hash.toString().c_str(),
-                           static_cast<int>(entry.size));
+  trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d",
+                           entry.hash.toString().c_str(), static_cast<int>(entry.size));
   return false;
 }

@@ -27,10 +27,12 @@ void BlobController::RequireChangeable() const {
   if (refusal != FailureCode::None) throw Failure(refusal, refusalReason);
   if (!curJournal) throw Failure(FailureCode::Refused, "the store has no slot");
   if (GetCurrentProcessId() != openerProcess)
-    throw Failure(FailureCode::Refused, "the store was opened by another process, which alone may change it");
+    throw Failure(FailureCode::Refused,
+                  "the store was opened by another process, which alone may change it");
   if (InDoubt())
     throw Failure(FailureCode::InDoubt,
-                  "a flush has failed, no change is accepted until the store is disposed of and opened again");
+                  "a flush has failed, no change is accepted until the store is disposed of and "
+                  "opened again");
 }
 
 bool BlobController::BlobExists(Hash const& hash) const {
@@ -145,8 +147,9 @@ bool BlobController::StartTransaction(long long id) {
     return true;
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    trace::engine.WriteWarnV("BlobController::StartTransaction() threw an exception transactionId %d exception %s",
-                             static_cast<int>(id), e.what());
+    trace::engine.WriteWarnV(
+        "BlobController::StartTransaction() threw an exception transactionId %d exception %s",
+        static_cast<int>(id), e.what());
     return false;
   }
 }
@@ -159,8 +162,9 @@ bool BlobController::EndTransaction(long long id) {
     curJournal->EndTransaction(id);
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    trace::engine.WriteWarnV("BlobController::EndTransaction() threw an exception transactionId %d exception %s",
-                             static_cast<int>(id), e.what());
+    trace::engine.WriteWarnV(
+        "BlobController::EndTransaction() threw an exception transactionId %d exception %s",
+        static_cast<int>(id), e.what());
     return false;
   }
   ApplyPending();
@@ -172,7 +176,9 @@ bool BlobController::EndTransaction(long long id) {
 // place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
-  const auto isStore = [](const BlobFile::BlobFileEntry& entry) { return entry.op == format::kOpStore; };
+  const auto isStore = [](const BlobFile::BlobFileEntry& entry) {
+    return entry.op == format::kOpStore;
+  };
   const auto stores = std::count_if(pendingEntries.begin(), pendingEntries.end(), isStore);
   blobs.Reserve(blobs.size() + static_cast<std::size_t>(stores));
   pendingByHash.TakeAll([this](BlobIndex::Handle change) {

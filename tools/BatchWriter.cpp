@@ -19,7 +19,8 @@ constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 }  // namespace
 
 long long TransactionId() {
-  return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
       .count();
 }
 

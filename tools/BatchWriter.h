@@ -22,7 +22,8 @@ class BatchWriter {
   };
 
   // Both must outlive this. Lines are appended, in order.
-  BatchWriter(blobring::Store& store, std::string& committedLines) : store_(store), committedLines_(committedLines) {}
+  BatchWriter(blobring::Store& store, std::string& committedLines)
+      : store_(store), committedLines_(committedLines) {}
 
   // Stores a blob, after a commit when enough has come together. Messages call
   // it `name`. Throws Fault, after an attempt to commit what was added before.

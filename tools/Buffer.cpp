@@ -19,7 +19,8 @@ constexpr size_t kFirstReadSize = size_t{64} * 1024;
 constexpr int kReadAttempts = 3;
 
 [[noreturn]] void ThrowTooLarge(const std::string& path) {
-  throw Fault(fmt::format("cannot store {}: it is too large, a blob has at most {} bytes", path, kMaxBlobSize));
+  throw Fault(fmt::format("cannot store {}: it is too large, a blob has at most {} bytes", path,
+                          kMaxBlobSize));
 }
 
 // One read(2) that signals do not end. Throws Fault.
@@ -38,7 +39,8 @@ Bytes ReadToEnd(int fd, uint64_t expected, Buffer& buffer, const std::string& pa
   buffer.Reserve(static_cast<size_t>(expected) + 1);
   for (;;) {
     if (size > kMaxBlobSize) ThrowTooLarge(path);
-    if (size == buffer.capacity()) buffer.Reserve(std::clamp(size * 2, kFirstReadSize, size_t{kMaxBlobSize} + 1));
+    if (size == buffer.capacity())
+      buffer.Reserve(std::clamp(size * 2, kFirstReadSize, size_t{kMaxBlobSize} + 1));
     const size_t got = ReadSome(fd, buffer.data() + size, buffer.capacity() - size, path);
     if (got == 0) return {buffer.data(), size};
     size += got;
@@ -46,7 +48,8 @@ Bytes ReadToEnd(int fd, uint64_t expected, Buffer& buffer, const std::string& pa
 }
 
 bool SameContents(const struct stat& a, const struct stat& b) {
-  return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+  return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+         a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
 struct stat StatOf(int fd, const std::string& path) {
@@ -59,7 +62,8 @@ struct stat StatOf(int fd, const std::string& path) {
 
 unsigned char* Buffer::Reserve(size_t size) {
   if (size <= capacity_) return data_.get();
-  void* grown = std::realloc(data_.get(), size);  // NOLINT(cppcoreguidelines-no-malloc): grows in place
+  void* grown =
+      std::realloc(data_.get(), size);  // NOLINT(cppcoreguidelines-no-malloc): grows in place
   if (grown == nullptr) throw Fault(fmt::format("cannot get {} bytes of memory", size));
   static_cast<void>(data_.release());
   data_.reset(static_cast<unsigned char*>(grown));
@@ -74,14 +78,16 @@ SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
   SourceFile source;
   for (int attempt = 0; attempt < kReadAttempts; ++attempt) {
     const struct stat before = StatOf(fd.get(), path);
-    if (!S_ISREG(before.st_mode)) throw Fault(fmt::format("cannot read {}: it is not a regular file", path));
+    if (!S_ISREG(before.st_mode))
+      throw Fault(fmt::format("cannot read {}: it is not a regular file", path));
     if (static_cast<uint64_t>(before.st_size) > kMaxBlobSize) ThrowTooLarge(path);
     if (attempt > 0 && ::lseek(fd.get(), 0, SEEK_SET) < 0) ThrowErrno("read " + path);
     source.bytes = ReadToEnd(fd.get(), static_cast<uint64_t>(before.st_size), buffer, path);
     const struct stat after = StatOf(fd.get(), path);
     // Files of /proc and the like say 0 bytes and hold more: no sign of a change.
-    source.changed = !SameContents(before, after) ||
-                     (before.st_size != 0 && static_cast<size_t>(before.st_size) != source.bytes.size());
+    source.changed =
+        !SameContents(before, after) ||
+        (before.st_size != 0 && static_cast<size_t>(before.st_size) != source.bytes.size());
     if (!source.changed) break;
   }
   return source;
@@ -106,8 +112,10 @@ Bytes ReadStream(const std::string& path, Buffer& buffer) {
   const struct stat status = StatOf(fd.get(), path);
   if (S_ISDIR(status.st_mode))
     throw Fault(fmt::format("cannot store {}: it is a directory; use `blobring import`", path));
-  if (S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) > kMaxBlobSize) ThrowTooLarge(path);
-  return ReadToEnd(fd.get(), S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0, buffer, path);
+  if (S_ISREG(status.st_mode) && static_cast<uint64_t>(status.st_size) > kMaxBlobSize)
+    ThrowTooLarge(path);
+  return ReadToEnd(fd.get(), S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0,
+                   buffer, path);
 }
 
 }  // namespace tool

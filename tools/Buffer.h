@@ -13,8 +13,8 @@
 namespace tool {
 
 // 2,147,483,531 bytes: alone in a file, in a transaction of its own.
-constexpr uint64_t kMaxBlobSize =
-    format::kMaxFileSize - format::kFileHeaderSize - format::kStartSize - format::kStoreHeadSize - format::kEndSize;
+constexpr uint64_t kMaxBlobSize = format::kMaxFileSize - format::kFileHeaderSize -
+                                  format::kStartSize - format::kStoreHeadSize - format::kEndSize;
 
 // Memory that grows and never shrinks. Nothing is zeroed: what is past the
 // bytes last written is undefined.
@@ -28,7 +28,9 @@ class Buffer {
 
  private:
   struct Free {
-    void operator()(void* block) const { std::free(block); }  // NOLINT(cppcoreguidelines-no-malloc): realloc
+    void operator()(void* block) const {
+      std::free(block);
+    }  // NOLINT(cppcoreguidelines-no-malloc): realloc
   };
   std::unique_ptr<unsigned char[], Free> data_;
   size_t capacity_ = 0;

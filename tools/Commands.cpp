@@ -30,14 +30,16 @@ void MakeDirectory(const std::string& path) {
   stdfs::create_directories(path, code);
   if (code) throw Fault(fmt::format("cannot make the directory {}: {}", path, code.message()));
   for (const stdfs::path& directory : changed)
-    if (::fsync(OpenDirectory(directory.string()).get()) != 0) ThrowErrno("flush the directory " + directory.string());
+    if (::fsync(OpenDirectory(directory.string()).get()) != 0)
+      ThrowErrno("flush the directory " + directory.string());
 }
 
 std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& arguments) {
   std::vector<blobring::Hash> hashes;
   const auto parse = [&](const std::string& text) {
     const std::optional<blobring::Hash> hash = blobring::Hash::parse(text);
-    if (!hash) throw UsageError(fmt::format("\"{}\" is no hash: wanted 32 hexadecimal digits", text));
+    if (!hash)
+      throw UsageError(fmt::format("\"{}\" is no hash: wanted 32 hexadecimal digits", text));
     hashes.push_back(*hash);
   };
   for (const std::string& argument : arguments) {
@@ -55,17 +57,21 @@ std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& argument
 void RequireOwnFiles(const Layout& layout) {
   const size_t journalCount = Layout::CountJournals(layout.store());
   const std::vector<SlotFile> files = ReadSlotFiles(layout);
-  const bool isUsed = std::any_of(files.begin(), files.end(), [](const SlotFile& file) { return file.HasRecords(); });
+  const bool isUsed = std::any_of(files.begin(), files.end(),
+                                  [](const SlotFile& file) { return file.HasRecords(); });
   if (journalCount > layout.slotCount() || (isUsed && journalCount != layout.slotCount()))
-    throw UsageError(fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
-                                 layout.store(), Count(journalCount, "slot"), journalCount));
+    throw UsageError(
+        fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
+                    layout.store(), Count(journalCount, "slot"), journalCount));
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
     const std::string pack = layout.PackPath(slot);
     const std::string inStore = fmt::format("{}/{}.pak", layout.store(), slot);
     const bool isElsewhere = layout.PackDir(slot) != layout.store();
-    if (stdfs::exists(pack) && (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
+    if (stdfs::exists(pack) &&
+        (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
       throw UsageError(
-          fmt::format("{} is not a pack of {}, it may be another store's; nothing was changed", pack, layout.store()));
+          fmt::format("{} is not a pack of {}, it may be another store's; nothing was changed",
+                      pack, layout.store()));
   }
 }
 
@@ -76,12 +82,14 @@ std::vector<std::string> FilesSetAside(const Layout& layout) {
   std::vector<std::string> paths;
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory))
-      if (entry.path().filename().string().find(".kept-") != std::string::npos) paths.push_back(entry.path().string());
+      if (entry.path().filename().string().find(".kept-") != std::string::npos)
+        paths.push_back(entry.path().string());
   return paths;
 }
 
 struct PutSession {
-  PutSession(const StoreOptions& at, std::string& lines) : open(at, Access::kChange), writer(open.store, lines) {}
+  PutSession(const StoreOptions& at, std::string& lines)
+      : open(at, Access::kChange), writer(open.store, lines) {}
   OpenStore open;
   BatchWriter writer;
 };
@@ -126,9 +134,10 @@ ExitStatus Init(const StoreOptions& options) {
   if (Layout::Exists(options.directory)) {
     const Layout present = Layout::Read(options.directory);
     if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
-      throw UsageError(fmt::format("{} is a store with {} already; that cannot be changed", options.directory,
-                                   present.Description()));
-    Say(fmt::format("{} is a store with {} already; nothing was changed", options.directory, present.Description()));
+      throw UsageError(fmt::format("{} is a store with {} already; that cannot be changed",
+                                   options.directory, present.Description()));
+    Say(fmt::format("{} is a store with {} already; nothing was changed", options.directory,
+                    present.Description()));
     return kSuccess;
   }
   RequireOwnFiles(wanted);
@@ -154,7 +163,8 @@ ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
   return all ? kSuccess : kFault;
 }
 
-ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes, const std::string& output) {
+ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
+               const std::string& output) {
   LayoutOf(at, Access::kLook);
   const std::vector<blobring::Hash> keys = ParseHashes(hashes);
   Output out(output, Existing::kReplace);
@@ -213,10 +223,12 @@ ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes
     }
   }
   change.commit();
-  Say(fmt::format("{} deleted; `blobring repack` gives the space back{}", Count(keys.size() - absentCount, "blob"),
-                  open.layout.slotCount() == 1
-                      ? ""
-                      : fmt::format(" once it has gone through all {} slots", open.layout.slotCount())));
+  Say(fmt::format(
+      "{} deleted; `blobring repack` gives the space back{}",
+      Count(keys.size() - absentCount, "blob"),
+      open.layout.slotCount() == 1
+          ? ""
+          : fmt::format(" once it has gone through all {} slots", open.layout.slotCount())));
   return absentCount == 0 ? kSuccess : kFault;
 }
 
@@ -235,17 +247,21 @@ ExitStatus Stat(const StoreOptions& at) {
     const auto row = [](std::string_view name, uint64_t bytes) {
       return fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
     };
-    text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount, current,
-                       statistics.sequence, statistics.blobCount);
-    text += row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) + row("files", fileBytes);
-    const auto line = [&text](auto slot, auto size, auto used, auto sequence, auto state, auto path) {
-      text += fmt::format("{:>5} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, size, used, sequence, state, path);
+    text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount,
+                       current, statistics.sequence, statistics.blobCount);
+    text += row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) +
+            row("files", fileBytes);
+    const auto line = [&text](auto slot, auto size, auto used, auto sequence, auto state,
+                              auto path) {
+      text += fmt::format("{:>5} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, size, used, sequence,
+                          state, path);
     };
     text += '\n';
     line("slot ", "size", "in use", "sequence", "header", "file");
     for (size_t i = 0; i < files.size(); ++i)
-      line(fmt::format("{}{}", i / 2, i / 2 == current ? '*' : ' '), files[i].size, files[i].header.endOffset,
-           files[i].header.sequence, files[i].StateName(), files[i].path);
+      line(fmt::format("{}{}", i / 2, i / 2 == current ? '*' : ' '), files[i].size,
+           files[i].header.endOffset, files[i].header.sequence, files[i].StateName(),
+           files[i].path);
   }
   Print(text);
   return sound ? kSuccess : kFault;
@@ -263,17 +279,20 @@ ExitStatus Check(const StoreOptions& at) {
   for (const std::string& line : errors.lines) Say(line);
   for (const std::string& path : FilesSetAside(open.layout))
     Say(
-        fmt::format("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage {} NEW` "
+        fmt::format("{} was set aside because it was damaged; what is lost may be in it, and "
+                    "`blobring salvage {} NEW` "
                     "reads it",
                     path, at.directory));
   const bool sound = checked == blobring::Store::Checked::Sound && !open.damaged;
-  Say(fmt::format("checked {}, {}: {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes),
+  Say(fmt::format("checked {}, {}: {}", Count(statistics.blobCount, "blob"),
+                  HumanSize(statistics.liveBytes),
                   sound ? "every blob is sound" : "the store is damaged"));
   if (!sound)
-    Say(fmt::format(
-        "`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` restores "
-        "files from what is shown; or restore a backup",
-        at.directory));
+    Say(
+        fmt::format("`blobring salvage {} NEW` copies all that can be read into a new store, "
+                    "`blobring export` restores "
+                    "files from what is shown; or restore a backup",
+                    at.directory));
   return sound ? kSuccess : kFault;
 }
 
@@ -282,9 +301,11 @@ ExitStatus Repack(const StoreOptions& at, bool force) {
   const uint64_t dead = DeadBytes(open.store.stats());
   open.store.repack();
   const BCStatistics after = open.store.stats();
-  Say(fmt::format("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
-                  Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
-                  static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence, HumanSize(dead)));
+  Say(fmt::format(
+      "repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
+      Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
+      static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence,
+      HumanSize(dead)));
   return kSuccess;
 }
 

@@ -22,7 +22,8 @@ ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files);
 // Writes blobs, one after the other, to standard output or a file (see Output).
 // Hashes may come from standard input ("-"). Blobs that cannot be read are
 // named; the others go on, unless there is only one.
-ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes, const std::string& output);
+ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
+               const std::string& output);
 
 // Prints all hashes in ascending order, with sizes when `longForm`.
 ExitStatus List(const StoreOptions& at, bool longForm);

@@ -66,8 +66,8 @@ std::string Printable(std::string_view text, bool keepLines) {
       state = {};
       size = 1;
     }
-    const bool keep =
-        valid && (std::iswprint(static_cast<std::wint_t>(character)) != 0 || (keepLines && character == L'\n'));
+    const bool keep = valid && (std::iswprint(static_cast<std::wint_t>(character)) != 0 ||
+                                (keepLines && character == L'\n'));
     shown += keep ? text.substr(0, size) : "?";
     text.remove_prefix(size);
   }
@@ -108,7 +108,8 @@ void Progress::Show(uint64_t items, uint64_t bytes) {
   std::string line = fmt::format("{} {}", verb_, items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
   if (bytes_ != 0) {
-    const auto rate = static_cast<uint64_t>(static_cast<double>(bytes_) / std::max(Elapsed(), 0.001));
+    const auto rate =
+        static_cast<uint64_t>(static_cast<double>(bytes_) / std::max(Elapsed(), 0.001));
     line += ", " + HumanSize(bytes_);
     if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
     line += fmt::format(", {}/s", HumanSize(rate));

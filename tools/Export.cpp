@@ -13,8 +13,8 @@ namespace tool {
 namespace {
 
 // Restores one file. Returns its size, or nothing after saying why not.
-std::optional<uint64_t> Restore(const ManifestEntry& entry, Existing existing, const OpenStore& open,
-                                TargetTree& target, Buffer& buffer) {
+std::optional<uint64_t> Restore(const ManifestEntry& entry, Existing existing,
+                                const OpenStore& open, TargetTree& target, Buffer& buffer) {
   std::string what = entry.name + ": ";
   try {
     const Bytes blob = open.Fetch(entry.hash, buffer);
@@ -33,10 +33,10 @@ ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   for (const ManifestEntry& entry : entries)
     if (!TargetTree::IsSafeName(entry.name))
-      throw UsageError(
-          fmt::format("{} names \"{}\", which is not a file below the directory to restore into; nothing "
-                      "was written",
-                      options.manifest, entry.name));
+      throw UsageError(fmt::format(
+          "{} names \"{}\", which is not a file below the directory to restore into; nothing "
+          "was written",
+          options.manifest, entry.name));
 
   const OpenStore open(at, Access::kLook);
   TargetTree target(options.directory);
@@ -52,8 +52,8 @@ ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
     progress.Advance(size.value_or(0));
   }
   target.Sync();
-  Say(fmt::format("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"), HumanSize(byteCount),
-                  progress.Elapsed()));
+  Say(fmt::format("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
+                  HumanSize(byteCount), progress.Elapsed()));
   if (failureCount == 0) return open.damaged ? kFault : kSuccess;
   Say(fmt::format("{} not restored{}", Count(failureCount, "file"),
                   options.force ? "" : "; --force replaces files that exist"));

@@ -39,8 +39,8 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
 }
 
 // Stores one file and counts it. Nothing in a file can throw here, only the store.
-void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& buffer, BatchWriter& writer,
-                Totals& totals) {
+void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& buffer,
+                BatchWriter& writer, Totals& totals) {
   SourceFile source;
   try {
     source = ReadRegularFile(tree.PathOf(file), buffer);
@@ -64,19 +64,23 @@ void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& bu
 }
 
 void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
-  Say(fmt::format("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"), HumanSize(totals.byteCount),
-                  seconds));
+  Say(fmt::format("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
+                  HumanSize(totals.byteCount), seconds));
   Say(fmt::format("{} stored, {}; {} had contents that the store holds already, which saved {}",
                   Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
-                  Count(totals.fileCount - totals.newCount, "file"), HumanSize(totals.byteCount - totals.newBytes)));
+                  Count(totals.fileCount - totals.newCount, "file"),
+                  HumanSize(totals.byteCount - totals.newBytes)));
   const uint64_t leftOut = tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount;
   if (leftOut != 0)
-    Say(fmt::format("left out: {}, {}, {} of the store or the manifest", Count(tree.symbolicLinkCount, "symbolic link"),
-                    Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file")));
+    Say(fmt::format("left out: {}, {}, {} of the store or the manifest",
+                    Count(tree.symbolicLinkCount, "symbolic link"),
+                    Count(tree.specialFileCount, "special file"),
+                    Count(tree.excludedCount, "file")));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
     Say(fmt::format("{} could not be stored and {} not in the manifest",
-                    failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are"));
+                    failed == 1 ? "1 entry" : fmt::format("{} entries", failed),
+                    failed == 1 ? "is" : "are"));
 }
 
 }  // namespace
@@ -84,7 +88,8 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
 ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
   const Layout layout = LayoutOf(at, Access::kChange);
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
-  const SourceTree tree = SourceTree::List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
+  const SourceTree tree =
+      SourceTree::List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
   std::string lines;
   Totals totals;
   Progress progress("importing", tree.files.size(), tree.byteCount);

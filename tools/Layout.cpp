@@ -22,9 +22,12 @@ constexpr size_t kDefaultSlots = 2;
 std::string RecordedDir(const std::string& store, const std::string& dir) {
   namespace stdfs = std::filesystem;
   const std::string absolute = stdfs::weakly_canonical(stdfs::absolute(dir)).string();
-  if (absolute == stdfs::weakly_canonical(stdfs::absolute(store)).string()) return layout::kOwnDirectory;
-  if (absolute.find('\n') != std::string::npos) throw UsageError("a pack directory cannot have a newline in its name");
-  return absolute.size() > 1 && absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1) : absolute;
+  if (absolute == stdfs::weakly_canonical(stdfs::absolute(store)).string())
+    return layout::kOwnDirectory;
+  if (absolute.find('\n') != std::string::npos)
+    throw UsageError("a pack directory cannot have a newline in its name");
+  return absolute.size() > 1 && absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1)
+                                                        : absolute;
 }
 
 }  // namespace
@@ -33,7 +36,8 @@ Layout::Layout(std::string store, size_t slotCount, const std::vector<std::strin
     : store_(std::move(store)) {
   if (slotCount == 0) slotCount = std::max(kDefaultSlots, packDirs.size());
   if (slotCount < packDirs.size())
-    throw UsageError(fmt::format("{} pack directories are more than {} slots can use", packDirs.size(), slotCount));
+    throw UsageError(fmt::format("{} pack directories are more than {} slots can use",
+                                 packDirs.size(), slotCount));
   for (size_t slot = 0; slot < slotCount; ++slot)
     packDirs_.push_back(packDirs.empty() ? layout::kOwnDirectory
                                          : RecordedDir(store_, packDirs[slot % packDirs.size()]));
@@ -50,12 +54,13 @@ bool Layout::Exists(const std::string& store) {
 
 Layout Layout::Read(const std::string& store) {
   if (!Exists(store))
-    throw Fault(
-        fmt::format("{} is not a store: it has no {}; `blobring init {}` makes one", store, layout::kFileName, store));
+    throw Fault(fmt::format("{} is not a store: it has no {}; `blobring init {}` makes one", store,
+                            layout::kFileName, store));
   Buffer buffer;
   const Bytes bytes = ReadRegularFile(ConfPath(store), buffer).bytes;
   Layout read(store);
-  read.packDirs_ = layout::Parse(ConfPath(store), {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  read.packDirs_ =
+      layout::Parse(ConfPath(store), {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   return read;
 }
 
@@ -68,7 +73,8 @@ size_t Layout::CountJournals(const std::string& store) {
 
 void Layout::Write() const {
   std::string text =
-      "# The slots of this store, in their order: slot k has its pack k.pak in the directory named and its\n"
+      "# The slots of this store, in their order: slot k has its pack k.pak in the directory named "
+      "and its\n"
       "# journal k.jrn here. Other slots, or another order, would hide what is stored.\n";
   text += fmt::format("{}\n", layout::kFirstLine);
   for (const std::string& dir : packDirs_) text += fmt::format("{}{}\n", layout::kSlotWord, dir);
@@ -93,7 +99,8 @@ std::string Layout::JournalPath(size_t slot) const {
 
 std::string Layout::Description() const {
   const std::set<std::string> dirs(packDirs_.begin(), packDirs_.end());
-  return fmt::format("{} slot{}, packs in {}", slotCount(), slotCount() == 1 ? "" : "s", fmt::join(dirs, " and "));
+  return fmt::format("{} slot{}, packs in {}", slotCount(), slotCount() == 1 ? "" : "s",
+                     fmt::join(dirs, " and "));
 }
 
 }  // namespace tool

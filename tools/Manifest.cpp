@@ -79,7 +79,8 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     if (line.starts_with('#')) continue;
     std::optional<ManifestEntry> entry = ParseLine(line);
     if (!entry)
-      throw UsageError(fmt::format("{} line {}: wanted a hash of 32 digits, two spaces and a name", path, number));
+      throw UsageError(fmt::format("{} line {}: wanted a hash of 32 digits, two spaces and a name",
+                                   path, number));
     entries.push_back(*std::move(entry));
   }
   return entries;

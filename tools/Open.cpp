@@ -34,16 +34,18 @@ void RequireLoadable(const Layout& layout) {
   }
   const SlotFile& pack = files.front();
   if (isUsed)
-    throw Fault(
-        fmt::format("no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
-                    "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; or "
-                    "restore a backup",
-                    pack.path, pack.header.sequence, pack.header.endOffset, pack.size, layout.store()));
+    throw Fault(fmt::format(
+        "no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
+        "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; "
+        "or "
+        "restore a backup",
+        pack.path, pack.header.sequence, pack.header.endOffset, pack.size, layout.store()));
 }
 
 blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access) {
   blobring::Options raw;
-  for (size_t slot = 0; slot < layout.slotCount(); ++slot) raw.packDirectories.emplace_back(layout.PackDir(slot));
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot)
+    raw.packDirectories.emplace_back(layout.PackDir(slot));
   raw.eraseDamaged = options.eraseDamaged;
   raw.mustExist = access != Access::kCreate;
   raw.readOnly = access == Access::kLook;
@@ -68,15 +70,18 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
 // The number behind "GetLastError" in a message of the library; 0 without one.
 int SystemCode(std::string_view text) {
   const size_t mark = text.find("GetLastError");
-  const size_t digit = mark == std::string_view::npos ? mark : text.find_first_of("0123456789", mark);
+  const size_t digit =
+      mark == std::string_view::npos ? mark : text.find_first_of("0123456789", mark);
   int code = 0;
-  if (digit != std::string_view::npos) std::from_chars(text.data() + digit, text.data() + text.size(), code);
+  if (digit != std::string_view::npos)
+    std::from_chars(text.data() + digit, text.data() + text.size(), code);
   return code;
 }
 
 // What a user can do; null for nothing in particular.
 const char* AdviceFor(std::string_view text, int code) {
-  if (code == BLOBRING_ERROR_HELD) return "another process has the store open; wait until it is done and try again";
+  if (code == BLOBRING_ERROR_HELD)
+    return "another process has the store open; wait until it is done and try again";
   if (text.find("no room for") != std::string_view::npos)
     return "the journal is full; run `blobring repack` and try again, what was committed is safe";
   // Codes of the Win32 API reference.
@@ -108,7 +113,8 @@ Layout LayoutOf(const StoreOptions& options, Access access) {
   const bool isSaid = options.slotCount != 0 || !options.packDirs.empty();
   if (access == Access::kCreate) return Layout(store, options.slotCount, options.packDirs);
   if (access != Access::kLook || (!isSaid && Layout::Exists(store))) return Layout::Read(store);
-  const size_t slotCount = options.slotCount != 0 ? options.slotCount : Layout::CountJournals(store);
+  const size_t slotCount =
+      options.slotCount != 0 ? options.slotCount : Layout::CountJournals(store);
   if (slotCount == 0) return Layout::Read(store);  // which says that there is no store
   Layout said(store, slotCount, options.packDirs);
   if (Layout::Exists(store) && !said.SameSlots(Layout::Read(store)))
@@ -117,18 +123,21 @@ Layout LayoutOf(const StoreOptions& options, Access access) {
 }
 
 OpenStore::OpenStore(const StoreOptions& options, Access access)
-    : layout(LayoutOf(options, access)), store(Open(options, layout, access)), damaged(store.stats().damaged != 0) {
+    : layout(LayoutOf(options, access)),
+      store(Open(options, layout, access)),
+      damaged(store.stats().damaged != 0) {
   if (damaged && access == Access::kChange && !options.eraseDamaged)
-    throw Fault(
-        fmt::format("the store {0} is damaged (see above) and takes no changes while this is reported: "
-                    "`blobring salvage {0} NEW` copies all that can be read into a new store; or restore a "
-                    "backup, or go on with what is shown by `blobring repack --force {0}`",
-                    layout.store()));
+    throw Fault(fmt::format(
+        "the store {0} is damaged (see above) and takes no changes while this is reported: "
+        "`blobring salvage {0} NEW` copies all that can be read into a new store; or restore a "
+        "backup, or go on with what is shown by `blobring repack --force {0}`",
+        layout.store()));
 }
 
 std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash) {
   const int size = BCGetSize(store.index(), hash.data());
-  if (size < -1) throw Fault(fmt::format("cannot look up {}: {}", hash.text(), store.lastFailure()));
+  if (size < -1)
+    throw Fault(fmt::format("cannot look up {}: {}", hash.text(), store.lastFailure()));
   return size < 0 ? std::nullopt : std::optional<size_t>(size);
 }
 

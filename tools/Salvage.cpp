@@ -48,7 +48,8 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
   static const std::regex kForm(R"((0|[1-9][0-9]{0,8})\.(pak|jrn)(\.kept-[0-9]+|\.new)?)");
   std::error_code code;
   std::set<std::string> names;
-  for (const auto& entry : stdfs::directory_iterator(directory, code)) names.insert(entry.path().filename());
+  for (const auto& entry : stdfs::directory_iterator(directory, code))
+    names.insert(entry.path().filename());
   if (code) throw Fault(fmt::format("cannot read the directory {}: {}", directory, code.message()));
   for (const std::string& name : names) {
     std::smatch match;
@@ -76,7 +77,8 @@ void FindLive(uint64_t slotCount, SalvagedFiles& found) {
   for (const SalvagedFile& file : found.files) {
     if (!file.isPack || file.suffix == ".new" || !file.isSound() || file.sequence() < 0) continue;
     const bool isNewer = pack == nullptr || file.sequence() > pack->sequence();
-    if (isNewer || (file.sequence() == pack->sequence() && file.suffix < pack->suffix)) pack = &file;
+    if (isNewer || (file.sequence() == pack->sequence() && file.suffix < pack->suffix))
+      pack = &file;
   }
   if (pack == nullptr) return;
   const uint64_t slot = static_cast<uint64_t>(pack->sequence()) % slotCount;
@@ -85,8 +87,10 @@ void FindLive(uint64_t slotCount, SalvagedFiles& found) {
   for (const SalvagedFile& file : found.files) {
     if (file.isPack || file.suffix != pack->suffix || !file.failure.empty()) continue;
     if (file.slot == slot) journal = &file;
-    const bool isOfPack = file.sequence() == pack->sequence() || file.sequence() == format::kSequenceReset;
-    if (file.isSound() && !isOfPack) agrees = agrees && file.slot != slot && file.sequence() < pack->sequence();
+    const bool isOfPack =
+        file.sequence() == pack->sequence() || file.sequence() == format::kSequenceReset;
+    if (file.isSound() && !isOfPack)
+      agrees = agrees && file.slot != slot && file.sequence() < pack->sequence();
   }
   if (journal == nullptr || !agrees) return;
   found.newestPack = pack;
@@ -101,7 +105,8 @@ void FindLive(uint64_t slotCount, SalvagedFiles& found) {
 }
 
 bool LiesIn(const std::string& path, const std::string& directory) {
-  const stdfs::path relative = stdfs::weakly_canonical(path).lexically_relative(stdfs::weakly_canonical(directory));
+  const stdfs::path relative =
+      stdfs::weakly_canonical(path).lexically_relative(stdfs::weakly_canonical(directory));
   return !relative.empty() && *relative.begin() != "..";
 }
 
@@ -111,8 +116,9 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
   directories.insert(directories.end(), options.packDirs.begin(), options.packDirs.end());
   uint64_t slotCount = 1;
   try {
-    const std::optional<Layout> layout =
-        Layout::Exists(options.directory) ? std::optional(Layout::Read(options.directory)) : std::nullopt;
+    const std::optional<Layout> layout = Layout::Exists(options.directory)
+                                             ? std::optional(Layout::Read(options.directory))
+                                             : std::nullopt;
     if (layout) slotCount = layout->slotCount();
     for (size_t slot = 0; layout && slot < slotCount; ++slot) {
       if (stdfs::exists(layout->PackDir(slot))) directories.push_back(layout->PackDir(slot));
@@ -125,10 +131,13 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
   std::set<std::string> seen;
   for (const std::string& directory : directories)
     if (LiesIn(options.store, directory) || LiesIn(directory, options.store))
-      throw UsageError(fmt::format("{} and {} must not contain each other", options.store, directory));
+      throw UsageError(
+          fmt::format("{} and {} must not contain each other", options.store, directory));
   for (const std::string& directory : directories)
-    if (seen.insert(stdfs::weakly_canonical(directory)).second) ScanDirectory(directory, found.files);
-  if (found.files.empty()) throw Fault(fmt::format("{} holds no pack and no journal", options.directory));
+    if (seen.insert(stdfs::weakly_canonical(directory)).second)
+      ScanDirectory(directory, found.files);
+  if (found.files.empty())
+    throw Fault(fmt::format("{} holds no pack and no journal", options.directory));
   for (const SalvagedFile& file : found.files)
     if (file.suffix.empty()) slotCount = std::max(slotCount, file.slot + 1);
   FindLive(slotCount, found);
@@ -153,21 +162,27 @@ bool PrintFile(const SalvagedFile& file) {
     text += scan.state == Header::kNew ? "  header: new, no records\n" : "  header: damaged\n";
   }
   if (file.failure.empty())
-    text += fmt::format("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
+    text += fmt::format("  found: {}, {}, {}\n",
+                        Count(scan.completeTransactions, "complete transaction"),
                         Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
-  if (scan.incompleteTransactions != 0) note(true, Count(scan.incompleteTransactions, "incomplete transaction"));
+  if (scan.incompleteTransactions != 0)
+    note(true, Count(scan.incompleteTransactions, "incomplete transaction"));
   // Under the header of a journal that was set aside there is only a part of it.
-  if (scan.CountDiffers() && file.suffix.empty()) note(true, "the header counts other records than were found");
+  if (scan.CountDiffers() && file.suffix.empty())
+    note(true, "the header counts other records than were found");
   for (const auto& [begin, end] : scan.unreadable)
-    note(begin < scan.committedEnd,
-         fmt::format("{:#x}-{:#x}: {}, cannot be read from the disk", begin, end, Count(end - begin, "byte")));
+    note(begin < scan.committedEnd, fmt::format("{:#x}-{:#x}: {}, cannot be read from the disk",
+                                                begin, end, Count(end - begin, "byte")));
   for (const auto& [begin, end] : scan.noRecord)
-    note(begin < scan.committedEnd, fmt::format("{:#x}-{:#x}: {}, no record", begin, end, Count(end - begin, "byte")));
+    note(begin < scan.committedEnd,
+         fmt::format("{:#x}-{:#x}: {}, no record", begin, end, Count(end - begin, "byte")));
   for (const SalvagedRecord& record : scan.records)
     if (record.kind == Kind::kBroken)
       note(scan.IsCommitted(record),
-           fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(), Count(record.blobSize, "byte"),
-                       record.end() > scan.fileSize ? "runs past the end of the file" : "does not match its hash"));
+           fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(),
+                       Count(record.blobSize, "byte"),
+                       record.end() > scan.fileSize ? "runs past the end of the file"
+                                                    : "does not match its hash"));
   if (scan.stoppedProbing) note(true, "too much looks like a record: some places were not tried");
   Print(text);
   return sound;
@@ -175,7 +190,8 @@ bool PrintFile(const SalvagedFile& file) {
 
 // Copies every blob that was found into the store, each once. Returns the line of the
 // report; clears `complete` if one could not be read once more.
-std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store, bool& complete) {
+std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store,
+                      bool& complete) {
   std::string unused;
   BatchWriter writer(store, unused);
   Buffer buffer;
@@ -195,9 +211,11 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
         continue;
       }
       const Bytes blob(buffer.Reserve(std::max<size_t>(record.blobSize, 1)), record.blobSize);
-      if (record.end() <= file.size()) file.Read(record.dataOffset(), buffer.data(), record.blobSize);
+      if (record.end() <= file.size())
+        file.Read(record.dataOffset(), buffer.data(), record.blobSize);
       if (record.end() > file.size() || blobring::Hash::of(std::as_bytes(blob)) != record.hash) {
-        Say(fmt::format("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(), record.offset));
+        Say(fmt::format("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(),
+                        record.offset));
         complete = false;
         continue;
       }
@@ -215,8 +233,10 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
     }
   }
   writer.Commit();
-  std::string text = fmt::format("recovered: {}, {} bytes", Count(copied.size(), "blob"), copiedBytes);
-  if (found.live) text += fmt::format("; {} live, {} not live", liveCount, copied.size() - liveCount);
+  std::string text =
+      fmt::format("recovered: {}, {} bytes", Count(copied.size(), "blob"), copiedBytes);
+  if (found.live)
+    text += fmt::format("; {} live, {} not live", liveCount, copied.size() - liveCount);
   if (!leftBehind.empty()) text += fmt::format("; {} left behind", leftBehind.size());
   return text + "\n";
 }
@@ -240,16 +260,18 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
   } catch (const Fault& fault) {
     cause = fault.what();
   }
-  throw Fault(fmt::format(
-      "salvage stopped early: {}; {} holds what was committed until then, remove it before the next attempt", cause,
-      options.store));
+  throw Fault(
+      fmt::format("salvage stopped early: {}; {} holds what was committed until then, remove it "
+                  "before the next attempt",
+                  cause, options.store));
 }
 
 }  // namespace
 
 ExitStatus Salvage(const SalvageOptions& options) {
   if (stdfs::exists(options.store) && !stdfs::is_empty(options.store))
-    throw UsageError(fmt::format("{} exists and is not an empty directory; nothing was written", options.store));
+    throw UsageError(
+        fmt::format("{} exists and is not an empty directory; nothing was written", options.store));
   const SalvagedFiles found = ScanAll(options);
   bool sound = found.missing.empty();
   for (const SalvagedFile& file : found.files) sound = PrintFile(file) && sound;
@@ -258,7 +280,8 @@ ExitStatus Salvage(const SalvageOptions& options) {
     Print(fmt::format("newest generation: {}, sequence {}, {} found\n", found.newestPack->path,
                       found.newestPack->sequence(), Count(found.live->size(), "live blob")));
   else
-    Print(fmt::format("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : ""));
+    Print(fmt::format("cannot tell which blobs are live{}\n",
+                      options.liveOnly ? "; all are taken" : ""));
   sound = MakeStore(found, options) && sound;
   Print(sound ? "no damage was found\n" : "damage was found, see above\n");
   return sound ? kSuccess : kFault;

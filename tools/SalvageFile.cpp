@@ -57,10 +57,12 @@ Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end) {
   return gaps;
 }
 
-SalvageFile::SalvageFile(const std::string& path) : fd_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
+SalvageFile::SalvageFile(const std::string& path)
+    : fd_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
   struct stat status = {};
   if (!fd_.valid() || ::fstat(fd_.get(), &status) != 0) ThrowErrno("read " + path);
-  if (!S_ISREG(status.st_mode)) throw Fault(fmt::format("cannot read {}: not a regular file", path));
+  if (!S_ISREG(status.st_mode))
+    throw Fault(fmt::format("cannot read {}: not a regular file", path));
   size_ = static_cast<uint64_t>(status.st_size);
 }
 
@@ -72,7 +74,8 @@ void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) 
     const size_t part = std::min<size_t>(end - offset, kBlockSize - offset % kBlockSize);
     const size_t got = Contains(unreadable_, offset) ? 0 : ReadAt(fd_.get(), to, part, offset);
     std::memset(to + got, 0, part - got);
-    if (got < part) Add(unreadable_, offset + got, std::min(size_, offset - offset % kBlockSize + kBlockSize));
+    if (got < part)
+      Add(unreadable_, offset + got, std::min(size_, offset - offset % kBlockSize + kBlockSize));
     offset += part;
     to += part;
   }

@@ -79,13 +79,14 @@ class Scanner {
 };
 
 Head Scanner::HeadAt(uint64_t at) const {
-  constexpr std::array<uint64_t, 4> kSizes = {format::kStoreHeadSize, format::kDeleteSize, format::kStartSize,
-                                              format::kEndSize};
+  constexpr std::array<uint64_t, 4> kSizes = {format::kStoreHeadSize, format::kDeleteSize,
+                                              format::kStartSize, format::kEndSize};
   Head head;
   head.left = file_.size() - at;
   file_.Read(at, head.bytes.data(), std::min<uint64_t>(head.left, head.bytes.size()));
   const auto op = static_cast<uint32_t>(head.op().op);
-  if (op < kSizes.size() && kSizes[op] <= head.left) head.size = kSizes[op] + (head.isStore() ? head.blobSize() : 0);
+  if (op < kSizes.size() && kSizes[op] <= head.left)
+    head.size = kSizes[op] + (head.isStore() ? head.blobSize() : 0);
   return head;
 }
 
@@ -122,7 +123,8 @@ void Scanner::StartTransaction(uint64_t at, const Head& head, uint64_t limit) {
   const auto block = format::TransactionBlock::Decode(head.body());
   const uint64_t body = at + format::kStartSize;
   const uint64_t end = body + block.length;
-  if (at >= transaction_ && end + format::kEndSize <= limit && HeadAt(end).op().op == format::kOpEndTransaction) {
+  if (at >= transaction_ && end + format::kEndSize <= limit &&
+      HeadAt(end).op().op == format::kOpEndTransaction) {
     transaction_ = end;
     if (file_.Digest(body, block.length) == HashAt(block.digest)) {
       completeEnd_ = end + format::kEndSize;
@@ -148,7 +150,8 @@ uint64_t Scanner::Follow(uint64_t at, uint64_t limit) {
   while (at < limit) {
     file_.From(at, format::kStartSize);
     const Head head = HeadAt(at);
-    if (head.size == 0 || Contains(known_, at)) return at;  // nothing, or followed before from elsewhere
+    if (head.size == 0 || Contains(known_, at))
+      return at;  // nothing, or followed before from elsewhere
     if (!head.isStore())
       FollowStructure(at, head, limit);
     else if (!FollowStore(at, head, limit))
@@ -161,12 +164,14 @@ uint64_t Scanner::Follow(uint64_t at, uint64_t limit) {
 // Whether there is a blob here, where nothing says that there must be one.
 bool Scanner::IsBlob(uint64_t at, const Head& head, uint64_t end) {
   if (head.size > end - at || !LooksLikeDigest(head.body())) return false;
-  uint64_t& spent = spent_[LooksLikeRecord(at + head.size) ? 1 : 0].at(std::bit_width(head.blobSize()) / 2);
+  uint64_t& spent =
+      spent_[LooksLikeRecord(at + head.size) ? 1 : 0].at(std::bit_width(head.blobSize()) / 2);
   if (spent > mostInVain_) {
     scan_.stoppedProbing = scan_.stoppedProbing || at < scan_.committedEnd;
     return false;
   }
-  if (file_.Digest(at + format::kStoreHeadSize, head.blobSize()) == HashAt(head.body())) return true;
+  if (file_.Digest(at + format::kStoreHeadSize, head.blobSize()) == HashAt(head.body()))
+    return true;
   spent += head.blobSize();
   return false;
 }
@@ -215,7 +220,8 @@ void Scanner::Run() {
     return record.kind == Kind::kBroken &&
            (Contains(verified_, record.offset) || Contains(verified_, record.dataOffset() - 1));
   });
-  std::sort(records.begin(), records.end(), [](const auto& a, const auto& b) { return a.offset < b.offset; });
+  std::sort(records.begin(), records.end(),
+            [](const auto& a, const auto& b) { return a.offset < b.offset; });
   const auto isSame = [](const auto& a, const auto& b) { return a.offset == b.offset; };
   records.erase(std::unique(records.begin(), records.end(), isSame), records.end());
   for (const SalvagedRecord& record : records) {
@@ -236,7 +242,8 @@ SalvageScan Scan(SalvageFile& file) {
   if (scan.header.endOffset >= bytes.size() && scan.header.endOffset <= file.size()) {
     scan.state = SalvageScan::Header::kSound;
     scan.committedEnd = scan.header.endOffset;
-  } else if (file.size() > bytes.size() || (file.size() == bytes.size() && SkipZeros(bytes, 0) < bytes.size())) {
+  } else if (file.size() > bytes.size() ||
+             (file.size() == bytes.size() && SkipZeros(bytes, 0) < bytes.size())) {
     scan.state = SalvageScan::Header::kDamaged;
   }
   Scanner(file, scan).Run();

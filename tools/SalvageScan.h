@@ -23,7 +23,9 @@ struct SalvagedRecord {
   blobring::Hash hash;
 
   uint64_t dataOffset() const { return offset + format::kStoreHeadSize; }
-  uint64_t end() const { return kind == Kind::kDelete ? offset + format::kDeleteSize : dataOffset() + blobSize; }
+  uint64_t end() const {
+    return kind == Kind::kDelete ? offset + format::kDeleteSize : dataOffset() + blobSize;
+  }
 };
 
 struct SalvageScan {
@@ -44,7 +46,9 @@ struct SalvageScan {
   bool stoppedProbing = false;  // some places before committedEnd were not tried
 
   bool CountDiffers() const { return state == Header::kSound && recordCount != header.recordCount; }
-  bool IsCommitted(const SalvagedRecord& record) const { return std::min(record.end(), fileSize) <= committedEnd; }
+  bool IsCommitted(const SalvagedRecord& record) const {
+    return std::min(record.end(), fileSize) <= committedEnd;
+  }
 };
 
 // Follows the records from the header on; where they break off, from the end of the

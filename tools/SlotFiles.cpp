@@ -27,8 +27,10 @@ SlotFile Inspect(const std::string& path) {
     ThrowErrno("read " + path);
   file.size = static_cast<uint64_t>(status.st_size);
   file.header = format::FileHeader::Decode(bytes.data());
-  const bool isZero = std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
-  const bool isPossible = file.header.endOffset >= bytes.size() && file.header.endOffset <= file.size &&
+  const bool isZero =
+      std::all_of(bytes.begin(), bytes.end(), [](unsigned char byte) { return byte == 0; });
+  const bool isPossible = file.header.endOffset >= bytes.size() &&
+                          file.header.endOffset <= file.size &&
                           static_cast<int32_t>(file.header.recordCount) >= 0;
   if (file.size < bytes.size() || (isZero && file.size == bytes.size()))
     file.state = State::kNew;
@@ -40,8 +42,9 @@ SlotFile Inspect(const std::string& path) {
 }  // namespace
 
 bool SlotFile::IsLoadable() const {
-  return state == State::kNew || (header.version == format::kVersion && header.mode <= 1 && header.sequence >= 0 &&
-                                  static_cast<int32_t>(header.recordCount) >= 0);
+  return state == State::kNew ||
+         (header.version == format::kVersion && header.mode <= 1 && header.sequence >= 0 &&
+          static_cast<int32_t>(header.recordCount) >= 0);
 }
 
 std::string_view SlotFile::StateName() const {
@@ -52,7 +55,8 @@ std::string_view SlotFile::StateName() const {
 std::vector<SlotFile> ReadSlotFiles(const Layout& layout) {
   std::vector<SlotFile> files;
   for (size_t slot = 0; slot < layout.slotCount(); ++slot)
-    for (const std::string& path : {layout.PackPath(slot), layout.JournalPath(slot)}) files.push_back(Inspect(path));
+    for (const std::string& path : {layout.PackPath(slot), layout.JournalPath(slot)})
+      files.push_back(Inspect(path));
   return files;
 }
 

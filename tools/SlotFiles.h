@@ -28,7 +28,9 @@ struct SlotFile {
 
   // A pack with such a header may yet be loaded.
   bool IsLoadable() const;
-  bool HasRecords() const { return state == State::kDamaged || header.endOffset > format::kFileHeaderSize; }
+  bool HasRecords() const {
+    return state == State::kDamaged || header.endOffset > format::kFileHeaderSize;
+  }
   std::string_view StateName() const;
 };
 

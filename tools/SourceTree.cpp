@@ -19,13 +19,14 @@ int ByName(const FTSENT** a, const FTSENT** b) {
 
 }  // namespace
 
-SourceTree SourceTree::List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
+SourceTree SourceTree::List(const std::string& directory, const std::set<FileId>& exclude,
+                            bool verbose) {
   SourceTree tree;
   tree.root = directory;
   std::string root = directory;
   char* roots[] = {root.data(), nullptr};
-  const std::unique_ptr<FTS, int (*)(FTS*)> walk(::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName),
-                                                 ::fts_close);
+  const std::unique_ptr<FTS, int (*)(FTS*)> walk(
+      ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName), ::fts_close);
   if (!walk) ThrowErrno("read " + directory);
   errno = 0;
   while (const FTSENT* entry = ::fts_read(walk.get())) {
@@ -52,8 +53,8 @@ SourceTree SourceTree::List(const std::string& directory, const std::set<FileId>
         leaveOut("the store's or the manifest", tree.excludedCount);
         continue;
       }
-      tree.files.push_back(
-          {path.substr(path.find_first_not_of('/', root.size())), static_cast<uint64_t>(status.st_size)});
+      tree.files.push_back({path.substr(path.find_first_not_of('/', root.size())),
+                            static_cast<uint64_t>(status.st_size)});
       tree.byteCount += static_cast<uint64_t>(status.st_size);
     }
     errno = 0;

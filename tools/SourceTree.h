@@ -22,12 +22,14 @@ struct SourceTree {
   uint64_t symbolicLinkCount = 0;  // left out
   uint64_t specialFileCount = 0;   // left out: sockets, pipes and devices
   uint64_t excludedCount = 0;      // left out: files of `exclude`
-  uint64_t unreadableCount = 0;    // files and directories that lstat(2) or opendir(3) failed on; each was named
+  uint64_t unreadableCount =
+      0;  // files and directories that lstat(2) or opendir(3) failed on; each was named
 
   // Lists the tree below `directory`, which may itself be a symbolic link.
   // Entries left out are named on standard error if `verbose`. Throws Fault
   // when `directory` cannot be read.
-  static SourceTree List(const std::string& directory, const std::set<FileId>& exclude, bool verbose);
+  static SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
+                         bool verbose);
 
   std::string PathOf(const File& file) const { return root + "/" + file.name; }
 };

@@ -32,8 +32,10 @@ void RemoveLeftovers(int directory) {
   while (const dirent* entry = ::readdir(listing)) {
     const std::string_view name = entry->d_name;
     if (!name.starts_with(kTemporaryPrefix) || !name.ends_with(kTemporarySuffix)) continue;
-    const Fd file(::openat(directory, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) ::unlinkat(directory, entry->d_name, 0);
+    const Fd file(
+        ::openat(directory, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
+      ::unlinkat(directory, entry->d_name, 0);
   }
   ::closedir(listing);
 }
@@ -51,13 +53,16 @@ StagedFile::StagedFile(int directory, std::string name, std::string shownName)
   static unsigned serial = 0;
   // A file that was removed before it was locked was taken for a leftover.
   do {
-    temporaryName_ = fmt::format("{}{}-{}{}", kTemporaryPrefix, ::getpid(), serial++, kTemporarySuffix);
-    file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    temporaryName_ =
+        fmt::format("{}{}-{}{}", kTemporaryPrefix, ::getpid(), serial++, kTemporarySuffix);
+    file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                        0666));
     if (!file_.valid() && errno != EEXIST) ThrowErrno("write " + shownName_);
     if (file_.valid()) ::flock(file_.get(), LOCK_EX | LOCK_NB);
   } while (!file_.valid() || !IsLinked(file_.get()));
   struct stat replaced = {};
-  if (::fstatat(directory_, name_.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(replaced.st_mode))
+  if (::fstatat(directory_, name_.c_str(), &replaced, AT_SYMLINK_NOFOLLOW) == 0 &&
+      S_ISREG(replaced.st_mode))
     ::fchmod(file_.get(), replaced.st_mode & 0777);
 }
 
@@ -72,7 +77,9 @@ void StagedFile::Sync() {
 
 int StagedFile::Rename(Existing existing) const {
   if (existing == Existing::kKeep) {
-    if (::renameat2(directory_, temporaryName_.c_str(), directory_, name_.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    if (::renameat2(directory_, temporaryName_.c_str(), directory_, name_.c_str(),
+                    RENAME_NOREPLACE) == 0)
+      return 0;
     if (errno != EINVAL && errno != ENOSYS) return errno;
     // A file system without that flag: a moment passes between look and rename.
     struct stat status = {};
@@ -83,7 +90,8 @@ int StagedFile::Rename(Existing existing) const {
 
 void StagedFile::Publish(Existing existing) {
   errno = Rename(existing);
-  if (errno == EEXIST && existing == Existing::kKeep) throw Fault(fmt::format("{} exists and was kept", shownName_));
+  if (errno == EEXIST && existing == Existing::kKeep)
+    throw Fault(fmt::format("{} exists and was kept", shownName_));
   if (errno != 0) ThrowErrno("write " + shownName_);
   published_ = true;
   if (synced_ && ::fsync(directory_) != 0) ThrowErrno("write " + shownName_);
@@ -96,7 +104,8 @@ Output::Output(const std::string& path, Existing existing) : path_(path), existi
   if (::lstat(path.c_str(), &status) == 0) {
     const bool isLink = S_ISLNK(status.st_mode);
     const bool isForeign = status.st_uid != 0 && status.st_uid != ::geteuid();
-    if (isLink && ::stat(path.c_str(), &status) != 0) ThrowErrno("follow the symbolic link " + path);
+    if (isLink && ::stat(path.c_str(), &status) != 0)
+      ThrowErrno("follow the symbolic link " + path);
     // /dev/stdout leads to whatever file that is.
     isStandardOutput_ = isLink && IdOf(path) == IdOf(STDOUT_FILENO);
     if (isStandardOutput_) return;

@@ -30,7 +30,8 @@ std::vector<std::string> Components(std::string_view name) {
 bool TargetTree::IsSafeName(std::string_view name) {
   if (name.starts_with('/') || name.ends_with('/')) return false;
   const std::vector<std::string> parts = Components(name);
-  return !parts.empty() && !name.ends_with("/.") && std::find(parts.begin(), parts.end(), "..") == parts.end();
+  return !parts.empty() && !name.ends_with("/.") &&
+         std::find(parts.begin(), parts.end(), "..") == parts.end();
 }
 
 TargetTree::TargetTree(const std::string& directory) : root_(directory) {
@@ -50,7 +51,8 @@ int TargetTree::OpenParent(const std::string& name) {
     if (!made && errno != EEXIST) ThrowErrno(fmt::format("make the directory {}/{}", root_, name));
     Fd next(::openat(above, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!next.valid() && (errno == ELOOP || errno == ENOTDIR))
-      throw Fault(fmt::format("cannot use {}/{}: {} is there and is no directory", root_, name, part));
+      throw Fault(
+          fmt::format("cannot use {}/{}: {} is there and is no directory", root_, name, part));
     if (!next.valid()) ThrowErrno(fmt::format("open the directory {}/{}", root_, name));
     at = std::move(next);
   }
@@ -65,7 +67,8 @@ void TargetTree::Write(const std::string& name, Bytes data, Existing existing) {
   parts.pop_back();
   std::string parent;
   for (const std::string& part : parts) parent += (parent.empty() ? "" : "/") + part;
-  StagedFile file(OpenParent(parent), last, fmt::format("{}/{}{}{}", root_, parent, parent.empty() ? "" : "/", last));
+  StagedFile file(OpenParent(parent), last,
+                  fmt::format("{}/{}{}{}", root_, parent, parent.empty() ? "" : "/", last));
   file.Write(data);
   file.Publish(existing);
 }

@@ -81,8 +81,9 @@ constexpr struct {
   const char* name;
   void (*run)(Work& work);
 } kEngines[] = {
-    {"OpenSSL", DigestByOpenSsl},       {"MD5", DigestOneByOne},         {"UpdateBoth", DigestTwoByTwo},
-    {"many, scalar", DigestManyScalar}, {"many by 4", DigestInLanes<4>}, {"many by 8", DigestInLanes<8>},
+    {"OpenSSL", DigestByOpenSsl},      {"MD5", DigestOneByOne},
+    {"UpdateBoth", DigestTwoByTwo},    {"many, scalar", DigestManyScalar},
+    {"many by 4", DigestInLanes<4>},   {"many by 8", DigestInLanes<8>},
     {"many by 64", DigestInLanes<64>},
 };
 
@@ -100,7 +101,8 @@ double Median(std::vector<double> values) {
 
 void Compare(const char* name, std::size_t smallest, std::size_t largest, int turns) {
   Work work(smallest, largest);
-  const std::size_t repeats = std::max<std::size_t>(1, (std::size_t{1} << 19) / (work.total + kMessages * 128));
+  const std::size_t repeats =
+      std::max<std::size_t>(1, (std::size_t{1} << 19) / (work.total + kMessages * 128));
   std::vector<double> columns[std::size(kEngines)];  // OpenSSL's seconds, then ratios to them
   for (int turn = 0; turn < turns; ++turn) {
     for (std::size_t i = 0; i < std::size(kEngines); ++i) {
@@ -110,7 +112,8 @@ void Compare(const char* name, std::size_t smallest, std::size_t largest, int tu
       columns[i].push_back(i == 0 ? seconds : columns[0].back() / seconds);
     }
   }
-  std::printf("%-14s %8.0f", name, static_cast<double>(work.total * repeats) / Median(columns[0]) / 1e6);
+  std::printf("%-14s %8.0f", name,
+              static_cast<double>(work.total * repeats) / Median(columns[0]) / 1e6);
   for (std::size_t i = 1; i < std::size(kEngines); ++i) std::printf(" %12.3f", Median(columns[i]));
   std::printf("\n");
 }

@@ -37,10 +37,12 @@ class BlobringStore final : public Store {
     RequireOne(BCStartTransaction(index, &++id), "BCStartTransaction");
     if (blobs.size() == 1) {
       Key key;
-      RequireOne(BCPut(index, blobs[0].data(), static_cast<int>(blobs[0].size()), key.data()), "BCPut");
+      RequireOne(BCPut(index, blobs[0].data(), static_cast<int>(blobs[0].size()), key.data()),
+                 "BCPut");
     } else {
       batch.clear();
-      for (const Blob& blob : blobs) batch.push_back({blob.data(), static_cast<int>(blob.size()), {}});
+      for (const Blob& blob : blobs)
+        batch.push_back({blob.data(), static_cast<int>(blob.size()), {}});
       const int count = static_cast<int>(batch.size());
       Require(BCPutMany(index, batch.data(), count) == count, "Blobring", "BCPutMany");
     }
@@ -97,7 +99,8 @@ class BlobringStore final : public Store {
 
 Contender Blobring() {
   return {"Blobring",
-          std::string(BLOBRING_VERSION) + ": `BCOpen` with its defaults, `BCPutMany` (`BCPut` for single commits)",
+          std::string(BLOBRING_VERSION) +
+              ": `BCOpen` with its defaults, `BCPutMany` (`BCPut` for single commits)",
           [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
             return std::make_unique<BlobringStore>(directory);
           }};

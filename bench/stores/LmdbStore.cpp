@@ -26,7 +26,9 @@ class LmdbStore final : public Store {
     RequireZero(mdb_env_create(&environment), "mdb_env_create");
     RequireZero(mdb_env_set_mapsize(environment, kMapSize), "mdb_env_set_mapsize");
     RequireZero(mdb_env_open(environment, directory.c_str(), 0, 0644), "mdb_env_open");
-    Change([&](MDB_txn* transaction) { RequireZero(mdb_dbi_open(transaction, nullptr, 0, &table), "mdb_dbi_open"); });
+    Change([&](MDB_txn* transaction) {
+      RequireZero(mdb_dbi_open(transaction, nullptr, 0, &table), "mdb_dbi_open");
+    });
     RequireZero(mdb_txn_begin(environment, nullptr, MDB_RDONLY, &reader), "mdb_txn_begin");
     mdb_txn_reset(reader);
   }
@@ -99,7 +101,9 @@ class LmdbStore final : public Store {
  private:
   // A read transaction, renewed: the fast way to read again and again.
   struct Reading {
-    explicit Reading(MDB_txn* reader) : transaction(reader) { RequireZero(mdb_txn_renew(reader), "mdb_txn_renew"); }
+    explicit Reading(MDB_txn* reader) : transaction(reader) {
+      RequireZero(mdb_txn_renew(reader), "mdb_txn_renew");
+    }
     ~Reading() { mdb_txn_reset(transaction); }
     Reading(const Reading&) = delete;
     Reading& operator=(const Reading&) = delete;
@@ -132,7 +136,8 @@ class LmdbStore final : public Store {
 Contender Lmdb() {
   return {"LMDB",
           std::to_string(MDB_VERSION_MAJOR) + "." + std::to_string(MDB_VERSION_MINOR) + "." +
-              std::to_string(MDB_VERSION_PATCH) + ": its defaults, a map of 16 GiB, read transactions renewed",
+              std::to_string(MDB_VERSION_PATCH) +
+              ": its defaults, a map of 16 GiB, read transactions renewed",
           [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
             return std::make_unique<LmdbStore>(directory);
           }};

@@ -37,7 +37,9 @@ class LogStructured final : public Store {
 
   void Compact() override { Library::Compact(*database); }
 
-  void Get(const Key& key, std::string& out) override { RequireOk(database->Get({}, SliceOf(key), &out), "get"); }
+  void Get(const Key& key, std::string& out) override {
+    RequireOk(database->Get({}, SliceOf(key), &out), "get");
+  }
 
   std::int64_t SizeOf(const Key& key) override {
     const auto status = database->Get({}, SliceOf(key), &found);

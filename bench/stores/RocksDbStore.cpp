@@ -20,7 +20,9 @@ struct Library {
 }  // namespace
 
 Contender RocksDb() {
-  return {"RocksDB", rocksdb::GetRocksVersionAsString(true) + ": its defaults, one write batch a transaction, `sync`",
+  return {"RocksDB",
+          rocksdb::GetRocksVersionAsString(true) +
+              ": its defaults, one write batch a transaction, `sync`",
           MakeLogStructured<Library>};
 }
 

@@ -73,7 +73,8 @@ class SqliteStore final : public Store {
 
   std::int64_t SizeOf(const Key& key) override {
     Bind(selectSize, 1, key);
-    const std::int64_t size = sqlite3_step(selectSize) == SQLITE_ROW ? sqlite3_column_int64(selectSize, 0) : -1;
+    const std::int64_t size =
+        sqlite3_step(selectSize) == SQLITE_ROW ? sqlite3_column_int64(selectSize, 0) : -1;
     RequireOk(sqlite3_reset(selectSize), "reset");
     return size;
   }
@@ -93,16 +94,20 @@ class SqliteStore final : public Store {
     if (result != SQLITE_OK) Require(false, call, sqlite3_errmsg(database));
   }
 
-  void Execute(const char* sql) { RequireOk(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), sql); }
+  void Execute(const char* sql) {
+    RequireOk(sqlite3_exec(database, sql, nullptr, nullptr, nullptr), sql);
+  }
 
   sqlite3_stmt* Prepare(const char* sql) {
     sqlite3_stmt* statement = nullptr;
-    RequireOk(sqlite3_prepare_v3(database, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr), sql);
+    RequireOk(sqlite3_prepare_v3(database, sql, -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr),
+              sql);
     return statement;
   }
 
   void Bind(sqlite3_stmt* statement, int position, Blob bytes) {
-    RequireOk(sqlite3_bind_blob64(statement, position, bytes.data(), bytes.size(), SQLITE_STATIC), "bind");
+    RequireOk(sqlite3_bind_blob64(statement, position, bytes.data(), bytes.size(), SQLITE_STATIC),
+              "bind");
   }
 
   void Finish(sqlite3_stmt* statement) {
@@ -120,7 +125,8 @@ class SqliteStore final : public Store {
 
 Contender Sqlite() {
   return {"SQLite",
-          sqlite3_libversion() + std::string(": WAL, `synchronous=FULL`, the key as primary key, prepared statements"),
+          sqlite3_libversion() +
+              std::string(": WAL, `synchronous=FULL`, the key as primary key, prepared statements"),
           [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
             return std::make_unique<SqliteStore>(directory);
           }};

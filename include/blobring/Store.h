@@ -108,7 +108,11 @@ class Hash {
   std::array<std::uint8_t, kSize> bytes_{};
 };
 
-enum class Operation { Load = BLOBRING_LOADING, Check = BLOBRING_CHECKING, Repack = BLOBRING_REPACKING };
+enum class Operation {
+  Load = BLOBRING_LOADING,
+  Check = BLOBRING_CHECKING,
+  Repack = BLOBRING_REPACKING
+};
 
 // Progress callback, see BCProgress. Return false to stop; ignored during a
 // load. An exception stops the operation too, and reaches the caller when it has
@@ -139,7 +143,8 @@ class Store {
   // Error when the files do not agree with the options, see BCOpen.
   explicit Store(const std::filesystem::path& directory, const Options& options = {}) {
     std::vector<std::string> names;
-    for (const std::filesystem::path& pack : options.packDirectories) names.push_back(pack.string());
+    for (const std::filesystem::path& pack : options.packDirectories)
+      names.push_back(pack.string());
     std::vector<const char*> packs;
     packs.reserve(names.size());
     for (const std::string& name : names) packs.push_back(name.c_str());
@@ -199,7 +204,8 @@ class Store {
     constexpr std::size_t kMost = static_cast<std::size_t>(std::numeric_limits<int>::max());
     const int capacity = static_cast<int>(buffer.size() < kMost ? buffer.size() : kMost);
     int bytes = 0;
-    switch (BCFetch(index_, hash.data(), reinterpret_cast<unsigned char*>(buffer.data()), capacity, &bytes)) {
+    switch (BCFetch(index_, hash.data(), reinterpret_cast<unsigned char*>(buffer.data()), capacity,
+                    &bytes)) {
       case BLOBRING_FETCHED:
       case BLOBRING_TOO_SMALL:
         return static_cast<std::size_t>(bytes);
@@ -211,7 +217,9 @@ class Store {
   }
 
   // Returns the bytes of a committed blob; nothing when it is absent.
-  std::optional<std::size_t> size(const Hash& hash) const { return get(hash, std::span<std::byte>()); }
+  std::optional<std::size_t> size(const Hash& hash) const {
+    return get(hash, std::span<std::byte>());
+  }
   bool contains(const Hash& hash) const { return size(hash).has_value(); }
 
   // Deletes a blob if it is present; commits as put does.
@@ -318,7 +326,8 @@ class Store {
     std::exception_ptr thrown;
     bool stopped = false;
 
-    static int call(void* context, int operation, std::uint64_t done, std::uint64_t total) noexcept {
+    static int call(void* context, int operation, std::uint64_t done,
+                    std::uint64_t total) noexcept {
       Watch& watch = *static_cast<Watch*>(context);
       if (watch.thrown) return 1;
       try {
@@ -368,7 +377,8 @@ class Transaction {
  public:
   // Any id will do. It is kept with the blobs, and a repack orders them by it.
   explicit Transaction(Store& store, long long id = 0) : store_(&store), id_(id) {
-    if (store.open_ != nullptr) throw Error("blobring: begin: a transaction is open already", BLOBRING_ERROR_REFUSED);
+    if (store.open_ != nullptr)
+      throw Error("blobring: begin: a transaction is open already", BLOBRING_ERROR_REFUSED);
     if (BCStartTransaction(store.index_, &id) != 1) throw Store::failure("begin", store.index_);
     store.open_ = this;
   }
@@ -384,7 +394,8 @@ class Transaction {
   // still pending and it can be called again, unless the code is
   // BLOBRING_ERROR_IN_DOUBT; see BCEndTransaction.
   void commit() {
-    if (store_ == nullptr) throw Error("blobring: commit: the transaction has ended", BLOBRING_ERROR_CLOSED);
+    if (store_ == nullptr)
+      throw Error("blobring: commit: the transaction has ended", BLOBRING_ERROR_CLOSED);
     if (BCEndTransaction(store_->index_, &id_) != 1) throw Store::failure("commit", store_->index_);
     store_->open_ = nullptr;
     store_ = nullptr;
@@ -417,7 +428,8 @@ inline Hash Store::put(std::span<const std::byte> data) {
   std::optional<Transaction> own;
   if (open_ == nullptr) own.emplace(*this);
   Hash hash;
-  if (BCPut(index_, bytesOf(data), static_cast<int>(data.size()), hash.data()) != 1) throw failure("put", index_);
+  if (BCPut(index_, bytesOf(data), static_cast<int>(data.size()), hash.data()) != 1)
+    throw failure("put", index_);
   if (own) own->commit();
   return hash;
 }
@@ -434,8 +446,8 @@ inline Hash Hash::of(std::span<const std::byte> data) {
   if (data.size() > std::numeric_limits<unsigned>::max())
     throw Error("blobring: hash of 4 GiB or more", BLOBRING_ERROR_ARGUMENT);
   Hash hash;
-  if (BCMD5ChkSumInt(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()),
-                     hash.data()) != 1)
+  if (BCMD5ChkSumInt(reinterpret_cast<const unsigned char*>(data.data()),
+                     static_cast<unsigned>(data.size()), hash.data()) != 1)
     throw Error("blobring: the digest cannot be computed", BCLastErrorCode(-1));
   return hash;
 }

@@ -297,7 +297,8 @@ BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer,
  * for the second and the last. With capacity 0, buffer may be null. Never
  * closes the store and never waits.
  */
-BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size);
+BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity,
+                         int* size);
 
 /*
  * Writes the first committed hash after `after` in ascending byte order to
@@ -402,7 +403,8 @@ BLOBRING_API int BCLastErrorCode(int index);
  * BCMD5ChkSum returns 1; BCMD5ChkSumInt returns 1, or 0 on failure.
  */
 BLOBRING_API int BCMD5ChkSum(const unsigned char* data, unsigned int length, unsigned char* digest);
-BLOBRING_API int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest);
+BLOBRING_API int BCMD5ChkSumInt(const unsigned char* data, unsigned int length,
+                                unsigned char* digest);
 
 /* Do nothing and return 1. */
 BLOBRING_API int BCCacheClear(void);

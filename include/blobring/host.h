@@ -86,9 +86,10 @@ typedef struct BlobringHostNumericRecord {
  * past them and returns how many they are. *missed, unless null, is set to the
  * number of records since *position that can no longer be had.
  */
-BLOBRING_API uint32_t BlobringHostReadEvents(uint32_t* position, BlobringHostEvent* events, uint32_t capacity,
-                                             uint32_t* missed);
-BLOBRING_API uint32_t BlobringHostReadNumericTrace(uint32_t* position, BlobringHostNumericRecord* records,
+BLOBRING_API uint32_t BlobringHostReadEvents(uint32_t* position, BlobringHostEvent* events,
+                                             uint32_t capacity, uint32_t* missed);
+BLOBRING_API uint32_t BlobringHostReadNumericTrace(uint32_t* position,
+                                                   BlobringHostNumericRecord* records,
                                                    uint32_t capacity, uint32_t* missed);
 
 /* ---- Exceptions ----------------------------------------------------------- */
@@ -98,9 +99,10 @@ BLOBRING_API uint32_t BlobringHostReadNumericTrace(uint32_t* position, BlobringH
  * of another size. BCGet goes on when it returns. Without a handler, the
  * exception has no effect.
  */
-typedef void BlobringHostExceptionHandler(void* context, uint32_t code, uint32_t flags, uint32_t argumentCount,
-                                          const uintptr_t* arguments);
-BLOBRING_API void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* handler, void* context);
+typedef void BlobringHostExceptionHandler(void* context, uint32_t code, uint32_t flags,
+                                          uint32_t argumentCount, const uintptr_t* arguments);
+BLOBRING_API void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* handler,
+                                                  void* context);
 
 /* ---- Memory --------------------------------------------------------------- */
 

@@ -37,7 +37,8 @@ class Message {
     va_copy(again, arguments);
     const int length = std::vsnprintf(inPlace_, sizeof inPlace_, format, arguments);
     if (length < 0) inPlace_[0] = '\0';
-    if (const std::size_t size = static_cast<std::size_t>(std::max(length, 0)) + 1; size > sizeof inPlace_) {
+    if (const std::size_t size = static_cast<std::size_t>(std::max(length, 0)) + 1;
+        size > sizeof inPlace_) {
       whole_ = static_cast<char*>(std::malloc(size));
       if (whole_ != nullptr) std::vsnprintf(whole_, size, format, again);
     }
@@ -54,7 +55,8 @@ class Message {
   void CutLineEnds() {
     char* text = Text();
     std::size_t length = std::strlen(text);
-    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) text[--length] = '\0';
+    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
+      text[--length] = '\0';
   }
 
   char inPlace_[1024];
@@ -64,7 +66,8 @@ class Message {
 // A held file is tried again and again, each time with a message.
 bool IsAnotherRetry(std::string_view text) {
   const std::size_t at = text.rfind(" retry ");
-  return at != text.npos && text.find(" sharing violation ") != text.npos && text.substr(at) != " retry 0";
+  return at != text.npos && text.find(" sharing violation ") != text.npos &&
+         text.substr(at) != " retry 0";
 }
 
 // One write for the whole line, so that lines of several writers do not mix.
@@ -126,13 +129,15 @@ int TraceDeviceFind(const char16_t* name, std::uint32_t* out) {
 }
 
 // "2024-02-29T12:34:56.789Z 4711 BlobController: "
-int TraceFormatHeader(char* buffer, std::uint32_t capacity, int /*level*/, int /*reserved*/, const char* name) {
+int TraceFormatHeader(char* buffer, std::uint32_t capacity, int /*level*/, int /*reserved*/,
+                      const char* name) {
   timespec now{};
   tm utc{};
   if (clock_gettime(CLOCK_REALTIME, &now) != 0 || gmtime_r(&now.tv_sec, &utc) == nullptr) return 0;
-  const int length = std::snprintf(buffer, capacity, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %u %s: ", utc.tm_year + 1900,
-                                   utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
-                                   static_cast<int>(now.tv_nsec / 1'000'000), GetCurrentThreadId(), name);
+  const int length = std::snprintf(
+      buffer, capacity, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ %u %s: ", utc.tm_year + 1900,
+      utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+      static_cast<int>(now.tv_nsec / 1'000'000), GetCurrentThreadId(), name);
   return length >= 0 && static_cast<std::uint32_t>(length) < capacity ? length : 0;
 }
 
@@ -144,8 +149,8 @@ int TraceDeviceWriteRaw(std::uint32_t device, const char* buffer, int length) {
 }
 
 void DeviceFatalError(std::uint32_t code, const char* file, int line) {
-  Vell::Common::System::OS::Diagnostics::VellTrace(kOwnName).WriteErrorV("fatal error 0x%X at %s line %d", code, file,
-                                                                         line);
+  Vell::Common::System::OS::Diagnostics::VellTrace(kOwnName).WriteErrorV(
+      "fatal error 0x%X at %s line %d", code, file, line);
 }
 
 void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context) {

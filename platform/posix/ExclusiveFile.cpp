@@ -34,7 +34,8 @@ DWORD OpenOnce(const char* path, int flags, FileDescriptor& file, bool& again) {
   file = Open(path, creates ? flags | O_EXCL : flags & ~O_CREAT);
   if (!file.IsOpen() && creates && errno == EEXIST) {
     again = stat(path, &status) == 0;
-    return (flags & O_EXCL) != 0 ? ERROR_FILE_EXISTS : ERROR_FILE_NOT_FOUND;  // a link that leads nowhere
+    return (flags & O_EXCL) != 0 ? ERROR_FILE_EXISTS
+                                 : ERROR_FILE_NOT_FOUND;  // a link that leads nowhere
   }
   if (!file.IsOpen()) {
     again = existed && errno == ENOENT;
@@ -42,7 +43,8 @@ DWORD OpenOnce(const char* path, int flags, FileDescriptor& file, bool& again) {
   }
   if (fstat(file.Number(), &status) != 0) return ErrorOf(errno);
   if (!S_ISREG(status.st_mode)) return ERROR_ACCESS_DENIED;
-  if (Uninterrupted([&] { return flock(file.Number(), LOCK_EX | LOCK_NB); }) != 0) return ErrorOf(errno);
+  if (Uninterrupted([&] { return flock(file.Number(), LOCK_EX | LOCK_NB); }) != 0)
+    return ErrorOf(errno);
 
   // Between open and lock, the holder of that time may have renamed another
   // file over this one or deleted it; what we locked then has no name.

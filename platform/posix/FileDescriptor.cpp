@@ -23,7 +23,8 @@ void FileDescriptor::Close() {
 }
 
 FileDescriptor Open(const char* path, int flags) {
-  FileDescriptor file(Uninterrupted([=] { return open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600); }));
+  FileDescriptor file(
+      Uninterrupted([=] { return open(path, flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600); }));
   if (file.Number() < 0 || file.Number() > STDERR_FILENO) return file;
 
   // The host closed a standard stream. If the file took its number, the next
@@ -34,8 +35,8 @@ FileDescriptor Open(const char* path, int flags) {
 bool LeadsTo(const char* path, const FileDescriptor& file) {
   struct stat named {};
   struct stat open {};
-  return stat(path, &named) == 0 && fstat(file.Number(), &open) == 0 && named.st_dev == open.st_dev &&
-         named.st_ino == open.st_ino;
+  return stat(path, &named) == 0 && fstat(file.Number(), &open) == 0 &&
+         named.st_dev == open.st_dev && named.st_ino == open.st_ino;
 }
 
 int SyncData(const FileDescriptor& file) {

@@ -35,7 +35,8 @@ DWORD Hold(const char* path, FileDescriptor& held) {
   struct stat status {};
   if (stat(path, &status) != 0) {
     const int failure = errno;
-    if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode)) return ERROR_SUCCESS;
+    if (failure == ENOENT && lstat(path, &status) == 0 && S_ISLNK(status.st_mode))
+      return ERROR_SUCCESS;
     return PathErrorOf(failure, path);
   }
   if (!S_ISREG(status.st_mode)) return ERROR_SUCCESS;
@@ -64,7 +65,8 @@ DWORD RenameNoReplace(const char* from, const char* to) {
 
 // A file that may not be deleted or replaced, by the rules of Win32.
 bool IsProtected(const struct stat& status) {
-  return S_ISDIR(status.st_mode) || (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode));
+  return S_ISDIR(status.st_mode) ||
+         (S_ISREG(status.st_mode) && platform::IsReadOnly(status.st_mode));
 }
 
 // Replaces what is there and held.
@@ -104,7 +106,8 @@ DWORD Move(const WCHAR* fromUnits, const WCHAR* toUnits, bool replaces) {
   // Contents before the name: costs next to nothing where the writer flushed.
   if (code == ERROR_SUCCESS && source.IsOpen()) code = ErrorOf(platform::SyncData(source));
   if (code == ERROR_SUCCESS) {
-    code = replaces ? RenameReplacing(from.Text(), to.Text()) : RenameNoReplace(from.Text(), to.Text());
+    code = replaces ? RenameReplacing(from.Text(), to.Text())
+                    : RenameNoReplace(from.Text(), to.Text());
   }
   if (code != ERROR_SUCCESS) return code;
 
@@ -133,7 +136,8 @@ DWORD ClearAttributes(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return PathErrorOf(errno, path);
   if (S_ISLNK(status.st_mode) || !platform::IsReadOnly(status.st_mode)) return ERROR_SUCCESS;
-  return chmod(path, (status.st_mode & 07777) | S_IWUSR) == 0 ? ERROR_SUCCESS : PathErrorOf(errno, path);
+  return chmod(path, (status.st_mode & 07777) | S_IWUSR) == 0 ? ERROR_SUCCESS
+                                                              : PathErrorOf(errno, path);
 }
 
 // The directory's own name is made durable here: a flush of the files in it

@@ -36,7 +36,9 @@ struct OpenFile {
 constexpr int kUnknownDisposition = -1;
 
 int FlagsOf(DWORD access, DWORD disposition) {
-  const int accessFlags = (access & GENERIC_WRITE) == 0 ? O_RDONLY : (access & GENERIC_READ) != 0 ? O_RDWR : O_WRONLY;
+  const int accessFlags = (access & GENERIC_WRITE) == 0  ? O_RDONLY
+                          : (access & GENERIC_READ) != 0 ? O_RDWR
+                                                         : O_WRONLY;
   switch (disposition) {
     case CREATE_NEW:
       return accessFlags | O_CREAT | O_EXCL;
@@ -90,7 +92,8 @@ DWORD Open(const WCHAR* path, DWORD access, DWORD disposition, HANDLE& handle) {
   std::unique_ptr<OpenFile> file(new (std::nothrow) OpenFile);
   if (file == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
   file->access = access & (GENERIC_READ | GENERIC_WRITE);
-  if (const DWORD code = OpenInto(*file, name.Text(), disposition); code != ERROR_SUCCESS) return code;
+  if (const DWORD code = OpenInto(*file, name.Text(), disposition); code != ERROR_SUCCESS)
+    return code;
 
   handle = platform::AddHandle(platform::HandleKind::File, file.get());
   if (handle == INVALID_HANDLE_VALUE) return ERROR_TOO_MANY_OPEN_FILES;
@@ -137,11 +140,13 @@ DWORD TransferAll(DWORD size, DWORD& done, Transfer transfer) {
 // transfers) is refused rather than done by half. Attributes are those of a
 // plain file; FILE_FLAG_RANDOM_ACCESS is a hint, and the kernel's read-ahead
 // does better without it.
-HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode, SECURITY_ATTRIBUTES* security,
-                   DWORD creationDisposition, DWORD /*flagsAndAttributes*/, HANDLE templateFile) {
+HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode,
+                   SECURITY_ATTRIBUTES* security, DWORD creationDisposition,
+                   DWORD /*flagsAndAttributes*/, HANDLE templateFile) {
   HANDLE handle = INVALID_HANDLE_VALUE;
   const bool isSupported = shareMode == 0 && security == nullptr && templateFile == 0;
-  SetLastError(isSupported ? Open(path, desiredAccess, creationDisposition, handle) : ERROR_NOT_SUPPORTED);
+  SetLastError(isSupported ? Open(path, desiredAccess, creationDisposition, handle)
+                           : ERROR_NOT_SUPPORTED);
   return handle;
 }
 
@@ -153,13 +158,15 @@ BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAP
   if (open == nullptr) return 0;
 
   const DWORD code = TransferAll(size, *transferred, [&](DWORD done) {
-    return pread(open->file.Number(), static_cast<char*>(buffer) + done, size - done, open->position + done);
+    return pread(open->file.Number(), static_cast<char*>(buffer) + done, size - done,
+                 open->position + done);
   });
   open->position += *transferred;
   return Result(code);
 }
 
-BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped) {
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
+               OVERLAPPED* overlapped) {
   if (transferred == nullptr) return Result(ERROR_INVALID_PARAMETER);
   *transferred = 0;
   if (overlapped != nullptr) return Result(ERROR_NOT_SUPPORTED);
@@ -214,7 +221,8 @@ BOOL SetEndOfFile(HANDLE file) {
   const OpenFile* open = FileFor(GENERIC_WRITE, file);
   if (open == nullptr) return 0;
   if (IsPastLimit(open->position)) return Result(ERROR_FILE_TOO_LARGE);
-  const int result = platform::Uninterrupted([&] { return ftruncate(open->file.Number(), open->position); });
+  const int result =
+      platform::Uninterrupted([&] { return ftruncate(open->file.Number(), open->position); });
   return Result(result == 0 ? ERROR_SUCCESS : ErrorOf(errno));
 }
 
@@ -258,7 +266,8 @@ BOOL FlushFileBuffers(HANDLE file) {
   open->directory.Close();
   if (failure == 0) return Result(ERROR_SUCCESS);
   open->flushFailed = true;
-  static_cast<void>(posix_fadvise(open->file.Number(), 0, 0, POSIX_FADV_DONTNEED));  // the flush has failed already
+  static_cast<void>(posix_fadvise(open->file.Number(), 0, 0,
+                                  POSIX_FADV_DONTNEED));  // the flush has failed already
   return Result(ErrorOf(failure));
 }
 

@@ -15,7 +15,8 @@
 
 namespace {
 
-static_assert(sizeof(WIN32_FIND_DATAW) == 592 && offsetof(WIN32_FIND_DATAW, cFileName) == 44, "Win32's own layout");
+static_assert(sizeof(WIN32_FIND_DATAW) == 592 && offsetof(WIN32_FIND_DATAW, cFileName) == 44,
+              "Win32's own layout");
 
 void SetName(WIN32_FIND_DATAW& data, const char* name) {
   std::size_t length = 0;
@@ -63,7 +64,8 @@ DWORD Start(const WCHAR* pattern, WIN32_FIND_DATAW& data, HANDLE& handle) {
   const char* name = path.Text()[0] != '\0' ? path.Text() : "/";
   platform::FileDescriptor file = platform::Open(name, O_RDONLY | O_DIRECTORY);
   DIR* directory = file.IsOpen() ? fdopendir(file.Number()) : nullptr;
-  if (directory == nullptr) return errno == ENOENT ? ERROR_PATH_NOT_FOUND : platform::ErrorOf(errno);
+  if (directory == nullptr)
+    return errno == ENOENT ? ERROR_PATH_NOT_FOUND : platform::ErrorOf(errno);
   file.Release();  // the stream's now
   DWORD code = Next(directory, data);
   if (code == ERROR_SUCCESS) {

@@ -32,9 +32,11 @@ constinit Manager manager{};
 // The account of a pool and tag; the last one takes all that find no other.
 Account& AccountOf(std::uint32_t pool, std::uint32_t tag) {
   for (std::uint32_t i = 0; i < manager.accountCount; ++i) {
-    if (manager.accounts[i].pool == pool && manager.accounts[i].tag == tag) return manager.accounts[i];
+    if (manager.accounts[i].pool == pool && manager.accounts[i].tag == tag)
+      return manager.accounts[i];
   }
-  if (manager.accountCount == BLOBRING_HOST_MEMORY_ACCOUNT_COUNT) return manager.accounts[manager.accountCount - 1];
+  if (manager.accountCount == BLOBRING_HOST_MEMORY_ACCOUNT_COUNT)
+    return manager.accounts[manager.accountCount - 1];
   Account& added = manager.accounts[manager.accountCount++];
   const bool isLast = manager.accountCount == BLOBRING_HOST_MEMORY_ACCOUNT_COUNT;
   added.pool = isLast ? BLOBRING_HOST_MEMORY_OTHERS : pool;
@@ -58,7 +60,8 @@ void CountReturned(Account& account, std::size_t size) {
 
 namespace Vell::Common::System::OS::Memory {
 
-int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, LifeSpan /*lifeSpan*/, unsigned long tag) {
+int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, LifeSpan /*lifeSpan*/,
+                         unsigned long tag) {
   const bool fits = size <= std::numeric_limits<std::size_t>::max() - sizeof(Head);
   auto* head = fits ? static_cast<Head*>(std::malloc(sizeof(Head) + size)) : nullptr;
   *out = head == nullptr ? nullptr : head + 1;

@@ -47,7 +47,8 @@ DWORD GetCurrentProcessId() {
 }
 
 void Sleep(DWORD milliseconds) {
-  timespec left{static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000};
+  timespec left{static_cast<time_t>(milliseconds / 1000),
+                static_cast<long>(milliseconds % 1000) * 1'000'000};
   while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
   }
 }

@@ -21,12 +21,15 @@ class Ring {
   }
 
   // See BlobringHostReadEvents.
-  std::uint32_t ReadOn(std::uint32_t* position, Record* out, std::uint32_t capacity, std::uint32_t* missed) {
+  std::uint32_t ReadOn(std::uint32_t* position, Record* out, std::uint32_t capacity,
+                       std::uint32_t* missed) {
     const std::lock_guard lock(mutex_);
-    const std::uint32_t kept = std::min(next_ - *position, std::uint32_t{BLOBRING_HOST_RECORD_COUNT});
+    const std::uint32_t kept =
+        std::min(next_ - *position, std::uint32_t{BLOBRING_HOST_RECORD_COUNT});
     const std::uint32_t first = next_ - kept;
     const std::uint32_t count = std::min(kept, capacity);
-    for (std::uint32_t i = 0; i < count; ++i) out[i] = records_[(first + i) % BLOBRING_HOST_RECORD_COUNT];
+    for (std::uint32_t i = 0; i < count; ++i)
+      out[i] = records_[(first + i) % BLOBRING_HOST_RECORD_COUNT];
     if (missed != nullptr) *missed = first - *position;
     *position = first + count;
     return count;
@@ -45,8 +48,8 @@ constinit Ring<BlobringHostNumericRecord> numericRecords;
 // event which one its writer asked for.
 constexpr std::uint32_t kRingHandleBase = 0x100;
 
-int AppendNumeric(std::uint32_t id, std::uint32_t valueCount, std::uint32_t a, std::uint32_t b, std::uint32_t c,
-                  std::uint32_t d) {
+int AppendNumeric(std::uint32_t id, std::uint32_t valueCount, std::uint32_t a, std::uint32_t b,
+                  std::uint32_t c, std::uint32_t d) {
   numericRecords.Append({0, GetCurrentThreadId(), id, valueCount, {a, b, c, d}});
   return 0;
 }
@@ -58,8 +61,8 @@ int GetTraceRingBuffer(int number, std::uint32_t* out) {
   return 0;
 }
 
-int WriteEventToRingBuffer(std::uint32_t ring, std::uint32_t threadId, std::uint32_t kind, std::uint32_t a,
-                           std::uint32_t b, std::uint32_t c, std::uint32_t d) {
+int WriteEventToRingBuffer(std::uint32_t ring, std::uint32_t threadId, std::uint32_t kind,
+                           std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
   events.Append({0, threadId, ring, kind, {a, b, c, d}});
   return 0;
 }
@@ -80,15 +83,17 @@ int RTTrace_3(std::uint32_t id, std::uint32_t a, std::uint32_t b, std::uint32_t 
   return AppendNumeric(id, 3, a, b, c, 0);
 }
 
-int RTTrace_4(std::uint32_t id, std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
+int RTTrace_4(std::uint32_t id, std::uint32_t a, std::uint32_t b, std::uint32_t c,
+              std::uint32_t d) {
   return AppendNumeric(id, 4, a, b, c, d);
 }
 
-uint32_t BlobringHostReadEvents(uint32_t* position, BlobringHostEvent* out, uint32_t capacity, uint32_t* missed) {
+uint32_t BlobringHostReadEvents(uint32_t* position, BlobringHostEvent* out, uint32_t capacity,
+                                uint32_t* missed) {
   return events.ReadOn(position, out, capacity, missed);
 }
 
-uint32_t BlobringHostReadNumericTrace(uint32_t* position, BlobringHostNumericRecord* out, uint32_t capacity,
-                                      uint32_t* missed) {
+uint32_t BlobringHostReadNumericTrace(uint32_t* position, BlobringHostNumericRecord* out,
+                                      uint32_t capacity, uint32_t* missed) {
   return numericRecords.ReadOn(position, out, capacity, missed);
 }

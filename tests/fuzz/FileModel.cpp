@@ -17,13 +17,15 @@ using End = Reading::End;
 
 test::HashBytes HashAt(std::string_view bytes, std::size_t at) {
   test::HashBytes hash;
-  std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), kHash, reinterpret_cast<char*>(hash.data()));
+  std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), kHash,
+              reinterpret_cast<char*>(hash.data()));
   return hash;
 }
 
 bool NothingWasCommitted(std::string_view file) {
   return file.size() < kHeader ||
-         (file.size() == kHeader && std::all_of(file.begin(), file.end(), [](char byte) { return byte == 0; }));
+         (file.size() == kHeader &&
+          std::all_of(file.begin(), file.end(), [](char byte) { return byte == 0; }));
 }
 
 // The records of one transaction: all of body, as long as the count lasts.
@@ -49,7 +51,8 @@ Body ReadBody(std::string_view body, std::int32_t& count) {
     if (body.size() < head) return ends(Body::State::Damaged);
     const std::uint32_t size = op == kStore ? Get32(body, kOp + kHash) : 0;
     --count;
-    if (size > body.size() - head) return ends(count == 0 ? Body::State::CountUsed : Body::State::Damaged);
+    if (size > body.size() - head)
+      return ends(count == 0 ? Body::State::CountUsed : Body::State::Damaged);
     result.changes.push_back({op == kStore, HashAt(body, kOp), body.substr(head, size)});
     body.remove_prefix(head + size);
   }
@@ -135,7 +138,8 @@ void Apply(const Reading& reading, Index& index) {
     if (!change.isStore) {
       index.erase(change.hash);
     } else {
-      index.insert_or_assign(change.hash, Blob{std::string(change.data), test::HashOf(change.data) == change.hash});
+      index.insert_or_assign(
+          change.hash, Blob{std::string(change.data), test::HashOf(change.data) == change.hash});
     }
   }
 }
@@ -150,8 +154,8 @@ Reading ReadFile(std::string_view file) {
   reading.headerLost = end < kHeader || end > file.size();
   Reader reader(file, reading);
   reading.end = reader.Run();
-  reading.exact =
-      reading.end == End::Clean && !reading.headerLost && reader.wholeEnd == end && reader.wholeCount == Get32(file, 4);
+  reading.exact = reading.end == End::Clean && !reading.headerLost && reader.wholeEnd == end &&
+                  reader.wholeCount == Get32(file, 4);
   reading.countLost = reader.wholeCount == 0 && !reading.exact;
   return reading;
 }
@@ -163,13 +167,16 @@ Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
   for (const Slot& slot : slots) packs.push_back(ReadFile(slot.pack));
   std::vector<std::size_t> order(slots.size());
   std::iota(order.begin(), order.end(), 0U);
-  std::stable_sort(order.begin(), order.end(),
-                   [&](std::size_t a, std::size_t b) { return packs[a].sequence > packs[b].sequence; });
+  std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+    return packs[a].sequence > packs[b].sequence;
+  });
 
   for (const std::size_t slot : order) {
     const Reading& pack = packs[slot];
     if (pack.end == End::CutShort && !keep) return expected;
-    if (pack.end != End::Clean || (keep && (pack.headerLost || pack.countLost) && pack.changes.empty())) continue;
+    if (pack.end != End::Clean ||
+        (keep && (pack.headerLost || pack.countLost) && pack.changes.empty()))
+      continue;
     if (pack.sequence == -1) break;
     expected.loaded = true;
     expected.sequence = pack.sequence;

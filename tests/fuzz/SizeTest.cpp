@@ -43,8 +43,10 @@ TEST(FileSize, CostsMemoryAndWorkInProportion) {
       {"stores", JournalBytes().Transaction(1, stores).Bytes()},
       {"a transaction each", transactions.Bytes()},
       {"count ends early", JournalBytes().Transaction(1, stores).Count(kRecords / 2).Bytes()},
-      {"one within another", JournalBytes().Transaction(1, deletes).Raw(nested).Count(0x7FFFFFFF).Bytes()},
-      {"no end", JournalBytes().Raw(test::StartRecord(1, Joined(stores))).Count(0x7FFFFFFF).Bytes()},
+      {"one within another",
+       JournalBytes().Transaction(1, deletes).Raw(nested).Count(0x7FFFFFFF).Bytes()},
+      {"no end",
+       JournalBytes().Raw(test::StartRecord(1, Joined(stores))).Count(0x7FFFFFFF).Bytes()},
   };
   LifeOptions options;
   for (const auto& row : rows) {

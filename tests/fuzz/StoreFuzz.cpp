@@ -23,8 +23,9 @@ using fuzz::Get32;
 using fuzz::Put32;
 
 constexpr std::size_t kOp = 16, kDelete = 32, kStoreHead = 36, kStart = 40;
-constexpr std::uint32_t kEdges[] = {
-    0, 1, 16, 24, 32, 36, 40, 4096, 0x7FFFFFFF, 0x80000000, 0x80000001, 0xFFFFFFDC, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
+constexpr std::uint32_t kEdges[] = {0,          1,          16,         24,         32,
+                                    36,         40,         4096,       0x7FFFFFFF, 0x80000000,
+                                    0x80000001, 0xFFFFFFDC, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
 enum : std::uint32_t { kStoreOp, kDeleteOp, kStartOp, kEndOp };
 enum Right : unsigned { Sizes = 1, Hashes = 2, Lengths = 4, Digests = 8, Header = 16 };
 
@@ -40,7 +41,9 @@ class FileMaker {
   bool AtEnd() const { return left == 0; }
 
   std::string Make() {
-    header = test::JournalBytes(Next(2), static_cast<std::int32_t>(kSequences[Next(std::size(kSequences))])).Bytes();
+    header = test::JournalBytes(Next(2),
+                                static_cast<std::int32_t>(kSequences[Next(std::size(kSequences))]))
+                 .Bytes();
     for (unsigned n = 1 + Next(3); n > 0; --n) AddTransaction();
     if (Next(2) != 0) Repair(31);
     for (unsigned n = Next(4); n > 0; --n) Change();
@@ -53,20 +56,24 @@ class FileMaker {
   }
 
  private:
-  static constexpr std::uint32_t kSequences[] = {0, 1, 7, 0x7FFFFFFF, 0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFD};
-  static constexpr unsigned kRepairs[] = {0,  Header, Digests | Header, Digests, Lengths | Digests | Header, 31 - Sizes,
-                                          31, 31};
+  static constexpr std::uint32_t kSequences[] = {0,          1,          7,         0x7FFFFFFF,
+                                                 0xFFFFFFFF, 0xFFFFFFFE, 0xFFFFFFFD};
+  static constexpr unsigned kRepairs[] = {
+      0, Header, Digests | Header, Digests, Lengths | Digests | Header, 31 - Sizes, 31, 31};
 
   std::string Bytes() const {
     std::string bytes = header;
     for (const std::string& record : records) bytes += record;
     return bytes + tail;
   }
-  std::uint32_t OpOf(std::size_t i) const { return records[i].size() < kOp ? kEndOp + 1 : Get32(records[i], 0); }
+  std::uint32_t OpOf(std::size_t i) const {
+    return records[i].size() < kOp ? kEndOp + 1 : Get32(records[i], 0);
+  }
   auto At(std::size_t i) { return records.begin() + static_cast<std::ptrdiff_t>(i); }
 
   std::string Record() {
-    const std::string data(Next(5) == 0 ? 4094 + Next(4) : Next(48), static_cast<char>('a' + Next(8)));
+    const std::string data(Next(5) == 0 ? 4094 + Next(4) : Next(48),
+                           static_cast<char>('a' + Next(8)));
     const std::int64_t id = Next(4);
     return Next(3) == 0 ? test::DeleteRecord(id, data) : test::StoreRecord(id, data);
   }
@@ -80,17 +87,22 @@ class FileMaker {
     static constexpr std::size_t kFields[] = {0, 0, 4, 8, 16, 20, 20, 32, 32};
     const unsigned what = Next(10);
     if (what == 0) return ChangeNumber(header, 4 * Next(6));
-    if (what == 1) return tail.assign(tail.empty() ? Next(64) : 0, static_cast<char>(Next(2))), void();
+    if (what == 1)
+      return tail.assign(tail.empty() ? Next(64) : 0, static_cast<char>(Next(2))), void();
     if (what == 2) return AddTransaction();
     if (records.empty()) return;
-    const std::size_t i = Next(static_cast<unsigned>(records.size())), k = Next(static_cast<unsigned>(records.size()));
+    const std::size_t i = Next(static_cast<unsigned>(records.size())),
+                      k = Next(static_cast<unsigned>(records.size()));
     std::string& record = records[i];
     switch (what) {
       case 3:
-        records.insert(At(i), Next(2) != 0 ? Record() : Next(2) != 0 ? test::StartRecord(1, {}) : test::EndRecord(1));
+        records.insert(At(i), Next(2) != 0   ? Record()
+                              : Next(2) != 0 ? test::StartRecord(1, {})
+                                             : test::EndRecord(1));
         return;
       case 4:
-        if (!record.empty()) record[Next(static_cast<unsigned>(record.size()))] ^= static_cast<char>(1 << Next(8));
+        if (!record.empty())
+          record[Next(static_cast<unsigned>(record.size()))] ^= static_cast<char>(1 << Next(8));
         return;
       case 5:
         records.erase(At(i));
@@ -121,8 +133,10 @@ class FileMaker {
   void Repair(unsigned what) {
     for (std::size_t i = 0; i < records.size(); ++i) {
       if (OpOf(i) != kStoreOp || records[i].size() < kStoreHead) continue;
-      if ((what & Sizes) != 0) Put32(records[i], kDelete, static_cast<std::uint32_t>(records[i].size() - kStoreHead));
-      if ((what & Hashes) != 0) records[i].replace(kOp, 16, Digest(std::string_view(records[i]).substr(kStoreHead)));
+      if ((what & Sizes) != 0)
+        Put32(records[i], kDelete, static_cast<std::uint32_t>(records[i].size() - kStoreHead));
+      if ((what & Hashes) != 0)
+        records[i].replace(kOp, 16, Digest(std::string_view(records[i]).substr(kStoreHead)));
     }
     for (std::size_t i = 0; i < records.size(); ++i)
       if (OpOf(i) == kStartOp && records[i].size() >= kStart) RepairBlock(i, what);
@@ -132,7 +146,8 @@ class FileMaker {
   }
   void RepairBlock(std::size_t i, unsigned what) {
     std::string body;
-    for (std::size_t k = i + 1; k < records.size() && ((what & Lengths) == 0 || OpOf(k) != kEndOp); ++k)
+    for (std::size_t k = i + 1; k < records.size() && ((what & Lengths) == 0 || OpOf(k) != kEndOp);
+         ++k)
       body += records[k];
     if ((what & Lengths) != 0) Put32(records[i], kOp + 4, static_cast<std::uint32_t>(body.size()));
     body.resize(std::min<std::size_t>(body.size(), Get32(records[i], kOp + 4)));
@@ -156,13 +171,16 @@ std::string Sound(std::uint32_t mode, std::int32_t sequence, std::string_view bl
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FileMaker maker(data, size);
   const fuzz::LifeOptions options = fuzz::OptionsOf(static_cast<std::uint8_t>(maker.Next(16)));
-  const bool isPack = maker.Next(2) != 0, isAlone = maker.Next(2) != 0, isFirst = maker.Next(2) != 0;
+  const bool isPack = maker.Next(2) != 0, isAlone = maker.Next(2) != 0,
+             isFirst = maker.Next(2) != 0;
   static constexpr std::int32_t kOthers[] = {0, 1, -1, -3};
   const std::int32_t other = kOthers[maker.Next(4)];
   const std::string file = maker.Make();
-  std::vector<fuzz::Slot> slots = {{isPack ? file : Sound(1, 7, "bb"), isPack ? Sound(0, 0, "first") : file}};
+  std::vector<fuzz::Slot> slots = {
+      {isPack ? file : Sound(1, 7, "bb"), isPack ? Sound(0, 0, "first") : file}};
   if (isPack && !isAlone)
-    slots.insert(isFirst ? slots.end() : slots.begin(), {Sound(1, other, "bb"), Sound(0, 0, "second")});
+    slots.insert(isFirst ? slots.end() : slots.begin(),
+                 {Sound(1, other, "bb"), Sound(0, 0, "second")});
   fuzz::LiveThrough(slots, options);
   return 0;
 }

@@ -61,7 +61,8 @@ bool IsKept(const std::string& path, std::string_view bytes) {
 // old header and what came after them, up to the header's endOffset.
 bool IsJournalKept(const std::string& path, std::string_view bytes) {
   if (IsKept(path, bytes)) return true;
-  if (const std::uint32_t end = Get32(bytes, 20); end >= 24 && end < bytes.size()) bytes = bytes.substr(0, end);
+  if (const std::uint32_t end = Get32(bytes, 20); end >= 24 && end < bytes.size())
+    bytes = bytes.substr(0, end);
   const std::string now = test::FileBytes(path);
   for (int n = 1; n <= 4; ++n) {
     const std::string name = path + ".kept-" + std::to_string(n);
@@ -145,7 +146,8 @@ class Life {
       Require(loaded, "a load that keeps damaged files succeeds");
       for (std::size_t slot = 0; slot < slots.size(); ++slot) {
         Require(IsKept(PathOf(slot, ".pak"), slots[slot].pack), "a pack is left as it was or kept");
-        Require(IsJournalKept(PathOf(slot, ".jrn"), slots[slot].journal), "a journal is left as it was or kept");
+        Require(IsJournalKept(PathOf(slot, ".jrn"), slots[slot].journal),
+                "a journal is left as it was or kept");
       }
     }
     if (loaded) return;
@@ -163,8 +165,8 @@ class Life {
   void CheckDamagedKept() const {
     for (std::size_t slot = 0; slot < slots.size(); ++slot) {
       const Reading pack = ReadFile(slots[slot].pack);
-      const bool isNewer =
-          pack.sequence > expected.sequence && static_cast<std::uint32_t>(pack.sequence) % slots.size() == slot;
+      const bool isNewer = pack.sequence > expected.sequence &&
+                           static_cast<std::uint32_t>(pack.sequence) % slots.size() == slot;
       const bool isDamaged = pack.end != Reading::End::Clean || pack.countLost;
       if (!pack.headerLost && !(isDamaged && isNewer)) continue;
       Require(IsKept(PathOf(slot, ".pak"), slots[slot].pack), "a damaged pack is kept");
@@ -174,21 +176,25 @@ class Life {
   }
 
   bool AllSound() const {
-    return std::all_of(index.begin(), index.end(), [](const auto& blob) { return blob.second.sound; });
+    return std::all_of(index.begin(), index.end(),
+                       [](const auto& blob) { return blob.second.sound; });
   }
 
   // Exactly the blobs of the index are there, and every sound one reads back.
   void CheckContents() {
     StartStep();
-    Require(BCGetAllBlobHashesReset(store) == static_cast<int>(index.size()), "the number of blobs is right");
+    Require(BCGetAllBlobHashesReset(store) == static_cast<int>(index.size()),
+            "the number of blobs is right");
     test::HashBytes hash;
     for (const auto& [wanted, blob] : index)
-      Require(BCGetAllBlobHashes(store, hash.data(), 0) == 1 && hash == wanted, "the enumeration gives every blob");
+      Require(BCGetAllBlobHashes(store, hash.data(), 0) == 1 && hash == wanted,
+              "the enumeration gives every blob");
     Require(BCGetAllBlobHashes(store, hash.data(), 0) == 0, "the enumeration ends");
     Require((BCFsck(store) == 1) == AllSound(), "the check finds what is wrong and nothing else");
     for (const auto& [wanted, blob] : index) {
       hash = wanted;
-      Require(BCGetSize(store, hash.data()) == static_cast<int>(blob.data.size()), "a size is right");
+      Require(BCGetSize(store, hash.data()) == static_cast<int>(blob.data.size()),
+              "a size is right");
       if (blob.sound) Require(Get(wanted, blob) == 0, "a blob can be read");
     }
     EndStep();
@@ -197,13 +203,16 @@ class Life {
   int Get(test::HashBytes hash, const Blob& blob) const {
     std::string read(blob.data.size(), '\0');
     const int size = static_cast<int>(read.size());
-    const int result = BCGet(store, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size);
-    Require(result != 0 || (blob.sound && read == blob.data), "no blob is given out that does not match its hash");
+    const int result =
+        BCGet(store, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size);
+    Require(result != 0 || (blob.sound && read == blob.data),
+            "no blob is given out that does not match its hash");
     return result;
   }
 
   std::map<test::HashBytes, Blob>::iterator Unsound() {
-    return std::find_if(index.begin(), index.end(), [](const auto& blob) { return !blob.second.sound; });
+    return std::find_if(index.begin(), index.end(),
+                        [](const auto& blob) { return !blob.second.sound; });
   }
 
   // A failed read closes the store.
@@ -211,7 +220,8 @@ class Life {
     const auto unsound = Unsound();
     if (unsound == index.end()) return;
     StartStep();
-    Require(Get(unsound->first, unsound->second) == 2, "reading a blob that does not match its hash fails");
+    Require(Get(unsound->first, unsound->second) == 2,
+            "reading a blob that does not match its hash fails");
     EndStep();
     Reopen();
   }
@@ -223,7 +233,8 @@ class Life {
     const long long id = 0x1122334455667788;
     test::HashBytes hash = test::HashOf(data);
     Require(BCStartTransaction(store, &id) == 1, "a transaction starts");
-    Require(BCStore(store, hash.data(), reinterpret_cast<unsigned char*>(data.data()), static_cast<int>(data.size())),
+    Require(BCStore(store, hash.data(), reinterpret_cast<unsigned char*>(data.data()),
+                    static_cast<int>(data.size())),
             "a blob can be stored");
     if (deletes && !index.empty()) {
       auto gone = Unsound();

@@ -70,8 +70,8 @@ TEST(MD5, IsTheSameWhereverTheInputIsSplit) {
       for (std::size_t at = 0; at < size; at += piece) {
         const Bytes part = message.substr(at, piece), other = bytes.substr(at, 2 * piece);
         Add(one, part);
-        UpdateBoth(first, part.data(), static_cast<std::uint32_t>(part.size()), second, other.data(),
-                   static_cast<std::uint32_t>(other.size()));
+        UpdateBoth(first, part.data(), static_cast<std::uint32_t>(part.size()), second,
+                   other.data(), static_cast<std::uint32_t>(other.size()));
       }
       MD5 all;
       for (std::size_t at = 0; at < size; at += piece) Add(all, bytes.substr(at, 2 * piece));
@@ -154,17 +154,23 @@ class Pieces final : public MD5Source {
 
 // Lanes that end at different times, whole and in pieces; failing: that one's
 // source gives two pieces and no third.
-void ExpectMany(const std::vector<std::size_t>& sizes, std::size_t pieceSize, std::size_t failing = SIZE_MAX) {
-  for (const md5::LaneEngine* engine : {static_cast<const md5::LaneEngine*>(nullptr), md5::FindLaneEngine()}) {
+void ExpectMany(const std::vector<std::size_t>& sizes, std::size_t pieceSize,
+                std::size_t failing = SIZE_MAX) {
+  for (const md5::LaneEngine* engine :
+       {static_cast<const md5::LaneEngine*>(nullptr), md5::FindLaneEngine()}) {
     std::vector<Bytes> bytes;
     std::vector<std::unique_ptr<Pieces>> sources;
     std::vector<MD5Message> messages;
     std::vector<std::string> digests(sizes.size(), std::string(16, '?'));
-    for (std::size_t i = 0; i < sizes.size(); ++i) bytes.push_back(RandomBytes(sizes[i], static_cast<unsigned>(i)));
+    for (std::size_t i = 0; i < sizes.size(); ++i)
+      bytes.push_back(RandomBytes(sizes[i], static_cast<unsigned>(i)));
     for (std::size_t i = 0; i < sizes.size(); ++i) {
-      const std::size_t front = i % 3 == 0 ? sizes[i] : std::min<std::size_t>(64 * (i % 3 - 1), sizes[i] / 64 * 64);
-      sources.push_back(std::make_unique<Pieces>(bytes[i], front, pieceSize, i == failing ? 2 : -1));
-      messages.push_back({bytes[i].data(), front, reinterpret_cast<unsigned char*>(digests[i].data()),
+      const std::size_t front =
+          i % 3 == 0 ? sizes[i] : std::min<std::size_t>(64 * (i % 3 - 1), sizes[i] / 64 * 64);
+      sources.push_back(
+          std::make_unique<Pieces>(bytes[i], front, pieceSize, i == failing ? 2 : -1));
+      messages.push_back({bytes[i].data(), front,
+                          reinterpret_cast<unsigned char*>(digests[i].data()),
                           i % 3 == 0 ? nullptr : sources.back().get()});
     }
     if (failing < sizes.size()) {
@@ -174,7 +180,8 @@ void ExpectMany(const std::vector<std::size_t>& sizes, std::size_t pieceSize, st
     engine != nullptr ? DigestMany(messages.data(), messages.size())
                       : md5::DigestMany(messages.data(), messages.size(), engine);
     for (std::size_t i = 0; i < sizes.size(); ++i)
-      EXPECT_EQ(digests[i], Reference(bytes[i])) << i << " of " << sizes.size() << ", " << sizes[i] << " bytes";
+      EXPECT_EQ(digests[i], Reference(bytes[i]))
+          << i << " of " << sizes.size() << ", " << sizes[i] << " bytes";
   }
 }
 

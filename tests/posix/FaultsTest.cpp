@@ -35,13 +35,14 @@ int Noted(const char* what, int file, int error, int (*real)(int)) {
 }
 
 template <typename Buffer>
-ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer* buffer, size_t size, off_t offset,
-                 int roomError) {
+ssize_t Transfer(ssize_t (*real)(int, Buffer*, size_t, off_t), int file, Buffer* buffer,
+                 size_t size, off_t offset, int roomError) {
   static bool interrupted = false;
   interrupted = failing.interrupts && !interrupted;
   errno = interrupted ? EINTR : roomError;
   if (interrupted || failing.room == 0) return -1;
-  const ssize_t done = real(file, buffer, std::min({size, failing.room, failing.maxTransfer}), offset);
+  const ssize_t done =
+      real(file, buffer, std::min({size, failing.room, failing.maxTransfer}), offset);
   if (failing.room != SIZE_MAX) failing.room -= static_cast<size_t>(done);
   return done;
 }
@@ -54,7 +55,8 @@ int __real_fdatasync(int file);
 int __real_fsync(int file);
 ssize_t __real_pread64(int file, void* buffer, size_t size, off_t offset);
 ssize_t __real_pwrite64(int file, const void* buffer, size_t size, off_t offset);
-int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags);
+int __real_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+                     unsigned flags);
 
 int __wrap_fdatasync(int file) {
   return Noted("data ", file, failing.fdatasyncError, __real_fdatasync);
@@ -71,7 +73,8 @@ ssize_t __wrap_pread64(int file, void* buffer, size_t size, off_t offset) {
 ssize_t __wrap_pwrite64(int file, const void* buffer, size_t size, off_t offset) {
   return Transfer(__real_pwrite64, file, buffer, size, offset, ENOSPC);
 }
-int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to, unsigned flags) {
+int __wrap_renameat2(int fromDirectory, const char* from, int toDirectory, const char* to,
+                     unsigned flags) {
   if (const auto hook = std::exchange(failing.beforeRename, nullptr)) hook();
   errno = failing.renameat2Error;
   return errno != 0 ? -1 : __real_renameat2(fromDirectory, from, toDirectory, to, flags);
@@ -138,7 +141,8 @@ TEST_F(Faults, TheFirstFlushMakesTheNameDurableAfterTheData) {
     CloseHandle(file);
     std::filesystem::current_path(directory);
   }
-  for (const auto& [error, flushed] : {std::pair(EIO, 0), {EINVAL, 1}}) {  // EINVAL: directories cannot be synced
+  for (const auto& [error, flushed] :
+       {std::pair(EIO, 0), {EINVAL, 1}}) {  // EINVAL: directories cannot be synced
     failing.fsyncError = error;
     const HANDLE file = Open("d/a");
     EXPECT_EQ(FlushFileBuffers(file), flushed);

@@ -101,7 +101,8 @@ TEST_F(Files, OpenAsTheyMay) {
   const int lease = open("leased", O_RDONLY);
   ASSERT_EQ(fcntl(lease, F_SETLEASE, F_RDLCK), 0);
   ASSERT_EQ(mkfifo("fifo", 0600), 0);
-  for (const auto& [link, target] : {std::pair("link", "old"), {"null", "/dev/null"}, {"dangling", "nowhere"}})
+  for (const auto& [link, target] :
+       {std::pair("link", "old"), {"null", "/dev/null"}, {"dangling", "nowhere"}})
     std::filesystem::create_symlink(target, link);
 
   const struct {
@@ -188,7 +189,8 @@ TEST_F(Files, RefuseHandlesThatAreNotTheirs) {
   const HANDLE listing = FindFirstFileW(u"./*.*", &data);
   closed.insert(listing);
   for (const HANDLE handle : closed) {
-    ASSERT_FALSE(Write(handle, "x") || FlushFileBuffers(handle) != 0 || CloseHandle(handle) != 0) << handle;
+    ASSERT_FALSE(Write(handle, "x") || FlushFileBuffers(handle) != 0 || CloseHandle(handle) != 0)
+        << handle;
     ASSERT_EQ(GetFileSize(handle, nullptr), INVALID_FILE_SIZE) << handle;
     ASSERT_EQ(GetLastError(), ERROR_INVALID_HANDLE) << handle;
   }
@@ -221,9 +223,10 @@ TEST_F(Files, HaveTheNamesThatCallersWidened) {
       {u"fixed", FILE_ATTRIBUTE_READONLY}, {u"link", FILE_ATTRIBUTE_NORMAL}};
   EXPECT_EQ(entries, expected);
 
-  const std::pair<std::u16string, DWORD> bad[] = {{u"\x4E2D", ERROR_INVALID_NAME},
-                                                  {Wide(std::string(256, 'n')), ERROR_FILENAME_EXCED_RANGE},
-                                                  {Wide(std::string(5000, 'n')), ERROR_FILENAME_EXCED_RANGE}};
+  const std::pair<std::u16string, DWORD> bad[] = {
+      {u"\x4E2D", ERROR_INVALID_NAME},
+      {Wide(std::string(256, 'n')), ERROR_FILENAME_EXCED_RANGE},
+      {Wide(std::string(5000, 'n')), ERROR_FILENAME_EXCED_RANGE}};
   for (const auto& [units, error] : bad) {
     EXPECT_EQ(DeleteFileW(units.c_str()), 0);
     EXPECT_EQ(GetLastError(), error);
@@ -303,14 +306,18 @@ TEST_F(Files, KeepToTheLimitsOfTheProcess) {
     const HANDLE file = Open("a");
     DWORD done = 0;
     if (WriteFile(file, "0123456789abcdef", 16, &done, nullptr) != 0 || done != 10) return 1;
-    if (GetLastError() != ERROR_FILE_TOO_LARGE || SetFilePointer(file, 1, nullptr, FILE_CURRENT) != 11) return 2;
+    if (GetLastError() != ERROR_FILE_TOO_LARGE ||
+        SetFilePointer(file, 1, nullptr, FILE_CURRENT) != 11)
+      return 2;
     if (SetEndOfFile(file) != 0 || GetLastError() != ERROR_FILE_TOO_LARGE) return 3;
 
     const rlimit number{40, 40};
     setrlimit(RLIMIT_NOFILE, &number);
     std::vector<HANDLE> open;
-    while (open.empty() || open.back() != INVALID_HANDLE_VALUE) open.push_back(Open(std::to_string(open.size())));
-    if (GetLastError() != ERROR_TOO_MANY_OPEN_FILES || Exists(std::to_string(open.size() - 1))) return 4;
+    while (open.empty() || open.back() != INVALID_HANDLE_VALUE)
+      open.push_back(Open(std::to_string(open.size())));
+    if (GetLastError() != ERROR_TOO_MANY_OPEN_FILES || Exists(std::to_string(open.size() - 1)))
+      return 4;
     CloseHandle(open.front());
     CloseHandle(open[1]);
     return Opens("again") ? 0 : 5;

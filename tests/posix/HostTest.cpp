@@ -28,7 +28,8 @@ TEST(Messages, GoToTheSinkWholeOrAsLinesToStandardError) {
   const auto report = [&] {
     VellTrace trace("BlobController");
     trace.WriteWarnV("a warning %d ", 5);
-    for (int i = 0; i < 3; ++i) trace.WriteErrorV("File: sharing violation file %s retry %d", "of retry 0", i);
+    for (int i = 0; i < 3; ++i)
+      trace.WriteErrorV("File: sharing violation file %s retry %d", "of retry 0", i);
     trace.WriteErrorV("two\nlines\n");
     trace.WriteErrorV("%s", ("100%d " + longText).c_str());
     DeviceFatalError(0x49380D, "File", 20);
@@ -50,10 +51,11 @@ TEST(Messages, GoToTheSinkWholeOrAsLinesToStandardError) {
   EXPECT_EQ(InChild([&] { return dup2(ends[1], STDERR_FILENO), report(), 0; }), 0);
   std::string lines(20000, '\0');
   lines.resize(static_cast<std::size_t>(read(ends[0], lines.data(), lines.size())));
-  EXPECT_EQ(lines,
-            "Blobring error: File: sharing violation file of retry 0 retry 0\nBlobring error: two lines\n"
-            "Blobring error: 100%d " +
-                longText + "\nBlobring error: fatal error 0x49380D at File line 20\n");
+  EXPECT_EQ(
+      lines,
+      "Blobring error: File: sharing violation file of retry 0 retry 0\nBlobring error: two lines\n"
+      "Blobring error: 100%d " +
+          longText + "\nBlobring error: fatal error 0x49380D at File line 20\n");
   close(ends[0]);
   close(ends[1]);
 }
@@ -80,7 +82,8 @@ TEST(Records, AreReadInOrderAndTheLostOnesCounted) {
   std::array<std::uint32_t, 3> last{};
   for (std::size_t i = 0; i < 1024; ++i) {
     const BlobringHostEvent& e = events[i];
-    EXPECT_TRUE(e.sequence == next++ && e.ring == ring && ring != 0 && e.kind == 14 && e.values[0] == e.values[3]);
+    EXPECT_TRUE(e.sequence == next++ && e.ring == ring && ring != 0 && e.kind == 14 &&
+                e.values[0] == e.values[3]);
     EXPECT_GE(e.values[0], last[e.threadId]);
     last[e.threadId] = e.values[0];
   }
@@ -90,7 +93,8 @@ TEST(Records, AreReadInOrderAndTheLostOnesCounted) {
   RTTrace_4(104, 1, 2, 3, 4);
   BlobringHostNumericRecord r[3];
   ASSERT_EQ(BlobringHostReadNumericTrace(&position, r, 3, nullptr), 2U);
-  EXPECT_TRUE(r[0].id == 100 && r[0].valueCount == 0 && r[1].valueCount == 4 && r[1].values[3] == 4);
+  EXPECT_TRUE(r[0].id == 100 && r[0].valueCount == 0 && r[1].valueCount == 4 &&
+              r[1].values[3] == 4);
   EXPECT_EQ(r[1].threadId, GetCurrentThreadId());
 }
 
@@ -101,7 +105,8 @@ TEST(Memory, IsAlignedAndAccountedFor) {
     return block;
   };
   const auto give = [](void* block) { return TesselMemoryManager::GetInstance(2048)->Free(block); };
-  for (const unsigned long size : {ULONG_MAX, ULONG_MAX - 15, ULONG_MAX / 2}) EXPECT_EQ(take(size, 1), nullptr);
+  for (const unsigned long size : {ULONG_MAX, ULONG_MAX - 15, ULONG_MAX / 2})
+    EXPECT_EQ(take(size, 1), nullptr);
   void* first = take(100, 1);
   void* second = take(50, 1);
   EXPECT_EQ(reinterpret_cast<std::uintptr_t>(second) % alignof(std::max_align_t), 0U);
@@ -124,9 +129,13 @@ TEST(Memory, IsAlignedAndAccountedFor) {
 TEST(Ids, AreRightInAnotherThreadAndAfterAFork) {
   const DWORD own = GetCurrentThreadId();
   EXPECT_EQ(own, GetCurrentProcessId());
-  std::thread([&] { EXPECT_TRUE(GetCurrentThreadId() != own && GetCurrentProcessId() == own); }).join();
+  std::thread([&] {
+    EXPECT_TRUE(GetCurrentThreadId() != own && GetCurrentProcessId() == own);
+  }).join();
   const auto isRight = [] { return GetCurrentProcessId() == static_cast<DWORD>(getpid()); };
-  EXPECT_EQ(InChild([&] { return isRight() && GetCurrentThreadId() == GetCurrentProcessId() ? 0 : 1; }), 0);
+  EXPECT_EQ(
+      InChild([&] { return isRight() && GetCurrentThreadId() == GetCurrentProcessId() ? 0 : 1; }),
+      0);
   EXPECT_TRUE(isRight());
 }
 
@@ -137,7 +146,9 @@ TEST_F(InDirectory, UnloadingGivesEverythingBack) {
     std::ifstream maps("/proc/self/maps");
     return std::count(std::istreambuf_iterator<char>(maps), {}, '\n');
   };
-  const auto files = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto files = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
   const auto use = [](int row) {
     void* library = dlopen(BLOBRING_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     ASSERT_NE(library, nullptr) << dlerror();
@@ -154,7 +165,8 @@ TEST_F(InDirectory, UnloadingGivesEverythingBack) {
   const auto filesBefore = files();
   const std::size_t heapBefore = mallinfo2().uordblks;
   for (int row = 0; row < 40; ++row) use(row);
-  EXPECT_LT(mappings(), mappingsBefore + 20);  // one a round would be 40; a sanitizer's allocator takes some
+  EXPECT_LT(mappings(),
+            mappingsBefore + 20);  // one a round would be 40; a sanitizer's allocator takes some
   EXPECT_EQ(files(), filesBefore);
   EXPECT_LT(mallinfo2().uordblks, heapBefore + 1000);  // 25 bytes a round
 }

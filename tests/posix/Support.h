@@ -36,16 +36,21 @@ class InDirectory : public testing::Test {
     std::filesystem::remove_all(directory);
   }
 
-  static void Put(const std::string& name, const std::string& contents) { std::ofstream(name) << contents; }
+  static void Put(const std::string& name, const std::string& contents) {
+    std::ofstream(name) << contents;
+  }
   static std::string Contents(const std::string& name) {
     std::ifstream file(name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
   }
-  static bool Exists(const std::string& name) { return std::filesystem::exists(std::filesystem::symlink_status(name)); }
+  static bool Exists(const std::string& name) {
+    return std::filesystem::exists(std::filesystem::symlink_status(name));
+  }
 
   static HANDLE Open(const std::string& name, DWORD disposition = OPEN_ALWAYS,
                      DWORD access = GENERIC_READ | GENERIC_WRITE) {
-    return CreateFileW(Wide(name).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL, 0);
+    return CreateFileW(Wide(name).c_str(), access, 0, nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                       0);
   }
   static bool Opens(const std::string& name, DWORD disposition = OPEN_ALWAYS,
                     DWORD access = GENERIC_READ | GENERIC_WRITE) {
@@ -56,11 +61,14 @@ class InDirectory : public testing::Test {
     return MoveFileExW(Wide(from).c_str(), Wide(to).c_str(), flags) == 1;
   }
   static bool Delete(const std::string& name) { return DeleteFileW(Wide(name).c_str()) == 1; }
-  static bool MakeDirectory(const std::string& name) { return CreateDirectoryW(Wide(name).c_str(), nullptr) == 1; }
+  static bool MakeDirectory(const std::string& name) {
+    return CreateDirectoryW(Wide(name).c_str(), nullptr) == 1;
+  }
 
   static bool Write(HANDLE file, const std::string& data) {
     DWORD done = 0;
-    return WriteFile(file, data.data(), static_cast<DWORD>(data.size()), &done, nullptr) == 1 && done == data.size();
+    return WriteFile(file, data.data(), static_cast<DWORD>(data.size()), &done, nullptr) == 1 &&
+           done == data.size();
   }
   static std::string Read(HANDLE file, DWORD size) {
     std::string data(size, '\0');

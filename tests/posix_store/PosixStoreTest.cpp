@@ -46,7 +46,8 @@ std::u16string Wide(const fs::path& path) {
 }
 
 struct Store {
-  explicit Store(const fs::path& directory, int slots = 2) : index(BCInitialize(Wide(directory).c_str())) {
+  explicit Store(const fs::path& directory, int slots = 2)
+      : index(BCInitialize(Wide(directory).c_str())) {
     for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, Wide(directory).c_str());
     BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
     loaded = BCLoad(index) == 1;
@@ -57,16 +58,19 @@ struct Store {
 
   bool Put(const std::string& data) const {
     unsigned char hash[BLOBRING_HASH_SIZE];
-    return BCPut(index, reinterpret_cast<const unsigned char*>(data.data()), static_cast<int>(data.size()), hash) == 1;
+    return BCPut(index, reinterpret_cast<const unsigned char*>(data.data()),
+                 static_cast<int>(data.size()), hash) == 1;
   }
   bool Start(long long id) const { return BCStartTransaction(index, &id) == 1; }
   bool End(long long id) const { return BCEndTransaction(index, &id) == 1; }
   bool Has(const std::string& data) const {
     unsigned char hash[BLOBRING_HASH_SIZE];
-    BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()), hash);
+    BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()),
+                static_cast<unsigned>(data.size()), hash);
     if (BCGetSize(index, hash) != static_cast<int>(data.size())) return false;
     std::string read(data.size(), '\0');
-    return BCGet(index, hash, reinterpret_cast<unsigned char*>(read.data()), static_cast<int>(read.size())) == 0 &&
+    return BCGet(index, hash, reinterpret_cast<unsigned char*>(read.data()),
+                 static_cast<int>(read.size())) == 0 &&
            read == data;
   }
 
@@ -130,7 +134,8 @@ TEST(PosixStore, ASecondProcessIsRefusedAndACrashedHolderLeavesNoLock) {
   const pid_t holder = ::fork();
   if (holder == 0) {
     const Store store(temporary.path);
-    const bool good = store.Start(1) && store.Put("held") && store.End(1) && store.Start(2) && store.Put("open");
+    const bool good =
+        store.Start(1) && store.Put("held") && store.End(1) && store.Start(2) && store.Put("open");
     const char byte = good ? '+' : '-';
     if (::write(ready[1], &byte, 1) == 1) ::pause();
     ::_exit(1);
@@ -189,7 +194,8 @@ TEST(FileSystem, ListsAndDeletesTrees) {
             (std::set<std::string>{top + "/0.pak", top + "/old/1.pak"}));
   FileSystem::ReadDirectory(top, all, "");
   EXPECT_NE(std::find(all.begin(), all.end(), top + "/.."), all.end());
-  EXPECT_LT(std::find(all.begin(), all.end(), top + "/old/1.pak"), std::find(all.begin(), all.end(), top + "/old"));
+  EXPECT_LT(std::find(all.begin(), all.end(), top + "/old/1.pak"),
+            std::find(all.begin(), all.end(), top + "/old"));
   const std::size_t count = all.size();
   FileSystem::ReadDirectory(none, all, "");
   EXPECT_EQ(all.size(), count);

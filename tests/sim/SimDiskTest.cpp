@@ -59,7 +59,8 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
          Put(d, "/d/f", 500, 24, 'b');
          Put(d, "/d/f", 510, 1, 'c');
        },
-       {"a1024", "a500b12a512", "a500b10c1b1a512", "a512b12a500", "a500b24a500", "a500b10c1b13a500"}},
+       {"a1024", "a500b12a512", "a500b10c1b1a512", "a512b12a500", "a500b24a500",
+        "a500b10c1b13a500"}},
       {"an append: length and bytes by themselves",
        [](Disk& d) { Put(d, "/d/f", 1024, 3, 'b'); },
        {"a1024", "a1024.3", "a1024b3"}},
@@ -67,7 +68,10 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
        [](Disk& d) { Put(d, "/d/f", 1024, 3, 'b'); },
        {"a1024", "a1024.3", "a1024b3", "a1024x2.1"},
        forger},
-      {"longer without a write", [](Disk& d) { d.Truncate(0, 1026); }, {"a1024", "a1024.2", "a1024x2"}, forger},
+      {"longer without a write",
+       [](Disk& d) { d.Truncate(0, 1026); },
+       {"a1024", "a1024.2", "a1024x2"},
+       forger},
       {"cut short, then longer: what was cut off may come back",
        [](Disk& d) {
          d.Truncate(0, 600);
@@ -124,8 +128,11 @@ TEST(SimFiles, AKilledProcessLosesNothingAndAPowerCutWhatWasNotFlushed) {
   };
   const HANDLE file = open();
   DWORD written = 0;
-  const auto write = [&](const char* byte) { return WriteFile(file, byte, 1, &written, nullptr) != 0; };
-  EXPECT_TRUE(write("a") && FlushFileBuffers(file) && write("b"));  // the first flush keeps the name as well
+  const auto write = [&](const char* byte) {
+    return WriteFile(file, byte, 1, &written, nullptr) != 0;
+  };
+  EXPECT_TRUE(write("a") && FlushFileBuffers(file) &&
+              write("b"));  // the first flush keeps the name as well
   EXPECT_EQ(open(), INVALID_HANDLE_VALUE);
   EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
   EXPECT_NE(open(0), INVALID_HANDLE_VALUE);

@@ -39,8 +39,9 @@ void Fail(Workload workload, const Plan& plan, bool keep = true) {
     sim::Files().Kill();
     sim::Files().Restart();
     if (texts.insert(violation.text.substr(0, violation.text.find('{'))).second)
-      Report(workload.name + ", " + "call alloc free"[6 * (static_cast<int>(plan.kind) - 1)] + std::to_string(plan.n) +
-             " fault " + std::to_string(static_cast<int>(plan.fault)) + ": " + violation.text);
+      Report(workload.name + ", " + "call alloc free"[6 * (static_cast<int>(plan.kind) - 1)] +
+             std::to_string(plan.n) + " fault " + std::to_string(static_cast<int>(plan.fault)) +
+             ": " + violation.text);
   }
   if (run.failed()) ++failedRuns;
 }
@@ -56,26 +57,32 @@ void FailEverything(const Workload& workload) {
   sim::Files().log = nullptr;
   const auto each = {Plan::Then::AskAgain, Plan::Then::GoOn, Plan::Then::Reopen};
   // Of a long workload the end, and of its repetitions a part.
-  const auto skips = [](std::uint64_t n, std::uint64_t count) { return n + 250 < count && n % 8 != 0; };
+  const auto skips = [](std::uint64_t n, std::uint64_t count) {
+    return n + 250 < count && n % 8 != 0;
+  };
   for (std::uint64_t n = 1; n <= calls.size(); ++n) {
     if (skips(n, calls.size())) continue;
-    for (const Fault fault : {Fault::Error, Fault::Partial, Fault::DiskFull, Fault::Busy, Fault::DoneButFailed}) {
+    for (const Fault fault :
+         {Fault::Error, Fault::Partial, Fault::DiskFull, Fault::Busy, Fault::DoneButFailed}) {
       if (!sim::CanFail(calls[static_cast<std::size_t>(n - 1)], fault)) continue;
       for (const Plan::Then then : each) Fail(workload, {Plan::Kind::Call, n, fault, false, then});
       Fail(workload, {Plan::Kind::Call, n, fault, false}, false);
       if (fault != Fault::Error && fault != Fault::DiskFull) continue;
-      for (const bool keep : {true, false}) Fail(workload, {Plan::Kind::Call, n, fault, true, Plan::Then::GoOn}, keep);
+      for (const bool keep : {true, false})
+        Fail(workload, {Plan::Kind::Call, n, fault, true, Plan::Then::GoOn}, keep);
     }
   }
   for (std::uint64_t n = 1; n <= healthy.allocations(); ++n) {
     if (skips(n, healthy.allocations())) continue;
-    for (const Plan::Then then : each) Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, false, then});
+    for (const Plan::Then then : each)
+      Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, false, then});
     Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, false}, false);
     Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, true, Plan::Then::GoOn});
   }
   for (std::uint64_t n = 1; n <= healthy.releases(); ++n)
     for (const bool lasting : {false, true})
-      Fail(workload, {Plan::Kind::Free, n, Fault::Error, lasting, lasting ? Plan::Then::GoOn : Plan::Then::AskAgain});
+      Fail(workload, {Plan::Kind::Free, n, Fault::Error, lasting,
+                      lasting ? Plan::Then::GoOn : Plan::Then::AskAgain});
 }
 
 }  // namespace
@@ -88,7 +95,9 @@ int main(int argc, char** argv) {
   const std::uint64_t seed = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 1;
   const std::vector<Workload> workloads =
       argc > 3 ? std::vector<Workload>{explore::WorkloadByName(argv[3])} : explore::Scripts();
-  const auto random = [seed](std::uint64_t n) { return explore::RandomWorkload(seed * 1'000'000 + n); };
+  const auto random = [seed](std::uint64_t n) {
+    return explore::RandomWorkload(seed * 1'000'000 + n);
+  };
   const bool goesOn = argc <= 3 && !isBrief;
   sim::Diagnostics().Record(argc > 3);
 
@@ -102,7 +111,8 @@ int main(int argc, char** argv) {
   for (const Workload& workload : workloads) cut.Explore(workload);
   for (std::uint64_t n = 0; goesOn && !cut.Full(); ++n) cut.Explore(random(n));
   for (const std::string& finding : cut.findings()) Report(finding);
-  std::printf("%llu distinct disks after a power cut at %llu moments\n", static_cast<unsigned long long>(cut.states()),
+  std::printf("%llu distinct disks after a power cut at %llu moments\n",
+              static_cast<unsigned long long>(cut.states()),
               static_cast<unsigned long long>(cut.moments()));
 
   // A disk that lies about a flush of a commit, that of the records or that of
@@ -110,7 +120,8 @@ int main(int argc, char** argv) {
   for (unsigned flush = 1; flush <= (explore::kForgesGrowth ? 2 : 1); ++flush) {
     explore::PowerCut broken(seed, {~std::uint64_t{0}, 48, 12});
     broken.Explore(explore::Scripts().front(), 'E', flush);
-    if (broken.findings().empty()) Report("lost flush " + std::to_string(flush) + " of a commit went unseen");
+    if (broken.findings().empty())
+      Report("lost flush " + std::to_string(flush) + " of a commit went unseen");
   }
   std::printf("violations: %llu\n", static_cast<unsigned long long>(violations));
   return violations == 0 ? 0 : 1;

@@ -75,11 +75,13 @@ struct Store {
     shared->contents[next] = shared->contents[1 - next];
     const long long id = draw(100);
     if (BCStartTransaction(store.index, &id) != 1) Fail("a transaction does not start");
-    for (unsigned changes = 1 + draw(draw(10) == 0 ? 200 : 8); changes > 0; --changes, ++shared->changes) {
+    for (unsigned changes = 1 + draw(draw(10) == 0 ? 200 : 8); changes > 0;
+         --changes, ++shared->changes) {
       const unsigned n = draw(kBlobs);
       Blob blob(n);
       const bool stores = draw(3) != 0;
-      if ((stores ? BCPut(store.index, blob.Bytes(), blob.Size(), blob.hash) : BCDelete(store.index, blob.hash)) != 1)
+      if ((stores ? BCPut(store.index, blob.Bytes(), blob.Size(), blob.hash)
+                  : BCDelete(store.index, blob.hash)) != 1)
         Fail("a change failed", n);
       shared->contents[next][n] = stores;
     }
@@ -88,7 +90,8 @@ struct Store {
     if (BCEndTransaction(store.index, &id) != 1) Fail("a commit failed");
     shared->acknowledged = next;
     ++shared->commits;
-    if (draw(60) == 0 && ++shared->repacks > 0 && BCRepack(store.index) != 1) Fail("a repack failed");
+    if (draw(60) == 0 && ++shared->repacks > 0 && BCRepack(store.index) != 1)
+      Fail("a repack failed");
     if (draw(200) == 0 && BCFsck(store.index) != 1) Fail("the check failed");
   }
 }
@@ -101,13 +104,15 @@ Contents Found(const Store& store) {
     Blob blob(n);
     if (BCGetSize(store.index, blob.hash) < 0) continue;
     std::string read(blob.data.size(), '\0');
-    if (BCGet(store.index, blob.hash, reinterpret_cast<unsigned char*>(read.data()), blob.Size()) != 0 ||
+    if (BCGet(store.index, blob.hash, reinterpret_cast<unsigned char*>(read.data()), blob.Size()) !=
+            0 ||
         read != blob.data)
       Fail("a blob reads back wrong", n);
     found[n] = true;
     ++count;
   }
-  if (BCGetAllBlobHashesReset(store.index) != count) Fail("there are more blobs than there should be");
+  if (BCGetAllBlobHashesReset(store.index) != count)
+    Fail("there are more blobs than there should be");
   return found;
 }
 
@@ -115,7 +120,8 @@ Contents Found(const Store& store) {
 
 int main(int argc, char** argv) {
   const long seconds = argc > 1 ? std::atol(argv[1]) : 5;
-  const unsigned seed = argc > 2 ? static_cast<unsigned>(std::atol(argv[2])) : std::random_device()();
+  const unsigned seed =
+      argc > 2 ? static_cast<unsigned>(std::atol(argv[2])) : std::random_device()();
   std::mt19937 random(seed);
   const int slots = 1 + static_cast<int>(random() % 3);
   std::printf("soak of %ld s, seed %u, %d slots\n", seconds, seed, slots);
@@ -123,11 +129,13 @@ int main(int argc, char** argv) {
   std::string path = (std::filesystem::temp_directory_path() / "blobring-soak-XXXXXX").string();
   if (::mkdtemp(path.data()) == nullptr) Fail("no directory");
   const std::u16string directory(path.begin(), path.end());
-  void* memory = ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* memory =
+      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   shared = new (memory) Shared();
 
   unsigned killed = 0, keptUnacknowledged = 0;
-  for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end; ++killed) {
+  for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;
+       ++killed) {
     const std::mt19937 childsRandom(random());
     const pid_t child = ::fork();
     if (child == 0) Work(Store(directory, slots), childsRandom);
@@ -145,6 +153,9 @@ int main(int argc, char** argv) {
     ++keptUnacknowledged;
   }
   std::filesystem::remove_all(path);
-  std::printf("%u processes killed, %llu commits of %llu changes, %llu repacks; %u unacknowledged commits were whole\n",
-              killed, shared->commits.load(), shared->changes.load(), shared->repacks.load(), keptUnacknowledged);
+  std::printf(
+      "%u processes killed, %llu commits of %llu changes, %llu repacks; %u unacknowledged commits "
+      "were whole\n",
+      killed, shared->commits.load(), shared->changes.load(), shared->repacks.load(),
+      keptUnacknowledged);
 }

@@ -19,7 +19,8 @@ unsigned char* Bytes(std::string& text) {
 TEST(Calls, TheDigestWorksWithoutAStoreAndIsTraced) {
   FreshMachine();
   HashBytes digest{};
-  EXPECT_EQ(BCMD5ChkSumInt(nullptr, 1, digest.data()) + BCMD5ChkSumInt(digest.data(), 1, nullptr), 0);
+  EXPECT_EQ(BCMD5ChkSumInt(nullptr, 1, digest.data()) + BCMD5ChkSumInt(digest.data(), 1, nullptr),
+            0);
   EXPECT_EQ(BCMD5ChkSum(nullptr, 1, nullptr), 1);
   Diagnostics().Clear();
   EXPECT_EQ(BCMD5ChkSum(reinterpret_cast<const unsigned char*>("abc"), 3, digest.data()), 1);
@@ -60,7 +61,9 @@ TEST(Calls, AnUnknownIndexGivesTheFailureValueAndAWarning) {
   };
   for (const auto& row : rows) {
     EXPECT_EQ(row.result, row.failure) << row.call;
-    EXPECT_TRUE(Diagnostics().HasWarning(std::string(row.call) + ": no store has the index = 1048576")) << row.call;
+    EXPECT_TRUE(
+        Diagnostics().HasWarning(std::string(row.call) + ": no store has the index = 1048576"))
+        << row.call;
   }
   Diagnostics().Clear();
   EXPECT_EQ(BCDispose(kNone), 1);
@@ -191,9 +194,11 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 3), 2);
   EXPECT_EQ(sim::Files().sleptMs - slept, 1000U);
   EXPECT_TRUE(Diagnostics().HasError("BlobPair::buffer.size(3) != size(4)"));
-  EXPECT_TRUE(Diagnostics().HasError(
-      "BlobController::GetBlob() threw an exception BlobPair::Read : too large size file=/s/0.jrn offset=64"));
-  EXPECT_TRUE(Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
+  EXPECT_TRUE(
+      Diagnostics().HasError("BlobController::GetBlob() threw an exception BlobPair::Read : too "
+                             "large size file=/s/0.jrn offset=64"));
+  EXPECT_TRUE(
+      Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
   EXPECT_EQ(BCGetSize(store.index, hash.data()), -1) << "closed";
   EXPECT_FALSE(store.Store("x"));
 }
@@ -205,9 +210,9 @@ TEST(Calls, EnumerationEndsWhenTheStoreChanges) {
   const auto next = [&] { return BCGetAllBlobHashes(store.index, hash.data(), 0); };
   EXPECT_EQ(next(), 0) << "before a reset";
   ASSERT_TRUE(store.Commit(1, {"a", "b", "c"}) && store.Start(2) && store.Store("pending"));
-  const std::function<int()> changes[] = {[&] { return store.End(2); }, [&] { return BCRepack(store.index); },
-                                          [&] { return BCLoad(store.index); },
-                                          [&] { return BCShutdown(store.index, false); }};
+  const std::function<int()> changes[] = {
+      [&] { return store.End(2); }, [&] { return BCRepack(store.index); },
+      [&] { return BCLoad(store.index); }, [&] { return BCShutdown(store.index, false); }};
   for (const auto& change : changes) {
     EXPECT_GE(BCGetAllBlobHashesReset(store.index), 3);
     EXPECT_EQ(next(), 1);
@@ -242,17 +247,20 @@ TEST(Calls, PutComputesWhatStoreIsGiven) {
     FreshMachine();
     const OpenedStore store;
     std::vector<BCBlob> batch;
-    for (std::string& blob : blobs) batch.push_back({Bytes(blob), static_cast<int>(blob.size()), {}});
+    for (std::string& blob : blobs)
+      batch.push_back({Bytes(blob), static_cast<int>(blob.size()), {}});
     ASSERT_TRUE(store.Start(3));
     if (by[2] == 'S') {
       for (const std::string& blob : blobs) EXPECT_TRUE(store.Store(blob));
     } else if (by[5] == '\0') {
       for (BCBlob& blob : batch) EXPECT_EQ(BCPut(store.index, blob.data, blob.size, blob.hash), 1);
     } else {
-      EXPECT_EQ(BCPutMany(store.index, batch.data(), static_cast<int>(batch.size())), static_cast<int>(blobs.size()));
+      EXPECT_EQ(BCPutMany(store.index, batch.data(), static_cast<int>(batch.size())),
+                static_cast<int>(blobs.size()));
     }
     for (std::size_t b = 0; b < blobs.size() && by[2] == 'P'; ++b)
-      EXPECT_TRUE(std::equal(batch[b].hash, std::end(batch[b].hash), HashOf(blobs[b]).begin())) << b;
+      EXPECT_TRUE(std::equal(batch[b].hash, std::end(batch[b].hash), HashOf(blobs[b]).begin()))
+          << b;
     ASSERT_TRUE(store.End(3));
     journals.insert(FileBytes("/s/0.jrn"));
     for (const std::string& blob : blobs) EXPECT_TRUE(store.Has(blob)) << blob.size();

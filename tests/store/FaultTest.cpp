@@ -47,7 +47,8 @@ TEST(Fault, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   ASSERT_FALSE(store.End(13));
   const std::uint64_t before = sim::Files().calls(Call::FlushFileBuffers);
   ASSERT_TRUE(store.Store("second try") && store.End(13));
-  EXPECT_EQ(sim::Files().calls(Call::FlushFileBuffers) - before, 2U) << "over what a failed commit has left";
+  EXPECT_EQ(sim::Files().calls(Call::FlushFileBuffers) - before, 2U)
+      << "over what a failed commit has left";
   BCStatistics statistics{};
   statistics.size = sizeof statistics;
   ASSERT_EQ(BCGetStatistics(store.index, &statistics), 1);
@@ -66,9 +67,9 @@ TEST(Fault, AFailedFlushIsOverOnceTheStoreIsOpenedAnew) {
     EXPECT_FALSE(store.End(2));
     Diagnostics().Clear();
     EXPECT_FALSE(store.Store("refused"));
-    EXPECT_TRUE(
-        Diagnostics().HasWarning("BlobController::Store() threw an exception a flush has failed, no change is accepted "
-                                 "until the store is disposed of and opened again"));
+    EXPECT_TRUE(Diagnostics().HasWarning(
+        "BlobController::Store() threw an exception a flush has failed, no change is accepted "
+        "until the store is disposed of and opened again"));
   }  // the close fails as well, and releases the handles all the same
   EXPECT_EQ(sim::Files().openHandles(), 0U);
   const OpenedStore again;
@@ -89,8 +90,10 @@ TEST(Fault, ASecondOpenerIsRefusedAfterHalfASecond) {
     EXPECT_STREQ(e.what(), "FileSystem::CreateFile error /s/0.pak GetLastError code= 32");
   }
   EXPECT_EQ(sim::Files().sleptMs - slept, 500U);
-  EXPECT_TRUE(Diagnostics().HasError("FileSystem::CreateFile sharing violation file /s/0.pak retry 0"));
-  EXPECT_TRUE(Diagnostics().HasError("FileSystem::CreateFile sharing violation file /s/0.pak retry 24"));
+  EXPECT_TRUE(
+      Diagnostics().HasError("FileSystem::CreateFile sharing violation file /s/0.pak retry 0"));
+  EXPECT_TRUE(
+      Diagnostics().HasError("FileSystem::CreateFile sharing violation file /s/0.pak retry 24"));
   BCDispose(second);
   EXPECT_TRUE(store.Commit(1, {"unharmed"}));
 }

@@ -44,7 +44,8 @@ TEST(File, SaysWhatWasWantedAndWhatWasGot) {
   file.seek(4);
   EXPECT_EQ(WhatOf([&] { file.read(buffer, 20); }),
             "File::Read didn't read the entire buffer 20 read 6 GetLastError 0");
-  EXPECT_EQ(WhatOf([&] { file.seek(0x80000000U); }), "File::Seek SetFilePointer failed, GetLastError=131");
+  EXPECT_EQ(WhatOf([&] { file.seek(0x80000000U); }),
+            "File::Seek SetFilePointer failed, GetLastError=131");
   sim::Files().FailCallOf(Call::WriteFile, 1, Fault::Partial);
   EXPECT_EQ(WhatOf([&] { file.write(buffer, 8); }),
             "File::Write didn't write the entire buffer 8 written 4 GetLastError 1117");
@@ -54,7 +55,8 @@ TEST(File, SaysWhatWasWantedAndWhatWasGot) {
   EXPECT_EQ(Diagnostics().records.back().id, 0x0F000132U);
   file.erase();
   EXPECT_EQ(WhatOf([&] { file.erase(); }), "File::Close failed GetLastError code = 2");
-  EXPECT_TRUE(Diagnostics().HasWarning("FileSystem::Remove Error deleting file = /a/f GetLastError code = 2 "));
+  EXPECT_TRUE(Diagnostics().HasWarning(
+      "FileSystem::Remove Error deleting file = /a/f GetLastError code = 2 "));
   file.open("/a/g", GENERIC_READ, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
   sim::Files().FailCallOf(Call::CloseHandle, 1, Fault::Error);
   EXPECT_EQ(WhatOf([&] { file.close(); }), "File::Close failed GetLastError code = 1117");
@@ -111,9 +113,10 @@ TEST(Checksum, CoversTheRestOfAFileInPiecesOfAnySize) {
 
 TEST(Checksum, AFileCarriesItsOwnDigest) {
   FreshMachine();
-  const std::pair<std::string, bool> rows[] = {{Hex("d41d8cd98f00b204e9800998ecf8427e"), true},
-                                               {Hex("900150983cd24fb0d6963f7d28e17f72") + "abc", true},
-                                               {Hex("900150983cd24fb0d6963f7d28e17f72") + "abd", false}};
+  const std::pair<std::string, bool> rows[] = {
+      {Hex("d41d8cd98f00b204e9800998ecf8427e"), true},
+      {Hex("900150983cd24fb0d6963f7d28e17f72") + "abc", true},
+      {Hex("900150983cd24fb0d6963f7d28e17f72") + "abd", false}};
   std::string path = "/a/f";
   for (const auto& [bytes, isValid] : rows) {
     SetFile(path, bytes);

@@ -46,10 +46,11 @@ TEST(Format, ADeleteAndALargerBlobInOneTransactionOfAnotherId) {
   ASSERT_TRUE(store.Delete("abc"));
   ASSERT_TRUE(store.Store(large));
   ASSERT_TRUE(store.End(7));  // another id than the one it was started with
-  const std::string expected = JournalBytes()
-                                   .Transaction(1, {StoreRecord(1, "abc")})
-                                   .Transaction(-2, {DeleteRecord(-2, "abc"), StoreRecord(-2, large)}, 7)
-                                   .Bytes();
+  const std::string expected =
+      JournalBytes()
+          .Transaction(1, {StoreRecord(1, "abc")})
+          .Transaction(-2, {DeleteRecord(-2, "abc"), StoreRecord(-2, large)}, 7)
+          .Bytes();
   EXPECT_EQ(FileBytes("/s/0.jrn"), expected);
 }
 
@@ -62,8 +63,9 @@ TEST(Format, APackKeepsTheIdOfEachBlobInOneTransactionOfIdZero) {
   ASSERT_TRUE(store.Start(5) && store.Delete("gone") && store.End(5));
   const std::string before = FileBytes("/s/0.jrn");
   ASSERT_EQ(BCRepack(store.index), 1);
-  EXPECT_EQ(FileBytes("/s/1.pak"),
-            JournalBytes(1, 1).Transaction(0, {StoreRecord(3, "three"), StoreRecord(9, "nine")}).Bytes());
+  EXPECT_EQ(
+      FileBytes("/s/1.pak"),
+      JournalBytes(1, 1).Transaction(0, {StoreRecord(3, "three"), StoreRecord(9, "nine")}).Bytes());
   EXPECT_EQ(FileBytes("/s/1.jrn"), Hex("00040000 00000000 00000000 ffffffff 01000000 18000000"));
   EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation stays";
 }
@@ -72,11 +74,13 @@ TEST(Format, APackKeepsTheIdOfEachBlobInOneTransactionOfIdZero) {
 // survive, and the line that names the fault.
 TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
   const auto two = [] {
-    return JournalBytes().Transaction(1, {StoreRecord(1, "first")}).Transaction(2, {StoreRecord(2, "second")});
+    return JournalBytes()
+        .Transaction(1, {StoreRecord(1, "first")})
+        .Transaction(2, {StoreRecord(2, "second")});
   };
   const std::string good = two().Bytes();
-  const auto second =
-      static_cast<std::uint32_t>(JournalBytes().Transaction(1, {StoreRecord(1, "first")}).Bytes().size());
+  const auto second = static_cast<std::uint32_t>(
+      JournalBytes().Transaction(1, {StoreRecord(1, "first")}).Bytes().size());
   const struct {
     std::string bytes;
     std::size_t survivors;
@@ -86,33 +90,52 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
        "BlobFile::Load (start transaction) corruption, bad hash value id=2 file=/s/0.jrn"},
       {With(good, 24 + 40 + 36, "F"), 0,
        "BlobFile::Load (start transaction) corruption, bad hash value id=1 file=/s/0.jrn"},
-      {two().Count(7).Bytes(), 2, "BlobFile::Load() didn't process all the entries entries=1 file=/s/0.jrn"},
+      {two().Count(7).Bytes(), 2,
+       "BlobFile::Load() didn't process all the entries entries=1 file=/s/0.jrn"},
       {two().Count(0x80000000U).Bytes(), 0,
        "BlobFile::Load() didn't process all the entries entries=-2147483648 file=/s/0.jrn"},
       {good.substr(0, good.size() - 20), 1,
        "BlobFile::Load corruption, header endOffset=219 of a file of 199 bytes file=/s/0.jrn"},
       {two().End(5000).Bytes(), 2,
        "BlobFile::Load corruption, header endOffset=5000 of a file of 219 bytes file=/s/0.jrn"},
-      {two().End(23).Bytes(), 2, "BlobFile::Load corruption, header endOffset=23 of a file of 219 bytes file=/s/0.jrn"},
-      {two().Raw(StartRecord(3, StartRecord(4, "") + EndRecord(4))).Raw(EndRecord(3)).Counting(3).Bytes(), 2,
-       "BlobFile::Load corruption, nested transaction id=4 file=/s/0.jrn"},
+      {two().End(23).Bytes(), 2,
+       "BlobFile::Load corruption, header endOffset=23 of a file of 219 bytes file=/s/0.jrn"},
+      {two()
+           .Raw(StartRecord(3, StartRecord(4, "") + EndRecord(4)))
+           .Raw(EndRecord(3))
+           .Counting(3)
+           .Bytes(),
+       2, "BlobFile::Load corruption, nested transaction id=4 file=/s/0.jrn"},
       {two().Raw(EndRecord(8)).Counting(1).Bytes(), 2,
        "BlobFile::Load corruption, end transaction without start transaction id=8 file=/s/0.jrn"},
-      {two().Raw(OpHeader(4, 0)).Counting(1).Bytes(), 2, "BlobFile::Load() unsupported op=4 file=/s/0.jrn"},
-      {two().Transaction(3, {OpHeader(-1, 0)}).Bytes(), 2, "BlobFile::Load() unsupported op=-1 file=/s/0.jrn"},
+      {two().Raw(OpHeader(4, 0)).Counting(1).Bytes(), 2,
+       "BlobFile::Load() unsupported op=4 file=/s/0.jrn"},
+      {two().Transaction(3, {OpHeader(-1, 0)}).Bytes(), 2,
+       "BlobFile::Load() unsupported op=-1 file=/s/0.jrn"},
       {two().Transaction(3, {}).Bytes(), 2,
-       "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot after a disk wipe, "
+       "BlobFile::Load EOF error during validation of transaction.  This is normal for first boot "
+       "after a disk wipe, "
        "but no other time."},
-      {two().Transaction(3, {OpHeader(0, 3) + std::string(16, 'h') + Hex("ffffff7f") + "x"}).Bytes(), 2,
-       "BlobFile::Load corruption, record runs past its transaction id=3 file=/s/0.jrn"},
+      {two()
+           .Transaction(3, {OpHeader(0, 3) + std::string(16, 'h') + Hex("ffffff7f") + "x"})
+           .Bytes(),
+       2, "BlobFile::Load corruption, record runs past its transaction id=3 file=/s/0.jrn"},
       {two().Transaction(3, {StoreRecord(3, "a"), EndRecord(6), StoreRecord(3, "b")}).Bytes(), 2,
        "BlobFile::Load corruption, transaction ends before its length id=6 file=/s/0.jrn"},
-      {two().Raw(StartRecord(3, StoreRecord(3, "a"))).Raw(StoreRecord(5, "b")).Raw(EndRecord(3)).Counting(4).Bytes(), 2,
-       "BlobFile::Load corruption, record outside the digest of its transaction id=5 file=/s/0.jrn"},
+      {two()
+           .Raw(StartRecord(3, StoreRecord(3, "a")))
+           .Raw(StoreRecord(5, "b"))
+           .Raw(EndRecord(3))
+           .Counting(4)
+           .Bytes(),
+       2,
+       "BlobFile::Load corruption, record outside the digest of its transaction id=5 "
+       "file=/s/0.jrn"},
       {two().Raw(OpHeader(0, 3) + std::string(16, 'h') + Hex("ffffffff")).Counting(1).Bytes(), 2,
        "BlobFile::Load corruption, record runs past the end of the file id=3 file=/s/0.jrn"},
       {two().Count(5).End(second).Bytes(), 1,
-       "BlobFile::Load() failed to find the end of the transaction (transactions=1 entries=0 file=/s/0.jrn)"},
+       "BlobFile::Load() failed to find the end of the transaction (transactions=1 entries=0 "
+       "file=/s/0.jrn)"},
       {two().End(second).Bytes(), 2, ""},
   };
   for (const auto& row : rows) {
@@ -120,11 +143,14 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndGoesOnBehindThem) {
     FreshMachine();
     { const OpenedStore fresh(2); }
     SetFile("/s/0.jrn", row.bytes);
-    for (const std::size_t commits : {0U, 1U}) {  // what is committed behind the damage is read as well
+    for (const std::size_t commits :
+         {0U, 1U}) {  // what is committed behind the damage is read as well
       sim::Diagnostics().Clear();
       const OpenedStore store(2);
       const std::string trace = sim::Diagnostics().Text();
-      EXPECT_EQ(commits == 0 && !row.message.empty(), trace.find(row.message + "\n") != std::string::npos) << trace;
+      EXPECT_EQ(commits == 0 && !row.message.empty(),
+                trace.find(row.message + "\n") != std::string::npos)
+          << trace;
       EXPECT_EQ(store.All().size(), row.survivors + commits) << trace;
       EXPECT_EQ(store.Has("first"), row.survivors > 0);
       EXPECT_EQ(store.Has("second"), row.survivors > 1);
@@ -141,9 +167,12 @@ TEST(Format, AFileThatWasCutOffAtItsCreationIsNewAndNoOther) {
   const struct {
     std::string bytes;
     bool isNew;
-  } rows[] = {
-      {"", true},           {{"\0\4", 2}, true},          {std::string(23, '\0'), true}, {std::string(24, '\0'), true},
-      {{"\0\5", 2}, false}, {std::string(23, 'x'), false}};
+  } rows[] = {{"", true},
+              {{"\0\4", 2}, true},
+              {std::string(23, '\0'), true},
+              {std::string(24, '\0'), true},
+              {{"\0\5", 2}, false},
+              {std::string(23, 'x'), false}};
   for (const auto& row : rows) {
     for (const std::string path : {"/s/0.pak", "/s/0.jrn"}) {
       FreshMachine();
@@ -159,8 +188,8 @@ TEST(Format, AFileThatWasCutOffAtItsCreationIsNewAndNoOther) {
         BCAddPackDir(index, u"/s");
         ADD_FAILURE() << "taken for new";
       } catch (const std::runtime_error& e) {
-        EXPECT_EQ(e.what(), "File::Read didn't read the entire buffer 24 read " + std::to_string(row.bytes.size()) +
-                                " GetLastError 0");
+        EXPECT_EQ(e.what(), "File::Read didn't read the entire buffer 24 read " +
+                                std::to_string(row.bytes.size()) + " GetLastError 0");
       }
       BCDispose(index);
       EXPECT_EQ(FileBytes(path), row.bytes);

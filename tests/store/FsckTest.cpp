@@ -37,14 +37,17 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   EXPECT_EQ(BCFsck(store.index), 0);
   for (const int damaged : {5, 6, 7, 8}) {
     const HashBytes hash = HashOf(blobs[static_cast<std::size_t>(damaged)]);
-    EXPECT_TRUE(Diagnostics().HasError("Fsck: Blob Entry :hash=" + TextOf(hash) +
-                                       " transId=7 size=9 offset=" + std::to_string(DataOffset(damaged, 9) - 36) +
-                                       " count = " + std::to_string(order[hash]) + " filename=/s/0.jrn"))
+    EXPECT_TRUE(Diagnostics().HasError(
+        "Fsck: Blob Entry :hash=" + TextOf(hash) +
+        " transId=7 size=9 offset=" + std::to_string(DataOffset(damaged, 9) - 36) +
+        " count = " + std::to_string(order[hash]) + " filename=/s/0.jrn"))
         << Diagnostics().Text();
-    EXPECT_TRUE(Diagnostics().HasError("BlobController::Fsck() Blob " + TextOf(hash) + " is corrupt"));
+    EXPECT_TRUE(
+        Diagnostics().HasError("BlobController::Fsck() Blob " + TextOf(hash) + " is corrupt"));
   }
   EXPECT_EQ(Diagnostics().lines.back().text, "BlobController::Fsck() storage is corrupted");
-  EXPECT_NE(Diagnostics().raw.find(" BlobPair::Read DATA was: 586C6F62"), std::string::npos) << Diagnostics().raw;
+  EXPECT_NE(Diagnostics().raw.find(" BlobPair::Read DATA was: 586C6F62"), std::string::npos)
+      << Diagnostics().raw;
   EXPECT_TRUE(store.Has(blobs[0])) << "the store stays open";
 }
 

@@ -56,9 +56,11 @@ TEST(Index, AnswersAsAMapWhateverTheKeys) {
       }
       const Hash sought = make(random);
       const auto found = index.Find(sought), after = index.After(sought);
-      ASSERT_EQ(found != index.end() ? found->second.size : ~0U, model.count(sought) == 1 ? model[sought] : ~0U);
+      ASSERT_EQ(found != index.end() ? found->second.size : ~0U,
+                model.count(sought) == 1 ? model[sought] : ~0U);
       const auto next = model.upper_bound(sought);
-      ASSERT_TRUE(after == index.end() ? next == model.end() : next != model.end() && after->first == next->first);
+      ASSERT_TRUE(after == index.end() ? next == model.end()
+                                       : next != model.end() && after->first == next->first);
       if (step % 4'999 == 0) expectSame();
     }
     index.EraseIf([](const BlobIndex::Entry& entry) { return entry.size % 3 == 0; });
@@ -73,7 +75,8 @@ TEST(Index, KeepsItsBalanceWithKeysInOrderAndInOneBucket) {
   bool isNew = false;
   constexpr std::uint64_t kCount = 300'000;
   for (std::uint64_t n = 0; n < kCount; ++n) index.FindOrMake(HashOf(5, n), isNew);
-  for (std::uint64_t n = 0; n < kCount; ++n) ASSERT_NE(index.Find(HashOf(5, kCount - 1 - n)), index.end());
+  for (std::uint64_t n = 0; n < kCount; ++n)
+    ASSERT_NE(index.Find(HashOf(5, kCount - 1 - n)), index.end());
   for (std::uint64_t n = 0; n < kCount; ++n) index.Erase(HashOf(5, n));
   EXPECT_TRUE(index.empty());
 }

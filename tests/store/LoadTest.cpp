@@ -33,8 +33,8 @@ TEST(Load, ErasesAStoreWithoutAUsablePackUnlessItIsToKeepIt) {
     EXPECT_EQ(store.Commit(1, {"fresh"}), policy == Policy::Keep);
     if (policy == Policy::Erase) {
       EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Load invalid Pack file 0 /s/0.pak"));
-      EXPECT_TRUE(
-          Diagnostics().HasError("BlobController::Load no valid Pak files, reseting all files.  All data is lost"));
+      EXPECT_TRUE(Diagnostics().HasError(
+          "BlobController::Load no valid Pak files, reseting all files.  All data is lost"));
       EXPECT_TRUE(Diagnostics().HasError("BlobController::DeleteFiles() was successful."));
       EXPECT_FALSE(Exists("/s/0.pak") || Exists("/s/0.jrn"));
       continue;
@@ -48,8 +48,10 @@ TEST(Load, ErasesAStoreWithoutAUsablePackUnlessItIsToKeepIt) {
 // The damage is in the journal or in its copy, whichever flush fails.
 TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
   const std::string whole = JournalBytes().Transaction(2, {StoreRecord(2, "good")}).Bytes();
-  const std::string damage = With(StartRecord(3, StoreRecord(3, "bad")), 30, "X") + EndRecord(3) + EndRecord(4);
-  const std::string journal = JournalBytes().Transaction(2, {StoreRecord(2, "good")}).Raw(damage).Counting(4).Bytes();
+  const std::string damage =
+      With(StartRecord(3, StoreRecord(3, "bad")), 30, "X") + EndRecord(3) + EndRecord(4);
+  const std::string journal =
+      JournalBytes().Transaction(2, {StoreRecord(2, "good")}).Raw(damage).Counting(4).Bytes();
   bool failed = true;
   for (std::uint64_t n = 1; failed; ++n) {
     FreshMachine();
@@ -62,7 +64,8 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
     sim::Files().CutPower();
     sim::Files().Restart();
     const std::string copy = Exists("/s/0.jrn.kept-1") ? FileBytes("/s/0.jrn.kept-1") : "";
-    EXPECT_TRUE(FileBytes("/s/0.jrn") == journal || copy == journal.substr(0, 24) + damage) << "flush " << n;
+    EXPECT_TRUE(FileBytes("/s/0.jrn") == journal || copy == journal.substr(0, 24) + damage)
+        << "flush " << n;
     EXPECT_TRUE(OpenedStore(1, Policy::Keep).Has("good"));
   }
 }
@@ -116,14 +119,16 @@ TEST(Load, MovesJournalsAsideBeforePacks) {
 TEST(Load, OnlyATornLastTransactionIsNoDamage) {
   const auto journal = [](int count) {
     JournalBytes bytes;
-    for (int id = 1; id <= count; ++id) bytes.Transaction(id, {StoreRecord(id, "blob" + std::to_string(id))});
+    for (int id = 1; id <= count; ++id)
+      bytes.Transaction(id, {StoreRecord(id, "blob" + std::to_string(id))});
     return bytes.Bytes();
   };
   const std::string good = journal(3);
   for (const int torn : {2, 3}) {
     const std::size_t start = journal(torn - 1).size();
-    for (const std::string& bytes : {With(good, start, std::string(40, '\0')), With(good, start, "\5"),
-                                     With(good, start + 16, std::string(24, '\0')), With(good, start + 80, "X")}) {
+    for (const std::string& bytes :
+         {With(good, start, std::string(40, '\0')), With(good, start, "\5"),
+          With(good, start + 16, std::string(24, '\0')), With(good, start + 80, "X")}) {
       FreshMachine();
       SetFile("/s/0.jrn", bytes);
       const OpenedStore store(1, Policy::Keep);

@@ -18,7 +18,8 @@ TEST(Memory, EveryBlockHasItsPoolAndTag) {
     EXPECT_EQ(sim::Memory().Of(31, 31064077).liveBytes, 50 * sizeof(BlobFile::BlobFileEntry));
     const sim::SimMemory::Account before = sim::Memory().Of(31, 31064068);
     ASSERT_TRUE(store.Commit(1, {"a"}));
-    EXPECT_EQ(sim::Memory().Of(31, 31064068).allocations - before.allocations, 1U) << "one node for each blob";
+    EXPECT_EQ(sim::Memory().Of(31, 31064068).allocations - before.allocations, 1U)
+        << "one node for each blob";
   }
   EXPECT_EQ(sim::Memory().liveBlocks(), live);
 }

@@ -14,7 +14,8 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   const auto refused = [](int index, const char* reason) {
     Diagnostics().Clear();
     const bool failed = BCRepack(index) == 0;
-    return failed && Diagnostics().HasError(std::string("BlobController::Repack() refused: ") + reason);
+    return failed &&
+           Diagnostics().HasError(std::string("BlobController::Repack() refused: ") + reason);
   };
   {
     const OpenedStore none(0);
@@ -39,11 +40,13 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   const OpenedStore store(2);
   EXPECT_TRUE(store.Has("a"));
   BCShutdown(store.index, true);
-  EXPECT_TRUE(refused(store.index, "the store is closed, no change is accepted until it is opened again"));
+  EXPECT_TRUE(
+      refused(store.index, "the store is closed, no change is accepted until it is opened again"));
 }
 
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
-  const std::string journal = JournalBytes().Transaction(1, {StoreRecord(1, "aaaa"), StoreRecord(1, "bbbb")}).Bytes();
+  const std::string journal =
+      JournalBytes().Transaction(1, {StoreRecord(1, "aaaa"), StoreRecord(1, "bbbb")}).Bytes();
   constexpr std::uint32_t kFirst = 24 + 40;
   const std::string hash = TextOf(HashOf("aaaa"));
   for (const int slots : {1, 2}) {
@@ -61,15 +64,19 @@ TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
       ASSERT_EQ(BCRepack(store.index), damaged ? 0 : 1);
       EXPECT_EQ(store.Has("bbbb"), !damaged) << "a failure closes it";
       if (!damaged) {
-        EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " + hash + " size 4"));
-        EXPECT_EQ(BCFsck(store.index), slots == 1 ? 1 : 0) << "where the old file is left, its entry is reported";
+        EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " +
+                                             hash + " size 4"));
+        EXPECT_EQ(BCFsck(store.index), slots == 1 ? 1 : 0)
+            << "where the old file is left, its entry is reported";
         continue;
       }
-      EXPECT_NE(Diagnostics().Text().find("BlobController::Repack() Invalid Blob Detected. Failed on index["),
+      EXPECT_NE(Diagnostics().Text().find(
+                    "BlobController::Repack() Invalid Blob Detected. Failed on index["),
                 std::string::npos);
       EXPECT_TRUE(Diagnostics().HasError("file.path, file offset, blob size"));
       EXPECT_TRUE(Diagnostics().HasError("/s/0.jrn, 64, 4"));
-      EXPECT_TRUE(Diagnostics().HasError("BlobController::Repack() threw an exception BlobPair Read failed"));
+      EXPECT_TRUE(Diagnostics().HasError(
+          "BlobController::Repack() threw an exception BlobPair Read failed"));
       EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation is as it was";
       EXPECT_EQ(disk.Lookup("/s/0.pak.new"), sim::kNoInode);
     }

@@ -25,7 +25,8 @@ std::uint32_t LargestBlob(const std::string& record) {
 }
 
 std::string StartWith(std::int64_t id, std::uint32_t largest, std::string_view records) {
-  return OpHeader(2, id) + Number(largest, 4) + Number(records.size(), 4) + Digest(records) + std::string(records);
+  return OpHeader(2, id) + Number(largest, 4) + Number(records.size(), 4) + Digest(records) +
+         std::string(records);
 }
 
 }  // namespace
@@ -51,7 +52,8 @@ std::string With(std::string text, std::size_t at, std::string_view bytes) {
 }
 
 std::string OpHeader(std::int32_t op, std::int64_t id) {
-  return Number(static_cast<std::uint32_t>(op), 4) + Number(0, 4) + Number(static_cast<std::uint64_t>(id), 8);
+  return Number(static_cast<std::uint32_t>(op), 4) + Number(0, 4) +
+         Number(static_cast<std::uint64_t>(id), 8);
 }
 
 std::string StoreRecord(std::int64_t id, std::string_view data) {
@@ -113,8 +115,9 @@ JournalBytes& JournalBytes::MaxBlobSize(std::uint32_t size) {
 }
 
 std::string JournalBytes::Bytes() const {
-  return Number(maxBlobSize, 4) + Number(count, 4) + Number(mode, 4) + Number(static_cast<std::uint32_t>(sequence), 4) +
-         Number(1, 4) + Number(end.value_or(static_cast<std::uint32_t>(24 + body.size())), 4) + body;
+  return Number(maxBlobSize, 4) + Number(count, 4) + Number(mode, 4) +
+         Number(static_cast<std::uint32_t>(sequence), 4) + Number(1, 4) +
+         Number(end.value_or(static_cast<std::uint32_t>(24 + body.size())), 4) + body;
 }
 
 }  // namespace test

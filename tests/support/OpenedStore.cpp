@@ -8,7 +8,8 @@ namespace test {
 
 HashBytes HashOf(std::string_view data) {
   HashBytes hash{};
-  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()), static_cast<unsigned>(data.size()), hash.data());
+  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()),
+              static_cast<unsigned>(data.size()), hash.data());
   return hash;
 }
 
@@ -73,7 +74,8 @@ OpenedStore::~OpenedStore() {
 bool OpenedStore::Store(std::string_view data) const {
   HashBytes hash = HashOf(data);
   std::string copy(data);
-  return BCStore(index, hash.data(), reinterpret_cast<unsigned char*>(copy.data()), static_cast<int>(copy.size())) == 1;
+  return BCStore(index, hash.data(), reinterpret_cast<unsigned char*>(copy.data()),
+                 static_cast<int>(copy.size())) == 1;
 }
 
 bool OpenedStore::Delete(std::string_view data) const {
@@ -92,7 +94,8 @@ std::optional<std::string> OpenedStore::Get(std::string_view data) const {
   const int size = BCGetSize(index, hash.data());
   if (size < 0) return std::nullopt;
   std::string read(static_cast<std::size_t>(size), '\0');
-  if (BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size) != 0) return std::nullopt;
+  if (BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size) != 0)
+    return std::nullopt;
   return read;
 }
 
@@ -104,7 +107,8 @@ std::vector<std::string> OpenedStore::All() const {
   EXPECT_EQ(static_cast<int>(hashes.size()), count);
   for (HashBytes& hash : hashes) {
     std::string read(static_cast<std::size_t>(BCGetSize(index, hash.data())), '\0');
-    EXPECT_EQ(BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), static_cast<int>(read.size())),
+    EXPECT_EQ(BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()),
+                    static_cast<int>(read.size())),
               0);
     blobs.push_back(read);
   }

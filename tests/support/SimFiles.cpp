@@ -37,8 +37,8 @@ bool CanFail(Call call, Fault fault) {
     case Fault::Busy:
       return isOneOf({Call::CreateFile, Call::MoveFile});
     case Fault::DoneButFailed:
-      return isOneOf({Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile, Call::DeleteFile,
-                      Call::SetEndOfFile});
+      return isOneOf({Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile,
+                      Call::DeleteFile, Call::SetEndOfFile});
     default:
       return fault == Fault::Error;
   }
@@ -61,7 +61,8 @@ void SimFiles::CutPower() {
 }
 
 unsigned SimFiles::openHandles() const {
-  return static_cast<unsigned>(std::count_if(handles_.begin(), handles_.end(), [](const Handle& h) { return h.open; }));
+  return static_cast<unsigned>(
+      std::count_if(handles_.begin(), handles_.end(), [](const Handle& h) { return h.open; }));
 }
 
 Fault SimFiles::Begin(Call call) {
@@ -84,15 +85,17 @@ void SimFiles::NotApplied(Call call) {
 }
 
 SimFiles::Handle* SimFiles::HandleAt(HANDLE value) {
-  if (!dead_ && value >= 1 && value <= handles_.size() && handles_[value - 1].open) return &handles_[value - 1];
+  if (!dead_ && value >= 1 && value <= handles_.size() && handles_[value - 1].open)
+    return &handles_[value - 1];
   Fail(ERROR_INVALID_HANDLE);
   return nullptr;
 }
 
 // Whether a handle has the file to itself. One without access does not.
 bool SimFiles::IsHeld(int inode) const {
-  return std::any_of(handles_.begin(), handles_.end(),
-                     [inode](const Handle& h) { return h.open && h.inode == inode && h.access != 0; });
+  return std::any_of(handles_.begin(), handles_.end(), [inode](const Handle& h) {
+    return h.open && h.inode == inode && h.access != 0;
+  });
 }
 
 HANDLE SimFiles::Create(const WCHAR* path, DWORD access, DWORD disposition) {
@@ -117,7 +120,8 @@ HANDLE SimFiles::Create(const WCHAR* path, DWORD access, DWORD disposition) {
     inode = disk.Create(name);
   }
   if (fault == Fault::DoneButFailed) return refused(ERROR_IO_DEVICE);
-  const auto free = std::find_if(handles_.begin(), handles_.end(), [](const Handle& h) { return !h.open; });
+  const auto free =
+      std::find_if(handles_.begin(), handles_.end(), [](const Handle& h) { return !h.open; });
   if (free == handles_.end()) return refused(ERROR_TOO_MANY_OPEN_FILES);
   *free = {true, inode, directory, access, 0, disposition != OPEN_EXISTING, false};
   lastError = present && disposition != OPEN_EXISTING ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS;
@@ -167,7 +171,8 @@ DWORD SimFiles::Seek(HANDLE file, LONG distance, DWORD method) {
   Handle* handle = HandleAt(file);
   if (handle == nullptr) return INVALID_SET_FILE_POINTER;
   if (fails) return Fail(ERROR_IO_DEVICE), INVALID_SET_FILE_POINTER;
-  const std::int64_t from = method == FILE_CURRENT ? static_cast<std::int64_t>(handle->position) : 0;
+  const std::int64_t from =
+      method == FILE_CURRENT ? static_cast<std::int64_t>(handle->position) : 0;
   if (from + distance < 0) return Fail(ERROR_NEGATIVE_SEEK), INVALID_SET_FILE_POINTER;
   handle->position = static_cast<std::uint64_t>(from + distance);
   return Done(), static_cast<DWORD>(handle->position);
@@ -266,10 +271,12 @@ BOOL SimFiles::Move(const WCHAR* from, const WCHAR* to, bool replace) {
   const int moved = disk.Lookup(source), replaced = disk.Lookup(target);
   if (moved == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
   if (!replace && replaced != kNoInode) return Fail(ERROR_ALREADY_EXISTS);
-  if (IsHeld(moved) || (replaced != kNoInode && IsHeld(replaced))) return Fail(ERROR_SHARING_VIOLATION);
+  if (IsHeld(moved) || (replaced != kNoInode && IsHeld(replaced)))
+    return Fail(ERROR_SHARING_VIOLATION);
   Watch(Call::MoveFile);
   disk.Rename(source, target);
-  if (fault == Fault::DoneButFailed) return Fail(ERROR_IO_DEVICE);  // renamed; the directory could not be synced
+  if (fault == Fault::DoneButFailed)
+    return Fail(ERROR_IO_DEVICE);  // renamed; the directory could not be synced
   disk.SyncDirectory(DirectoryOf(target));
   disk.SyncDirectory(DirectoryOf(source));
   return Done();
@@ -281,7 +288,8 @@ using sim::Files;
 
 extern "C" {
 
-HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition, DWORD, HANDLE) {
+HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition,
+                   DWORD, HANDLE) {
   return Files().Create(path, access, disposition);
 }
 BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {

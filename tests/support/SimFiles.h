@@ -37,10 +37,11 @@ constexpr std::size_t kCallKinds = 12;
 
 enum class Fault : unsigned {
   None,
-  Error,          // nothing done. A flush: the updates are gone, readers see the medium's contents
-  Partial,        // a read or write stopped half way. A flush: the updates are gone once the handle is closed
-  DiskFull,       // a write that grows its file stopped half way, a creation refused
-  Busy,           // an open or a move refused by a sharing violation
+  Error,     // nothing done. A flush: the updates are gone, readers see the medium's contents
+  Partial,   // a read or write stopped half way. A flush: the updates are gone once the handle is
+             // closed
+  DiskFull,  // a write that grows its file stopped half way, a creation refused
+  Busy,      // an open or a move refused by a sharing violation
   DoneButFailed,  // done, yet reported as failed
 };
 
@@ -58,7 +59,9 @@ class SimFiles {
 
   // Fails the n-th call from now, 1 being the next, or the n-th of one kind;
   // with fromThenOn every later one too. 0: none.
-  void FailCall(std::uint64_t n, Fault fault, bool fromThenOn = false) { plan_ = {n, fault, fromThenOn, false, {}}; }
+  void FailCall(std::uint64_t n, Fault fault, bool fromThenOn = false) {
+    plan_ = {n, fault, fromThenOn, false, {}};
+  }
   void FailCallOf(Call kind, std::uint64_t n, Fault fault, bool fromThenOn = false) {
     plan_ = {n, fault, fromThenOn, true, kind};
   }
@@ -86,7 +89,9 @@ class SimFiles {
   bool dead() const { return dead_; }
 
   std::uint64_t calls(Call call) const { return counts_[static_cast<std::size_t>(call)]; }
-  std::uint64_t allCalls() const { return std::accumulate(counts_.begin(), counts_.end(), std::uint64_t{0}); }
+  std::uint64_t allCalls() const {
+    return std::accumulate(counts_.begin(), counts_.end(), std::uint64_t{0});
+  }
   std::uint64_t sleptMs = 0;
   unsigned openHandles() const;
 

@@ -70,7 +70,8 @@ TEST(EmbedderCalls, FetchAnswersWithoutACheckAndWithoutWaiting) {
   EXPECT_EQ(LastError(store.index), "BCFetch: capacity = -1 is negative");
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_ARGUMENT);
   BCShutdown(store.index, true);
-  EXPECT_EQ(Fetched(store.index, "other"), "failed") << "a closed store does not say that a blob is absent";
+  EXPECT_EQ(Fetched(store.index, "other"), "failed")
+      << "a closed store does not say that a blob is absent";
   EXPECT_EQ(BCNextHash(store.index, nullptr, &byte), -1);
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_CLOSED);
   EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_FAILED);
@@ -96,10 +97,12 @@ TEST(EmbedderCalls, FetchNamesTheDamageAndKeepsTheStoreOpen) {
       const OpenedStore store(2);
       ASSERT_TRUE(store.Commit(1, {blob, "sound"}));
       sim::Disk& disk = sim::Files().disk;
-      disk.Write(disk.Lookup("/s/0.jrn"), 64 + row.at, row.bytes.data(), static_cast<std::uint32_t>(row.bytes.size()));
+      disk.Write(disk.Lookup("/s/0.jrn"), 64 + row.at, row.bytes.data(),
+                 static_cast<std::uint32_t>(row.bytes.size()));
       EXPECT_EQ(Fetched(store.index, blob), "failed");
       const std::string reason = LastError(store.index);
-      EXPECT_NE(reason.find("file /s/0.jrn offset 64 size " + std::to_string(blob.size()) + ": " + row.reason),
+      EXPECT_NE(reason.find("file /s/0.jrn offset 64 size " + std::to_string(blob.size()) + ": " +
+                            row.reason),
                 std::string::npos)
           << reason;
       EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_DAMAGED);
@@ -114,8 +117,9 @@ TEST(EmbedderCalls, StatisticsCountWhatTheFilesHold) {
   ASSERT_TRUE(store.Commit(1, {"aaaa", "bb"}));
   const std::uint64_t both = 24 + 40 + (36 + 4) + (36 + 2) + 16;
   BCStatistics of = StatisticsOf(store.index);
-  const std::vector<std::uint64_t> seen = {of.blobCount, of.liveBytes,    of.largestBlob,  of.slotCount,
-                                           of.packBytes, of.journalBytes, of.repackedBytes};
+  const std::vector<std::uint64_t> seen = {of.blobCount,    of.liveBytes, of.largestBlob,
+                                           of.slotCount,    of.packBytes, of.journalBytes,
+                                           of.repackedBytes};
   EXPECT_EQ(seen, (std::vector<std::uint64_t>{2, 6, 4, 3, 24, both, both}));
   EXPECT_EQ(of.loaded - of.inDoubt, 1);
   ASSERT_TRUE(store.Start(2) && store.Delete("aaaa"));
@@ -135,8 +139,10 @@ TEST(EmbedderCalls, StatisticsCountWhatTheFilesHold) {
     unsigned char beyond;
   } grown;
   const auto byte = [&](std::size_t at) { return reinterpret_cast<unsigned char*>(&grown)[at]; };
-  for (const std::size_t size : {offsetof(BCStatistics, damaged), sizeof(BCStatistics) + sizeof grown.later}) {
-    std::fill_n(reinterpret_cast<unsigned char*>(&grown), sizeof grown, static_cast<unsigned char>(0xAA));
+  for (const std::size_t size :
+       {offsetof(BCStatistics, damaged), sizeof(BCStatistics) + sizeof grown.later}) {
+    std::fill_n(reinterpret_cast<unsigned char*>(&grown), sizeof grown,
+                static_cast<unsigned char>(0xAA));
     grown.known.size = static_cast<std::uint32_t>(size);
     ASSERT_EQ(BCGetStatistics(store.index, &grown.known), 1);
     EXPECT_EQ(grown.known.size, size);
@@ -203,8 +209,9 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   } inside{index, {}, {}};
   const auto callBack = [](void* context, int, std::uint64_t, std::uint64_t) {
     Inside& in = *static_cast<Inside*>(context);
-    in.results = {BCDispose(in.index),        BCOpen("/b", nullptr), BCInitialize(u"/b"),
-                  BCShutdown(in.index, true), BCLoad(in.index),      FilterException(in.index, 1, nullptr),
+    in.results = {BCDispose(in.index),      BCOpen("/b", nullptr),
+                  BCInitialize(u"/b"),      BCShutdown(in.index, true),
+                  BCLoad(in.index),         FilterException(in.index, 1, nullptr),
                   BCLastErrorCode(in.index)};
     in.text = LastError(in.index);
     return 0;
@@ -212,7 +219,8 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   BCSetProgress(index, callBack, &inside);
   EXPECT_EQ(BCCheck(index), BLOBRING_CHECK_SOUND);
   EXPECT_EQ(inside.results, (std::vector<int>{0, -1, -1, 0, 0, 0, BLOBRING_ERROR_REFUSED}));
-  EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U) << inside.text;
+  EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U)
+      << inside.text;
   EXPECT_EQ(inside.text, LastError(index));
   EXPECT_NE(inside.text.find("FilterException() except: unknown exception 1"), std::string::npos);
 
@@ -220,7 +228,8 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   const auto takeException = [](void* context, int, std::uint64_t, std::uint64_t) {
     Inside& in = *static_cast<Inside*>(context);
     unsigned char next[BLOBRING_HASH_SIZE];
-    in.results = {FilterException(in.index, EXCEPTION_ACCESS_VIOLATION, nullptr), BCNextHash(in.index, nullptr, next)};
+    in.results = {FilterException(in.index, EXCEPTION_ACCESS_VIOLATION, nullptr),
+                  BCNextHash(in.index, nullptr, next)};
     return 1;
   };
   BCSetProgress(index, takeException, &inside);
@@ -289,12 +298,14 @@ TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
         Calls calls{.stopAt = stopAt};
         BCSetProgress(store.index, &Calls::Note, &calls);
         EXPECT_EQ(BCRepack(store.index), BLOBRING_NOT_REPACKED);
-        EXPECT_EQ(LastError(store.index), "BlobController::Repack() stopped: the store is open and as it was");
+        EXPECT_EQ(LastError(store.index),
+                  "BlobController::Repack() stopped: the store is open and as it was");
         EXPECT_EQ(FileBytes(current + ".pak") + FileBytes(current + ".jrn"), before);
         EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
         BCSetProgress(store.index, nullptr, nullptr);
         // The slot that was emptied is not taken for the newest, and is next.
-        EXPECT_EQ(stopAt == 2 ? BCRepack(store.index) : BCLoad(store.index), 1) << LastError(store.index);
+        EXPECT_EQ(stopAt == 2 ? BCRepack(store.index) : BCLoad(store.index), 1)
+            << LastError(store.index);
         EXPECT_EQ(store.All().size(), 600U);
         ASSERT_TRUE(store.Commit(3, {"after"}));
       }

@@ -42,15 +42,17 @@ TEST(Hash, ReadsAndWritesThirtyTwoDigits) {
   EXPECT_EQ(abc.text(), "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_EQ(Hash::parse("900150983CD24FB0D6963F7D28E17F72"), abc);
   EXPECT_EQ(Hash().text(), std::string(32, '0'));
-  for (const char* wrong : {"", "900150983cd24fb0d6963f7d28e17f7", "900150983cd24fb0d6963f7d28e17f722",
-                            "g00150983cd24fb0d6963f7d28e17f72", "900150983cd24fb0d6963f7d28e17f7 "})
+  for (const char* wrong :
+       {"", "900150983cd24fb0d6963f7d28e17f7", "900150983cd24fb0d6963f7d28e17f722",
+        "g00150983cd24fb0d6963f7d28e17f72", "900150983cd24fb0d6963f7d28e17f7 "})
     EXPECT_FALSE(Hash::parse(wrong)) << wrong;
   EXPECT_LT(*Hash::parse("7f" + std::string(30, 'f')), *Hash::parse("80" + std::string(30, '0')));
   EXPECT_EQ((std::unordered_set<Hash>{abc, abc, Hash()}).size(), 2U);
 }
 
 static_assert(!std::is_copy_constructible_v<Store> && std::is_nothrow_move_constructible_v<Store>);
-static_assert(std::forward_iterator<Store::HashIterator> && std::ranges::forward_range<Store::HashRange>);
+static_assert(std::forward_iterator<Store::HashIterator> &&
+              std::ranges::forward_range<Store::HashRange>);
 
 TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
   FreshMachine();
@@ -109,7 +111,8 @@ TEST(Store, MovesWithItsOpenTransaction) {
   second = Store(std::move(second));
   Transaction other(second);
   second.put("lost");
-  EXPECT_EQ(ErrorOf([&] { const Transaction nested(second); }), "blobring: begin: a transaction is open already");
+  EXPECT_EQ(ErrorOf([&] { const Transaction nested(second); }),
+            "blobring: begin: a transaction is open already");
   second.close();
   EXPECT_NE(ErrorOf([&] { other.commit(); }), "none");
   EXPECT_NE(ErrorOf([&] { second.put("x"); }), "none");
@@ -138,21 +141,24 @@ TEST(Store, EnumeratesInOrderWhileBlobsGo) {
 
 TEST(Store, FailsWithTheStoresOwnWords) {
   FreshMachine();
-  EXPECT_EQ(ErrorOf([] { Store("/nowhere"); }),
-            "blobring: open /nowhere: FileSystem::CreateFile error /nowhere/0.pak GetLastError code= 3\n"
-            "BCOpen threw an exception:FileSystem::CreateFile error /nowhere/0.pak GetLastError code= 3");
+  EXPECT_EQ(
+      ErrorOf([] { Store("/nowhere"); }),
+      "blobring: open /nowhere: FileSystem::CreateFile error /nowhere/0.pak GetLastError code= 3\n"
+      "BCOpen threw an exception:FileSystem::CreateFile error /nowhere/0.pak GetLastError code= 3");
   Store store("/s");
   const Hash hash = store.put("blob");
   sim::Files().FailCallOf(sim::Call::WriteFile, 1, sim::Fault::DiskFull, true);
   EXPECT_EQ(ErrorOf([&] { store.put(std::string(100000, 'x')); }),
-            "blobring: commit: BlobController::EndTransaction() threw an exception transactionId 0 exception "
+            "blobring: commit: BlobController::EndTransaction() threw an exception transactionId 0 "
+            "exception "
             "File::Write didn't write the entire buffer 100092 written 50046 GetLastError 112");
   sim::Files().Heal();
   EXPECT_TRUE(store.contains(store.put("goes on")));
 
   sim::Disk& disk = sim::Files().disk;
   disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
-  EXPECT_NE(ErrorOf([&] { static_cast<void>(store.get(hash)); }).find("BlobPair Read failed"), std::string::npos);
+  EXPECT_NE(ErrorOf([&] { static_cast<void>(store.get(hash)); }).find("BlobPair Read failed"),
+            std::string::npos);
   EXPECT_EQ(store.check(), Store::Checked::Faulty);
   EXPECT_NE(store.lastFailure().find("is corrupt"), std::string::npos);
   EXPECT_NE(ErrorOf([&] { store.repack(); }).find("Invalid Blob Detected"), std::string::npos);
@@ -168,7 +174,9 @@ TEST(Store, StopsAndPassesOnWhatTheProgressFunctionThrows) {
     change.commit();
   }
   int calls = 0;
-  const blobring::Progress stop = [&](blobring::Operation, std::uint64_t, std::uint64_t) { return ++calls < 2; };
+  const blobring::Progress stop = [&](blobring::Operation, std::uint64_t, std::uint64_t) {
+    return ++calls < 2;
+  };
   const blobring::Progress fail = [](blobring::Operation, std::uint64_t, std::uint64_t) -> bool {
     throw std::domain_error("mine");
   };

@@ -20,15 +20,18 @@ int main(int argc, char** argv) {
   BCStatistics statistics;
   const int store = argc == 2 ? BCOpen(argv[1], NULL) : -1;
   if (store < 0) return fail(-1, "open");
-  if (BCStartTransaction(store, &id) != 1 || BCPut(store, data, size, hash) != 1 || BCEndTransaction(store, &id) != 1)
+  if (BCStartTransaction(store, &id) != 1 || BCPut(store, data, size, hash) != 1 ||
+      BCEndTransaction(store, &id) != 1)
     return fail(store, "put");
-  if (BCFetch(store, hash, buffer, (int)sizeof buffer, &found) != BLOBRING_FETCHED || found != size ||
-      memcmp(buffer, data, (size_t)size) != 0)
+  if (BCFetch(store, hash, buffer, (int)sizeof buffer, &found) != BLOBRING_FETCHED ||
+      found != size || memcmp(buffer, data, (size_t)size) != 0)
     return fail(store, "fetch");
-  if (BCFetch(store, other, buffer, (int)sizeof buffer, &found) != BLOBRING_NOT_FOUND) return fail(store, "absent");
+  if (BCFetch(store, other, buffer, (int)sizeof buffer, &found) != BLOBRING_NOT_FOUND)
+    return fail(store, "absent");
   if (BCCheck(store) != BLOBRING_CHECK_SOUND || BCRepack(store) != 1) return fail(store, "upkeep");
   statistics.size = sizeof statistics;
-  if (BCGetStatistics(store, &statistics) != 1 || statistics.sequence != 1) return fail(store, "statistics");
+  if (BCGetStatistics(store, &statistics) != 1 || statistics.sequence != 1)
+    return fail(store, "statistics");
   printf("%s: %llu blobs\n", BCVersion(), (unsigned long long)statistics.blobCount);
   return BCDispose(store) == 1 ? 0 : 1;
 }

@@ -17,11 +17,14 @@ int main() {
     change.commit();
     for (const blobring::Hash& hash : store.hashes()) {
       const std::vector<std::byte> data = store.get(hash).value();
-      std::cout << hash.text() << ' ' << std::string_view(reinterpret_cast<const char*>(data.data()), data.size())
+      std::cout << hash.text() << ' '
+                << std::string_view(reinterpret_cast<const char*>(data.data()), data.size())
                 << '\n';
     }
-    return store.check() == blobring::Store::Checked::Sound && std::string_view(BCVersion()) == BLOBRING_VERSION ? 0
-                                                                                                                 : 1;
+    return store.check() == blobring::Store::Checked::Sound &&
+                   std::string_view(BCVersion()) == BLOBRING_VERSION
+               ? 0
+               : 1;
   } catch (const std::exception& e) {
     std::cerr << e.what() << '\n';
     return 1;

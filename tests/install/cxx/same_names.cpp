@@ -6,7 +6,8 @@
   { std::abort(); }
 
 extern "C" {
-unsigned CreateFileW(const char16_t*, unsigned, unsigned, void*, unsigned, unsigned, unsigned) ENDS_THE_PROGRAM
+unsigned CreateFileW(const char16_t*, unsigned, unsigned, void*, unsigned, unsigned,
+                     unsigned) ENDS_THE_PROGRAM
     int ReadFile(unsigned, void*, unsigned, unsigned*, void*) ENDS_THE_PROGRAM
     int WriteFile(unsigned, const void*, unsigned, unsigned*, void*) ENDS_THE_PROGRAM
     int CloseHandle(unsigned) ENDS_THE_PROGRAM unsigned GetLastError() ENDS_THE_PROGRAM
