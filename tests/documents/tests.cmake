@@ -1,1 +1,0 @@
-add_test(NAME documents COMMAND ${CMAKE_CURRENT_LIST_DIR}/links ${PROJECT_SOURCE_DIR})
