@@ -1,10 +1,9 @@
 #include "tools/BatchWriter.h"
 
-#include <fmt/format.h>
-
 #include <chrono>
 #include <utility>
 
+#include "tools/Console.h"
 #include "tools/Error.h"
 #include "tools/Open.h"
 
@@ -24,23 +23,23 @@ long long TransactionId() {
       .count();
 }
 
-BatchWriter::Added BatchWriter::Add(Bytes data, const std::string& name) {
+BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name) {
   if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
   if (!transaction_) transaction_.emplace(store_, TransactionId());
   try {
-    const blobring::Hash hash = store_.put(std::as_bytes(data));
+    const blobring::Hash hash = store_.put(data);
     // The store finds committed blobs only.
     const bool isNew = !SizeOf(store_, hash) && pending_.insert(hash).second;
     if (isNew) pendingBytes_ += data.size();
     return {hash, isNew};
   } catch (const blobring::Error& error) {
-    const std::string text = fmt::format("cannot store {}: {}", name, Explain(error));
+    const Fault fault("cannot store {}: {}", name, Explain(error));
     try {
       Commit();
     } catch (const blobring::Error& second) {
-      Say(Explain(second));
+      Say("{}", Explain(second));
     }
-    throw Fault(text);
+    throw fault;
   }
 }
 

@@ -8,7 +8,6 @@
 #include <string_view>
 
 #include "blobring/Store.h"
-#include "tools/Fd.h"
 
 namespace tool {
 
@@ -27,7 +26,7 @@ class BatchWriter {
 
   // Stores a blob, after a commit when enough has come together. Messages call
   // it `name`. Throws Fault, after an attempt to commit what was added before.
-  Added Add(Bytes data, const std::string& name);
+  Added Add(std::string_view data, const std::string& name);
 
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }

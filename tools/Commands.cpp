@@ -1,14 +1,15 @@
 #include "tools/Commands.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <set>
+#include <sstream>
 
+#include "blobring/host.h"
 #include "tools/BatchWriter.h"
-#include "tools/SlotFiles.h"
 #include "tools/StagedFile.h"
 
 namespace tool {
@@ -28,7 +29,7 @@ void MakeDirectory(const std::string& path) {
        at = at.parent_path())
     changed.push_back(at.parent_path());
   stdfs::create_directories(path, code);
-  if (code) throw Fault(fmt::format("cannot make the directory {}: {}", path, code.message()));
+  if (code) throw Fault("cannot make the directory {}: {}", path, code.message());
   for (const stdfs::path& directory : changed)
     if (::fsync(OpenDirectory(directory.string()).get()) != 0)
       ThrowErrno("flush the directory " + directory.string());
@@ -36,17 +37,19 @@ void MakeDirectory(const std::string& path) {
 
 std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& arguments) {
   std::vector<blobring::Hash> hashes;
-  const auto parse = [&](const std::string& text) {
+  Buffer buffer;
+  const auto parse = [&hashes](const std::string& text) {
     const std::optional<blobring::Hash> hash = blobring::Hash::parse(text);
-    if (!hash)
-      throw UsageError(fmt::format("\"{}\" is no hash: wanted 32 hexadecimal digits", text));
+    if (!hash) throw UsageError("\"{}\" is no hash: wanted 32 hexadecimal digits", text);
     hashes.push_back(*hash);
   };
   for (const std::string& argument : arguments) {
-    if (argument == "-")
-      for (const std::string& word : ReadWords()) parse(word);
-    else
+    if (argument != "-") {
       parse(argument);
+      continue;
+    }
+    std::istringstream words{std::string(ReadStream("-", buffer))};
+    for (std::string word; words >> word;) parse(word);
   }
   return hashes;
 }
@@ -56,22 +59,20 @@ std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& argument
 // store the two would destroy each other.
 void RequireOwnFiles(const Layout& layout) {
   const size_t journalCount = Layout::CountJournals(layout.store());
-  const std::vector<SlotFile> files = ReadSlotFiles(layout);
+  const std::vector<SlotFile> files = layout.ReadFiles();
   const bool isUsed = std::any_of(files.begin(), files.end(),
                                   [](const SlotFile& file) { return file.HasRecords(); });
   if (journalCount > layout.slotCount() || (isUsed && journalCount != layout.slotCount()))
-    throw UsageError(
-        fmt::format("{} holds the journals of a store with {}: repeat init with --slots {}",
-                    layout.store(), Count(journalCount, "slot"), journalCount));
+    throw UsageError("{} holds the journals of a store with {}: repeat init with --slots {}",
+                     layout.store(), Count(journalCount, "slot"), journalCount);
   for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
     const std::string pack = layout.PackPath(slot);
     const std::string inStore = fmt::format("{}/{}.pak", layout.store(), slot);
     const bool isElsewhere = layout.PackDir(slot) != layout.store();
     if (stdfs::exists(pack) &&
         (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
-      throw UsageError(
-          fmt::format("{} is not a pack of {}, it may be another store's; nothing was changed",
-                      pack, layout.store()));
+      throw UsageError("{} is not a pack of {}, it may be another store's; nothing was changed",
+                       pack, layout.store());
   }
 }
 
@@ -105,12 +106,13 @@ bool PutAll(const StoreOptions& at, const std::vector<std::string>& files, std::
   Buffer buffer;
   bool all = true;
   for (const std::string& file : files) {
-    if (!IsRegularFile(file)) close();
-    Bytes bytes;
+    std::error_code ignored;
+    if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
+    std::string_view bytes;
     try {
       bytes = ReadStream(file, buffer);
     } catch (const Fault& fault) {
-      Say(fault.what());
+      Say("{}", fault.what());
       all = false;
       continue;
     }
@@ -134,10 +136,10 @@ ExitStatus Init(const StoreOptions& options) {
   if (Layout::Exists(options.directory)) {
     const Layout present = Layout::Read(options.directory);
     if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
-      throw UsageError(fmt::format("{} is a store with {} already; that cannot be changed",
-                                   options.directory, present.Description()));
-    Say(fmt::format("{} is a store with {} already; nothing was changed", options.directory,
-                    present.Description()));
+      throw UsageError("{} is a store with {} already; that cannot be changed", options.directory,
+                       present.Description());
+    Say("{} is a store with {} already; nothing was changed", options.directory,
+        present.Description());
     return kSuccess;
   }
   RequireOwnFiles(wanted);
@@ -145,7 +147,7 @@ ExitStatus Init(const StoreOptions& options) {
   for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
   const OpenStore open(options, Access::kCreate);
   wanted.Write();
-  Say(fmt::format("{} is a store with {}", options.directory, wanted.Description()));
+  Say("{} is a store with {}", options.directory, wanted.Description());
   return kSuccess;
 }
 
@@ -181,7 +183,7 @@ ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
           used += open.Fetch(keys[next], buffer, used).size();
         } catch (const Fault& fault) {
           ++failureCount;
-          Say(fault.what());
+          Say("{}", fault.what());
         }
       }
     }
@@ -219,16 +221,14 @@ ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes
       open.store.erase(key);
     } else {
       ++absentCount;
-      Say(fmt::format("{} has no blob {}", at.directory, key.text()));
+      Say("{} has no blob {}", at.directory, key.text());
     }
   }
   change.commit();
-  Say(fmt::format(
-      "{} deleted; `blobring repack` gives the space back{}",
+  const size_t slotCount = open.layout.slotCount();
+  Say("{} deleted; `blobring repack` gives the space back{}",
       Count(keys.size() - absentCount, "blob"),
-      open.layout.slotCount() == 1
-          ? ""
-          : fmt::format(" once it has gone through all {} slots", open.layout.slotCount())));
+      slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
   return absentCount == 0 ? kSuccess : kFault;
 }
 
@@ -241,27 +241,24 @@ ExitStatus Stat(const StoreOptions& at) {
     const BCStatistics statistics = open.store.stats();
     const size_t slotCount = open.layout.slotCount();
     const size_t current = static_cast<uint32_t>(statistics.sequence) % slotCount;
-    const std::vector<SlotFile> files = ReadSlotFiles(open.layout);
+    const std::vector<SlotFile> files = open.layout.ReadFiles();
     uint64_t fileBytes = 0;
-    for (const SlotFile& file : files) fileBytes += file.size;
+    for (const SlotFile& file : files) fileBytes += file.head.size;
     const auto row = [](std::string_view name, uint64_t bytes) {
       return fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
     };
     text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount,
-                       current, statistics.sequence, statistics.blobCount);
-    text += row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) +
-            row("files", fileBytes);
-    const auto line = [&text](auto slot, auto size, auto used, auto sequence, auto state,
-                              auto path) {
-      text += fmt::format("{:>5} {:>12} {:>12} {:>9} {:>8}  {}\n", slot, size, used, sequence,
-                          state, path);
-    };
-    text += '\n';
-    line("slot ", "size", "in use", "sequence", "header", "file");
-    for (size_t i = 0; i < files.size(); ++i)
-      line(fmt::format("{}{}", i / 2, i / 2 == current ? '*' : ' '), files[i].size,
-           files[i].header.endOffset, files[i].header.sequence, files[i].StateName(),
-           files[i].path);
+                       current, statistics.sequence, statistics.blobCount) +
+           row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) +
+           row("files", fileBytes) + "\nslot          size       in use  sequence   header  file\n";
+    for (size_t i = 0; i < files.size(); ++i) {
+      constexpr std::array kStates = {"missing", "new", "sound", "damaged"};
+      const FileHead& head = files[i].head;
+      text += fmt::format("{:>4}{} {:>12} {:>12} {:>9} {:>8}  {}\n", i / 2,
+                          i / 2 == current ? '*' : ' ', head.size, head.header.endOffset,
+                          head.header.sequence, kStates.at(static_cast<size_t>(head.state)),
+                          files[i].path);
+    }
   }
   Print(text);
   return sound ? kSuccess : kFault;
@@ -270,29 +267,24 @@ ExitStatus Stat(const StoreOptions& at) {
 ExitStatus Check(const StoreOptions& at) {
   const OpenStore open(at, Access::kLook);
   const BCStatistics statistics = open.store.stats();
-  const TraceLines errors(TraceLines::Level::kErrors);
-  Progress progress("checking", statistics.blobCount, 0);
+  const TraceLines errors(BLOBRING_HOST_ERROR);
+  Progress progress("checking", statistics.blobCount);
   const auto checked = open.store.check([&progress](blobring::Operation, uint64_t done, uint64_t) {
-    progress.Show(done, 0);
+    progress.Show(done);
     return true;
   });
-  for (const std::string& line : errors.lines) Say(line);
+  for (const std::string& line : errors.lines) Say("{}", line);
   for (const std::string& path : FilesSetAside(open.layout))
-    Say(
-        fmt::format("{} was set aside because it was damaged; what is lost may be in it, and "
-                    "`blobring salvage {} NEW` "
-                    "reads it",
-                    path, at.directory));
+    Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
+        "{} NEW` reads it",
+        path, at.directory);
   const bool sound = checked == blobring::Store::Checked::Sound && !open.damaged;
-  Say(fmt::format("checked {}, {}: {}", Count(statistics.blobCount, "blob"),
-                  HumanSize(statistics.liveBytes),
-                  sound ? "every blob is sound" : "the store is damaged"));
+  Say("checked {}, {}: {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes),
+      sound ? "every blob is sound" : "the store is damaged");
   if (!sound)
-    Say(
-        fmt::format("`blobring salvage {} NEW` copies all that can be read into a new store, "
-                    "`blobring export` restores "
-                    "files from what is shown; or restore a backup",
-                    at.directory));
+    Say("`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
+        "restores files from what is shown; or restore a backup",
+        at.directory);
   return sound ? kSuccess : kFault;
 }
 
@@ -301,11 +293,10 @@ ExitStatus Repack(const StoreOptions& at, bool force) {
   const uint64_t dead = DeadBytes(open.store.stats());
   open.store.repack();
   const BCStatistics after = open.store.stats();
-  Say(fmt::format(
-      "repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
+  Say("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
       Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
       static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence,
-      HumanSize(dead)));
+      HumanSize(dead));
   return kSuccess;
 }
 

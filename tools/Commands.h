@@ -1,6 +1,6 @@
-// What the subcommands do, apart from whole trees (Import.h, Export.h). Each
-// throws Fault, UsageError or blobring::Error. Results go to standard output,
-// the rest to standard error, both after the store is closed.
+// What the subcommands do. Each throws Fault, UsageError or blobring::Error.
+// Results go to standard output, the rest to standard error, both after the
+// store is closed.
 #pragma once
 
 #include <string>
@@ -32,6 +32,33 @@ ExitStatus List(const StoreOptions& at, bool longForm);
 // Blobs that the store does not have are named; the others go.
 ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes);
 
+struct ImportOptions {
+  std::string directory;
+  std::string manifest;  // see Output; empty for standard output
+  bool force = false;    // replace a manifest that exists
+  bool verbose = false;  // name what is left out
+};
+
+// Stores every regular file below the directory, then writes the manifest. A
+// file that cannot be stored as it is (unreadable, too large) is named, left out
+// of the manifest and makes the result kFault; the others go on. A manifest file
+// appears only when the import has come to its end; other output has what was
+// committed. Throws Fault or blobring::Error when the store itself fails; what
+// was committed by then stays, and a second run does not store it again.
+ExitStatus Import(const StoreOptions& at, const ImportOptions& options);
+
+struct ExportOptions {
+  std::string manifest;  // "-" for standard input
+  std::string directory;
+  bool force = false;  // replace files that exist
+};
+
+// Restores what the manifest lists below the directory, every blob checked
+// against its hash as it is read. A file that cannot be restored is named and
+// makes the result kFault; the others go on. Throws UsageError, with nothing
+// written, when any name in the manifest would lead out of the directory.
+ExitStatus Export(const StoreOptions& at, const ExportOptions& options);
+
 // Prints how full the store is, and a line for each of its files.
 ExitStatus Stat(const StoreOptions& at);
 
@@ -41,5 +68,20 @@ ExitStatus Check(const StoreOptions& at);
 // `force`: even when loading found damage. What can be read goes on as a sound
 // store; the rest is given up.
 ExitStatus Repack(const StoreOptions& at, bool force);
+
+struct SalvageOptions {
+  std::string directory;
+  std::vector<std::string> packDirs;  // beside those that the directory's layout file names
+  std::string store;                  // the new store
+  bool liveOnly = false;
+};
+
+// Reads the packs and journals of the directories, without locking or changing
+// them, and puts every blob that matches its hash into a new store, which is
+// then checked. Prints a report to standard output. Returns kFault if anything
+// is damaged or was not copied. Throws UsageError if the new store's directory
+// is not empty or lies in one of the others; Fault if nothing was found, or the
+// new store cannot take the blobs: what was committed by then stays in it.
+ExitStatus Salvage(const SalvageOptions& options);
 
 }  // namespace tool

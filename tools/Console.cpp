@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <clocale>
 #include <cstdio>
 #include <cwchar>
@@ -18,11 +17,12 @@ namespace {
 constexpr auto kShowInterval = std::chrono::milliseconds(100);
 
 bool lineShown = false;  // the cursor stands on a progress line
-int holdCount = 0;
+bool isHolding = false;
 std::string heldLines;
 
-void ClearLine() {
+void Write(std::string_view lines) {
   if (std::exchange(lineShown, false)) fmt::print(stderr, "\r\x1b[K");
+  std::fwrite(lines.data(), 1, lines.size(), stderr);
 }
 
 }  // namespace
@@ -34,25 +34,21 @@ void InitConsole() {
     std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-void Say(std::string_view text) {
+void SayText(std::string_view text) {
   const std::string line = fmt::format("blobring: {}\n", Printable(text));
-  if (holdCount != 0) {
+  if (isHolding)
     heldLines += line;
-    return;
-  }
-  ClearLine();
-  std::fwrite(line.data(), 1, line.size(), stderr);
+  else
+    Write(line);
 }
 
 HeldMessages::HeldMessages() {
-  ++holdCount;
+  isHolding = true;
 }
 
 HeldMessages::~HeldMessages() {
-  if (--holdCount != 0 || heldLines.empty()) return;
-  ClearLine();
-  std::fwrite(heldLines.data(), 1, heldLines.size(), stderr);
-  heldLines.clear();
+  isHolding = false;
+  if (!heldLines.empty()) Write(std::exchange(heldLines, {}));
 }
 
 std::string Printable(std::string_view text, bool keepLines) {
@@ -61,13 +57,13 @@ std::string Printable(std::string_view text, bool keepLines) {
   while (!text.empty()) {
     wchar_t character = 0;
     size_t size = std::mbrtowc(&character, text.data(), text.size(), &state);
-    const bool valid = size != 0 && size <= text.size();
-    if (!valid) {
+    if (size == 0 || size > text.size()) {  // invalid, and the state with it
       state = {};
       size = 1;
+      character = 0;
     }
-    const bool keep = valid && (std::iswprint(static_cast<std::wint_t>(character)) != 0 ||
-                                (keepLines && character == L'\n'));
+    const bool keep = std::iswprint(static_cast<std::wint_t>(character)) != 0 ||
+                      (keepLines && character == L'\n');
     shown += keep ? text.substr(0, size) : "?";
     text.remove_prefix(size);
   }
@@ -79,19 +75,18 @@ std::string Count(uint64_t count, std::string_view noun) {
 }
 
 std::string HumanSize(uint64_t bytes) {
-  constexpr std::array kUnits = {"KiB", "MiB", "GiB", "TiB"};
   if (bytes < 1024) return Count(bytes, "byte");
   double value = static_cast<double>(bytes) / 1024;
-  size_t unit = 0;
-  for (; value >= 1024 && unit + 1 < kUnits.size(); ++unit) value /= 1024;
-  return fmt::format("{:.1f} {}", value, kUnits.at(unit));
+  const char* unit = "KMGT";
+  for (; value >= 1024 && *unit != 'T'; ++unit) value /= 1024;
+  return fmt::format("{:.1f} {}iB", value, *unit);
 }
 
 Progress::Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes)
     : verb_(std::move(verb)), totalItems_(totalItems), totalBytes_(totalBytes) {}
 
 Progress::~Progress() {
-  ClearLine();
+  Write("");
 }
 
 double Progress::Elapsed() const {
@@ -108,11 +103,10 @@ void Progress::Show(uint64_t items, uint64_t bytes) {
   std::string line = fmt::format("{} {}", verb_, items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
   if (bytes_ != 0) {
-    const auto rate =
-        static_cast<uint64_t>(static_cast<double>(bytes_) / std::max(Elapsed(), 0.001));
+    const double rate = static_cast<double>(bytes_) / std::max(Elapsed(), 0.001);
     line += ", " + HumanSize(bytes_);
     if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
-    line += fmt::format(", {}/s", HumanSize(rate));
+    line += fmt::format(", {}/s", HumanSize(static_cast<uint64_t>(rate)));
   }
   fmt::print(stderr, "\r\x1b[K{}", line);
   std::fflush(stderr);

@@ -1,10 +1,13 @@
 // Standard error: messages, and a progress line when it is a terminal.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tool {
 
@@ -13,7 +16,12 @@ void InitConsole();
 
 // Writes "blobring: text" as one printable line. While a HeldMessages lives,
 // the line waits for its end.
-void Say(std::string_view text);
+void SayText(std::string_view text);
+
+template <class... T>
+void Say(fmt::format_string<T...> text, T&&... values) {
+  SayText(fmt::format(text, std::forward<T>(values)...));
+}
 
 // Delays all messages. One lives as long as a store is open: a reader of
 // standard error may be waiting for that store.
@@ -22,7 +30,6 @@ class HeldMessages {
   HeldMessages();
   ~HeldMessages();
   HeldMessages(const HeldMessages&) = delete;
-  HeldMessages& operator=(const HeldMessages&) = delete;
 };
 
 // Replaces by '?' what the locale cannot print: control characters, those of
@@ -39,16 +46,15 @@ std::string HumanSize(uint64_t bytes);
 class Progress {
  public:
   // Totals of 0 are not shown.
-  Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes);
+  Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes = 0);
   ~Progress();
   Progress(const Progress&) = delete;
-  Progress& operator=(const Progress&) = delete;
 
   // One more item is done.
   void Advance(uint64_t bytes) { Show(items_ + 1, bytes_ + bytes); }
 
   // So many items are done.
-  void Show(uint64_t items, uint64_t bytes);
+  void Show(uint64_t items, uint64_t bytes = 0);
 
   // Seconds since the start.
   double Elapsed() const;

@@ -3,20 +3,29 @@
 // store itself reports is a blobring::Error, see Open.h.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <stdexcept>
 
 namespace tool {
 
 enum ExitStatus : int { kSuccess = 0, kFault = 1, kUsage = 2 };
 
+class Failure : public std::runtime_error {
+ public:
+  template <class... T>
+  explicit Failure(fmt::format_string<T...> text, T&&... values)
+      : std::runtime_error(fmt::format(text, std::forward<T>(values)...)) {}
+};
+
 // The store, a blob or a file is at fault: exit status 1.
-class Fault : public std::runtime_error {
-  using std::runtime_error::runtime_error;
+class Fault : public Failure {
+  using Failure::Failure;
 };
 
 // The request makes no sense or is refused: exit status 2.
-class UsageError : public std::runtime_error {
-  using std::runtime_error::runtime_error;
+class UsageError : public Failure {
+  using Failure::Failure;
 };
 
 }  // namespace tool

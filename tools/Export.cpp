@@ -1,42 +1,95 @@
-#include "tools/Export.h"
+// A tree of files out of a store.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <fmt/format.h>
+#include <cerrno>
+#include <filesystem>
 
-#include <optional>
-#include <vector>
-
-#include "tools/Console.h"
+#include "tools/Commands.h"
 #include "tools/Manifest.h"
-#include "tools/TargetTree.h"
+#include "tools/StagedFile.h"
 
 namespace tool {
 namespace {
 
-// Restores one file. Returns its size, or nothing after saying why not.
-std::optional<uint64_t> Restore(const ManifestEntry& entry, Existing existing,
-                                const OpenStore& open, TargetTree& target, Buffer& buffer) {
-  std::string what = entry.name + ": ";
-  try {
-    const Bytes blob = open.Fetch(entry.hash, buffer);
-    what.clear();  // the target's messages name the file themselves
-    target.Write(entry.name, blob, existing);
-    return blob.size();
-  } catch (const Fault& fault) {
-    Say(what + fault.what());
-    return std::nullopt;
-  }
+namespace stdfs = std::filesystem;
+
+// Whether a name stays below the directory it is taken from: relative, no "..",
+// not the directory itself. "./" and "//" mean nothing, as in open(2).
+bool IsSafe(const stdfs::path& name) {
+  for (const stdfs::path& part : name)
+    if (part == "..") return false;
+  return name.is_relative() && name.has_filename() && name.filename() != ".";
 }
+
+// Files written below one directory and nowhere else.
+class TargetTree {
+ public:
+  // Creates the directory if it does not exist. Throws Fault.
+  explicit TargetTree(const std::string& directory) : root_(directory) {
+    std::error_code ignored;  // what is wrong, opening it says as well
+    stdfs::create_directories(directory, ignored);
+    rootFd_ = OpenDirectory(directory);
+  }
+
+  // Writes a file whole or not at all, with the directories that its name
+  // needs. REQUIRES: the name is safe. Throws Fault.
+  void Write(const stdfs::path& name, std::string_view data, Existing existing) {
+    const stdfs::path normal = name.lexically_normal();
+    StagedFile file(OpenParent(normal.parent_path()), normal.filename(),
+                    fmt::format("{}/{}", root_, normal.string()));
+    file.Write(data);
+    file.Publish(existing);
+  }
+
+  // Makes everything written survive a power cut. Throws Fault.
+  void Sync() const {
+    if (::syncfs(rootFd_.get()) != 0) ThrowErrno("flush " + root_);
+  }
+
+ private:
+  // The directory at `name` below the root, made if need be, open until the next
+  // call; files come sorted, so the last one is mostly the right one. No symbolic
+  // link is followed on the way, so that none can lead out of the root.
+  int OpenParent(const std::string& name) {
+    if (name.empty()) return rootFd_.get();
+    if (parentFd_.valid() && name == parentName_) return parentFd_.get();
+    parentFd_ = Fd();
+    Fd at;
+    for (const stdfs::path& part : stdfs::path(name)) {
+      const int above = at.valid() ? at.get() : rootFd_.get();
+      const bool made = ::mkdirat(above, part.c_str(), 0777) == 0;
+      if (!made && errno != EEXIST)
+        ThrowErrno(fmt::format("make the directory {}/{}", root_, name));
+      Fd next(::openat(above, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      if (!next.valid() && (errno == ELOOP || errno == ENOTDIR))
+        throw Fault("cannot use {}/{}: {} is there and is no directory", root_, name,
+                    part.string());
+      if (!next.valid()) ThrowErrno(fmt::format("open the directory {}/{}", root_, name));
+      at = std::move(next);
+    }
+    parentName_ = name;
+    parentFd_ = std::move(at);
+    return parentFd_.get();
+  }
+
+  std::string root_;
+  Fd rootFd_;
+  std::string parentName_;
+  Fd parentFd_;
+};
 
 }  // namespace
 
 ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   for (const ManifestEntry& entry : entries)
-    if (!TargetTree::IsSafeName(entry.name))
-      throw UsageError(fmt::format(
-          "{} names \"{}\", which is not a file below the directory to restore into; nothing "
-          "was written",
-          options.manifest, entry.name));
+    if (!IsSafe(entry.name))
+      throw UsageError(
+          "{} names \"{}\", which is not a file below the directory to restore into; nothing was "
+          "written",
+          options.manifest, entry.name);
 
   const OpenStore open(at, Access::kLook);
   TargetTree target(options.directory);
@@ -44,19 +97,27 @@ ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
   Buffer buffer;
   uint64_t byteCount = 0;
   uint64_t failureCount = 0;
-  Progress progress("restoring", entries.size(), 0);
+  Progress progress("restoring", entries.size());
   for (const ManifestEntry& entry : entries) {
-    const std::optional<uint64_t> size = Restore(entry, existing, open, target, buffer);
-    if (!size) ++failureCount;
-    byteCount += size.value_or(0);
-    progress.Advance(size.value_or(0));
+    std::string what = entry.name + ": ";
+    std::string_view blob;
+    try {
+      blob = open.Fetch(entry.hash, buffer);
+      what.clear();  // the target's messages name the file themselves
+      target.Write(entry.name, blob, existing);
+      byteCount += blob.size();
+    } catch (const Fault& fault) {
+      ++failureCount;
+      Say("{}{}", what, fault.what());
+    }
+    progress.Advance(blob.size());
   }
   target.Sync();
-  Say(fmt::format("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
-                  HumanSize(byteCount), progress.Elapsed()));
+  Say("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
+      HumanSize(byteCount), progress.Elapsed());
   if (failureCount == 0) return open.damaged ? kFault : kSuccess;
-  Say(fmt::format("{} not restored{}", Count(failureCount, "file"),
-                  options.force ? "" : "; --force replaces files that exist"));
+  Say("{} not restored{}", Count(failureCount, "file"),
+      options.force ? "" : "; --force replaces files that exist");
   return kFault;
 }
 

@@ -1,17 +1,84 @@
-#include "tools/Import.h"
+// A tree of files into a store.
+#include <fts.h>
+#include <sys/stat.h>
 
-#include <fmt/format.h>
-
+#include <cerrno>
+#include <cstring>
+#include <memory>
 #include <set>
 
 #include "tools/BatchWriter.h"
-#include "tools/Console.h"
+#include "tools/Commands.h"
 #include "tools/Manifest.h"
-#include "tools/SourceTree.h"
 #include "tools/StagedFile.h"
 
 namespace tool {
 namespace {
+
+// The regular files of a tree.
+struct SourceTree {
+  struct File {
+    std::string name;   // below the root, without "./"
+    uint64_t size = 0;  // when it was listed, bytes
+  };
+
+  std::string root;
+  std::vector<File> files;  // in the order of their names' bytes, component by component
+  uint64_t byteCount = 0;
+  // Left out.
+  uint64_t symbolicLinkCount = 0;
+  uint64_t specialFileCount = 0;  // sockets, pipes and devices
+  uint64_t excludedCount = 0;
+  uint64_t unreadableCount = 0;  // lstat(2) or opendir(3) failed; each was named
+
+  std::string PathOf(const File& file) const { return root + "/" + file.name; }
+};
+
+int ByName(const FTSENT** a, const FTSENT** b) {
+  return std::strcmp((*a)->fts_name, (*b)->fts_name);
+}
+
+// Lists the tree below `directory`, which may itself be a symbolic link. Says
+// what is left out if `verbose`. Throws Fault when `directory` cannot be read.
+SourceTree List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
+  SourceTree tree;
+  tree.root = directory;
+  std::string root = directory;
+  char* roots[] = {root.data(), nullptr};
+  const std::unique_ptr<FTS, int (*)(FTS*)> walk(
+      ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName), ::fts_close);
+  if (!walk) ThrowErrno("read " + directory);
+  errno = 0;
+  for (; const FTSENT* entry = ::fts_read(walk.get()); errno = 0) {
+    const std::string path = entry->fts_path;
+    const struct stat& status = *entry->fts_statp;
+    const auto leaveOut = [&](std::string_view why, uint64_t& count) {
+      ++count;
+      if (verbose) Say("left out {}: {}", path, why);
+    };
+    const int kind = entry->fts_info;
+    if (entry->fts_level == 0 && kind != FTS_D && kind != FTS_DP) {
+      errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
+      ThrowErrno("read " + directory);
+    }
+    if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
+      ++tree.unreadableCount;
+      Say("cannot read {}: {}", path, std::strerror(entry->fts_errno));
+    } else if (kind == FTS_SL || kind == FTS_SLNONE) {
+      leaveOut("a symbolic link", tree.symbolicLinkCount);
+    } else if (kind == FTS_DEFAULT) {
+      leaveOut("not a regular file", tree.specialFileCount);
+    } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
+      leaveOut("the store's or the manifest", tree.excludedCount);
+    } else if (kind == FTS_F) {
+      const auto size = static_cast<uint64_t>(status.st_size);
+      tree.files.push_back({path.substr(path.find_first_not_of('/', root.size())), size});
+      tree.byteCount += size;
+    }
+  }
+  if (errno != 0) ThrowErrno("read " + directory);
+  return tree;
+}
 
 struct Totals {
   uint64_t fileCount = 0;
@@ -41,18 +108,19 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
 // Stores one file and counts it. Nothing in a file can throw here, only the store.
 void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& buffer,
                 BatchWriter& writer, Totals& totals) {
+  const std::string path = tree.PathOf(file);
   SourceFile source;
   try {
-    source = ReadRegularFile(tree.PathOf(file), buffer);
+    source = ReadRegularFile(path, buffer);
   } catch (const Fault& fault) {
     ++totals.failureCount;
-    return Say(fault.what());
+    return Say("{}", fault.what());
   }
   if (source.changed) {
     ++totals.changedCount;
-    Say(fmt::format("{} changed while it was read; stored as it was read last", tree.PathOf(file)));
+    Say("{} changed while it was read; stored as it was read last", path);
   }
-  const BatchWriter::Added added = writer.Add(source.bytes, tree.PathOf(file));
+  const BatchWriter::Added added = writer.Add(source.bytes, path);
   // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
   writer.AddLine(ManifestLine({added.hash, "./" + file.name}));
   if (added.isNew) {
@@ -64,23 +132,20 @@ void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& bu
 }
 
 void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
-  Say(fmt::format("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
-                  HumanSize(totals.byteCount), seconds));
-  Say(fmt::format("{} stored, {}; {} had contents that the store holds already, which saved {}",
-                  Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
-                  Count(totals.fileCount - totals.newCount, "file"),
-                  HumanSize(totals.byteCount - totals.newBytes)));
-  const uint64_t leftOut = tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount;
-  if (leftOut != 0)
-    Say(fmt::format("left out: {}, {}, {} of the store or the manifest",
-                    Count(tree.symbolicLinkCount, "symbolic link"),
-                    Count(tree.specialFileCount, "special file"),
-                    Count(tree.excludedCount, "file")));
+  Say("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"), HumanSize(totals.byteCount),
+      seconds);
+  Say("{} stored, {}; {} had contents that the store holds already, which saved {}",
+      Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
+      Count(totals.fileCount - totals.newCount, "file"),
+      HumanSize(totals.byteCount - totals.newBytes));
+  if (tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount != 0)
+    Say("left out: {}, {}, {} of the store or the manifest",
+        Count(tree.symbolicLinkCount, "symbolic link"),
+        Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
-    Say(fmt::format("{} could not be stored and {} not in the manifest",
-                    failed == 1 ? "1 entry" : fmt::format("{} entries", failed),
-                    failed == 1 ? "is" : "are"));
+    Say("{} could not be stored and {} not in the manifest",
+        failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are");
 }
 
 }  // namespace
@@ -89,7 +154,7 @@ ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
   const Layout layout = LayoutOf(at, Access::kChange);
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
   const SourceTree tree =
-      SourceTree::List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
+      List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
   std::string lines;
   Totals totals;
   Progress progress("importing", tree.files.size(), tree.byteCount);
@@ -103,10 +168,10 @@ ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
     }
     writer.Commit();
   } catch (...) {
-    if (!out.isFile()) out.Write(AsBytes(lines));
+    if (!out.isFile()) out.Write(lines);
     throw;
   }
-  out.Write(AsBytes(lines));
+  out.Write(lines);
   out.Finish();
   SayTotals(tree, totals, progress.Elapsed());
   return totals.failureCount + totals.changedCount + tree.unreadableCount == 0 ? kSuccess : kFault;

@@ -1,43 +1,85 @@
 #include "tools/Layout.h"
 
-#include <fmt/format.h>
+#include <fcntl.h>
 #include <fmt/ranges.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <filesystem>
 #include <set>
 
-#include "tools/Buffer.h"
+#include "tools/Console.h"
 #include "tools/Error.h"
-#include "tools/Fd.h"
+#include "tools/Files.h"
 #include "tools/StagedFile.h"
 
 namespace tool {
 namespace {
+
+namespace stdfs = std::filesystem;
+using State = FileHead::State;
 
 constexpr size_t kDefaultSlots = 2;
 
 // As the file has it, so that the store opens from any working directory and
 // can be moved together with the packs that lie in it.
 std::string RecordedDir(const std::string& store, const std::string& dir) {
-  namespace stdfs = std::filesystem;
-  const std::string absolute = stdfs::weakly_canonical(stdfs::absolute(dir)).string();
-  if (absolute == stdfs::weakly_canonical(stdfs::absolute(store)).string())
-    return layout::kOwnDirectory;
+  const auto canonical = [](const std::string& path) {
+    std::string text = stdfs::weakly_canonical(stdfs::absolute(path));
+    if (text.size() > 1 && text.ends_with('/')) text.pop_back();
+    return text;
+  };
+  std::string absolute = canonical(dir);
+  if (absolute == canonical(store)) return layout::kOwnDirectory;
   if (absolute.find('\n') != std::string::npos)
     throw UsageError("a pack directory cannot have a newline in its name");
-  return absolute.size() > 1 && absolute.ends_with('/') ? absolute.substr(0, absolute.size() - 1)
-                                                        : absolute;
+  return absolute;
+}
+
+FileHead ReadHead(const std::string& path) {
+  const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.valid() && errno == ENOENT) return {};
+  struct stat status = {};
+  std::array<unsigned char, format::kFileHeaderSize> bytes = {};
+  if (!fd.valid() || ::pread(fd.get(), bytes.data(), bytes.size(), 0) < 0 ||
+      ::fstat(fd.get(), &status) != 0)
+    ThrowErrno("read " + path);
+  return FileHead::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
 }
 
 }  // namespace
+
+FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
+  FileHead head = {State::kDamaged, fileSize, format::FileHeader::Decode(bytes)};
+  const bool isZero = std::all_of(bytes, bytes + format::kFileHeaderSize,
+                                  [](unsigned char byte) { return byte == 0; });
+  if (fileSize < format::kFileHeaderSize || (isZero && fileSize == format::kFileHeaderSize))
+    head.state = State::kNew;
+  else if (head.header.endOffset >= format::kFileHeaderSize && head.header.endOffset <= fileSize &&
+           static_cast<int32_t>(head.header.recordCount) >= 0)
+    head.state = State::kSound;
+  return head;
+}
+
+bool SlotFile::IsLoadable() const {
+  return head.state == State::kNew ||
+         (head.header.version == format::kVersion && head.header.mode <= 1 &&
+          head.header.sequence >= 0 && static_cast<int32_t>(head.header.recordCount) >= 0);
+}
+
+bool SlotFile::HasRecords() const {
+  return head.state == State::kDamaged || head.header.endOffset > format::kFileHeaderSize;
+}
 
 Layout::Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs)
     : store_(std::move(store)) {
   if (slotCount == 0) slotCount = std::max(kDefaultSlots, packDirs.size());
   if (slotCount < packDirs.size())
-    throw UsageError(fmt::format("{} pack directories are more than {} slots can use",
-                                 packDirs.size(), slotCount));
+    throw UsageError("{} pack directories are more than {} slots can use", packDirs.size(),
+                     slotCount);
   for (size_t slot = 0; slot < slotCount; ++slot)
     packDirs_.push_back(packDirs.empty() ? layout::kOwnDirectory
                                          : RecordedDir(store_, packDirs[slot % packDirs.size()]));
@@ -49,38 +91,37 @@ std::string Layout::ConfPath(const std::string& store) {
 
 bool Layout::Exists(const std::string& store) {
   std::error_code code;
-  return std::filesystem::exists(ConfPath(store), code);
+  return stdfs::exists(ConfPath(store), code);
 }
 
 Layout Layout::Read(const std::string& store) {
   if (!Exists(store))
-    throw Fault(fmt::format("{} is not a store: it has no {}; `blobring init {}` makes one", store,
-                            layout::kFileName, store));
+    throw Fault("{} is not a store: it has no {}; `blobring init {}` makes one", store,
+                layout::kFileName, store);
   Buffer buffer;
-  const Bytes bytes = ReadRegularFile(ConfPath(store), buffer).bytes;
   Layout read(store);
-  read.packDirs_ =
-      layout::Parse(ConfPath(store), {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  read.packDirs_ = layout::Parse(ConfPath(store), ReadRegularFile(ConfPath(store), buffer).bytes);
   return read;
 }
 
 size_t Layout::CountJournals(const std::string& store) {
   size_t count = 0;
   for (size_t slot = 0; slot < layout::kMaxSlots; ++slot)
-    if (std::filesystem::exists(fmt::format("{}/{}.jrn", store, slot))) count = slot + 1;
+    if (stdfs::exists(fmt::format("{}/{}.jrn", store, slot))) count = slot + 1;
   return count;
 }
 
 void Layout::Write() const {
-  std::string text =
+  std::string text = fmt::format(
       "# The slots of this store, in their order: slot k has its pack k.pak in the directory named "
       "and its\n"
-      "# journal k.jrn here. Other slots, or another order, would hide what is stored.\n";
-  text += fmt::format("{}\n", layout::kFirstLine);
+      "# journal k.jrn here. Other slots, or another order, would hide what is stored.\n"
+      "{}\n",
+      layout::kFirstLine);
   for (const std::string& dir : packDirs_) text += fmt::format("{}{}\n", layout::kSlotWord, dir);
   const Fd directory = OpenDirectory(store_);
   StagedFile file(directory.get(), layout::kFileName, ConfPath(store_));
-  file.Write(AsBytes(text));
+  file.Write(text);
   file.Sync();
   file.Publish(Existing::kReplace);
 }
@@ -97,10 +138,17 @@ std::string Layout::JournalPath(size_t slot) const {
   return fmt::format("{}/{}.jrn", store_, slot);
 }
 
+std::vector<SlotFile> Layout::ReadFiles() const {
+  std::vector<SlotFile> files;
+  for (size_t slot = 0; slot < slotCount(); ++slot)
+    for (const std::string& path : {PackPath(slot), JournalPath(slot)})
+      files.push_back({path, ReadHead(path)});
+  return files;
+}
+
 std::string Layout::Description() const {
   const std::set<std::string> dirs(packDirs_.begin(), packDirs_.end());
-  return fmt::format("{} slot{}, packs in {}", slotCount(), slotCount() == 1 ? "" : "s",
-                     fmt::join(dirs, " and "));
+  return fmt::format("{}, packs in {}", Count(slotCount(), "slot"), fmt::join(dirs, " and "));
 }
 
 }  // namespace tool

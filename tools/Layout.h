@@ -1,14 +1,43 @@
-// The slots of a store as the tool writes them down and shows them; api/Layout.h
-// has the form of the file.
+// The slots of a store as the tool writes them down and shows them, and what
+// their files say about themselves. api/Layout.h has the form of blobring.conf.
+// Nothing here takes a lock.
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "api/Layout.h"
+#include "pack/Format.h"
 
 namespace tool {
+
+// The head of a pack or journal.
+struct FileHead {
+  enum class State {
+    kMissing,
+    kNew,      // empty, or cut off while it was created
+    kSound,    // the header can be what a commit wrote
+    kDamaged,  // it cannot
+  };
+
+  // `bytes`: the first kFileHeaderSize of the file, zeros past its end.
+  static FileHead Judge(const unsigned char* bytes, uint64_t fileSize);
+
+  State state = State::kMissing;
+  uint64_t size = 0;  // of the file, bytes
+  format::FileHeader header;
+};
+
+struct SlotFile {
+  std::string path;
+  FileHead head;
+
+  // A pack with such a header may yet be loaded.
+  bool IsLoadable() const;
+  bool HasRecords() const;
+};
 
 class Layout {
  public:
@@ -33,6 +62,10 @@ class Layout {
   std::string PackPath(size_t slot) const;
   std::string JournalPath(size_t slot) const;
   static std::string ConfPath(const std::string& store);
+
+  // The packs and journals of the slots in turn, each pack before its journal.
+  // Throws Fault when a file is there and cannot be read.
+  std::vector<SlotFile> ReadFiles() const;
 
   // The same slots with packs in the same places.
   bool SameSlots(const Layout& other) const { return packDirs_ == other.packDirs_; }

@@ -1,30 +1,28 @@
 #include "tools/Manifest.h"
 
-#include <fmt/format.h>
-
+#include <algorithm>
 #include <optional>
 
-#include "tools/Buffer.h"
 #include "tools/Error.h"
+#include "tools/Files.h"
 
 namespace tool {
 namespace {
 
 constexpr size_t kHashTextSize = 2 * blobring::Hash::kSize;
 
-struct Escape {
-  char raw, letter;
-};
-constexpr Escape kEscapes[] = {{'\\', '\\'}, {'\n', 'n'}, {'\r', 'r'}};
+// What is escaped, and the letter that stands for it behind a backslash.
+constexpr std::string_view kRaw = "\\\n\r";
+constexpr std::string_view kLetters = "\\nr";
 
 std::string Escaped(const std::string& name) {
   std::string text;
   for (const char c : name) {
-    char letter = 0;
-    for (const Escape& escape : kEscapes)
-      if (c == escape.raw) letter = escape.letter;
-    if (letter != 0) text += '\\';
-    text += letter != 0 ? letter : c;
+    const size_t escape = kRaw.find(c);
+    if (escape == std::string_view::npos)
+      text += c;
+    else
+      text += {'\\', kLetters[escape]};
   }
   return text;
 }
@@ -32,16 +30,11 @@ std::string Escaped(const std::string& name) {
 std::optional<std::string> Unescaped(std::string_view text) {
   std::string name;
   for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '\\') {
-      name += text[i];
-      continue;
-    }
-    if (++i == text.size()) return std::nullopt;
-    char raw = 0;
-    for (const Escape& escape : kEscapes)
-      if (text[i] == escape.letter) raw = escape.raw;
-    if (raw == 0) return std::nullopt;
-    name += raw;
+    name += text[i];
+    if (text[i] != '\\') continue;
+    const size_t escape = ++i == text.size() ? std::string_view::npos : kLetters.find(text[i]);
+    if (escape == std::string_view::npos) return std::nullopt;
+    name.back() = kRaw[escape];
   }
   return name;
 }
@@ -70,8 +63,7 @@ std::string ManifestLine(const ManifestEntry& entry) {
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
   Buffer buffer;
-  const Bytes bytes = ReadStream(path, buffer);
-  std::string_view rest(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  std::string_view rest = ReadStream(path, buffer);
   std::vector<ManifestEntry> entries;
   for (size_t number = 1; !rest.empty(); ++number) {
     const std::string_view line = rest.substr(0, rest.find('\n'));
@@ -79,8 +71,8 @@ std::vector<ManifestEntry> ReadManifest(const std::string& path) {
     if (line.starts_with('#')) continue;
     std::optional<ManifestEntry> entry = ParseLine(line);
     if (!entry)
-      throw UsageError(fmt::format("{} line {}: wanted a hash of 32 digits, two spaces and a name",
-                                   path, number));
+      throw UsageError("{} line {}: wanted a hash of 32 digits, two spaces and a name", path,
+                       number);
     entries.push_back(*std::move(entry));
   }
   return entries;

@@ -4,11 +4,12 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "blobring/Store.h"
-#include "tools/Buffer.h"
 #include "tools/Console.h"
+#include "tools/Files.h"
 #include "tools/Layout.h"
 
 namespace tool {
@@ -43,7 +44,7 @@ class OpenStore {
 
   // A committed blob, checked against its hash. It lies in the buffer, behind
   // the first `used` bytes. Throws Fault, also when there is none of that hash.
-  Bytes Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
+  std::string_view Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
 
   Layout layout;
   blobring::Store store;
@@ -56,14 +57,13 @@ std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash);
 // The library's messages while this lives, at most 1000; otherwise none is shown.
 class TraceLines {
  public:
-  enum class Level { kErrors, kWarnings };
-  explicit TraceLines(Level least);
+  // Up to this level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
+  explicit TraceLines(int level);
   ~TraceLines();
   TraceLines(const TraceLines&) = delete;
-  TraceLines& operator=(const TraceLines&) = delete;
 
   std::vector<std::string> lines;
-  const Level least;
+  const int maxLevel;
 };
 
 // Sends the library's trace to the tool, not to standard error. Once, at start.

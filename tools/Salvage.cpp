@@ -1,7 +1,4 @@
-#include "tools/Salvage.h"
-
-#include <fmt/format.h>
-
+// Copies blobs out of files on which a store can no longer be opened.
 #include <filesystem>
 #include <optional>
 #include <regex>
@@ -10,8 +7,6 @@
 
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
-#include "tools/Console.h"
-#include "tools/Open.h"
 #include "tools/SalvageScan.h"
 
 namespace tool {
@@ -19,7 +14,6 @@ namespace {
 
 namespace stdfs = std::filesystem;
 using Kind = SalvagedRecord::Kind;
-using Header = SalvageScan::Header;
 using HashSet = std::unordered_set<blobring::Hash>;
 
 // What is in a journal moves to a pack before this. The last MiB is left to the store.
@@ -27,14 +21,13 @@ constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 10
 
 struct SalvagedFile {
   std::string path;
-  uint64_t slot = 0;
-  bool isPack = false;
+  uint64_t slot;
+  bool isPack;
   std::string suffix;  // ".kept-M", ".new" or nothing
-  SalvageScan scan;
-  std::string failure;  // why the file cannot be opened, or nothing
+  SalvageScan scan = {};
+  std::string failure = {};  // why the file cannot be opened, or nothing
 
-  bool isSound() const { return scan.state == Header::kSound; }
-  int32_t sequence() const { return scan.header.sequence; }
+  int32_t sequence() const { return scan.head.header.sequence; }
 };
 
 struct SalvagedFiles {
@@ -50,15 +43,12 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
   std::set<std::string> names;
   for (const auto& entry : stdfs::directory_iterator(directory, code))
     names.insert(entry.path().filename());
-  if (code) throw Fault(fmt::format("cannot read the directory {}: {}", directory, code.message()));
+  if (code) throw Fault("cannot read the directory {}: {}", directory, code.message());
   for (const std::string& name : names) {
     std::smatch match;
     if (!std::regex_match(name, match, kForm)) continue;
-    SalvagedFile& file = files.emplace_back();
-    file.path = fmt::format("{}/{}", directory, name);
-    file.slot = std::stoul(match[1].str());
-    file.isPack = match[2] == "pak";
-    file.suffix = match[3].str();
+    SalvagedFile& file = files.emplace_back(SalvagedFile{
+        fmt::format("{}/{}", directory, name), std::stoul(match[1]), match[2] == "pak", match[3]});
     try {
       SalvageFile bytes(file.path);
       file.scan = Scan(bytes);
@@ -75,9 +65,11 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
 void FindLive(uint64_t slotCount, SalvagedFiles& found) {
   const SalvagedFile* pack = nullptr;
   for (const SalvagedFile& file : found.files) {
-    if (!file.isPack || file.suffix == ".new" || !file.isSound() || file.sequence() < 0) continue;
-    const bool isNewer = pack == nullptr || file.sequence() > pack->sequence();
-    if (isNewer || (file.sequence() == pack->sequence() && file.suffix < pack->suffix))
+    if (!file.isPack || file.suffix == ".new" || !file.scan.IsSound() || file.sequence() < 0)
+      continue;
+    // Of two with the same sequence, the one that was not set aside.
+    if (pack == nullptr ||
+        std::pair(pack->sequence(), file.suffix) < std::pair(file.sequence(), pack->suffix))
       pack = &file;
   }
   if (pack == nullptr) return;
@@ -89,7 +81,7 @@ void FindLive(uint64_t slotCount, SalvagedFiles& found) {
     if (file.slot == slot) journal = &file;
     const bool isOfPack =
         file.sequence() == pack->sequence() || file.sequence() == format::kSequenceReset;
-    if (file.isSound() && !isOfPack)
+    if (file.scan.IsSound() && !isOfPack)
       agrees = agrees && file.slot != slot && file.sequence() < pack->sequence();
   }
   if (journal == nullptr || !agrees) return;
@@ -115,29 +107,27 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
   std::vector<std::string> directories = {options.directory};
   directories.insert(directories.end(), options.packDirs.begin(), options.packDirs.end());
   uint64_t slotCount = 1;
-  try {
-    const std::optional<Layout> layout = Layout::Exists(options.directory)
-                                             ? std::optional(Layout::Read(options.directory))
-                                             : std::nullopt;
-    if (layout) slotCount = layout->slotCount();
-    for (size_t slot = 0; layout && slot < slotCount; ++slot) {
-      if (stdfs::exists(layout->PackDir(slot))) directories.push_back(layout->PackDir(slot));
-      for (const std::string& path : {layout->PackPath(slot), layout->JournalPath(slot)})
-        if (!stdfs::exists(path)) found.missing.push_back(path);
+  if (Layout::Exists(options.directory)) {
+    try {
+      const Layout layout = Layout::Read(options.directory);
+      slotCount = layout.slotCount();
+      for (size_t slot = 0; slot < slotCount; ++slot) {
+        if (stdfs::exists(layout.PackDir(slot))) directories.push_back(layout.PackDir(slot));
+        for (const std::string& path : {layout.PackPath(slot), layout.JournalPath(slot)})
+          if (!stdfs::exists(path)) found.missing.push_back(path);
+      }
+    } catch (const std::exception& error) {
+      Say("{}", error.what());  // without it, the directories are those of the command line
     }
-  } catch (const Fault& fault) {
-    Say(fault.what());  // without it, the directories are those of the command line
   }
-  std::set<std::string> seen;
   for (const std::string& directory : directories)
     if (LiesIn(options.store, directory) || LiesIn(directory, options.store))
-      throw UsageError(
-          fmt::format("{} and {} must not contain each other", options.store, directory));
+      throw UsageError("{} and {} must not contain each other", options.store, directory);
+  std::set<stdfs::path> seen;
   for (const std::string& directory : directories)
     if (seen.insert(stdfs::weakly_canonical(directory)).second)
       ScanDirectory(directory, found.files);
-  if (found.files.empty())
-    throw Fault(fmt::format("{} holds no pack and no journal", options.directory));
+  if (found.files.empty()) throw Fault("{} holds no pack and no journal", options.directory);
   for (const SalvagedFile& file : found.files)
     if (file.suffix.empty()) slotCount = std::max(slotCount, file.slot + 1);
   FindLive(slotCount, found);
@@ -146,43 +136,45 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
 
 // Prints a paragraph about a file. Returns whether it is sound.
 bool PrintFile(const SalvagedFile& file) {
+  if (!file.failure.empty()) {
+    Print(fmt::format("{}\n  {}\n", file.path, file.failure));
+    return false;
+  }
   const SalvageScan& scan = file.scan;
-  std::string text = fmt::format("{}: {}\n", file.path, Count(scan.fileSize, "byte"));
-  bool sound = scan.state != Header::kDamaged && file.failure.empty();
+  const format::FileHeader& header = scan.head.header;
+  bool sound = scan.head.state != FileHead::State::kDamaged;
+  std::string text = fmt::format("{}: {}\n  header: ", file.path, Count(scan.head.size, "byte"));
+  if (scan.IsSound())
+    text += fmt::format("sound, sequence {}, {}, {} bytes in use\n", header.sequence,
+                        Count(header.recordCount, "record"), header.endOffset);
+  else
+    text += sound ? "new, no records\n" : "damaged\n";
+  text +=
+      fmt::format("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
+                  Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
   const auto note = [&](bool isCommitted, const std::string& line) {
     text += fmt::format("  {}{}\n", line, isCommitted ? "" : " (leftover, not in use)");
     sound = sound && !isCommitted;
   };
-  if (!file.failure.empty()) {
-    text = fmt::format("{}\n  {}\n", file.path, file.failure);
-  } else if (file.isSound()) {
-    text += fmt::format("  header: sound, sequence {}, {}, {} bytes in use\n", file.sequence(),
-                        Count(scan.header.recordCount, "record"), scan.header.endOffset);
-  } else {
-    text += scan.state == Header::kNew ? "  header: new, no records\n" : "  header: damaged\n";
-  }
-  if (file.failure.empty())
-    text += fmt::format("  found: {}, {}, {}\n",
-                        Count(scan.completeTransactions, "complete transaction"),
-                        Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
+  const auto noteRanges = [&](const Ranges& ranges, std::string_view what) {
+    for (const auto& [begin, end] : ranges)
+      note(begin < scan.committedEnd,
+           fmt::format("{:#x}-{:#x}: {}, {}", begin, end, Count(end - begin, "byte"), what));
+  };
   if (scan.incompleteTransactions != 0)
     note(true, Count(scan.incompleteTransactions, "incomplete transaction"));
   // Under the header of a journal that was set aside there is only a part of it.
   if (scan.CountDiffers() && file.suffix.empty())
     note(true, "the header counts other records than were found");
-  for (const auto& [begin, end] : scan.unreadable)
-    note(begin < scan.committedEnd, fmt::format("{:#x}-{:#x}: {}, cannot be read from the disk",
-                                                begin, end, Count(end - begin, "byte")));
-  for (const auto& [begin, end] : scan.noRecord)
-    note(begin < scan.committedEnd,
-         fmt::format("{:#x}-{:#x}: {}, no record", begin, end, Count(end - begin, "byte")));
+  noteRanges(scan.unreadable, "cannot be read from the disk");
+  noteRanges(scan.noRecord, "no record");
   for (const SalvagedRecord& record : scan.records)
     if (record.kind == Kind::kBroken)
       note(scan.IsCommitted(record),
            fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(),
                        Count(record.blobSize, "byte"),
-                       record.end() > scan.fileSize ? "runs past the end of the file"
-                                                    : "does not match its hash"));
+                       record.end() > scan.head.size ? "runs past the end of the file"
+                                                     : "does not match its hash"));
   if (scan.stoppedProbing) note(true, "too much looks like a record: some places were not tried");
   Print(text);
   return sound;
@@ -210,12 +202,12 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
         leftBehind.insert(record.hash);
         continue;
       }
-      const Bytes blob(buffer.Reserve(std::max<size_t>(record.blobSize, 1)), record.blobSize);
-      if (record.end() <= file.size())
-        file.Read(record.dataOffset(), buffer.data(), record.blobSize);
-      if (record.end() > file.size() || blobring::Hash::of(std::as_bytes(blob)) != record.hash) {
-        Say(fmt::format("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(),
-                        record.offset));
+      Grow(buffer, record.blobSize);
+      const std::span blob(buffer.data(), record.blobSize);
+      file.Read(record.dataOffset(), reinterpret_cast<unsigned char*>(blob.data()), blob.size());
+      if (blobring::Hash::of(std::as_bytes(blob)) != record.hash) {
+        Say("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(),
+            record.offset);
         complete = false;
         continue;
       }
@@ -225,7 +217,7 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
         store.repack();
         journalBytes = 0;
       }
-      writer.Add(blob, record.hash.text());
+      writer.Add({blob.data(), blob.size()}, record.hash.text());
       copied.insert(record.hash);
       copiedBytes += record.blobSize;
       journalBytes += bytes;
@@ -261,17 +253,16 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
     cause = fault.what();
   }
   throw Fault(
-      fmt::format("salvage stopped early: {}; {} holds what was committed until then, remove it "
-                  "before the next attempt",
-                  cause, options.store));
+      "salvage stopped early: {}; {} holds what was committed until then, remove it before the "
+      "next attempt",
+      cause, options.store);
 }
 
 }  // namespace
 
 ExitStatus Salvage(const SalvageOptions& options) {
   if (stdfs::exists(options.store) && !stdfs::is_empty(options.store))
-    throw UsageError(
-        fmt::format("{} exists and is not an empty directory; nothing was written", options.store));
+    throw UsageError("{} exists and is not an empty directory; nothing was written", options.store);
   const SalvagedFiles found = ScanAll(options);
   bool sound = found.missing.empty();
   for (const SalvagedFile& file : found.files) sound = PrintFile(file) && sound;

@@ -1,7 +1,6 @@
 #include "tools/SalvageFile.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -61,8 +60,7 @@ SalvageFile::SalvageFile(const std::string& path)
     : fd_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {
   struct stat status = {};
   if (!fd_.valid() || ::fstat(fd_.get(), &status) != 0) ThrowErrno("read " + path);
-  if (!S_ISREG(status.st_mode))
-    throw Fault(fmt::format("cannot read {}: not a regular file", path));
+  if (!S_ISREG(status.st_mode)) throw Fault("cannot read {}: not a regular file", path);
   size_ = static_cast<uint64_t>(status.st_size);
 }
 
@@ -71,11 +69,12 @@ SalvageFile::SalvageFile(const std::string& path)
 void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) {
   if (ReadAt(fd_.get(), to, size, offset) == size) return;
   for (const uint64_t end = offset + size; offset < end;) {
-    const size_t part = std::min<size_t>(end - offset, kBlockSize - offset % kBlockSize);
+    const uint64_t blockEnd = offset - offset % kBlockSize + kBlockSize;
+    const size_t part = std::min(end, blockEnd) - offset;
     const size_t got = Contains(unreadable_, offset) ? 0 : ReadAt(fd_.get(), to, part, offset);
     std::memset(to + got, 0, part - got);
-    if (got < part)
-      Add(unreadable_, offset + got, std::min(size_, offset - offset % kBlockSize + kBlockSize));
+    if (got < part && offset + got < size_)
+      Add(unreadable_, offset + got, std::min(size_, blockEnd));
     offset += part;
     to += part;
   }
@@ -88,19 +87,19 @@ void SalvageFile::Read(uint64_t offset, unsigned char* to, size_t size) {
     ReadFromDisk(offset, to, size);
 }
 
-Bytes SalvageFile::From(uint64_t offset, size_t wanted) {
+std::span<const unsigned char> SalvageFile::From(uint64_t offset, size_t wanted) {
   if (offset < windowBegin_ || std::min(offset + wanted, size_) > windowBegin_ + window_.size()) {
     windowBegin_ = offset - offset % kBlockSize;
     window_.resize(std::min<uint64_t>(kWindowSize, size_ - windowBegin_));
     ReadFromDisk(windowBegin_, window_.data(), window_.size());
   }
-  return Bytes(window_).subspan(offset - windowBegin_);
+  return std::span(window_).subspan(offset - windowBegin_);
 }
 
 blobring::Hash SalvageFile::Digest(uint64_t offset, uint64_t size) {
   MD5 md5;
   for (const uint64_t end = offset + size; offset < end;) {
-    const Bytes window = From(offset);
+    const auto window = From(offset);
     const auto part = static_cast<uint32_t>(std::min<uint64_t>(end - offset, window.size()));
     md5.update(window.data(), part);
     offset += part;

@@ -1,13 +1,16 @@
 // A possibly damaged file on a possibly failing disk, opened for reading only.
+// pack/'s FileWindow is not for this: it holds the file exclusively, and ends at
+// the first error.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "blobring/Store.h"
-#include "tools/Fd.h"
+#include "tools/Files.h"
 
 namespace tool {
 
@@ -21,7 +24,6 @@ Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end);
 
 // Reads with pread(2): a mapping would kill the process if the file was cut short
 // meanwhile. Blocks that cannot be read, or are gone, read as zeros and are noted.
-// REQUIRES: what is read lies within size().
 class SalvageFile {
  public:
   // Throws Fault if the file cannot be opened or is not a regular file.
@@ -30,13 +32,14 @@ class SalvageFile {
   uint64_t size() const { return size_; }
   const Ranges& unreadable() const { return unreadable_; }
 
+  // Past the end of the file there are zeros.
   void Read(uint64_t offset, unsigned char* to, size_t size);
 
   // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file
-  // ends before. They remain valid until the next call.
-  Bytes From(uint64_t offset, size_t wanted = 1);
+  // ends before. They remain valid until the next call. REQUIRES: offset < size().
+  std::span<const unsigned char> From(uint64_t offset, size_t wanted = 1);
 
-  // The MD5 digest of a part of the file.
+  // The MD5 digest of a part of the file. REQUIRES: it lies within size().
   blobring::Hash Digest(uint64_t offset, uint64_t size);
 
  private:

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "pack/Format.h"
+#include "tools/Layout.h"
 #include "tools/SalvageFile.h"
 
 namespace tool {
@@ -29,12 +29,8 @@ struct SalvagedRecord {
 };
 
 struct SalvageScan {
-  enum class Header { kNew, kSound, kDamaged };
-
-  uint64_t fileSize = 0;
-  format::FileHeader header;
-  Header state = Header::kNew;
-  uint64_t committedEnd = 0;            // by a sound header, otherwise fileSize
+  FileHead head;
+  uint64_t committedEnd = 0;            // by a sound header, otherwise the file's size
   uint64_t recordCount = 0;             // of records that end before it
   std::vector<SalvagedRecord> records;  // in the order of their offsets
   uint64_t blobs = 0;
@@ -45,9 +41,10 @@ struct SalvageScan {
   Ranges unreadable;
   bool stoppedProbing = false;  // some places before committedEnd were not tried
 
-  bool CountDiffers() const { return state == Header::kSound && recordCount != header.recordCount; }
+  bool IsSound() const { return head.state == FileHead::State::kSound; }
+  bool CountDiffers() const { return IsSound() && recordCount != head.header.recordCount; }
   bool IsCommitted(const SalvagedRecord& record) const {
-    return std::min(record.end(), fileSize) <= committedEnd;
+    return std::min(record.end(), head.size) <= committedEnd;
   }
 };
 

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,9 +17,6 @@
 namespace tool {
 namespace {
 
-constexpr std::string_view kTemporaryPrefix = ".blobring-";
-constexpr std::string_view kTemporarySuffix = ".tmp";
-
 // Removes the temporary files of killed processes, once for each directory.
 // Those of live ones are locked.
 void RemoveLeftovers(int directory) {
@@ -30,12 +26,12 @@ void RemoveLeftovers(int directory) {
   DIR* listing = ::fdopendir(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (listing == nullptr) return;
   while (const dirent* entry = ::readdir(listing)) {
-    const std::string_view name = entry->d_name;
-    if (!name.starts_with(kTemporaryPrefix) || !name.ends_with(kTemporarySuffix)) continue;
+    const std::string name = entry->d_name;
+    if (!name.starts_with(".blobring-") || !name.ends_with(".tmp")) continue;
     const Fd file(
-        ::openat(directory, entry->d_name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     if (file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
-      ::unlinkat(directory, entry->d_name, 0);
+      ::unlinkat(directory, name.c_str(), 0);
   }
   ::closedir(listing);
 }
@@ -53,8 +49,7 @@ StagedFile::StagedFile(int directory, std::string name, std::string shownName)
   static unsigned serial = 0;
   // A file that was removed before it was locked was taken for a leftover.
   do {
-    temporaryName_ =
-        fmt::format("{}{}-{}{}", kTemporaryPrefix, ::getpid(), serial++, kTemporarySuffix);
+    temporaryName_ = fmt::format(".blobring-{}-{}.tmp", ::getpid(), serial++);
     file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                         0666));
     if (!file_.valid() && errno != EEXIST) ThrowErrno("write " + shownName_);
@@ -75,24 +70,25 @@ void StagedFile::Sync() {
   synced_ = true;
 }
 
-int StagedFile::Rename(Existing existing) const {
+void StagedFile::Rename(Existing existing) const {
+  const auto rename = [this](unsigned flags) {
+    return ::renameat2(directory_, temporaryName_.c_str(), directory_, name_.c_str(), flags) == 0;
+  };
   if (existing == Existing::kKeep) {
-    if (::renameat2(directory_, temporaryName_.c_str(), directory_, name_.c_str(),
-                    RENAME_NOREPLACE) == 0)
-      return 0;
-    if (errno != EINVAL && errno != ENOSYS) return errno;
+    if (rename(RENAME_NOREPLACE)) return;
     // A file system without that flag: a moment passes between look and rename.
     struct stat status = {};
-    if (::fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
+    const bool lacksFlag = errno == EINVAL || errno == ENOSYS;
+    if (lacksFlag && ::fstatat(directory_, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+      errno = EEXIST;
+    if (errno == EEXIST) throw Fault("{} exists and was kept", shownName_);
+    if (!lacksFlag) ThrowErrno("write " + shownName_);
   }
-  return ::renameat(directory_, temporaryName_.c_str(), directory_, name_.c_str()) == 0 ? 0 : errno;
+  if (!rename(0)) ThrowErrno("write " + shownName_);
 }
 
 void StagedFile::Publish(Existing existing) {
-  errno = Rename(existing);
-  if (errno == EEXIST && existing == Existing::kKeep)
-    throw Fault(fmt::format("{} exists and was kept", shownName_));
-  if (errno != 0) ThrowErrno("write " + shownName_);
+  Rename(existing);
   published_ = true;
   if (synced_ && ::fsync(directory_) != 0) ThrowErrno("write " + shownName_);
 }
@@ -109,18 +105,18 @@ Output::Output(const std::string& path, Existing existing) : path_(path), existi
     // /dev/stdout leads to whatever file that is.
     isStandardOutput_ = isLink && IdOf(path) == IdOf(STDOUT_FILENO);
     if (isStandardOutput_) return;
-    if (S_ISDIR(status.st_mode)) throw UsageError(path + " is a directory");
+    if (S_ISDIR(status.st_mode)) throw UsageError("{} is a directory", path);
     if (isLink && (isForeign || S_ISREG(status.st_mode)))
-      throw UsageError(path + " is a symbolic link; name the file itself");
+      throw UsageError("{} is a symbolic link; name the file itself", path);
     if (!S_ISREG(status.st_mode)) return;
-    if (existing == Existing::kKeep) throw UsageError(path + " exists; --force replaces it");
+    if (existing == Existing::kKeep) throw UsageError("{} exists; --force replaces it", path);
   }
   const std::filesystem::path split(path);
   fd_ = OpenDirectory(split.has_parent_path() ? split.parent_path().string() : ".");
-  file_ = std::make_unique<StagedFile>(fd_.get(), split.filename().string(), path);
+  file_.emplace(fd_.get(), split.filename().string(), path);
 }
 
-void Output::Write(Bytes data) {
+void Output::Write(std::string_view data) {
   if (isStandardOutput_) return WriteAll(STDOUT_FILENO, data, "to standard output");
   if (file_) return file_->Write(data);
   if (!fd_.valid()) fd_ = Fd(::open(path_.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC));
@@ -135,7 +131,7 @@ void Output::Finish() {
 }
 
 std::optional<FileId> Output::stagedId() const {
-  return file_ ? IdOf(file_->fd()) : IdOf(STDOUT_FILENO);
+  return IdOf(file_ ? file_->fd() : STDOUT_FILENO);
 }
 
 }  // namespace tool

@@ -1,10 +1,11 @@
 // Files that get their names only once they are whole.
 #pragma once
 
-#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
-#include "tools/Fd.h"
+#include "tools/Files.h"
 
 namespace tool {
 
@@ -21,9 +22,8 @@ class StagedFile {
   StagedFile(int directory, std::string name, std::string shownName);
   ~StagedFile();
   StagedFile(const StagedFile&) = delete;
-  StagedFile& operator=(const StagedFile&) = delete;
 
-  void Write(Bytes data) { WriteAll(file_.get(), data, shownName_); }
+  void Write(std::string_view data) { WriteAll(file_.get(), data, shownName_); }
 
   // Makes the contents survive a power cut; Publish() then does so for the name.
   void Sync();
@@ -35,8 +35,7 @@ class StagedFile {
   int fd() const { return file_.get(); }
 
  private:
-  // The system's error code, 0 on success.
-  int Rename(Existing existing) const;
+  void Rename(Existing existing) const;
 
   int directory_;
   std::string name_;
@@ -58,20 +57,20 @@ class Output {
 
   // May block on a pipe or device: REQUIRES that no store is open, unless the
   // output is a file. Throws Fault.
-  void Write(Bytes data);
+  void Write(std::string_view data);
   void Finish();
 
-  // Of the file being written, and of the one that has its name.
+  // Of the file being written, or of standard output.
   std::optional<FileId> stagedId() const;
 
-  bool isFile() const { return file_ != nullptr; }
+  bool isFile() const { return file_.has_value(); }
 
  private:
   std::string path_;
   Existing existing_;
   bool isStandardOutput_ = false;
   Fd fd_;  // the directory of the file; the pipe or device once it is open
-  std::unique_ptr<StagedFile> file_;
+  std::optional<StagedFile> file_;
 };
 
 }  // namespace tool

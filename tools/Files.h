@@ -1,0 +1,82 @@
+// Descriptors, and files read and written whole.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "pack/Format.h"
+
+namespace tool {
+
+// 2,147,483,531 bytes: alone in a file, in a transaction of its own.
+constexpr uint64_t kMaxBlobSize = format::kMaxFileSize - format::kFileHeaderSize -
+                                  format::kStartSize - format::kStoreHeadSize - format::kEndSize;
+
+// Owns a descriptor; -1 owns nothing.
+class Fd {
+ public:
+  explicit Fd(int fd = -1) : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  Fd& operator=(Fd&& other) noexcept {
+    std::swap(fd_, other.fd_);
+    return *this;
+  }
+  ~Fd();
+
+  int get() const { return fd_; }
+  bool valid() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+// The same for all names of a file.
+using FileId = std::pair<dev_t, ino_t>;
+std::optional<FileId> IdOf(int fd);
+std::optional<FileId> IdOf(const std::string& path);  // follows symbolic links
+
+// Throws Fault("cannot <action>: <text of errno>").
+[[noreturn]] void ThrowErrno(const std::string& action);
+
+// Opens a directory. Throws Fault.
+Fd OpenDirectory(const std::string& path);
+
+// Writes all of data, however many calls that takes. Messages call the file
+// `name`. Throws Fault.
+void WriteAll(int fd, std::string_view data, const std::string& name);
+
+// Writes lines to standard output, printable ones if that is a terminal.
+// Throws Fault.
+void Print(std::string_view lines);
+
+// Memory for one file or blob after another. It grows and never shrinks; what
+// lies past the bytes last written is undefined.
+using Buffer = std::vector<char>;
+
+// Makes the buffer at least `size` bytes long, keeping what is there. Throws
+// Fault when memory is short; the old contents stay.
+void Grow(Buffer& buffer, size_t size);
+
+struct SourceFile {
+  std::string_view bytes;  // in the buffer, until its next use
+  bool changed = false;    // while it was read, three times in a row
+};
+
+// Reads a regular file whole; a file that changes meanwhile is read again. The
+// contents are copied, never mapped: the bytes that are hashed must be the
+// bytes that are stored, and a file cut short under a mapping kills the
+// process. Throws Fault: no such file, not readable, larger than a blob can be,
+// not a regular file (symbolic links are not followed).
+SourceFile ReadRegularFile(const std::string& path, Buffer& buffer);
+
+// Reads a file of any kind to its end; "-" is standard input. Throws Fault as
+// above. May wait for a writer, unless the file is a regular one.
+std::string_view ReadStream(const std::string& path, Buffer& buffer);
+
+}  // namespace tool
