@@ -98,12 +98,12 @@ bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
   BlobPair pair;
   const std::string file = PathOf(entry.file);
   try {
-    if (batch.Take(i, pair)) return true;
+    if (batch.Take(i, pair) && pair.buffer.size == entry.size) return true;
     trace::engine.WriteErrorV(
         "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
         file.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
         entry.hash.toString().c_str());
-    // Nothing was read: what the buffer holds of other blobs must not decide.
+    // What the buffer holds, of this or of other blobs, must not decide.
     if (entry.size > 0) std::memset(pair.buffer.data, 0, entry.size);
     pair.isValid();
   } catch (const std::exception& e) {

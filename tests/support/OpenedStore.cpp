@@ -55,6 +55,19 @@ void SetFile(const std::string& path, std::string_view bytes) {
   disk.SyncDirectory(sim::DirectoryOf(path));
 }
 
+BCStatistics StatisticsOf(int index) {
+  BCStatistics statistics{};
+  statistics.size = sizeof statistics;
+  EXPECT_EQ(BCGetStatistics(index, &statistics), 1);
+  return statistics;
+}
+
+std::string LastErrorOf(int index) {
+  char text[1024];
+  BCLastError(index, text, sizeof text);
+  return text;
+}
+
 OpenedStore::OpenedStore(int slots, Policy policy) {
   index = BCInitialize(u"/s");
   try {

@@ -32,6 +32,9 @@ std::string FileBytes(const std::string& path);
 // Makes or replaces a file, durable.
 void SetFile(const std::string& path, std::string_view bytes);
 
+BCStatistics StatisticsOf(int index);
+std::string LastErrorOf(int index);
+
 // A store in /s whose slot k has its pack in /s as well.
 class OpenedStore {
  public:
