@@ -1,10 +1,13 @@
 // The exported calls: results, warnings, events and numeric records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <set>
 
 #include "platform/Win32.h"
+#include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
 namespace test {
@@ -16,108 +19,106 @@ unsigned char* Bytes(std::string& text) {
   return reinterpret_cast<unsigned char*>(text.data());
 }
 
-TEST(Calls, TheDigestWorksWithoutAStoreAndIsTraced) {
+TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   FreshMachine();
-  HashBytes digest{};
-  EXPECT_EQ(BCMD5ChkSumInt(nullptr, 1, digest.data()) + BCMD5ChkSumInt(digest.data(), 1, nullptr),
-            0);
-  EXPECT_EQ(BCMD5ChkSum(nullptr, 1, nullptr), 1);
+  const OpenedStore store;
+  const int i = store.index;
+  unsigned char hash[16] = {}, data[1] = {};
+  BCBlob blobs[2] = {{data, 1, {}}, {nullptr, 1, {}}};
+  const long long id = 1;
+  const char* const noDirectory = nullptr;
+  const BCOptions small = {offsetof(BCOptions, mustExist) - 1, 0, nullptr, 0, nullptr, {}, 0, 0},
+                  noCount = {sizeof small, 0, &noDirectory, 0, nullptr, {}, 0, 0},
+                  noDir = {sizeof small, 1, &noDirectory, 0, nullptr, {}, 0, 0};
+  BCStatistics statistics{};
+  statistics.size = offsetof(BCStatistics, damaged) - 1;
+  int size = 7;
+  ASSERT_TRUE(store.Start(id));
+  const std::string before = FileBytes("/s/0.jrn");
   Diagnostics().Clear();
-  EXPECT_EQ(BCMD5ChkSum(reinterpret_cast<const unsigned char*>("abc"), 3, digest.data()), 1);
-  const std::array<std::uint32_t, 4> words = {0x90015098, 0x3CD24FB0, 0xD6963F7D, 0x28E17F72};
-  EXPECT_EQ(Diagnostics().events.at(0).kind, 14U);
-  EXPECT_EQ(Diagnostics().events.at(0).values, words);
-  EXPECT_EQ(Diagnostics().records.at(0).id, 0x4F000270U);
-  EXPECT_EQ(Diagnostics().records.at(0).values, words);
+  const struct {
+    int result, failure;
+    std::string warning;
+  } rows[] = {
+      {BCMD5ChkSumInt(nullptr, 1, hash), 0, "BCMD5ChkSum: data is null"},
+      {BCMD5ChkSum(data, 1, nullptr), 1, "BCMD5ChkSum: digest is null"},
+      {BCInitialize(nullptr), -1, "BCInitialize: path is null"},
+      {BCOpen(nullptr, nullptr), -1, "BCOpen: directory is null"},
+      {BCOpen("/a", &small), -1, "BCOpen: options->size = "},
+      {BCOpen("/a", &noCount), -1, "BCOpen: packDirs needs slotCount"},
+      {BCOpen("/a", &noDir), -1, "BCOpen: packDirs is null"},
+      {BCAddPackDir(i, nullptr), 0, "BCAddPackDir: dir is null"},
+      {BCSetDamagePolicy(i, 2), 0, "BCSetDamagePolicy: there is no policy = 2"},
+      {BCStartTransaction(i, nullptr), 0, "BCStartTransaction: transactionId is null"},
+      {BCEndTransaction(i, nullptr), 0, "BCEndTransaction: transactionId is null"},
+      {BCStore(i, nullptr, data, 1), 0, "BCStore: hash is null"},
+      {BCStore(i, hash, nullptr, 1), 0, "BCStore: data is null"},
+      {BCStore(i, hash, data, -1), 0, "BCStore: size = -1 is negative"},
+      {BCPut(i, data, 1, nullptr), 0, "BCPut: hashOut is null"},
+      {BCPut(i, nullptr, 1, hash), 0, "BCPut: data is null"},
+      {BCPutMany(i, nullptr, 1), 0, "BCPutMany: blobs is null"},
+      {BCDelete(i, nullptr), 0, "BCDelete: hash is null"},
+      {BCGetSize(i, nullptr), -2, "BCGetSize: hash is null"},
+      {BCGet(i, nullptr, data, 1), 2, "BCGet: hash is null"},
+      {BCGet(i, hash, nullptr, 1), 2, "BCGet: buffer is null"},
+      {BCGet(i, hash, data, -5), 2, "BCGet: size = -5 is negative"},
+      {BCFetch(i, nullptr, data, 1, &size), 2, "BCFetch: hash is null"},
+      {BCFetch(i, hash, nullptr, 1, &size), 2, "BCFetch: buffer is null"},
+      {BCFetch(i, hash, data, -1, &size), 2, "BCFetch: capacity = -1 is negative"},
+      {BCFetch(i, hash, data, 1, nullptr), 2, "BCFetch: size is null"},
+      {BCNextHash(i, nullptr, nullptr), -1, "BCNextHash: next is null"},
+      {BCGetAllBlobHashes(i, nullptr, 0), 0, "BCGetAllBlobHashes: hash is null"},
+      {BCGetStatistics(i, &statistics), 0, "BCGetStatistics: size = "},
+  };
+  ASSERT_EQ(Diagnostics().lines.size(), std::size(rows)) << Diagnostics().Text();
+  for (std::size_t r = 0; r < std::size(rows); ++r) {
+    EXPECT_EQ(rows[r].result, rows[r].failure) << rows[r].warning;
+    EXPECT_EQ(Diagnostics().lines[r].text.find(rows[r].warning), 0U) << rows[r].warning;
+  }
+  EXPECT_EQ(size, 0);
+  EXPECT_EQ(FileBytes("/s/0.jrn"), before);
+  EXPECT_EQ(BCCancelTransaction() + BCCacheClear() + BCCacheStats(), 3);
+  EXPECT_EQ(BCPutMany(i, blobs, 2), 1) << "what comes before the invalid one is stored";
+  EXPECT_EQ(BCEndTransaction(i, &id) + BCGetAllBlobHashesReset(i), 2);
 }
 
 TEST(Calls, AnUnknownIndexGivesTheFailureValueAndAWarning) {
   FreshMachine();
   constexpr int kNone = 1 << 20;
-  unsigned char hash[16] = {};
-  unsigned char data[1] = {};
+  unsigned char hash[16] = {}, data[1] = {};
   BCBlob blob = {data, 1, {}};
+  BCStatistics statistics{};
   const long long id = 1;
-  const struct {
-    const char* call;
-    int result, failure;
-  } rows[] = {
-      {"BCAddPackDir", BCAddPackDir(kNone, u"/s"), 0},
-      {"BCSetDamagePolicy", BCSetDamagePolicy(kNone, 1), 0},
-      {"BCLoad", BCLoad(kNone), 0},
-      {"BCStore", BCStore(kNone, hash, data, 1), 0},
-      {"BCPut", BCPut(kNone, data, 1, hash), 0},
-      {"BCPutMany", BCPutMany(kNone, &blob, 1), 0},
-      {"BCGet", BCGet(kNone, hash, data, 1), 2},
-      {"BCGetSize", BCGetSize(kNone, hash), -2},
-      {"BCDelete", BCDelete(kNone, hash), 0},
-      {"BCGetAllBlobHashesReset", BCGetAllBlobHashesReset(kNone), 0},
-      {"BCGetAllBlobHashes", BCGetAllBlobHashes(kNone, hash, 0), 0},
-      {"BCStartTransaction", BCStartTransaction(kNone, &id), 0},
-      {"BCEndTransaction", BCEndTransaction(kNone, &id), 0},
-      {"BCRepack", BCRepack(kNone), 0},
-      {"BCFsck", BCFsck(kNone), 0},
-      {"BCShutdown", BCShutdown(kNone, true), 0},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(row.result, row.failure) << row.call;
-    EXPECT_TRUE(
-        Diagnostics().HasWarning(std::string(row.call) + ": no store has the index = 1048576"))
-        << row.call;
-  }
-  Diagnostics().Clear();
+  int size = 7;
+  EXPECT_FALSE(BCAddPackDir(kNone, u"/s") || BCSetDamagePolicy(kNone, 1) ||
+               BCSetProgress(kNone, nullptr, nullptr) || BCLoad(kNone) ||
+               BCStartTransaction(kNone, &id) || BCEndTransaction(kNone, &id) ||
+               BCAbandonTransaction(kNone) || BCStore(kNone, hash, data, 1) ||
+               BCPut(kNone, data, 1, hash) || BCPutMany(kNone, &blob, 1) || BCDelete(kNone, hash) ||
+               BCRepack(kNone) || BCGetAllBlobHashesReset(kNone) ||
+               BCGetAllBlobHashes(kNone, hash, 0) || BCFsck(kNone) ||
+               BCGetStatistics(kNone, &statistics) || BCShutdown(kNone, true));
+  EXPECT_EQ(BCGet(kNone, hash, data, 1) + BCFetch(kNone, hash, data, 1, &size), 2 + 2);
+  EXPECT_EQ(BCGetSize(kNone, hash) + BCCheck(kNone) + BCNextHash(kNone, nullptr, hash), -2 - 2 - 1);
+  std::set<std::string> warnings;
+  for (const sim::TraceLine& line : Diagnostics().lines)
+    if (line.text.ends_with(": no store has the index = 1048576")) warnings.insert(line.text);
+  EXPECT_EQ(warnings.size(), 22U) << "each with the name of its call";
   EXPECT_EQ(BCDispose(kNone), 1);
   EXPECT_TRUE(Diagnostics().HasWarning("BCDispose with index = 1048576"));
   EXPECT_TRUE(Diagnostics().HasWarning("BCDispose has been called index = 1048576"));
-  EXPECT_EQ(FilterException(kNone, 0xC0000005U, nullptr), 1);
-  EXPECT_EQ(BCInitialize(nullptr), -1);
-  EXPECT_EQ(BCCancelTransaction() + BCCacheClear() + BCCacheStats(), 3);
-}
-
-TEST(Calls, UnsoundArgumentsAreRefusedWithAWarningAndWriteNothing) {
-  FreshMachine();
-  const OpenedStore store;
-  const int i = store.index;
-  unsigned char hash[16] = {};
-  unsigned char data[1] = {};
-  BCBlob blobs[2] = {{data, 1, {}}, {nullptr, 1, {}}};
-  const long long id = 1;
-  ASSERT_EQ(BCStartTransaction(i, &id), 1);
-  Diagnostics().Clear();
-  EXPECT_EQ(BCStore(i, nullptr, data, 1), 0);
-  EXPECT_EQ(BCStore(i, hash, nullptr, 1), 0);
-  EXPECT_EQ(BCStore(i, hash, data, -1), 0);
-  EXPECT_EQ(BCPut(i, data, 1, nullptr), 0);
-  EXPECT_EQ(BCPut(i, nullptr, 1, hash), 0);
-  EXPECT_EQ(BCPutMany(i, nullptr, 1), 0);
-  EXPECT_EQ(BCGet(i, nullptr, data, 1), 2);
-  EXPECT_EQ(BCGet(i, hash, nullptr, 1), 2);
-  EXPECT_EQ(BCGet(i, hash, data, -5), 2);
-  EXPECT_EQ(BCGetSize(i, nullptr), -2);
-  EXPECT_EQ(BCDelete(i, nullptr), 0);
-  EXPECT_EQ(BCGetAllBlobHashes(i, nullptr, 0), 0);
-  EXPECT_EQ(BCStartTransaction(i, nullptr), 0);
-  EXPECT_EQ(BCEndTransaction(i, nullptr), 0);
-  EXPECT_EQ(BCAddPackDir(i, nullptr), 0);
-  EXPECT_EQ(BCSetDamagePolicy(i, 2), 0);
-  EXPECT_EQ(Diagnostics().lines.size(), 16U) << Diagnostics().Text();
-  EXPECT_TRUE(Diagnostics().HasWarning("BCStore: size = -1 is negative"));
-  EXPECT_EQ(BCPutMany(i, blobs, 2), 1) << "what comes before the unsound one is stored";
-  EXPECT_EQ(BCEndTransaction(i, &id), 1);
-  EXPECT_EQ(BCGetAllBlobHashesReset(i), 1);
 }
 
 TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
   FreshMachine();
-  HashBytes hash = HashOf("abc");
+  HashBytes hash{};
   std::string data = "abc";
-  const std::array<std::uint32_t, 4> words = {0x90015098, 0x3CD24FB0, 0xD6963F7D, 0x28E17F72};
   Diagnostics().Clear();
+  BCMD5ChkSum(Bytes(data), 3, hash.data());
   const int i = BCInitialize(u"/s");
-  const auto index = static_cast<std::uint32_t>(i);
   BCAddPackDir(i, u"/s");
   BCLoad(i);
-  const long long id = 0x100000002;
+  const long long id = 0x100000002;  // the low half is traced
   BCStartTransaction(i, &id);
   BCStore(i, hash.data(), Bytes(data), 3);
   BCEndTransaction(i, &id);
@@ -131,40 +132,33 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
   BCShutdown(i, true);
   BCDispose(i);
 
-  const std::vector<std::uint32_t> kinds = {1, 1, 10, 2, 8, 3, 5, 6, 12, 13, 7, 3, 9};
-  std::vector<std::uint32_t> seen;
-  for (const sim::RingEvent& event : Diagnostics().events) seen.push_back(event.kind);
-  EXPECT_EQ(seen, kinds);
-  EXPECT_EQ(Diagnostics().events[3].values[0], 2U) << "the low half of the id";
-  EXPECT_EQ(Diagnostics().events[4].values, words);
-  EXPECT_EQ(Diagnostics().events[2].ring, g_BlobControllerRingBuffer);
+  using Words = std::vector<std::uint32_t>;
+  Words kinds;
+  for (const sim::RingEvent& event : Diagnostics().events) kinds.push_back(event.kind);
+  EXPECT_EQ(kinds, (Words{14, 1, 1, 10, 2, 8, 3, 5, 6, 12, 13, 7, 3, 9}));
+  EXPECT_EQ(Diagnostics().events.at(4).values[0], 2U);
+  EXPECT_EQ(Diagnostics().events.at(5).values,
+            (std::array<std::uint32_t, 4>{0x90015098, 0x3CD24FB0, 0xD6963F7D, 0x28E17F72}));
+  EXPECT_EQ(Diagnostics().events.at(3).ring, g_BlobControllerRingBuffer);
   EXPECT_NE(g_BlobControllerRingBuffer, 0U);
 
-  const std::vector<std::vector<std::uint32_t>> records = {
-      {0x0F000264},
-      {0x0F000265, index},
-      {0x2F000266, index},
-      {0x2F000267, index, 1},
-      {0x4F00027A, index, 2},
-      {0x4F00026C, words[0], words[1], words[2], words[3]},
-      {0x4F00027C, index, 2},
-      {0x4F00026E, words[0], words[1], words[2], words[3]},
-      {0x4F00026F, words[0], words[1], words[2], words[3]},
-      {0x2F00027E, index},
-      {0x4F000281, index, 77},
-      {0x4F00026D, words[0], words[1], words[2], words[3]},
-      {0x4F00027C, index, 2},
-      {0x2F000269, index},
-      {0x2F00026A, index, 1},
-      {0x0F000283, index, 1},
+  const auto ofHash = [](std::uint32_t record) {
+    return Words{record, 0x90015098, 0x3CD24FB0, 0xD6963F7D, 0x28E17F72};
   };
-  ASSERT_EQ(Diagnostics().records.size(), records.size());
-  for (std::size_t r = 0; r < records.size(); ++r) {
-    const sim::NumericRecord& record = Diagnostics().records[r];
-    std::vector<std::uint32_t> values = {record.id};
-    values.insert(values.end(), record.values.begin(), record.values.begin() + record.count);
-    EXPECT_EQ(values, records[r]) << r;
+  const auto index = static_cast<std::uint32_t>(i);
+  const std::vector<Words> expected = {
+      ofHash(0x4F000270),     {0x0F000264},           {0x0F000265, index}, {0x2F000266, index},
+      {0x2F000267, index, 1}, {0x4F00027A, index, 2}, ofHash(0x4F00026C),  {0x4F00027C, index, 2},
+      ofHash(0x4F00026E),     ofHash(0x4F00026F),     {0x2F00027E, index}, {0x4F000281, index, 77},
+      ofHash(0x4F00026D),     {0x4F00027C, index, 2}, {0x2F000269, index}, {0x2F00026A, index, 1},
+      {0x0F000283, index, 1}};
+  std::vector<Words> records;
+  for (const sim::NumericRecord& record : Diagnostics().records) {
+    records.push_back({record.id});
+    records.back().insert(records.back().end(), record.values.begin(),
+                          record.values.begin() + record.count);
   }
+  EXPECT_EQ(records, expected);
 }
 
 TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
@@ -173,14 +167,9 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   ASSERT_TRUE(store.Commit(1, {"four", ""}));
   HashBytes hash = HashOf("four"), absent = HashOf("absent"), empty = HashOf("");
   EXPECT_EQ(BCGetSize(store.index, absent.data()), -1);
-  EXPECT_EQ(BCGetSize(store.index, empty.data()), 0);
   EXPECT_EQ(BCGet(store.index, empty.data(), nullptr, 0), 0);
-  std::string buffer(9, '.');
-  EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 4), 0);
-  EXPECT_EQ(buffer, "four.....");
   EXPECT_TRUE(Diagnostics().raised.empty());
-
-  buffer.assign(9, '.');
+  std::string buffer(9, '.');
   EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 9), 0);
   EXPECT_EQ(buffer, "four.....");
   EXPECT_TRUE(Diagnostics().HasWarning("GetBlob assert error: buffer size = 4 request size = 9"));
@@ -200,7 +189,6 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_TRUE(
       Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
   EXPECT_EQ(BCGetSize(store.index, hash.data()), -1) << "closed";
-  EXPECT_FALSE(store.Store("x"));
 }
 
 TEST(Calls, EnumerationEndsWhenTheStoreChanges) {
@@ -235,37 +223,32 @@ TEST(Calls, TheExceptionFilterChecksAfterAnAccessViolationOnly) {
   EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Fsck number of blobs = 0"));
   EXPECT_EQ(Diagnostics().records.back().id, 0x0F000262U);
   EXPECT_EQ(Diagnostics().records.back().values[0], 0x1234U);
+  EXPECT_EQ(FilterException(-1, 0xC0000005U, nullptr), 1);
+  EXPECT_TRUE(Diagnostics().HasWarning("FilterException: no store has the index = -1"));
 }
 
-TEST(Calls, PutComputesWhatStoreIsGiven) {
-  std::vector<std::string> blobs;
-  for (std::size_t size : {0U, 1U, 63U, 64U, 65U, 4000U, 70000U, 524288U, 524289U, 1200000U, 5U})
+TEST(Calls, PutAndPutManyWriteWhatStoreWrites) {
+  std::vector<std::string> blobs, records;
+  for (std::size_t size : {0U, 1U, 63U, 64U, 65U, 4000U, 70000U, 524288U, 524289U, 1200000U, 5U}) {
     blobs.emplace_back(size, static_cast<char>('a' + blobs.size()));
-  std::set<std::string> journals;
-  for (const char* by : {"BCStore", "BCPut", "BCPutMany"}) {
-    SCOPED_TRACE(by);
+    records.push_back(StoreRecord(3, blobs.back()));
+  }
+  for (const bool many : {false, true}) {
     FreshMachine();
     const OpenedStore store;
-    std::vector<BCBlob> batch;
-    for (std::string& blob : blobs)
-      batch.push_back({Bytes(blob), static_cast<int>(blob.size()), {}});
     ASSERT_TRUE(store.Start(3));
-    if (by[2] == 'S') {
-      for (const std::string& blob : blobs) EXPECT_TRUE(store.Store(blob));
-    } else if (by[5] == '\0') {
-      for (BCBlob& blob : batch) EXPECT_EQ(BCPut(store.index, blob.data, blob.size, blob.hash), 1);
-    } else {
-      EXPECT_EQ(BCPutMany(store.index, batch.data(), static_cast<int>(batch.size())),
-                static_cast<int>(blobs.size()));
+    std::vector<BCBlob> batch;
+    for (std::string& blob : blobs) {
+      batch.push_back({Bytes(blob), static_cast<int>(blob.size()), {}});
+      BCBlob& last = batch.back();
+      EXPECT_TRUE(many || BCPut(store.index, last.data, last.size, last.hash) == 1);
     }
-    for (std::size_t b = 0; b < blobs.size() && by[2] == 'P'; ++b)
-      EXPECT_TRUE(std::equal(batch[b].hash, std::end(batch[b].hash), HashOf(blobs[b]).begin()))
-          << b;
+    EXPECT_TRUE(!many || BCPutMany(store.index, batch.data(), 11) == 11);
+    for (std::size_t b = 0; b < blobs.size(); ++b)
+      EXPECT_TRUE(std::ranges::equal(HashOf(blobs[b]), batch[b].hash)) << b;
     ASSERT_TRUE(store.End(3));
-    journals.insert(FileBytes("/s/0.jrn"));
-    for (const std::string& blob : blobs) EXPECT_TRUE(store.Has(blob)) << blob.size();
+    EXPECT_TRUE(FileBytes("/s/0.jrn") == JournalBytes().Transaction(3, records).Bytes()) << many;
   }
-  EXPECT_EQ(journals.size(), 1U);
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
-// What a transaction shows while it is open, and what it leaves.
+// What a transaction writes and flushes, and what a failure leaves of it.
 #include <gtest/gtest.h>
+
+#include <optional>
 
 #include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
@@ -7,32 +9,87 @@
 namespace test {
 namespace {
 
+using sim::Call;
+using sim::Diagnostics;
+using sim::Fault;
+
 TEST(Transaction, ChangesOfNothingWriteNothing) {
   FreshMachine();
   const OpenedStore store;
   ASSERT_TRUE(store.Commit(1, {"a"}));
-  const std::string before = FileBytes("/s/0.jrn");
-  const std::uint64_t writes = sim::Files().calls(sim::Call::WriteFile);
+  const std::uint64_t writes = sim::Files().calls(Call::WriteFile);
   ASSERT_TRUE(store.Start(2) && store.End(2));
   ASSERT_TRUE(store.Start(3) && store.Store("a") && store.Delete("never stored") && store.End(3));
-  EXPECT_EQ(sim::Files().calls(sim::Call::WriteFile), writes);
-  EXPECT_EQ(FileBytes("/s/0.jrn"), before);
+  EXPECT_EQ(sim::Files().calls(Call::WriteFile), writes);
 }
 
-TEST(Transaction, AChangeBeforeTheLoadGoesToTheFirstJournal) {
-  FreshMachine();
-  {
+// It goes to the first journal, unless no store wrote that one's header.
+TEST(Transaction, AChangeNeedsNoLoadButASoundHeader) {
+  const std::string foreign = JournalBytes().Transaction(1, {StoreRecord(1, "a")}).End(3).Bytes();
+  for (const std::string& bytes : {JournalBytes().Bytes(), foreign}) {
+    FreshMachine();
+    SetFile("/s/0.jrn", bytes);
     const int index = BCInitialize(u"/s");
     BCAddPackDir(index, u"/s");
-    HashBytes hash = HashOf("early");
-    std::string data = "early";
-    EXPECT_EQ(BCStore(index, hash.data(), reinterpret_cast<unsigned char*>(data.data()), 5), 1);
-    const long long id = 1;
-    EXPECT_EQ(BCEndTransaction(index, &id), 1);
+    unsigned char data[] = {'b'}, hash[16];
+    const long long id = 0;
+    const bool stored = BCPut(index, data, 1, hash) == 1;
+    EXPECT_TRUE(BCEndTransaction(index, &id) == 1 && stored == (bytes != foreign));
     BCDispose(index);
+    EXPECT_EQ(FileBytes("/s/0.jrn") == bytes, !stored);
   }
-  const OpenedStore store;
-  EXPECT_TRUE(store.Has("early"));
+}
+
+// From the 33rd commit on a journal has zeros ahead of it, new or used again; a close cuts them
+// off. A commit over anything else flushes its records as well as its header.
+TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
+  FreshMachine();
+  std::optional<OpenedStore> opened(std::in_place, 2);
+  const OpenedStore& store = *opened;
+  const auto flushes = [&](const std::string& blob) {
+    const std::uint64_t before = sim::Files().calls(Call::FlushFileBuffers);
+    EXPECT_TRUE(store.Store(blob) && store.End(1));
+    return sim::Files().calls(Call::FlushFileBuffers) - before;
+  };
+  for (const char* life : {"new", "used again"}) {
+    for (int n = 1; n <= 3000; ++n) {
+      SCOPED_TRACE(testing::Message() << life << ' ' << n);
+      ASSERT_EQ(flushes(life + std::to_string(n)), n <= 33 ? 2U : 1U);
+    }
+    ASSERT_EQ(BCRepack(store.index) + BCRepack(store.index), 2);
+  }
+  for (int n = 1; n <= 40; ++n) flushes("small" + std::to_string(n));
+  ASSERT_TRUE(store.Start(1) && store.Store("abandoned") && store.Start(1));
+  EXPECT_EQ(flushes("over an abandoned transaction"), 2U);
+  EXPECT_EQ(flushes("behind it"), 1U);
+  sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Partial);
+  ASSERT_FALSE(store.Store(std::string(600000, 'L')));  // its head first, then its data
+  EXPECT_EQ(flushes("over what a failed write has left"), 2U);
+  EXPECT_EQ(flushes("behind it again"), 1U);
+  sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Error);  // of the header
+  ASSERT_TRUE(store.Store("first try") && !store.End(1));
+  EXPECT_EQ(flushes("over what a failed commit has left"), 2U);
+  const std::uint64_t records = StatisticsOf(store.index).journalBytes;
+  EXPECT_GT(FileBytes("/s/0.jrn").size(), records);
+  opened.reset();
+  EXPECT_EQ(FileBytes("/s/0.jrn").size(), records);
+}
+
+TEST(Transaction, AFailedFlushIsOverOnceTheStoreIsOpenedAgain) {
+  FreshMachine();
+  {
+    const OpenedStore store;
+    ASSERT_TRUE(store.Start(2) && store.Store("lost"));
+    sim::Files().FailCallOf(Call::FlushFileBuffers, 1, Fault::Error);
+    EXPECT_FALSE(store.End(2) || store.Store("refused"));
+    EXPECT_TRUE(Diagnostics().HasWarning(
+        "BlobController::Store() threw an exception a flush has failed, no change is accepted "
+        "until the store is disposed of and opened again"));
+    EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_IN_DOUBT);
+    EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
+  }  // the close fails as well, and releases the handles all the same
+  EXPECT_EQ(sim::Files().openHandles(), 0U);
+  EXPECT_TRUE(OpenedStore().Commit(3, {"accepted"}));
 }
 
 }  // namespace
