@@ -1,4 +1,4 @@
-// The C++ wrapper, as a program uses it.
+// The C++ wrapper, and through it the calls for embedders, as a program uses them.
 #include <blobring/Store.h>
 #include <gtest/gtest.h>
 
@@ -14,6 +14,7 @@ namespace test {
 namespace {
 
 using blobring::Hash;
+using blobring::Operation;
 using blobring::Store;
 using blobring::Transaction;
 
@@ -36,12 +37,20 @@ std::string ErrorOf(Operation operation) {
   return "none";
 }
 
+// Enough for three batches.
+std::set<Hash> PutMany(Store& store) {
+  std::set<Hash> hashes;
+  Transaction change(store);
+  for (int i = 0; i < 600; ++i) hashes.insert(store.put("blob " + std::to_string(i)));
+  change.commit();
+  return hashes;
+}
+
 // RFC 1321, A.5.
 TEST(Hash, ReadsAndWritesThirtyTwoDigits) {
   const Hash abc = Hash::of(Bytes("abc"));
   EXPECT_EQ(abc.text(), "900150983cd24fb0d6963f7d28e17f72");
   EXPECT_EQ(Hash::parse("900150983CD24FB0D6963F7D28E17F72"), abc);
-  EXPECT_EQ(Hash().text(), std::string(32, '0'));
   for (const char* wrong :
        {"", "900150983cd24fb0d6963f7d28e17f7", "900150983cd24fb0d6963f7d28e17f722",
         "g00150983cd24fb0d6963f7d28e17f72", "900150983cd24fb0d6963f7d28e17f7 "})
@@ -56,8 +65,7 @@ static_assert(std::forward_iterator<Store::HashIterator> &&
 
 TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
   FreshMachine();
-  Hash kept;
-  Hash alone;
+  Hash kept, alone;
   {
     Store store("/s");
     {
@@ -70,33 +78,23 @@ TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
       const Transaction change(store);
       store.put("abandoned");
       store.erase(kept);
+      EXPECT_EQ(store.stats().pendingChanges, 2U);
     }
     EXPECT_TRUE(store.repack()) << "nothing is pending";
-    alone = store.put("on its own");
-    EXPECT_EQ(alone, Hash::of(Bytes("on its own")));
+    alone = store.put("12345");
     store.erase(store.put("gone"));
   }
-  const Store store("/s");
-  EXPECT_EQ(Text(store.get(kept)), "kept");
-  EXPECT_EQ(store.size(alone), 10U);
-  EXPECT_TRUE(store.contains(alone));
-  EXPECT_EQ(Text(store.get(Hash::of(Bytes("abandoned")))), "absent");
-  EXPECT_FALSE(store.contains(Hash::of(Bytes("gone"))));
-  EXPECT_EQ(store.stats().blobCount, 2U);
-}
-
-TEST(Store, ReadsIntoTheCallersBuffer) {
-  FreshMachine();
   Store store("/s");
-  const Hash hash = store.put("12345");
+  EXPECT_EQ(store.stats().blobCount, 2U);
+  EXPECT_EQ(Text(store.get(kept)), "kept");
   std::array<std::byte, 8> room{};
-  EXPECT_EQ(store.get(hash, room), 5U);
-  EXPECT_EQ(room[4], std::byte{'5'});
-  EXPECT_EQ(room[5], std::byte{0});
-  EXPECT_EQ(store.get(hash, std::span(room).first(4)), 5U) << "wants more room";
-  EXPECT_EQ(store.get(Hash(), room), std::nullopt);
+  EXPECT_EQ(store.get(alone, std::span(room).first(4)), 5U) << "wants more room";
+  EXPECT_EQ(room[0], std::byte{0});
+  EXPECT_EQ(store.get(alone, room), 5U);
+  EXPECT_TRUE(room[4] == std::byte{'5'} && room[5] == std::byte{0});
   EXPECT_EQ(Text(store.get(store.put(""))), "");
-  EXPECT_TRUE(sim::Diagnostics().raised.empty());
+  EXPECT_EQ(store.get(Hash(), room), std::nullopt);
+  EXPECT_EQ(sim::Files().sleptMs + sim::Diagnostics().raised.size(), 0U);
 }
 
 TEST(Store, MovesWithItsOpenTransaction) {
@@ -122,12 +120,7 @@ TEST(Store, MovesWithItsOpenTransaction) {
 TEST(Store, EnumeratesInOrderWhileBlobsGo) {
   FreshMachine();
   Store store("/s");
-  std::set<Hash> expected;
-  {
-    Transaction change(store);
-    for (int i = 0; i < 50; ++i) expected.insert(store.put("blob " + std::to_string(i)));
-    change.commit();
-  }
+  const std::set<Hash> expected = PutMany(store);
   EXPECT_TRUE(std::ranges::equal(store.hashes(), expected));
   std::vector<Hash> seen;
   for (const Hash& hash : store.hashes()) {
@@ -136,7 +129,6 @@ TEST(Store, EnumeratesInOrderWhileBlobsGo) {
   }
   EXPECT_TRUE(std::ranges::equal(seen, expected));
   EXPECT_TRUE(std::ranges::empty(store.hashes()));
-  EXPECT_EQ(BCNextHash(store.index(), nullptr, nullptr), -1);
 }
 
 TEST(Store, FailsWithTheStoresOwnWords) {
@@ -163,34 +155,86 @@ TEST(Store, FailsWithTheStoresOwnWords) {
   EXPECT_NE(store.lastFailure().find("is corrupt"), std::string::npos);
   EXPECT_NE(ErrorOf([&] { store.repack(); }).find("Invalid Blob Detected"), std::string::npos);
   EXPECT_EQ(store.stats().loaded, 0);
+  for (const auto& ask : {std::function<void()>([&] { store.get(Hash()); }),
+                          std::function<void()>([&] { store.hashes().begin(); }),
+                          std::function<void()>([&] { store.check(); })})
+    EXPECT_NE(ErrorOf(ask), "none") << "a closed store does not say that a blob is absent";
 }
 
-TEST(Store, StopsAndPassesOnWhatTheProgressFunctionThrows) {
+TEST(Progress, RisesToTheEndOfEachOperation) {
   FreshMachine();
-  Store store("/s", {.slots = 3});
   {
-    Transaction change(store);
-    for (int i = 0; i < 600; ++i) store.put("blob " + std::to_string(i));
-    change.commit();
+    Store store("/s");
+    PutMany(store);
+    store.repack();
+    store.put(std::string(3'000'000, 'x'));
+    store.put("y");
   }
-  int calls = 0;
-  const blobring::Progress stop = [&](blobring::Operation, std::uint64_t, std::uint64_t) {
-    return ++calls < 2;
+  std::map<Operation, int> calls;
+  std::uint64_t last = 0;
+  const blobring::Progress note = [&](Operation operation, std::uint64_t done,
+                                      std::uint64_t total) {
+    ++calls[operation];
+    EXPECT_TRUE(done > last && done <= total);
+    last = done == total ? 0 : done;
+    return operation != Operation::Load;  // which goes on
   };
-  const blobring::Progress fail = [](blobring::Operation, std::uint64_t, std::uint64_t) -> bool {
+  Store store("/s", {.progress = note});
+  EXPECT_EQ(store.check(note), Store::Checked::Sound);
+  EXPECT_TRUE(store.repack(note));
+  for (const Operation each : {Operation::Load, Operation::Check, Operation::Repack})
+    EXPECT_GE(calls[each], 3) << static_cast<int>(each);
+  EXPECT_EQ(last, 0U) << "ends with done = total";
+  EXPECT_EQ(store.stats().blobCount, 602U);
+}
+
+// Whenever it is stopped, the store goes on as if it had not been asked, now and when it is loaded
+// again.
+TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
+  for (unsigned slots = 1; slots <= 3; ++slots) {
+    for (int stopAt = 1; stopAt <= 3; ++stopAt) {
+      SCOPED_TRACE(std::to_string(slots) + " slots, stopped at call " + std::to_string(stopAt));
+      FreshMachine();
+      std::optional<Store> store(std::in_place, "/s", blobring::Options{.slots = slots});
+      store->repack();
+      PutMany(*store);
+      const std::string current = "/s/" + std::to_string(1 % slots);
+      const std::string before = FileBytes(current + ".pak") + FileBytes(current + ".jrn");
+      int calls = 0;
+      const blobring::Progress stop = [&](Operation, std::uint64_t, std::uint64_t) {
+        return ++calls < stopAt;
+      };
+      EXPECT_FALSE(store->repack(stop));
+      EXPECT_EQ(store->lastFailure(),
+                "BlobController::Repack() stopped: the store is open and as it was");
+      EXPECT_EQ(FileBytes(current + ".pak") + FileBytes(current + ".jrn"), before);
+      EXPECT_EQ(sim::Files().disk.Lookup("/s/0.pak.new"), sim::kNoInode);
+      // The slot that was emptied is not taken for the newest, and is next.
+      EXPECT_TRUE(stopAt == 2 ? store->repack() : BCLoad(store->index()) == 1);
+      store->put("after");
+      store.emplace("/s", blobring::Options{.slots = slots});
+      EXPECT_EQ(store->stats().blobCount, 601U);
+      EXPECT_TRUE(store->repack());
+      EXPECT_EQ(store->stats().sequence, stopAt == 2 ? 3 : 2);
+      calls = 3;
+      EXPECT_EQ(store->check(stop), Store::Checked::Stopped);
+    }
+  }
+}
+
+TEST(Progress, WhatItThrowsReachesTheCaller) {
+  FreshMachine();
+  Store store("/s");
+  store.put("blob");
+  const blobring::Progress fail = [](Operation, std::uint64_t, std::uint64_t) -> bool {
     throw std::domain_error("mine");
   };
-  EXPECT_EQ(store.check(stop), Store::Checked::Stopped);
-  calls = 0;
-  EXPECT_FALSE(store.repack(stop));
   EXPECT_THROW(store.check(fail), std::domain_error);
   EXPECT_THROW(store.repack(fail), std::domain_error);
-  EXPECT_EQ(store.check(), Store::Checked::Sound);
   EXPECT_TRUE(store.repack());
-  EXPECT_EQ(store.stats().sequence, 1);
   store.close();
-  EXPECT_THROW(Store("/s", {.slots = 3, .progress = fail}), std::domain_error);
-  EXPECT_EQ(Store("/s", {.slots = 3}).stats().blobCount, 600U) << "its files are not held";
+  EXPECT_THROW(Store("/s", {.progress = fail}), std::domain_error);
+  EXPECT_EQ(Store("/s").stats().blobCount, 1U) << "its files are not held";
 }
 
 }  // namespace
