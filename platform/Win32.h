@@ -1,10 +1,10 @@
-// The Win32 file, thread and exception calls that the store makes: the one
-// door to the disk. What supplies them is chosen at link time: our POSIX
-// layer (platform/posix/), the device's own libraries, a simulated disk.
+// The Win32 file, thread and exception calls that the store makes: the one door to the disk. What
+// supplies them is chosen at link time: our POSIX layer (platform/posix/), the device's own
+// libraries, a simulated disk.
 //
-// Semantics are those of the Win32 API reference; each comment says only what
-// the store relies on. Paths are NUL-terminated UTF-16. Sizes, offsets and
-// handles are 32 bits. A failing call leaves its reason in GetLastError() of
+// Semantics are those of the Win32 API reference; each comment says only what the store relies on.
+// Paths are NUL-terminated UTF-16. Sizes, offsets and handles are 32 bits. The store passes 0 or
+// null for parameters that have no name here. A failing call leaves its reason in GetLastError() of
 // the calling thread. Nothing here throws.
 #pragma once
 
@@ -65,36 +65,21 @@ constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
 constexpr DWORD ERROR_FILE_TOO_LARGE = 223;
 constexpr DWORD ERROR_IO_DEVICE = 1117;
 
-struct FILETIME {
-  DWORD dwLowDateTime;
-  DWORD dwHighDateTime;
-};
+// The structures are laid out as Win32 has them; the store reads the named fields.
 
 // One entry of a directory listing; cFileName is cut to fit and terminated.
 struct WIN32_FIND_DATAW {
   DWORD dwFileAttributes;
-  FILETIME ftCreationTime;
-  FILETIME ftLastAccessTime;
-  FILETIME ftLastWriteTime;
-  DWORD nFileSizeHigh;
-  DWORD nFileSizeLow;
-  DWORD dwReserved0;
-  DWORD dwReserved1;
+  DWORD unused[10];
   WCHAR cFileName[MAX_PATH];
-  WCHAR cAlternateFileName[14];
+  WCHAR unusedName[14];
 };
 
-// The store compares the volume's number and the file's index, which together
-// tell one file from another.
+// The volume's number and the file's index together tell one file from another.
 struct BY_HANDLE_FILE_INFORMATION {
-  DWORD dwFileAttributes;
-  FILETIME ftCreationTime;
-  FILETIME ftLastAccessTime;
-  FILETIME ftLastWriteTime;
+  DWORD unused[7];
   DWORD dwVolumeSerialNumber;
-  DWORD nFileSizeHigh;
-  DWORD nFileSizeLow;
-  DWORD nNumberOfLinks;
+  DWORD unusedSize[3];
   DWORD nFileIndexHigh;
   DWORD nFileIndexLow;
 };
@@ -105,16 +90,14 @@ struct OVERLAPPED;
 constexpr DWORD EXCEPTION_ACCESS_VIOLATION = 0xC0000005U;
 constexpr int EXCEPTION_EXECUTE_HANDLER = 1;
 constexpr int EXCEPTION_CONTINUE_SEARCH = 0;
-constexpr DWORD EXCEPTION_MAXIMUM_PARAMETERS = 15;
 
-// The structured-exception records, laid out as winnt.h does.
 struct EXCEPTION_RECORD {
   DWORD ExceptionCode;
   DWORD ExceptionFlags;
   EXCEPTION_RECORD* ExceptionRecord;
   void* ExceptionAddress;
   DWORD NumberParameters;
-  std::uintptr_t ExceptionInformation[EXCEPTION_MAXIMUM_PARAMETERS];
+  std::uintptr_t ExceptionInformation[15];
 };
 struct CONTEXT;
 struct _EXCEPTION_POINTERS {  // NOLINT(bugprone-reserved-identifier): the platform's name
@@ -124,39 +107,34 @@ struct _EXCEPTION_POINTERS {  // NOLINT(bugprone-reserved-identifier): the platf
 
 extern "C" {
 
-// Opens or creates a file. The store always passes share mode 0: any second
-// opener of the file, in this process or another, gets
-// ERROR_SHARING_VIOLATION until the first has closed it. With no access (0) a
-// file that somebody holds is opened all the same, to ask which file it is.
-// Only regular files are opened. Returns INVALID_HANDLE_VALUE on failure.
-HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD shareMode,
-                   SECURITY_ATTRIBUTES* security, DWORD creationDisposition,
-                   DWORD flagsAndAttributes, HANDLE templateFile);
+// Opens or creates a file with share mode 0: any second opener of the file, in this process or
+// another, gets ERROR_SHARING_VIOLATION until the first has closed it. With no access (0) a file
+// that another opener holds is opened all the same, to ask which file it is. Only regular files are
+// opened. Returns INVALID_HANDLE_VALUE on failure.
+HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD, SECURITY_ATTRIBUTES*,
+                   DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE);
 
-// Read or write at the handle's position and move it by *transferred bytes,
-// which is set on every return. A read past the end of the file succeeds with
-// fewer bytes; a write transfers all or fails.
-BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* overlapped);
-BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
-               OVERLAPPED* overlapped);
+// Read or write at the handle's position and move it by *transferred bytes, which is set on every
+// return. A read past the end of the file succeeds with fewer bytes; a write transfers all or
+// fails.
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*);
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*);
 
-// Moves the position; distances are signed 32 bits when distanceHigh is null,
-// so that 2^31 and up fail. Going past the end is allowed and changes nothing
-// on disk. On success GetLastError() is 0.
-DWORD SetFilePointer(HANDLE file, LONG distance, LONG* distanceHigh, DWORD moveMethod);
+// Moves the position by a signed distance, so that positions of 2^31 and up fail. Going past the
+// end is allowed and changes nothing on disk. On success GetLastError() is 0.
+DWORD SetFilePointer(HANDLE file, LONG distance, LONG*, DWORD moveMethod);
 
-// The low 32 bits of the length; INVALID_FILE_SIZE when the handle is not open.
-DWORD GetFileSize(HANDLE file, DWORD* sizeHigh);
+// The low 32 bits of the length; INVALID_FILE_SIZE on failure.
+DWORD GetFileSize(HANDLE file, DWORD*);
 
 // Makes the handle's position the file's length. Bytes that this adds are zeros.
 BOOL SetEndOfFile(HANDLE file);
 
 BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information);
 
-// Once this returns TRUE, everything written to the file, its length and its
-// name survive a power cut. Once it has returned FALSE, data may have been
-// dropped: every later flush of this handle fails as well, and an opener of
-// the file after it was closed reads what the disk holds.
+// Once this returns TRUE, everything written to the file, its length and its name survive a power
+// cut. Once it has returned FALSE, data may have been dropped: every later flush of this handle
+// fails as well, and an opener of the file after it was closed reads what the disk holds.
 BOOL FlushFileBuffers(HANDLE file);
 
 // Releases the handle, even where it reports a failure. Does not flush.
@@ -164,27 +142,28 @@ BOOL CloseHandle(HANDLE object);
 
 BOOL DeleteFileW(const WCHAR* path);
 
-// Renames; the target must not exist. The new name survives a power cut once
-// the call has returned TRUE.
+// Renames; the target must not exist. The new name survives a power cut once the call has returned
+// TRUE.
 BOOL MoveFileW(const WCHAR* from, const WCHAR* to);
 
-// MoveFileW that, with MOVEFILE_REPLACE_EXISTING, replaces the target in one
-// step: at every moment, and after a power cut, the target's name leads to
-// the whole old file or to the whole new one.
+// MoveFileW that, with MOVEFILE_REPLACE_EXISTING, replaces the target in one step: at every moment,
+// and after a power cut, the target's name leads to the whole old file or to the whole new one.
 BOOL MoveFileExW(const WCHAR* from, const WCHAR* to, DWORD flags);
 
-// The path, made absolute with the current directory. Returns its length without
-// the NUL; what the buffer must hold, NUL included, when that is more than
-// capacity; 0 on failure. The file need not exist.
-DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** filePart);
+// The path, made absolute with the current directory. Returns its length without the NUL; what the
+// buffer must hold, NUL included, when that is more than capacity; 0 on failure. The file need not
+// exist.
+DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR**);
 
-BOOL CreateDirectoryW(const WCHAR* path, SECURITY_ATTRIBUTES* security);
+BOOL CreateDirectoryW(const WCHAR* path, SECURITY_ATTRIBUTES*);
 BOOL RemoveDirectoryW(const WCHAR* path);
+
+// The store passes FILE_ATTRIBUTE_NORMAL, to delete what is read-only.
 BOOL SetFileAttributesW(const WCHAR* path, DWORD attributes);
 
-// Lists a directory: the pattern is the directory's path followed by "/*.*",
-// which matches every entry, "." and ".." included, in any order. Returns
-// INVALID_HANDLE_VALUE on failure; the end is ERROR_NO_MORE_FILES.
+// Lists a directory: the pattern is the directory's path followed by "/*.*", which matches every
+// entry, "." and ".." included, in any order. Returns INVALID_HANDLE_VALUE on failure; the end is
+// ERROR_NO_MORE_FILES.
 HANDLE FindFirstFileW(const WCHAR* pattern, WIN32_FIND_DATAW* data);
 BOOL FindNextFileW(HANDLE find, WIN32_FIND_DATAW* data);
 BOOL FindClose(HANDLE find);
@@ -195,7 +174,6 @@ DWORD GetCurrentThreadId();
 // Right in a forked child as well.
 DWORD GetCurrentProcessId();
 
-// Hands the exception to the host's structured exception handling; control
-// may come back.
+// Hands the exception to the host's structured exception handling; control may come back.
 void RaiseException(DWORD code, DWORD flags, DWORD argumentCount, const std::uintptr_t* arguments);
 }

@@ -1,5 +1,4 @@
-// Where the store's messages go: the host's sink or standard error; and the
-// raw trace device.
+// Where the store's messages go: the host's sink or standard error; and the raw trace device.
 #include "platform/Diagnostics.h"
 
 #include <sys/uio.h>
@@ -11,7 +10,6 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string_view>
 
 #include "blobring/host.h"
@@ -20,48 +18,11 @@
 
 namespace {
 
-constexpr char kOwnName[] = "Blobring";
-constexpr std::u16string_view kRawDeviceName = u"LogFile";
 constexpr std::uint32_t kRawDevice = 1;
 
 constinit std::atomic<std::uint32_t> traceLevel{BLOBRING_HOST_DEFAULT_TRACE_LEVEL};
 constinit platform::HostCallback<BlobringHostTraceSink> traceSink;
 constinit platform::HostCallback<BlobringHostRawSink> rawSink;
-
-// A message, formatted. One that does not fit in place takes memory; without
-// any, its end is lost.
-class Message {
- public:
-  Message(const char* format, std::va_list arguments) {
-    std::va_list again;
-    va_copy(again, arguments);
-    const int length = std::vsnprintf(inPlace_, sizeof inPlace_, format, arguments);
-    if (length < 0) inPlace_[0] = '\0';
-    if (const std::size_t size = static_cast<std::size_t>(std::max(length, 0)) + 1;
-        size > sizeof inPlace_) {
-      whole_ = static_cast<char*>(std::malloc(size));
-      if (whole_ != nullptr) std::vsnprintf(whole_, size, format, again);
-    }
-    va_end(again);
-    CutLineEnds();
-  }
-  Message(const Message&) = delete;
-  Message& operator=(const Message&) = delete;
-  ~Message() { std::free(whole_); }
-
-  char* Text() { return whole_ != nullptr ? whole_ : inPlace_; }
-
- private:
-  void CutLineEnds() {
-    char* text = Text();
-    std::size_t length = std::strlen(text);
-    while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
-      text[--length] = '\0';
-  }
-
-  char inPlace_[1024];
-  char* whole_ = nullptr;
-};
 
 // A held file is tried again and again, each time with a message.
 bool IsAnotherRetry(std::string_view text) {
@@ -70,10 +31,9 @@ bool IsAnotherRetry(std::string_view text) {
          text.substr(at) != " retry 0";
 }
 
-// One write for the whole line, so that lines of several writers do not mix.
-// Line breaks in the text, which a file name may hold, would fake more lines.
-void WriteErrorLine(char* text) {
-  const std::size_t length = std::strlen(text);
+// One write for the whole line, so that lines of several writers do not mix. Line breaks in the
+// text, which a file name may hold, would fake more lines.
+void WriteErrorLine(char* text, std::size_t length) {
   std::replace_if(
       text, text + length, [](char c) { return c == '\n' || c == '\r'; }, ' ');
   char head[] = "Blobring error: ";
@@ -82,16 +42,20 @@ void WriteErrorLine(char* text) {
   [[maybe_unused]] const ssize_t ignored = writev(STDERR_FILENO, line, 3);
 }
 
-void Report(int level, const char* source, const char* format, std::va_list arguments)
-    __attribute__((format(printf, 3, 0)));
-
-void Report(int level, const char* source, const char* format, std::va_list arguments) {
-  Message message(format, arguments);
+// A message for which there is no memory is lost.
+__attribute__((format(printf, 3, 0))) void Report(int level, const char* source, const char* format,
+                                                  std::va_list arguments) {
+  char* text = nullptr;
+  int length = vasprintf(&text, format, arguments);
+  if (length < 0) return;
+  while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r'))
+    text[--length] = '\0';
   if (const auto [sink, context] = traceSink.Get(); sink != nullptr) {
-    sink(context, level, source, message.Text());
-  } else if (level == BLOBRING_HOST_ERROR && !IsAnotherRetry(message.Text())) {
-    WriteErrorLine(message.Text());
+    sink(context, level, source, text);
+  } else if (level == BLOBRING_HOST_ERROR && !IsAnotherRetry(text)) {
+    WriteErrorLine(text, static_cast<std::size_t>(length));
   }
+  std::free(text);
 }
 
 }  // namespace
@@ -123,7 +87,7 @@ std::uint32_t TraceGetEffectiveLevel() {
 }
 
 int TraceDeviceFind(const char16_t* name, std::uint32_t* out) {
-  if (name != kRawDeviceName || rawSink.Get().function == nullptr) return -1;
+  if (std::u16string_view(name) != u"LogFile" || rawSink.Get().function == nullptr) return -1;
   *out = kRawDevice;
   return 0;
 }
@@ -149,8 +113,8 @@ int TraceDeviceWriteRaw(std::uint32_t device, const char* buffer, int length) {
 }
 
 void DeviceFatalError(std::uint32_t code, const char* file, int line) {
-  Vell::Common::System::OS::Diagnostics::VellTrace(kOwnName).WriteErrorV(
-      "fatal error 0x%X at %s line %d", code, file, line);
+  Vell::Common::System::OS::Diagnostics::VellTrace("Blobring")
+      .WriteErrorV("fatal error 0x%X at %s line %d", code, file, line);
 }
 
 void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context) {

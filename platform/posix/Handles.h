@@ -1,27 +1,59 @@
 // The 32-bit handles that callers hold, and the objects behind them.
 //
-// 0, 0xFFFFFFFF and 0xDEADBEEF (the store's mark for "no handle") are never
-// handed out, and the value of a closed handle does not come back before 2^32
-// others were used.
+// 0, 0xFFFFFFFF and 0xDEADBEEF (the store's mark for "no handle") are never handed out, and the
+// value of a closed handle does not come back before 2^31 others were used.
 //
-// Threads: any, for different handles. A single handle is used and closed by
-// one thread at a time. Usable from the first static initialiser to the last
-// static destructor.
+// Threads: any, for different handles. A single handle is used and closed by one thread at a time.
+// Constant-initialised and never destroyed: files are closed until the very end.
 #pragma once
 
-#include "platform/Win32.h"
+#include <mutex>
+
+#include "platform/posix/Kernel.h"
 
 namespace platform {
 
-enum class HandleKind { File, Listing };
+// Tables whose first handles are 2^31 apart have no handle in common.
+template <typename Object, HANDLE firstHandle, std::uint32_t slotCount>
+class HandleTable {
+ public:
+  // A handle for object; INVALID_HANDLE_VALUE when none is left.
+  HANDLE Add(Object* object) {
+    const std::lock_guard lock(mutex_);
+    for (std::uint32_t tried = 0; tried < slotCount; ++tried) {
+      const HANDLE handle = firstHandle + next_;
+      next_ = (next_ + 1) % (INVALID_HANDLE_VALUE / 2);
+      Slot& slot = slots_[handle % slotCount];
+      if (slot.object != nullptr || handle == kNoHandle) continue;
+      slot = {handle, object};
+      return handle;
+    }
+    return INVALID_HANDLE_VALUE;
+  }
 
-// A handle for object; INVALID_HANDLE_VALUE when none is left. The object
-// stays the caller's until it takes it back with RemoveHandle.
-HANDLE AddHandle(HandleKind kind, void* object);
+  // The object, or null and ERROR_INVALID_HANDLE as the thread's error. Remove also ends the
+  // handle; the object is the caller's then.
+  Object* Find(HANDLE handle) { return Look(handle, false); }
+  Object* Remove(HANDLE handle) { return Look(handle, true); }
 
-// The object, or null and ERROR_INVALID_HANDLE as the thread's error.
-// RemoveHandle also ends the handle.
-void* FindHandle(HANDLE handle, HandleKind kind);
-void* RemoveHandle(HANDLE handle, HandleKind kind);
+ private:
+  static constexpr HANDLE kNoHandle = 0xDEADBEEFU;
+
+  struct Slot {
+    HANDLE handle;
+    Object* object;  // null while free
+  };
+
+  Object* Look(HANDLE handle, bool remove) {
+    const std::lock_guard lock(mutex_);
+    Slot& slot = slots_[handle % slotCount];
+    if (slot.object == nullptr || slot.handle != handle) return Result(EBADF), nullptr;
+    return remove ? std::exchange(slot.object, nullptr) : slot.object;
+  }
+
+  std::mutex mutex_;
+  HANDLE next_ = 0;
+  Slot slots_[slotCount] = {};
+};
 
 }  // namespace platform

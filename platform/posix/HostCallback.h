@@ -1,13 +1,13 @@
-// A function of the host's and its context, which it may exchange at any time
-// from any thread.
+// A function of the host's and its context, which the host may exchange at any time from any
+// thread.
 #pragma once
 
 #include <mutex>
 
 namespace platform {
 
-// Constant-initialised and never destroyed: usable from the first static
-// initialiser to the last static destructor.
+// Constant-initialised and never destroyed: usable from the first static initialiser to the last
+// static destructor.
 template <typename Function>
 class HostCallback {
  public:
@@ -21,9 +21,8 @@ class HostCallback {
     pair_ = {function, context};
   }
 
-  // The function is called without the lock, so that it may call back in. A
-  // thread that got the pair can still be in the function after another
-  // thread has exchanged it.
+  // For a call without the lock, so that the function may call back in. Another thread may exchange
+  // the pair during the call.
   Pair Get() {
     const std::lock_guard lock(mutex_);
     return pair_;

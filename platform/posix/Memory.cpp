@@ -1,8 +1,8 @@
-// The memory manager: malloc, with a head before each block that leads to the
-// account of its pool and tag.
+// The memory manager: malloc, with a head before each block that leads to the account of its pool
+// and tag.
 //
-// Threads: any; a mutex guards the figures. Usable from the first static
-// initialiser to the last static destructor.
+// Threads: any; a mutex guards the figures. Usable from the first static initialiser to the last
+// static destructor.
 #include <algorithm>
 #include <cstddef>
 #include <cstdlib>
@@ -30,30 +30,17 @@ struct Manager {
 constinit Manager manager{};
 
 // The account of a pool and tag; the last one takes all that find no other.
-Account& AccountOf(std::uint32_t pool, std::uint32_t tag) {
+Account& AccountOf(unsigned long pool, unsigned long tag) {
+  constexpr std::uint32_t kLast = BLOBRING_HOST_MEMORY_ACCOUNT_COUNT - 1;
   for (std::uint32_t i = 0; i < manager.accountCount; ++i) {
-    if (manager.accounts[i].pool == pool && manager.accounts[i].tag == tag)
-      return manager.accounts[i];
+    Account& account = manager.accounts[i];
+    if (i == kLast || (account.pool == pool && account.tag == tag)) return account;
   }
-  if (manager.accountCount == BLOBRING_HOST_MEMORY_ACCOUNT_COUNT)
-    return manager.accounts[manager.accountCount - 1];
   Account& added = manager.accounts[manager.accountCount++];
-  const bool isLast = manager.accountCount == BLOBRING_HOST_MEMORY_ACCOUNT_COUNT;
-  added.pool = isLast ? BLOBRING_HOST_MEMORY_OTHERS : pool;
-  added.tag = isLast ? BLOBRING_HOST_MEMORY_OTHERS : tag;
+  const bool isLast = manager.accountCount > kLast;
+  added.pool = isLast ? BLOBRING_HOST_MEMORY_OTHERS : static_cast<std::uint32_t>(pool);
+  added.tag = isLast ? BLOBRING_HOST_MEMORY_OTHERS : static_cast<std::uint32_t>(tag);
   return added;
-}
-
-void CountTaken(Account& account, std::size_t size) {
-  ++account.allocationCount;
-  ++account.liveBlocks;
-  account.liveBytes += size;
-  account.peakBytes = std::max(account.peakBytes, account.liveBytes);
-}
-
-void CountReturned(Account& account, std::size_t size) {
-  --account.liveBlocks;
-  account.liveBytes -= size;
 }
 
 }  // namespace
@@ -67,16 +54,19 @@ int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, Lif
   *out = head == nullptr ? nullptr : head + 1;
 
   const std::lock_guard lock(manager.mutex);
-  Account& account = AccountOf(static_cast<std::uint32_t>(pool), static_cast<std::uint32_t>(tag));
-  if (head == nullptr) {
-    ++account.failureCount;
-    ++manager.total.failureCount;
-    return -1;
+  Account& own = AccountOf(pool, tag);
+  if (head != nullptr) *head = {&own, size};
+  for (Account* account : {&own, &manager.total}) {
+    if (head == nullptr) {
+      ++account->failureCount;
+      continue;
+    }
+    ++account->allocationCount;
+    ++account->liveBlocks;
+    account->liveBytes += size;
+    account->peakBytes = std::max(account->peakBytes, account->liveBytes);
   }
-  *head = {&account, size};
-  CountTaken(account, size);
-  CountTaken(manager.total, size);
-  return 0;
+  return head == nullptr ? -1 : 0;
 }
 
 int MemoryManager::Free(void* block) {
@@ -84,8 +74,10 @@ int MemoryManager::Free(void* block) {
   Head* head = static_cast<Head*>(block) - 1;
   {
     const std::lock_guard lock(manager.mutex);
-    CountReturned(*head->account, head->size);
-    CountReturned(manager.total, head->size);
+    for (Account* account : {head->account, &manager.total}) {
+      --account->liveBlocks;
+      account->liveBytes -= head->size;
+    }
   }
   std::free(head);
   return 0;

@@ -3,7 +3,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "blobring/host.h"
@@ -12,38 +11,30 @@
 
 namespace {
 
-constinit thread_local DWORD cachedThreadId = 0;  // 0 until it was asked for
-constinit std::atomic<DWORD> cachedProcessId{0};
-
 constinit platform::HostCallback<BlobringHostExceptionHandler> exceptionHandler;
 
-// The child of a fork runs a copy of the calling thread under other ids.
-void ForgetIds() {
-  cachedThreadId = 0;
-  cachedProcessId.store(0, std::memory_order_relaxed);
-}
+struct Ids {
+  DWORD thread, process;
+};
+constinit thread_local Ids cached{};  // zeros until asked for
 
-// Whether an id may be cached. The C library forgets the handler when this
-// library is unloaded.
-bool IsToldOfForks() {
-  static const bool isTold = pthread_atfork(nullptr, nullptr, ForgetIds) == 0;
-  return isTold;
+// The child of a fork runs a copy of the calling thread under other ids. The C library forgets the
+// handler when this library is unloaded.
+Ids CurrentIds() {
+  static const bool isToldOfForks = pthread_atfork(nullptr, nullptr, [] { cached = {}; }) == 0;
+  if (cached.process == 0 || !isToldOfForks)
+    cached = {static_cast<DWORD>(gettid()), static_cast<DWORD>(getpid())};
+  return cached;
 }
 
 }  // namespace
 
 DWORD GetCurrentThreadId() {
-  if (cachedThreadId != 0) return cachedThreadId;
-  const auto id = static_cast<DWORD>(gettid());
-  if (IsToldOfForks()) cachedThreadId = id;
-  return id;
+  return CurrentIds().thread;
 }
 
 DWORD GetCurrentProcessId() {
-  if (const DWORD id = cachedProcessId.load(std::memory_order_relaxed); id != 0) return id;
-  const auto id = static_cast<DWORD>(getpid());
-  if (IsToldOfForks()) cachedProcessId.store(id, std::memory_order_relaxed);
-  return id;
+  return CurrentIds().process;
 }
 
 void Sleep(DWORD milliseconds) {
