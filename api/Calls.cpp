@@ -142,7 +142,7 @@ int BCShutdown(int index, bool flag) {
   const Call call("BCShutdown", index);
   if (!call) return 0;
   RTTrace_2(0x0F000283, Word(index), flag);
-  trace::api.NoteWarnV("BCShutdown has been called index = %d", index);
+  trace::api.notes.WriteWarnV("BCShutdown has been called index = %d", index);
   return call.Store().Shutdown(flag);
 }
 
@@ -153,8 +153,8 @@ namespace {
 int Dispose(int index, bool isOuter) {
   Call call("BCDispose");
   if (!call.MayChangeRegistry()) return 0;
-  if (isOuter) trace::api.NoteWarnV("BCDispose with index = %d", index);
-  trace::api.NoteWarnV("BCDispose has been called index = %d", index);
+  if (isOuter) trace::api.notes.WriteWarnV("BCDispose with index = %d", index);
+  trace::api.notes.WriteWarnV("BCDispose has been called index = %d", index);
   if (registry::Find(index) == nullptr) return 1;
   StoreAt(index).Shutdown(true);
   registry::Remove(index);
@@ -389,7 +389,7 @@ int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
 int BCFsck(int index) {
   const Call call("BCFsck", index);
   if (!call) return 0;
-  trace::api.NoteWarnV("BCFsck index = %d", index);
+  trace::api.notes.WriteWarnV("BCFsck index = %d", index);
   return call.Store().Fsck();
 }
 

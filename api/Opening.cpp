@@ -24,17 +24,6 @@ constexpr std::uint32_t kMaxLayoutSize =
   throw Failure(code, text);
 }
 
-bool Exists(const std::string& path) {
-  const HANDLE handle =
-      ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING, 0, 0);
-  if (handle != INVALID_HANDLE_VALUE) {
-    CloseHandle(handle);
-    return true;
-  }
-  const DWORD code = GetLastError();
-  return code != ERROR_FILE_NOT_FOUND && code != ERROR_PATH_NOT_FOUND;
-}
-
 // A pack or journal as its first bytes show it.
 struct SlotFile {
   std::string path;
@@ -46,7 +35,7 @@ struct SlotFile {
 
 SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   SlotFile file{path};
-  file.exists = Exists(path);
+  file.exists = FileSystem::Exists(path);
   if (!file.exists) return file;
   FileReader reader;
   reader.open(path);
@@ -100,7 +89,7 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
   const auto count = static_cast<std::uint32_t>(slots.packs.size());
   for (std::uint32_t slot = count; slot < count + kSlotsAhead; ++slot) {
     const std::string journal = directory + "/" + std::to_string(slot) + ".jrn";
-    if (Exists(journal))
+    if (FileSystem::Exists(journal))
       Refuse(FailureCode::Argument,
              journal + " belongs to a store of more than " + std::to_string(count) + " slots");
   }
@@ -127,7 +116,7 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, const 
   const bool journalUsed = std::any_of(slots.journals.begin(), slots.journals.end(), isUsed);
   const auto isMissing = [&](const SlotFile& f) {
     const bool isJournal = f.path.ends_with(".jrn");
-    return !f.exists && ((!isJournal && journalUsed) || !Exists(f.path + ".kept-1"));
+    return !f.exists && ((!isJournal && journalUsed) || !FileSystem::Exists(f.path + ".kept-1"));
   };
   const SlotFile* missing = slots.First(isMissing);
   if (missing == nullptr) return;
@@ -153,7 +142,7 @@ void RequireNewestPack(const Slots& slots) {
 
 std::optional<std::vector<std::string>> ReadLayout(const std::string& directory) {
   const std::string path = directory + "/" + layout::kFileName;
-  if (!Exists(path)) return std::nullopt;
+  if (!FileSystem::Exists(path)) return std::nullopt;
   FileReader reader;
   reader.open(path);
   if (reader.size() > kMaxLayoutSize)

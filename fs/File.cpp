@@ -1,24 +1,27 @@
 #include "fs/File.h"
 
-#include <sstream>
-#include <stdexcept>
-
 #include "fs/FileSystem.h"
 #include "platform/Trace.h"
 
 namespace {
 
-// Puts a text together from pieces, numbers in unsigned decimal.
-template <class... Pieces>
-std::string Text(const Pieces&... pieces) {
-  std::ostringstream text;
-  (text << ... << pieces);
-  return text.str();
+// The platform's code ends the text. It is read before anything else can change it.
+[[noreturn]] void Fail(DWORD code, const std::string& text) {
+  throw Failure(FailureOf(code), text + std::to_string(code));
+}
+[[noreturn]] void FailWithLastError(const char* text) {
+  Fail(GetLastError(), text);
 }
 
-template <class... Pieces>
-[[noreturn]] void Fail(DWORD code, const Pieces&... pieces) {
-  throw Failure(FailureOf(code), Text(pieces...));
+// SetFilePointer, whose one result that means failure may also be a position.
+unsigned MovePointer(HANDLE handle, unsigned distance, DWORD method, const char* operation) {
+  const DWORD reached = SetFilePointer(handle, static_cast<LONG>(distance), nullptr, method);
+  if (reached == INVALID_SET_FILE_POINTER) {
+    const DWORD code = GetLastError();
+    if (code != ERROR_SUCCESS)
+      Fail(code, std::string("File::") + operation + " SetFilePointer failed, GetLastError=");
+  }
+  return reached;
 }
 
 }  // namespace
@@ -42,7 +45,8 @@ void File::GuardHandle() const {
 
 void File::RequireOpen(const char* operation) const {
   GuardHandle();
-  if (!isOpen) throw Failure(FailureCode::Closed, Text("File::", operation, " failed, not opened"));
+  if (!isOpen)
+    throw Failure(FailureCode::Closed, std::string("File::") + operation + " failed, not opened");
 }
 
 void File::open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
@@ -55,24 +59,16 @@ void File::open(const std::string& filePath, unsigned desiredAccess, unsigned cr
 
 unsigned File::seek(unsigned pos) {
   RequireOpen("seek");
-  const DWORD reached = SetFilePointer(handle, static_cast<LONG>(pos), nullptr, FILE_BEGIN);
-  if (reached == INVALID_SET_FILE_POINTER) {
-    const DWORD code = GetLastError();
-    if (code != ERROR_SUCCESS) Fail(code, "File::Seek SetFilePointer failed, GetLastError=", code);
-  }
+  const unsigned reached = MovePointer(handle, pos, FILE_BEGIN, "Seek");
   if (reached != pos)
-    Fail(ERROR_SUCCESS, "File::Seek SetFilePointer failed: seek=", pos, ", pos=", reached);
+    throw Failure(FailureCode::Io, "File::Seek SetFilePointer failed: seek=" + std::to_string(pos) +
+                                       ", pos=" + std::to_string(reached));
   return pos;
 }
 
 unsigned File::tell() const {
   RequireOpen("tell");
-  const DWORD position = SetFilePointer(handle, 0, nullptr, FILE_CURRENT);
-  if (position == INVALID_SET_FILE_POINTER) {
-    const DWORD code = GetLastError();
-    if (code != ERROR_SUCCESS) Fail(code, "File::Tell SetFilePointer failed, GetLastError=", code);
-  }
-  return position;
+  return MovePointer(handle, 0, FILE_CURRENT, "Tell");
 }
 
 unsigned File::read(char* buf, unsigned n) const {
@@ -81,7 +77,7 @@ unsigned File::read(char* buf, unsigned n) const {
   const BOOL ok = ReadFile(handle, buf, n, &got, nullptr);
   const DWORD code = GetLastError();
   if (got != n) throw ShortRead(n, got, code);
-  if (ok == 0) Fail(code, "File::Read failed GetLastError code = ", code);
+  if (ok == 0) Fail(code, "File::Read failed GetLastError code = ");
   return n;
 }
 
@@ -94,8 +90,9 @@ unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {
-  return {FailureOf(code), Text("File::Read didn't read the entire buffer ", n, " read ", got,
-                                " GetLastError ", code)};
+  return {FailureOf(code), "File::Read didn't read the entire buffer " + std::to_string(n) +
+                               " read " + std::to_string(got) + " GetLastError " +
+                               std::to_string(code)};
 }
 
 unsigned File::write(char* buf, unsigned n) {
@@ -105,12 +102,12 @@ unsigned File::write(char* buf, unsigned n) {
   const DWORD code = GetLastError();
   if (put != n) {
     RTTrace_3(0x0F000131, n, put, code);
-    Fail(code, "File::Write didn't write the entire buffer ", n, " written ", put, " GetLastError ",
-         code);
+    Fail(code, "File::Write didn't write the entire buffer " + std::to_string(n) + " written " +
+                   std::to_string(put) + " GetLastError ");
   }
   if (ok == 0) {
     RTTrace_1(0x0F000132, code);
-    Fail(code, "File::Write failed GetLastError code = ", code);
+    Fail(code, "File::Write failed GetLastError code = ");
   }
   return n;
 }
@@ -119,17 +116,18 @@ void File::truncate(unsigned length) {
   seek(length);
   if (SetEndOfFile(handle) != 0) return;
   const DWORD code = GetLastError();
-  Fail(code, "File::truncate ", path, " to ", length, " failed GetLastError code = ", code);
+  Fail(code,
+       "File::truncate " + path + " to " + std::to_string(length) + " failed GetLastError code = ");
 }
 
 bool File::isAt(const std::string& otherPath) const {
   BY_HANDLE_FILE_INFORMATION mine{};
-  if (GetFileInformationByHandle(handle, &mine) == 0) return false;
+  BY_HANDLE_FILE_INFORMATION its{};
   const HANDLE other = ::CreateFileW(FileSystem::ConvertString(otherPath).c_str(), 0, 0, nullptr,
                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0);
   if (other == INVALID_HANDLE_VALUE) return false;
-  BY_HANDLE_FILE_INFORMATION its{};
-  const bool known = GetFileInformationByHandle(other, &its) != 0;
+  const bool known = GetFileInformationByHandle(handle, &mine) != 0 &&
+                     GetFileInformationByHandle(other, &its) != 0;
   CloseHandle(other);
   return known && its.dwVolumeSerialNumber == mine.dwVolumeSerialNumber &&
          its.nFileIndexHigh == mine.nFileIndexHigh && its.nFileIndexLow == mine.nFileIndexLow;
@@ -150,23 +148,15 @@ unsigned File::size() const {
 void File::close() {
   if (!isOpen) return;
   GuardHandle();
-  if ((access & GENERIC_WRITE) != 0 && FlushFileBuffers(handle) == 0) {
-    const DWORD code = GetLastError();
-    Fail(code, "File::Close failed FlushFileBuffers GetLastError code = ", code);
-  }
-  if (CloseHandle(handle) == 0) {
-    const DWORD code = GetLastError();
-    Fail(code, "File::Close failed GetLastError code = ", code);
-  }
+  if (!flush()) FailWithLastError("File::Close failed FlushFileBuffers GetLastError code = ");
+  if (CloseHandle(handle) == 0) FailWithLastError("File::Close failed GetLastError code = ");
   handle = kNoHandle;
   isOpen = false;
 }
 
 void File::erase() {
   close();
-  if (FileSystem::Remove(path)) return;
-  const DWORD code = GetLastError();
-  Fail(code, "File::Close failed GetLastError code = ", code);
+  if (!FileSystem::Remove(path)) FailWithLastError("File::Close failed GetLastError code = ");
 }
 
 FileReader::FileReader() = default;

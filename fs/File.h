@@ -1,12 +1,11 @@
-// An open file of the operating system, exclusively held: unbuffered,
-// all-or-nothing reads and writes at 32-bit positions. Every call is one
-// platform call.
+// An open file of the operating system, exclusively held: unbuffered, all-or-nothing reads and
+// writes at 32-bit positions. Every call is one platform call.
 //
-// Errors: Failure (std::runtime_error) whose text names the operation and
-// carries the platform's error code. Nothing is retried here. An operation on a closed
-// File reports a fatal misuse to the platform first.
-// Owns its handle; the destructor closes it. No locks: one caller at a time.
-// Positions and sizes are bytes; from 2^31 on, seek fails.
+// Errors: Failure (std::runtime_error) whose text names the operation and carries the platform's
+// error code. Nothing is retried here. An operation on a closed File reports a fatal misuse to the
+// platform first.
+// Owns its handle; the destructor closes it. No locks: one caller at a time. Positions and sizes
+// are bytes; from 2^31 on, seek fails.
 #pragma once
 
 #include <string>
@@ -25,8 +24,8 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   // A close that fails is traced and the handle released without a flush.
   ~File() override;
 
-  // Access, disposition and flags are those of CreateFileW. Throws what
-  // FileSystem::CreateFileW throws; a File that is open must be closed first.
+  // Access, disposition and flags are those of CreateFileW. Throws what FileSystem::CreateFileW
+  // throws. REQUIRES: the File is closed.
   void open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
             unsigned flagsAndAttributes);
 
@@ -34,14 +33,13 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   unsigned seek(unsigned pos);
   unsigned tell() const;
 
-  // Exactly n bytes at the position, or an exception; return n. After a
-  // failure the position is wherever the platform left it.
+  // Exactly n bytes at the position, or an exception; return n. After a failure the position is
+  // undefined.
   unsigned read(char* buf, unsigned n) const;
   unsigned write(char* buf, unsigned n);
 
-  // At most n bytes, in one platform call, for a reader that takes several of
-  // the format's pieces at once. Returns how many came before the end of the file or before
-  // an error, whose code it leaves in `code`.
+  // Reads at most n bytes. Returns how many there were before the end of the file or an error, and
+  // sets the platform's code.
   BLOBRING_HIDDEN unsigned readSome(unsigned char* buf, unsigned n, DWORD& code) const;
 
   // What read() throws when only `got` of n bytes are there.
@@ -53,15 +51,15 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   // Whether a path leads to this open file just now.
   BLOBRING_HIDDEN bool isAt(const std::string& otherPath) const;
 
-  // Makes what was written survive a power cut. True without a platform call
-  // for a file that was opened for reading; false when it failed or is closed.
+  // Makes what was written survive a power cut. True without a platform call for a file that was
+  // opened for reading; false when it failed or is closed.
   bool flush();
 
   // Length in bytes, 0xFFFFFFFF when the platform fails. Never throws.
   unsigned size() const;
 
-  // Flushes a file opened for writing, releases the handle. Where either
-  // fails it throws and the file stays open. Does nothing when closed.
+  // Flushes a file opened for writing, releases the handle. If either fails it throws and the file
+  // stays open. Does nothing when closed.
   void close();
 
   // Closes, then deletes the file at the path of the last open.

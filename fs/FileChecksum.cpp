@@ -13,20 +13,19 @@ namespace {
 
 constexpr unsigned kMaxPiece = 512;
 
-// Feeds what is left of a file to a digest. File reads all or nothing, so
-// that the last piece is cut to what its length leaves.
+// The digest of what is left of a file. File reads all or nothing, so the last piece is cut to what
+// its length leaves.
 MD5 DigestRest(File& f, unsigned piece) {
   MD5 digest;
-  unsigned at = f.tell();
+  const unsigned begin = f.tell();
   const unsigned end = f.size();
   if (end == INVALID_FILE_SIZE)
     throw std::runtime_error("FileSystem::GetFileChksum no size of " + f.Path() +
                              " GetLastError code = " + std::to_string(GetLastError()));
   char buffer[kMaxPiece];
-  while (at < end) {
-    const unsigned n = f.read(buffer, std::min(piece, end - at));
+  for (unsigned at = begin, n = 0; at < end; at += n) {
+    n = f.read(buffer, std::min(piece, end - at));
     digest.update(reinterpret_cast<const unsigned char*>(buffer), n);
-    at += n;
   }
   digest.finalize();
   return digest;
@@ -35,9 +34,8 @@ MD5 DigestRest(File& f, unsigned piece) {
 }  // namespace
 
 void FileSystem::GetFileChksum(File& f, Hash& out, unsigned limit) {
-  const unsigned piece = limit == 0 ? kMaxPiece : std::min(limit, kMaxPiece);
   unsigned char raw[Hash::kSize];
-  DigestRest(f, piece).raw_digest(raw);
+  DigestRest(f, limit == 0 ? kMaxPiece : std::min(limit, kMaxPiece)).raw_digest(raw);
   out.setHash(raw);
 }
 
@@ -59,16 +57,14 @@ bool FileSystem::ValidateFile(File& f, const std::string& expected) {
 }
 
 bool FileSystem::ValidateFile(std::string path, const std::string& expected) {
-  FileReader reader;
-  reader.open(path);
-  const bool valid = ValidateFile(reader, expected);
-  reader.close();
-  return valid;
+  std::string computed;
+  GetFileChksum(path, computed);
+  return expected == computed;
 }
 
 bool ChkFile::Validate(FileReader& f) {
   f.seek(0);
-  char stored[Hash::kSize] = {};
+  char stored[Hash::kSize];
   f.read(stored, sizeof stored);
   Hash computed;
   FileSystem::GetFileChksum(f, computed, 0);

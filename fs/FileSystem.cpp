@@ -1,15 +1,77 @@
 #include "fs/FileSystem.h"
 
-#include "fs/ScopedFindHandle.h"
+#include <optional>
+
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 
 namespace {
 
-constexpr unsigned kSharingAttempts = 25;
+constexpr int kSharingAttempts = 25;
 constexpr DWORD kSharingDelayMs = 20;
 
+std::string WithCode(const std::string& text, DWORD code) {
+  return text + " GetLastError code= " + std::to_string(code);
+}
+
+[[noreturn]] void TraceAndThrow(const std::string& text, DWORD code) {
+  const std::string line = WithCode(text, code);
+  trace::fileSystem.WriteErrorV("%s", line.c_str());
+  throw Failure(FailureOf(code), line);
+}
+
+bool Move(const std::u16string& from, const std::u16string& to, DWORD flags) {
+  DWORD code = ERROR_SUCCESS;
+  for (int retry = 0; retry < kSharingAttempts; ++retry) {
+    const BOOL moved = flags == 0 ? ::MoveFileW(from.c_str(), to.c_str())
+                                  : MoveFileExW(from.c_str(), to.c_str(), flags);
+    if (moved == 1) return true;
+    code = GetLastError();
+    if (code != ERROR_SHARING_VIOLATION) break;
+    trace::fileSystem.notes.WriteWarnV("FileSystem::MoveFile sharing violation file retrying %d",
+                                       retry);
+    Sleep(kSharingDelayMs);
+  }
+  TraceAndThrow("FileSystem::MoveFile error " + FileSystem::ConvertString(from) + " -> " +
+                    FileSystem::ConvertString(to),
+                code);
+}
+
+// Deletes a file or an empty directory, even if it is read-only. Returns 0 or the platform's code.
+DWORD Delete(const std::u16string& path, BOOL (*remove)(const WCHAR*)) {
+  const bool done =
+      SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL) != 0 && remove(path.c_str()) != 0;
+  return done ? ERROR_SUCCESS : GetLastError();
+}
+
+// Calls visit(name, isDirectory) for each entry of a directory until it returns a code other than
+// 0. Returns that code, or else the one that the listing ended with; nothing without a listing.
+template <class Visit>
+std::optional<DWORD> ForEachEntry(const std::u16string& dir, Visit visit) {
+  WIN32_FIND_DATAW entry{};
+  const ScopedFindHandle search(FindFirstFileW((dir + u"/*.*").c_str(), &entry));
+  if (!search.IsValid()) return std::nullopt;
+  do {
+    const bool isDirectory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    if (const DWORD code = visit(std::u16string(entry.cFileName), isDirectory); code != 0)
+      return code;
+  } while (FindNextFileW(search.Get(), &entry) == 1);
+  return GetLastError();
+}
+
 }  // namespace
+
+ScopedFindHandle::ScopedFindHandle(HANDLE search) : handle(search) {}
+
+ScopedFindHandle::~ScopedFindHandle() {
+  Close();
+}
+
+BOOL ScopedFindHandle::Close() {
+  const BOOL closed = IsValid() ? FindClose(handle) : 1;
+  handle = INVALID_HANDLE_VALUE;
+  return closed;
+}
 
 std::u16string FileSystem::ConvertString(const std::string& s) {
   std::u16string wide;
@@ -27,67 +89,47 @@ std::string FileSystem::ConvertString(const std::u16string& s) {
 
 std::string FileSystem::AbsolutePath(const std::string& path) {
   const std::u16string wide = ConvertString(path);
-  std::u16string full(wide.size() + MAX_PATH, u'\0');
-  DWORD length =
-      GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-  if (length >= full.size()) {
+  std::u16string full(MAX_PATH, u'\0');
+  DWORD length = 0;
+  while ((length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(),
+                                    nullptr)) > full.size())
     full.resize(length);
-    length = GetFullPathNameW(wide.c_str(), static_cast<DWORD>(full.size()), full.data(), nullptr);
-  }
-  if (length == 0 || length >= full.size()) {
+  if (length == 0) {
     const DWORD code = GetLastError();
-    throw Failure(FailureOf(code), "FileSystem::AbsolutePath error " + path +
-                                       " GetLastError code= " + std::to_string(code));
+    throw Failure(FailureOf(code), WithCode("FileSystem::AbsolutePath error " + path, code));
   }
   full.resize(length);
   return ConvertString(full);
+}
+
+bool FileSystem::Exists(const std::string& path) {
+  const HANDLE handle = ::CreateFileW(ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, 0);
+  if (handle == INVALID_HANDLE_VALUE)
+    return GetLastError() != ERROR_FILE_NOT_FOUND && GetLastError() != ERROR_PATH_NOT_FOUND;
+  CloseHandle(handle);
+  return true;
 }
 
 HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess,
                                unsigned creationDisposition, unsigned flagsAndAttributes) {
   const std::u16string wide = ConvertString(path);
   DWORD code = ERROR_SUCCESS;
-  for (unsigned retry = 0; retry < kSharingAttempts; ++retry) {
+  for (int retry = 0; retry < kSharingAttempts; ++retry) {
     const HANDLE handle = ::CreateFileW(wide.c_str(), desiredAccess, 0, nullptr,
                                         creationDisposition, flagsAndAttributes, 0);
     if (handle != INVALID_HANDLE_VALUE) return handle;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.NoteErrorV("FileSystem::CreateFile sharing violation file %s retry %d",
-                                 path.c_str(), static_cast<int>(retry));
+    trace::fileSystem.notes.WriteErrorV("FileSystem::CreateFile sharing violation file %s retry %d",
+                                        path.c_str(), retry);
     Sleep(kSharingDelayMs);
   }
-  const std::string text =
-      "FileSystem::CreateFile error " + path + " GetLastError code= " + std::to_string(code);
-  trace::fileSystem.WriteErrorV("%s", text.c_str());
-  throw Failure(FailureOf(code), text);
+  TraceAndThrow("FileSystem::CreateFile error " + path, code);
 }
-
-namespace {
-
-// A rename with the waits and the words that both kinds share.
-template <class Rename>
-bool MoveWithRetry(const std::u16string& from, const std::u16string& to, Rename rename) {
-  DWORD code = ERROR_SUCCESS;
-  for (unsigned retry = 0; retry < kSharingAttempts; ++retry) {
-    if (rename(from.c_str(), to.c_str()) == 1) return true;
-    code = GetLastError();
-    if (code != ERROR_SHARING_VIOLATION) break;
-    trace::fileSystem.NoteWarnV("FileSystem::MoveFile sharing violation file retrying %d",
-                                static_cast<int>(retry));
-    Sleep(kSharingDelayMs);
-  }
-  const std::string text = "FileSystem::MoveFile error " + FileSystem::ConvertString(from) +
-                           " -> " + FileSystem::ConvertString(to) +
-                           " GetLastError code= " + std::to_string(code);
-  trace::fileSystem.WriteErrorV("%s", text.c_str());
-  throw Failure(FailureOf(code), text);
-}
-
-}  // namespace
 
 bool FileSystem::MoveFileW(std::u16string from, std::u16string to) {
-  return MoveWithRetry(from, to, ::MoveFileW);
+  return Move(from, to, 0);
 }
 
 bool FileSystem::MoveFileW(std::string from, std::string to) {
@@ -95,10 +137,7 @@ bool FileSystem::MoveFileW(std::string from, std::string to) {
 }
 
 bool FileSystem::ReplaceFileW(const std::string& from, const std::string& to) {
-  return MoveWithRetry(ConvertString(from), ConvertString(to),
-                       [](const WCHAR* source, const WCHAR* target) {
-                         return MoveFileExW(source, target, MOVEFILE_REPLACE_EXISTING);
-                       });
+  return Move(ConvertString(from), ConvertString(to), MOVEFILE_REPLACE_EXISTING);
 }
 
 bool FileSystem::Remove(std::u16string path) {
@@ -122,46 +161,19 @@ void FileSystem::CreateDirectoryW(const std::string& path) {
   CreateDirectoryW(ConvertString(path));
 }
 
-namespace {
-
-// 0, or the platform's code.
-unsigned DeleteEntry(const std::u16string& path) {
-  if (SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 ||
-      DeleteFileW(path.c_str()) == 0)
-    return GetLastError();
-  return ERROR_SUCCESS;
-}
-
-}  // namespace
-
 unsigned FileSystem::DeleteDirectory(const std::u16string& dir, bool recursive) {
-  WIN32_FIND_DATAW entry{};
-  ScopedFindHandle search(FindFirstFileW((dir + u"/*.*").c_str(), &entry));
-  if (!search.IsValid()) return ERROR_SUCCESS;
-
   bool sawSubdirectory = false;
-  do {
-    if (entry.cFileName[0] == u'.') continue;
-    const std::u16string fullPath = dir + u"/" + entry.cFileName;
-    unsigned code = ERROR_SUCCESS;
-    if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
-      code = DeleteEntry(fullPath);
-    } else if (recursive) {
-      code = DeleteDirectory(fullPath, true);
-    } else {
-      sawSubdirectory = true;
-    }
-    if (code != ERROR_SUCCESS) return code;
-  } while (FindNextFileW(search.Get(), &entry) == 1);
-
-  const DWORD code = GetLastError();
-  search.Close();
-  if (code != ERROR_NO_MORE_FILES) return code;
-  if (sawSubdirectory) return ERROR_SUCCESS;
-  if (SetFileAttributesW(dir.c_str(), FILE_ATTRIBUTE_NORMAL) == 0 ||
-      RemoveDirectoryW(dir.c_str()) == 0)
-    return GetLastError();
-  return ERROR_SUCCESS;
+  const auto end = ForEachEntry(dir, [&](const std::u16string& name, bool isDirectory) -> DWORD {
+    if (name.starts_with(u'.')) return ERROR_SUCCESS;
+    const std::u16string path = dir + u"/" + name;
+    if (!isDirectory) return Delete(path, DeleteFileW);
+    if (recursive) return DeleteDirectory(path, true);
+    sawSubdirectory = true;
+    return ERROR_SUCCESS;
+  });
+  if (!end.has_value()) return ERROR_SUCCESS;
+  if (*end != ERROR_NO_MORE_FILES) return *end;
+  return sawSubdirectory ? ERROR_SUCCESS : Delete(dir, RemoveDirectoryW);
 }
 
 void FileSystem::DeleteDirectory(const std::string& dir, bool recursive) {
@@ -171,29 +183,20 @@ void FileSystem::DeleteDirectory(const std::string& dir, bool recursive) {
 void FileSystem::ReadDirectory(const std::u16string& dir, WidePaths& out,
                                const std::u16string& pattern) {
   if (dir == u"." || dir == u"..") return;
-  WIN32_FIND_DATAW entry{};
-  ScopedFindHandle search(FindFirstFileW((dir + u"/*.*").c_str(), &entry));
-  if (!search.IsValid()) {
-    const DWORD code = GetLastError();
+  const auto end = ForEachEntry(dir, [&](const std::u16string& name, bool isDirectory) {
+    const std::u16string path = dir + u"/" + name;
+    if (isDirectory && name != u"." && name != u"..") ReadDirectory(path, out, pattern);
+    if (name.find(pattern) != std::u16string::npos) out.push_back(path);
+    return ERROR_SUCCESS;
+  });
+  if (!end.has_value())
     trace::fileSystem.WriteWarnV(
         "FileSystem::ReadDirectory invalid_handle_value GetLastError code=%d",
-        static_cast<int>(code));
-    return;
-  }
-  do {
-    const std::u16string name = entry.cFileName;
-    const bool isDirectory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    if (isDirectory && name != u"." && name != u"..")
-      ReadDirectory(dir + u"/" + name, out, pattern);
-    if (name.find(pattern) != std::u16string::npos) out.push_back(dir + u"/" + name);
-  } while (FindNextFileW(search.Get(), &entry) != 0);
-
-  const DWORD code = GetLastError();
-  search.Close();
-  if (code != ERROR_NO_MORE_FILES)
+        static_cast<int>(GetLastError()));
+  else if (*end != ERROR_NO_MORE_FILES)
     trace::fileSystem.WriteWarnV(
         "FileSystem::ReadDirectory FindNextFile error. GetLastError code=%d.\n",
-        static_cast<int>(code));
+        static_cast<int>(*end));
 }
 
 void FileSystem::ReadDirectory(const std::string& dir, NarrowPaths& out,

@@ -1,10 +1,9 @@
-// The stateless calls on paths, with their errors put into words. Paths come
-// narrow, as the store keeps them, or as the platform's UTF-16; conversion is
-// unit by unit, without UTF-8: byte 0xC3 becomes unit 0xFFC3 and comes back.
+// The stateless calls on paths, with their errors put into words. Paths come narrow, as the store
+// keeps them, or as the platform's UTF-16; conversion is unit by unit, without UTF-8: byte 0xC3
+// becomes unit 0xFFC3 and comes back.
 //
-// The one failure that is waited for is a sharing violation, on open and on
-// move: at most 25 attempts, 20 ms apart. All messages go to the file-system
-// trace. No locks.
+// The one failure that is waited for is a sharing violation, on open and on move: at most 25
+// attempts, 20 ms apart. All messages go to the file-system trace. No locks.
 #pragma once
 
 #include <string>
@@ -18,27 +17,30 @@ class Hash;
 
 class BLOBRING_EXPORT FileSystem {
  public:
-  using WidePaths =
-      std::vector<std::u16string,
-                  BlobAllocator<std::u16string, TesselMemoryManager::kStorePool, kTagPathList>>;
-  using NarrowPaths =
-      std::vector<std::string,
-                  BlobAllocator<std::string, TesselMemoryManager::kStorePool, kTagPathList>>;
+  template <class String>
+  using Paths =
+      std::vector<String, BlobAllocator<String, TesselMemoryManager::kStorePool, kTagPathList>>;
+  using WidePaths = Paths<std::u16string>;
+  using NarrowPaths = Paths<std::string>;
 
   static std::u16string ConvertString(const std::string& s);
   static std::string ConvertString(const std::u16string& s);
 
-  // The path, made absolute with the current directory, so that a later change
-  // of it leads no file elsewhere. Throws std::runtime_error.
+  // The path, made absolute with the current directory, so that a later change of it leads no file
+  // elsewhere. Throws std::runtime_error.
   BLOBRING_HIDDEN static std::string AbsolutePath(const std::string& path);
 
-  // Opens a file that no other opener holds. Throws std::runtime_error with the
-  // path and the platform's code.
+  // False if there is no such file. True if there is one, even if another opener has it, and if the
+  // platform cannot tell.
+  BLOBRING_HIDDEN static bool Exists(const std::string& path);
+
+  // Opens a file that no other opener holds. Throws std::runtime_error with the path and the
+  // platform's code.
   static HANDLE CreateFileW(std::string path, unsigned desiredAccess, unsigned creationDisposition,
                             unsigned flagsAndAttributes);
 
-  // Renames; true, or throws std::runtime_error with both paths and the code.
-  // The target must not exist.
+  // Renames; true, or throws std::runtime_error with both paths and the code. The target must not
+  // exist.
   static bool MoveFileW(std::u16string from, std::u16string to);
   static bool MoveFileW(std::string from, std::string to);
 
@@ -53,24 +55,21 @@ class BLOBRING_EXPORT FileSystem {
   static BOOL CreateDirectoryW(const std::u16string& path);
   static void CreateDirectoryW(const std::string& path);
 
-  // Deletes the files of a directory and, unless it keeps subdirectories, the
-  // directory; with recursive, those as well. Names that begin with a dot are
-  // left alone. Returns 0, also for a missing directory, or the platform's
-  // code of the step that failed; the narrow form drops it.
+  // Deletes the files of a directory and, unless it keeps subdirectories, the directory; with
+  // recursive, those as well. Names that begin with a dot are left alone. Returns 0, also for a
+  // missing directory, or the platform's code of the step that failed; the narrow form drops it.
   static unsigned DeleteDirectory(const std::u16string& dir, bool recursive);
   static void DeleteDirectory(const std::string& dir, bool recursive);
 
-  // Appends the path of every entry below dir whose name contains pattern,
-  // what a subdirectory holds before the subdirectory. Failures leave a
-  // warning and what was found.
+  // Appends the path of every entry below dir whose name contains pattern, what a subdirectory
+  // holds before the subdirectory. Failures leave a warning and what was found.
   static void ReadDirectory(const std::u16string& dir, WidePaths& out,
                             const std::u16string& pattern);
   static void ReadDirectory(const std::string& dir, NarrowPaths& out, const std::string& pattern);
 
-  // MD5 of the bytes from the file's position to its end, which is where the
-  // position is left: raw, or as the text of MD5::hex_digest, replacing out.
-  // A limit from 1 to 511 makes the pieces read that small; it bounds nothing.
-  // They throw what File throws.
+  // MD5 of the bytes from the file's position to its end, which is where the position is left: raw,
+  // or as the text of MD5::hex_digest, replacing out. A limit from 1 to 511 makes the pieces read
+  // that small; it bounds nothing. They throw what File throws.
   static void GetFileChksum(File& f, Hash& out, unsigned limit);
   static void GetFileChksum(File& f, std::string& out);
   static void GetFileChksum(std::string path, std::string& out);
@@ -78,4 +77,23 @@ class BLOBRING_EXPORT FileSystem {
   // Whether that text equals expected, letter case included.
   static bool ValidateFile(File& f, const std::string& expected);
   static bool ValidateFile(std::string path, const std::string& expected);
+};
+
+// Owns the search handle of a directory listing.
+class BLOBRING_EXPORT ScopedFindHandle {
+ public:
+  explicit ScopedFindHandle(HANDLE search);
+  ScopedFindHandle(const ScopedFindHandle&) = delete;
+  ScopedFindHandle& operator=(const ScopedFindHandle&) = delete;
+  ~ScopedFindHandle();
+
+  // False for 0 as for INVALID_HANDLE_VALUE.
+  bool IsValid() const { return handle != 0 && handle != INVALID_HANDLE_VALUE; }
+  HANDLE Get() const { return handle; }
+
+  // Result of FindClose; TRUE when there is nothing to close.
+  BOOL Close();
+
+ private:
+  HANDLE handle;
 };

@@ -13,31 +13,23 @@ namespace {
 
 constexpr unsigned kPieceSize = 64 * 1024;
 
-bool Exists(const std::string& path) {
-  const HANDLE handle = ::CreateFileW(FileSystem::ConvertString(path).c_str(), 0, 0, nullptr,
-                                      OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, 0);
-  if (handle == INVALID_HANDLE_VALUE) return GetLastError() != ERROR_FILE_NOT_FOUND;
-  CloseHandle(handle);
-  return true;
-}
-
 // Empty when all of them are taken.
 std::string FreeName(const std::string& path, unsigned limit) {
   for (unsigned n = 1; n <= limit; ++n) {
     std::string name = path + ".kept-" + std::to_string(n);
-    if (!Exists(name)) return name;
+    if (!FileSystem::Exists(name)) return name;
   }
   return {};
 }
 
 void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
+  if (begin >= end) return;
   std::vector<char, BlobAllocator<char, TesselMemoryManager::kContainerPool, kTagBytes>> piece;
   piece.resize(std::min(kPieceSize, end - begin));
   from.seek(begin);
   for (unsigned at = begin; at < end;) {
     const unsigned n = from.read(piece.data(), std::min(kPieceSize, end - at));
-    to.write(piece.data(), n);
-    at += n;
+    at += to.write(piece.data(), n);
   }
 }
 
@@ -57,7 +49,7 @@ std::string CopyAside(File& file, unsigned headSize, unsigned begin, unsigned en
   copy->open(name, GENERIC_READ | GENERIC_WRITE, CREATE_NEW, FILE_ATTRIBUTE_NORMAL);
   try {
     CopyBytes(file, *copy, 0, std::min(headSize, end));
-    if (begin < end) CopyBytes(file, *copy, begin, end);
+    CopyBytes(file, *copy, begin, end);
     copy->close();  // flushes
   } catch (...) {
     copy.reset();  // a file that is open cannot be deleted

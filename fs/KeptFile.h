@@ -1,6 +1,5 @@
-// Puts what a damaged file is about to lose out of harm's way, under a name of its
-// own: the path followed by ".kept-" and the first number that is free. What was
-// kept before is never overwritten.
+// Saves what a damaged file is about to lose under a name of its own: the path followed by ".kept-"
+// and the first number that is free. A saved file is never overwritten.
 #pragma once
 
 #include <string>
@@ -9,16 +8,14 @@
 
 namespace kept {
 
-// Renames a file that no opener holds; returns its new path. Throws
-// std::runtime_error.
+constexpr unsigned kMaxCopies = 9999;
+
+// Renames a file that no opener holds; returns its new path. Throws std::runtime_error.
 std::string MoveAside(const std::string& path);
 
-// Copies the first headSize bytes of an open file and those from begin to end,
-// flushed. Returns the copy's path, empty when `limit` copies are there already;
-// nothing is copied then. Leaves the position undefined. Throws
-// std::runtime_error, and has then left no copy.
+// Copies the first headSize bytes of an open file and those from begin to end, flushed. Returns the
+// copy's path; empty, with nothing copied, when there are `limit` copies. Leaves the position
+// undefined. Throws std::runtime_error, and has then left no copy.
 std::string CopyAside(File& file, unsigned headSize, unsigned begin, unsigned end, unsigned limit);
-
-constexpr unsigned kMaxCopies = 9999;
 
 }  // namespace kept

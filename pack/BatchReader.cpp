@@ -4,7 +4,7 @@
 #include <cstring>
 #include <functional>
 
-#include "platform/SmallerBuffer.h"
+#include "platform/BlobAllocator.h"
 
 namespace {
 

@@ -428,7 +428,7 @@ void BlobFile::CutToRecords() noexcept {
     const std::uint32_t end = std::max(header.endOffset, writer.WrittenEnd());
     if (LengthOf(file) > end) file.truncate(end);
   } catch (const std::exception& e) {
-    trace::pack.NoteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
+    trace::pack.notes.WriteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
                           path.c_str(), e.what());
   }
 }

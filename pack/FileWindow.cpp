@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "pack/Replay.h"
-#include "platform/SmallerBuffer.h"
+#include "platform/BlobAllocator.h"
 
 namespace {
 

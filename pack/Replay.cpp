@@ -347,7 +347,7 @@ bool Replay::MissingRecords(std::int32_t wanted) const {
   return false;
 }
 
-bool Replay::Corrupt(trace::FormatFor<int, const char*> message, const OpHeader& record) const {
+bool Replay::Corrupt(const char* message, const OpHeader& record) const {
   trace::pack.WriteWarnV(message, static_cast<int>(record.transactionId), file.Path().c_str());
   return false;
 }

@@ -1,9 +1,9 @@
-// The allocator of every container of the store: one pool and one tag for
-// each kind of container. Stateless; all of one instantiation compare equal.
+// The allocator of every container of the store: one pool and one tag for each kind of container.
+// Stateless; all of one instantiation compare equal.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
-#include <limits>
 
 #include "platform/BlobStoreBase.h"
 #include "platform/Failure.h"
@@ -28,22 +28,33 @@ class BlobAllocator {
 
   BlobAllocator() = default;
   template <class U>
-  BlobAllocator(const BlobAllocator<U, Pool, Tag>&) {
-  }  // NOLINT(google-explicit-constructor): allocator requirement
+  BlobAllocator(const BlobAllocator<U, Pool, Tag>&) {}  // NOLINT(google-explicit-constructor)
 
-  // Throws std::runtime_error("Unable to allocate memory").
+  // Throws std::runtime_error("Unable to allocate memory"). Containers keep n within max_size().
   T* allocate(std::size_t n) {
     constexpr std::size_t kSize =
-        sizeof(T);  // NOLINT(bugprone-sizeof-expression): T may be a pointer
-    if (n > std::numeric_limits<std::size_t>::max() / kSize)
-      throw Failure(FailureCode::Memory, "Unable to allocate memory");
+        sizeof(T);  // NOLINT(bugprone-sizeof-expression): may be a pointer
     return static_cast<T*>(pooled::Acquire(n * kSize, Pool, Tag));
   }
 
-  // The containers release from functions that may not throw, and a vector
-  // that grows would be left in pieces: a refusal is traced, see
-  // pooled::ReleaseOrTrace.
+  // The containers release from functions that may not throw, and a vector that grows would be left
+  // in pieces: a refusal is traced, see pooled::ReleaseOrTrace.
   void deallocate(T* p, std::size_t) noexcept { pooled::ReleaseOrTrace(p); }
 
   friend bool operator==(const BlobAllocator&, const BlobAllocator&) { return true; }
 };
+
+// For memory that helps but is not needed. Resizes a vector to wanted elements or, where there is
+// no memory for them, to the most of wanted/2, wanted/4, ... that there is, at least `least`.
+// Throws Failure("Unable to allocate memory") when not even these can be had.
+template <class Vector>
+void ResizeOrSmaller(Vector& vector, std::size_t wanted, std::size_t least) {
+  for (std::size_t size = std::max(wanted, least);; size = std::max(size / 2, least)) {
+    try {
+      vector.resize(size);
+      return;
+    } catch (const Failure& e) {
+      if (e.code != FailureCode::Memory || size == least) throw;
+    }
+  }
+}

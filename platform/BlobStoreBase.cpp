@@ -7,8 +7,11 @@
 
 namespace {
 
-// What the platform wants to be told with every request.
-constexpr unsigned kManagerKind = 2048;
+constexpr char kRefused[] = "Unable to free memory";
+
+TesselMemoryManager& Manager() {
+  return *TesselMemoryManager::GetInstance(2048);
+}
 
 }  // namespace
 
@@ -21,30 +24,16 @@ void* BlobStoreBase::operator new(std::size_t size) {
 }
 
 void BlobStoreBase::operator delete(void* p) noexcept(false) {
-  if (p != nullptr) pooled::Release(p);
+  if (p != nullptr && Manager().Free(p) < 0) throw std::runtime_error(kRefused);
 }
 
-namespace pooled {
-
-void* Acquire(std::size_t size, unsigned pool, unsigned tag) {
+void* pooled::Acquire(std::size_t size, unsigned pool, unsigned tag) {
   void* block = nullptr;
-  TesselMemoryManager::GetInstance(kManagerKind)
-      ->Alloc(&block, size, pool, Vell::Common::System::OS::Memory::kLifeSpanDefault, tag);
+  Manager().Alloc(&block, size, pool, Vell::Common::System::OS::Memory::kLifeSpanDefault, tag);
   if (block == nullptr) throw Failure(FailureCode::Memory, "Unable to allocate memory");
   return block;
 }
 
-void Release(void* p) {
-  if (TesselMemoryManager::GetInstance(kManagerKind)->Free(p) < 0)
-    throw std::runtime_error("Unable to free memory");
+void pooled::ReleaseOrTrace(void* p) noexcept {
+  if (Manager().Free(p) < 0) trace::engine.WriteErrorV("%s", kRefused);
 }
-
-void ReleaseOrTrace(void* p) noexcept {
-  try {
-    Release(p);
-  } catch (const std::exception& e) {
-    trace::engine.WriteErrorV("%s", e.what());
-  }
-}
-
-}  // namespace pooled

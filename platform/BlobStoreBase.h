@@ -24,8 +24,8 @@ class BLOBRING_EXPORT BlobStoreBase {
   // Throws std::runtime_error("Unable to allocate memory").
   static void* operator new(std::size_t size);
 
-  // Throws std::runtime_error("Unable to free memory") when the platform
-  // refuses. Objects that a shared pointer owns never get here: see MakePooled.
+  // Throws std::runtime_error("Unable to free memory") when the platform refuses. Objects that a
+  // shared pointer owns never get here: see MakePooled.
   static void operator delete(void* p) noexcept(false);
 
   std::uint32_t allocationTag;
@@ -33,21 +33,18 @@ class BLOBRING_EXPORT BlobStoreBase {
 
 namespace pooled {
 
-// The one way to the platform's memory manager. Acquire throws
-// std::runtime_error("Unable to allocate memory"), Release
-// std::runtime_error("Unable to free memory").
+// Throws std::runtime_error("Unable to allocate memory").
 void* Acquire(std::size_t size, unsigned pool, unsigned tag);
-void Release(void* p);
 
-// Release for places that an exception cannot leave, which is every release
-// by a destructor or a container: a refusal is traced and the block is lost.
+// For releases that an exception cannot leave, which are those by destructors and containers: when
+// the platform refuses, "Unable to free memory" is traced and the block is lost.
 void ReleaseOrTrace(void* p) noexcept;
 
 }  // namespace pooled
 
-// Makes an object of a BlobStoreBase class in its pool. Where the platform
-// refuses to take the memory back, the object is destroyed all the same.
-// Throws "Unable to allocate memory" and what the constructor throws.
+// Makes an object of a BlobStoreBase class in its pool. Where the platform refuses to take the
+// memory back, the object is destroyed all the same. Throws "Unable to allocate memory" and what
+// the constructor throws.
 template <class T, class... Arguments>
 boost::shared_ptr<T> MakePooled(Arguments&&... arguments) {
   void* memory = BlobStoreBase::operator new(sizeof(T));

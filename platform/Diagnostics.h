@@ -1,14 +1,13 @@
-// The platform's diagnostics, as the store calls them: text trace, numeric
-// trace, ring buffer, raw trace device. Supplied at link time (see Win32.h).
-// None of them throws; a channel that fails loses its record and no more.
+// The platform's diagnostics, as the store calls them: text trace, numeric trace, ring buffer, raw
+// trace device. Supplied at link time (see Win32.h). None of them throws; a channel that fails
+// loses its record and no more.
 #pragma once
 
 #include <cstdint>
 
 namespace Vell::Common::System::OS::Diagnostics {
 
-// A named source of text lines, printf-style. Usable from static
-// initialisers and destructors on.
+// A named source of text lines, printf-style. Usable in static initialisers and destructors.
 class VellTrace {
  public:
   explicit VellTrace(const char* name);
@@ -47,8 +46,8 @@ std::uint32_t TraceGetEffectiveLevel();
 // Stores the handle of the named device through out, or leaves it 0.
 int TraceDeviceFind(const char16_t* name, std::uint32_t* out);
 
-// Writes the standard head of a line into buffer; its length in bytes, 0 or
-// less when it wrote none.
+// Writes the standard head of a line into buffer. Returns its length in bytes, 0 or less when it
+// wrote none.
 int TraceFormatHeader(char* buffer, std::uint32_t capacity, int level, int reserved,
                       const char* name);
 

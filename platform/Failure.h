@@ -7,7 +7,7 @@
 
 #include "platform/Win32.h"
 
-// The values are those of BLOBRING_ERROR_… in blobring/blobring.h.
+// The values are those of BLOBRING_ERROR_... in blobring/blobring.h.
 enum class FailureCode : int {
   None = 0,
   Held = 1,      // another opener has the file
@@ -30,7 +30,7 @@ class Failure : public std::runtime_error {
   FailureCode code;
 };
 
-// What a platform error code comes down to.
+// The failure that a platform error code stands for.
 inline FailureCode FailureOf(DWORD systemCode) {
   switch (systemCode) {
     case ERROR_SHARING_VIOLATION:
@@ -48,11 +48,13 @@ inline FailureCode FailureOf(DWORD systemCode) {
 
 namespace trace {
 
-// Defined in api/, where a call knows whose failure it is.
-// Adds a line to the text of the call that the thread is in.
+// Both are defined in api/, where a call knows whose failure it is.
+
+// Adds a line to the failure text of the call that the thread is in.
 void Note(const char* line);
-// Gives that text the code of what was caught. Call it before the message that
-// tells of the failure is written.
+
+// Sets the failure code of that call from an exception. Call it before the message that reports the
+// failure is written.
 void NoteCause(const std::exception& e);
 
 }  // namespace trace

@@ -1,78 +1,47 @@
 #include "platform/Trace.h"
 
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
 #include "platform/Failure.h"
-#include "platform/Probes.h"
 #include "platform/Win32.h"
+
+// Static probes (USDT), documented in docs/embedding.md: an instruction that does nothing until a
+// tracer attaches. In a build without <sys/sdt.h> there is nothing.
+#ifdef BLOBRING_PROBES
+#include <sys/sdt.h>
+#else
+#define DTRACE_PROBE(provider, name) static_cast<void>(0)
+#define DTRACE_PROBE1(provider, name, a) static_cast<void>(a)
+#define DTRACE_PROBE2(provider, name, a, b) (static_cast<void>(a), static_cast<void>(b))
+#endif
 
 std::uint32_t g_BlobControllerRingBuffer = 0;
 std::uint32_t g_TraceDeviceRaw = 0;
 
 namespace trace {
 
-// Before every other static object and, at unload, after the last of them:
-// stores that are still registered report while they are destroyed.
+// Before every other static object and, at unload, after the last of them: stores that are still
+// registered report while they are destroyed.
 #define BLOBRING_FIRST __attribute__((init_priority(101)))
 BLOBRING_FIRST Source api("BlobController");
 BLOBRING_FIRST Source engine("BlobController");
 BLOBRING_FIRST Source pack("BlobController");
 BLOBRING_FIRST Source fileSystem("BlobController");
 
-void NoteFailure(const char* line, bool isError) {
+namespace {
+
+// Formats a line of a failure and adds it to the text of the failure. Null without memory; else the
+// caller frees it.
+__attribute__((format(printf, 2, 0))) char* Line(int isError, const char* format,
+                                                 std::va_list arguments) {
+  char* line = nullptr;
+  if (vasprintf(&line, format, arguments) < 0) return nullptr;
   Note(line);
-  BLOBRING_PROBE2(failure, line, isError ? 1 : 0);
+  DTRACE_PROBE2(blobring, failure, line, isError);
+  return line;
 }
-
-namespace {
-
-void ProbeEvent(Event kind, [[maybe_unused]] std::uint32_t value) {
-  switch (kind) {
-    case kEventOpen:
-      BLOBRING_PROBE(open);
-      break;
-    case kEventStartTransaction:
-      BLOBRING_PROBE1(start, value);
-      break;
-    case kEventEndTransaction:
-      BLOBRING_PROBE1(commit, value);
-      break;
-    case kEventRepack:
-      BLOBRING_PROBE(repack);
-      break;
-    case kEventLoad:
-      BLOBRING_PROBE(load);
-      break;
-    default:
-      break;
-  }
-}
-
-void ProbeHash(Event kind, [[maybe_unused]] const unsigned char* hash) {
-  switch (kind) {
-    case kEventGetSize:
-      BLOBRING_PROBE1(size, hash);
-      break;
-    case kEventGet:
-      BLOBRING_PROBE1(fetch, hash);
-      break;
-    case kEventDelete:
-      BLOBRING_PROBE1(remove, hash);
-      break;
-    case kEventStore:
-      BLOBRING_PROBE1(store, hash);
-      break;
-    default:
-      break;
-  }
-}
-
-}  // namespace
-
-void WriteEvent(Event kind, std::uint32_t value) {
-  ProbeEvent(kind, value);
-  WriteEventToRingBuffer(g_BlobControllerRingBuffer, GetCurrentThreadId(), kind, value, 0, 0, 0);
-}
-
-namespace {
 
 std::uint32_t BigEndianWord(const unsigned char* bytes) {
   return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
@@ -80,26 +49,48 @@ std::uint32_t BigEndianWord(const unsigned char* bytes) {
 }
 
 std::uint32_t HashRecordId(Event kind) {
-  switch (kind) {
-    case kEventStore:
-      return 0x4F00026C;
-    case kEventDelete:
-      return 0x4F00026D;
-    case kEventGetSize:
-      return 0x4F00026E;
-    case kEventGet:
-      return 0x4F00026F;
-    case kEventDigest:
-      return 0x4F000270;
-    default:
-      return 0x4F000271;
-  }
+  if (kind == kEventStore) return 0x4F00026C;
+  if (kind == kEventDelete) return 0x4F00026D;
+  if (kind == kEventGetSize) return 0x4F00026E;
+  if (kind == kEventGet) return 0x4F00026F;
+  if (kind == kEventDigest) return 0x4F000270;
+  return 0x4F000271;
 }
 
 }  // namespace
 
+void Source::WriteWarnV(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  char* line = Line(0, format, arguments);
+  va_end(arguments);
+  if (line != nullptr) notes.WriteWarnV("%s", line);
+  std::free(line);
+}
+
+void Source::WriteErrorV(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  char* line = Line(1, format, arguments);
+  va_end(arguments);
+  if (line != nullptr) notes.WriteErrorV("%s", line);
+  std::free(line);
+}
+
+void WriteEvent(Event kind, std::uint32_t value) {
+  if (kind == kEventOpen) DTRACE_PROBE(blobring, open);
+  if (kind == kEventStartTransaction) DTRACE_PROBE1(blobring, start, value);
+  if (kind == kEventEndTransaction) DTRACE_PROBE1(blobring, commit, value);
+  if (kind == kEventRepack) DTRACE_PROBE(blobring, repack);
+  if (kind == kEventLoad) DTRACE_PROBE(blobring, load);
+  WriteEventToRingBuffer(g_BlobControllerRingBuffer, GetCurrentThreadId(), kind, value, 0, 0, 0);
+}
+
 void WriteHashEvent(Event kind, const unsigned char* hash) {
-  ProbeHash(kind, hash);
+  if (kind == kEventGetSize) DTRACE_PROBE1(blobring, size, hash);
+  if (kind == kEventGet) DTRACE_PROBE1(blobring, fetch, hash);
+  if (kind == kEventDelete) DTRACE_PROBE1(blobring, remove, hash);
+  if (kind == kEventStore) DTRACE_PROBE1(blobring, store, hash);
   const std::uint32_t a = BigEndianWord(hash);
   const std::uint32_t b = BigEndianWord(hash + 4);
   const std::uint32_t c = BigEndianWord(hash + 8);

@@ -46,7 +46,7 @@ BlobController::Checked BlobController::Check() {
 
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
-  trace::engine.NoteWarnV("BlobController::Fsck number of blobs = %d",
+  trace::engine.notes.WriteWarnV("BlobController::Fsck number of blobs = %d",
                           static_cast<int>(blobs.size()));
   if (blobs.empty()) return Checked::Sound;
 
