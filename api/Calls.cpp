@@ -9,7 +9,6 @@
 #include "api/Opening.h"
 #include "fs/FileSystem.h"
 #include "md5/MD5.h"
-#include "md5/MD5Lanes.h"
 #include "platform/Trace.h"
 
 using api::Call;

@@ -7,7 +7,7 @@
 #include <istream>
 #include <ostream>
 
-#include "md5/MD5Engines.h"
+#include "md5/MD5Blocks.h"
 
 namespace {
 
@@ -25,23 +25,17 @@ MD5::MD5() {
   init();
 }
 
-MD5::MD5(std::FILE* file) {
-  init();
+MD5::MD5(std::FILE* file) : MD5() {
   update(file);
   finalize();
 }
 
-MD5::MD5(std::istream& stream) {
-  init();
+MD5::MD5(std::istream& stream) : MD5() {
   update(stream);
   finalize();
 }
 
-MD5::MD5(std::ifstream& stream) {
-  init();
-  update(stream);
-  finalize();
-}
+MD5::MD5(std::ifstream& stream) : MD5(static_cast<std::istream&>(stream)) {}
 
 void MD5::init() {
   std::memcpy(state, md5::kInitialState, sizeof(state));
@@ -98,9 +92,9 @@ void MD5::update(std::ifstream& stream) {
 void MD5::finalize() {
   if (finalized) return;
   std::uint8_t tail[2 * kBlockSize];
-  const std::uint32_t tailSize = BufferedSize();
-  std::memcpy(tail, buffer, tailSize);
-  md5::CompressOne(state, tail, md5::PadTail(tail, tailSize, count));
+  std::memcpy(tail, buffer, BufferedSize());
+  const std::uint64_t bitCount = std::uint64_t{count[1]} << 32 | count[0];
+  md5::CompressOne(state, tail, md5::PadTail(tail, BufferedSize(), bitCount));
   md5::Encode(digest, state, 4);
   finalized = true;
 }

@@ -1,5 +1,5 @@
-// The MD5 message digest of RFC 1321: of one message that arrives in pieces,
-// of two at once, and of many at once.
+// The MD5 message digest of RFC 1321: of one message that arrives in pieces, of two at once, and of
+// many at once.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +11,8 @@
 
 #include "platform/Export.h"
 
-// One digest. An object accumulates input until finalize(); after that it
-// ignores input and returns its digest. init() starts a new message.
+// One digest. An object accumulates input until finalize(); after that it ignores input and returns
+// its digest. init() starts a new message.
 // A plain value: a copy continues independently of the original.
 // Errors: none of its own. Exceptions of a stream pass through.
 // Threads: one caller at a time for each object. Lengths are bytes.
@@ -20,8 +20,8 @@ class BLOBRING_EXPORT MD5 {
  public:
   MD5();
 
-  // The finished digest of everything from the current position to the end.
-  // The FILE is closed, as update(FILE*) does; a stream stays open.
+  // The finished digest of everything from the current position to the end. The FILE is closed, as
+  // update(FILE*) does; a stream stays open.
   explicit MD5(std::FILE* file);
   explicit MD5(std::istream& stream);
   explicit MD5(std::ifstream& stream);
@@ -29,12 +29,12 @@ class BLOBRING_EXPORT MD5 {
   // Starts a new message. The digest of the last one is no longer available.
   void init();
 
-  // Adds length bytes. Whole blocks are hashed in place; at most 63 bytes are
-  // copied. Ignored after finalize(). input may be null if length is 0.
+  // Adds length bytes. Whole blocks are hashed in place; at most 63 bytes are copied. Ignored after
+  // finalize(). input may be null if length is 0.
   void update(const std::uint8_t* input, std::uint32_t length);
 
-  // Adds the rest of an open file, up to its end or its first read error, and
-  // closes it. The caller must not use the FILE again.
+  // Adds the rest of an open file, up to its end or its first read error, and closes it. The caller
+  // must not use the FILE again.
   void update(std::FILE* file);
 
   // Adds what the stream returns until it is no longer good().
@@ -47,9 +47,9 @@ class BLOBRING_EXPORT MD5 {
   // Copies the 16 bytes of the digest to out. Before finalize(): does nothing.
   void raw_digest(std::uint8_t* out);
 
-  // Sets out to the digest as text, 16 to 32 characters; before finalize() to
-  // the empty string. Each byte is lower-case hexadecimal without a leading
-  // zero, so this is not the text that md5sum prints.
+  // Sets out to the digest as text, 16 to 32 characters; before finalize() to the empty string.
+  // Each byte is lower-case hexadecimal without a leading zero, so this is not the text that md5sum
+  // prints.
   void hex_digest(std::string& out);
 
  private:
@@ -69,9 +69,8 @@ class BLOBRING_EXPORT MD5 {
 // Writes the text of hex_digest().
 BLOBRING_EXPORT std::ostream& operator<<(std::ostream& os, MD5 md5);
 
-// Same result as first.update(firstInput, firstLength) and
-// second.update(secondInput, secondLength), in about half the time while both
-// have whole blocks left. The inputs may overlap.
+// Same result as first.update(firstInput, firstLength) and second.update(secondInput,
+// secondLength), in about half the time while both have whole blocks left. The inputs may overlap.
 // REQUIRES: first and second are different objects.
 void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstLength, MD5& second,
                 const std::uint8_t* secondInput, std::uint32_t secondLength);
@@ -79,8 +78,8 @@ void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstL
 // Supplies a message piece by piece.
 class MD5Source {
  public:
-  // The next piece, which must remain valid until the next call. A piece that
-  // is empty, or whose size is no multiple of 64, is the last one. May throw.
+  // The next piece, which must remain valid until the next call. A piece that is empty, or whose
+  // size is no multiple of 64, is the last one. May throw.
   virtual std::span<const std::uint8_t> Next() = 0;
 
  protected:
@@ -91,13 +90,13 @@ struct MD5Message {
   const std::uint8_t* data;  // may be null if size is 0
   std::size_t size;          // bytes at data
   std::uint8_t* digest;      // receives 16 bytes
-  MD5Source* rest =
-      nullptr;  // the bytes after data; null: none. REQUIRES: size is a multiple of 64
+  // The bytes after data; null: none. REQUIRES: size is a multiple of 64.
+  MD5Source* rest = nullptr;
 };
 
-// Writes the digest of every message, several at a time: in vector lanes where
-// the processor has them, else two at a time. Long messages first use the lanes
-// best. Allocates nothing. At most 16 sources are in use at a time.
+// Writes the digest of every message, several at a time: in vector lanes where the processor has
+// AVX2, else two at a time. Long messages first use the lanes best. Allocates nothing. At most 16
+// sources are in use at a time.
 // Errors: exceptions of a source pass through; all digests are then undefined.
 // REQUIRES: no digest overlaps a message.
 void DigestMany(const MD5Message* messages, std::size_t count);

@@ -1,17 +1,16 @@
-// The 64 steps of RFC 1321, written once for all engines.
+// The 64 steps of RFC 1321, written once for general and vector registers.
 //
-// Word is the type that the steps work on: one 32-bit word of each message
-// that the engine digests at the same time. It has Add (a Word or a constant),
-// Xor, And, Or, Not and Rotate<n> (left, by n bits), all in place.
-// A block has AddWordTo(Word& sum, int index), which adds its message word.
+// Word is the type that the steps work on: one 32-bit word of each message that is digested at the
+// same time. It has +, with a Word or a constant, ^, &, |, ~ and Rotate<n> (left, by n bits). A
+// block has AddWordTo(Word& sum, int index), which adds its message word.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
-// Everything here is inlined into one loop at any optimisation level, so that
-// the state stays in registers. An engine with an instruction set of its own
-// defines MD5_TARGET first: inlined code must be compiled for the same set.
+// Everything here is inlined into one loop at any optimisation level, so that the state stays in
+// registers. A file for an instruction set of its own defines MD5_TARGET first: inlined code must
+// be compiled for the same set.
 #ifndef MD5_TARGET
 #define MD5_TARGET
 #endif
@@ -40,42 +39,25 @@ constexpr int WordOfStep(int i) {
   return (kFactor[i / 16] * i + kOffset[i / 16]) % 16;
 }
 
-// a = b + rotl(a + f(b, c, d) + x + k, s). b is the result of the previous
-// step, so everything that does not need it comes first.
+// a = b + rotl(a + f(b, c, d) + x + k, s). b is the result of the previous step, so everything that
+// does not need it comes first.
 template <int i, class Word, class Block>
 MD5_INLINE void Step(Word& a, const Word& b, const Word& c, const Word& d, const Block& block) {
   block.AddWordTo(a, WordOfStep(i));
-  a.Add(kSine[i]);
+  a = a + kSine[i];
   if constexpr (i < 16) {
-    Word f = c;
-    f.Xor(d);
-    f.And(b);
-    f.Xor(d);
-    a.Add(f);
+    a = a + (((c ^ d) & b) ^ d);
   } else if constexpr (i < 32) {
-    // (b & d) | (c & ~d): the terms have no bit in common, so OR is a sum, and
-    // one term does not wait for b.
-    Word early = d;
-    early.Not();
-    early.And(c);
-    a.Add(early);
-    Word f = b;
-    f.And(d);
-    a.Add(f);
+    // (b & d) | (c & ~d): the terms have no bit in common, so OR is a sum, and one term does not
+    // wait for b.
+    a = a + (~d & c);
+    a = a + (b & d);
   } else if constexpr (i < 48) {
-    Word f = c;
-    f.Xor(d);
-    f.Xor(b);
-    a.Add(f);
+    a = a + ((c ^ d) ^ b);
   } else {
-    Word f = d;
-    f.Not();
-    f.Or(b);
-    f.Xor(c);
-    a.Add(f);
+    a = a + ((~d | b) ^ c);
   }
-  a.template Rotate<kShift[i / 16][i % 4]>();
-  a.Add(b);
+  a = a.template Rotate<kShift[i / 16][i % 4]>() + b;
 }
 
 // Steps first to last - 1, both multiples of 4.
@@ -95,27 +77,26 @@ template <class Word, class Block>
 MD5_INLINE void Compress(Word& a, Word& b, Word& c, Word& d, const Block& block) {
   const Word a0 = a, b0 = b, c0 = c, d0 = d;
   Steps<0, 64>(a, b, c, d, block);
-  a.Add(a0);
-  b.Add(b0);
-  c.Add(c0);
-  d.Add(d0);
+  a = a + a0;
+  b = b + b0;
+  c = c + c0;
+  d = d + d0;
 }
 
-// Two Words, interleaved: while a step of one waits for the step before it,
-// the other one computes.
+// Two Words, interleaved: while a step of one waits for the step before it, the other one computes.
 template <class Word>
 struct Pair {
   Word first, second;
 
-  MD5_INLINE void Add(const Pair& other) { first.Add(other.first), second.Add(other.second); }
-  MD5_INLINE void Add(const std::uint32_t& k) { first.Add(k), second.Add(k); }
-  MD5_INLINE void Xor(const Pair& other) { first.Xor(other.first), second.Xor(other.second); }
-  MD5_INLINE void And(const Pair& other) { first.And(other.first), second.And(other.second); }
-  MD5_INLINE void Or(const Pair& other) { first.Or(other.first), second.Or(other.second); }
-  MD5_INLINE void Not() { first.Not(), second.Not(); }
+  MD5_INLINE Pair operator+(const Pair& o) const { return {first + o.first, second + o.second}; }
+  MD5_INLINE Pair operator+(const std::uint32_t& k) const { return {first + k, second + k}; }
+  MD5_INLINE Pair operator^(const Pair& o) const { return {first ^ o.first, second ^ o.second}; }
+  MD5_INLINE Pair operator&(const Pair& o) const { return {first & o.first, second & o.second}; }
+  MD5_INLINE Pair operator|(const Pair& o) const { return {first | o.first, second | o.second}; }
+  MD5_INLINE Pair operator~() const { return {~first, ~second}; }
   template <int n>
-  MD5_INLINE void Rotate() {
-    first.template Rotate<n>(), second.template Rotate<n>();
+  MD5_INLINE Pair Rotate() const {
+    return {first.template Rotate<n>(), second.template Rotate<n>()};
   }
 };
 

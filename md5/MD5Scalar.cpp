@@ -2,38 +2,40 @@
 #include <bit>
 #include <cstring>
 
-#include "md5/MD5Engines.h"
+#include "md5/MD5Blocks.h"
 #include "md5/MD5Rounds.h"
-
-// An empty instruction that takes and returns its operand. It fixes the order
-// of the sums and keeps the compiler from putting two messages into one slow
-// vector. volatile only for g++, which is faster in the order of the source;
-// clang is faster in its own.
-#ifdef __clang__
-#define MD5_PIN(value) asm("" : "+r"(value))
-#else
-#define MD5_PIN(value) asm volatile("" : "+r"(value))
-#endif
 
 namespace md5 {
 namespace {
 
+// An empty instruction that takes and returns its operand. It fixes the order of the sums and keeps
+// the compiler from putting two messages into one slow vector. volatile only for g++, which is
+// faster in the order of the source; clang is faster in its own.
+MD5_INLINE std::uint32_t Pinned(std::uint32_t value) {
+#ifdef __clang__
+  asm("" : "+r"(value));
+#else
+  asm volatile("" : "+r"(value));
+#endif
+  return value;
+}
+
+std::uint32_t LittleEndian(std::uint32_t word) {
+  return std::endian::native == std::endian::big ? __builtin_bswap32(word) : word;
+}
+
 struct Scalar {
   std::uint32_t value;
 
-  MD5_INLINE void Set(std::uint32_t result) {
-    value = result;
-    MD5_PIN(value);
-  }
-  MD5_INLINE void Add(const Scalar& other) { Set(value + other.value); }
-  MD5_INLINE void Add(const std::uint32_t& k) { Set(value + k); }
-  MD5_INLINE void Xor(const Scalar& other) { Set(value ^ other.value); }
-  MD5_INLINE void And(const Scalar& other) { Set(value & other.value); }
-  MD5_INLINE void Or(const Scalar& other) { Set(value | other.value); }
-  MD5_INLINE void Not() { Set(~value); }
+  MD5_INLINE Scalar operator+(const Scalar& o) const { return {Pinned(value + o.value)}; }
+  MD5_INLINE Scalar operator+(const std::uint32_t& k) const { return {Pinned(value + k)}; }
+  MD5_INLINE Scalar operator^(const Scalar& o) const { return {Pinned(value ^ o.value)}; }
+  MD5_INLINE Scalar operator&(const Scalar& o) const { return {Pinned(value & o.value)}; }
+  MD5_INLINE Scalar operator|(const Scalar& o) const { return {Pinned(value | o.value)}; }
+  MD5_INLINE Scalar operator~() const { return {Pinned(~value)}; }
   template <int n>
-  MD5_INLINE void Rotate() {
-    Set(std::rotl(value, n));
+  MD5_INLINE Scalar Rotate() const {
+    return {Pinned(std::rotl(value, n))};
   }
 };
 
@@ -43,8 +45,7 @@ struct Block {
   MD5_INLINE void AddWordTo(Scalar& sum, int index) const {
     std::uint32_t word;
     std::memcpy(&word, bytes + 4 * index, sizeof(word));
-    if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
-    sum.Add(word);
+    sum = sum + LittleEndian(word);
   }
 };
 
@@ -83,20 +84,20 @@ void CompressTwo(std::uint32_t* first, const std::uint8_t* firstBlocks, std::uin
   Store(second, a.second, b.second, c.second, d.second);
 }
 
-std::size_t PadTail(std::uint8_t* tail, std::size_t tailSize, const std::uint32_t* bitCount) {
-  constexpr std::size_t kCountSize = 8;
-  const std::size_t blockCount = tailSize + 1 + kCountSize <= kBlockSize ? 1 : 2;
-  const std::size_t countOffset = blockCount * kBlockSize - kCountSize;
+std::size_t PadTail(std::uint8_t* tail, std::size_t tailSize, std::uint64_t bitCount) {
+  const std::size_t blockCount = tailSize + 1 + sizeof(bitCount) <= kBlockSize ? 1 : 2;
+  const std::size_t countOffset = blockCount * kBlockSize - sizeof(bitCount);
   tail[tailSize] = 0x80;
   std::memset(tail + tailSize + 1, 0, countOffset - tailSize - 1);
-  Encode(tail + countOffset, bitCount, 2);
+  const std::uint32_t words[2] = {static_cast<std::uint32_t>(bitCount),
+                                  static_cast<std::uint32_t>(bitCount >> 32)};
+  Encode(tail + countOffset, words, 2);
   return blockCount;
 }
 
 void Encode(std::uint8_t* out, const std::uint32_t* words, std::size_t wordCount) {
   for (std::size_t i = 0; i < wordCount; ++i) {
-    std::uint32_t word = words[i];
-    if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap32(word);
+    const std::uint32_t word = LittleEndian(words[i]);
     std::memcpy(out + sizeof(word) * i, &word, sizeof(word));
   }
 }

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "md5/MD5.h"
-#include "md5/MD5Engines.h"
+#include "md5/MD5Blocks.h"
 
 namespace {
 
@@ -69,7 +69,7 @@ void DigestTwoByTwo(Work& work) {
 }
 
 void DigestManyScalar(Work& work) {
-  md5::DigestMany(work.messages, kMessages, nullptr);
+  md5::DigestMany(work.messages, kMessages, false);
 }
 
 template <std::size_t atATime>
