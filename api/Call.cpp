@@ -16,7 +16,7 @@ Call::Call(const char* callName, int storeIndex)
   registry::Entry* entry = registry::Find(index_);
   if (entry == nullptr) {
     OfThread().Begin();
-    refused_ = !Refuse(FailureCode::NoStore, "no store has the index = " + std::to_string(index_));
+    refused_ = !Refuse(FailureCode::NoStore, Text("no store has the index = ", index_));
     return;
   }
   BelongsTo(*entry);
@@ -54,25 +54,21 @@ void Call::BelongsTo(registry::Entry& entry) const {
 bool Call::HasBytes(const char* argument, const unsigned char* data, const char* sizeName,
                     int size) {
   if (refused_) return false;
-  if (size < 0)
-    return Refuse(FailureCode::Argument,
-                  std::string(sizeName) + " = " + std::to_string(size) + " is negative");
+  if (size < 0) return Refuse(FailureCode::Argument, Text(sizeName, " = ", size, " is negative"));
   return size == 0 || Has(argument, data);
 }
 
 bool Call::Refuse(FailureCode code, const std::string& text) {
-  const Failure failure(code, name_ + std::string(": ") + text);
-  trace::NoteCause(failure);
-  trace::api.WriteWarnV("%s", failure.what());
+  trace::api.CaughtWarnV(Failure(code), "%s: %s", name_, text);
   return false;
 }
 
 void Call::Report(const Handler& handler, const std::exception& e) const {
   trace::NoteCause(e);
   if (handler.errorId != 0) RTTrace_1(handler.errorId, Word(index_));
-  std::string text = handler.prefix + std::string(e.what());
-  if (handler.hash != nullptr) text += handler.separator + ToHash(handler.hash).toString();
-  trace::api.WriteWarnV("%s", text.c_str());
+  const bool hasHash = handler.hash != nullptr;
+  trace::api.WriteWarnV("%s%s%s%s", handler.prefix, e.what(), hasHash ? handler.separator : "",
+                        hasHash ? ToHash(handler.hash).toString() : "");
 }
 
 }  // namespace api

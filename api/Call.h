@@ -66,8 +66,7 @@ class Call {
 
   // False, after a message or when the call is refused, if pointer is null.
   bool Has(const char* argument, const void* pointer) {
-    if (!refused_ && pointer == nullptr)
-      Refuse(FailureCode::Argument, std::string(argument) + " is null");
+    if (!refused_ && pointer == nullptr) Refuse(FailureCode::Argument, Text(argument, " is null"));
     return !refused_ && pointer != nullptr;
   }
   // Whether size bytes at data can be a blob. argument is the name of data.

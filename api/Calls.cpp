@@ -240,7 +240,7 @@ int PutGroup(Call& call, BCBlob* blobs, int count) {
     messages[valid] = {blobs[valid].data, Word(blobs[valid].size), blobs[valid].hash};
   DigestMany(messages, static_cast<std::size_t>(valid));
   for (int i = 0; i < valid; ++i) hashes[i].setHash(blobs[i].hash);
-  call.Store().Prefetch(hashes, static_cast<std::size_t>(valid));
+  call.Store().ExpectChanges(hashes, static_cast<std::size_t>(valid));
   for (int i = 0; i < valid; ++i) {
     trace::WriteHashEvent(trace::kEventStore, blobs[i].hash);
     if (!call.Store().Gather(api::PairOf(blobs[i].hash, blobs[i].data, blobs[i].size))) return i;
@@ -253,7 +253,6 @@ int PutGroup(Call& call, BCBlob* blobs, int count) {
 int BCPutMany(int index, BCBlob* blobs, int count) {
   Call call("BCPutMany", index);
   if (!call || count <= 0 || !call.Has("blobs", blobs)) return 0;
-  call.Store().ExpectChanges(static_cast<std::size_t>(count));
   int stored = 0;
   call.Catch({"BCPutMany threw an exception:", 0x0F000272}, 0, [&] {
     for (int done = -1; done != 0 && stored < count; stored += done)
@@ -483,7 +482,7 @@ int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   registry::Entry* entry = registry::Find(index);
   if (entry != nullptr) call.BelongsTo(*entry);
   if (code != EXCEPTION_ACCESS_VIOLATION) {
-    trace::api.WriteWarnV("FilterException() except: unknown exception %d", static_cast<int>(code));
+    trace::api.WriteWarnV("FilterException() except: unknown exception %d", code);
     RTTrace_2(0x0F000263, code, Word(index));
     return EXCEPTION_CONTINUE_SEARCH;
   }

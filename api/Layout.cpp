@@ -1,18 +1,8 @@
 #include "api/Layout.h"
 
-#include <stdexcept>
+#include "platform/Failure.h"
 
 namespace layout {
-
-namespace {
-
-[[noreturn]] void ThrowAt(const std::string& path, std::size_t line, const std::string& wanted,
-                          std::string_view found) {
-  throw std::runtime_error(path + " line " + std::to_string(line) + ": wanted " + wanted +
-                           ", found \"" + std::string(found) + "\"");
-}
-
-}  // namespace
 
 std::vector<std::string> Parse(const std::string& path, std::string_view text) {
   std::vector<std::string> packDirs;
@@ -21,21 +11,26 @@ std::vector<std::string> Parse(const std::string& path, std::string_view text) {
     const std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(line.size() < text.size() ? line.size() + 1 : line.size());
     if (line.empty() || line.front() == '#') continue;
+    const auto require = [&](bool isRight, const std::string& wanted) {
+      if (!isRight)
+        throw Failure(FailureCode::Damaged, path, " line ", number, ": wanted ", wanted,
+                      ", found \"", line, "\"");
+    };
     if (isFirst) {
-      if (line != kFirstLine) ThrowAt(path, number, '"' + std::string(kFirstLine) + '"', line);
+      require(line == kFirstLine, Text("\"", kFirstLine, "\""));
       isFirst = false;
       continue;
     }
-    const std::string dir(
-        line.starts_with(kSlotWord) ? line.substr(std::string_view(kSlotWord).size()) : "");
-    if (dir != kOwnDirectory && !dir.starts_with('/'))
-      ThrowAt(path, number, "\"slot .\" or \"slot \" and an absolute directory", line);
-    packDirs.push_back(dir);
+    const std::string_view dir =
+        line.starts_with(kSlotWord) ? line.substr(kSlotWord.size()) : std::string_view();
+    require(dir == kOwnDirectory || dir.starts_with('/'),
+            "\"slot .\" or \"slot \" and an absolute directory");
+    packDirs.emplace_back(dir);
   }
-  if (packDirs.empty()) throw std::runtime_error(path + " names no slot");
+  if (packDirs.empty()) throw Failure(FailureCode::Damaged, path, " names no slot");
   if (packDirs.size() > kMaxSlots)
-    throw std::runtime_error(path + " names " + std::to_string(packDirs.size()) +
-                             " slots, a store has at most " + std::to_string(kMaxSlots));
+    throw Failure(FailureCode::Damaged, path, " names ", packDirs.size(),
+                  " slots, a store has at most ", kMaxSlots);
   return packDirs;
 }
 

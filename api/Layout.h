@@ -14,14 +14,14 @@ namespace layout {
 // for nothing.
 constexpr const char* kFileName = "blobring.conf";
 constexpr const char* kFirstLine = "blobring 1";
-constexpr const char* kSlotWord = "slot ";
+constexpr std::string_view kSlotWord = "slot ";
 constexpr const char* kOwnDirectory = ".";
 
 // A slot takes two open files.
 constexpr unsigned kMaxSlots = 1000;
 
-// Returns the directories as the text has them, at least one. Throws
-// std::runtime_error, which names path and the line, for any other text.
+// Returns the directories as the text has them, at least one. Throws a Failure
+// that names path and the line for any other text.
 std::vector<std::string> Parse(const std::string& path, std::string_view text);
 
 }  // namespace layout

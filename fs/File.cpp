@@ -6,8 +6,9 @@
 namespace {
 
 // The platform's code ends the text. It is read before anything else can change it.
-[[noreturn]] void Fail(DWORD code, const std::string& text) {
-  throw Failure(FailureOf(code), text + std::to_string(code));
+template <class... Pieces>
+[[noreturn]] void Fail(DWORD code, const Pieces&... pieces) {
+  throw Failure(FailureOf(code), pieces..., code);
 }
 [[noreturn]] void FailWithLastError(const char* text) {
   Fail(GetLastError(), text);
@@ -19,7 +20,7 @@ unsigned MovePointer(HANDLE handle, unsigned distance, DWORD method, const char*
   if (reached == INVALID_SET_FILE_POINTER) {
     const DWORD code = GetLastError();
     if (code != ERROR_SUCCESS)
-      Fail(code, std::string("File::") + operation + " SetFilePointer failed, GetLastError=");
+      Fail(code, "File::", operation, " SetFilePointer failed, GetLastError=");
   }
   return reached;
 }
@@ -45,8 +46,7 @@ void File::GuardHandle() const {
 
 void File::RequireOpen(const char* operation) const {
   GuardHandle();
-  if (!isOpen)
-    throw Failure(FailureCode::Closed, std::string("File::") + operation + " failed, not opened");
+  if (!isOpen) throw Failure(FailureCode::Closed, "File::", operation, " failed, not opened");
 }
 
 void File::open(const std::string& filePath, unsigned desiredAccess, unsigned creationDisposition,
@@ -61,8 +61,8 @@ unsigned File::seek(unsigned pos) {
   RequireOpen("seek");
   const unsigned reached = MovePointer(handle, pos, FILE_BEGIN, "Seek");
   if (reached != pos)
-    throw Failure(FailureCode::Io, "File::Seek SetFilePointer failed: seek=" + std::to_string(pos) +
-                                       ", pos=" + std::to_string(reached));
+    throw Failure(FailureCode::Io, "File::Seek SetFilePointer failed: seek=", pos,
+                  ", pos=", reached);
   return pos;
 }
 
@@ -90,9 +90,8 @@ unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {
-  return {FailureOf(code), "File::Read didn't read the entire buffer " + std::to_string(n) +
-                               " read " + std::to_string(got) + " GetLastError " +
-                               std::to_string(code)};
+  return Failure(FailureOf(code), "File::Read didn't read the entire buffer ", n, " read ", got,
+                 " GetLastError ", code);
 }
 
 unsigned File::write(char* buf, unsigned n) {

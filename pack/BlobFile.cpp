@@ -26,8 +26,8 @@ std::uint32_t LengthOf(const File& file) {
   const std::uint32_t length = file.size();
   if (length != INVALID_FILE_SIZE) return length;
   const DWORD code = GetLastError();
-  throw Failure(FailureOf(code), "BlobFile: no length of " + file.Path() +
-                                     " GetLastError code = " + std::to_string(code));
+  throw Failure(FailureOf(code), "BlobFile: no length of ", file.Path(),
+                " GetLastError code = ", code);
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
   if (length > 0)
     trace::pack.WriteWarnV(
         "BlobFile::Init %s was cut off at %d bytes while it was created, it gets a new header",
-        path.c_str(), static_cast<int>(length));
+        path, length);
   writer.Restart(mode == Journal);
   if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
 }
@@ -155,15 +155,14 @@ bool BlobFile::PutCommittedHeader() {
     WriteHeader(committed);
     return true;
   } catch (const std::exception& e) {
-    trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path.c_str(), e.what());
+    trace::pack.WriteErrorV("BlobFile: the header of %s is in doubt: %s", path, e.what());
     return false;
   }
 }
 
 void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
-  throw Failure(FailureCode::InDoubt,
-                std::string("BlobFile: the ") + what + " of " + path +
-                    " did not reach the disk, GetLastError code = " + std::to_string(code));
+  throw Failure(FailureCode::InDoubt, "BlobFile: the ", what, " of ", path,
+                " did not reach the disk, GetLastError code = ", code);
 }
 
 bool BlobFile::Reset() {
@@ -181,9 +180,8 @@ bool BlobFile::Reset() {
 
 void BlobFile::RequireNotInDoubt() const {
   if (InDoubt())
-    throw Failure(FailureCode::InDoubt,
-                  "BlobFile: a flush of " + path +
-                      " has failed, no change is accepted until it is opened again");
+    throw Failure(FailureCode::InDoubt, "BlobFile: a flush of ", path,
+                  " has failed, no change is accepted until it is opened again");
 }
 
 void BlobFile::RequireWritable() {
@@ -191,8 +189,8 @@ void BlobFile::RequireWritable() {
     file.seek(header.endOffset);  // throws: gathering must not hide that nothing can be written
   RequireNotInDoubt();
   if (IsDamaged())
-    throw Failure(FailureCode::Damaged,
-                  "BlobFile: " + path + " is damaged, nothing is written through its header");
+    throw Failure(FailureCode::Damaged, "BlobFile: ", path,
+                  " is damaged, nothing is written through its header");
 }
 
 // With the end record. The reserve is waived for a blob that would not fit
@@ -208,9 +206,8 @@ void BlobFile::RequireRoom(const RecordHead& record) const {
   if (header.endOffset + size + format::kEndSize + (reserves ? kReservedForDeletes : 0) <=
       format::kMaxFileSize)
     return;
-  throw Failure(FailureCode::Full, "BlobFile: " + path + " at " + std::to_string(header.endOffset) +
-                                       ": no room for " + std::to_string(size) +
-                                       " bytes, a file ends at 2147483647");
+  throw Failure(FailureCode::Full, "BlobFile: ", path, " at ", header.endOffset, ": no room for ",
+                size, " bytes, a file ends at ", format::kMaxFileSize);
 }
 
 void BlobFile::BeginTransaction(long long id) {
@@ -344,8 +341,8 @@ bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& 
   const std::int32_t op = format::OpHeader::Decode(record.held.data()).op;
   if (op != format::kOpStore) {
     trace::pack.WriteErrorV(
-        "BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path.c_str(),
-        static_cast<int>(offset), blob.hash.toString().c_str(), op);
+        "BlobFile::GetBlob() unable to read blob filename=%s offset=%d hash=%s op=%d", path, offset,
+        blob.hash.toString(), op);
     return false;
   }
   if (got < format::kDeleteSize)
@@ -362,9 +359,8 @@ bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& 
 
 void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const {
   if (read.hash == wanted) return;
-  throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() " + path + " at " +
-                                          std::to_string(offset) + ": wanted hash " +
-                                          wanted.toString() + ", got " + read.hash.toString());
+  throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() ", path, " at ", offset,
+                ": wanted hash ", wanted.toString(), ", got ", read.hash.toString());
 }
 
 bool BlobFile::Load(Entries& out) {
@@ -374,7 +370,7 @@ bool BlobFile::Load(Entries& out) {
   if (!committedIsSound)
     trace::pack.WriteWarnV(
         "BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
-        static_cast<int>(header.endOffset), static_cast<int>(length), path.c_str());
+        header.endOffset, length, path);
   Replayed replayed = Replay(file, header, length, loadProgress).Run();
   loaded = {replayed.count, replayed.end, replayed.lastIsTorn, replayed.wholeBehind};
   out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
@@ -411,7 +407,7 @@ void BlobFile::KeepLoaded() {
   } catch (const std::exception& e) {
     state = State::InDoubt;
     trace::pack.WriteErrorV(
-        "BlobFile: the header of %s cannot be put right, no change is accepted: %s", path.c_str(),
+        "BlobFile: the header of %s cannot be put right, no change is accepted: %s", path,
         e.what());
   }
 }
@@ -429,6 +425,6 @@ void BlobFile::CutToRecords() noexcept {
     if (LengthOf(file) > end) file.truncate(end);
   } catch (const std::exception& e) {
     trace::pack.notes.WriteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
-                          path.c_str(), e.what());
+                                 path.c_str(), e.what());
   }
 }

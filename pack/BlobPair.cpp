@@ -34,8 +34,8 @@ bool BlobPair::isValid() const {
   Hash computed;
   computed.setHash(digest);
   if (computed == hash) return true;
-  trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s",
-                           computed.toString().c_str(), hash.toString().c_str());
+  trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s", computed.toString(),
+                           hash.toString());
   DumpBlob(&buffer);
   return false;
 }
@@ -52,7 +52,7 @@ void BlobPair::Read(File& f, bool skipData) {
       f.seek(f.tell() + stored);
     } catch (const std::exception& e) {
       trace::pack.WriteErrorV("BlobPair::f.seek(f.tell() + size)::failed::size(%d), e.what(%s)",
-                              static_cast<int>(stored), e.what());
+                              stored, e.what());
       throw;
     }
     buffer.size = stored;
@@ -65,8 +65,7 @@ void BlobPair::Read(File& f, bool skipData) {
 void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
                         Patience patience) {
   if (buffer.size != stored)
-    trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", static_cast<int>(buffer.size),
-                            static_cast<int>(stored));
+    trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", buffer.size, stored);
   if (buffer.size < stored && patience == Patience::Rereads) RereadSize(f, bodyOffset, stored);
   if (buffer.size < stored) throw Failure(FailureCode::Damaged, "BlobPair::Read : too large size");
 
@@ -83,8 +82,7 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
     trace::pack.WriteErrorV(
         "BlobPair::Read Validation Failed: path=%s offset=%d fileLen=%d, bsize=%d hash=%s, "
         "buffersize=%d",
-        f.Path().c_str(), static_cast<int>(bodyOffset), static_cast<int>(f.size()),
-        static_cast<int>(stored), hash.toString().c_str(), static_cast<int>(buffer.size));
+        f.Path(), bodyOffset, f.size(), stored, hash.toString(), buffer.size);
     throw Failure(FailureCode::Damaged, "BlobPair Read failed");
   }
   buffer.size = stored;
@@ -98,9 +96,8 @@ void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) c
       Sleep(kRereadDelayMs);
       f.seek(bodyOffset + format::kHashSize);
       stored = ReadSize(f);
-      trace::pack.WriteErrorV("BlobPair::Read path=%s offset=%d bsize=%d hash=%s", f.Path().c_str(),
-                              static_cast<int>(bodyOffset), static_cast<int>(stored),
-                              hash.toString().c_str());
+      trace::pack.WriteErrorV("BlobPair::Read path=%s offset=%d bsize=%d hash=%s", f.Path(),
+                              bodyOffset, stored, hash.toString());
     }
   } catch (const std::exception& e) {
     trace::pack.WriteErrorV("BlobPair::Read : fail to read size again:%s", e.what());

@@ -347,8 +347,8 @@ bool Replay::MissingRecords(std::int32_t wanted) const {
   return false;
 }
 
-bool Replay::Corrupt(const char* message, const OpHeader& record) const {
-  trace::pack.WriteWarnV(message, static_cast<int>(record.transactionId), file.Path().c_str());
+bool Replay::Corrupt(trace::FormatFor<int, std::string> message, const OpHeader& record) const {
+  trace::pack.WriteWarnV(message, static_cast<int>(record.transactionId), file.Path());
   return false;
 }
 

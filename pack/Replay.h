@@ -86,7 +86,7 @@ class Replay {
   void Report(std::uint32_t size);
 
   bool MissingRecords(std::int32_t wanted) const;
-  bool Corrupt(const char* message, const format::OpHeader& record) const;
+  bool Corrupt(trace::FormatFor<int, std::string> message, const format::OpHeader& record) const;
   bool UnsupportedOp(const format::OpHeader& record) const;
 
   const File& file;

@@ -3,8 +3,8 @@
 
 #include <exception>
 #include <stdexcept>
-#include <string>
 
+#include "platform/Text.h"
 #include "platform/Win32.h"
 
 // The values are those of BLOBRING_ERROR_... in blobring/blobring.h.
@@ -25,8 +25,9 @@ enum class FailureCode : int {
 
 class Failure : public std::runtime_error {
  public:
-  Failure(FailureCode failureCode, const std::string& text)
-      : std::runtime_error(text), code(failureCode) {}
+  template <class... Pieces>
+  explicit Failure(FailureCode failureCode, const Pieces&... pieces)
+      : std::runtime_error(Text(pieces...)), code(failureCode) {}
   FailureCode code;
 };
 

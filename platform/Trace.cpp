@@ -59,7 +59,7 @@ std::uint32_t HashRecordId(Event kind) {
 
 }  // namespace
 
-void Source::WriteWarnV(const char* format, ...) {
+void Source::Warn(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
   char* line = Line(0, format, arguments);
@@ -68,7 +68,7 @@ void Source::WriteWarnV(const char* format, ...) {
   std::free(line);
 }
 
-void Source::WriteErrorV(const char* format, ...) {
+void Source::Error(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
   char* line = Line(1, format, arguments);

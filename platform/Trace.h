@@ -3,10 +3,15 @@
 // lost record is never noticed.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <exception>
+#include <string>
+#include <type_traits>
 
 #include "platform/Diagnostics.h"
 #include "platform/Export.h"
+#include "platform/Failure.h"
 
 using Vell::Common::System::OS::Diagnostics::VellTrace;
 
@@ -17,16 +22,76 @@ extern BLOBRING_EXPORT std::uint32_t g_TraceDeviceRaw;
 
 namespace trace {
 
-// A source of text lines, formatted as printf(3) does. Warnings and errors are also part of the
-// text of the last failure. A line for which there is no memory is lost.
+// Called by no valid format; makes the compiler reject the others.
+void FormatDoesNotMatchItsValues();
+
+// A printf(3) format and, at compile time, the proof that its conversions take the values that are
+// passed with it: %d and %u any integer of up to 32 bits, %s texts, %p pointers.
+template <class... Values>
+struct Format {
+  // NOLINTNEXTLINE(google-explicit-constructor): stands for the literal
+  consteval Format(const char* literal) : text(literal) {
+    constexpr std::array<char, sizeof...(Values) + 1> kWanted = {ConversionOf<Values>()..., '\0'};
+    std::size_t next = 0;
+    for (const char* c = literal; *c != '\0'; ++c) {
+      if (*c == '%' && (*++c == 'u' ? 'd' : *c) != kWanted[next++]) FormatDoesNotMatchItsValues();
+    }
+    if (next != sizeof...(Values)) FormatDoesNotMatchItsValues();
+  }
+
+  template <class Value>
+  static consteval char ConversionOf() {
+    if (std::is_convertible_v<Value, std::string>) return 's';
+    if (std::is_pointer_v<Value>) return 'p';
+    return std::is_integral_v<Value> && sizeof(Value) <= sizeof(int) ? 'd' : '\0';
+  }
+
+  const char* text;
+};
+template <class... Values>
+using FormatFor = Format<std::type_identity_t<Values>...>;
+
+// What a value is to printf.
+template <class Value>
+Value ToPrint(Value value) {
+  return value;
+}
+inline const char* ToPrint(const std::string& text) {
+  return text.c_str();
+}
+
+// A source of text lines. Warnings and errors are also part of the text of the last failure. A line
+// for which there is no memory is lost.
 class Source {
  public:
   explicit Source(const char* name) : notes(name) {}
 
-  void WriteWarnV(const char* format, ...) __attribute__((format(printf, 2, 3)));
-  void WriteErrorV(const char* format, ...) __attribute__((format(printf, 2, 3)));
+  template <class... Values>
+  void WriteWarnV(FormatFor<Values...> format, const Values&... values) {
+    Warn(format.text, ToPrint(values)...);
+  }
+  template <class... Values>
+  void WriteErrorV(FormatFor<Values...> format, const Values&... values) {
+    Error(format.text, ToPrint(values)...);
+  }
+
+  // The message of a failure that was caught, whose code goes with it.
+  template <class... Values>
+  void CaughtWarnV(const std::exception& e, FormatFor<Values...> format, const Values&... values) {
+    NoteCause(e);
+    Warn(format.text, ToPrint(values)...);
+  }
+  template <class... Values>
+  void CaughtErrorV(const std::exception& e, FormatFor<Values...> format, const Values&... values) {
+    NoteCause(e);
+    Error(format.text, ToPrint(values)...);
+  }
 
   VellTrace notes;  // for lines that tell of no failure
+
+ private:
+  void Warn(const char* format, ...);
+  void Error(const char* format, ...);
 };
 
 extern Source api;

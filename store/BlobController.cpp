@@ -71,14 +71,13 @@ bool BlobController::GetBlob(BlobPair& blob) {
     }
     trace::engine.WriteErrorV(
         "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
-        entry.file->path.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
-        wanted.toString().c_str());
+        entry.file->path, entry.offset, entry.size, wanted.toString());
     blob.buffer.size = given;
     return false;
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d",
-                              e.what(), entry.file->path.c_str(), static_cast<int>(entry.offset));
+    trace::engine.CaughtErrorV(e,
+                               "BlobController::GetBlob() threw an exception %s file=%s offset=%d",
+                               e.what(), entry.file->path, entry.offset);
   }
   blob.hash = wanted;
   blob.buffer.size = given;
@@ -101,8 +100,7 @@ bool BlobController::Close() {
     for (const BlobFilePtr& pack : packFiles) pack->file.close();
     for (const BlobFilePtr& journal : journalFiles) journal->file.close();
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteWarnV("BlobController::Close() threw an exception %s", e.what());
+    trace::engine.CaughtWarnV(e, "BlobController::Close() threw an exception %s", e.what());
     return false;
   }
   return true;
@@ -128,27 +126,17 @@ bool BlobController::DeleteFiles() {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
   } catch (const std::runtime_error& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::DeleteFiles() threw an exception %s", e.what());
+    trace::engine.CaughtErrorV(e, "BlobController::DeleteFiles() threw an exception %s", e.what());
     return false;
   }
   trace::engine.WriteErrorV("BlobController::DeleteFiles() was successful.");
   return true;
 }
 
-void BlobController::ExpectChanges(std::size_t count) noexcept {
+void BlobController::ExpectChanges(const Hash* hashes, std::size_t count) noexcept {
   pendingByHash.Reserve(pendingByHash.size() + count);
-}
-
-void BlobController::Prefetch(const Hash* hashes, std::size_t count) const {
-  for (std::size_t i = 0; i < count; ++i) {
-    blobs.Prefetch(hashes[i]);
-    pendingByHash.Prefetch(hashes[i]);
-  }
-  for (std::size_t i = 0; i < count; ++i) {
-    blobs.PrefetchNode(hashes[i]);
-    pendingByHash.PrefetchNode(hashes[i]);
-  }
+  blobs.Prefetch(hashes, count);
+  pendingByHash.Prefetch(hashes, count);
 }
 
 int BlobController::ResetHashCursor() {

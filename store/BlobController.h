@@ -81,12 +81,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // open transaction, which costs the time of one.
   BLOBRING_HIDDEN bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
-  // Announces so many changes.
-  BLOBRING_HIDDEN void ExpectChanges(std::size_t count) noexcept;
-
-  // Brings what look-ups of these hashes, some dozens, will read into the
-  // processor's caches.
-  BLOBRING_HIDDEN void Prefetch(const Hash* hashes, std::size_t count) const;
+  // Announces changes to these hashes, some dozens, which makes them faster.
+  BLOBRING_HIDDEN void ExpectChanges(const Hash* hashes, std::size_t count) noexcept;
 
   // Whether the store will hold the blob once the open transaction commits.
   bool BlobExists(Hash const& hash) const;

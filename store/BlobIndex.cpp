@@ -23,12 +23,6 @@ BlobIndex::Node* MakeNode(const Hash& hash) {
   return new (NodeAllocator().allocate(1)) BlobIndex::Node(hash);
 }
 
-template <class Node>
-Node* Leftmost(Node* node) {
-  while (node->left != nullptr) node = node->left;
-  return node;
-}
-
 }  // namespace
 
 void BlobIndex::Disposer::operator()(Node* node) const noexcept {
@@ -56,125 +50,97 @@ BlobIndex::Node* BlobIndex::First(std::size_t bucket) const {
   while (bucket < last && buckets[bucket] == nullptr) ++bucket;
   if (bucket > last || buckets[bucket] == nullptr) return nullptr;
   PrefetchAhead(bucket);
-  return Leftmost(buckets[bucket]);
+  Node* first = buckets[bucket];
+  while (first->left != nullptr) first = first->left;
+  return first;
 }
 
-BlobIndex::Node* BlobIndex::Next(Node* node) const {
-  if (node->right != nullptr) return Leftmost(node->right);
-  const Hash& hash = node->blob.first;
-  while (node->parent != nullptr && node->parent->right == node) node = node->parent;
-  return node->parent != nullptr ? node->parent : First(BucketOf(hash) + 1);
-}
-
-BlobIndex::Node* BlobIndex::Search(const Hash& hash) const {
-  Node* node = buckets[BucketOf(hash)];
-  while (node != nullptr && !(node->blob.first == hash))
-    node = hash < node->blob.first ? node->left : node->right;
-  return node;
-}
-
-BlobIndex::const_iterator BlobIndex::After(const Hash& hash) const {
+BlobIndex::Node* BlobIndex::NodeAfter(const Hash& hash) const {
   Node* after = nullptr;
   for (Node* node = buckets[BucketOf(hash)]; node != nullptr;) {
     const bool isAfter = hash < node->blob.first;
     if (isAfter) after = node;
     node = isAfter ? node->left : node->right;
   }
-  return {this, after != nullptr ? after : First(BucketOf(hash) + 1)};
+  return after != nullptr ? after : First(BucketOf(hash) + 1);
+}
+
+// The link that leads to the node of a hash, null where there is none.
+BlobIndex::Node** BlobIndex::LinkTo(const Hash& hash) const {
+  Node** link = &buckets[BucketOf(hash)];
+  while (*link != nullptr && !((*link)->blob.first == hash))
+    link = hash < (*link)->blob.first ? &(*link)->left : &(*link)->right;
+  return link;
 }
 
 BlobIndex::iterator BlobIndex::FindOrMake(const Hash& hash, bool& isNew) {
-  Node* node = Search(hash);
+  Node* node = *LinkTo(hash);
   isNew = node == nullptr;
-  if (isNew) {
-    node = MakeNode(hash);
-    Link(node);
-  }
+  if (isNew) Add(node = MakeNode(hash));
   return {this, node};
 }
 
 void BlobIndex::Insert(Handle node) noexcept {
-  Node* present = Search(node->blob.first);
+  Node* present = *LinkTo(node->blob.first);
   if (present != nullptr) {
     present->blob.second = node->blob.second;
   } else {
-    Link(node.release());
+    Add(node.release());
   }
 }
 
-// Puts node, whose hash is not there yet, in its place.
-void BlobIndex::Link(Node* node) noexcept {
-  Node** link = &buckets[BucketOf(node->blob.first)];
-  Node* parent = nullptr;
-  while (*link != nullptr) {
-    parent = *link;
-    link = node->blob.first < parent->blob.first ? &parent->left : &parent->right;
-  }
-  *link = node;
-  node->left = node->right = nullptr;
-  node->parent = parent;
+void BlobIndex::Add(Node* node) noexcept {
   node->priority = Priority();
-  while (node->parent != nullptr && node->parent->priority < node->priority) RotateUp(node);
+  Place(node);
   ++count;
   Reserve(count);
+}
+
+// Puts node, whose hash is not there yet, where its priority wants it. What was
+// there is split into what goes to its left and what goes to its right.
+void BlobIndex::Place(Node* node) noexcept {
+  const Hash& hash = node->blob.first;
+  Node** link = &buckets[BucketOf(hash)];
+  while (*link != nullptr && (*link)->priority >= node->priority)
+    link = hash < (*link)->blob.first ? &(*link)->left : &(*link)->right;
+  Node* rest = *link;
+  *link = node;
+  Node** left = &node->left;
+  Node** right = &node->right;
+  while (rest != nullptr) {
+    const bool goesRight = hash < rest->blob.first;
+    Node**& side = goesRight ? right : left;
+    *side = rest;
+    side = goesRight ? &rest->left : &rest->right;
+    rest = *side;
+  }
+  *left = *right = nullptr;
 }
 
 void BlobIndex::Reserve(std::size_t blobs) noexcept {
   if (blobs > kMaxBlobsPerBucket * (LastBucket() + 1)) Resize(blobs);
 }
 
-// Gives node's place under its parent, or as a root, to another.
-void BlobIndex::Replace(Node* node, Node* by) {
-  Node* parent = node->parent;
-  Node*& link = parent == nullptr ? buckets[BucketOf(node->blob.first)]
-                                  : (parent->left == node ? parent->left : parent->right);
-  link = by;
-  if (by != nullptr) by->parent = parent;
-}
-
-void BlobIndex::RotateUp(Node* node) {
-  Node* parent = node->parent;
-  Replace(parent, node);
-  Node*& outer = parent->left == node ? parent->left : parent->right;
-  Node*& inner = parent->left == node ? node->right : node->left;
-  outer = inner;
-  if (inner != nullptr) inner->parent = parent;
-  inner = parent;
-  parent->parent = node;
-}
-
 // The tree of two, of which the first holds the smaller hashes.
 BlobIndex::Node* BlobIndex::Merge(Node* left, Node* right) {
   Node* root = nullptr;
-  Node* parent = nullptr;
   Node** link = &root;
   while (left != nullptr && right != nullptr) {
-    Node*& top = left->priority < right->priority ? right : left;
+    const bool isLeft = left->priority >= right->priority;
+    Node*& top = isLeft ? left : right;
     *link = top;
-    top->parent = parent;
-    parent = top;
-    if (top == left) {
-      link = &parent->right;
-      left = parent->right;
-    } else {
-      link = &parent->left;
-      right = parent->left;
-    }
+    link = isLeft ? &top->right : &top->left;
+    top = *link;
   }
   *link = left != nullptr ? left : right;
-  if (*link != nullptr) (*link)->parent = parent;
   return root;
 }
 
 void BlobIndex::Erase(const Hash& hash) noexcept {
-  Node* node = Search(hash);
-  if (node != nullptr) Erase(iterator(this, node));
-}
-
-void BlobIndex::Erase(iterator blob) noexcept {
-  Node* node = blob.node;
-  Replace(node, Merge(node->left, node->right));
-  Disposer()(node);
+  Node** const link = LinkTo(hash);
+  const Handle node(*link);
+  if (!node) return;
+  *link = Merge(node->left, node->right);
   --count;
   // What a much larger index needed is given back.
   if (count < directory.size() / 8) Resize(count);
@@ -204,21 +170,6 @@ BlobIndex::Node* BlobIndex::Flatten(Node* root) {
   return first;
 }
 
-// Puts node behind the greatest of its bucket, null where that is empty.
-void BlobIndex::Append(Node* node, Node* last) {
-  Node* above = last;
-  Node* below = nullptr;
-  while (above != nullptr && above->priority < node->priority) {
-    below = above;
-    above = above->parent;
-  }
-  node->left = below;
-  node->right = nullptr;
-  node->parent = above;
-  if (below != nullptr) below->parent = node;
-  (above != nullptr ? above->right : buckets[BucketOf(node->blob.first)]) = node;
-}
-
 // Deals the nodes out to as many buckets as so many blobs want; leaves all as
 // it is where there is no memory.
 void BlobIndex::Resize(std::size_t blobs) noexcept {
@@ -237,16 +188,12 @@ void BlobIndex::Resize(std::size_t blobs) noexcept {
   buckets = fresh.empty() ? few : fresh.data();
   shift = 64 - static_cast<unsigned>(std::countr_zero(wanted));
 
-  Node* last = nullptr;
   for (std::size_t bucket = 0; bucket < present; ++bucket) {
     if (bucket + kRootsAhead < present) PrefetchNode(before[bucket + kRootsAhead]);
     Node* next = nullptr;
     for (Node* node = Flatten(before[bucket]); node != nullptr; node = next) {
       next = node->right;
-      const bool isSameBucket =
-          last != nullptr && BucketOf(last->blob.first) == BucketOf(node->blob.first);
-      Append(node, isSameBucket ? last : nullptr);
-      last = node;
+      Place(node);
     }
   }
   directory.swap(fresh);

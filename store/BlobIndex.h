@@ -39,7 +39,6 @@ class BlobIndex {
 
     Node* left = nullptr;
     Node* right = nullptr;
-    Node* parent = nullptr;
     std::uint32_t priority = 0;  // not less than that of any node below
     Blob blob;
   };
@@ -58,19 +57,16 @@ class BlobIndex {
     using pointer = std::conditional_t<isConst, const Blob*, Blob*>;
 
     Position() = default;
-    template <bool isOtherConst>
-    requires(isConst && !isOtherConst)
-        Position(const Position<isOtherConst>&
-                     other)  // NOLINT(google-explicit-constructor): as every iterator
-        : index(other.index), node(other.node) {}
-
     reference operator*() const { return node->blob; }
     pointer operator->() const { return &node->blob; }
     Position& operator++() {
-      node = index->Next(node);
+      node = index->NodeAfter(node->blob.first);
       return *this;
     }
-    friend bool operator==(const Position& a, const Position& b) { return a.node == b.node; }
+    template <bool isOtherConst>
+    bool operator==(const Position<isOtherConst>& other) const {
+      return node == other.node;
+    }
 
    private:
     friend class BlobIndex;
@@ -95,9 +91,9 @@ class BlobIndex {
   std::size_t size() const { return count; }
   bool empty() const { return count == 0; }
 
-  const_iterator Find(const Hash& hash) const { return {this, Search(hash)}; }
+  const_iterator Find(const Hash& hash) const { return {this, *LinkTo(hash)}; }
   // The first blob whose hash is greater.
-  const_iterator After(const Hash& hash) const;
+  const_iterator After(const Hash& hash) const { return {this, NodeAfter(hash)}; }
 
   // The entry of a hash; a blank one is made, with the one allocation of its
   // node, where there is none. Says in isNew which it was. Throws "Unable to
@@ -109,7 +105,6 @@ class BlobIndex {
   void Insert(Handle node) noexcept;
 
   void Erase(const Hash& hash) noexcept;
-  void Erase(iterator blob) noexcept;
   void Clear() noexcept;
 
   template <class Predicate>
@@ -117,7 +112,7 @@ class BlobIndex {
     for (iterator blob = begin(); blob != end();) {
       iterator next = blob;
       ++next;
-      if (predicate(std::as_const(blob->second))) Erase(blob);
+      if (predicate(std::as_const(blob->second))) Erase(blob->first);
       blob = next;
     }
   }
@@ -140,11 +135,21 @@ class BlobIndex {
   // Makes room in the directory, if there is memory, for so many blobs in all.
   void Reserve(std::size_t blobs) noexcept;
 
-  // Starts to bring what a look-up of the hash will read into the processor's
-  // caches. With several hashes in hand: Prefetch each of them, then
-  // PrefetchNode each, then look them up, and the memory is waited for once.
-  void Prefetch(const Hash& hash) const { Fetch(&buckets[BucketOf(hash)]); }
-  void PrefetchNode(const Hash& hash) const { PrefetchNode(buckets[BucketOf(hash)]); }
+  // Starts to bring what look-ups of these hashes will read into the processor's
+  // caches.
+  void Prefetch(const Hash* hashes, std::size_t hashCount) const {
+    for (std::size_t i = 0; i < hashCount; ++i) Fetch(&buckets[BucketOf(hashes[i])]);
+    for (std::size_t i = 0; i < hashCount; ++i) PrefetchNode(buckets[BucketOf(hashes[i])]);
+  }
+
+  // The same for a list whose hashes are looked up in its order: call it before the
+  // look-up of entries[i].
+  template <class Entries>
+  void PrefetchBehind(const Entries& entries, std::size_t i) const {
+    constexpr std::size_t kAhead = 8;
+    if (i + 2 * kAhead < entries.size()) Fetch(&buckets[BucketOf(entries[i + 2 * kAhead].hash)]);
+    if (i + kAhead < entries.size()) PrefetchNode(buckets[BucketOf(entries[i + kAhead].hash)]);
+  }
 
  private:
   // Buckets ahead of a walk in order: of the farther one the root is fetched, of
@@ -178,12 +183,10 @@ class BlobIndex {
   }
 
   Node* First(std::size_t bucket) const;
-  Node* Next(Node* node) const;
-  Node* Search(const Hash& hash) const;
-  void Link(Node* node) noexcept;
-  void Replace(Node* node, Node* by);
-  void RotateUp(Node* node);
-  void Append(Node* node, Node* last);
+  Node* NodeAfter(const Hash& hash) const;
+  Node** LinkTo(const Hash& hash) const;
+  void Add(Node* node) noexcept;
+  void Place(Node* node) noexcept;
   void Resize(std::size_t blobs) noexcept;
   void Forget() noexcept;
   std::uint32_t Priority();

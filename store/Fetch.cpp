@@ -10,8 +10,8 @@
 BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
                                               std::uint32_t capacity, std::uint32_t& size) {
   if (!loaded) {
-    trace::NoteCause(Failure(FailureCode::Closed, ""));
-    trace::engine.WriteWarnV("BlobController::Fetch() the store is not loaded");
+    trace::engine.CaughtWarnV(Failure(FailureCode::Closed),
+                              "BlobController::Fetch() the store is not loaded");
     return Fetched::Failed;
   }
   const auto found = blobs.Find(hash);
@@ -29,11 +29,10 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
     }
     throw Failure(FailureCode::Damaged, "the record is not the blob's");
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    const std::string text = "BlobController::Fetch() hash " + hash.toString() + " file " +
-                             entry.file->path + " offset " + std::to_string(entry.offset) +
-                             " size " + std::to_string(size) + ": " + e.what();
-    trace::engine.WriteErrorV("%s", text.c_str());
+    trace::engine.CaughtErrorV(
+        e, "%s",
+        Text("BlobController::Fetch() hash ", hash.toString(), " file ", entry.file->path,
+             " offset ", entry.offset, " size ", size, ": ", e.what()));
     return Fetched::Failed;
   }
 }
@@ -47,20 +46,19 @@ bool BlobController::NextHashAfter(const Hash* after, unsigned char* next) const
 
 BlobController::Statistics BlobController::GetStatistics() const {
   const Sizes sizes = SizesOf();
-  Statistics statistics{};
-  statistics.loaded = loaded;
-  statistics.inDoubt = InDoubt();
-  statistics.damaged = damaged;
-  statistics.readOnly = readOnly;
-  statistics.sequence = seq;
-  statistics.slotCount = static_cast<std::uint32_t>(packFiles.size());
-  statistics.blobCount = blobs.size();
-  statistics.liveBytes = sizes.total;
-  statistics.largestBlob = sizes.largest;
-  statistics.pendingCount = pendingEntries.size();
-  if (curPack) statistics.packBytes = curPack->header.endOffset;
-  if (curJournal) statistics.journalBytes = curJournal->header.endOffset;
-  statistics.repackedBytes =
-      blobs.empty() ? std::uint64_t{format::kFileHeaderSize} : RepackedSize(sizes);
-  return statistics;
+  return {
+      .loaded = loaded,
+      .inDoubt = InDoubt(),
+      .damaged = damaged,
+      .readOnly = readOnly,
+      .sequence = seq,
+      .slotCount = static_cast<std::uint32_t>(packFiles.size()),
+      .blobCount = blobs.size(),
+      .liveBytes = sizes.total,
+      .largestBlob = sizes.largest,
+      .pendingCount = pendingEntries.size(),
+      .packBytes = curPack ? curPack->header.endOffset : 0,
+      .journalBytes = curJournal ? curJournal->header.endOffset : 0,
+      .repackedBytes = blobs.empty() ? format::kFileHeaderSize : RepackedSize(sizes),
+  };
 }

@@ -47,7 +47,7 @@ BlobController::Checked BlobController::Check() {
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
   trace::engine.notes.WriteWarnV("BlobController::Fsck number of blobs = %d",
-                          static_cast<int>(blobs.size()));
+                                 static_cast<int>(blobs.size()));
   if (blobs.empty()) return Checked::Sound;
 
   const Sizes sizes = SizesOf();
@@ -73,8 +73,8 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
     sound = false;
   }
   if (!sound) {
-    trace::NoteCause(Failure(FailureCode::Damaged, ""));
-    trace::engine.WriteErrorV("BlobController::Fsck() storage is corrupted");
+    trace::engine.CaughtErrorV(Failure(FailureCode::Damaged),
+                               "BlobController::Fsck() storage is corrupted");
     return Checked::Faulty;
   }
   return stopped ? Checked::Stopped : Checked::Sound;
@@ -86,8 +86,8 @@ bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const&
   const std::string file = PathOf(entry.file);
   if (entry.file && (file == PathOf(curPack) || file == PathOf(curJournal))) return true;
   trace::engine.WriteErrorV(
-      "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
-      hash.toString().c_str(), file.c_str(), PathOf(curPack).c_str(), PathOf(curJournal).c_str());
+      "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s", hash.toString(),
+      file, PathOf(curPack), PathOf(curJournal));
   return false;
 }
 
@@ -100,25 +100,23 @@ bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
   try {
     if (batch.Take(i, pair) && pair.buffer.size == entry.size) return true;
     trace::engine.WriteErrorV(
-        "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
-        file.c_str(), static_cast<int>(entry.offset), static_cast<int>(entry.size),
-        entry.hash.toString().c_str());
+        "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s", file,
+        entry.offset, entry.size, entry.hash.toString());
     // What the buffer holds, of this or of other blobs, must not decide.
     if (entry.size > 0) std::memset(pair.buffer.data, 0, entry.size);
     pair.isValid();
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::GetBlob() threw an exception %s file=%s offset=%d",
-                              e.what(), file.c_str(), static_cast<int>(entry.offset));
+    trace::engine.CaughtErrorV(e,
+                               "BlobController::GetBlob() threw an exception %s file=%s offset=%d",
+                               e.what(), file, entry.offset);
   }
   const std::string line = "Fsck: Blob Entry :hash=" + entry.hash.toString() +
                            " transId=" + std::to_string(entry.transactionId) +
                            " size=" + std::to_string(entry.size) +
                            " offset=" + std::to_string(entry.offset) +
                            " count = " + std::to_string(position) + " filename=" + file;
-  trace::engine.WriteErrorV("%s", line.c_str());
-  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt",
-                            entry.hash.toString().c_str());
+  trace::engine.WriteErrorV("%s", line);
+  trace::engine.WriteErrorV("BlobController::Fsck() Blob %s is corrupt", entry.hash.toString());
   return false;
 }
 

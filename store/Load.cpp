@@ -7,12 +7,6 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-namespace {
-
-constexpr std::size_t kPrefetched = 8;  // entries ahead of the one that goes into the index
-
-}  // namespace
-
 bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b) {
   return a->header.sequence > b->header.sequence;
 }
@@ -83,7 +77,7 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
     if (!LoadPack(*pack, entries)) {
       damaged = true;
       trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s",
-                               pack->header.sequence, pack->path.c_str());
+                               pack->header.sequence, pack->path);
       continue;
     }
     if (pack->header.sequence == format::kSequenceReset) return false;
@@ -133,7 +127,7 @@ void BlobController::FindLostPack() {
     trace::engine.WriteErrorV(
         "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
         "generation is shown",
-        pack.path.c_str());
+        pack.path);
   }
 }
 
@@ -149,7 +143,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     trace::engine.WriteWarnV("%s", e.what());
   }
   if (!sound)
-    trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path.c_str());
+    trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path);
   if (!sound || !journal.LoadedAll()) {
     const bool isTorn = !sound && journal.LastIsTorn();
     damaged = damaged || !isTorn;
@@ -158,7 +152,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
           "BlobController::Load the last transaction of %s was cut off by a power failure, or "
           "damaged since: the store "
           "is as it was before it",
-          journal.path.c_str());
+          journal.path);
     // Whole transactions stay, in the index and on disk, and the next one
     // follows them: over what the damage left.
     if (!readOnly && SetAside(journal)) journal.KeepLoaded();
@@ -180,20 +174,19 @@ bool BlobController::SetAside(BlobFile& journal) {
                                              journal.LastIsTorn() ? kMostCopies : kept::kMaxCopies);
     if (copy.empty()) {
       trace::engine.WriteWarnV(
-          "BlobController: %s has %d copies beside it, what it loses is not kept",
-          journal.path.c_str(), static_cast<int>(kMostCopies));
+          "BlobController: %s has %d copies beside it, what it loses is not kept", journal.path,
+          kMostCopies);
     } else if (journal.LastIsTorn()) {
-      trace::engine.WriteWarnV("BlobController: the rest of %s is kept as %s", journal.path.c_str(),
-                               copy.c_str());
+      trace::engine.WriteWarnV("BlobController: the rest of %s is kept as %s", journal.path, copy);
     } else {
-      trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s",
-                                journal.path.c_str(), copy.c_str());
+      trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", journal.path,
+                                copy);
     }
     return true;
   } catch (const std::exception& e) {
     trace::NoteCause(e);
     const std::string reason = "what " + journal.path + " loses cannot be kept: " + e.what();
-    trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", reason.c_str());
+    trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", reason);
     const auto* failure = dynamic_cast<const Failure*>(&e);
     RefuseChanges(failure != nullptr ? failure->code : FailureCode::Io, reason);
     return false;
@@ -207,7 +200,7 @@ bool BlobController::SetAside(BlobFile& journal) {
 void BlobController::Secure(BlobFile& file) const {
   if (file.Secure()) return;
   trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
-                            file.path.c_str());
+                            file.path);
 }
 
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
@@ -215,8 +208,7 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   blobs.Reserve(blobs.size() + entries.size());
   for (std::size_t i = 0; i < entries.size(); ++i) {
     BlobFile::BlobFileEntry& entry = entries[i];
-    if (i + 2 * kPrefetched < entries.size()) blobs.Prefetch(entries[i + 2 * kPrefetched].hash);
-    if (i + kPrefetched < entries.size()) blobs.PrefetchNode(entries[i + kPrefetched].hash);
+    blobs.PrefetchBehind(entries, i);
     switch (entry.op) {
       case format::kOpStore:
         entry.file = file;
@@ -245,8 +237,7 @@ void BlobController::MoveFilesAside() {
   const auto move = [](BlobFile& file) {
     file.file.close();
     const std::string name = kept::MoveAside(file.path);
-    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path.c_str(),
-                              name.c_str());
+    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path, name);
   };
   for (const BlobFilePtr& journal : journalFiles) move(*journal);
   for (const BlobFilePtr& pack : packFiles) move(*pack);

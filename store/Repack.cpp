@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr std::size_t kPrefetched = 8;  // blobs ahead of the one that is copied
-
 // Leaves a repack that the embedder stopped. No std::exception: it is no
 // failure.
 struct Stopped {};
@@ -43,16 +41,12 @@ void DropUnfinished(const boost::shared_ptr<BlobFile>& file, bool isSlot) {
 }
 
 void DumpEntries(const BlobFile::Entries& entries, std::size_t failed) {
-  const std::string title = "BlobController::Repack() Invalid Blob Detected. Failed on index[" +
-                            std::to_string(failed) + "]. BlobEntries table dump. Dumping [" +
-                            std::to_string(entries.size()) + "] entries.";
-  trace::engine.WriteErrorV("%s", title.c_str());
+  trace::engine.WriteErrorV(
+      "%s", Text("BlobController::Repack() Invalid Blob Detected. Failed on index[", failed,
+                 "]. BlobEntries table dump. Dumping [", entries.size(), "] entries."));
   trace::engine.WriteErrorV("file.path, file offset, blob size");
-  for (const BlobFile::BlobFileEntry& entry : entries) {
-    const std::string line =
-        entry.file->path + ", " + std::to_string(entry.offset) + ", " + std::to_string(entry.size);
-    trace::engine.WriteErrorV("%s", line.c_str());
-  }
+  for (const BlobFile::BlobFileEntry& entry : entries)
+    trace::engine.WriteErrorV("%s", Text(entry.file->path, ", ", entry.offset, ", ", entry.size));
 }
 
 }  // namespace
@@ -94,8 +88,7 @@ bool BlobController::Repack() {
     if (packFiles[slot] == curPack) RequireInPlace(*curPack);
     KeepSlot(slot);
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::Repack() refused: %s", e.what());
+    trace::engine.CaughtErrorV(e, "BlobController::Repack() refused: %s", e.what());
     return false;
   }
   enumerating = false;
@@ -117,8 +110,7 @@ bool BlobController::Repack() {
     trace::engine.WriteWarnV("BlobController::Repack() stopped: the store is open and as it was");
     return false;
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteErrorV("BlobController::Repack() threw an exception %s", e.what());
+    trace::engine.CaughtErrorV(e, "BlobController::Repack() threw an exception %s", e.what());
   }
   CheckAfterFailure();
   DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
@@ -133,8 +125,8 @@ void BlobController::KeepSlot(std::uint32_t slot) const {
   if (!packFiles[slot]->IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
   for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
     const std::string copy = kept::CopyAside(file->file, 0, 0, file->file.size(), kept::kMaxCopies);
-    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s",
-                              file->path.c_str(), copy.c_str());
+    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file->path,
+                              copy);
   }
 }
 
@@ -192,14 +184,13 @@ void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
 // it. What its path leads to now is not this store's to replace.
 void BlobController::RequireInPlace(const BlobFile& pack) {
   if (pack.file.isAt(pack.path)) return;
-  throw Failure(FailureCode::Refused, pack.path + " no longer leads to the pack that is open");
+  throw Failure(FailureCode::Refused, pack.path, " no longer leads to the pack that is open");
 }
 
 void BlobController::PointTo(const BlobFile::Entries& copied) {
   bool isNew = false;
   for (std::size_t i = 0; i < copied.size(); ++i) {
-    if (i + 2 * kPrefetched < copied.size()) blobs.Prefetch(copied[i + 2 * kPrefetched].hash);
-    if (i + kPrefetched < copied.size()) blobs.PrefetchNode(copied[i + kPrefetched].hash);
+    blobs.PrefetchBehind(copied, i);
     blobs.FindOrMake(copied[i].hash, isNew)->second = copied[i];
   }
 }
@@ -259,6 +250,6 @@ bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
   }
   const BlobFile::BlobFileEntry& entry = entries[number];
   trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d",
-                           entry.hash.toString().c_str(), static_cast<int>(entry.size));
+                           entry.hash.toString(), entry.size);
   return false;
 }

@@ -67,7 +67,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
     pendingEntries.push_back(std::move(entry));
     return true;
   } catch (...) {
-    if (isNew) pendingByHash.Erase(pending);
+    if (isNew) pendingByHash.Erase(hash);
     if (isFirst) curJournal->CancelTransaction();
     throw;
   }
@@ -85,8 +85,7 @@ bool BlobController::StoreWith(BlobPair const& blob, Write write) {
     });
   } catch (const std::exception& e) {
     RTTrace(0x0F000001);
-    trace::NoteCause(e);
-    trace::engine.WriteWarnV("BlobController::Store() threw an exception %s", e.what());
+    trace::engine.CaughtWarnV(e, "BlobController::Store() threw an exception %s", e.what());
     return false;
   }
 }
@@ -123,9 +122,9 @@ bool BlobController::Delete(Hash const& hash) {
     if (!BlobExists(hash)) return true;
     return Change(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->Delete(entry); });
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteWarnV("BlobController::Delete threw an exception hash = %s exception = %s",
-                             hash.toString().c_str(), e.what());
+    trace::engine.CaughtWarnV(e,
+                              "BlobController::Delete threw an exception hash = %s exception = %s",
+                              hash.toString(), e.what());
     return false;
   }
 }
@@ -146,9 +145,8 @@ bool BlobController::StartTransaction(long long id) {
     if (refusal == FailureCode::Closed || InDoubt()) RequireChangeable();
     return true;
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteWarnV(
-        "BlobController::StartTransaction() threw an exception transactionId %d exception %s",
+    trace::engine.CaughtWarnV(
+        e, "BlobController::StartTransaction() threw an exception transactionId %d exception %s",
         static_cast<int>(id), e.what());
     return false;
   }
@@ -161,9 +159,8 @@ bool BlobController::EndTransaction(long long id) {
     RequireChangeable();
     curJournal->EndTransaction(id);
   } catch (const std::exception& e) {
-    trace::NoteCause(e);
-    trace::engine.WriteWarnV(
-        "BlobController::EndTransaction() threw an exception transactionId %d exception %s",
+    trace::engine.CaughtWarnV(
+        e, "BlobController::EndTransaction() threw an exception transactionId %d exception %s",
         static_cast<int>(id), e.what());
     return false;
   }
