@@ -228,23 +228,30 @@ bool BlobFile::StartTransaction(long long id) {
   return true;
 }
 
-void BlobFile::Append(BlobFileEntry& entry, const RecordHead& record, unsigned char* data,
-                      std::uint32_t mostGathered) {
+void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                      const RawBuffer& data, std::uint32_t mostGathered) {
+  RecordHead record{{op, entry.transactionId}, {}, data.size};
+  std::copy_n(hash.Bytes(), format::kHashSize, record.hash);
   RequireWritable();
   RequireRoom(record);
   entry.offset = header.endOffset;
-  writer.Append(record, data, mostGathered);
-  entry.op = record.op.op;
-  if (record.op.op != format::kOpStore) return;
-  header.maxBlobSize = std::max(header.maxBlobSize, record.size);
-  block.maxBlobSize = std::max(block.maxBlobSize, record.size);
-  entry.size = record.size;
+  writer.Append(record, data.data, mostGathered);
+  entry.op = op;
+  if (op != format::kOpStore) return;
+  header.maxBlobSize = std::max(header.maxBlobSize, data.size);
+  block.maxBlobSize = std::max(block.maxBlobSize, data.size);
+  entry.hash = hash;
+  entry.size = data.size;
   entry.ordinal = 0;
   entry.valid = true;
 }
 
-void BlobFile::WriteOutOrTakeBack(const FileHeader& before,
-                                  const format::TransactionBlock& blockBefore) {
+// Append, and the record is in the file when it returns.
+void BlobFile::AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                         const RawBuffer& data) {
+  const FileHeader before = header;
+  const format::TransactionBlock blockBefore = block;
+  Append(entry, op, hash, data, kMaxGatheredData);
   try {
     writer.WriteOut();
   } catch (...) {
@@ -255,29 +262,16 @@ void BlobFile::WriteOutOrTakeBack(const FileHeader& before,
 }
 
 void BlobFile::Gather(BlobFileEntry& entry, const BlobPair& blob) {
-  RecordHead record{{format::kOpStore, entry.transactionId}, {}, blob.buffer.size};
-  std::copy_n(blob.hash.Bytes(), format::kHashSize, record.hash);
-  Append(entry, record, blob.buffer.data, kMaxGatheredPut);
-  entry.hash = blob.hash;
+  Append(entry, format::kOpStore, blob.hash, blob.buffer, kMaxGatheredPut);
 }
 
 bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
-  const FileHeader before = header;
-  const format::TransactionBlock blockBefore = block;
-  RecordHead record{{format::kOpStore, entry.transactionId}, {}, blob.buffer.size};
-  std::copy_n(blob.hash.Bytes(), format::kHashSize, record.hash);
-  Append(entry, record, blob.buffer.data, kMaxGatheredData);
-  WriteOutOrTakeBack(before, blockBefore);
-  entry.hash = blob.hash;
+  AppendNow(entry, format::kOpStore, blob.hash, blob.buffer);
   return true;
 }
 
 bool BlobFile::Delete(BlobFileEntry& entry) {
-  const FileHeader before = header;
-  RecordHead record{{format::kOpDelete, entry.transactionId}, {}, 0};
-  std::copy_n(entry.hash.Bytes(), format::kHashSize, record.hash);
-  Append(entry, record, nullptr, kMaxGatheredData);
-  WriteOutOrTakeBack(before, block);
+  AppendNow(entry, format::kOpDelete, entry.hash, RawBuffer{});
   return true;
 }
 

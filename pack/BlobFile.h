@@ -209,10 +209,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void RequireNotInDoubt() const;
   BLOBRING_HIDDEN void RequireWritable();
   BLOBRING_HIDDEN void RequireRoom(const format::RecordHead& record) const;
-  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, const format::RecordHead& record,
-                              unsigned char* data, std::uint32_t mostGathered);
-  BLOBRING_HIDDEN void WriteOutOrTakeBack(const format::FileHeader& before,
-                                          const format::TransactionBlock& blockBefore);
+  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                              const RawBuffer& data, std::uint32_t mostGathered);
+  BLOBRING_HIDDEN void AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                                 const RawBuffer& data);
   BLOBRING_HIDDEN void WriteHeader(const format::FileHeader& next);
   BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
   BLOBRING_HIDDEN bool PutCommittedHeader();

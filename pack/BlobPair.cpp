@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <string_view>
 
 #include "md5/MD5.h"
 #include "pack/Format.h"
@@ -104,58 +105,40 @@ void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) c
   }
 }
 
-namespace {
-
-// The line that a dump puts together. It grows, never shrinks, and lives for
-// the process: dumps come in rows of alike sizes.
-struct DumpLine {
-  char* text = nullptr;
-  std::size_t capacity = 0;
-
-  bool MakeRoom(std::uint64_t needed) {
-    if (text == nullptr || capacity < needed + 1) {
-      std::free(text);
-      text = nullptr;
-      capacity = 0;
-      if (needed > std::numeric_limits<std::size_t>::max() - 129) return false;
-      text = static_cast<char*>(std::malloc(static_cast<std::size_t>(needed) + 129));
-      if (text == nullptr) return false;
-      capacity = static_cast<std::size_t>(needed) + 129;
-    }
-    std::memset(text, 0, capacity);
-    return true;
-  }
-};
-DumpLine dumpLine;
-
-constexpr std::uint32_t kDumpLevel = 60000;
-constexpr char kDumpTitle[] = " BlobPair::Read DATA was: ";
-constexpr std::size_t kDumpTitleSize = sizeof kDumpTitle - 1;
-
-}  // namespace
-
 void DumpBlob(RawBuffer const* b) {
+  constexpr std::uint32_t kDumpLevel = 60000;
+  constexpr std::string_view kTitle = " BlobPair::Read DATA was: ";
   if (TraceGetEffectiveLevel() < kDumpLevel) return;
   if (g_TraceDeviceRaw == 0) TraceDeviceFind(u"LogFile", &g_TraceDeviceRaw);
   if (g_TraceDeviceRaw == 0) return;
-  if (!dumpLine.MakeRoom(2 * (std::uint64_t{b->size} + 128))) return;
+
+  // Grows, never shrinks, and lives for the process: dumps come in rows of alike sizes.
+  static char* line = nullptr;
+  static std::size_t capacity = 0;
+  const std::uint64_t least = 2 * (std::uint64_t{b->size} + 128) + 1;
+  if (capacity < least) {
+    std::free(line);
+    capacity = static_cast<std::size_t>(least) + 128;
+    line = static_cast<char*>(std::malloc(capacity));
+    if (line == nullptr) capacity = 0;
+  }
+  if (capacity < least) return;
 
   constexpr std::size_t kMostCapacity = std::numeric_limits<std::uint32_t>::max();
-  const auto capacity = static_cast<std::uint32_t>(std::min(dumpLine.capacity, kMostCapacity));
-  const int header = TraceFormatHeader(dumpLine.text, capacity, 3, 0, "BlobController");
-  const std::size_t body = kDumpTitleSize + 2 * std::size_t{b->size};
-  if (header < 1 || static_cast<std::size_t>(header) + body > dumpLine.capacity) return;
+  std::memset(line, 0, capacity);
+  const int header = TraceFormatHeader(
+      line, static_cast<std::uint32_t>(std::min(capacity, kMostCapacity)), 3, 0, "BlobController");
+  const std::size_t body = kTitle.size() + 2 * std::size_t{b->size};
+  if (header < 1 || static_cast<std::size_t>(header) + body > capacity) return;
 
   static constexpr char kDigits[] = "0123456789ABCDEF";
-  char* at = dumpLine.text + header;
-  std::memcpy(at, kDumpTitle, kDumpTitleSize);
-  at += kDumpTitleSize;
+  char* at = std::copy(kTitle.begin(), kTitle.end(), line + header);
   for (std::uint32_t i = 0; i < b->size; ++i) {
     *at++ = kDigits[b->data[i] >> 4];
     *at++ = kDigits[b->data[i] & 0x0F];
   }
   // In one write, but for a line whose length an int cannot hold.
-  for (const char* from = dumpLine.text; from < at;) {
+  for (const char* from = line; from < at;) {
     const auto size =
         static_cast<int>(std::min<std::ptrdiff_t>(at - from, std::numeric_limits<int>::max()));
     TraceDeviceWriteRaw(g_TraceDeviceRaw, from, size);
