@@ -108,9 +108,9 @@ struct _EXCEPTION_POINTERS {  // NOLINT(bugprone-reserved-identifier): the platf
 extern "C" {
 
 // Opens or creates a file with share mode 0: any second opener of the file, in this process or
-// another, gets ERROR_SHARING_VIOLATION until the first has closed it. With no access (0) a file
-// that another opener holds is opened all the same, to ask which file it is. Only regular files are
-// opened. Returns INVALID_HANDLE_VALUE on failure.
+// another, gets ERROR_SHARING_VIOLATION until the first has closed it. Only regular files are
+// opened. With no access (0) whatever the name leads to is opened, even if another opener has it,
+// to ask which file it is. Returns INVALID_HANDLE_VALUE on failure.
 HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD, SECURITY_ATTRIBUTES*,
                    DWORD creationDisposition, DWORD flagsAndAttributes, HANDLE);
 

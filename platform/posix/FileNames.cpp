@@ -31,9 +31,7 @@ int Hold(const char* path, FileDescriptor& held) {
     const bool isLink = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
     return error == ENOENT && isLink ? 0 : error;
   }
-  if (!S_ISREG(status.st_mode)) return 0;
-  const int error = platform::OpenExclusively(path, O_RDONLY, held);
-  return error == EACCES ? platform::OpenExclusively(path, O_WRONLY, held) : error;
+  return S_ISREG(status.st_mode) ? platform::OpenExclusively(path, O_RDONLY, held) : 0;
 }
 
 // Hold for a change that takes rights on the directory alone: a file that we may not open is not
@@ -114,7 +112,7 @@ int Delete(const char* path) {
 int ClearAttributes(const char* path) {
   struct stat status {};
   if (lstat(path, &status) != 0) return errno;
-  if (S_ISLNK(status.st_mode) || !platform::IsReadOnly(status.st_mode)) return 0;
+  if (!platform::IsReadOnly(status.st_mode)) return 0;
   return chmod(path, (status.st_mode & 07777) | S_IWUSR) == 0 ? 0 : errno;
 }
 

@@ -26,13 +26,6 @@ struct OpenFile {
 
 constinit platform::HandleTable<OpenFile, 1, 4096> files;
 
-int OpenToQuery(const char* path, OpenFile& file) {
-  file.file = platform::Open(path, O_PATH);
-  struct stat status {};
-  if (!file.file.IsOpen() || fstat(file.file.Number(), &status) != 0) return errno;
-  return S_ISREG(status.st_mode) ? 0 : EACCES;
-}
-
 // Callers see the low 32 bits of a length. A file that is longer would pass for a short one, and
 // what lies behind for free space.
 int LengthOf(const OpenFile& file, DWORD& length) {
@@ -44,7 +37,10 @@ int LengthOf(const OpenFile& file, DWORD& length) {
 }
 
 int OpenInto(OpenFile& file, const char* path, DWORD disposition) {
-  if (file.access == 0) return OpenToQuery(path, file);
+  if (file.access == 0) {
+    file.file = platform::Open(path, O_PATH);
+    return file.file.IsOpen() ? 0 : errno;
+  }
   int flags = (file.access & GENERIC_WRITE) == 0  ? O_RDONLY
               : (file.access & GENERIC_READ) != 0 ? O_RDWR
                                                   : O_WRONLY;

@@ -17,7 +17,7 @@ constinit platform::HandleTable<DIR, 0x80000000U, 256> listings;
 // link and not what is behind it.
 DWORD AttributesOf(mode_t mode) {
   const DWORD directory = S_ISDIR(mode) ? FILE_ATTRIBUTE_DIRECTORY : 0;
-  const DWORD readOnly = !S_ISLNK(mode) && platform::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
+  const DWORD readOnly = platform::IsReadOnly(mode) ? FILE_ATTRIBUTE_READONLY : 0;
   return (directory | readOnly) != 0 ? directory | readOnly : FILE_ATTRIBUTE_NORMAL;
 }
 
