@@ -36,8 +36,7 @@ bool Call::MayChangeRegistry() {
   return !RefuseNested();
 }
 
-// A sink that calls back gets the message of the first refusal, and would call
-// back again.
+// A sink that calls back gets the message of the first refusal, and would call back again.
 bool Call::RefuseNested() {
   if (outerCalls_ == 0) return false;
   refused_ = true;

@@ -1,5 +1,5 @@
-// One exported call from entry to return: the store that it works on, whether
-// its arguments are valid, and what becomes of what the store throws.
+// One exported call from entry to return: the store that it works on, whether its arguments are
+// valid, and what becomes of what the store throws.
 #pragma once
 
 #include <cstdint>
@@ -30,9 +30,8 @@ inline BlobPair PairOf(const unsigned char* hash, const unsigned char* data, int
   return pair;
 }
 
-// What a call leaves behind when it has caught a failure: a warning of prefix,
-// the failure's text and, if there is a hash, separator and hash; and a numeric
-// record, unless errorId is 0.
+// What a call leaves behind when it has caught a failure: a warning of prefix, the failure's text
+// and, if there is a hash, separator and hash; and a numeric record, unless errorId is 0.
 struct Handler {
   const char* prefix;
   std::uint32_t errorId = 0;
@@ -40,12 +39,12 @@ struct Handler {
   const char* separator = " hash=";
 };
 
-// What is traced until the Call goes is the text of the store's last failure,
-// or of the thread's for a call that belongs to no store.
+// What is traced until the Call goes is the text of the store's last failure, or of the thread's
+// for a call that belongs to no store.
 //
-// A function of the host's that runs inside a call must not call back. A call
-// on a store from there is refused, and so is one that opens or disposes of one: the
-// object that the outer call works on could go.
+// A function of the host's that runs inside a call must not call back. A call on a store from there
+// is refused, and so is one that opens or disposes of one: the object that the outer call works on
+// could go.
 class Call {
  public:
   Call(const char* callName, int storeIndex);

@@ -147,8 +147,8 @@ int BCShutdown(int index, bool flag) {
 
 namespace {
 
-// The notes come once it is known that the call does not run in a sink, which
-// would get them and call again.
+// The notes come once it is known that the call does not run in a sink, which would get them and
+// call again.
 int Dispose(int index, bool isOuter) {
   Call call("BCDispose");
   if (!call.MayChangeRegistry()) return 0;
@@ -309,8 +309,7 @@ int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
     trace::WriteHashEvent(trace::kEventGet, hash);
     const bool found = call.Store().GetBlob(pair);
     if (found && pair.buffer.size == Word(size)) return BLOBRING_FETCHED;
-    // A caller that asks for what is not there, or by another size, has lost
-    // track of its store.
+    // A caller that asks for what is not there, or by another size, has lost track of its store.
     trace::api.WriteWarnV("GetBlob assert error: buffer size = %u request size = %d",
                           pair.buffer.size, size);
     call.Store().Fsck();

@@ -1,9 +1,9 @@
-// The last failure: the lines of the last call that traced any, joined by line
-// ends, and its code. The first lines are kept where there is no room for all,
-// since the cause comes before what followed from it.
+// The last failure: the lines of the last call that traced any, joined by line ends, and its code.
+// The first lines are kept where there is no room for all, since the cause comes before what
+// followed from it.
 //
-// Every open store has one, and every thread, for calls without a store. A call
-// says at its start whose it is.
+// Every open store has one, and every thread, for calls without a store. A call says at its start
+// whose it is.
 #pragma once
 
 #include <cstddef>
@@ -38,8 +38,8 @@ class FailureText {
 // The calling thread's own.
 FailureText& OfThread();
 
-// Sends what the thread traces to a text, which must remain live until the
-// next call of this; null: to the thread's own.
+// Sends what the thread traces to a text, which must remain live until the next call of this; null:
+// to the thread's own.
 void SendTo(FailureText* text);
 
 }  // namespace api

@@ -94,9 +94,9 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
   }
 }
 
-// A new store's files are created in order, each flushed, before anything is
-// committed: where that was interrupted, the last ones are missing and the rest
-// is unused. A load that moves all files aside leaves them under other names.
+// A new store's files are created in order, each flushed, before anything is committed: where that
+// was interrupted, the last ones are missing and the rest is unused. A load that moves all files
+// aside leaves them under other names.
 void RequireNoneMissing(const std::string& directory, const Slots& slots, bool mustExist,
                         bool hasLayout) {
   const auto isUsed = [](const SlotFile& f) { return f.isUsed; };

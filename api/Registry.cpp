@@ -6,8 +6,8 @@ namespace registry {
 
 namespace {
 
-// Made before the static objects of a program, which may open stores, and
-// destroyed after them, with every store that is still in it.
+// Made before the static objects of a program, which may open stores, and destroyed after them,
+// with every store that is still in it.
 __attribute__((init_priority(102))) std::map<int, Entry> storeRegistry;
 int nextStoreIndex = 0;
 

@@ -1,5 +1,5 @@
-// What is stored: blobs of random bytes, which no peer can compress, and their
-// keys, which are their MD5 digests.
+// What is stored: blobs of random bytes, which no peer can compress, and their keys, which are
+// their MD5 digests.
 #pragma once
 
 #include <array>
@@ -19,8 +19,7 @@ void Require(bool holds, const char* who, const char* what);
 // The key of a blob by OpenSSL: what a peer's user pays for a key.
 Key DigestOf(Blob blob);
 
-// count blobs of size bytes each, in one piece of memory. The same seed gives
-// the same blobs.
+// count blobs of size bytes each, in one piece of memory. The same seed gives the same blobs.
 class Blobs {
  public:
   Blobs(std::size_t count, std::size_t size, std::uint64_t seed);

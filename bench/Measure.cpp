@@ -33,8 +33,8 @@ Sample Now() {
           std::chrono::duration<double>(wall).count(), WrittenBytes()};
 }
 
-// Returns when helper threads of a store have nothing more to do, so that their
-// work is not counted for another contender.
+// Returns when helper threads of a store have nothing more to do, so that their work is not counted
+// for another contender.
 void WaitForHelperThreads() {
   using namespace std::chrono_literals;
   constexpr double kIdle = 0.0005;  // seconds of work in a pause

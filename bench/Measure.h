@@ -1,7 +1,6 @@
-// Measures the steps of a scenario. Every contender does a step before any of
-// them does the next one, in an order that moves on with every step and round,
-// so that a disturbance of the machine affects all of them. One process, one
-// thread of our own.
+// Measures the steps of a scenario. Every contender does a step before any of them does the next
+// one, in an order that moves on with every step and round, so that a disturbance of the machine
+// affects all of them. One process, one thread of our own.
 #pragma once
 
 #include <filesystem>
@@ -43,13 +42,13 @@ struct Scenario {
 // By step and contender: one sample a round, in order.
 using Samples = std::map<std::string, std::map<std::string, std::vector<Sample>>>;
 
-// By id, what makes each scenario. The result holds its data, which may be
-// large. divisor divides every number of blobs.
+// By id, what makes each scenario. The result holds its data, which may be large. divisor divides
+// every number of blobs.
 using ScenarioMaker = Scenario (*)(std::size_t divisor);
 const std::vector<std::pair<std::string, ScenarioMaker>>& AllScenarios();
 
-// Runs a scenario with the given contenders and adds to samples. Stores are
-// made below directory and removed. Reports progress on standard error.
+// Runs a scenario with the given contenders and adds to samples. Stores are made below directory
+// and removed. Reports progress on standard error.
 void Run(const Scenario& scenario, const std::vector<Contender>& contenders,
          const std::filesystem::path& directory, Samples& samples);
 

@@ -1,8 +1,8 @@
 // What a workload asks of a store. Blobring and each peer implement it.
 //
-// Put and Delete are one durable transaction each: whatever the store needs
-// for that, at least one flush, is inside. Every store computes the MD5 key of
-// what it puts. Failures throw std::runtime_error.
+// Put and Delete are one durable transaction each: whatever the store needs for that, at least one
+// flush, is inside. Every store computes the MD5 key of what it puts. Failures throw
+// std::runtime_error.
 // Threads: one caller at a time.
 #pragma once
 

@@ -39,9 +39,8 @@ void DigestAll(std::span<const Blob> blobs) {
   for (const Blob& blob : blobs) DigestOf(blob);
 }
 
-// What the format asks of every writer: one MD5 pass, the records appended, the
-// header rewritten and one flush a commit. With reused, over the blocks that an
-// earlier call has written.
+// What the format asks of every writer: one MD5 pass, the records appended, the header rewritten
+// and one flush a commit. With reused, over the blocks that an earlier call has written.
 void AppendBarely(std::span<const Blob> blobs, std::size_t perTransaction, bool reused,
                   const std::filesystem::path& directory) {
   constexpr std::size_t kHeaderSize = 24, kLargestWrite = 1024 * kKiB;

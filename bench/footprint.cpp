@@ -1,7 +1,6 @@
-// footprint DIRECTORY: the memory that a store takes, step by step, on the host
-// it runs on. Fails if a step keeps more than the store needs afterwards.
-// Store: bytes of the memory manager. Heap: bytes that malloc has given out,
-// those of the store and what they cost beside included.
+// footprint DIRECTORY: the memory that a store takes, step by step, on the host it runs on. Fails
+// if a step keeps more than the store needs afterwards. Store: bytes of the memory manager. Heap:
+// bytes that malloc has given out, those of the store and what they cost beside included.
 #include <blobring/blobring.h>
 #include <blobring/host.h>
 #include <malloc.h>

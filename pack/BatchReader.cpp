@@ -8,11 +8,11 @@
 
 namespace {
 
-// Sixteen records of 64 KiB, one for each lane. More would not stay in the
-// caches between being read and being digested.
+// Sixteen records of 64 KiB, one for each lane. More would not stay in the caches between being
+// read and being digested.
 constexpr std::uint64_t kBufferSize = 16 * (64 + 4) * 1024;
-// Bytes between two records that are read rather than skipped: a read costs
-// about as much as copying 2 KiB.
+// Bytes between two records that are read rather than skipped: a read costs about as much as
+// copying 2 KiB.
 constexpr std::size_t kMaxGap = 2048;
 
 }  // namespace
@@ -39,9 +39,8 @@ bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
   return true;
 }
 
-// In the order in which they lie in their files, which is not that of the
-// batch. What lies between two records is read with them while it is short
-// and the buffer has room for it.
+// In the order in which they lie in their files, which is not that of the batch. What lies between
+// two records is read with them while it is short and the buffer has room for it.
 void BatchReader::ReadAll() {
   std::array<Slot*, kMaxBlobs> order;
   for (std::size_t i = 0; i < count; ++i) order[i] = &slots[i];
@@ -68,8 +67,8 @@ void BatchReader::ReadAll() {
   }
 }
 
-// Reads records of one file that follow one another there. After one that
-// cannot be read, those behind it are read by themselves.
+// Reads records of one file that follow one another there. After one that cannot be read, those
+// behind it are read by themselves.
 void BatchReader::ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes) {
   BlobFile* const file = (*first)->file;
   const std::uint32_t start = (*first)->offset;

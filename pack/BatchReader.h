@@ -1,10 +1,10 @@
-// Reads many blobs at once and digests them side by side: a check and a repack
-// read blobs that have nothing to do with one another.
+// Reads many blobs at once and digests them side by side: a check and a repack read blobs that have
+// nothing to do with one another.
 //
-// Add() collects what one buffer can hold. Verify() reads it, records that lie
-// together in one call, and digests it; it says nothing. Take() is for a blob
-// that did not verify: it judges the bytes that were read, as BlobFile::GetBlob
-// would, with its messages and exceptions. Each record is read once.
+// Add() collects what one buffer can hold. Verify() reads it, records that lie together in one
+// call, and digests it; it says nothing. Take() is for a blob that did not verify: it judges the
+// bytes that were read, as BlobFile::GetBlob would, with its messages and exceptions. Each record
+// is read once.
 #pragma once
 
 #include <array>
@@ -19,16 +19,14 @@ class BatchReader {
  public:
   static constexpr std::size_t kMaxBlobs = 256;
 
-  // For blobs of at most largestBlob bytes and totalSize in all. Where there is
-  // no memory for many at once, takes as little as the largest one needs.
-  // Throws Failure("Unable to allocate memory").
+  // For blobs of at most largestBlob bytes and totalSize in all. Where there is no memory for many
+  // at once, takes as little as the largest one needs. Throws Failure("Unable to allocate memory").
   BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize, std::size_t count);
 
   // Starts the next batch.
   void Clear();
 
-  // Notes the blob of an entry, whose file must stay. False when the batch is
-  // full.
+  // Notes the blob of an entry, whose file must stay. False when the batch is full.
   bool Add(const Hash& hash, const BlobFile::BlobFileEntry& entry);
 
   // Reads and digests what was added.
@@ -39,8 +37,8 @@ class BatchReader {
   // The blob's bytes, of its entry's size; undefined if it is not sound.
   unsigned char* Data(std::size_t i) { return buffer.data() + slots[i].data; }
 
-  // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes
-  // Data(i). A sound record of another blob is damage as well.
+  // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes Data(i). A sound
+  // record of another blob is damage as well.
   bool Take(std::size_t i, BlobPair& pair);
 
  private:

@@ -14,12 +14,12 @@ namespace {
 
 // Data up to this size is copied and written together with other records.
 constexpr std::uint32_t kMaxGatheredData = GatherBuffer::kUsualCapacity / 2;
-// Where records may wait, larger data is copied too, so that it can be digested
-// beside the next blob: a copy takes a tenth of a digest.
+// Where records may wait, larger data is copied too, so that it can be digested beside the next
+// blob: a copy takes a tenth of a digest.
 constexpr std::uint32_t kMaxGatheredPut = 512 * 1024;
 
-// Kept free in a journal, so that a store that is filled to the brim can still
-// delete: 64 deletes, each in a transaction of its own.
+// Kept free in a journal, so that a store that is filled to the brim can still delete: 64 deletes,
+// each in a transaction of its own.
 constexpr std::uint32_t kReservedForDeletes = 64 * format::kLeastTransaction;
 
 std::uint32_t LengthOf(const File& file) {
@@ -61,8 +61,7 @@ void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned
   file.open(path, access, disposition, FILE_ATTRIBUTE_NORMAL);
 }
 
-// A file that a power cut caught while it was created: nothing was ever
-// committed to it.
+// A file that a power cut caught while it was created: nothing was ever committed to it.
 bool BlobFile::IsNew(std::uint32_t length) {
   if (length > format::kFileHeaderSize) return false;
   unsigned char fresh[format::kFileHeaderSize];
@@ -147,8 +146,8 @@ void BlobFile::Rewrite(const FileHeader& next) {
   ThrowNotFlushed("header", code);
 }
 
-// What memory shows must not be ahead of what is known to be on disk: the
-// next process would build on it. False, after a message, when that fails.
+// What memory shows must not be ahead of what is known to be on disk: the next process would build
+// on it. False, after a message, when that fails.
 bool BlobFile::PutCommittedHeader() {
   if (!committedIsSound) return true;
   try {
@@ -193,8 +192,8 @@ void BlobFile::RequireWritable() {
                   " is damaged, nothing is written through its header");
 }
 
-// With the end record. The reserve is waived for a blob that would not fit
-// into an empty journal with it.
+// With the end record. The reserve is waived for a blob that would not fit into an empty journal
+// with it.
 void BlobFile::RequireRoom(const RecordHead& record) const {
   const std::uint64_t size = record.op.op == format::kOpStore
                                  ? std::uint64_t{format::kStoreHeadSize} + record.size
@@ -369,8 +368,8 @@ bool BlobFile::Load(Entries& out) {
   loaded = {replayed.count, replayed.end, replayed.lastIsTorn, replayed.wholeBehind};
   out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
              std::make_move_iterator(replayed.entries.end()));
-  // A header that counts none whole of the records that it covers is damage as
-  // well, though a load can go by it.
+  // A header that counts none whole of the records that it covers is damage as well, though a load
+  // can go by it.
   if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll())))
     state = State::Damaged;
   if (replayed.cutShort) throw CutShort(*replayed.cutShort);

@@ -1,23 +1,22 @@
-// One append-only file of blob records. Packs and journals share this class
-// and every byte of the format; only the mode word differs.
+// One append-only file of blob records. Packs and journals share this class and every byte of the
+// format; only the mode word differs.
 //
-// A record counts once the header that counts it is on disk. How a commit gets
-// there is RecordWriter's: its rules C1 to C5. Bytes past header.endOffset are
-// leftovers that the next write covers; no reader looks at them.
+// A record counts once the header that counts it is on disk. How a commit gets there is
+// RecordWriter's: its rules C1 to C5. Bytes past header.endOffset are leftovers that the next write
+// covers; no reader looks at them.
 //
 //   Clean ──StartTransaction──▶ InTransaction ──EndTransaction, Cancel──▶ Clean
 //   any ──a flush fails──▶ InDoubt              until Init
 //   Clean ──ReadHeader, Load──▶ Damaged         until Reset or KeepLoaded
 //
-// InDoubt: what the disk holds is unknown, so nothing more is written. Damaged: the
-// header is not one that this class writes, or does not count what is there;
-// nothing is written through it. Both can be read.
+// InDoubt: what the disk holds is unknown, so nothing more is written. Damaged: the header is not
+// one that this class writes, or does not count what is there; nothing is written through it. Both
+// can be read.
 //
-// Owns its File. The destructor closes it and leaves the header alone, so a
-// transaction that was not ended is gone at the next load.
-// Errors: what File throws passes through, and Failure of its own. After a
-// throw the file is as it was before the call, as far as a later load can
-// tell, and the call can be made again.
+// Owns its File. The destructor closes it and leaves the header alone, so a transaction that was
+// not ended is gone at the next load.
+// Errors: what File throws passes through, and Failure of its own. After a throw the file is as it
+// was before the call, as far as a later load can tell, and the call can be made again.
 // No locks: one caller at a time. Sizes and offsets are bytes, 32 bits.
 #pragma once
 
@@ -68,14 +67,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BlobFile& operator=(const BlobFile& other);
   ~BlobFile() override;
 
-  // Opens the file exclusively, creating it when it is missing, and reads its
-  // header. Writes a fresh one, flushed, into an empty file and into one that
-  // was cut off while it was created: at most 24 bytes that are all zeros, or the
-  // beginning of a fresh header. Any other file too short for a header throws.
+  // Opens the file exclusively, creating it when it is missing, and reads its header. Writes a
+  // fresh one, flushed, into an empty file and into one that was cut off while it was created: at
+  // most 24 bytes that are all zeros, or the beginning of a fresh header. Any other file too short
+  // for a header throws.
   void Init(std::string filePath, BlobFileMode fileMode, unsigned int reserved);
 
-  // Opens a file that exists for reading alone. An empty or cut-off one passes
-  // for one with a fresh header.
+  // Opens a file that exists for reading alone. An empty or cut-off one passes for one with a fresh
+  // header.
   BLOBRING_HIDDEN void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);
 
   void ReadHeader();
@@ -86,31 +85,29 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Empties the file, flushed: no records, sequence -1. It keeps its length.
   bool Reset();
 
-  // Writes a start record. A transaction then runs to EndTransaction or
-  // CancelTransaction.
+  // Writes a start record. A transaction then runs to EndTransaction or CancelTransaction.
   bool StartTransaction(long long id);
 
-  // Appends blob and fills in entry, except for transactionId, which is read,
-  // and file. Throws, before anything is written, when the file would outgrow
-  // 2 GiB - 1 with its end record; a journal keeps room for 64 deletes as well.
+  // Appends blob and fills in entry, except for transactionId, which is read, and file. Throws,
+  // before anything is written, when the file would outgrow 2 GiB - 1 with its end record; a
+  // journal keeps room for 64 deletes as well.
   bool Store(BlobFileEntry& entry, const BlobPair& blob);
 
   // Appends a delete record for entry.hash; sets op and offset.
   bool Delete(BlobFileEntry& entry);
 
-  // StartTransaction and Store whose records may wait in memory until the next
-  // call that writes.
+  // StartTransaction and Store whose records may wait in memory until the next call that writes.
   BLOBRING_HIDDEN void BeginTransaction(long long id);
   BLOBRING_HIDDEN void Gather(BlobFileEntry& entry, const BlobPair& blob);
 
-  // Adds data to another digest and, in the same time, brings the open
-  // transaction's own up to date.
+  // Adds data to another digest and, in the same time, brings the open transaction's own up to
+  // date.
   BLOBRING_HIDDEN void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
     writer.DigestBeside(other, data, size);
   }
 
-  // Commits. When it throws and the state is not InDoubt, the transaction is
-  // still open and can be ended again.
+  // Commits. When it throws and the state is not InDoubt, the transaction is still open and can be
+  // ended again.
   bool EndTransaction(long long id);
 
   // Forgets what was written since the last commit.
@@ -122,14 +119,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Commits the header alone, with what SetSequence gave it.
   BLOBRING_HIDDEN void CommitHeader();
 
-  // Reads the store record at offset into blob, whose buffer must hold it. Sets
-  // the pair's hash to the record's: a caller that wants a certain blob compares.
-  // False, after a message, when there is another kind of record; throws when the
-  // blob cannot be read or does not match its hash. See BlobPair::Read.
+  // Reads the store record at offset into blob, whose buffer must hold it. Sets the pair's hash to
+  // the record's: a caller that wants a certain blob compares. False, after a message, when there
+  // is another kind of record; throws when the blob cannot be read or does not match its hash. See
+  // BlobPair::Read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
-  // The same in parts, for a reader of many records: what has been read of a record,
-  // which was to be `asked` bytes, and the platform's code where it is less.
+  // The same in parts, for a reader of many records: what has been read of a record, which was to
+  // be `asked` bytes, and the platform's code where it is less.
   struct RecordBytes {
     std::span<const unsigned char> held;
     std::uint32_t asked;
@@ -138,8 +135,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
                                 BlobPair::Patience patience);
 
-  // Throws when a record that was read, whose hash the pair has, is not that of
-  // the blob that was wanted.
+  // Throws when a record that was read, whose hash the pair has, is not that of the blob that was
+  // wanted.
   BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset,
                                    const Hash& wanted) const;
 
@@ -149,36 +146,35 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // GetBlob with a choice.
   BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
 
-  // Replays the committed records and appends their entries to out, whole
-  // transactions only. False, after a message, when the file is damaged; out
-  // then holds what came before the damage. Throws CutShort when the file
-  // ends inside a record or a transaction, and what File throws.
+  // Replays the committed records and appends their entries to out, whole transactions only. False,
+  // after a message, when the file is damaged; out then holds what came before the damage. Throws
+  // CutShort when the file ends inside a record or a transaction, and what File throws.
   bool Load(Entries& out);
 
   // Told by Load how far it has got, in bytes.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
-  // What the last Load found. LoadedAll: exactly what the header counts.
-  // LastIsTorn: all but the last transaction, which was cut off by a power
-  // failure or damaged since. WholeBehind: damage with a whole transaction behind it.
+  // What the last Load found. LoadedAll: exactly what the header counts. LastIsTorn: all but the
+  // last transaction, which was cut off by a power failure or damaged since. WholeBehind: damage
+  // with a whole transaction behind it.
   BLOBRING_HIDDEN bool LoadedAll() const;
   BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.lastIsTorn; }
   BLOBRING_HIDDEN bool WholeBehind() const { return loaded.wholeBehind; }
-  // Where the last whole transaction ends, and where what the header covers
-  // does: at the end of the file if the header does not tell.
+  // Where the last whole transaction ends, and where what the header covers does: at the end of the
+  // file if the header does not tell.
   BLOBRING_HIDDEN std::uint32_t LoadedEnd() const { return loaded.end; }
   BLOBRING_HIDDEN std::uint32_t CoveredEnd() const;
 
-  // Makes the header count exactly what the last Load found, so that the next
-  // transaction follows it. On failure the file is in doubt.
+  // Makes the header count exactly what the last Load found, so that the next transaction follows
+  // it. On failure the file is in doubt.
   BLOBRING_HIDDEN void KeepLoaded();
 
-  // Flushes what an earlier opener may have left unflushed. On failure the file
-  // is in doubt and the result false.
+  // Flushes what an earlier opener may have left unflushed. On failure the file is in doubt and the
+  // result false.
   BLOBRING_HIDDEN bool Secure();
 
-  // Cuts off what lies behind the records, if the file is in order and CutOnClose was
-  // called or space was made blank: call it before the file is closed.
+  // Cuts off what lies behind the records, if the file is in order and CutOnClose was called or
+  // space was made blank: call it before the file is closed.
   BLOBRING_HIDDEN void CutToRecords() noexcept;
   BLOBRING_HIDDEN void CutOnClose() { cutOnClose = true; }
 

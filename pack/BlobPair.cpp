@@ -89,8 +89,8 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
   buffer.size = stored;
 }
 
-// Stops early only on equal sizes: one that has become smaller is read again,
-// too. Leaves the position behind the size or, after a failure, anywhere.
+// Stops early only on equal sizes: one that has become smaller is read again, too. Leaves the
+// position behind the size or, after a failure, anywhere.
 void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) const {
   try {
     for (int i = 0; i < kSizeRereads && buffer.size != stored; ++i) {

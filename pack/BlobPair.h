@@ -18,22 +18,20 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   BlobPair();
   ~BlobPair() override;
 
-  // Whether the MD5 of the whole buffer is the hash. If not: a warning and,
-  // at trace levels from 60000 on, a dump of the buffer.
+  // Whether the MD5 of the whole buffer is the hash. If not: a warning and, at trace levels from
+  // 60000 on, a dump of the buffer.
   bool isValid() const;
 
-  // Reads the blob body (hash, size, data) at the file's position. With
-  // skipData only the hash and the size are taken, and the position moves
-  // past the data. Otherwise the data goes into the buffer, which must hold
-  // it, and is checked: sizes that differ are reported, a buffer that is too
-  // small makes it read the size again 5 times, 200 ms apart, and a buffer
-  // that is larger is checked whole.
-  // Sets hash and, on success, buffer.size. Throws Failure; the file's position
-  // and the buffer's bytes are then undefined.
+  // Reads the blob body (hash, size, data) at the file's position. With skipData only the hash and
+  // the size are taken, and the position moves past the data. Otherwise the data goes into the
+  // buffer, which must hold it, and is checked: sizes that differ are reported, a buffer that is
+  // too small makes it read the size again 5 times, 200 ms apart, and a buffer that is larger is
+  // checked whole. Sets hash and, on success, buffer.size. Throws Failure; the file's position and
+  // the buffer's bytes are then undefined.
   void Read(File& f, bool skipData);
 
-  // What a caller of ReadData has read of the data: that much of `asked` bytes,
-  // and the platform's code where it is less. It may lie in the pair's buffer.
+  // What a caller of ReadData has read of the data: that much of `asked` bytes, and the platform's
+  // code where it is less. It may lie in the pair's buffer.
   struct Data {
     std::span<const unsigned char> held;
     std::uint32_t asked = 0;
@@ -41,8 +39,8 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   };
   enum class Patience { Rereads, None };  // where the buffer is smaller than the stored size
 
-  // The rest of Read, once the pair has its hash and the caller the stored size.
-  // Each byte is read once.
+  // The rest of Read, once the pair has its hash and the caller the stored size. Each byte is read
+  // once.
   BLOBRING_HIDDEN void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored,
                                 const Data& data, Patience patience);
 
@@ -53,6 +51,6 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   BLOBRING_HIDDEN void RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) const;
 };
 
-// Writes the buffer as one line of hexadecimal digits to the raw trace
-// device, at trace levels from 60000 on.
+// Writes the buffer as one line of hexadecimal digits to the raw trace device, at trace levels from
+// 60000 on.
 BLOBRING_EXPORT void DumpBlob(RawBuffer const* b);

@@ -1,8 +1,8 @@
-// A window of a file in memory, for reading it front to back with looks ahead.
-// The buffer is taken from the store's pool when the first byte is wanted.
+// A window of a file in memory, for reading it front to back with looks ahead. The buffer is taken
+// from the store's pool when the first byte is wanted.
 //
-// Offsets are the file's. Throws CutShort (Replay.h) for bytes past the end, what File
-// throws, and Failure when not even 4096 bytes of memory can be had.
+// Offsets are the file's. Throws CutShort (Replay.h) for bytes past the end, what File throws, and
+// Failure when not even 4096 bytes of memory can be had.
 #pragma once
 
 #include <cstdint>
@@ -19,8 +19,8 @@ class FileWindow {
   // What the window holds from offset on, maybe nothing. Valid until the window moves.
   std::span<const unsigned char> Held(std::uint32_t offset) const;
 
-  // The same, at least `least` bytes, or what the window can hold (4096 or more), or
-  // all up to the end of the file; moves the window if it has to.
+  // The same, at least `least` bytes, or what the window can hold (4096 or more), or all up to the
+  // end of the file; moves the window if it has to.
   std::span<const unsigned char> From(std::uint32_t offset, std::uint32_t least);
 
   // Exactly size bytes (at most 4096). Read moves the window, Peek does not.

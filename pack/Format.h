@@ -1,6 +1,6 @@
-// The bytes of a pack or journal file: what its writer and its readers share.
-// docs/format.md shows them as tables. All integers are little-endian,
-// whatever the host; padding is written as zeros and never looked at.
+// The bytes of a pack or journal file: what its writer and its readers share. docs/format.md shows
+// them as tables. All integers are little-endian, whatever the host; padding is written as zeros
+// and never looked at.
 #pragma once
 
 #include <cstdint>
@@ -64,8 +64,8 @@ struct OpHeader {
   }
 };
 
-// The head of a store record: all but the data, which follows. A delete record
-// is the same without the size. The hash is the raw 16 bytes.
+// The head of a store record: all but the data, which follows. A delete record is the same without
+// the size. The hash is the raw 16 bytes.
 struct RecordHead {
   OpHeader op{};
   unsigned char hash[kHashSize] = {};

@@ -1,11 +1,9 @@
-// The last bytes of an open transaction, held in memory: so that small records
-// cost no platform call each, and so that they can be digested later than they
-// are appended.
+// The last bytes of an open transaction, held in memory: so that small records cost no platform
+// call each, and so that they can be digested later than they are appended.
 //
-// Covers the file from Start() to End(). A first part of these bytes may have
-// been written, and a first part digested. The owner empties it with Restart
-// once both are complete. The usual capacity fits the processor's caches; one
-// large record may exceed it.
+// Covers the file from Start() to End(). A first part of these bytes may have been written, and a
+// first part digested. The owner empties it with Restart once both are complete. The usual capacity
+// fits the processor's caches; one large record may exceed it.
 #pragma once
 
 #include <cstdint>
@@ -31,16 +29,16 @@ class GatherBuffer {
   bool Fits(std::uint32_t size) const {
     return bytes.empty() || bytes.size() + size <= kUsualCapacity;
   }
-  // Throws "Unable to allocate memory"; nothing is appended then. Obtain room
-  // for both parts of a record before either is appended.
+  // Throws "Unable to allocate memory"; nothing is appended then. Obtain room for both parts of a
+  // record before either is appended.
   void Reserve(std::uint32_t size);
   void Append(const unsigned char* data, std::uint32_t size);
   // Takes back all from offset on, which is not before Start().
   void Truncate(std::uint32_t offset);
 
-  // Overwrites bytes. Where some of them have been written, all from offset on
-  // counts as not written again, if that is at most mostRewritten bytes; false,
-  // with nothing changed, if it is more.
+  // Overwrites bytes. Where some of them have been written, all from offset on counts as not
+  // written again, if that is at most mostRewritten bytes; false, with nothing changed, if it is
+  // more.
   bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
              std::uint32_t mostRewritten);
 

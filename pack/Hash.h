@@ -20,8 +20,8 @@ class BLOBRING_EXPORT Hash {
   // Takes over 16 bytes as they lie.
   void setHash(unsigned char* source);
 
-  // Bytewise, unsigned, the first byte counting most: the order of the index.
-  // Inline because every look-up compares some 20 times; exported all the same.
+  // Bytewise, unsigned, the first byte counting most: the order of the index. Inline because every
+  // look-up compares some 20 times; exported all the same.
   BLOBRING_EXPORT __attribute__((used)) bool operator<(const Hash& other) const {
     const std::uint64_t a = Word(0);
     const std::uint64_t b = other.Word(0);
@@ -31,8 +31,7 @@ class BLOBRING_EXPORT Hash {
     return std::memcmp(a.bytes, b.bytes, kSize) == 0;
   }
 
-  // Each byte in lower-case hexadecimal without leading zero: 16 to 32
-  // characters, for messages.
+  // Each byte in lower-case hexadecimal without leading zero: 16 to 32 characters, for messages.
   std::string toString() const;
 
   const unsigned char* Bytes() const { return bytes; }

@@ -1,5 +1,4 @@
-// The embedder's function that is told how far a long operation has got, and
-// its wish to stop it.
+// The embedder's function that is told how far a long operation has got, and its wish to stop it.
 #pragma once
 
 #include <cstdint>

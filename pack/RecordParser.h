@@ -1,6 +1,6 @@
-// Takes the store and delete records of one transaction from its bytes, which
-// come in pieces of any size. It believes no length: data is skipped, never
-// copied, and memory grows with the records that have been seen whole.
+// Takes the store and delete records of one transaction from its bytes, which come in pieces of any
+// size. It believes no length: data is skipped, never copied, and memory grows with the records
+// that have been seen whole.
 #pragma once
 
 #include <cstdint>

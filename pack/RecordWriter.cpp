@@ -13,8 +13,8 @@ namespace {
 constexpr std::uint32_t kCommitsBeforeBlank = 32;
 constexpr std::uint32_t kBlankAhead = 64 * 1024;
 constexpr std::uint32_t kLeastBlank = kBlankAhead / 2;  // less than this is refilled
-// A transaction up to this size is written again as a whole when its block is
-// filled in: one call instead of two.
+// A transaction up to this size is written again as a whole when its block is filled in: one call
+// instead of two.
 constexpr std::uint32_t kMostRewritten = 4096;
 
 }  // namespace
@@ -127,8 +127,7 @@ void RecordWriter::DigestBeside(MD5& other, const unsigned char* data, std::uint
 bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
   const std::uint32_t recordsEnd = header.endOffset;
   DigestGathered();
-  // On copies: until the header is written, a failure leaves the transaction
-  // open as it was.
+  // On copies: until the header is written, a failure leaves the transaction open as it was.
   TransactionBlock whole = block;
   whole.length = recordsEnd - blockOffset - format::kBlockSize;
   MD5 digest = md5;

@@ -1,5 +1,5 @@
-// Appends the records of a transaction to a file: gathers them, keeps their
-// digest, and finds out how the commit has to be flushed.
+// Appends the records of a transaction to a file: gathers them, keeps their digest, and finds out
+// how the commit has to be flushed.
 //
 // What a commit rests on. The code cites these rules by number.
 //
@@ -21,8 +21,8 @@
 //       An orderly close cuts it off (BlobFile::CutToRecords).
 //
 // Works on members of the BlobFile that owns it.
-// Errors: what File and the memory manager throw. A record that could not be appended is
-// neither counted nor digested; what was appended before it stays.
+// Errors: what File and the memory manager throw. A record that could not be appended is neither
+// counted nor digested; what was appended before it stays.
 #pragma once
 
 #include <cstdint>
@@ -41,15 +41,15 @@ class RecordWriter {
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
 
-  // The file was opened, emptied or replayed: nothing is gathered and no space
-  // is blank. A journal keeps its buffer between transactions; a pack takes only one.
+  // The file was opened, emptied or replayed: nothing is gathered and no space is blank. A journal
+  // keeps its buffer between transactions; a pack takes only one.
   void Restart(bool forJournal);
 
   // Gathers a start record.
   void Begin(long long id);
 
-  // Gathers a store or delete record and counts it in the header. Data larger
-  // than mostGathered is written from where it lies, after what was gathered.
+  // Gathers a store or delete record and counts it in the header. Data larger than mostGathered is
+  // written from where it lies, after what was gathered.
   void Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered);
 
   // Takes the last record back: the call that appended it could not write it.
@@ -61,13 +61,11 @@ class RecordWriter {
   // Where the bytes end that the file has, the gathered ones not counted.
   std::uint32_t WrittenEnd() const { return gather.WrittenEnd(); }
 
-  // Adds data to another digest and, in the same time, brings the transaction's
-  // own up to date.
+  // Adds data to another digest and, in the same time, brings the transaction's own up to date.
   void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size);
 
-  // Writes the end of the transaction: all but the header. Sets next to the
-  // header that commits it. True when the records have to be flushed before
-  // that header [C1]; false in blank space [C2].
+  // Writes the end of the transaction: all but the header. Sets next to the header that commits it.
+  // True when the records have to be flushed before that header [C1]; false in blank space [C2].
   bool WriteEnd(long long id, format::FileHeader& next);
   // What became of the commit: its header is on disk, or the transaction is open as before.
   void Committed();
@@ -92,8 +90,8 @@ class RecordWriter {
 
   bool isJournal = false;
 
-  // [blankBegin, blankEnd) is blank. Where something was written past the
-  // committed records, blankBegin lies behind it [C3].
+  // [blankBegin, blankEnd) is blank. Where something was written past the committed records,
+  // blankBegin lies behind it [C3].
   std::uint32_t blankBegin = 0;
   std::uint32_t blankEnd = 0;
   std::uint32_t zerosEnd = 0;     // what blankEnd becomes with the commit

@@ -11,11 +11,10 @@ using format::TransactionBlock;
 
 namespace {
 
-// The piece that one transaction of a run is read in, where the window does not
-// hold it; whole blocks of the digest. With the window, a run takes 1 MiB.
+// The piece that one transaction of a run is read in, where the window does not hold it; whole
+// blocks of the digest. With the window, a run takes 1 MiB.
 constexpr std::uint32_t kPieceSize = 48 * 1024;
-// Held from the first transaction of a run on, so that short ones are seldom
-// read one by one.
+// Held from the first transaction of a run on, so that short ones are seldom read one by one.
 constexpr std::uint32_t kLookAhead = 32 * 1024;
 constexpr std::uint32_t kDigestBlock = 64;
 
@@ -74,8 +73,7 @@ void Replay::MarkWhole(std::uint32_t recordCount, std::uint32_t end) {
   result.end = end;
 }
 
-// The transaction at start and those that follow it, up to the first that is
-// not whole.
+// The transaction at start and those that follow it, up to the first that is not whole.
 bool Replay::TakeTransactions(std::uint32_t start, const OpHeader& record) {
   unsigned char bytes[format::kBlockSize];
   window.From(start, kLookAhead);
@@ -115,8 +113,8 @@ void Replay::Add(std::uint32_t start, const OpHeader& record, const TransactionB
   std::memcpy(member.wanted, block.digest, sizeof member.wanted);
 }
 
-// Looks no further than where the header, if it can be believed, says that the
-// records end: leftovers behind that would be digested in vain.
+// Looks no further than where the header, if it can be believed, says that the records end:
+// leftovers behind that would be digested in vain.
 void Replay::AddFollowing() {
   const std::uint32_t limit = std::min(length, std::max(header.endOffset, run[0].end));
   while (runSize < kMost && remaining >= static_cast<std::int32_t>(runSize + 1) * kLeastRecords) {
@@ -223,8 +221,7 @@ bool Replay::Take(Member& member) {
   return true;
 }
 
-// Whether the end record stands where the digest ends; `left` records are still
-// counted.
+// Whether the end record stands where the digest ends; `left` records are still counted.
 bool Replay::EndStandsAt(std::uint32_t offset, std::int32_t left) {
   if (offset == length) return MissingRecords(left);
   unsigned char bytes[format::kEndSize];
@@ -245,9 +242,8 @@ bool Replay::EndStandsAt(std::uint32_t offset, std::int32_t left) {
   }
 }
 
-// A record outside any transaction. No store writes one. It is believed if it
-// is what it says: where a start record did not reach the disk, zeros and the
-// rest of it look like a store record.
+// A record outside any transaction. No store writes one. It is believed if it is what it says:
+// where a start record did not reach the disk, zeros and the rest of it look like a store record.
 bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
   unsigned char bytes[format::kStoreHeadSize] = {};
   record.Encode(bytes);
@@ -287,10 +283,9 @@ bool Replay::HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned 
   return std::memcmp(digest, wanted, sizeof digest) == 0;
 }
 
-// A commit that a power cut tore is the last transaction that the header
-// counts. What is not whole is taken for that unless something shows that it
-// is not the last: its own length, or a whole transaction behind it that ends where the header
-// says.
+// A commit that a power cut tore is the last transaction that the header counts. What is not whole
+// is taken for that unless something shows that it is not the last: its own length, or a whole
+// transaction behind it that ends where the header says.
 void Replay::JudgeRest() {
   const std::uint32_t start = result.end;
   const std::uint32_t end = header.endOffset;
@@ -309,8 +304,8 @@ bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
   if (end > length || OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op !=
                           format::kOpEndTransaction)
     return false;
-  // A start record says how far it is to the end: what merely looks like one seldom
-  // does. The budget is for files that are made to look so at every place.
+  // A start record says how far it is to the end: what merely looks like one seldom does. The
+  // budget is for files that are made to look so at every place.
   std::uint64_t budget = 2 * std::uint64_t{end - result.end};
   std::uint32_t at = result.end + 1;
   while (end - at >= format::kLeastTransaction) {

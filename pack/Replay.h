@@ -1,14 +1,12 @@
-// One pass over the committed records of a file: digests each transaction,
-// takes its entries from the very bytes that it digests, and believes them
-// once the digest has been confirmed. Up to 16 transactions in a row are
-// digested side by side, which makes opening a store of many transactions
+// One pass over the committed records of a file: digests each transaction, takes its entries from
+// the very bytes that it digests, and believes them once the digest has been confirmed. Up to 16
+// transactions in a row are digested side by side, which makes opening a store of many transactions
 // several times as fast. Each byte is digested once.
 //
-// What a store writes is read exactly as far as the header counts, whatever its
-// endOffset says. Anything else ends the replay, with a message: no length is
-// trusted beyond the end of the file, and memory grows with the records that
-// are there. A buffer that the memory manager refuses is tried again smaller,
-// down to 4096 bytes.
+// What a store writes is read exactly as far as the header counts, whatever its endOffset says.
+// Anything else ends the replay, with a message: no length is trusted beyond the end of the file,
+// and memory grows with the records that are there. A buffer that the memory manager refuses is
+// tried again smaller, down to 4096 bytes.
 #pragma once
 
 #include <array>
@@ -23,8 +21,8 @@
 #include "pack/RecordParser.h"
 #include "platform/Trace.h"
 
-// Thrown where a file ends inside a record or a transaction. The text is that
-// of the read that a reader of single records would have made.
+// Thrown where a file ends inside a record or a transaction. The text is that of the read that a
+// reader of single records would have made.
 class CutShort : public Failure {
  public:
   explicit CutShort(const Failure& read) : Failure(FailureCode::Damaged, read.what()) {}
@@ -36,8 +34,8 @@ struct Replayed {
   std::uint32_t end = format::kFileHeaderSize;  // where they end
   bool damaged = false;                         // not all of what the header counts is whole
   std::optional<CutShort> cutShort;             // damaged: the file ends too early
-  // Of what is not whole: it can only be the last transaction that the header
-  // counts; or there is a whole one behind it.
+  // Of what is not whole: it can only be the last transaction that the header counts; or there is a
+  // whole one behind it.
   bool lastIsTorn = false;
   bool wholeBehind = false;
 };

@@ -1,5 +1,5 @@
-// State, slots, single blobs, closing. Transactions, loading, repack and
-// check have files of their own.
+// State, slots, single blobs, closing. Transactions, loading, repack and check have files of their
+// own.
 #include "store/BlobController.h"
 
 #include <stdexcept>

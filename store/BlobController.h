@@ -1,16 +1,15 @@
-// The engine of one open store: slots of pack and journal files, the index of
-// blobs, and the open transaction.
+// The engine of one open store: slots of pack and journal files, the index of blobs, and the open
+// transaction.
 //
-// A store is a ring of slots. The current one is seq modulo their number: its
-// pack holds the compacted blobs of this generation, its journal takes every
-// change. A repack writes the next generation into the next slot and then
-// makes that slot current.
+// A store is a ring of slots. The current one is seq modulo their number: its pack holds the
+// compacted blobs of this generation, its journal takes every change. A repack writes the next
+// generation into the next slot and then makes that slot current.
 //
 // Order of calls: construct, AddPackDir for each slot, Load, then anything.
-// Errors: operations return bool and catch std::exception, with one message
-// that names the operation; where a comment says "throws", it leaves. Changes are refused
-// after a failed flush and after anything has closed the store, until it is opened again; in
-// a store opened for reading; and in a process other than the one that opened it.
+// Errors: operations return bool and catch std::exception, with one message that names the
+// operation; where a comment says "throws", it leaves. Changes are refused after a failed flush and
+// after anything has closed the store, until it is opened again; in a store opened for reading; and
+// in a process other than the one that opened it.
 // Ownership: BlobFile objects are shared by slots, current files and entries.
 // No locks: the caller serialises its calls on one store.
 #pragma once
@@ -51,34 +50,33 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BlobController(const BlobController&) = delete;
   BlobController& operator=(const BlobController&) = delete;
 
-  // Opens the files of the slots for reading alone: nothing on disk is changed,
-  // whatever is found. Call it before AddPackDir.
+  // Opens the files of the slots for reading alone: nothing on disk is changed, whatever is found.
+  // Call it before AddPackDir.
   BLOBRING_HIDDEN void SetReadOnly();
 
-  // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's
-  // directory, created when missing. Throws what BlobFile::Init throws, and
-  // has then added nothing.
+  // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's directory, created when
+  // missing. Throws what BlobFile::Init throws, and has then added nothing.
   bool AddPackDir(std::string dir);
 
-  // Rebuilds the index from the newest pack that reads cleanly and its slot's
-  // journal. False when there is none, or when reading failed: the files have
-  // then been erased. Under DamagePolicy::Keep damage costs no more than what was
-  // damaged, and a copy of what a file loses stays; with no usable pack the files
-  // are moved aside and the store goes on empty; where reading failed, false
-  // leaves every file as it was. A store opened for reading changes no file under either policy.
+  // Rebuilds the index from the newest pack that reads cleanly and its slot's journal. False when
+  // there is none, or when reading failed: the files have then been erased. Under
+  // DamagePolicy::Keep damage costs no more than what was damaged, and a copy of what a file loses
+  // stays; with no usable pack the files are moved aside and the store goes on empty; where reading
+  // failed, false leaves every file as it was. A store opened for reading changes no file under
+  // either policy.
   bool Load();
   void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
 
-  // Records a change in the open transaction. True when there is nothing to
-  // do; false when it could not be written, the transaction being as before.
+  // Records a change in the open transaction. True when there is nothing to do; false when it could
+  // not be written, the transaction being as before.
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
   // Store whose record may wait in memory for the next change or the commit.
   BLOBRING_HIDDEN bool Gather(BlobPair const& blob);
 
-  // Gather for a blob whose hash it computes: the digest runs beside that of the
-  // open transaction, which costs the time of one.
+  // Gather for a blob whose hash it computes: the digest runs beside that of the open transaction,
+  // which costs the time of one.
   BLOBRING_HIDDEN bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
   // Announces changes to these hashes, some dozens, which makes them faster.
@@ -90,17 +88,15 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Bytes of a committed blob, -1 when there is none.
   std::int32_t GetBlobSize(Hash const& hash);
 
-  // Reads a committed blob into the pair's buffer, which must hold it, and
-  // sets its size. False when it is not in the index, or not in its place;
-  // where reading fails, checks and closes the store and throws
-  // std::exception.
+  // Reads a committed blob into the pair's buffer, which must hold it, and sets its size. False
+  // when it is not in the index, or not in its place; where reading fails, checks and closes the
+  // store and throws std::exception.
   bool GetBlob(BlobPair& blob);
 
-  // Reads a committed blob into a buffer of `capacity` bytes, null where that
-  // is 0, and sets size to the blob's where it is Read or TooSmall. Neither
-  // checks nor closes the store and never waits. Failed, after a message,
-  // when it cannot be read or is not what it was, or the store is not loaded;
-  // the buffer's bytes are then undefined.
+  // Reads a committed blob into a buffer of `capacity` bytes, null where that is 0, and sets size
+  // to the blob's where it is Read or TooSmall. Neither checks nor closes the store and never
+  // waits. Failed, after a message, when it cannot be read or is not what it was, or the store is
+  // not loaded; the buffer's bytes are then undefined.
   enum class Fetched { Read, NotFound, Failed, TooSmall };
   BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
                                 std::uint32_t& size);
@@ -114,42 +110,39 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Commits: on disk first, then in the index, where nothing can fail.
   bool EndTransaction(long long id);
 
-  // Copies all blobs into the next slot, or beside the only one. False when
-  // it was refused, the store being as before, or when it failed, the store
-  // being closed and the old generation whole on disk. One that the progress
-  // call stops counts as refused: only the slot that was to be written has
-  // been emptied.
+  // Copies all blobs into the next slot, or beside the only one. False when it was refused, the
+  // store being as before, or when it failed, the store being closed and the old generation whole
+  // on disk. One that the progress call stops counts as refused: only the slot that was to be
+  // written has been emptied.
   bool Repack();
 
-  // Reads every blob and reports every fault. False when there was one. A
-  // check that is started on a thread that is running one returns true at
-  // once. Throws "Unable to allocate memory".
+  // Reads every blob and reports every fault. False when there was one. A check that is started on
+  // a thread that is running one returns true at once. Throws "Unable to allocate memory".
   bool Fsck();
 
-  // Fsck with progress. Stopped: no fault up to there. Throws as well when a
-  // check is running or the store is not loaded.
+  // Fsck with progress. Stopped: no fault up to there. Throws as well when a check is running or
+  // the store is not loaded.
   enum class Checked { Sound, Faulty, Stopped };
   BLOBRING_HIDDEN Checked Check();
 
   // Told by Load, Check and Repack; the context stays the caller's.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall& call) { progress = call; }
 
-  // Forgets the index and closes all files; false when one did not close. No
-  // change is accepted from then on, even where a file has stayed open.
+  // Forgets the index and closes all files; false when one did not close. No change is accepted
+  // from then on, even where a file has stayed open.
   bool Close();
   bool Shutdown(bool flag);
 
   // Erases every file of the store from disk.
   bool DeleteFiles();
 
-  // Enumerates the hashes of the index in ascending order. ResetHashCursor
-  // returns their number; NextHash is false at the end, before a reset, and
-  // once the index has changed.
+  // Enumerates the hashes of the index in ascending order. ResetHashCursor returns their number;
+  // NextHash is false at the end, before a reset, and once the index has changed.
   int ResetHashCursor();
   bool NextHash(unsigned char* hash);
 
-  // Writes the first hash after `after`, or of all for null, to next (16
-  // bytes). False when there is none.
+  // Writes the first hash after `after`, or of all for null, to next (16 bytes). False when there
+  // is none.
   BLOBRING_HIDDEN bool NextHashAfter(const Hash* after, unsigned char* next) const;
 
   struct Statistics {
@@ -234,8 +227,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BlobIndex::iterator hashCursor;    // meaningful while enumerating
   BlobFile::Entries pendingEntries;  // of the open transaction, in order
 
-  // The last pending change to each hash. Its nodes become those of the index
-  // at the commit, which therefore needs no memory.
+  // The last pending change to each hash. Its nodes become those of the index at the commit, which
+  // therefore needs no memory.
   BlobIndex pendingByHash;
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   ProgressCall progress;

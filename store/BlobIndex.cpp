@@ -30,8 +30,7 @@ void BlobIndex::Disposer::operator()(Node* node) const noexcept {
   NodeAllocator().deallocate(node, 1);
 }
 
-// Where the process was placed in memory is what the author of a file cannot
-// know.
+// Where the process was placed in memory is what the author of a file cannot know.
 BlobIndex::BlobIndex()
     : random(static_cast<std::uint32_t>(
                  (reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15ULL) >> 32) |
@@ -96,8 +95,8 @@ void BlobIndex::Add(Node* node) noexcept {
   Reserve(count);
 }
 
-// Puts node, whose hash is not there yet, where its priority wants it. What was
-// there is split into what goes to its left and what goes to its right.
+// Puts node, whose hash is not there yet, where its priority wants it. What was there is split into
+// what goes to its left and what goes to its right.
 void BlobIndex::Place(Node* node) noexcept {
   const Hash& hash = node->blob.first;
   Node** link = &buckets[BucketOf(hash)];
@@ -150,8 +149,8 @@ void BlobIndex::Clear() noexcept {
   TakeAll([](Handle) {});
 }
 
-// Turns a tree into a list in order, linked by right, without the memory that
-// a recursion would take.
+// Turns a tree into a list in order, linked by right, without the memory that a recursion would
+// take.
 BlobIndex::Node* BlobIndex::Flatten(Node* root) {
   Node* first = nullptr;
   Node** link = &first;
@@ -170,8 +169,8 @@ BlobIndex::Node* BlobIndex::Flatten(Node* root) {
   return first;
 }
 
-// Deals the nodes out to as many buckets as so many blobs want; leaves all as
-// it is where there is no memory.
+// Deals the nodes out to as many buckets as so many blobs want; leaves all as it is where there is
+// no memory.
 void BlobIndex::Resize(std::size_t blobs) noexcept {
   const std::size_t wanted = BucketsFor(blobs);
   const std::size_t present = LastBucket() + 1;

@@ -1,20 +1,18 @@
 // The index of a store: one node for each blob, in the order of the hashes.
 //
-// Hashes are digests and so evenly spread: their first bits say nearly where
-// in the order a hash stands. A directory divides the order into buckets by
-// those bits, one or two blobs in each, and every bucket is a search tree of
-// its own. A look-up so reads one place in the directory and one or two nodes,
-// where a single tree reads one for each doubling, and a change touches no
-// others. Keys that are no digests, which a hostile file can hold, may all fall
-// into one bucket: the trees are treaps, balanced by priorities that no file
-// can foresee, so that one bucket of n blobs still takes log n.
+// Hashes are digests and so evenly spread: their first bits say nearly where in the order a hash
+// stands. A directory divides the order into buckets by those bits, one or two blobs in each, and
+// every bucket is a search tree of its own. A look-up so reads one place in the directory and one
+// or two nodes, where a single tree reads one for each doubling, and a change touches no others.
+// Keys that are no digests, which a hostile file can hold, may all fall into one bucket: the trees
+// are treaps, balanced by priorities that no file can foresee, so that one bucket of n blobs still
+// takes log n.
 //
-// The directory takes 2 to 4 bytes for each blob on a 32-bit host and twice
-// that on a 64-bit one. It can do without growing: where there is no memory
-// for it, the trees get deeper.
+// The directory takes 2 to 4 bytes for each blob on a 32-bit host and twice that on a 64-bit one.
+// It can do without growing: where there is no memory for it, the trees get deeper.
 //
-// Nodes keep their place in memory; iterators stay good until their blob is
-// erased. Nothing throws but what allocates a node.
+// Nodes keep their place in memory; iterators stay good until their blob is erased. Nothing throws
+// but what allocates a node.
 #pragma once
 
 #include <cstddef>
@@ -95,13 +93,11 @@ class BlobIndex {
   // The first blob whose hash is greater.
   const_iterator After(const Hash& hash) const { return {this, NodeAfter(hash)}; }
 
-  // The entry of a hash; a blank one is made, with the one allocation of its
-  // node, where there is none. Says in isNew which it was. Throws "Unable to
-  // allocate memory".
+  // The entry of a hash; a blank one is made, with the one allocation of its node, where there is
+  // none. Says in isNew which it was. Throws "Unable to allocate memory".
   iterator FindOrMake(const Hash& hash, bool& isNew);
 
-  // Takes over a node, whose entry replaces that of the same hash if there is
-  // one.
+  // Takes over a node, whose entry replaces that of the same hash if there is one.
   void Insert(Handle node) noexcept;
 
   void Erase(const Hash& hash) noexcept;
@@ -117,8 +113,8 @@ class BlobIndex {
     }
   }
 
-  // Empties the index in order, node by node, and keeps no memory. What takes
-  // a node must not throw.
+  // Empties the index in order, node by node, and keeps no memory. What takes a node must not
+  // throw.
   template <class Take>
   void TakeAll(Take take) {
     for (std::size_t bucket = 0; bucket <= LastBucket(); ++bucket) {
@@ -135,15 +131,14 @@ class BlobIndex {
   // Makes room in the directory, if there is memory, for so many blobs in all.
   void Reserve(std::size_t blobs) noexcept;
 
-  // Starts to bring what look-ups of these hashes will read into the processor's
-  // caches.
+  // Starts to bring what look-ups of these hashes will read into the processor's caches.
   void Prefetch(const Hash* hashes, std::size_t hashCount) const {
     for (std::size_t i = 0; i < hashCount; ++i) Fetch(&buckets[BucketOf(hashes[i])]);
     for (std::size_t i = 0; i < hashCount; ++i) PrefetchNode(buckets[BucketOf(hashes[i])]);
   }
 
-  // The same for a list whose hashes are looked up in its order: call it before the
-  // look-up of entries[i].
+  // The same for a list whose hashes are looked up in its order: call it before the look-up of
+  // entries[i].
   template <class Entries>
   void PrefetchBehind(const Entries& entries, std::size_t i) const {
     constexpr std::size_t kAhead = 8;
@@ -152,8 +147,8 @@ class BlobIndex {
   }
 
  private:
-  // Buckets ahead of a walk in order: of the farther one the root is fetched, of
-  // the nearer one what lies below the root.
+  // Buckets ahead of a walk in order: of the farther one the root is fetched, of the nearer one
+  // what lies below the root.
   static constexpr std::size_t kRootsAhead = 16;
   static constexpr std::size_t kNodesAhead = 6;
 
@@ -161,8 +156,8 @@ class BlobIndex {
     return static_cast<std::size_t>(hash.Prefix() >> shift);
   }
   std::size_t LastBucket() const { return static_cast<std::size_t>(~std::uint64_t{0} >> shift); }
-  // The empty statement keeps g++ from taking functions that do nothing else
-  // for functions that do nothing.
+  // The empty statement keeps g++ from taking functions that do nothing else for functions that do
+  // nothing.
   static void Fetch(const void* address) {
     __builtin_prefetch(address);
     asm volatile("");

@@ -1,5 +1,5 @@
-// BlobController: fetching for callers that ask before they know, and what a
-// store tells about itself.
+// BlobController: fetching for callers that ask before they know, and what a store tells about
+// itself.
 #include <cstring>
 #include <string>
 

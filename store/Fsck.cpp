@@ -91,8 +91,8 @@ bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const&
   return false;
 }
 
-// Reports what is wrong with a blob that did not verify. The store stays open and
-// the check goes on.
+// Reports what is wrong with a blob that did not verify. The store stays open and the check goes
+// on.
 bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
                                BlobFile::BlobFileEntry const& entry, int position) {
   BlobPair pair;

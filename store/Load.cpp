@@ -63,9 +63,8 @@ void BlobController::LoadFiles() {
   loaded = true;
 }
 
-// Highest sequence first, equal ones in the order of their slots. A pack of
-// sequence -1 was emptied by a repack and never completed: what it holds is
-// nothing that this store would count.
+// Highest sequence first, equal ones in the order of their slots. A pack of sequence -1 was emptied
+// by a repack and never completed: what it holds is nothing that this store would count.
 bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
   Files packs;
   packs.reserve(packFiles.size());
@@ -90,9 +89,8 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
   return false;
 }
 
-// False when it is damaged. To a store that erases, a pack that ends too
-// early is not damage but a failure of the whole load, and one that counts no
-// record is empty.
+// False when it is damaged. To a store that erases, a pack that ends too early is not damage but a
+// failure of the whole load, and one that counts no record is empty.
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
   const bool keeps = damagePolicy == DamagePolicy::Keep || readOnly;
   pack.SetProgress(&progress);
@@ -107,10 +105,10 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
   }
 }
 
-// A pack that was cut to nothing, or whose header was lost, does not say that it was
-// the newest. Its journal may: it takes the pack's sequence with a commit in the
-// session of the repack, and keeps the mark of having been emptied by one
-// otherwise. What such a journal holds rests on blobs that are not there.
+// A pack that was cut to nothing, or whose header was lost, does not say that it was the newest.
+// Its journal may: it takes the pack's sequence with a commit in the session of the repack, and
+// keeps the mark of having been emptied by one otherwise. What such a journal holds rests on blobs
+// that are not there.
 void BlobController::FindLostPack() {
   if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
   for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
@@ -153,18 +151,17 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
           "damaged since: the store "
           "is as it was before it",
           journal.path);
-    // Whole transactions stay, in the index and on disk, and the next one
-    // follows them: over what the damage left.
+    // Whole transactions stay, in the index and on disk, and the next one follows them: over what
+    // the damage left.
     if (!readOnly && SetAside(journal)) journal.KeepLoaded();
   }
   Apply(entries, curJournal);
   progress.Stops(ProgressCall::kLoad, journal.header.endOffset, journal.header.endOffset);
 }
 
-// Leaves a copy of what a journal is about to lose: its header and what the
-// header covers behind the whole transactions. False where that cannot be: the
-// journal is then left as it is and changes are refused. A store that erases
-// keeps only damage that has a whole transaction behind it.
+// Leaves a copy of what a journal is about to lose: its header and what the header covers behind
+// the whole transactions. False where that cannot be: the journal is then left as it is and changes
+// are refused. A store that erases keeps only damage that has a whole transaction behind it.
 bool BlobController::SetAside(BlobFile& journal) {
   constexpr unsigned kMostCopies = 16;
   if (damagePolicy == DamagePolicy::Erase && !journal.WholeBehind()) return true;
@@ -193,10 +190,9 @@ bool BlobController::SetAside(BlobFile& journal) {
   }
 }
 
-// A process may have died between writing this file and flushing it. What is
-// read from memory here must be on disk before anything is built on it: a
-// pack before commits to its journal, a journal's header before records are
-// written over what an older header counts.
+// A process may have died between writing this file and flushing it. What is read from memory here
+// must be on disk before anything is built on it: a pack before commits to its journal, a journal's
+// header before records are written over what an older header counts.
 void BlobController::Secure(BlobFile& file) const {
   if (file.Secure()) return;
   trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
@@ -225,10 +221,9 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
   }
 }
 
-// Moves every file aside and goes on with fresh ones. Journals first: a journal
-// is never left beside a fresh pack, which a load would take for its own. If the
-// process dies half way, the next load finds no journal and either moves the
-// packs that are left or finds the store empty.
+// Moves every file aside and goes on with fresh ones. Journals first: a journal is never left
+// beside a fresh pack, which a load would take for its own. If the process dies half way, the next
+// load finds no journal and either moves the packs that are left or finds the store empty.
 void BlobController::MoveFilesAside() {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   trace::engine.WriteErrorV(

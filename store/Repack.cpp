@@ -1,12 +1,11 @@
 // BlobController: writing the next generation.
 //
-// At every moment the disk holds one whole generation that a load will find.
-// With two slots or more the new one goes into the next slot, whose files are
-// emptied first; the header of its pack, written and flushed after all that
-// it counts, makes it the newest. Where the next slot is the current one, as
-// with a single slot, it goes into a file beside the pack, which then takes
-// the pack's place in one step; only then is the current journal emptied:
-// replayed over the new pack, it gives the same blobs.
+// At every moment the disk holds one whole generation that a load will find. With two slots or more
+// the new one goes into the next slot, whose files are emptied first; the header of its pack,
+// written and flushed after all that it counts, makes it the newest. Where the next slot is the
+// current one, as with a single slot, it goes into a file beside the pack, which then takes the
+// pack's place in one step; only then is the current journal emptied: replayed over the new pack,
+// it gives the same blobs.
 #include <algorithm>
 #include <limits>
 #include <string>
@@ -20,12 +19,11 @@
 
 namespace {
 
-// Leaves a repack that the embedder stopped. No std::exception: it is no
-// failure.
+// Leaves a repack that the embedder stopped. No std::exception: it is no failure.
 struct Stopped {};
 
-// Gives back what a repack that did not commit has written: a slot's pack stays
-// as it was emptied, older than any generation; a file beside the pack goes.
+// Gives back what a repack that did not commit has written: a slot's pack stays as it was emptied,
+// older than any generation; a file beside the pack goes.
 void DropUnfinished(const boost::shared_ptr<BlobFile>& file, bool isSlot) {
   if (!file) return;
   try {
@@ -73,8 +71,8 @@ void BlobController::RequireRepackable() const {
     throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
   if (RepackedSize(SizesOf()) > format::kMaxFileSize)
     throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
-  // No store writes one. A pack that was only emptied, of sequence -1, would
-  // be taken for newer, and one step on is that number itself.
+  // No store writes one. A pack that was only emptied, of sequence -1, would be taken for newer,
+  // and one step on is that number itself.
   if (seq < 0) throw Failure(FailureCode::Refused, "the sequence number of the pack is negative");
   if (seq == std::numeric_limits<std::int32_t>::max())
     throw Failure(FailureCode::Refused, "the sequence numbers are used up");
@@ -118,9 +116,9 @@ bool BlobController::Repack() {
   return false;
 }
 
-// The slot that is next may hold what the load had to pass over, or what it did
-// not look at: a pack that has lost its header does not say that it is the newest. No
-// repack empties it before both files have been copied.
+// The slot that is next may hold what the load had to pass over, or what it did not look at: a pack
+// that has lost its header does not say that it is the newest. No repack empties it before both
+// files have been copied.
 void BlobController::KeepSlot(std::uint32_t slot) const {
   if (!packFiles[slot]->IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
   for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
@@ -180,8 +178,8 @@ void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
   curJournal = journal;
 }
 
-// A directory that was renamed since the store was opened has taken the pack with
-// it. What its path leads to now is not this store's to replace.
+// A directory that was renamed since the store was opened has taken the pack with it. What its path
+// leads to now is not this store's to replace.
 void BlobController::RequireInPlace(const BlobFile& pack) {
   if (pack.file.isAt(pack.path)) return;
   throw Failure(FailureCode::Refused, pack.path, " no longer leads to the pack that is open");
@@ -195,9 +193,9 @@ void BlobController::PointTo(const BlobFile::Entries& copied) {
   }
 }
 
-// Writes all that the index holds into target as one transaction of id 0 and
-// commits it. Returns where the blobs lie in it; the index still says where they
-// lay. A pack without a record gets no transaction: an empty one would not load.
+// Writes all that the index holds into target as one transaction of id 0 and commits it. Returns
+// where the blobs lie in it; the index still says where they lay. A pack without a record gets no
+// transaction: an empty one would not load.
 BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
   BlobFile::Entries entries;
   entries.reserve(blobs.size());
@@ -237,8 +235,8 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
   return entries;
 }
 
-// False when the blob is not there. One that is there and damaged ends the run,
-// and the table tells where everything lay.
+// False when the blob is not there. One that is there and damaged ends the run, and the table tells
+// where everything lay.
 bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
                                  const BlobFile::Entries& entries, std::size_t number) {
   BlobPair pair;

@@ -46,9 +46,9 @@ bool BlobController::BlobExists(Hash const& hash) const {
   return blobs.Find(hash) != blobs.end();
 }
 
-// Writes one change and notes it as pending; write fills in the entry. All
-// memory is obtained first, so that a record that has been written is also
-// known. Throws what writing throws; the transaction is then as before.
+// Writes one change and notes it as pending; write fills in the entry. All memory is obtained
+// first, so that a record that has been written is also known. Throws what writing throws; the
+// transaction is then as before.
 template <class Write>
 bool BlobController::Change(Hash const& hash, Write write) {
   if (pendingEntries.size() == pendingEntries.capacity())
@@ -129,8 +129,7 @@ bool BlobController::Delete(Hash const& hash) {
   }
 }
 
-// What was written lies past the journal's committed end, where the next
-// transaction goes.
+// What was written lies past the journal's committed end, where the next transaction goes.
 void BlobController::AbandonPending() {
   if (pendingEntries.empty()) return;
   if (curJournal) curJournal->CancelTransaction();
@@ -168,9 +167,8 @@ bool BlobController::EndTransaction(long long id) {
   return true;
 }
 
-// Past the commit point: the changes are on disk and must take effect. For
-// each hash its last change decides; a blob that is stored again takes the
-// place of the one that was deleted before.
+// Past the commit point: the changes are on disk and must take effect. For each hash its last
+// change decides; a blob that is stored again takes the place of the one that was deleted before.
 void BlobController::ApplyPending() noexcept {
   enumerating = false;
   const auto isStore = [](const BlobFile::BlobFileEntry& entry) {
@@ -195,8 +193,8 @@ void BlobController::ApplyPending() noexcept {
   if (pendingEntries.capacity() > kKeptEntries) ShrinkPending();
 }
 
-// Gives a long list's memory back and keeps the room that every transaction
-// has; where there is none, the next change finds some.
+// Gives a long list's memory back and keeps the room that every transaction has; where there is
+// none, the next change finds some.
 void BlobController::ShrinkPending() noexcept {
   BlobFile::Entries().swap(pendingEntries);
   try {

@@ -1,6 +1,6 @@
-// md5_bench [TURNS]: the speed of every digest engine as a multiple of
-// OpenSSL's. All of them take turns in one process, so that a slow moment of the
-// machine affects all; a ratio is the median of the ratios of each turn.
+// md5_bench [TURNS]: the speed of every digest engine as a multiple of OpenSSL's. All of them take
+// turns in one process, so that a slow moment of the machine affects all; a ratio is the median of
+// the ratios of each turn.
 #include <openssl/evp.h>
 #include <time.h>
 

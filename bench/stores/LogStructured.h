@@ -1,5 +1,5 @@
-// LevelDB and RocksDB, whose interfaces differ in few places. Library names the
-// types of one of them and holds those places.
+// LevelDB and RocksDB, whose interfaces differ in few places. Library names the types of one of
+// them and holds those places.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Blobring for C++20: a store as an object, over the flat calls of
-// blobring.h. Header-only; link with the library.
+// Blobring for C++20: a store as an object, over the flat calls of blobring.h. Header-only; link
+// with the library.
 //
 //   blobring::Store store("/data/store");
 //   blobring::Transaction change(store);
@@ -7,11 +7,10 @@
 //   change.commit();  // from here on it survives a power cut
 //   std::optional<std::vector<std::byte>> data = store.get(hash);
 //
-// Errors: a failure throws blobring::Error. Asking for an absent blob is no
-// failure and costs a look-up.
-// Threads: as in blobring.h. Different stores may be used on different threads,
-// but constructing, moving, closing and destroying a store must not overlap with
-// any other use of a store.
+// Errors: a failure throws blobring::Error. Asking for an absent blob is no failure and costs a
+// look-up.
+// Threads: as in blobring.h. Different stores may be used on different threads, but constructing,
+// moving, closing and destroying a store must not overlap with any other use of a store.
 #ifndef BLOBRING_STORE_H
 #define BLOBRING_STORE_H
 
@@ -54,8 +53,8 @@ class Error : public std::runtime_error {
   int code_;
 };
 
-// The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered
-// bytewise, as a store enumerates.
+// The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered bytewise, as a store
+// enumerates.
 class Hash {
  public:
   static constexpr std::size_t kSize = BLOBRING_HASH_SIZE;
@@ -114,9 +113,8 @@ enum class Operation {
   Repack = BLOBRING_REPACKING
 };
 
-// Progress callback, see BCProgress. Return false to stop; ignored during a
-// load. An exception stops the operation too, and reaches the caller when it has
-// ended. Must not call a store.
+// Progress callback, see BCProgress. Return false to stop; ignored during a load. An exception
+// stops the operation too, and reaches the caller when it has ended. Must not call a store.
 using Progress = std::function<bool(Operation operation, std::uint64_t done, std::uint64_t total)>;
 
 // How a store is opened, see BCOptions.
@@ -139,8 +137,8 @@ class Transaction;
 
 class Store {
  public:
-  // Opens the store in an existing directory, or creates its files there. Throws
-  // Error when the files do not agree with the options, see BCOpen.
+  // Opens the store in an existing directory, or creates its files there. Throws Error when the
+  // files do not agree with the options, see BCOpen.
   explicit Store(const std::filesystem::path& directory, const Options& options = {}) {
     std::vector<std::string> names;
     for (const std::filesystem::path& pack : options.packDirectories)
@@ -182,9 +180,9 @@ class Store {
   // Closes the store and abandons its transaction. Every later call fails.
   inline void close() noexcept;
 
-  // Stores a blob in the open transaction, or commits it at once without one.
-  // Returns its hash. A blob that is present is not written again. After an Error
-  // the transaction can still be committed, without the blob.
+  // Stores a blob in the open transaction, or commits it at once without one. Returns its hash. A
+  // blob that is present is not written again. After an Error the transaction can still be
+  // committed, without the blob.
   inline Hash put(std::span<const std::byte> data);
   Hash put(std::string_view text) { return put(std::as_bytes(std::span(text))); }
 
@@ -197,9 +195,8 @@ class Store {
     return data;
   }
 
-  // Copies a committed blob to the beginning of buffer and returns its size;
-  // nothing when it is absent. Copies nothing when the size returned is larger
-  // than the buffer.
+  // Copies a committed blob to the beginning of buffer and returns its size; nothing when it is
+  // absent. Copies nothing when the size returned is larger than the buffer.
   std::optional<std::size_t> get(const Hash& hash, std::span<std::byte> buffer) const {
     constexpr std::size_t kMost = static_cast<std::size_t>(std::numeric_limits<int>::max());
     const int capacity = static_cast<int>(buffer.size() < kMost ? buffer.size() : kMost);
@@ -225,8 +222,8 @@ class Store {
   // Deletes a blob if it is present; commits as put does.
   inline void erase(const Hash& hash);
 
-  // Iterates over the committed hashes in ascending order. The store may change
-  // meanwhile: changes behind the iterator go unnoticed.
+  // Iterates over the committed hashes in ascending order. The store may change meanwhile: changes
+  // behind the iterator go unnoticed.
   class HashIterator {
    public:
     using iterator_category = std::input_iterator_tag;
@@ -283,9 +280,9 @@ class Store {
     return statistics;
   }
 
-  // Copies every blob into the next slot, which frees the space of deleted ones.
-  // Returns false when progress stopped it; the store is as it was. After an
-  // Error it is as it was or closed; stats().loaded tells.
+  // Copies every blob into the next slot, which frees the space of deleted ones. Returns false when
+  // progress stopped it; the store is as it was. After an Error it is as it was or closed;
+  // stats().loaded tells.
   bool repack(const Progress& progress = {}) {
     bool stopped = false;
     const int result = watched(progress, stopped, [this] { return BCRepack(index_); });
@@ -294,8 +291,8 @@ class Store {
     throw failure("repack", index_);
   }
 
-  // Reads every blob and checks it against its hash. Faults go to the trace;
-  // lastFailure() has the first ones.
+  // Reads every blob and checks it against its hash. Faults go to the trace; lastFailure() has the
+  // first ones.
   enum class Checked { Sound, Faulty, Stopped };
   Checked check(const Progress& progress = {}) const {
     bool stopped = false;
@@ -371,8 +368,8 @@ class Store {
   Transaction* open_ = nullptr;
 };
 
-// A transaction on a store, at most one at a time. The destructor abandons the
-// changes since the constructor unless they are committed. The store may be moved.
+// A transaction on a store, at most one at a time. The destructor abandons the changes since the
+// constructor unless they are committed. The store may be moved.
 class Transaction {
  public:
   // Any id will do. It is kept with the blobs, and a repack orders them by it.
@@ -390,9 +387,8 @@ class Transaction {
     store_->open_ = nullptr;
   }
 
-  // Once this returns, the changes survive a power cut. After an Error they are
-  // still pending and it can be called again, unless the code is
-  // BLOBRING_ERROR_IN_DOUBT; see BCEndTransaction.
+  // Once this returns, the changes survive a power cut. After an Error they are still pending and
+  // it can be called again, unless the code is BLOBRING_ERROR_IN_DOUBT; see BCEndTransaction.
   void commit() {
     if (store_ == nullptr)
       throw Error("blobring: commit: the transaction has ended", BLOBRING_ERROR_CLOSED);
