@@ -1,5 +1,5 @@
-// One exported call from entry to return: the store that it works on, whether its arguments are
-// valid, and what becomes of what the store throws.
+// One exported call from entry to return: finds the store, checks the arguments, and turns what the
+// store throws into a failure value.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +30,8 @@ inline BlobPair PairOf(const unsigned char* hash, const unsigned char* data, int
   return pair;
 }
 
-// What a call leaves behind when it has caught a failure: a warning of prefix, the failure's text
-// and, if there is a hash, separator and hash; and a numeric record, unless errorId is 0.
+// How a call reports a failure that it has caught: a warning of prefix, the failure's text and, if
+// there is a hash, separator and hash; and a numeric record, unless errorId is 0.
 struct Handler {
   const char* prefix;
   std::uint32_t errorId = 0;
@@ -39,12 +39,11 @@ struct Handler {
   const char* separator = " hash=";
 };
 
-// What is traced until the Call goes is the text of the store's last failure, or of the thread's
-// for a call that belongs to no store.
+// Until the Call is destroyed, whatever is traced becomes the text of the store's last failure, or
+// of the thread's for a call that belongs to no store.
 //
-// A function of the host's that runs inside a call must not call back. A call on a store from there
-// is refused, and so is one that opens or disposes of one: the object that the outer call works on
-// could go.
+// A function of the host's that runs inside a call must not call back: the inner call could remove
+// the object that the outer one works on. Such a call is refused.
 class Call {
  public:
   Call(const char* callName, int storeIndex);
@@ -53,17 +52,17 @@ class Call {
   Call& operator=(const Call&) = delete;
   ~Call();
 
-  // False, after a message, when the call is refused.
+  // False, after a message, if the call is refused.
   explicit operator bool() const { return !refused_; }
   BlobController& Store() const { return *store_; }
 
-  // Of a call without a store that makes or drops one: false when refused.
+  // For a call that opens or disposes of a store: false if it is refused.
   bool MayChangeRegistry();
 
-  // Traces into a store's text from here on, unless it runs in another call.
+  // Sends what is traced to a store's text from here on, unless this runs inside another call.
   void BelongsTo(registry::Entry& entry) const;
 
-  // False, after a message or when the call is refused, if pointer is null.
+  // False if pointer is null, after a message, or if the call is refused.
   bool Has(const char* argument, const void* pointer) {
     if (!refused_ && pointer == nullptr) Refuse(FailureCode::Argument, Text(argument, " is null"));
     return !refused_ && pointer != nullptr;
@@ -85,7 +84,7 @@ class Call {
     }
   }
 
-  // The calls that this one runs in have ended, whether they return or not.
+  // The calls around this one count as ended, whether they return or not.
   void EndOuterCalls() { outerCalls_ = 0; }
 
  private:

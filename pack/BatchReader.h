@@ -1,10 +1,8 @@
-// Reads many blobs at once and digests them side by side: a check and a repack read blobs that have
-// nothing to do with one another.
+// Reads many blobs at once and digests them side by side, for a check and a repack.
 //
-// Add() collects what one buffer can hold. Verify() reads it, records that lie together in one
-// call, and digests it; it says nothing. Take() is for a blob that did not verify: it judges the
-// bytes that were read, as BlobFile::GetBlob would, with its messages and exceptions. Each record
-// is read once.
+// Add() collects what one buffer can hold. Verify() reads it, adjacent records in one call, and
+// digests it, without messages. Take() judges the bytes of a blob that did not verify as
+// BlobFile::GetBlob would, with its messages and exceptions. Each record is read once.
 #pragma once
 
 #include <array>
@@ -19,8 +17,8 @@ class BatchReader {
  public:
   static constexpr std::size_t kMaxBlobs = 256;
 
-  // For blobs of at most largestBlob bytes and totalSize in all. Where there is no memory for many
-  // at once, takes as little as the largest one needs. Throws Failure("Unable to allocate memory").
+  // For blobs of at most largestBlob bytes each and totalSize bytes in all. If memory is short, the
+  // buffer holds only the largest blob. Throws Failure("Unable to allocate memory").
   BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize, std::size_t count);
 
   // Starts the next batch.
@@ -37,8 +35,8 @@ class BatchReader {
   // The blob's bytes, of its entry's size; undefined if it is not sound.
   unsigned char* Data(std::size_t i) { return buffer.data() + slots[i].data; }
 
-  // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes Data(i). A sound
-  // record of another blob is damage as well.
+  // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes Data(i). Throws
+  // also if the record is that of another blob.
   bool Take(std::size_t i, BlobPair& pair);
 
  private:

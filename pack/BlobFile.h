@@ -1,22 +1,22 @@
 // One append-only file of blob records. Packs and journals share this class and every byte of the
 // format; only the mode word differs.
 //
-// A record counts once the header that counts it is on disk. How a commit gets there is
-// RecordWriter's: its rules C1 to C5. Bytes past header.endOffset are leftovers that the next write
-// covers; no reader looks at them.
+// A record counts once the header that counts it is on disk. RecordWriter says how a commit gets
+// there: rules C1 to C5. Bytes past header.endOffset are leftovers that the next write covers; no
+// reader looks at them.
 //
 //   Clean ──StartTransaction──▶ InTransaction ──EndTransaction, Cancel──▶ Clean
 //   any ──a flush fails──▶ InDoubt              until Init
 //   Clean ──ReadHeader, Load──▶ Damaged         until Reset or KeepLoaded
 //
-// InDoubt: what the disk holds is unknown, so nothing more is written. Damaged: the header is not
-// one that this class writes, or does not count what is there; nothing is written through it. Both
-// can be read.
+// InDoubt: what the disk holds is unknown; nothing more is written. Damaged: the header is not one
+// that this class writes, or does not count what is there; nothing is written through it. Files in
+// either state can be read.
 //
 // Owns its File. The destructor closes it and leaves the header alone, so a transaction that was
 // not ended is gone at the next load.
-// Errors: what File throws passes through, and Failure of its own. After a throw the file is as it
-// was before the call, as far as a later load can tell, and the call can be made again.
+// Errors: what File throws passes through, and Failure of its own. After a throw the file is, to a
+// later load, as it was before the call, and the call can be repeated.
 // No locks: one caller at a time. Sizes and offsets are bytes, 32 bits.
 #pragma once
 
@@ -67,13 +67,13 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BlobFile& operator=(const BlobFile& other);
   ~BlobFile() override;
 
-  // Opens the file exclusively, creating it when it is missing, and reads its header. Writes a
-  // fresh one, flushed, into an empty file and into one that was cut off while it was created: at
-  // most 24 bytes that are all zeros, or the beginning of a fresh header. Any other file too short
-  // for a header throws.
+  // Opens the file exclusively, creates it if it is missing, and reads its header. Writes a fresh
+  // one, flushed, into an empty file and into one that was cut off while it was created: at most 24
+  // bytes that are all zeros, or the beginning of a fresh header. Any other file too short for a
+  // header throws.
   void Init(std::string filePath, BlobFileMode fileMode, unsigned int reserved);
 
-  // Opens a file that exists for reading alone. An empty or cut-off one passes for one with a fresh
+  // Opens an existing file for reading only. An empty or cut-off one counts as one with a fresh
   // header.
   BLOBRING_HIDDEN void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);
 
@@ -96,17 +96,17 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Appends a delete record for entry.hash; sets op and offset.
   bool Delete(BlobFileEntry& entry);
 
-  // StartTransaction and Store whose records may wait in memory until the next call that writes.
+  // StartTransaction and Store, but the records may stay in memory until the next call that writes.
   BLOBRING_HIDDEN void BeginTransaction(long long id);
   BLOBRING_HIDDEN void Gather(BlobFileEntry& entry, const BlobPair& blob);
 
-  // Adds data to another digest and, in the same time, brings the open transaction's own up to
-  // date.
+  // Adds data to another digest and, side by side with it, the waiting records to the transaction's
+  // own.
   BLOBRING_HIDDEN void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
     writer.DigestBeside(other, data, size);
   }
 
-  // Commits. When it throws and the state is not InDoubt, the transaction is still open and can be
+  // Commits. If it throws and the state is not InDoubt, the transaction is still open and can be
   // ended again.
   bool EndTransaction(long long id);
 
@@ -125,8 +125,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // BlobPair::Read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
-  // The same in parts, for a reader of many records: what has been read of a record, which was to
-  // be `asked` bytes, and the platform's code where it is less.
+  // The same in two steps, for a reader of many records: `held` is what was read of a record when
+  // `asked` bytes were wanted, `code` the platform's error if it is less.
   struct RecordBytes {
     std::span<const unsigned char> held;
     std::uint32_t asked;
@@ -135,15 +135,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
                                 BlobPair::Patience patience);
 
-  // Throws when a record that was read, whose hash the pair has, is not that of the blob that was
-  // wanted.
+  // Throws if the record that was read is not that of the wanted blob.
   BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset,
                                    const Hash& wanted) const;
 
   BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes,
                                        std::uint32_t size);
 
-  // GetBlob with a choice.
+  // GetBlob, with or without waiting for a size that does not fit.
   BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
 
   // Replays the committed records and appends their entries to out, whole transactions only. False,
@@ -151,7 +150,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // CutShort when the file ends inside a record or a transaction, and what File throws.
   bool Load(Entries& out);
 
-  // Told by Load how far it has got, in bytes.
+  // Load reports its progress to it, in bytes.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
   // What the last Load found. LoadedAll: exactly what the header counts. LastIsTorn: all but the
@@ -160,8 +159,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN bool LoadedAll() const;
   BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.lastIsTorn; }
   BLOBRING_HIDDEN bool WholeBehind() const { return loaded.wholeBehind; }
-  // Where the last whole transaction ends, and where what the header covers does: at the end of the
-  // file if the header does not tell.
+  // Where the last whole transaction ends, and where the records that the header counts end: at the
+  // end of the file if the header cannot be believed.
   BLOBRING_HIDDEN std::uint32_t LoadedEnd() const { return loaded.end; }
   BLOBRING_HIDDEN std::uint32_t CoveredEnd() const;
 
@@ -169,12 +168,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // it. On failure the file is in doubt.
   BLOBRING_HIDDEN void KeepLoaded();
 
-  // Flushes what an earlier opener may have left unflushed. On failure the file is in doubt and the
-  // result false.
+  // Flushes what an earlier opener may have left unflushed. On failure returns false and the file
+  // is in doubt.
   BLOBRING_HIDDEN bool Secure();
 
-  // Cuts off what lies behind the records, if the file is in order and CutOnClose was called or
-  // space was made blank: call it before the file is closed.
+  // Cuts off what lies behind the records, if the file is sound and CutOnClose was called or blank
+  // space was made. Call it before closing the file.
   BLOBRING_HIDDEN void CutToRecords() noexcept;
   BLOBRING_HIDDEN void CutOnClose() { cutOnClose = true; }
 

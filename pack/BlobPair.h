@@ -30,8 +30,8 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   // the buffer's bytes are then undefined.
   void Read(File& f, bool skipData);
 
-  // What a caller of ReadData has read of the data: that much of `asked` bytes, and the platform's
-  // code where it is less. It may lie in the pair's buffer.
+  // What the caller of ReadData has already read of the data: `held`, of `asked` bytes, and the
+  // platform's error if it is less. It may lie in the pair's buffer.
   struct Data {
     std::span<const unsigned char> held;
     std::uint32_t asked = 0;
@@ -39,8 +39,7 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   };
   enum class Patience { Rereads, None };  // where the buffer is smaller than the stored size
 
-  // The rest of Read, once the pair has its hash and the caller the stored size. Each byte is read
-  // once.
+  // The rest of Read, after hash and stored size are known. Reads no byte twice.
   BLOBRING_HIDDEN void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored,
                                 const Data& data, Patience patience);
 

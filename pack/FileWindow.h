@@ -1,4 +1,4 @@
-// A window of a file in memory, for reading it front to back with looks ahead. The buffer is taken
+// A window of a file in memory, for reading it front to back and peeking ahead. The buffer is taken
 // from the store's pool when the first byte is wanted.
 //
 // Offsets are the file's. Throws CutShort (Replay.h) for bytes past the end, what File throws, and
@@ -16,11 +16,11 @@ class FileWindow {
  public:
   FileWindow(File& source, std::uint32_t fileLength) : file(source), length(fileLength) {}
 
-  // What the window holds from offset on, maybe nothing. Valid until the window moves.
+  // What the window holds from offset on, possibly nothing. Valid until the window moves.
   std::span<const unsigned char> Held(std::uint32_t offset) const;
 
-  // The same, at least `least` bytes, or what the window can hold (4096 or more), or all up to the
-  // end of the file; moves the window if it has to.
+  // The same, but moves the window if it must to return at least `least` bytes, or as many as it
+  // can hold (4096 or more), or all up to the end of the file.
   std::span<const unsigned char> From(std::uint32_t offset, std::uint32_t least);
 
   // Exactly size bytes (at most 4096). Read moves the window, Peek does not.

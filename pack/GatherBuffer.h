@@ -1,5 +1,5 @@
-// The last bytes of an open transaction, held in memory: so that small records cost no platform
-// call each, and so that they can be digested later than they are appended.
+// The last bytes of an open transaction, held in memory so that small records need no platform call
+// each and can be digested later.
 //
 // Covers the file from Start() to End(). A first part of these bytes may have been written, and a
 // first part digested. The owner empties it with Restart once both are complete. The usual capacity
@@ -36,19 +36,18 @@ class GatherBuffer {
   // Takes back all from offset on, which is not before Start().
   void Truncate(std::uint32_t offset);
 
-  // Overwrites bytes. Where some of them have been written, all from offset on counts as not
-  // written again, if that is at most mostRewritten bytes; false, with nothing changed, if it is
-  // more.
+  // Overwrites bytes. If some of them have been written, everything from offset on must be written
+  // again; if that would be more than mostRewritten bytes, returns false and changes nothing.
   bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
              std::uint32_t mostRewritten);
 
-  // What Written has not been called for yet.
+  // The bytes not yet written; Written marks them all as written.
   std::span<const unsigned char> Unwritten() const {
     return {bytes.data() + written, bytes.size() - written};
   }
   void Written() { written = static_cast<std::uint32_t>(bytes.size()); }
 
-  // What Digested has not been told of yet.
+  // The bytes not yet digested; Digested marks the first `size` of them.
   std::span<const unsigned char> Undigested() const {
     return {bytes.data() + digested, bytes.size() - digested};
   }

@@ -1,6 +1,5 @@
-// Takes the store and delete records of one transaction from its bytes, which come in pieces of any
-// size. It believes no length: data is skipped, never copied, and memory grows with the records
-// that have been seen whole.
+// Parses the store and delete records of one transaction, whose bytes come in pieces of any size.
+// Trusts no length: data is skipped, not copied, and memory grows with complete records only.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +19,11 @@ class RecordParser {
 
   void Feed(std::span<const unsigned char> bytes);
 
-  // The records so far. Ends at the first that no transaction holds.
+  // The complete records so far, up to the first that no transaction holds.
   BlobFile::Entries entries;
   bool FoundBadRecord() const { return foundBadRecord; }
   const format::OpHeader& BadRecord() const { return op; }
-  // Whether no record has been begun that is not complete.
+  // True between two records.
   bool AtBoundary() const { return filled == 0 && dataLeft == 0; }
 
  private:

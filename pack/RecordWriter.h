@@ -1,17 +1,17 @@
-// Appends the records of a transaction to a file: gathers them, keeps their digest, and finds out
-// how the commit has to be flushed.
+// Appends the records of a transaction to a file: gathers them, keeps their digest, and decides how
+// the commit must be flushed.
 //
-// What a commit rests on. The code cites these rules by number.
+// The rules that a commit rests on. The code cites them by number.
 //
 //   C1  A header on disk never counts a record that is not there. The records
 //       are flushed before the header is written, and the header is flushed
 //       before the commit is acknowledged: two flushes.
-//   C2  One flush serves both where the transaction lies in blank space: bytes
+//   C2  One flush is enough if the transaction lies in blank space: bytes
 //       that this object filled with zeros and flushed, and in which nothing
 //       has been written since. A sector that does not reach the disk is then
 //       still zeros, which a load tells from records, and the load goes back to the
-//       transactions before. Nothing is assumed about bytes past the end of a file:
-//       a file system may show anything there after a power cut.
+//       transactions before. Bytes past the end of a file are never taken for blank: after a power
+//       cut a file system may show anything there.
 //   C3  A write that fails may have reached the disk. It ends the blank space
 //       as far as it was meant to go, and so does a transaction that is cancelled.
 //   C4  A commit that fails leaves its transaction open, and what it wrote may
@@ -52,22 +52,23 @@ class RecordWriter {
   // written from where it lies, after what was gathered.
   void Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered);
 
-  // Takes the last record back: the call that appended it could not write it.
+  // Takes the last record back, which could not be written.
   void TakeBack(const format::FileHeader& before);
 
   // Writes what is gathered, in one call.
   void WriteOut();
   bool HasMadeBlank() const { return hasMadeBlank; }
-  // Where the bytes end that the file has, the gathered ones not counted.
+  // The end of what has been written to the file.
   std::uint32_t WrittenEnd() const { return gather.WrittenEnd(); }
 
-  // Adds data to another digest and, in the same time, brings the transaction's own up to date.
+  // See BlobFile::DigestBeside.
   void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size);
 
-  // Writes the end of the transaction: all but the header. Sets next to the header that commits it.
-  // True when the records have to be flushed before that header [C1]; false in blank space [C2].
+  // Writes the end of the transaction, all but the header, and sets next to the header that commits
+  // it. Returns true if the records must be flushed before that header [C1], false in blank space
+  // [C2].
   bool WriteEnd(long long id, format::FileHeader& next);
-  // What became of the commit: its header is on disk, or the transaction is open as before.
+  // Afterwards, one of: the header is on disk, or the transaction is still open.
   void Committed();
   void NotCommitted();
 

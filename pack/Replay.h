@@ -1,11 +1,11 @@
-// One pass over the committed records of a file: digests each transaction, takes its entries from
-// the very bytes that it digests, and believes them once the digest has been confirmed. Up to 16
-// transactions in a row are digested side by side, which makes opening a store of many transactions
-// several times as fast. Each byte is digested once.
+// Reads the committed records of a file in one pass: digests each transaction, parses its entries
+// from the bytes that it digests, and accepts them once the digest matches. Up to 16 transactions
+// in a row are digested side by side, which makes opening a store of many transactions several
+// times as fast. Each byte is digested once.
 //
-// What a store writes is read exactly as far as the header counts, whatever its endOffset says.
-// Anything else ends the replay, with a message: no length is trusted beyond the end of the file,
-// and memory grows with the records that are there. A buffer that the memory manager refuses is
+// Reads as many records as the header counts, whatever its endOffset says. The first record that no
+// store writes ends the replay, with a message. No length is trusted beyond the end of the file,
+// and memory grows only with records that are there. A buffer that the memory manager refuses is
 // tried again smaller, down to 4096 bytes.
 #pragma once
 
@@ -21,8 +21,8 @@
 #include "pack/RecordParser.h"
 #include "platform/Trace.h"
 
-// Thrown where a file ends inside a record or a transaction. The text is that of the read that a
-// reader of single records would have made.
+// Thrown if a file ends inside a record or a transaction. The text is that of the read of a single
+// record.
 class CutShort : public Failure {
  public:
   explicit CutShort(const Failure& read) : Failure(FailureCode::Damaged, read.what()) {}
@@ -34,8 +34,8 @@ struct Replayed {
   std::uint32_t end = format::kFileHeaderSize;  // where they end
   bool damaged = false;                         // not all of what the header counts is whole
   std::optional<CutShort> cutShort;             // damaged: the file ends too early
-  // Of what is not whole: it can only be the last transaction that the header counts; or there is a
-  // whole one behind it.
+  // About the part that is not whole: it can only be the last transaction that the header counts; a
+  // whole transaction follows it.
   bool lastIsTorn = false;
   bool wholeBehind = false;
 };
@@ -93,7 +93,7 @@ class Replay {
   const std::uint32_t length;
   const ProgressCall* const progress;
   std::uint32_t reported = 0;  // where progress was last told of
-  std::uint32_t digested = 0;  // where the bytes digested so far would end if they came in order
+  std::uint32_t digested = 0;  // the end of the bytes digested so far, taken in order
   std::int32_t remaining;      // records that the header still counts
   Replayed result;
   std::array<Member, kMost> run;

@@ -7,9 +7,9 @@
 //
 // Order of calls: construct, AddPackDir for each slot, Load, then anything.
 // Errors: operations return bool and catch std::exception, with one message that names the
-// operation; where a comment says "throws", it leaves. Changes are refused after a failed flush and
-// after anything has closed the store, until it is opened again; in a store opened for reading; and
-// in a process other than the one that opened it.
+// operation; where a comment says "throws", the exception reaches the caller. Changes are refused
+// after a failed flush and in a closed store until it is opened again, in a store that is open for
+// reading, and in a process other than the one that opened it.
 // Ownership: BlobFile objects are shared by slots, current files and entries.
 // No locks: the caller serialises its calls on one store.
 #pragma once
@@ -43,93 +43,92 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
       std::vector<BlobFilePtr,
                   BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
 
-  // On a directory, which is not touched. Throws "Unable to allocate memory".
+  // Does not touch the directory. Throws "Unable to allocate memory".
   explicit BlobController(std::string storeDirectory);
   // Neither commits nor flushes; the files close themselves.
   ~BlobController() override;
   BlobController(const BlobController&) = delete;
   BlobController& operator=(const BlobController&) = delete;
 
-  // Opens the files of the slots for reading alone: nothing on disk is changed, whatever is found.
-  // Call it before AddPackDir.
+  // Opens files for reading only; nothing on disk is ever changed. Call it before AddPackDir.
   BLOBRING_HIDDEN void SetReadOnly();
 
-  // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's directory, created when
-  // missing. Throws what BlobFile::Init throws, and has then added nothing.
+  // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's directory, and creates
+  // them if they are missing. Throws what BlobFile::Init throws; nothing has been added then.
   bool AddPackDir(std::string dir);
 
-  // Rebuilds the index from the newest pack that reads cleanly and its slot's journal. False when
-  // there is none, or when reading failed: the files have then been erased. Under
-  // DamagePolicy::Keep damage costs no more than what was damaged, and a copy of what a file loses
-  // stays; with no usable pack the files are moved aside and the store goes on empty; where reading
-  // failed, false leaves every file as it was. A store opened for reading changes no file under
-  // either policy.
+  // Rebuilds the index from the newest pack that reads cleanly and its slot's journal. Under
+  // DamagePolicy::Erase, returns false and erases all files if there is no such pack or reading
+  // fails. Under Keep, only what is damaged is lost, and a copy of what a file loses is kept;
+  // without a usable pack, all files are moved aside and the store is empty; if reading fails,
+  // returns false and leaves every file as it was. A store that is open for reading changes no file
+  // under either policy.
   bool Load();
   void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
 
-  // Records a change in the open transaction. True when there is nothing to do; false when it could
-  // not be written, the transaction being as before.
+  // Records a change in the open transaction. Returns true also if there is nothing to do. On
+  // failure returns false; the transaction is as it was.
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
-  // Store whose record may wait in memory for the next change or the commit.
+  // Store, but the record may stay in memory until the next change or the commit.
   BLOBRING_HIDDEN bool Gather(BlobPair const& blob);
 
-  // Gather for a blob whose hash it computes: the digest runs beside that of the open transaction,
-  // which costs the time of one.
+  // Computes the hash of a blob and gathers it. Digests blob and waiting records side by side,
+  // which takes about as long as the blob alone.
   BLOBRING_HIDDEN bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
-  // Announces changes to these hashes, some dozens, which makes them faster.
+  // Announces changes to these hashes, a few dozen at a time, to make their look-ups faster.
   BLOBRING_HIDDEN void ExpectChanges(const Hash* hashes, std::size_t count) noexcept;
 
   // Whether the store will hold the blob once the open transaction commits.
   bool BlobExists(Hash const& hash) const;
 
-  // Bytes of a committed blob, -1 when there is none.
+  // Size of a committed blob in bytes; -1 if there is none.
   std::int32_t GetBlobSize(Hash const& hash);
 
-  // Reads a committed blob into the pair's buffer, which must hold it, and sets its size. False
-  // when it is not in the index, or not in its place; where reading fails, checks and closes the
-  // store and throws std::exception.
+  // Reads a committed blob into the pair's buffer, which must hold it, and sets its size. Returns
+  // false if it is not in the index or its record is not in its place. If reading fails, checks and
+  // closes the store and throws std::exception.
   bool GetBlob(BlobPair& blob);
 
-  // Reads a committed blob into a buffer of `capacity` bytes, null where that is 0, and sets size
-  // to the blob's where it is Read or TooSmall. Neither checks nor closes the store and never
-  // waits. Failed, after a message, when it cannot be read or is not what it was, or the store is
-  // not loaded; the buffer's bytes are then undefined.
+  // Reads a committed blob into a buffer of `capacity` bytes (may be null if that is 0). Sets size
+  // to the blob's size for Read and TooSmall. Failed, after a message: it cannot be read, does not
+  // match its hash, or the store is not loaded; the buffer's bytes are undefined. Never checks or
+  // closes the store and never waits.
   enum class Fetched { Read, NotFound, Failed, TooSmall };
   BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
                                 std::uint32_t& size);
 
-  // Opens a transaction; changes that are pending are abandoned.
+  // Opens a transaction and abandons pending changes.
   bool StartTransaction(long long id);
 
-  // Abandons the changes that are pending.
+  // Abandons pending changes.
   BLOBRING_HIDDEN void AbandonPending();
 
   // Commits: on disk first, then in the index, where nothing can fail.
   bool EndTransaction(long long id);
 
-  // Copies all blobs into the next slot, or beside the only one. False when it was refused, the
-  // store being as before, or when it failed, the store being closed and the old generation whole
-  // on disk. One that the progress call stops counts as refused: only the slot that was to be
-  // written has been emptied.
+  // Copies all blobs into the next slot, or into a file beside the only one. Returns false if it
+  // was refused (the store is as it was), stopped by the progress callback (the same, but the slot
+  // that was to be written has been emptied), or failed (the store is closed, the old generation is
+  // whole on disk).
   bool Repack();
 
-  // Reads every blob and reports every fault. False when there was one. A check that is started on
-  // a thread that is running one returns true at once. Throws "Unable to allocate memory".
+  // Reads every blob and reports every fault. Returns false if there was one, and true at once if
+  // this thread is already running a check. Throws "Unable to allocate memory".
   bool Fsck();
 
-  // Fsck with progress. Stopped: no fault up to there. Throws as well when a check is running or
-  // the store is not loaded.
+  // Fsck with progress. Stopped: no fault so far. Throws also if a check is running or the store is
+  // not loaded.
   enum class Checked { Sound, Faulty, Stopped };
   BLOBRING_HIDDEN Checked Check();
 
-  // Told by Load, Check and Repack; the context stays the caller's.
+  // The progress callback of Load, Check and Repack. The caller owns its context.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall& call) { progress = call; }
 
-  // Forgets the index and closes all files; false when one did not close. No change is accepted
-  // from then on, even where a file has stayed open.
+  // Clears the index and closes all files; false if one did not close. No change is accepted from
+  // then on, even if a file is still open.
   bool Close();
   bool Shutdown(bool flag);
 
@@ -141,8 +140,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   int ResetHashCursor();
   bool NextHash(unsigned char* hash);
 
-  // Writes the first hash after `after`, or of all for null, to next (16 bytes). False when there
-  // is none.
+  // Writes the first hash after `after`, or the first of all if that is null, to next (16 bytes).
+  // Returns false if there is none.
   BLOBRING_HIDDEN bool NextHashAfter(const Hash* after, unsigned char* next) const;
 
   struct Statistics {

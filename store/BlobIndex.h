@@ -1,18 +1,17 @@
 // The index of a store: one node for each blob, in the order of the hashes.
 //
-// Hashes are digests and so evenly spread: their first bits say nearly where in the order a hash
-// stands. A directory divides the order into buckets by those bits, one or two blobs in each, and
-// every bucket is a search tree of its own. A look-up so reads one place in the directory and one
-// or two nodes, where a single tree reads one for each doubling, and a change touches no others.
-// Keys that are no digests, which a hostile file can hold, may all fall into one bucket: the trees
-// are treaps, balanced by priorities that no file can foresee, so that one bucket of n blobs still
-// takes log n.
+// Hashes are digests and evenly spread: their first bits tell roughly where a hash stands in the
+// order. A directory divides the order into buckets by those bits, one or two blobs in each, and
+// every bucket is a search tree of its own. A look-up reads one slot of the directory and one or
+// two nodes instead of log n. A hostile file can hold keys that all fall into one bucket: the trees
+// are treaps (Seidel and Aragon, 1996), balanced by random priorities, so that a bucket of n blobs
+// still takes log n.
 //
 // The directory takes 2 to 4 bytes for each blob on a 32-bit host and twice that on a 64-bit one.
-// It can do without growing: where there is no memory for it, the trees get deeper.
+// If there is no memory to grow it, the trees get deeper.
 //
-// Nodes keep their place in memory; iterators stay good until their blob is erased. Nothing throws
-// but what allocates a node.
+// Nodes keep their place in memory; iterators stay valid until their blob is erased. Only
+// allocating a node throws.
 #pragma once
 
 #include <cstddef>
@@ -93,8 +92,8 @@ class BlobIndex {
   // The first blob whose hash is greater.
   const_iterator After(const Hash& hash) const { return {this, NodeAfter(hash)}; }
 
-  // The entry of a hash; a blank one is made, with the one allocation of its node, where there is
-  // none. Says in isNew which it was. Throws "Unable to allocate memory".
+  // The entry of a hash; a blank one if there was none, which isNew tells. Allocates one node.
+  // Throws "Unable to allocate memory".
   iterator FindOrMake(const Hash& hash, bool& isNew);
 
   // Takes over a node, whose entry replaces that of the same hash if there is one.
@@ -113,8 +112,7 @@ class BlobIndex {
     }
   }
 
-  // Empties the index in order, node by node, and keeps no memory. What takes a node must not
-  // throw.
+  // Empties the index in order, node by node, and frees its memory. take must not throw.
   template <class Take>
   void TakeAll(Take take) {
     for (std::size_t bucket = 0; bucket <= LastBucket(); ++bucket) {
@@ -128,7 +126,7 @@ class BlobIndex {
     Forget();
   }
 
-  // Makes room in the directory, if there is memory, for so many blobs in all.
+  // Grows the directory for so many blobs in all, if there is memory.
   void Reserve(std::size_t blobs) noexcept;
 
   // Starts to bring what look-ups of these hashes will read into the processor's caches.
