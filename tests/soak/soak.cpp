@@ -2,29 +2,26 @@
 // Child processes work on it and are killed; after each, the parent compares
 // the contents with the last commit that was acknowledged, or with the one
 // under way.
-#include <blobring/blobring.h>
+#include <blobring/Store.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
+#include <bitset>
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <new>
 #include <random>
-#include <string>
 #include <thread>
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr unsigned kBlobs = 2000;
-using Contents = std::array<bool, kBlobs>;
+using Contents = std::bitset<kBlobs>;
 
 // What a child leaves in memory that outlives it.
 struct Shared {
@@ -35,84 +32,64 @@ struct Shared {
 };
 Shared* shared;
 
-[[noreturn]] void Fail(const char* what, unsigned blob = 0) {
-  std::fprintf(stderr, "soak: %s (blob %u)\n", what, blob);
+void Require(bool holds, const char* what) {
+  if (holds) return;
+  std::fprintf(stderr, "soak: %s\n", what);
   std::_Exit(1);
 }
 
 // Always the same bytes: empty to some 300 KiB, mostly small.
-struct Blob {
-  explicit Blob(unsigned n) {
-    std::mt19937 random(n);
-    data.resize(n % 50 == 0 ? random() % 300000 : n % 7 == 0 ? random() % 20000 : random() % 300);
-    for (char& byte : data) byte = static_cast<char>(random());
-    data += std::to_string(n);
-    BCMD5ChkSum(Bytes(), static_cast<unsigned>(Size()), hash);
-  }
-  unsigned char* Bytes() { return reinterpret_cast<unsigned char*>(data.data()); }
-  int Size() const { return static_cast<int>(data.size()); }
-  std::string data;
-  unsigned char hash[BLOBRING_HASH_SIZE];
-};
+std::string BlobOf(unsigned n) {
+  std::mt19937 random(n);
+  std::string data(n % 50 == 0  ? random() % 300000
+                   : n % 7 == 0 ? random() % 20000
+                                : random() % 300,
+                   '\0');
+  for (char& byte : data) byte = static_cast<char>(random());
+  return data + std::to_string(n);
+}
 
-struct Store {
-  Store(const std::u16string& directory, int slots) : index(BCInitialize(directory.c_str())) {
-    for (int slot = 0; slot < slots; ++slot) BCAddPackDir(index, directory.c_str());
-    BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
-    if (BCLoad(index) != 1) Fail("the load failed");
-  }
-  Store(const Store&) = delete;
-  Store& operator=(const Store&) = delete;
-  ~Store() { BCDispose(index); }
-  const int index;
-};
+blobring::Hash HashOf(const std::string& data) {
+  return blobring::Hash::of(std::as_bytes(std::span(data)));
+}
 
-[[noreturn]] void Work(const Store& store, std::mt19937 random) {
+[[noreturn]] void Work(blobring::Store store, std::mt19937 random) {
   const auto draw = [&](unsigned below) { return static_cast<unsigned>(random() % below); };
   for (;;) {
     shared->isCommitting = false;
     const unsigned next = 1 - shared->acknowledged;
     shared->contents[next] = shared->contents[1 - next];
-    const long long id = draw(100);
-    if (BCStartTransaction(store.index, &id) != 1) Fail("a transaction does not start");
+    blobring::Transaction transaction(store, draw(100));
     for (unsigned changes = 1 + draw(draw(10) == 0 ? 200 : 8); changes > 0;
          --changes, ++shared->changes) {
       const unsigned n = draw(kBlobs);
-      Blob blob(n);
       const bool stores = draw(3) != 0;
-      if ((stores ? BCPut(store.index, blob.Bytes(), blob.Size(), blob.hash)
-                  : BCDelete(store.index, blob.hash)) != 1)
-        Fail("a change failed", n);
+      const std::string blob = BlobOf(n);
+      stores ? void(store.put(blob)) : store.erase(HashOf(blob));
       shared->contents[next][n] = stores;
     }
-    if (draw(10) == 0) continue;  // abandoned by the next
+    if (draw(10) == 0) continue;  // abandoned
     shared->isCommitting = true;
-    if (BCEndTransaction(store.index, &id) != 1) Fail("a commit failed");
+    transaction.commit();
     shared->acknowledged = next;
     ++shared->commits;
-    if (draw(60) == 0 && ++shared->repacks > 0 && BCRepack(store.index) != 1)
-      Fail("a repack failed");
-    if (draw(200) == 0 && BCFsck(store.index) != 1) Fail("the check failed");
+    if (draw(60) == 0 && ++shared->repacks > 0) store.repack();
+    if (draw(200) == 0)
+      Require(store.check() == blobring::Store::Checked::Sound, "the check failed");
   }
 }
 
-Contents Found(const Store& store) {
-  if (BCFsck(store.index) != 1) Fail("the check failed");
-  Contents found{};
-  int count = 0;
+Contents Found(const blobring::Store& store) {
+  Require(store.check() == blobring::Store::Checked::Sound, "the check failed");
+  Contents found;
   for (unsigned n = 0; n < kBlobs; ++n) {
-    Blob blob(n);
-    if (BCGetSize(store.index, blob.hash) < 0) continue;
-    std::string read(blob.data.size(), '\0');
-    if (BCGet(store.index, blob.hash, reinterpret_cast<unsigned char*>(read.data()), blob.Size()) !=
-            0 ||
-        read != blob.data)
-      Fail("a blob reads back wrong", n);
+    const std::string blob = BlobOf(n);
+    const auto read = store.get(HashOf(blob));
+    if (!read) continue;
+    Require(std::ranges::equal(*read, std::as_bytes(std::span(blob))), "a blob reads back wrong");
     found[n] = true;
-    ++count;
   }
-  if (BCGetAllBlobHashesReset(store.index) != count)
-    Fail("there are more blobs than there should be");
+  Require(store.stats().blobCount == found.count(), "there are more blobs than there should be");
   return found;
 }
 
@@ -123,32 +100,30 @@ int main(int argc, char** argv) {
   const unsigned seed =
       argc > 2 ? static_cast<unsigned>(std::atol(argv[2])) : std::random_device()();
   std::mt19937 random(seed);
-  const int slots = 1 + static_cast<int>(random() % 3);
-  std::printf("soak of %ld s, seed %u, %d slots\n", seconds, seed, slots);
+  blobring::Options options;
+  options.slots = 1 + static_cast<unsigned>(random() % 3);
+  std::printf("soak of %ld s, seed %u, %u slots\n", seconds, seed, options.slots);
   std::fflush(stdout);
   std::string path = (std::filesystem::temp_directory_path() / "blobring-soak-XXXXXX").string();
-  if (::mkdtemp(path.data()) == nullptr) Fail("no directory");
-  const std::u16string directory(path.begin(), path.end());
-  void* memory =
-      ::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  shared = new (memory) Shared();
+  Require(::mkdtemp(path.data()) != nullptr, "no directory");
+  shared = new (::mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                       -1, 0)) Shared();
 
   unsigned killed = 0, keptUnacknowledged = 0;
-  for (const auto end = Clock::now() + std::chrono::seconds(seconds); Clock::now() < end;
-       ++killed) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  for (; std::chrono::steady_clock::now() < end; ++killed) {
     const std::mt19937 childsRandom(random());
     const pid_t child = ::fork();
-    if (child == 0) Work(Store(directory, slots), childsRandom);
+    if (child == 0) Work(blobring::Store(path, options), childsRandom);
     std::this_thread::sleep_for(std::chrono::milliseconds(random() % 1500));
-    int status = 0;
-    if (::waitpid(child, &status, WNOHANG) != 0) return 1;  // it has said why
+    Require(::waitpid(child, nullptr, WNOHANG) == 0, "the child ended by itself");
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
-    const Contents found = Found(Store(directory, slots));
+    const Contents found = Found(blobring::Store(path, options));
     const unsigned last = shared->acknowledged;
     if (found == shared->contents[last]) continue;
-    if (!shared->isCommitting || found != shared->contents[1 - last])
-      Fail("the contents are neither the last commit's nor the next one's");
+    Require(shared->isCommitting && found == shared->contents[1 - last],
+            "the contents are neither the last commit's nor the next one's");
     shared->acknowledged = 1 - last;
     ++keptUnacknowledged;
   }
