@@ -2,145 +2,116 @@
 
 #include <algorithm>
 #include <numeric>
-#include <optional>
 
-#include "tests/fuzz/Bytes.h"
+#include "tests/support/JournalBytes.h"
 
 namespace fuzz {
 
 namespace {
 
-constexpr std::size_t kHeader = 24, kOp = 16, kBlock = 24, kHash = 16;
-enum : std::uint32_t { kStore, kDelete, kStart, kEnd };
-
+using test::Get32;
 using End = Reading::End;
 
 test::HashBytes HashAt(std::string_view bytes, std::size_t at) {
   test::HashBytes hash;
-  std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(at), kHash,
-              reinterpret_cast<char*>(hash.data()));
+  std::copy_n(&bytes[at], hash.size(), reinterpret_cast<char*>(hash.data()));
   return hash;
 }
 
 bool NothingWasCommitted(std::string_view file) {
-  return file.size() < kHeader ||
-         (file.size() == kHeader &&
-          std::all_of(file.begin(), file.end(), [](char byte) { return byte == 0; }));
+  return file.size() < test::kHeaderSize ||
+         file == std::string_view("\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 24);
 }
 
-// The records of one transaction: all of body, as long as the count lasts.
-struct Body {
-  enum class State { Whole, CountUsed, Damaged } state = State::Whole;
-  std::vector<Change> changes;
+// A store or delete record at the front of bytes.
+struct Record {
+  enum { Whole, NoHead, NoData, WrongOp } state;
+  std::size_t size;
+  Change change;
 };
 
-Body ReadBody(std::string_view body, std::int32_t& count) {
-  Body result;
-  const auto ends = [&](Body::State state) {
-    result.state = state;
-    return result;
-  };
-  while (!body.empty()) {
-    // A record whose head is cut off by the end is damage, unless the count
-    // was used up before it.
-    if (count == 0) return ends(Body::State::CountUsed);
-    if (body.size() < kOp) return ends(Body::State::Damaged);
-    const std::uint32_t op = Get32(body, 0);
-    if (op != kStore && op != kDelete) return ends(Body::State::Damaged);
-    const std::size_t head = kOp + kHash + (op == kStore ? 4 : 0);
-    if (body.size() < head) return ends(Body::State::Damaged);
-    const std::uint32_t size = op == kStore ? Get32(body, kOp + kHash) : 0;
-    --count;
-    if (size > body.size() - head)
-      return ends(count == 0 ? Body::State::CountUsed : Body::State::Damaged);
-    result.changes.push_back({op == kStore, HashAt(body, kOp), body.substr(head, size)});
-    body.remove_prefix(head + size);
-  }
-  return ends(count == 0 ? Body::State::CountUsed : Body::State::Whole);
+Record ReadRecord(std::string_view bytes) {
+  if (bytes.size() < test::kOpSize) return {Record::NoHead, 0, {}};
+  const std::uint32_t op = Get32(bytes, 0);
+  if (op > test::kDeleteOp) return {Record::WrongOp, 0, {}};
+  const bool isStore = op == test::kStoreOp;
+  const std::size_t head = isStore ? test::kStoreSize : test::kDeleteSize;
+  if (bytes.size() < head) return {Record::NoHead, 0, {}};
+  const std::size_t size = isStore ? Get32(bytes, test::kDeleteSize) : 0;
+  if (size > bytes.size() - head) return {Record::NoData, 0, {}};
+  const Change change = {isStore, HashAt(bytes, test::kOpSize), bytes.substr(head, size)};
+  return {Record::Whole, head + size, change};
 }
 
-// Reads on from `at`; nothing when the file goes on behind it.
-class Reader {
- public:
-  Reader(std::string_view bytes, Reading& reading)
-      : file(bytes), out(reading), count(static_cast<std::int32_t>(Get32(bytes, 4))) {}
+struct Reader {
+  const std::string_view file;
+  std::int32_t count = static_cast<std::int32_t>(Get32(file, 4));
+  std::string_view rest = file.substr(test::kHeaderSize);
+  std::vector<Change> changes = {};
+  // Where the last whole transaction ends, and the records up to there.
+  std::size_t wholeEnd = test::kHeaderSize;
+  std::uint32_t wholeCount = 0;
 
   End Run() {
     while (count != 0) {
-      if (count < 0 || at == file.size()) return End::Damaged;
+      if (count < 0 || rest.empty()) return End::Damaged;
       --count;
-      if (Left() < kOp) return End::CutShort;
-      const std::uint32_t op = Get32(file, at);
-      at += kOp;
-      if (op > kStart) return End::Damaged;
-      if (const std::optional<End> end = op == kStart ? Transaction() : Single(op)) return *end;
+      if (rest.size() >= test::kOpSize && Get32(rest, 0) == test::kStartOp) {
+        bool goesOn = false;
+        const End end = Transaction(goesOn);
+        if (!goesOn) return end;
+      } else {
+        const auto [state, size, change] = ReadRecord(rest);
+        if (state == Record::NoHead) return End::CutShort;
+        if (state != Record::Whole) return End::Damaged;
+        if (change.isStore && test::HashOf(change.data) != change.hash) return End::Damaged;
+        changes.push_back(change);
+        rest.remove_prefix(size);
+      }
+      wholeEnd = file.size() - rest.size();
+      wholeCount = Get32(file, 4) - static_cast<std::uint32_t>(count);
     }
     return End::Clean;
   }
 
-  // Where the last whole transaction ends, and the records up to there.
-  std::size_t wholeEnd = kHeader;
-  std::uint32_t wholeCount = 0;
-
- private:
-  std::size_t Left() const { return file.size() - at; }
-
-  std::optional<End> Single(std::uint32_t op) {
-    const std::size_t head = kHash + (op == kStore ? 4 : 0);
-    if (Left() < head) return End::CutShort;
-    const std::uint32_t size = op == kStore ? Get32(file, at + kHash) : 0;
-    if (size > Left() - head) return End::Damaged;
-    const std::string_view data = file.substr(at + head, size);
-    if (op == kStore && test::HashOf(data) != HashAt(file, at)) return End::Damaged;
-    out.changes.push_back({op == kStore, HashAt(file, at), data});
-    at += head + size;
-    Whole();
-    return std::nullopt;
-  }
-
-  std::optional<End> Transaction() {
-    if (Left() < kBlock) return End::CutShort;
-    const std::uint32_t length = Get32(file, at + 4);
-    const test::HashBytes digest = HashAt(file, at + 8);
-    at += kBlock;
+  End Transaction(bool& goesOn) {
+    if (rest.size() < test::kStartSize) return End::CutShort;
+    const std::uint32_t length = Get32(rest, 20);
+    const test::HashBytes digest = HashAt(rest, 24);
+    rest.remove_prefix(test::kStartSize);
     if (length == 0) return End::Damaged;
-    if (length > Left()) return End::CutShort;
-    const std::string_view body = file.substr(at, length);
-    at += length;
+    if (length > rest.size()) return End::CutShort;
+    std::string_view body = rest.substr(0, length);
+    rest.remove_prefix(length);
     if (test::HashOf(body) != digest) return End::Damaged;
-
-    const Body records = ReadBody(body, count);
-    if (records.state == Body::State::Damaged) return End::Damaged;
-    if (records.state == Body::State::CountUsed) return End::Clean;
-    if (Left() == 0) return End::Damaged;
+    std::vector<Change> pending;
+    while (!body.empty()) {
+      if (count == 0) return End::Clean;  // used up: the header counts no more
+      const auto [state, size, change] = ReadRecord(body);
+      if (state == Record::NoHead || state == Record::WrongOp) return End::Damaged;
+      --count;
+      if (state == Record::NoData) return count == 0 ? End::Clean : End::Damaged;
+      pending.push_back(change);
+      body.remove_prefix(size);
+    }
+    if (count == 0) return End::Clean;
+    if (rest.empty()) return End::Damaged;
     --count;
-    if (Left() < kOp) return End::CutShort;
-    if (Get32(file, at) != kEnd) return End::Damaged;
-    at += kOp;
-    out.changes.insert(out.changes.end(), records.changes.begin(), records.changes.end());
-    Whole();
-    return std::nullopt;
+    if (rest.size() < test::kOpSize) return End::CutShort;
+    if (Get32(rest, 0) != test::kEndOp) return End::Damaged;
+    rest.remove_prefix(test::kOpSize);
+    changes.insert(changes.end(), pending.begin(), pending.end());
+    goesOn = true;
+    return End::Clean;
   }
-
-  void Whole() {
-    wholeEnd = at;
-    wholeCount = Get32(file, 4) - static_cast<std::uint32_t>(count);
-  }
-
-  const std::string_view file;
-  Reading& out;
-  std::int32_t count;
-  std::size_t at = kHeader;
 };
 
 void Apply(const Reading& reading, Index& index) {
-  for (const Change& change : reading.changes) {
-    if (!change.isStore) {
-      index.erase(change.hash);
-    } else {
-      index.insert_or_assign(
-          change.hash, Blob{std::string(change.data), test::HashOf(change.data) == change.hash});
-    }
+  for (const auto& [isStore, hash, data] : reading.changes) {
+    if (isStore)
+      index.insert_or_assign(hash, Blob{std::string(data), test::HashOf(data) == hash});
+    else
+      index.erase(hash);
   }
 }
 
@@ -151,19 +122,18 @@ Reading ReadFile(std::string_view file) {
   if (NothingWasCommitted(file)) return reading;
   reading.sequence = static_cast<std::int32_t>(Get32(file, 12));
   const std::uint32_t end = Get32(file, 20);
-  reading.headerLost = end < kHeader || end > file.size();
-  Reader reader(file, reading);
+  reading.headerLost = end < test::kHeaderSize || end > file.size();
+  Reader reader{file};
   reading.end = reader.Run();
-  reading.exact = reading.end == End::Clean && !reading.headerLost && reader.wholeEnd == end &&
-                  reader.wholeCount == Get32(file, 4);
-  reading.countLost = reader.wholeCount == 0 && !reading.exact;
+  reading.changes = std::move(reader.changes);
+  const bool exact = reading.end == End::Clean && !reading.headerLost && reader.wholeEnd == end &&
+                     reader.wholeCount == Get32(file, 4);
+  reading.countLost = reader.wholeCount == 0 && !exact;
   return reading;
 }
 
 Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
-  Expected expected;
   std::vector<Reading> packs;
-  packs.reserve(slots.size());
   for (const Slot& slot : slots) packs.push_back(ReadFile(slot.pack));
   std::vector<std::size_t> order(slots.size());
   std::iota(order.begin(), order.end(), 0U);
@@ -173,20 +143,18 @@ Expected ExpectLoad(const std::vector<Slot>& slots, bool keep) {
 
   for (const std::size_t slot : order) {
     const Reading& pack = packs[slot];
-    if (pack.end == End::CutShort && !keep) return expected;
+    if (pack.end == End::CutShort && !keep) return {};
     if (pack.end != End::Clean ||
         (keep && (pack.headerLost || pack.countLost) && pack.changes.empty()))
       continue;
     if (pack.sequence == -1) break;
-    expected.loaded = true;
-    expected.sequence = pack.sequence;
-    expected.journalSlot = static_cast<std::uint32_t>(pack.sequence) % slots.size();
+    const std::size_t journal = static_cast<std::uint32_t>(pack.sequence) % slots.size();
+    Expected expected = {true, false, pack.sequence, journal, {}};
     Apply(pack, expected.index);
-    Apply(ReadFile(slots[expected.journalSlot].journal), expected.index);
+    Apply(ReadFile(slots[journal].journal), expected.index);
     return expected;
   }
-  expected.loaded = expected.movedAside = keep;
-  return expected;
+  return {keep, keep, 0, 0, {}};
 }
 
 }  // namespace fuzz

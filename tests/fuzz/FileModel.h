@@ -32,7 +32,6 @@ struct Reading {
   std::int32_t sequence = 0;
   bool headerLost = false;  // it is one that no store writes
   bool countLost = false;   // it counts no record whole of those that it covers
-  bool exact = true;        // it counts the changes and nothing else
   std::vector<Change> changes;
 };
 
@@ -52,5 +51,18 @@ struct Expected {
   Index index;
 };
 Expected ExpectLoad(const std::vector<Slot>& slots, bool keep);
+
+// The life of a store whose files come from elsewhere: load, read, check,
+// commit, repack, each followed by a new opening, on the simulated machine.
+// Everything that the store says is compared with the model; memory and
+// platform calls are held to what files of that size may cost. Ends the
+// program where they differ.
+enum Option : unsigned {
+  kKeep = 1,       // damage policy
+  kPowerCuts = 2,  // the power fails where the store would be closed
+  kDeletes = 4,    // the first commit deletes a blob
+  kTraced = 8      // the trace is formatted and kept
+};
+void LiveThrough(const std::vector<Slot>& slots, unsigned options);
 
 }  // namespace fuzz

@@ -5,34 +5,27 @@
 // valid recipe; no corpus is needed.
 //
 // Runs under libFuzzer, or by itself:
-//   store_fuzz_replay EXECUTIONS [SEED]: pseudo-random inputs
+//   store_fuzz_replay EXECUTIONS [SEED]: large files, then pseudo-random inputs
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <random>
 
-#include "tests/fuzz/Bytes.h"
-#include "tests/fuzz/StoreLife.h"
+#include "tests/fuzz/FileModel.h"
 #include "tests/support/JournalBytes.h"
-#include "tests/support/OpenedStore.h"
 
 namespace {
 
-using fuzz::Get32;
-using fuzz::Put32;
+using test::Digest;
+using test::Get32;
+using test::kOpSize;
+using test::Put32;
 
-constexpr std::size_t kOp = 16, kDelete = 32, kStoreHead = 36, kStart = 40;
 constexpr std::uint32_t kEdges[] = {0,          1,          16,         24,         32,
                                     36,         40,         4096,       0x7FFFFFFF, 0x80000000,
                                     0x80000001, 0xFFFFFFDC, 0xFFFFFFF0, 0xFFFFFFFE, 0xFFFFFFFF};
-enum : std::uint32_t { kStoreOp, kDeleteOp, kStartOp, kEndOp };
 enum Right : unsigned { Sizes = 1, Hashes = 2, Lengths = 4, Digests = 8, Header = 16 };
-
-std::string Digest(std::string_view bytes) {
-  const test::HashBytes hash = test::HashOf(bytes);
-  return {hash.begin(), hash.end()};
-}
 
 class FileMaker {
  public:
@@ -67,7 +60,7 @@ class FileMaker {
     return bytes + tail;
   }
   std::uint32_t OpOf(std::size_t i) const {
-    return records[i].size() < kOp ? kEndOp + 1 : Get32(records[i], 0);
+    return records[i].size() < kOpSize ? test::kEndOp + 1 : Get32(records[i], 0);
   }
   auto At(std::size_t i) { return records.begin() + static_cast<std::ptrdiff_t>(i); }
 
@@ -114,8 +107,8 @@ class FileMaker {
         record.resize(Next(static_cast<unsigned>(record.size()) + 1));
         return;
       case 8:
-        if (record.size() >= kDelete && records[k].size() >= kDelete)
-          record.replace(kOp, 16, records[k].substr(kOp, 16));
+        if (record.size() >= test::kDeleteSize && records[k].size() >= test::kDeleteSize)
+          record.replace(kOpSize, 16, records[k].substr(kOpSize, 16));
         return;
       default:
         return ChangeNumber(record, kFields[Next(std::size(kFields))]);
@@ -132,26 +125,29 @@ class FileMaker {
 
   void Repair(unsigned what) {
     for (std::size_t i = 0; i < records.size(); ++i) {
-      if (OpOf(i) != kStoreOp || records[i].size() < kStoreHead) continue;
+      if (OpOf(i) != test::kStoreOp || records[i].size() < test::kStoreSize) continue;
       if ((what & Sizes) != 0)
-        Put32(records[i], kDelete, static_cast<std::uint32_t>(records[i].size() - kStoreHead));
+        Put32(records[i], test::kDeleteSize,
+              static_cast<std::uint32_t>(records[i].size() - test::kStoreSize));
       if ((what & Hashes) != 0)
-        records[i].replace(kOp, 16, Digest(std::string_view(records[i]).substr(kStoreHead)));
+        records[i].replace(kOpSize, 16,
+                           Digest(std::string_view(records[i]).substr(test::kStoreSize)));
     }
     for (std::size_t i = 0; i < records.size(); ++i)
-      if (OpOf(i) == kStartOp && records[i].size() >= kStart) RepairBlock(i, what);
+      if (OpOf(i) == test::kStartOp && records[i].size() >= test::kStartSize) RepairBlock(i, what);
     if ((what & Header) == 0) return;
     Put32(header, 4, static_cast<std::uint32_t>(records.size()));
     Put32(header, 20, static_cast<std::uint32_t>(Bytes().size() - tail.size()));
   }
   void RepairBlock(std::size_t i, unsigned what) {
     std::string body;
-    for (std::size_t k = i + 1; k < records.size() && ((what & Lengths) == 0 || OpOf(k) != kEndOp);
-         ++k)
+    for (std::size_t k = i + 1;
+         k < records.size() && ((what & Lengths) == 0 || OpOf(k) != test::kEndOp); ++k)
       body += records[k];
-    if ((what & Lengths) != 0) Put32(records[i], kOp + 4, static_cast<std::uint32_t>(body.size()));
-    body.resize(std::min<std::size_t>(body.size(), Get32(records[i], kOp + 4)));
-    if ((what & Digests) != 0) records[i].replace(kOp + 8, 16, Digest(body));
+    if ((what & Lengths) != 0)
+      Put32(records[i], kOpSize + 4, static_cast<std::uint32_t>(body.size()));
+    body.resize(std::min<std::size_t>(body.size(), Get32(records[i], kOpSize + 4)));
+    if ((what & Digests) != 0) records[i].replace(kOpSize + 8, 16, Digest(body));
   }
 
   const std::uint8_t* in;
@@ -170,7 +166,7 @@ std::string Sound(std::uint32_t mode, std::int32_t sequence, std::string_view bl
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FileMaker maker(data, size);
-  const fuzz::LifeOptions options = fuzz::OptionsOf(static_cast<std::uint8_t>(maker.Next(16)));
+  const unsigned options = maker.Next(16);
   const bool isPack = maker.Next(2) != 0, isAlone = maker.Next(2) != 0,
              isFirst = maker.Next(2) != 0;
   static constexpr std::int32_t kOthers[] = {0, 1, -1, -3};
@@ -186,7 +182,44 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 }
 
 #ifndef BLOBRING_FUZZ
+namespace {
+
+// Files of many records, sound and damaged: bounds where no constant hides what
+// grows with the file, and hours if any byte were looked at twice.
+void LiveThroughLargeFiles() {
+  constexpr std::uint32_t kRecords = 20000;
+  std::vector<std::string> stores, deletes;
+  test::JournalBytes transactions;
+  std::string all, nested;
+  for (std::uint32_t i = 0; i < kRecords; ++i) {
+    stores.push_back(test::StoreRecord(1, std::to_string(i)));
+    deletes.push_back(test::DeleteRecord(1, std::to_string(i)));
+    transactions.Transaction(i, {deletes.back()});
+    all += stores.back();
+    // Every start record claims, and digests, all that follows it.
+    if (i < 1000) nested = test::StartRecord(1, nested);
+  }
+  const auto journal = [] { return test::JournalBytes(); };
+  const std::string rows[] = {
+      journal().Transaction(1, stores).Bytes(),
+      transactions.Bytes(),
+      journal().Transaction(1, stores).Count(kRecords / 2).Bytes(),
+      journal().Transaction(1, deletes).Raw(nested).Count(0x7FFFFFFF).Bytes(),
+      journal().Raw(test::StartRecord(1, all)).Count(0x7FFFFFFF).Bytes(),
+  };
+  for (const std::string& file : rows) {
+    std::printf("a file of %zu bytes\n", file.size());  // a finding ends the program
+    for (const unsigned options : {0U, unsigned{fuzz::kKeep}}) {
+      fuzz::LiveThrough({{test::JournalBytes(1, 7).Bytes(), file}}, options);
+      fuzz::LiveThrough({{file, journal().Bytes()}}, options);
+    }
+  }
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  LiveThroughLargeFiles();
   std::mt19937 random(argc > 2 ? static_cast<unsigned>(std::atol(argv[2])) : 1);
   const long executions = argc > 1 ? std::atol(argv[1]) : 20000;
   for (long n = 0; n < executions; ++n) {

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 
 #include "tests/sim/Session.h"
 #include "tests/support/SimCrash.h"
@@ -59,9 +60,8 @@ struct Plan {
 
 // A call that fails must say so, one that says it succeeded has. Right after
 // the failure, by a killed process and by power cuts, and at the end: the
-// store loads, holds what was acknowledged or was in doubt, every blob reads
-// back, a new commit works and survives. In the end nothing is open and no
-// memory is taken. Throws a Violation.
+// store recovers (ExpectRecovery) with what was acknowledged or was in doubt.
+// In the end nothing is open and no memory is taken. Throws a Violation.
 class Run {
  public:
   Run(const Workload& workload, const Plan& plan)
@@ -70,34 +70,32 @@ class Run {
   void Go();
   // What the disk may hold at this moment; kept up to date for a watcher.
   const std::vector<Mask>& allowed() const { return allowed_; }
-  bool failed() const { return failed_ || FailedNow(); }
+  bool failed() const;
   std::uint64_t allocations() const { return allocations_; }
   std::uint64_t releases() const { return releases_; }
   std::function<void(char)> beforeStep = [](char) {}, afterStep = [](char) {};
 
  private:
-  // One generation: what its pack holds, and for each commit where it starts
-  // in the journal and what the store held before it.
+  // What a pack holds, and for each commit where it starts in the journal and
+  // what the store held before it.
   struct Commit {
     std::uint32_t start;
     Mask before;
   };
   struct Generation {
-    int sequence;
-    Mask contents;
-    std::vector<Commit> commits;
+    int sequence = 0;
+    Mask contents = 0;
+    std::vector<Commit> commits = {};
   };
 
-  bool FailedNow() const;
   void Arm(std::uint64_t n);
-  void Mend();
+  void Heal();
   void Excuse(const char* call) const;
   void ExpectSaidSo(const char* call) const;
   bool IsClosed();
   void ExpectShown();
   bool OpenOnce();
   bool Open();
-  bool Reopen();
   bool Do(const Step& step);
   void Change(const Step& step);
   bool End();
@@ -105,8 +103,8 @@ class Run {
   bool ReadAll();
   bool Damage(const Step& step);
   std::uint32_t JournalEnd() const;
-  int CurrentSlot() const { return generations_.back().sequence % workload_.slots; }
-  void CheckDisk(const sim::Disk& disk, const char* when);
+  int CurrentSlot() const { return current_.sequence % workload_.slots; }
+  void CheckDisk(sim::Disk disk, const char* when);
   void CheckMoment();
 
   const Workload& workload_;
@@ -119,8 +117,8 @@ class Run {
   bool erased_ = false;  // a load failed, and may have erased the store
   long long transactionId_ = 0;
   int checked_ = 0;  // steps after which the disk was checked, from the failure on
-  std::vector<Generation> generations_{{0, 0, {}}};
-  bool olderIsWhole_ = false;
+  Generation current_;
+  std::optional<Generation> older_;  // while it is whole
   std::uint64_t allocations_ = 0, releases_ = 0, refusedFrees_ = 0;
 };
 

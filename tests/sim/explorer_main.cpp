@@ -6,6 +6,8 @@
 // power cut (default 1,000,000). STATES may be BRIEF: a sample of everything,
 // for the test suite. WORKLOAD is a script (Run.h) or "r" and a seed. Exits
 // with 1 if anything was found.
+#include <malloc.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -88,6 +90,9 @@ void FailEverything(const Workload& workload) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Copied disks go and come back: give no memory back to the system.
+  mallopt(M_TRIM_THRESHOLD, 1 << 30);
+  mallopt(M_MMAP_THRESHOLD, 1 << 30);
   const bool isBrief = argc > 1 && std::strcmp(argv[1], "BRIEF") == 0;
   explore::PowerCut::Limits limits;
   limits.states = argc > 1 && !isBrief ? std::strtoull(argv[1], nullptr, 10) : 1'000'000;
@@ -99,7 +104,7 @@ int main(int argc, char** argv) {
     return explore::RandomWorkload(seed * 1'000'000 + n);
   };
   const bool goesOn = argc <= 3 && !isBrief;
-  sim::Diagnostics().Record(argc > 3);
+  sim::Diagnostics().recording = argc > 3;
 
   for (std::size_t i = 0; i < workloads.size(); ++i)
     if (!isBrief || i % 6 == 2) FailEverything(workloads[i]);

@@ -57,8 +57,8 @@ TEST(File, SaysWhatWasWantedAndWhatWasGot) {
   EXPECT_FALSE(file.flush() || file.size() != 0xFFFFFFFFU);
   for (const auto& [action, text] : rows) EXPECT_EQ(WhatOf(action), text);
   EXPECT_EQ(Diagnostics().fatalErrors, std::vector<std::uint32_t>(6, 0x49380D)) << "not opened";
-  EXPECT_EQ(Diagnostics().records.at(0).id, 0x0F000131U);
-  EXPECT_EQ(Diagnostics().records.at(1).id, 0x0F000132U);
+  EXPECT_EQ(Diagnostics().records.at(0).at(0), 0x0F000131U);
+  EXPECT_EQ(Diagnostics().records.at(1).at(0), 0x0F000132U);
   EXPECT_TRUE(Diagnostics().HasWarning(
       "FileSystem::Remove Error deleting file = /a/f GetLastError code = 2 "));
 }

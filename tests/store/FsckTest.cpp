@@ -50,7 +50,7 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
                static_cast<std::uint32_t>(row.bytes.size()));
   Diagnostics().Clear();
   EXPECT_EQ(BCFsck(store.index), 0);
-  EXPECT_EQ(Diagnostics().lines.back().text, "BlobController::Fsck() storage is corrupted");
+  EXPECT_EQ(Diagnostics().lines.back(), "error   BlobController::Fsck() storage is corrupted");
   EXPECT_NE(Diagnostics().raw.find(" BlobPair::Read DATA was: 58626262"), std::string::npos);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.blob);

@@ -26,13 +26,10 @@ std::string TextOf(const HashBytes& hash) {
 sim::SimFiles& FreshMachine() {
   sim::SimFiles& files = sim::Files();
   files.Reset();
-  files.watcher = nullptr;
-  files.Heal();
-  for (const char* directory : {"/s", "/a", "/b", "/c"}) files.disk.MakeDirectory(directory);
+  for (const char* directory : {"/s", "/p", "/a", "/b", "/c"}) files.disk.MakeDirectory(directory);
   sim::Memory().RefuseAlloc(0);
   sim::Memory().RefuseFree(0);
   sim::Diagnostics().Clear();
-  sim::Diagnostics().Record(true);
   sim::Diagnostics().level = 0;
   return files;
 }
@@ -40,9 +37,7 @@ sim::SimFiles& FreshMachine() {
 std::string FileBytes(const std::string& path) {
   const int inode = sim::Files().disk.Lookup(path);
   EXPECT_NE(inode, sim::kNoInode) << path;
-  if (inode == sim::kNoInode) return {};
-  const sim::Bytes& bytes = sim::Files().disk.inode(inode).visible;
-  return {bytes.begin(), bytes.end()};
+  return inode == sim::kNoInode ? std::string() : sim::Files().disk.inode(inode).visible;
 }
 
 void SetFile(const std::string& path, std::string_view bytes) {
@@ -50,7 +45,7 @@ void SetFile(const std::string& path, std::string_view bytes) {
   int inode = disk.Lookup(path);
   if (inode == sim::kNoInode) inode = disk.Create(path);
   disk.Truncate(inode, 0);
-  disk.Write(inode, 0, bytes.data(), static_cast<std::uint32_t>(bytes.size()));
+  disk.Write(inode, 0, bytes.data(), bytes.size());
   disk.Flush(inode);
   disk.SyncDirectory(sim::DirectoryOf(path));
 }
@@ -102,8 +97,7 @@ bool OpenedStore::Commit(long long id, const std::vector<std::string>& blobs) co
   return End(id) && good;
 }
 
-std::optional<std::string> OpenedStore::Get(std::string_view data) const {
-  HashBytes hash = HashOf(data);
+std::optional<std::string> OpenedStore::GetBy(HashBytes hash) const {
   const int size = BCGetSize(index, hash.data());
   if (size < 0) return std::nullopt;
   std::string read(static_cast<std::size_t>(size), '\0');
@@ -112,19 +106,17 @@ std::optional<std::string> OpenedStore::Get(std::string_view data) const {
   return read;
 }
 
-std::vector<std::string> OpenedStore::All() const {
-  std::vector<std::string> blobs;
+std::vector<HashBytes> OpenedStore::Hashes() const {
   const int count = BCGetAllBlobHashesReset(index);
   std::vector<HashBytes> hashes;
   for (HashBytes hash{}; BCGetAllBlobHashes(index, hash.data(), 0) == 1;) hashes.push_back(hash);
   EXPECT_EQ(static_cast<int>(hashes.size()), count);
-  for (HashBytes& hash : hashes) {
-    std::string read(static_cast<std::size_t>(BCGetSize(index, hash.data())), '\0');
-    EXPECT_EQ(BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()),
-                    static_cast<int>(read.size())),
-              0);
-    blobs.push_back(read);
-  }
+  return hashes;
+}
+
+std::vector<std::string> OpenedStore::All() const {
+  std::vector<std::string> blobs;
+  for (const HashBytes& hash : Hashes()) blobs.push_back(GetBy(hash).value_or("unreadable"));
   return blobs;
 }
 

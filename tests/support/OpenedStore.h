@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,7 +22,7 @@ HashBytes HashOf(std::string_view data);
 // The text that messages use: no leading zeros.
 std::string TextOf(const HashBytes& hash);
 
-// A machine with an empty disk and the directories /s, /a, /b and /c, where
+// A machine with an empty disk and the directories /s, /p, /a, /b and /c, where
 // nothing is planned and nothing recorded.
 sim::SimFiles& FreshMachine();
 
@@ -58,9 +57,10 @@ class OpenedStore {
 
   // A committed blob, read by the size that the store gives; nothing when it
   // is not there or cannot be read.
-  std::optional<std::string> Get(std::string_view data) const;
-  bool Has(std::string_view data) const { return Get(data) == std::string(data); }
-  // All blobs, by enumeration.
+  std::optional<std::string> GetBy(HashBytes hash) const;
+  bool Has(std::string_view data) const { return GetBy(HashOf(data)) == data; }
+  // By enumeration: all hashes, all blobs.
+  std::vector<HashBytes> Hashes() const;
   std::vector<std::string> All() const;
 };
 

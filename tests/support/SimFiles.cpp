@@ -1,24 +1,11 @@
 #include "tests/support/SimFiles.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "tests/support/SimDiagnostics.h"
 
 namespace sim {
-
-namespace {
-
-constexpr std::uint64_t kLargestFile = 0x7FFFFFFF;
-
-std::string Narrow(const WCHAR* path) {
-  std::string narrow;
-  for (; *path != 0; ++path) narrow.push_back(static_cast<char>(*path & 0xFF));
-  return narrow;
-}
-
-}  // namespace
 
 SimFiles& Files() {
   static SimFiles files;
@@ -26,9 +13,7 @@ SimFiles& Files() {
 }
 
 bool CanFail(Call call, Fault fault) {
-  const auto isOneOf = [call](std::initializer_list<Call> calls) {
-    return std::find(calls.begin(), calls.end(), call) != calls.end();
-  };
+  const auto isOneOf = [call](const std::set<Call>& calls) { return calls.count(call) > 0; };
   switch (fault) {
     case Fault::Partial:
       return isOneOf({Call::ReadFile, Call::WriteFile, Call::FlushFileBuffers});
@@ -45,9 +30,10 @@ bool CanFail(Call call, Fault fault) {
 }
 
 void SimFiles::Reset() {
-  std::vector<Call>* const kept = log;
-  *this = SimFiles();
-  log = kept;
+  SimFiles fresh;
+  fresh.watcher = watcher;
+  fresh.log = log;
+  *this = fresh;
 }
 
 void SimFiles::Kill() {
@@ -65,30 +51,30 @@ unsigned SimFiles::openHandles() const {
       std::count_if(handles_.begin(), handles_.end(), [](const Handle& h) { return h.open; }));
 }
 
-Fault SimFiles::Begin(Call call) {
+Fault SimFiles::Begin(Call call, bool grows) {
   if (dead_) return Fault::Error;
+  ++allCalls;
   ++counts_[static_cast<std::size_t>(call)];
   if (log != nullptr) log->push_back(call);
-  if (plan_.countdown == 0 || (plan_.oneKind && call != plan_.kind)) return Fault::None;
+  if (plan_.countdown == 0 || call != plan_.kind.value_or(call)) return Fault::None;
   if (plan_.countdown > 1) return --plan_.countdown, Fault::None;
   if (!plan_.fromThenOn) plan_.countdown = 0;
-  if (!CanFail(call, plan_.fault)) return Fault::None;
+  if (!CanFail(call, plan_.fault) || (plan_.fault == Fault::DiskFull && !grows)) return Fault::None;
   ++fired_;
-  ++firedOf_[static_cast<std::size_t>(call)];
+  firedOf_.insert(call);
   return plan_.fault;
 }
 
-// Undoes the count of a fault that made no difference to this call.
-void SimFiles::NotApplied(Call call) {
-  --fired_;
-  --firedOf_[static_cast<std::size_t>(call)];
-}
-
-SimFiles::Handle* SimFiles::HandleAt(HANDLE value) {
-  if (!dead_ && value >= 1 && value <= handles_.size() && handles_[value - 1].open)
-    return &handles_[value - 1];
-  Fail(ERROR_INVALID_HANDLE);
-  return nullptr;
+SimFiles::Handle* SimFiles::Begin(Call call, HANDLE file, DWORD access, std::size_t size) {
+  Handle* handle = file >= 1 && file <= handles_.size() ? &handles_[file - 1] : nullptr;
+  if (handle != nullptr && !handle->open) handle = nullptr;
+  lastFault = Begin(call, handle != nullptr &&
+                              handle->position + size > disk.inode(handle->inode).visible.size());
+  if (handle == nullptr) return Fail(ERROR_INVALID_HANDLE), nullptr;
+  if (lastFault == Fault::Error && call != Call::FlushFileBuffers && call != Call::CloseHandle)
+    return Fail(ERROR_IO_DEVICE), nullptr;
+  if ((handle->access & access) != access) return Fail(ERROR_ACCESS_DENIED), nullptr;
+  return handle;
 }
 
 // Whether a handle has the file to itself. One without access does not.
@@ -98,236 +84,209 @@ bool SimFiles::IsHeld(int inode) const {
   });
 }
 
-HANDLE SimFiles::Create(const WCHAR* path, DWORD access, DWORD disposition) {
-  const Fault fault = Begin(Call::CreateFile);
-  const auto refused = [this](DWORD error) { return Fail(error), INVALID_HANDLE_VALUE; };
-  if (fault == Fault::Error) return refused(ERROR_ACCESS_DENIED);
-  if (fault == Fault::Busy) return refused(ERROR_SHARING_VIOLATION);
-  const std::string name = Narrow(path);
-  const std::string directory(DirectoryOf(name));
-  if (!disk.HasDirectory(directory)) return refused(ERROR_PATH_NOT_FOUND);
-  int inode = disk.Lookup(name);
-  const bool present = inode != kNoInode;
-  if (present && disposition == CREATE_NEW) return refused(ERROR_FILE_EXISTS);
-  if (!present && disposition == OPEN_EXISTING) return refused(ERROR_FILE_NOT_FOUND);
-  if (present && access != 0 && IsHeld(inode)) return refused(ERROR_SHARING_VIOLATION);
-  if (fault == Fault::DiskFull) {
-    if (!present) return refused(ERROR_DISK_FULL);
-    NotApplied(Call::CreateFile);
-  }
-  if (!present) {
-    Watch(Call::CreateFile);
-    inode = disk.Create(name);
-  }
-  if (fault == Fault::DoneButFailed) return refused(ERROR_IO_DEVICE);
+HANDLE SimFiles::Open(const Handle& handle) {
   const auto free =
       std::find_if(handles_.begin(), handles_.end(), [](const Handle& h) { return !h.open; });
-  if (free == handles_.end()) return refused(ERROR_TOO_MANY_OPEN_FILES);
-  *free = {true, inode, directory, access, 0, disposition != OPEN_EXISTING, false};
-  lastError = present && disposition != OPEN_EXISTING ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS;
+  if (free == handles_.end()) return Fail(ERROR_TOO_MANY_OPEN_FILES), INVALID_HANDLE_VALUE;
+  *free = handle;
   return static_cast<HANDLE>(free - handles_.begin()) + 1;
 }
 
-BOOL SimFiles::Read(HANDLE file, void* buffer, DWORD size, DWORD* transferred) {
-  *transferred = 0;
-  const Fault fault = Begin(Call::ReadFile);
-  if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
-  Handle* handle = HandleAt(file);
-  if (handle == nullptr) return 0;
-  if ((handle->access & GENERIC_READ) == 0) return Fail(ERROR_ACCESS_DENIED);
-  const Bytes& bytes = disk.inode(handle->inode).visible;
-  const std::uint64_t left = handle->position < bytes.size() ? bytes.size() - handle->position : 0;
-  DWORD count = static_cast<DWORD>(std::min<std::uint64_t>(size, left));
-  if (fault == Fault::Partial) count /= 2;
-  if (count > 0) std::memcpy(buffer, bytes.data() + handle->position, count);
-  handle->position += count;
-  *transferred = count;
-  return fault == Fault::Partial ? Fail(ERROR_IO_DEVICE) : Done();
+bool SimFiles::FailsHeader(const Handle& handle) {
+  return handle.position == 0 && std::exchange(failsHeader_, false);
 }
 
-BOOL SimFiles::Write(HANDLE file, const void* buffer, DWORD size, DWORD* transferred) {
-  *transferred = 0;
-  const Fault fault = Begin(Call::WriteFile);
-  if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
-  Handle* handle = HandleAt(file);
-  if (handle == nullptr) return 0;
-  if ((handle->access & GENERIC_WRITE) == 0) return Fail(ERROR_ACCESS_DENIED);
-  if (handle->position + size > kLargestFile) return Fail(ERROR_FILE_TOO_LARGE);
-  if (handle->position == 0 && std::exchange(failsHeader_, false)) return Fail(ERROR_IO_DEVICE);
-  const bool grows = handle->position + size > disk.inode(handle->inode).visible.size();
-  if (fault == Fault::DiskFull && !grows) NotApplied(Call::WriteFile);
-  const bool full = fault == Fault::DiskFull && grows;
-  const DWORD count = full || fault == Fault::Partial ? size / 2 : size;
-  Watch(Call::WriteFile);
-  disk.Write(handle->inode, static_cast<std::uint32_t>(handle->position), buffer, count);
-  handle->position += count;
-  *transferred = count;
-  if (full) return Fail(ERROR_DISK_FULL);
-  return fault == Fault::Partial || fault == Fault::DoneButFailed ? Fail(ERROR_IO_DEVICE) : Done();
+void SimFiles::Flush(Handle& handle) {
+  if (lastFault == Fault::Error || lastFault == Fault::Partial) {
+    disk.DropUpdates(handle.inode);
+    if (lastFault == Fault::Error) disk.Reread(handle.inode);
+  } else if (lieCountdown_ == 0 || --lieCountdown_ > 0) {
+    disk.Flush(handle.inode);
+    if (std::exchange(handle.syncsDirectory, false)) disk.SyncDirectory(handle.directory);
+  }
+  handle.flushFailed = lastFault != Fault::None;
 }
 
-DWORD SimFiles::Seek(HANDLE file, LONG distance, DWORD method) {
-  const bool fails = Begin(Call::SetFilePointer) == Fault::Error;
-  Handle* handle = HandleAt(file);
+namespace {
+
+using Handle = SimFiles::Handle;
+
+std::string Narrow(const WCHAR* path) {
+  std::string narrow;
+  for (; *path != 0; ++path) narrow.push_back(static_cast<char>(*path & 0xFF));
+  return narrow;
+}
+
+BOOL Move(const WCHAR* from, const WCHAR* to, bool replace) {
+  SimFiles& machine = Files();
+  Disk& disk = machine.disk;
+  const Fault fault = machine.Begin(Call::MoveFile);
+  if (fault == Fault::Error) return machine.Fail(ERROR_IO_DEVICE);
+  if (fault == Fault::Busy) return machine.Fail(ERROR_SHARING_VIOLATION);
+  const std::string source = Narrow(from), target = Narrow(to);
+  const int moved = disk.Lookup(source), replaced = disk.Lookup(target);
+  if (moved == kNoInode) return machine.Fail(ERROR_FILE_NOT_FOUND);
+  if (!replace && replaced != kNoInode) return machine.Fail(ERROR_ALREADY_EXISTS);
+  if (machine.IsHeld(moved) || (replaced != kNoInode && machine.IsHeld(replaced)))
+    return machine.Fail(ERROR_SHARING_VIOLATION);
+  machine.Watch();
+  disk.Rename(source, target);
+  if (fault == Fault::None) {  // else the directory could not be synced
+    disk.SyncDirectory(DirectoryOf(target));
+    disk.SyncDirectory(DirectoryOf(source));
+  }
+  return machine.Done(fault != Fault::None);
+}
+
+}  // namespace
+
+}  // namespace sim
+
+using sim::Call;
+using sim::Fault;
+using sim::Files;
+using sim::kNoInode;
+
+extern "C" {
+
+HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition,
+                   DWORD, HANDLE) {
+  sim::SimFiles& machine = Files();
+  const auto refused = [&](DWORD error) { return machine.Fail(error), INVALID_HANDLE_VALUE; };
+  const std::string name = sim::Narrow(path), directory(sim::DirectoryOf(name));
+  int inode = machine.disk.Lookup(name);
+  const bool present = inode != kNoInode;
+  const Fault fault = machine.Begin(Call::CreateFile, !present);
+  if (fault == Fault::Error) return refused(ERROR_ACCESS_DENIED);
+  if (fault == Fault::Busy) return refused(ERROR_SHARING_VIOLATION);
+  if (!machine.disk.HasDirectory(directory)) return refused(ERROR_PATH_NOT_FOUND);
+  if (present && disposition == CREATE_NEW) return refused(ERROR_FILE_EXISTS);
+  if (!present && disposition == OPEN_EXISTING) return refused(ERROR_FILE_NOT_FOUND);
+  if (present && access != 0 && machine.IsHeld(inode)) return refused(ERROR_SHARING_VIOLATION);
+  if (fault == Fault::DiskFull) return refused(ERROR_DISK_FULL);
+  if (!present) {
+    machine.Watch();
+    inode = machine.disk.Create(name);
+  }
+  if (fault == Fault::DoneButFailed) return refused(ERROR_IO_DEVICE);
+  machine.Fail(present && disposition != OPEN_EXISTING ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+  return machine.Open({true, inode, directory, access, 0, disposition != OPEN_EXISTING, false});
+}
+
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {
+  *transferred = 0;
+  sim::Handle* handle = Files().Begin(Call::ReadFile, file, GENERIC_READ);
+  if (handle == nullptr) return 0;
+  const sim::Bytes& bytes = Files().disk.inode(handle->inode).visible;
+  const std::size_t left = bytes.size() - std::min(handle->position, bytes.size());
+  DWORD count = static_cast<DWORD>(std::min<std::size_t>(size, left));
+  const bool partial = Files().lastFault == Fault::Partial;
+  if (partial) count /= 2;
+  if (count > 0) bytes.copy(static_cast<char*>(buffer), count, handle->position);
+  handle->position += count;
+  *transferred = count;
+  return Files().Done(partial);
+}
+
+BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {
+  *transferred = 0;
+  sim::Handle* handle = Files().Begin(Call::WriteFile, file, GENERIC_WRITE, size);
+  if (handle == nullptr) return 0;
+  if (handle->position + size > 0x7FFFFFFF) return Files().Fail(ERROR_FILE_TOO_LARGE);
+  if (Files().FailsHeader(*handle)) return Files().Fail(ERROR_IO_DEVICE);
+  const Fault fault = Files().lastFault;
+  const DWORD count = fault == Fault::DiskFull || fault == Fault::Partial ? size / 2 : size;
+  Files().Watch();
+  Files().disk.Write(handle->inode, handle->position, buffer, count);
+  handle->position += count;
+  *transferred = count;
+  if (fault == Fault::DiskFull) return Files().Fail(ERROR_DISK_FULL);
+  return Files().Done(fault != Fault::None);
+}
+
+DWORD SetFilePointer(HANDLE file, LONG distance, LONG*, DWORD method) {
+  sim::Handle* handle = Files().Begin(Call::SetFilePointer, file, 0);
   if (handle == nullptr) return INVALID_SET_FILE_POINTER;
-  if (fails) return Fail(ERROR_IO_DEVICE), INVALID_SET_FILE_POINTER;
-  const std::int64_t from =
-      method == FILE_CURRENT ? static_cast<std::int64_t>(handle->position) : 0;
-  if (from + distance < 0) return Fail(ERROR_NEGATIVE_SEEK), INVALID_SET_FILE_POINTER;
-  handle->position = static_cast<std::uint64_t>(from + distance);
-  return Done(), static_cast<DWORD>(handle->position);
+  const auto from = static_cast<std::int64_t>(method == FILE_CURRENT ? handle->position : 0);
+  if (from + distance < 0) return Files().Fail(ERROR_NEGATIVE_SEEK), INVALID_SET_FILE_POINTER;
+  handle->position = static_cast<std::size_t>(from + distance);
+  return Files().Done(), static_cast<DWORD>(handle->position);
 }
 
-DWORD SimFiles::Size(HANDLE file) {
-  const bool fails = Begin(Call::GetFileSize) == Fault::Error;
-  const Handle* handle = HandleAt(file);
+DWORD GetFileSize(HANDLE file, DWORD*) {
+  const sim::Handle* handle = Files().Begin(Call::GetFileSize, file, 0);
   if (handle == nullptr) return INVALID_FILE_SIZE;
-  if (fails) return Fail(ERROR_IO_DEVICE), INVALID_FILE_SIZE;
-  return Done(), static_cast<DWORD>(disk.inode(handle->inode).visible.size());
+  return Files().Done(), static_cast<DWORD>(Files().disk.inode(handle->inode).visible.size());
 }
 
-BOOL SimFiles::SetEnd(HANDLE file) {
-  const Fault fault = Begin(Call::SetEndOfFile);
-  if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
-  const Handle* handle = HandleAt(file);
+BOOL SetEndOfFile(HANDLE file) {
+  const sim::Handle* handle = Files().Begin(Call::SetEndOfFile, file, GENERIC_WRITE);
   if (handle == nullptr) return 0;
-  if ((handle->access & GENERIC_WRITE) == 0) return Fail(ERROR_ACCESS_DENIED);
-  if (handle->position > kLargestFile) return Fail(ERROR_FILE_TOO_LARGE);
-  Watch(Call::SetEndOfFile);
-  disk.Truncate(handle->inode, static_cast<std::uint32_t>(handle->position));
-  return fault != Fault::None ? Fail(ERROR_IO_DEVICE) : Done();
+  Files().Watch();
+  Files().disk.Truncate(handle->inode, handle->position);
+  return Files().Done(Files().lastFault != Fault::None);
 }
 
-BOOL SimFiles::Information(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
-  const bool fails = Begin(Call::GetFileInformation) == Fault::Error;
-  const Handle* handle = HandleAt(file);
+BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
+  const sim::Handle* handle = Files().Begin(Call::GetFileInformation, file, 0);
   if (handle == nullptr) return 0;
-  if (fails) return Fail(ERROR_IO_DEVICE);
   *information = {};
   information->dwVolumeSerialNumber = 1;
   information->nFileIndexLow = static_cast<DWORD>(handle->inode);
-  return Done();
+  return Files().Done();
 }
 
-DWORD SimFiles::FullPath(const WCHAR* path, DWORD capacity, WCHAR* buffer) {
-  if (Begin(Call::GetFullPathName) == Fault::Error) return Fail(ERROR_ACCESS_DENIED), 0;
-  std::u16string full;
+DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** /*filePart*/) {
+  if (Files().Begin(Call::GetFullPathName) == Fault::Error)
+    return Files().Fail(ERROR_ACCESS_DENIED), 0;
+  std::u16string full(path);
   if (*path != u'/') {
-    for (const char c : currentDirectory) full.push_back(static_cast<unsigned char>(c));
-    if (full.back() != u'/') full.push_back(u'/');
+    const std::string& directory = Files().currentDirectory;
+    full = std::u16string(directory.begin(), directory.end()) + u'/' + full;
   }
-  full += path;
-  Done();
+  Files().Done();
   if (full.size() >= capacity) return static_cast<DWORD>(full.size()) + 1;
   full.copy(buffer, full.size());
   buffer[full.size()] = 0;
   return static_cast<DWORD>(full.size());
 }
 
-BOOL SimFiles::Flush(HANDLE file) {
-  const Fault fault = Begin(Call::FlushFileBuffers);
-  Handle* handle = HandleAt(file);
+BOOL FlushFileBuffers(HANDLE file) {
+  sim::Handle* handle = Files().Begin(Call::FlushFileBuffers, file, 0);
   if (handle == nullptr) return 0;
-  if (handle->flushFailed) return Fail(ERROR_IO_DEVICE);
-  Watch(Call::FlushFileBuffers);
-  if (fault == Fault::Error || fault == Fault::Partial) {
-    disk.DropUpdates(handle->inode, fault == Fault::Partial);
-  } else if (lieCountdown_ == 0 || --lieCountdown_ > 0) {
-    disk.Flush(handle->inode);
-    if (handle->syncsDirectory) disk.SyncDirectory(handle->directory);
-    handle->syncsDirectory = false;
-  }
-  if (fault == Fault::None) return Done();
-  handle->flushFailed = true;
-  return Fail(ERROR_IO_DEVICE);
+  if (handle->flushFailed) return Files().Fail(ERROR_IO_DEVICE);
+  Files().Watch();
+  Files().Flush(*handle);
+  return Files().Done(handle->flushFailed);
 }
 
-BOOL SimFiles::Close(HANDLE file) {
-  const Fault fault = Begin(Call::CloseHandle);
-  Handle* handle = HandleAt(file);
+BOOL CloseHandle(HANDLE file) {
+  sim::Handle* handle = Files().Begin(Call::CloseHandle, file, 0);
   if (handle == nullptr) return 0;
   handle->open = false;
-  if (handle->flushFailed) disk.Reread(handle->inode);
-  return fault != Fault::None ? Fail(ERROR_IO_DEVICE) : Done();
+  if (handle->flushFailed) Files().disk.Reread(handle->inode);
+  return Files().Done(Files().lastFault != Fault::None);
 }
 
-BOOL SimFiles::Delete(const WCHAR* path) {
-  const Fault fault = Begin(Call::DeleteFile);
-  if (fault == Fault::Error) return Fail(ERROR_ACCESS_DENIED);
-  const std::string name = Narrow(path);
-  const int inode = disk.Lookup(name);
-  if (inode == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
-  if (IsHeld(inode)) return Fail(ERROR_SHARING_VIOLATION);
-  Watch(Call::DeleteFile);
-  disk.Remove(name);
-  return fault != Fault::None ? Fail(ERROR_IO_DEVICE) : Done();
-}
-
-BOOL SimFiles::Move(const WCHAR* from, const WCHAR* to, bool replace) {
-  const Fault fault = Begin(Call::MoveFile);
-  if (fault == Fault::Error) return Fail(ERROR_IO_DEVICE);
-  if (fault == Fault::Busy) return Fail(ERROR_SHARING_VIOLATION);
-  const std::string source = Narrow(from), target = Narrow(to);
-  const int moved = disk.Lookup(source), replaced = disk.Lookup(target);
-  if (moved == kNoInode) return Fail(ERROR_FILE_NOT_FOUND);
-  if (!replace && replaced != kNoInode) return Fail(ERROR_ALREADY_EXISTS);
-  if (IsHeld(moved) || (replaced != kNoInode && IsHeld(replaced)))
-    return Fail(ERROR_SHARING_VIOLATION);
-  Watch(Call::MoveFile);
-  disk.Rename(source, target);
-  if (fault == Fault::DoneButFailed)
-    return Fail(ERROR_IO_DEVICE);  // renamed; the directory could not be synced
-  disk.SyncDirectory(DirectoryOf(target));
-  disk.SyncDirectory(DirectoryOf(source));
-  return Done();
-}
-
-}  // namespace sim
-
-using sim::Files;
-
-extern "C" {
-
-HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition,
-                   DWORD, HANDLE) {
-  return Files().Create(path, access, disposition);
-}
-BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {
-  return Files().Read(file, buffer, size, transferred);
-}
-BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {
-  return Files().Write(file, buffer, size, transferred);
-}
-DWORD SetFilePointer(HANDLE file, LONG distance, LONG*, DWORD method) {
-  return Files().Seek(file, distance, method);
-}
-DWORD GetFileSize(HANDLE file, DWORD*) {
-  return Files().Size(file);
-}
-BOOL SetEndOfFile(HANDLE file) {
-  return Files().SetEnd(file);
-}
-BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information) {
-  return Files().Information(file, information);
-}
-DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR** /*filePart*/) {
-  return Files().FullPath(path, capacity, buffer);
-}
-BOOL FlushFileBuffers(HANDLE file) {
-  return Files().Flush(file);
-}
-BOOL CloseHandle(HANDLE file) {
-  return Files().Close(file);
-}
 BOOL DeleteFileW(const WCHAR* path) {
-  return Files().Delete(path);
+  const Fault fault = Files().Begin(Call::DeleteFile);
+  if (fault == Fault::Error) return Files().Fail(ERROR_ACCESS_DENIED);
+  const std::string name = sim::Narrow(path);
+  const int inode = Files().disk.Lookup(name);
+  if (inode == kNoInode) return Files().Fail(ERROR_FILE_NOT_FOUND);
+  if (Files().IsHeld(inode)) return Files().Fail(ERROR_SHARING_VIOLATION);
+  Files().Watch();
+  Files().disk.Remove(name);
+  return Files().Done(fault != Fault::None);
 }
+
 BOOL MoveFileW(const WCHAR* from, const WCHAR* to) {
-  return Files().Move(from, to, false);
+  return sim::Move(from, to, false);
 }
 BOOL MoveFileExW(const WCHAR* from, const WCHAR* to, DWORD) {
-  return Files().Move(from, to, true);
+  return sim::Move(from, to, true);
 }
+
 // The store makes and lists no directories; FileSystem's tests use real ones.
 BOOL CreateDirectoryW(const WCHAR*, SECURITY_ATTRIBUTES*) {
   return Files().Fail(ERROR_NOT_SUPPORTED);
@@ -357,9 +316,9 @@ DWORD GetCurrentThreadId() {
   return 1;
 }
 DWORD GetCurrentProcessId() {
-  return Files().processId;
+  return 1;
 }
 void RaiseException(DWORD code, DWORD, DWORD, const std::uintptr_t*) {
-  sim::Diagnostics().Raised(code);
+  sim::Diagnostics().raised.push_back(code);
 }
 }

@@ -49,12 +49,8 @@ void Prepare(const std::string& words) {
 }
 
 std::string Disk() {
-  sim::Image image;
-  sim::Files().disk.Visible(image);
   std::string all;
-  for (std::size_t i = 0; i < image.count; ++i)
-    all.append(image.files[i].path)
-        .append(image.files[i].bytes.begin(), image.files[i].bytes.end());
+  for (const auto& [path, bytes] : sim::Files().disk.Visible()) all += path + bytes;
   return all;
 }
 
