@@ -1,4 +1,8 @@
-// Where the store's messages go: the host's sink or standard error; and the raw trace device.
+// The host's side of the store: messages, the raw trace device, call events and numeric records,
+// exceptions.
+//
+// Threads: any. Everything is constant-initialised and never destroyed: usable from the first
+// static initialiser to the last static destructor.
 #include "platform/Diagnostics.h"
 
 #include <sys/uio.h>
@@ -10,19 +14,74 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <string_view>
+#include <utility>
 
 #include "blobring/host.h"
 #include "platform/Win32.h"
-#include "platform/posix/HostCallback.h"
 
 namespace {
+
+// A function of the host's and its context, which the host may exchange at any time.
+template <typename Function>
+class Callback {
+ public:
+  void Set(Function* function, void* context) {
+    const std::lock_guard lock(mutex_);
+    callback_ = {function, context};
+  }
+
+  // For a call without the lock, so that the function may call back in.
+  std::pair<Function*, void*> Get() {
+    const std::lock_guard lock(mutex_);
+    return callback_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::pair<Function*, void*> callback_{nullptr, nullptr};
+};
+
+// The most recent records of a trace. A record's number counts from 0 and wraps at 2^32.
+template <typename Record>
+class Ring {
+ public:
+  int Append(Record record) {
+    const std::lock_guard lock(mutex_);
+    record.sequence = next_++;
+    records_[record.sequence % BLOBRING_HOST_RECORD_COUNT] = record;
+    return 0;
+  }
+
+  // See BlobringHostReadEvents.
+  std::uint32_t ReadOn(std::uint32_t* position, Record* out, std::uint32_t capacity,
+                       std::uint32_t* missed) {
+    const std::lock_guard lock(mutex_);
+    const auto kept = std::min<std::uint32_t>(next_ - *position, BLOBRING_HOST_RECORD_COUNT);
+    const std::uint32_t first = next_ - kept;
+    const std::uint32_t count = std::min(kept, capacity);
+    for (std::uint32_t i = 0; i < count; ++i)
+      out[i] = records_[(first + i) % BLOBRING_HOST_RECORD_COUNT];
+    if (missed != nullptr) *missed = first - *position;
+    *position = first + count;
+    return count;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::uint32_t next_ = 0;
+  Record records_[BLOBRING_HOST_RECORD_COUNT] = {};
+};
 
 constexpr std::uint32_t kRawDevice = 1;
 
 constinit std::atomic<std::uint32_t> traceLevel{BLOBRING_HOST_DEFAULT_TRACE_LEVEL};
-constinit platform::HostCallback<BlobringHostTraceSink> traceSink;
-constinit platform::HostCallback<BlobringHostRawSink> rawSink;
+constinit Callback<BlobringHostTraceSink> traceSink;
+constinit Callback<BlobringHostRawSink> rawSink;
+constinit Callback<BlobringHostExceptionHandler> exceptionHandler;
+constinit Ring<BlobringHostEvent> events;
+constinit Ring<BlobringHostNumericRecord> numericRecords;
 
 // A held file is tried again and again, each time with a message.
 bool IsAnotherRetry(std::string_view text) {
@@ -87,7 +146,7 @@ std::uint32_t TraceGetEffectiveLevel() {
 }
 
 int TraceDeviceFind(const char16_t* name, std::uint32_t* out) {
-  if (std::u16string_view(name) != u"LogFile" || rawSink.Get().function == nullptr) return -1;
+  if (std::u16string_view(name) != u"LogFile" || rawSink.Get().first == nullptr) return -1;
   *out = kRawDevice;
   return 0;
 }
@@ -117,6 +176,44 @@ void DeviceFatalError(std::uint32_t code, const char* file, int line) {
       .WriteErrorV("fatal error 0x%X at %s line %d", code, file, line);
 }
 
+// There is one ring buffer, whatever the number; the handle tells in each event which one its
+// writer asked for.
+int GetTraceRingBuffer(int number, std::uint32_t* out) {
+  *out = 0x100 + static_cast<std::uint32_t>(number);
+  return 0;
+}
+
+int WriteEventToRingBuffer(std::uint32_t ring, std::uint32_t threadId, std::uint32_t kind,
+                           std::uint32_t a, std::uint32_t b, std::uint32_t c, std::uint32_t d) {
+  return events.Append({0, threadId, ring, kind, {a, b, c, d}});
+}
+
+int RTTrace(std::uint32_t id) {
+  return numericRecords.Append({0, GetCurrentThreadId(), id, 0, {}});
+}
+
+int RTTrace_1(std::uint32_t id, std::uint32_t a) {
+  return numericRecords.Append({0, GetCurrentThreadId(), id, 1, {a}});
+}
+
+int RTTrace_2(std::uint32_t id, std::uint32_t a, std::uint32_t b) {
+  return numericRecords.Append({0, GetCurrentThreadId(), id, 2, {a, b}});
+}
+
+int RTTrace_3(std::uint32_t id, std::uint32_t a, std::uint32_t b, std::uint32_t c) {
+  return numericRecords.Append({0, GetCurrentThreadId(), id, 3, {a, b, c}});
+}
+
+int RTTrace_4(std::uint32_t id, std::uint32_t a, std::uint32_t b, std::uint32_t c,
+              std::uint32_t d) {
+  return numericRecords.Append({0, GetCurrentThreadId(), id, 4, {a, b, c, d}});
+}
+
+void RaiseException(DWORD code, DWORD flags, DWORD argumentCount, const std::uintptr_t* arguments) {
+  const auto [handler, context] = exceptionHandler.Get();
+  if (handler != nullptr) handler(context, code, flags, argumentCount, arguments);
+}
+
 void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context) {
   traceSink.Set(sink, context);
 }
@@ -127,4 +224,18 @@ void BlobringHostSetTraceLevel(uint32_t level) {
 
 void BlobringHostSetRawSink(BlobringHostRawSink* sink, void* context) {
   rawSink.Set(sink, context);
+}
+
+void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* handler, void* context) {
+  exceptionHandler.Set(handler, context);
+}
+
+uint32_t BlobringHostReadEvents(uint32_t* position, BlobringHostEvent* out, uint32_t capacity,
+                                uint32_t* missed) {
+  return events.ReadOn(position, out, capacity, missed);
+}
+
+uint32_t BlobringHostReadNumericTrace(uint32_t* position, BlobringHostNumericRecord* out,
+                                      uint32_t capacity, uint32_t* missed) {
+  return numericRecords.ReadOn(position, out, capacity, missed);
 }

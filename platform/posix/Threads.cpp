@@ -1,17 +1,13 @@
-// Threads, time and exceptions.
+// Threads and time.
 #include <pthread.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "blobring/host.h"
 #include "platform/Win32.h"
-#include "platform/posix/HostCallback.h"
 
 namespace {
-
-constinit platform::HostCallback<BlobringHostExceptionHandler> exceptionHandler;
 
 struct Ids {
   DWORD thread, process;
@@ -42,13 +38,4 @@ void Sleep(DWORD milliseconds) {
                 static_cast<long>(milliseconds % 1000) * 1'000'000};
   while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
   }
-}
-
-void RaiseException(DWORD code, DWORD flags, DWORD argumentCount, const std::uintptr_t* arguments) {
-  const auto [handler, context] = exceptionHandler.Get();
-  if (handler != nullptr) handler(context, code, flags, argumentCount, arguments);
-}
-
-void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* handler, void* context) {
-  exceptionHandler.Set(handler, context);
 }
