@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "tests/support/SimCrash.h"
-#include "tests/support/SimFiles.h"
 
 namespace sim {
 namespace {
@@ -72,29 +71,6 @@ TEST(SimDisk, LeavesEveryDiskThatAPowerCutCouldAndNoOther) {
     while (crash.Next(choices));
     EXPECT_EQ(found, states) << steps;
   }
-}
-
-TEST(SimFiles, AKilledProcessLosesNothingAndAPowerCutWhatWasNotFlushed) {
-  Files().Reset();
-  Files().disk.MakeDirectory("");
-  const auto open = [](DWORD access = GENERIC_READ | GENERIC_WRITE) {
-    return CreateFileW(u"/f", access, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, 0);
-  };
-  const HANDLE file = open();
-  DWORD written = 0;
-  const auto write = [&](const char* byte) { return WriteFile(file, byte, 1, &written, nullptr); };
-  EXPECT_TRUE(write("a") && FlushFileBuffers(file) && write("b"));  // the flush keeps the name, too
-  EXPECT_EQ(open(), INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_SHARING_VIOLATION);
-  EXPECT_NE(open(0), INVALID_HANDLE_VALUE);
-  EXPECT_FALSE(DeleteFileW(u"/f"));
-  Files().Kill();
-  EXPECT_FALSE(write("c"));
-  Files().Restart();
-  EXPECT_EQ(Describe(Files().disk.Visible()), "a1b1");
-  EXPECT_NE(open(), INVALID_HANDLE_VALUE);
-  Files().CutPower();
-  EXPECT_EQ(Describe(Files().disk.Visible()), "a1");
 }
 
 }  // namespace

@@ -19,7 +19,6 @@
 namespace {
 
 using explore::Plan;
-using explore::Run;
 using explore::Workload;
 using sim::Fault;
 
@@ -34,18 +33,29 @@ void Report(const std::string& text) {
 void Fail(Workload workload, const Plan& plan, bool keep = true) {
   workload.keep = keep;
   ++runs;
-  Run run(workload, plan);
+  explore::Run run(workload, plan);
   try {
     run.Go();
   } catch (const explore::Violation& violation) {
     sim::Files().Kill();
     sim::Files().Restart();
     if (texts.insert(violation.text.substr(0, violation.text.find('{'))).second)
-      Report(workload.name + ", " + "call alloc free"[6 * (static_cast<int>(plan.kind) - 1)] +
-             std::to_string(plan.n) + " fault " + std::to_string(static_cast<int>(plan.fault)) +
-             ": " + violation.text);
+      Report(workload.name + ", " + " caf"[static_cast<int>(plan.kind)] + std::to_string(plan.n) +
+             " fault " + std::to_string(static_cast<int>(plan.fault)) + ": " + violation.text);
   }
   if (run.failed()) ++failedRuns;
+}
+
+// Whatever the caller then does, and with everything failing from there on.
+void FailAt(const Workload& workload, Plan plan, bool lasting) {
+  for (const auto then : {Plan::Then::Reopen, Plan::Then::AskAgain, Plan::Then::GoOn}) {
+    plan.then = then;
+    Fail(workload, plan);
+  }
+  Fail(workload, {plan.kind, plan.n, plan.fault}, false);
+  plan.fromThenOn = true;
+  for (const bool keep : {true, false})
+    if (lasting) Fail(workload, plan, keep);
 }
 
 void FailEverything(const Workload& workload) {
@@ -53,38 +63,26 @@ void FailEverything(const Workload& workload) {
   std::vector<sim::Call> calls;
   Workload kept = workload;
   kept.keep = true;
-  Run healthy(kept, {Plan::Kind::Call, ~std::uint64_t{0}});
+  explore::Run healthy(kept, {Plan::Kind::Call, ~std::uint64_t{0}});
   sim::Files().log = &calls;
   healthy.Go();
   sim::Files().log = nullptr;
-  const auto each = {Plan::Then::AskAgain, Plan::Then::GoOn, Plan::Then::Reopen};
   // Of a long workload the end, and of its repetitions a part.
   const auto skips = [](std::uint64_t n, std::uint64_t count) {
     return n + 250 < count && n % 8 != 0;
   };
-  for (std::uint64_t n = 1; n <= calls.size(); ++n) {
-    if (skips(n, calls.size())) continue;
+  for (std::uint64_t n = 1; n <= calls.size(); ++n)
     for (const Fault fault :
-         {Fault::Error, Fault::Partial, Fault::DiskFull, Fault::Busy, Fault::DoneButFailed}) {
-      if (!sim::CanFail(calls[static_cast<std::size_t>(n - 1)], fault)) continue;
-      for (const Plan::Then then : each) Fail(workload, {Plan::Kind::Call, n, fault, false, then});
-      Fail(workload, {Plan::Kind::Call, n, fault, false}, false);
-      if (fault != Fault::Error && fault != Fault::DiskFull) continue;
-      for (const bool keep : {true, false})
-        Fail(workload, {Plan::Kind::Call, n, fault, true, Plan::Then::GoOn}, keep);
-    }
+         {Fault::Error, Fault::Partial, Fault::DiskFull, Fault::Busy, Fault::DoneButFailed})
+      if (!skips(n, calls.size()) && sim::CanFail(calls[n - 1], fault))
+        FailAt(workload, {Plan::Kind::Call, n, fault},
+               fault == Fault::Error || fault == Fault::DiskFull);
+  for (const auto kind : {Plan::Kind::Alloc, Plan::Kind::Free}) {
+    const std::uint64_t count =
+        kind == Plan::Kind::Alloc ? healthy.allocations() : healthy.releases();
+    for (std::uint64_t n = 1; n <= count; ++n)
+      if (!skips(n, count)) FailAt(workload, {kind, n}, true);
   }
-  for (std::uint64_t n = 1; n <= healthy.allocations(); ++n) {
-    if (skips(n, healthy.allocations())) continue;
-    for (const Plan::Then then : each)
-      Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, false, then});
-    Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, false}, false);
-    Fail(workload, {Plan::Kind::Alloc, n, Fault::Error, true, Plan::Then::GoOn});
-  }
-  for (std::uint64_t n = 1; n <= healthy.releases(); ++n)
-    for (const bool lasting : {false, true})
-      Fail(workload, {Plan::Kind::Free, n, Fault::Error, lasting,
-                      lasting ? Plan::Then::GoOn : Plan::Then::AskAgain});
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ std::uint32_t Get32(std::string_view bytes, std::size_t at) {
   return value;
 }
 
-void Put32(std::string& bytes, std::size_t at, std::uint32_t value) {
+void Put32(std::string& bytes, std::size_t at, std::size_t value) {
   bytes.replace(at, 4, Number(value));
 }
 

@@ -18,7 +18,7 @@ constexpr std::size_t kHeaderSize = 24, kOpSize = 16, kDeleteSize = 32, kStoreSi
 
 // Little-endian.
 std::uint32_t Get32(std::string_view bytes, std::size_t at);
-void Put32(std::string& bytes, std::size_t at, std::uint32_t value);
+void Put32(std::string& bytes, std::size_t at, std::size_t value);  // its low 32 bits
 
 std::string Digest(std::string_view bytes);
 
