@@ -63,11 +63,12 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   EXPECT_EQ(flushes("over an abandoned transaction"), 2U);
   EXPECT_EQ(flushes("behind it"), 1U);
   sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Partial);
-  ASSERT_FALSE(store.Store(std::string(600000, 'L')));  // its head first, then its data
+  ASSERT_TRUE(store.Store("whole") && !store.Store(std::string(600000, 'L')));
   EXPECT_EQ(flushes("over what a failed write has left"), 2U);
   EXPECT_EQ(flushes("behind it again"), 1U);
+  ASSERT_TRUE(store.Store("first try"));
   sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Error);  // of the header
-  ASSERT_TRUE(store.Store("first try") && !store.End(1));
+  ASSERT_FALSE(store.End(1));
   EXPECT_EQ(flushes("over what a failed commit has left"), 2U);
   const std::uint64_t records = StatisticsOf(store.index).journalBytes;
   EXPECT_GT(FileBytes("/s/0.jrn").size(), records);
@@ -76,20 +77,22 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
 }
 
 TEST(Transaction, AFailedFlushIsOverOnceTheStoreIsOpenedAgain) {
-  FreshMachine();
-  {
-    const OpenedStore store;
-    ASSERT_TRUE(store.Start(2) && store.Store("lost"));
-    sim::Files().FailCallOf(Call::FlushFileBuffers, 1, Fault::Error);
-    EXPECT_FALSE(store.End(2) || store.Store("refused"));
-    EXPECT_TRUE(Diagnostics().HasWarning(
-        "BlobController::Store() threw an exception a flush has failed, no change is accepted "
-        "until the store is disposed of and opened again"));
-    EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_IN_DOUBT);
-    EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
-  }  // the close fails as well, and releases the handles all the same
-  EXPECT_EQ(sim::Files().openHandles(), 0U);
-  EXPECT_TRUE(OpenedStore().Commit(3, {"accepted"}));
+  for (const std::uint64_t flush : {1U, 2U}) {  // of the records, of the header
+    FreshMachine();
+    {
+      const OpenedStore store;
+      ASSERT_TRUE(store.Start(2) && store.Store("lost"));
+      sim::Files().FailCallOf(Call::FlushFileBuffers, flush, Fault::Error);
+      EXPECT_FALSE(store.End(2) || store.Store("refused"));
+      EXPECT_TRUE(Diagnostics().HasWarning(
+          "BlobController::Store() threw an exception a flush has failed, no change is accepted "
+          "until the store is disposed of and opened again"));
+      EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_IN_DOUBT);
+      EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
+    }  // the close fails as well, and releases the handles all the same
+    EXPECT_EQ(sim::Files().openHandles(), 0U);
+    EXPECT_TRUE(OpenedStore().Commit(3, {"accepted"}));
+  }
 }
 
 }  // namespace

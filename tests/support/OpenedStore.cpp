@@ -63,6 +63,15 @@ std::string LastErrorOf(int index) {
   return text;
 }
 
+blobring::Error ErrorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const blobring::Error& e) {
+    return e;
+  }
+  return {"none", BLOBRING_ERROR_NONE};
+}
+
 OpenedStore::OpenedStore(int slots, Policy policy) {
   index = BCInitialize(u"/s");
   try {

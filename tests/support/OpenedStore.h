@@ -1,10 +1,11 @@
 // A store on the simulated machine, through the exported functions alone.
 #pragma once
 
-#include <blobring/blobring.h>
+#include <blobring/Store.h>
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,8 @@ void SetFile(const std::string& path, std::string_view bytes);
 
 BCStatistics StatisticsOf(int index);
 std::string LastErrorOf(int index);
+// What a call of the wrapper fails with; "none" when it does not.
+blobring::Error ErrorOf(const std::function<void()>& call);
 
 // A store in /s whose slot k has its pack in /s as well.
 class OpenedStore {

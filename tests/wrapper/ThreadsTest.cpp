@@ -57,19 +57,17 @@ TEST_F(OnDisk, TwoStoresLiveOnTwoThreads) {
 // A sink that calls back is told no, once, whatever it does with that.
 TEST_F(OnDisk, ASinkCannotTakeTheStoreAway) {
   Store store(root / "a");
-  struct Seen {
-    int index, lines, results;
-  } seen{store.index(), 0, 0};
+  static int index, lines, results;
+  index = store.index(), lines = results = 0;
   BlobringHostSetTraceSink(
-      [](void* context, int, const char*, const char*) {
-        Seen& in = *static_cast<Seen*>(context);
-        ++in.lines;
-        in.results += BCDispose(in.index) + BCOpen("/", nullptr);
+      [](void*, int, const char*, const char*) {
+        ++lines;
+        results += BCDispose(index) + BCOpen("/", nullptr);
       },
-      &seen);
-  EXPECT_EQ(BCPut(store.index(), nullptr, 1, nullptr), 0);
+      nullptr);
+  EXPECT_EQ(BCPut(index, nullptr, 1, nullptr), 0);
   BlobringHostSetTraceSink(nullptr, nullptr);
-  EXPECT_EQ(seen.results, -seen.lines) << "0 and -1 each time";
+  EXPECT_EQ(results, -lines) << "0 and -1 each time";
   EXPECT_TRUE(store.contains(store.put("still open")));
 }
 
