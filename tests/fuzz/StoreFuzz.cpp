@@ -17,7 +17,7 @@
 
 namespace {
 
-using namespace test;  // NOLINT(google-build-using-namespace): the bytes of a file
+using namespace test;
 
 constexpr std::uint32_t kEdges[] = {0,          1,          16,         24,         32,
                                     36,         40,         4096,       0x7FFFFFFF, 0x80000000,

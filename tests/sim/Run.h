@@ -113,8 +113,9 @@ class Run {
   std::vector<Mask> allowed_{0};
   Mask shown_ = 0, working_ = 0;  // what this process must see, and once it ends its transaction
   bool changed_ = false, repackFailed_ = false;
-  bool failed_ = false;  // before the plan was last armed
-  bool erased_ = false;  // a load failed, and may have erased the store
+  bool inDoubt_ = false;  // a flush of a commit failed
+  bool failed_ = false;   // before the plan was last armed
+  bool erased_ = false;   // a load failed, and may have erased the store
   long long transactionId_ = 0;
   int checked_ = 0;  // steps after which the disk was checked, from the failure on
   Generation current_;
