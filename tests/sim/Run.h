@@ -6,7 +6,7 @@
 //   S   start a transaction          E   end it           R   repack
 //   +n  store blob n                 *n  the same by BCPut, which finds the hash
 //   -n  delete blob n                G   read everything and check
-//   F   end it, which fails as its header is written, and forget it
+//   F   end it, which fails as its header is written
 //   O   dispose and open again
 //   K   the process is killed; open again
 //   C   the power fails and what was not flushed is lost; open again
