@@ -158,10 +158,10 @@ ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
   try {
     all = PutAll(at, files.empty() ? std::vector<std::string>{"-"} : files, lines);
   } catch (...) {
-    Print(lines);
+    PrintText(lines);
     throw;
   }
-  Print(lines);
+  PrintText(lines);
   return all ? kSuccess : kFault;
 }
 
@@ -205,7 +205,7 @@ ExitStatus List(const StoreOptions& at, bool longForm) {
       text += '\n';
     }
   }
-  Print(text);
+  PrintText(text);
   return sound ? kSuccess : kFault;
 }
 
@@ -260,7 +260,7 @@ ExitStatus Stat(const StoreOptions& at) {
                           files[i].path);
     }
   }
-  Print(text);
+  PrintText(text);
   return sound ? kSuccess : kFault;
 }
 

@@ -84,7 +84,7 @@ void WriteAll(int fd, std::string_view data, const std::string& name) {
   }
 }
 
-void Print(std::string_view lines) {
+void PrintText(std::string_view lines) {
   static const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
   WriteAll(STDOUT_FILENO, isTerminal ? Printable(lines, true) : std::string(lines),
            "to standard output");

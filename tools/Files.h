@@ -1,6 +1,7 @@
 // Descriptors, and files read and written whole.
 #pragma once
 
+#include <fmt/format.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -53,7 +54,12 @@ void WriteAll(int fd, std::string_view data, const std::string& name);
 
 // Writes lines to standard output, printable ones if that is a terminal.
 // Throws Fault.
-void Print(std::string_view lines);
+void PrintText(std::string_view lines);
+
+template <class... T>
+void Print(fmt::format_string<T...> lines, T&&... values) {
+  PrintText(fmt::format(lines, std::forward<T>(values)...));
+}
 
 // Memory for one file or blob after another. It grows and never shrinks; what
 // lies past the bytes last written is undefined.

@@ -148,11 +148,13 @@ void TakeTrace() {
   BlobringHostSetTraceSink(TakeLine, nullptr);
 }
 
-std::string Explain(const blobring::Error& error) {
+std::string Explain(const std::exception& failure) {
   constexpr std::string_view kPrefix = "blobring: ";
-  std::string text = error.what();
+  std::string text = failure.what();
+  const auto* error = dynamic_cast<const blobring::Error*>(&failure);
+  if (error == nullptr) return text;
   if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
-  const std::string_view advice = AdviceFor(text, error.code());
+  const std::string_view advice = AdviceFor(text, error->code());
   text.erase(std::min(text.find('\n'), text.size()));
   return advice.empty() ? text : fmt::format("{}; {}", text, advice);
 }

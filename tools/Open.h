@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -69,7 +70,7 @@ class TraceLines {
 // Sends the library's trace to the tool, not to standard error. Once, at start.
 void TakeTrace();
 
-// The cause of a failure, then what the user can do about it.
-std::string Explain(const blobring::Error& error);
+// The cause of a failure, then what the user can do about one of the store's.
+std::string Explain(const std::exception& failure);
 
 }  // namespace tool

@@ -50,8 +50,7 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
     SalvagedFile& file = files.emplace_back(SalvagedFile{
         fmt::format("{}/{}", directory, name), std::stoul(match[1]), match[2] == "pak", match[3]});
     try {
-      SalvageFile bytes(file.path);
-      file.scan = Scan(bytes);
+      file.scan = Scan(file.path);
     } catch (const Fault& fault) {
       file.failure = fault.what();
     }
@@ -137,23 +136,22 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
 // Prints a paragraph about a file. Returns whether it is sound.
 bool PrintFile(const SalvagedFile& file) {
   if (!file.failure.empty()) {
-    Print(fmt::format("{}\n  {}\n", file.path, file.failure));
+    Print("{}\n  {}\n", file.path, file.failure);
     return false;
   }
   const SalvageScan& scan = file.scan;
   const format::FileHeader& header = scan.head.header;
   bool sound = scan.head.state != FileHead::State::kDamaged;
-  std::string text = fmt::format("{}: {}\n  header: ", file.path, Count(scan.head.size, "byte"));
+  Print("{}: {}\n", file.path, Count(scan.head.size, "byte"));
   if (scan.IsSound())
-    text += fmt::format("sound, sequence {}, {}, {} bytes in use\n", header.sequence,
-                        Count(header.recordCount, "record"), header.endOffset);
+    Print("  header: sound, sequence {}, {}, {} bytes in use\n", header.sequence,
+          Count(header.recordCount, "record"), header.endOffset);
   else
-    text += sound ? "new, no records\n" : "damaged\n";
-  text +=
-      fmt::format("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
-                  Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
+    Print("  header: {}\n", sound ? "new, no records" : "damaged");
+  Print("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
+        Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
   const auto note = [&](bool isCommitted, const std::string& line) {
-    text += fmt::format("  {}{}\n", line, isCommitted ? "" : " (leftover, not in use)");
+    Print("  {}{}\n", line, isCommitted ? "" : " (leftover, not in use)");
     sound = sound && !isCommitted;
   };
   const auto noteRanges = [&](const Ranges& ranges, std::string_view what) {
@@ -176,30 +174,30 @@ bool PrintFile(const SalvagedFile& file) {
                        record.end() > scan.head.size ? "runs past the end of the file"
                                                      : "does not match its hash"));
   if (scan.stoppedProbing) note(true, "too much looks like a record: some places were not tried");
-  Print(text);
   return sound;
 }
 
-// Copies every blob that was found into the store, each once. Returns the line of the
-// report; clears `complete` if one could not be read once more.
-std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store,
-                      bool& complete) {
+struct Copied {
+  HashSet hashes;
+  uint64_t bytes = 0;
+  HashSet leftBehind;  // not live
+  bool complete = true;
+};
+
+// Copies every blob that was found into the store, each once.
+Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store) {
   std::string unused;
   BatchWriter writer(store, unused);
   Buffer buffer;
-  HashSet copied;
-  HashSet leftBehind;
-  uint64_t copiedBytes = 0;
+  Copied copied;
   uint64_t journalBytes = 0;
-  uint64_t liveCount = 0;
   for (const SalvagedFile& from : found.files) {
     if (!from.failure.empty()) continue;
     SalvageFile file(from.path);
     for (const SalvagedRecord& record : from.scan.records) {
-      if (record.kind != Kind::kBlob || copied.contains(record.hash)) continue;
-      const bool isLive = found.live && found.live->contains(record.hash);
-      if (liveOnly && found.live && !isLive) {
-        leftBehind.insert(record.hash);
+      if (record.kind != Kind::kBlob || copied.hashes.contains(record.hash)) continue;
+      if (liveOnly && found.live && !found.live->contains(record.hash)) {
+        copied.leftBehind.insert(record.hash);
         continue;
       }
       Grow(buffer, record.blobSize);
@@ -208,7 +206,7 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
       if (blobring::Hash::of(std::as_bytes(blob)) != record.hash) {
         Say("{}: blob {} can no longer be read at {:#x}", from.path, record.hash.text(),
             record.offset);
-        complete = false;
+        copied.complete = false;
         continue;
       }
       const uint64_t bytes = record.end() - record.offset + format::kStartSize + format::kEndSize;
@@ -218,44 +216,40 @@ std::string CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store
         journalBytes = 0;
       }
       writer.Add({blob.data(), blob.size()}, record.hash.text());
-      copied.insert(record.hash);
-      copiedBytes += record.blobSize;
+      copied.hashes.insert(record.hash);
+      copied.bytes += record.blobSize;
       journalBytes += bytes;
-      if (isLive) ++liveCount;
     }
   }
   writer.Commit();
-  std::string text =
-      fmt::format("recovered: {}, {} bytes", Count(copied.size(), "blob"), copiedBytes);
-  if (found.live)
-    text += fmt::format("; {} live, {} not live", liveCount, copied.size() - liveCount);
-  if (!leftBehind.empty()) text += fmt::format("; {} left behind", leftBehind.size());
-  return text + "\n";
+  return copied;
 }
 
 // Returns whether all blobs are in the new store.
 bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
   const StoreOptions at = {options.store, 0, {}, false};
-  std::string cause;
   try {
     Init(at);
-    bool complete = true;
-    std::string text;
-    {
-      OpenStore open(at, Access::kChange);
-      text = CopyBlobs(found, options.liveOnly, open.store, complete);
+    std::optional<OpenStore> open(std::in_place, at, Access::kChange);
+    Copied copied = CopyBlobs(found, options.liveOnly, open->store);
+    open.reset();
+    std::string text =
+        fmt::format("recovered: {}, {} bytes", Count(copied.hashes.size(), "blob"), copied.bytes);
+    if (found.live) {
+      const auto live = std::erase_if(
+          copied.hashes, [&](const blobring::Hash& hash) { return found.live->contains(hash); });
+      text += fmt::format("; {} live, {} not live", live, copied.hashes.size());
     }
-    Print(text);
-    return Check(at) == kSuccess && complete;
-  } catch (const blobring::Error& error) {
-    cause = Explain(error);
-  } catch (const Fault& fault) {
-    cause = fault.what();
+    if (!copied.leftBehind.empty())
+      text += fmt::format("; {} left behind", copied.leftBehind.size());
+    Print("{}\n", text);
+    return Check(at) == kSuccess && copied.complete;
+  } catch (const std::exception& failure) {
+    throw Fault(
+        "salvage stopped early: {}; {} holds what was committed until then, remove it before the "
+        "next attempt",
+        Explain(failure), options.store);
   }
-  throw Fault(
-      "salvage stopped early: {}; {} holds what was committed until then, remove it before the "
-      "next attempt",
-      cause, options.store);
 }
 
 }  // namespace
@@ -266,15 +260,14 @@ ExitStatus Salvage(const SalvageOptions& options) {
   const SalvagedFiles found = ScanAll(options);
   bool sound = found.missing.empty();
   for (const SalvagedFile& file : found.files) sound = PrintFile(file) && sound;
-  for (const std::string& path : found.missing) Print(fmt::format("{}: missing\n", path));
+  for (const std::string& path : found.missing) Print("{}: missing\n", path);
   if (found.live)
-    Print(fmt::format("newest generation: {}, sequence {}, {} found\n", found.newestPack->path,
-                      found.newestPack->sequence(), Count(found.live->size(), "live blob")));
+    Print("newest generation: {}, sequence {}, {} found\n", found.newestPack->path,
+          found.newestPack->sequence(), Count(found.live->size(), "live blob"));
   else
-    Print(fmt::format("cannot tell which blobs are live{}\n",
-                      options.liveOnly ? "; all are taken" : ""));
+    Print("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
   sound = MakeStore(found, options) && sound;
-  Print(sound ? "no damage was found\n" : "damage was found, see above\n");
+  Print("{}\n", sound ? "no damage was found" : "damage was found, see above");
   return sound ? kSuccess : kFault;
 }
 

@@ -17,18 +17,6 @@ namespace {
 constexpr size_t kWindowSize = size_t{256} * 1024;
 constexpr size_t kBlockSize = 4096;  // what a failing disk loses at a time
 
-// Returns how many bytes there are before the end of the file or an error, at most size.
-size_t ReadAt(int fd, unsigned char* to, size_t size, uint64_t offset) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t got = ::pread(fd, to + done, size - done, static_cast<off_t>(offset + done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    done += static_cast<size_t>(got);
-  }
-  return done;
-}
-
 }  // namespace
 
 void Add(Ranges& ranges, uint64_t begin, uint64_t end) {
@@ -64,27 +52,37 @@ SalvageFile::SalvageFile(const std::string& path)
   size_ = static_cast<uint64_t>(status.st_size);
 }
 
-// After a failure, block by block. A block that failed once is not tried again: each
-// attempt can cost a failing disk seconds.
-void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) {
-  if (ReadAt(fd_.get(), to, size, offset) == size) return;
-  for (const uint64_t end = offset + size; offset < end;) {
-    const uint64_t blockEnd = offset - offset % kBlockSize + kBlockSize;
-    const size_t part = std::min(end, blockEnd) - offset;
-    const size_t got = Contains(unreadable_, offset) ? 0 : ReadAt(fd_.get(), to, part, offset);
-    std::memset(to + got, 0, part - got);
-    if (got < part && offset + got < size_)
-      Add(unreadable_, offset + got, std::min(size_, blockEnd));
-    offset += part;
-    to += part;
-  }
-}
-
 void SalvageFile::Read(uint64_t offset, unsigned char* to, size_t size) {
   if (offset >= windowBegin_ && offset + size <= windowBegin_ + window_.size())
     std::copy_n(&window_[offset - windowBegin_], size, to);
   else
     ReadFromDisk(offset, to, size);
+}
+
+// After a failure, block by block. A block that failed once is not tried again: each
+// attempt can cost a failing disk seconds.
+void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) {
+  const uint64_t end = std::min(offset + size, std::max(offset, size_));
+  std::memset(to + (end - offset), 0, offset + size - end);
+  bool isWhole = unreadable_.empty();
+  while (offset < end) {
+    const uint64_t blockEnd = std::min(offset - offset % kBlockSize + kBlockSize, size_);
+    size_t part = (isWhole ? end : std::min(end, blockEnd)) - offset;
+    const ssize_t got = Contains(unreadable_, offset)
+                            ? 0
+                            : ::pread(fd_.get(), to, part, static_cast<off_t>(offset));
+    if (got < 0 && errno == EINTR) continue;
+    if (got > 0) {
+      part = static_cast<size_t>(got);
+    } else if (std::exchange(isWhole, false)) {
+      continue;
+    } else {
+      std::memset(to, 0, part);
+      Add(unreadable_, offset, blockEnd);
+    }
+    offset += part;
+    to += part;
+  }
 }
 
 std::span<const unsigned char> SalvageFile::From(uint64_t offset, size_t wanted) {

@@ -36,7 +36,8 @@ class SalvageFile {
   void Read(uint64_t offset, unsigned char* to, size_t size);
 
   // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file
-  // ends before. They remain valid until the next call. REQUIRES: offset < size().
+  // ends before. They remain valid until the next call of this or Digest().
+  // REQUIRES: offset < size().
   std::span<const unsigned char> From(uint64_t offset, size_t wanted = 1);
 
   // The MD5 digest of a part of the file. REQUIRES: it lies within size().

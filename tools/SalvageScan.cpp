@@ -27,7 +27,7 @@ struct Candidate {
   format::TransactionBlock block;  // of a start record
   uint64_t size = 0;               // of the record; 0 if this is none
 
-  bool IsStore() const { return head.op.op == format::kOpStore; }
+  int32_t op() const { return head.op.op; }
   blobring::Hash hash() const { return blobring::Hash(std::to_array(head.hash)); }
 };
 
@@ -55,8 +55,10 @@ class Scanner {
     file_.Read(at, bytes.data(), bytes.size());
     Candidate record = {format::RecordHead::Decode(bytes.data()),
                         format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize])};
-    const auto op = static_cast<uint32_t>(record.head.op.op);
-    if (op < kSizes.size() && kSizes[op] <= file_.size() - at)
+    const auto op = static_cast<uint32_t>(record.op());
+    const bool hasHash = op == format::kOpStore || op == format::kOpDelete;
+    if (op < kSizes.size() && kSizes[op] <= file_.size() - at &&
+        (!hasHash || LooksLikeDigest(record.head.hash)))
       record.size = kSizes[op] + record.head.size;
     return record;
   }
@@ -64,29 +66,26 @@ class Scanner {
   // Whether what lies here can be the successor of a record.
   bool LooksLikeRecord(uint64_t at) const {
     if (at == file_.size() || at == scan_.committedEnd) return true;
-    const Candidate record = At(at);
-    const bool hasHash = record.IsStore() || record.head.op.op == format::kOpDelete;
-    return record.size != 0 && record.size <= file_.size() - at &&
-           (!hasHash || LooksLikeDigest(record.head.hash));
+    const uint64_t size = At(at).size;
+    return size != 0 && size <= file_.size() - at;
   }
 
-  bool MatchesHash(uint64_t at, const Candidate& record) {
-    return file_.Digest(at + format::kStoreHeadSize, record.head.size) == record.hash();
-  }
-
-  void AcceptBlob(uint64_t at, const Candidate& record) {
+  // Takes the blob of a store record if the data matches its hash.
+  bool TakeBlob(uint64_t at, const Candidate& record) {
+    if (file_.Digest(at + format::kStoreHeadSize, record.head.size) != record.hash()) return false;
     scan_.records.push_back({at, record.head.size, Kind::kBlob, record.hash()});
     ++scan_.blobs;
     Add(verified_, at, at + record.size);
+    return true;
   }
 
   // Returns where the records break off, or the limit.
   uint64_t Follow(uint64_t at, uint64_t limit) {
     while (at < limit) {
-      file_.From(at, format::kStartSize);
+      file_.From(at, format::kStartSize);  // moves the window along
       const Candidate record = At(at);
       if (record.size == 0 || Contains(known_, at)) break;  // none, or followed before
-      if (!record.IsStore())
+      if (record.op() != format::kOpStore)
         FollowStructure(at, record, limit);
       else if (!FollowStore(at, record, limit))
         break;
@@ -99,11 +98,7 @@ class Scanner {
   // to Probe(), which bounds what is digested in vain, and counts as broken until then.
   bool FollowStore(uint64_t at, const Candidate& record, uint64_t limit) {
     const bool goesOn = record.size <= limit - at && LooksLikeRecord(at + record.size);
-    if (goesOn && MatchesHash(at, record)) {
-      AcceptBlob(at, record);
-      return true;
-    }
-    if (!LooksLikeDigest(record.head.hash)) return false;
+    if (goesOn && TakeBlob(at, record)) return true;
     scan_.records.push_back({at, record.head.size, Kind::kBroken, record.hash()});
     return goesOn;
   }
@@ -111,8 +106,8 @@ class Scanner {
   void FollowStructure(uint64_t at, const Candidate& record, uint64_t limit) {
     Add(known_, at, at + record.size);
     if (at + record.size <= scan_.committedEnd) ++scan_.recordCount;
-    if (record.head.op.op == format::kOpStartTransaction) StartTransaction(at, record, limit);
-    if (record.head.op.op != format::kOpDelete) return;
+    if (record.op() == format::kOpStartTransaction) StartTransaction(at, record, limit);
+    if (record.op() != format::kOpDelete) return;
     ++scan_.deletions;
     if (at < completeEnd_) scan_.records.push_back({at, 0, Kind::kDelete, record.hash()});
   }
@@ -123,7 +118,7 @@ class Scanner {
     const uint64_t body = at + format::kStartSize;
     const uint64_t end = body + record.block.length;
     if (at >= transaction_ && end + format::kEndSize <= limit &&
-        At(end).head.op.op == format::kOpEndTransaction) {
+        At(end).op() == format::kOpEndTransaction) {
       transaction_ = end;
       if (file_.Digest(body, record.block.length).bytes() == std::to_array(record.block.digest)) {
         completeEnd_ = end + format::kEndSize;
@@ -141,9 +136,7 @@ class Scanner {
     transaction_ = 0;
     while ((at = NextCandidate(at, end)) < end) {
       const Candidate record = At(at);
-      const bool isBlob = IsBlob(at, record, end);
-      if (isBlob) AcceptBlob(at, record);
-      at = isBlob ? Follow(at + record.size, end) : at + 1;
+      at = ProbeBlob(at, record, end) ? Follow(at + record.size, end) : at + 1;
     }
   }
 
@@ -167,16 +160,16 @@ class Scanner {
     return end;
   }
 
-  // Whether there is a blob here, where nothing says that there must be one.
-  bool IsBlob(uint64_t at, const Candidate& record, uint64_t end) {
-    if (record.size > end - at || !LooksLikeDigest(record.head.hash)) return false;
+  // Takes a blob where nothing says that there must be one.
+  bool ProbeBlob(uint64_t at, const Candidate& record, uint64_t end) {
+    if (record.size == 0 || record.size > end - at) return false;
     uint64_t& spent =
         spent_[LooksLikeRecord(at + record.size) ? 1 : 0].at(std::bit_width(record.head.size) / 2);
     if (spent > mostInVain_) {
       scan_.stoppedProbing = scan_.stoppedProbing || at < scan_.committedEnd;
       return false;
     }
-    if (MatchesHash(at, record)) return true;
+    if (TakeBlob(at, record)) return true;
     spent += record.head.size;
     return false;
   }
@@ -214,7 +207,8 @@ class Scanner {
 
 }  // namespace
 
-SalvageScan Scan(SalvageFile& file) {
+SalvageScan Scan(const std::string& path) {
+  SalvageFile file(path);
   SalvageScan scan;
   std::array<unsigned char, format::kFileHeaderSize> bytes;
   file.Read(0, bytes.data(), bytes.size());

@@ -56,6 +56,7 @@ struct SalvageScan {
 // Following digests a byte once for its blob and once for its transaction. Probing
 // digests in vain at most a multiple of the gap's size, so no contents make the time
 // grow with the square of the size. Memory: some 50 bytes for each record found.
-SalvageScan Scan(SalvageFile& file);
+// Throws Fault if the file cannot be opened or is not a regular file.
+SalvageScan Scan(const std::string& path);
 
 }  // namespace tool

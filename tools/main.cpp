@@ -163,10 +163,8 @@ int main(int argc, char** argv) {
   } catch (const tool::UsageError& e) {
     tool::Say("{}", e.what());
     return tool::kUsage;
-  } catch (const blobring::Error& e) {
-    tool::Say("{}", tool::Explain(e));
   } catch (const std::exception& e) {
-    tool::Say("{}", e.what());
+    tool::Say("{}", tool::Explain(e));
   }
   return tool::kFault;
 }
