@@ -1,11 +1,11 @@
 /* To be preloaded: pread(2) fails with EIO where it touches the 4096 bytes at the offset
  * FAIL_AT of a file whose path ends with FAIL_FILE. */
 #define _GNU_SOURCE
-#include <dlfcn.h>
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
@@ -14,13 +14,11 @@ ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
   const ssize_t length = readlink(link, path, sizeof path - 1);
   const char* name = getenv("FAIL_FILE");
   const off64_t bad = atoll(getenv("FAIL_AT"));
-  const int is_the_file =
-      length >= (ssize_t)strlen(name) && strcmp(path + length - strlen(name), name) == 0;
-  if (is_the_file && offset < bad + 4096 && offset + (off64_t)size > bad) {
+  if (length >= (ssize_t)strlen(name) && strcmp(path + length - strlen(name), name) == 0 &&
+      offset < bad + 4096 && offset + (off64_t)size > bad) {
     errno = EIO;
     return -1;
   }
-  ssize_t (*next)(int, void*, size_t, off64_t) =
-      (ssize_t(*)(int, void*, size_t, off64_t))dlsym(RTLD_NEXT, "pread64");
-  return next(fd, buffer, size, offset);
+  const struct iovec whole = {buffer, size};
+  return preadv64(fd, &whole, 1, offset);
 }

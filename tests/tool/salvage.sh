@@ -1,9 +1,11 @@
 # Files damaged in every way that a disk knows: each blob whose bytes are still
 # there comes back, the rest is named, and the originals stay as they are.
+# salvage.sh TOOL FAILING_READS
 . "$(dirname "$0")/support.sh" "$@"
+failing_reads=$2
 
 word() { # FILE OFFSET VALUE: a little-endian word of 32 bits
-  printf '%b' "$(printf '\\x%02x\\x%02x\\x%02x\\x%02x' $(($3 & 255)) $(($3 >> 8 & 255)) $(($3 >> 16 & 255)) $(($3 >> 24 & 255)))" |
+  printf '%08x' "$3" | sed -E 's/(..)(..)(..)(..)/\\x\4\\x\3\\x\2\\x\1/' | xargs -0 printf '%b' |
     dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
 fill() { head -c "$4" "$1" | dd of="$2" bs=1 seek="$3" conv=notrunc status=none; } # SOURCE FILE OFFSET SIZE
@@ -16,15 +18,15 @@ for i in {00..19}; do
   { echo "blob $i is this"; head -c $((10#$i * 1000)) /dev/urandom | base64 -w 76; } >blobs/$i
 done
 head -c 30000 /dev/zero >>blobs/07
-blobring init inner 2>/dev/null
+blobring init inner
 printf abc | blobring put inner >/dev/null
 cat inner/0.jrn >>blobs/15
-blobring init good 2>/dev/null
+blobring init good
 blobring put good blobs/0? >hashes
-blobring repack good 2>/dev/null
+blobring repack good
 blobring put good blobs/1[0-4] >>hashes
 blobring put good blobs/1[5-9] >>hashes
-blobring rm good "$(head -1 hashes)" 2>/dev/null
+blobring rm good "$(head -1 hashes)"
 
 # row LOST PATTERN COMMAND [OPTION...]: of the store after COMMAND all blobs but LOST are
 # recovered, the report matches PATTERN, and only a sound store gives status 0.
@@ -71,6 +73,25 @@ row 5 "" 'at=$(($(pak 05) + 300)); { head -c $at ../good/1.pak; tail -c +$((at +
 row "0 1 2 3 4 5 6 7 8 9" "1.pak: missing" "rm 1.pak"
 row "" "^no damage" "rm blobring.conf; for f in *; do mv \$f \$f.kept-3; done"
 row "" "live" "rm blobring.conf; mkdir ../packs; mv 1.pak ../packs" --pack-dir packs
+
+# A disk that refuses to read one block: what does not lie in it comes back, and the
+# block is named. Eight blobs of 13000 bytes, the k-th record at 64 + (k - 1) * 13036.
+for i in {1..8}; do head -c 13000 /dev/urandom >blob$i; done
+blobring init failing
+blobring put failing blob[1-8] | sort >hashes
+blobring repack failing
+rm failing/0.*
+while read -r block end lost; do # with that block unreadable, all but the blobs LOST are recovered
+  rm -rf out
+  FAIL_FILE=failing/1.pak FAIL_AT=$((block * 4096)) LD_PRELOAD=$failing_reads "$tool" salvage failing out >report && fail "$block"
+  range=$(printf '^  %#x-%#x: %d' $((block * 4096)) $end $((end - block * 4096)))
+  grep -q "${range/^  0-/^  0x0-} bytes, cannot be read from the disk" report || fail "block $block: $(cat report)"
+  sed "$lost" hashes | diff - <(blobring ls out) || fail "block $block: $(cat report)"
+done <<ROWS
+0 4096 1d
+3 16384 1,2d
+25 $(stat -c %s failing/1.pak) 8d
+ROWS
 
 # Contents that look like records everywhere: a store of 2 MiB at every 36th byte, with a
 # hash that no data has, 137 GB to digest if every place was tried.

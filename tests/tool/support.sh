@@ -1,12 +1,11 @@
 # Shared by the scenarios. Source it with the tool's path as $1; leaves the
 # caller in an empty directory that goes away at the end.
-set -euo pipefail
+set -eEuo pipefail
 export LC_ALL=C
 
 tool=$1
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-set -E
 trap 'echo "FAILED, $0 line $LINENO: $BASH_COMMAND" >&2' ERR
 cd "$work"
 
@@ -27,16 +26,9 @@ expect() {
   grep -qaE -e "$pattern" expect.out || fail "blobring $*: wanted \"$pattern\", got: $(cat expect.out)"
 }
 
-# expect for each row STATUS PATTERN ARGUMENTS of standard input, which the shell expands.
-rows() {
-  local status pattern arguments
-  while read -r status pattern arguments; do eval "expect $status ${pattern@Q} $arguments"; done
-}
-
 same() { [ "$1" = "$2" ] || fail "wanted \"$2\", got \"$1\""; }
 
-# A figure that `stat` prints.
-figure() { blobring stat "$1" | awk -v name="$2" '$1 == name { print $2; exit }'; }
+hash() { md5sum "$@" | cut -c-32; }
 
 # flip_byte FILE OFFSET
 flip_byte() {
