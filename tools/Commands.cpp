@@ -88,41 +88,6 @@ std::vector<std::string> FilesSetAside(const Layout& layout) {
   return paths;
 }
 
-struct PutSession {
-  PutSession(const StoreOptions& at, std::string& lines)
-      : open(at, Access::kChange), writer(open.store, lines) {}
-  OpenStore open;
-  BatchWriter writer;
-};
-
-// Appends the hashes of committed blobs to `lines`. Returns whether all files
-// could be read.
-bool PutAll(const StoreOptions& at, const std::vector<std::string>& files, std::string& lines) {
-  std::optional<PutSession> session;
-  const auto close = [&session] {
-    if (session) session->writer.Commit();
-    session.reset();
-  };
-  Buffer buffer;
-  bool all = true;
-  for (const std::string& file : files) {
-    std::error_code ignored;
-    if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
-    std::string_view bytes;
-    try {
-      bytes = ReadStream(file, buffer);
-    } catch (const Fault& fault) {
-      Say("{}", fault.what());
-      all = false;
-      continue;
-    }
-    if (!session) session.emplace(at, lines);
-    session->writer.AddLine(session->writer.Add(bytes, file).hash.text() + "\n");
-  }
-  close();
-  return all;
-}
-
 // What a repack would leave behind; its journal is a header alone.
 uint64_t DeadBytes(const BCStatistics& statistics) {
   const uint64_t used = statistics.packBytes + statistics.journalBytes;
@@ -153,11 +118,36 @@ ExitStatus Init(const StoreOptions& options) {
 
 ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
   LayoutOf(at, Access::kChange);  // before anything is waited for
-  std::string lines;
-  bool all = false;
+  std::string lines;              // of committed blobs
+  std::optional<OpenStore> open;
+  std::optional<BatchWriter> writer;
+  const auto close = [&] {
+    if (writer) writer->Commit();
+    writer.reset();
+    open.reset();
+  };
+  Buffer buffer;
+  bool all = true;
   try {
-    all = PutAll(at, files.empty() ? std::vector<std::string>{"-"} : files, lines);
+    for (const std::string& file : files.empty() ? std::vector<std::string>{"-"} : files) {
+      std::error_code ignored;
+      if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
+      std::string_view bytes;
+      try {
+        bytes = ReadStream(file, buffer);
+      } catch (const Fault& fault) {
+        Say("{}", fault.what());
+        all = false;
+        continue;
+      }
+      if (!open) open.emplace(at, Access::kChange);
+      if (!writer) writer.emplace(open->store, lines);
+      writer->AddLine(writer->Add(bytes, file).hash.text() + "\n");
+    }
+    close();
   } catch (...) {
+    writer.reset();
+    open.reset();
     PrintText(lines);
     throw;
   }
@@ -267,13 +257,13 @@ ExitStatus Stat(const StoreOptions& at) {
 ExitStatus Check(const StoreOptions& at) {
   const OpenStore open(at, Access::kLook);
   const BCStatistics statistics = open.store.stats();
-  const TraceLines errors(BLOBRING_HOST_ERROR);
+  TakeTrace(BLOBRING_HOST_ERROR);
   Progress progress("checking", statistics.blobCount);
   const auto checked = open.store.check([&progress](blobring::Operation, uint64_t done, uint64_t) {
     progress.Show(done);
     return true;
   });
-  for (const std::string& line : errors.lines) Say("{}", line);
+  for (const std::string& line : TakeTrace(BLOBRING_HOST_ERROR)) Say("{}", line);
   for (const std::string& path : FilesSetAside(open.layout))
     Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
         "{} NEW` reads it",

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 #include <regex>
+#include <utility>
 
 #include "blobring/host.h"
 #include "tools/Error.h"
@@ -12,12 +13,7 @@ namespace {
 
 constexpr size_t kMaxTraceLines = 1000;
 
-TraceLines* listener = nullptr;
-
-void TakeLine(void* /*context*/, int level, const char* /*source*/, const char* text) {
-  if (listener != nullptr && listener->lines.size() < kMaxTraceLines && level <= listener->maxLevel)
-    listener->lines.emplace_back(text);
-}
+std::vector<std::pair<int, std::string>> traced;  // level and text
 
 // Opening a store without any pack that can be loaded, for a change, moves all
 // its files aside. That is refused where the headers alone show it.
@@ -46,15 +42,17 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   raw.readOnly = access == Access::kLook;
   if (!raw.readOnly && !raw.eraseDamaged) RequireLoadable(layout);
   const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
-  const TraceLines trace(BLOBRING_HOST_WARNING);
+  TakeTrace(BLOBRING_HOST_WARNING);
+  const auto sayTrace = [] {
+    for (const std::string& line : TakeTrace(BLOBRING_HOST_WARNING)) Say("{}", line);
+  };
   try {
     blobring::Store store(layout.store(), raw);
-    for (const std::string& line : trace.lines) Say("{}", line);
+    sayTrace();
     return store;
   } catch (const blobring::Error& error) {
     const bool isErased = hasFiles && Layout::CountJournals(layout.store()) == 0;
-    for (const std::string& line : trace.lines)
-      if (isErased || error.code() == BLOBRING_ERROR_DAMAGED) Say("{}", line);
+    if (isErased || error.code() == BLOBRING_ERROR_DAMAGED) sayTrace();
     if (!isErased) throw;
   }
   Say("the store {} was erased and is empty now", layout.store());
@@ -136,16 +134,19 @@ std::string_view OpenStore::Fetch(const blobring::Hash& hash, Buffer& buffer, si
   return {to.data(), to.size()};
 }
 
-TraceLines::TraceLines(int level) : maxLevel(level) {
-  listener = this;
+void InitTrace() {
+  BlobringHostSetTraceSink(
+      [](void* /*context*/, int level, const char* /*source*/, const char* text) {
+        if (traced.size() < kMaxTraceLines) traced.emplace_back(level, text);
+      },
+      nullptr);
 }
 
-TraceLines::~TraceLines() {
-  listener = nullptr;
-}
-
-void TakeTrace() {
-  BlobringHostSetTraceSink(TakeLine, nullptr);
+std::vector<std::string> TakeTrace(int maxLevel) {
+  std::vector<std::string> lines;
+  for (auto& [level, text] : std::exchange(traced, {}))
+    if (level <= maxLevel) lines.push_back(std::move(text));
+  return lines;
 }
 
 std::string Explain(const std::exception& failure) {

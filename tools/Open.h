@@ -55,20 +55,12 @@ class OpenStore {
 // The size of a committed blob; nothing if there is none. Reads no file.
 std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash);
 
-// The library's messages while this lives, at most 1000; otherwise none is shown.
-class TraceLines {
- public:
-  // Up to this level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
-  explicit TraceLines(int level);
-  ~TraceLines();
-  TraceLines(const TraceLines&) = delete;
+// Sends the library's messages to the tool, not to standard error. Once, at start.
+void InitTrace();
 
-  std::vector<std::string> lines;
-  const int maxLevel;
-};
-
-// Sends the library's trace to the tool, not to standard error. Once, at start.
-void TakeTrace();
+// Returns the messages since the last call, at most the first 1000, and forgets
+// them. Up to this level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
+std::vector<std::string> TakeTrace(int maxLevel);
 
 // The cause of a failure, then what the user can do about one of the store's.
 std::string Explain(const std::exception& failure);

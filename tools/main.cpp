@@ -147,7 +147,7 @@ ExitStatus Run(int argc, char** argv) {
     throw tool::UsageError("{}; see `blobring --help`", e.what());
   }
   line.at.eraseDamaged = line.onDamage == "erase";
-  tool::TakeTrace();
+  tool::InitTrace();
   return line.run();
 }
 
