@@ -130,7 +130,7 @@ void UpdateBoth(MD5& first, const std::uint8_t* firstInput, std::uint32_t firstL
   // If input is left after this, the buffer is empty.
   const std::uint32_t blockCount =
       std::min(firstLength - firstAt, secondLength - secondAt) / kBlockSize;
-  if (blockCount != 0 && !first.finalized && !second.finalized) {
+  if (blockCount != 0) {  // the state of a finalized digest is no longer used
     md5::CompressTwo(first.state, firstInput + firstAt, second.state, secondInput + secondAt,
                      blockCount);
     first.AddToCount(blockCount * kBlockSize);

@@ -101,7 +101,7 @@ class Scheduler {
     } else if (lane != --inUse) {
       for (std::size_t i = 0; i < 4; ++i) lanes.state[i][lane] = lanes.state[i][inUse];
       lanes.next[lane] = lanes.next[inUse];
-      std::swap(jobs[lane], jobs[inUse]);
+      jobs[lane] = jobs[inUse];
     }
   }
 
