@@ -116,7 +116,7 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
   std::string data = "abc";
   Diagnostics().Clear();
   BCMD5ChkSum(Bytes(data), 3, hash.data());
-  const int i = BCInitialize(u"/s");
+  const int i = BCInitialize(u"/\u0173");  // its low 8 bits count: s
   BCAddPackDir(i, u"/s");
   BCLoad(i);
   const long long id = 0x100000002;  // the low half is traced

@@ -1,4 +1,4 @@
-// The file layer by itself: the words of its errors, retries, paths, checksums.
+// The file layer by itself: the words of its errors, retries, checksums.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -83,14 +83,6 @@ TEST(FileSystem, WaitsForASharingViolationAndForNothingElse) {
   EXPECT_TRUE(Diagnostics().HasWarning("FileSystem::MoveFile sharing violation file retrying 24"));
   EXPECT_TRUE(
       Diagnostics().HasError("FileSystem::CreateFile sharing violation file /a/f retry 24"));
-}
-
-TEST(FileSystem, ConvertsPathsByteByByteAndBack) {
-  const std::string narrow = "caf\xC3\xA9";
-  const std::u16string wide = {0x63, 0x61, 0x66, 0xFFC3, 0xFFA9};
-  EXPECT_EQ(FileSystem::ConvertString(narrow), wide);
-  EXPECT_EQ(FileSystem::ConvertString(wide), narrow);
-  EXPECT_EQ(FileSystem::ConvertString(std::u16string{0x00E9, 0x0141}), "\xE9\x41");
 }
 
 TEST(Checksum, CoversTheRestOfAFileInPiecesOfAnySize) {

@@ -4,7 +4,6 @@
 
 #include <stdexcept>
 
-#include "pack/BlobFile.h"
 #include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
@@ -132,23 +131,6 @@ TEST(Format, AFileThatIsTooShortIsRefusedAndLeftAlone) {
   SetFile("/s/0.jrn", bytes);
   EXPECT_THROW(OpenedStore(), std::runtime_error);
   EXPECT_EQ(FileBytes("/s/0.jrn"), bytes);
-}
-
-TEST(Format, AFileTakesRecordsWithoutATransactionAndAnotherPath) {
-  FreshMachine();
-  BlobPair blob;
-  HashBytes hash = HashOf("abc");
-  blob.hash.setHash(hash.data());
-  unsigned char data[] = {'a', 'b', 'c'};
-  blob.buffer = {data, sizeof data};
-  BlobFile file;
-  file.Init("/s/other", BlobFile::Journal, 0);
-  file.Init("/s/0.jrn", BlobFile::Journal, 0);
-  BlobFile::BlobFileEntry entry;
-  ASSERT_TRUE(file.Store(entry, blob) && file.UpdateHeader());
-  file.file.close();
-  EXPECT_EQ(FileBytes("/s/0.jrn"), JournalBytes().Raw(StoreRecord(0, "abc")).Counting(1).Bytes());
-  EXPECT_TRUE(OpenedStore().Has("abc"));
 }
 
 }  // namespace

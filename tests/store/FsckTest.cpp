@@ -12,7 +12,7 @@ namespace {
 using sim::Diagnostics;
 
 int Fetched(int index, const std::string& blob) {
-  std::string buffer = blob;  // which must not make up for what is not read
+  std::string buffer = blob;  // what is not read must not pass for read
   int size = 0;
   return BCFetch(index, HashOf(blob).data(), reinterpret_cast<unsigned char*>(buffer.data()),
                  static_cast<int>(buffer.size()), &size);

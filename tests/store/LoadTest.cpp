@@ -76,8 +76,7 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
   }
 }
 
-// Its journal shows that it was there, whether or not it took a commit in the session of the
-// repack.
+// Its journal shows that it existed, with a commit in the session of the repack or in a later one.
 TEST(Load, ALostNewestPackIsDamageAndNoRepackEmptiesItsSlotWithoutACopy) {
   for (const std::size_t length : {0U, 23U, 24U, 100U}) {
     for (const bool reopened : {false, true}) {

@@ -30,7 +30,7 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   expectRefused(store.index, "the store is closed, no change is accepted until it is opened again");
 }
 
-// The record of a blob is damaged under the store's feet, or replaced by one of another op.
+// After the load a record is damaged, or its op becomes another one.
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
   for (const int slots : {1, 2}) {
     for (const bool damaged : {false, true}) {

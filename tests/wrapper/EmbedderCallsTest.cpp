@@ -49,7 +49,7 @@ TEST(EmbedderCalls, StatisticsCountWhatTheFilesHold) {
   BCDispose(index);
 }
 
-// Each store has its text, routine lines do not hide it, and a store that is gone leaves none.
+// Each store has its own text. Routine lines do not replace it; a disposed store leaves none.
 TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   FreshMachine();
   const int first = BCOpen("/s", nullptr), second = BCOpen("/b", nullptr);
@@ -66,7 +66,7 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   EXPECT_EQ(BCDelete(4711, hash.data()), 0);
   EXPECT_EQ(LastErrorOf(4711), "BCDelete: no store has the index = 4711");
   EXPECT_EQ(BCLastErrorCode(-1), BLOBRING_ERROR_NO_STORE);
-  // The cause comes first, and the end of a long story goes.
+  // The cause comes first; a text that is too long loses its end.
   const long long id = 1;
   for (unsigned char i = 0; i < 50; ++i) BCPut(first, &i, 1, hash.data());
   ASSERT_EQ(BCEndTransaction(first, &id), 1);
@@ -80,7 +80,7 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   BCDispose(second);
 }
 
-// Whatever a function of the host's calls, the outer call goes on.
+// The outer call goes on, whatever the host's function calls.
 TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   FreshMachine();
   const OpenedStore store;
@@ -106,7 +106,7 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
       << inside.text;
   EXPECT_EQ(inside.text, LastErrorOf(store.index));
 
-  // A host that takes an access violation never comes back to the outer call.
+  // A host that takes an access violation does not return to the outer call.
   const auto takeException = [](void* context, int, std::uint64_t, std::uint64_t) {
     Inside& in = *static_cast<Inside*>(context);
     unsigned char next[BLOBRING_HASH_SIZE];

@@ -20,7 +20,7 @@ constexpr int kNone = BLOBRING_ERROR_NONE, kDamaged = BLOBRING_ERROR_DAMAGED,
 // Makes what the words say:
 //   "3"         a store of three slots in /s, never used
 //   "3+2"       one that was repacked twice, then used; "3+2@": with its packs in /a
-//   "-1.pak"    a file of /s that goes
+//   "-1.pak"    a file of /s removed
 //   "1.pak=XY"  one with these contents, where | ends a line and _ is a space
 void Prepare(const std::string& words) {
   std::istringstream in(words);
@@ -142,7 +142,7 @@ TEST(Opening, ReadOnlyWritesNothing) {
   EXPECT_TRUE(Disk() == before);
 }
 
-// Paths are absolute from the start; a directory that is moved takes its files with it.
+// A relative path is resolved once, and a pack that was moved away is not replaced.
 TEST(Opening, KeepsToItsDirectory) {
   FreshMachine();
   Store store("s", {.slots = 1});

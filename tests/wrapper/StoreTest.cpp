@@ -182,8 +182,7 @@ TEST(Progress, RisesToTheEndOfEachOperation) {
   EXPECT_EQ(store.stats().blobCount, 602U);
 }
 
-// Whenever it is stopped, the store goes on as if it had not been asked, now and when it is loaded
-// again.
+// Wherever it is stopped, the store is as before, now and after the next load.
 TEST(Progress, AStoppedRepackLeavesTheStoreAsItWas) {
   for (unsigned slots = 1; slots <= 3; ++slots) {
     for (int stopAt = 1; stopAt <= 3; ++stopAt) {

@@ -54,7 +54,7 @@ TEST_F(OnDisk, TwoStoresLiveOnTwoThreads) {
   other.join();
 }
 
-// A sink that calls back is told no, once, whatever it does with that.
+// Calls from a sink are refused. The refusal is traced once, or the sink would call again for it.
 TEST_F(OnDisk, ASinkCannotTakeTheStoreAway) {
   Store store(root / "a");
   static int index, lines, results;
