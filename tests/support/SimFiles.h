@@ -112,7 +112,9 @@ class SimFiles {
   void Watch() const {
     if (watcher) watcher();
   }
+  // As lastFault says.
   void Flush(Handle& handle);
+  // Whether this write is the one that FailNextHeader is about.
   bool FailsHeader(const Handle& handle);
   BOOL Fail(DWORD error) { return lastError = error, 0; }
   // What a call returns that has done its work.
