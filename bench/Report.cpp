@@ -119,22 +119,22 @@ void WritePeers(const Results& results, std::ostream& out) {
     fmt::print(out, "- {} {}\n", contender.name, contender.note);
   fmt::print(out,
              "- limit: what the format asks of any implementation. For a put, one MD5 pass by {}, "
-             "the data\n"
-             "  appended, the header rewritten and one flush a commit; for the rest, one MD5 pass, "
-             "or a copy.\n",
+             "the data\n  appended, the header rewritten and one flush a commit; for the rest, one "
+             "MD5 pass, or a copy.\n",
              OpenSSL_version(OPENSSL_VERSION));
 }
 
 constexpr const char* kHead = R"(# Performance
 
-Written by `bench/run`, which builds the benchmarks and measures everything. `bench/run --quick` takes
-a tenth of the blobs, prints the same page and leaves this file alone.
+Written by `bench/run`, which builds the benchmarks and measures everything. `bench/run --quick`
+takes a tenth of the blobs, prints the same page and leaves this file alone.
 
 Seconds, medians of the rounds; lower is better. All stores are measured in one process: each does a
-step before any of them does the next one, in an order that moves on. CPU is the user and system time
-of the process, helper threads of a store included up to the end of the step. Every store computes the MD5
-key of what it puts, and every commit is flushed. A verified fetch or open compares each blob with its
-key; Blobring always does. All data is random, and in the page cache when it is read.
+step before any of them does the next one, in an order that moves on. CPU is the user and system
+time of the process, helper threads of a store included up to the end of the step. Every store
+computes the MD5 key of what it puts, and every commit is flushed. A verified fetch or open compares
+each blob with its key; Blobring always does. All data is random, and in the page cache when it is
+read.
 )";
 
 }  // namespace
