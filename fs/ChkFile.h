@@ -9,8 +9,8 @@ class FileReader;
 
 class BLOBRING_EXPORT ChkFile {
  public:
-  // Whether the bytes match their digest. A file of under 16 bytes and one
-  // that cannot be read throw File's std::runtime_error.
+  // Whether the bytes match their digest. A file of under 16 bytes and one that cannot be read
+  // throw File's std::runtime_error.
   static bool Validate(FileReader& f);
   static bool Validate(std::string& path);
 };

@@ -12,8 +12,8 @@
 #include "platform/Export.h"
 
 // One digest. An object accumulates input until finalize(); after that it ignores input and returns
-// its digest. init() starts a new message.
-// A plain value: a copy continues independently of the original.
+// its digest. init() starts a new message. A plain value: a copy continues independently of the
+// original.
 // Errors: none of its own. Exceptions of a stream pass through.
 // Threads: one caller at a time for each object. Lengths are bytes.
 class BLOBRING_EXPORT MD5 {

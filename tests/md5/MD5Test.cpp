@@ -150,8 +150,8 @@ class Pieces final : public MD5Source {
   std::unique_ptr<unsigned char[]> piece;
 };
 
-// Lanes that end at different times, whole and in pieces; failing: that one's
-// source gives two pieces and no third.
+// Lanes that end at different times, whole and in pieces; failing: that one's source gives two
+// pieces and no third.
 void ExpectMany(const std::vector<std::size_t>& sizes, std::size_t pieceSize,
                 std::size_t failing = SIZE_MAX) {
   for (const bool inLanes : {false, md5::HasLanes()}) {

@@ -1,5 +1,4 @@
-// The bytes on disk, written by hand here, and what a load makes of bytes
-// that no store wrote.
+// The bytes on disk, written by hand here, and what a load makes of bytes that no store wrote.
 #include <gtest/gtest.h>
 
 #include <stdexcept>

@@ -1,5 +1,5 @@
-// Two stores on two threads, and what a process must not share, on real files. The preset
-// "threads" builds it with ThreadSanitizer.
+// Two stores on two threads, and what a process must not share, on real files. The preset "threads"
+// builds it with ThreadSanitizer.
 #include <blobring/Store.h>
 #include <blobring/host.h>
 #include <gtest/gtest.h>
