@@ -228,12 +228,12 @@ int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut
 
 namespace {
 
-// Digests and stores blobs, some dozens. Returns how many from the first on.
+constexpr int kPutGroup = 64;
+
+// Digests and stores at most kPutGroup blobs. Returns how many from the first on.
 int PutGroup(Call& call, BCBlob* blobs, int count) {
-  constexpr int kMaxCount = 64;
-  count = std::min(count, kMaxCount);
-  MD5Message messages[kMaxCount];
-  Hash hashes[kMaxCount];
+  MD5Message messages[kPutGroup];
+  Hash hashes[kPutGroup];
   int valid = 0;
   for (; valid < count && call.HasBytes("data", blobs[valid].data, "size", blobs[valid].size);
        ++valid)
@@ -255,8 +255,12 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
   if (!call || count <= 0 || !call.Has("blobs", blobs)) return 0;
   int stored = 0;
   call.Catch({"BCPutMany threw an exception:", 0x0F000272}, 0, [&] {
-    for (int done = -1; done != 0 && stored < count; stored += done)
-      done = PutGroup(call, blobs + stored, count - stored);
+    for (bool isWhole = true; isWhole && stored < count;) {
+      const int size = std::min(kPutGroup, count - stored);
+      const int done = PutGroup(call, blobs + stored, size);
+      stored += done;
+      isWhole = done == size;
+    }
     return 1;
   });
   return stored;
