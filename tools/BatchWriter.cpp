@@ -10,8 +10,8 @@
 namespace tool {
 namespace {
 
-// Enough blobs to make the cost of a commit nothing, few enough that an
-// interrupted import has lost little.
+// Enough blobs to make the cost of a commit nothing, few enough that an interrupted import has lost
+// little.
 constexpr size_t kMaxBlobs = 1000;
 constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 

@@ -11,8 +11,8 @@
 
 namespace tool {
 
-// Stores blobs in transactions that are bounded in count and bytes. A line that
-// is in committedLines stands for a blob that a power cut cannot take.
+// Stores blobs in transactions that are bounded in count and bytes. A line that is in
+// committedLines stands for a blob that a power cut cannot take.
 class BatchWriter {
  public:
   struct Added {
@@ -24,8 +24,8 @@ class BatchWriter {
   BatchWriter(blobring::Store& store, std::string& committedLines)
       : store_(store), committedLines_(committedLines) {}
 
-  // Stores a blob, after a commit when enough has come together. Messages call
-  // it `name`. Throws Fault, after an attempt to commit what was added before.
+  // Stores a blob, after a commit when enough has come together. Messages call it `name`. Throws
+  // Fault, after an attempt to commit what was added before.
   Added Add(std::string_view data, const std::string& name);
 
   // A line about the blob added last.

@@ -20,8 +20,8 @@ namespace stdfs = std::filesystem;
 // What `get` reads before it closes the store and writes.
 constexpr size_t kMaxBatchBytes = size_t{64} * 1024 * 1024;
 
-// Creates a directory with its parents. A power cut must not take their names,
-// with all that lies in them, so the directories that hold them are flushed.
+// Creates a directory with its parents. A power cut must not take their names, with all that lies
+// in them, so the directories that hold them are flushed.
 void MakeDirectory(const std::string& path) {
   std::error_code code;
   std::vector<stdfs::path> changed;
@@ -54,9 +54,8 @@ std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& argument
   return hashes;
 }
 
-// A store without a blobring.conf: another program's, or one whose init was cut
-// short. With other slots its blobs would be hidden, with a pack of another
-// store the two would destroy each other.
+// A store without a blobring.conf: another program's, or one whose init was cut short. With other
+// slots its blobs would be hidden, with a pack of another store the two would destroy each other.
 void RequireOwnFiles(const Layout& layout) {
   const size_t journalCount = Layout::CountJournals(layout.store());
   const std::vector<SlotFile> files = layout.ReadFiles();

@@ -1,6 +1,5 @@
-// What the subcommands do. Each throws Fault, UsageError or blobring::Error.
-// Results go to standard output, the rest to standard error, both after the
-// store is closed.
+// What the subcommands do. Each throws Fault, UsageError or blobring::Error. Results go to standard
+// output, the rest to standard error, both after the store is closed.
 #pragma once
 
 #include <string>
@@ -11,25 +10,25 @@
 
 namespace tool {
 
-// Makes a store, with its directories, or takes over one that another program
-// made with the same slots. A store that is there already stays as it is.
+// Makes a store, with its directories, or takes over one that another program made with the same
+// slots. A store that is there already stays as it is.
 ExitStatus Init(const StoreOptions& options);
 
-// Stores files, "-" or none for standard input, and prints the hash of each.
-// Files that cannot be read are named; the others go on.
+// Stores files, "-" or none for standard input, and prints the hash of each. Files that cannot be
+// read are named; the others go on.
 ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files);
 
-// Writes blobs, one after the other, to standard output or a file (see Output).
-// Hashes may come from standard input ("-"). Blobs that cannot be read are
-// named; the others go on, unless there is only one.
+// Writes blobs, one after the other, to standard output or a file (see Output). Hashes may come
+// from standard input ("-"). Blobs that cannot be read are named; the others go on, unless there is
+// only one.
 ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
                const std::string& output);
 
 // Prints all hashes in ascending order, with sizes when `longForm`.
 ExitStatus List(const StoreOptions& at, bool longForm);
 
-// Deletes blobs in one transaction. Hashes may come from standard input ("-").
-// Blobs that the store does not have are named; the others go.
+// Deletes blobs in one transaction. Hashes may come from standard input ("-"). Blobs that the store
+// does not have are named; the others go.
 ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes);
 
 struct ImportOptions {
@@ -39,11 +38,10 @@ struct ImportOptions {
   bool verbose = false;  // name what is left out
 };
 
-// Stores every regular file below the directory, then writes the manifest. A
-// file that cannot be stored as it is (unreadable, too large) is named, left out
-// of the manifest and makes the result kFault; the others go on. A manifest file
-// appears only when the import has come to its end; other output has what was
-// committed. Throws Fault or blobring::Error when the store itself fails; what
+// Stores every regular file below the directory, then writes the manifest. A file that cannot be
+// stored as it is (unreadable, too large) is named, left out of the manifest and makes the result
+// kFault; the others go on. A manifest file appears only when the import has come to its end; other
+// output has what was committed. Throws Fault or blobring::Error when the store itself fails; what
 // was committed by then stays, and a second run does not store it again.
 ExitStatus Import(const StoreOptions& at, const ImportOptions& options);
 
@@ -53,10 +51,10 @@ struct ExportOptions {
   bool force = false;  // replace files that exist
 };
 
-// Restores what the manifest lists below the directory, every blob checked
-// against its hash as it is read. A file that cannot be restored is named and
-// makes the result kFault; the others go on. Throws UsageError, with nothing
-// written, when any name in the manifest would lead out of the directory.
+// Restores what the manifest lists below the directory, every blob checked against its hash as it
+// is read. A file that cannot be restored is named and makes the result kFault; the others go on.
+// Throws UsageError, with nothing written, when any name in the manifest would lead out of the
+// directory.
 ExitStatus Export(const StoreOptions& at, const ExportOptions& options);
 
 // Prints how full the store is, and a line for each of its files.
@@ -65,8 +63,8 @@ ExitStatus Stat(const StoreOptions& at);
 // Reads every blob.
 ExitStatus Check(const StoreOptions& at);
 
-// `force`: even when loading found damage. What can be read goes on as a sound
-// store; the rest is given up.
+// `force`: even when loading found damage. What can be read goes on as a sound store; the rest is
+// given up.
 ExitStatus Repack(const StoreOptions& at, bool force);
 
 struct SalvageOptions {
@@ -76,11 +74,10 @@ struct SalvageOptions {
   bool liveOnly = false;
 };
 
-// Reads the packs and journals of the directories, without locking or changing
-// them, and puts every blob that matches its hash into a new store, which is
-// then checked. Prints a report to standard output. Returns kFault if anything
-// is damaged or was not copied. Throws UsageError if the new store's directory
-// is not empty or lies in one of the others; Fault if nothing was found, or the
+// Reads the packs and journals of the directories, without locking or changing them, and puts every
+// blob that matches its hash into a new store, which is then checked. Prints a report to standard
+// output. Returns kFault if anything is damaged or was not copied. Throws UsageError if the new
+// store's directory is not empty or lies in one of the others; Fault if nothing was found, or the
 // new store cannot take the blobs: what was committed by then stays in it.
 ExitStatus Salvage(const SalvageOptions& options);
 

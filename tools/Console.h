@@ -14,8 +14,8 @@ namespace tool {
 // Takes the user's locale, which Printable() goes by. Once, at the start.
 void InitConsole();
 
-// Writes "blobring: text" as one printable line. While a HeldMessages lives,
-// the line waits for its end.
+// Writes "blobring: text" as one printable line. While a HeldMessages lives, the line waits for its
+// end.
 void SayText(std::string_view text);
 
 template <class... T>
@@ -23,8 +23,8 @@ void Say(fmt::format_string<T...> text, T&&... values) {
   SayText(fmt::format(text, std::forward<T>(values)...));
 }
 
-// Delays all messages. One lives as long as a store is open: a reader of
-// standard error may be waiting for that store.
+// Delays all messages. One lives as long as a store is open: a reader of standard error may be
+// waiting for that store.
 class HeldMessages {
  public:
   HeldMessages();
@@ -32,8 +32,8 @@ class HeldMessages {
   HeldMessages(const HeldMessages&) = delete;
 };
 
-// Replaces by '?' what the locale cannot print: control characters, those of
-// 0x80 to 0x9F included, and invalid sequences. Newlines stay if `keepLines`.
+// Replaces by '?' what the locale cannot print: control characters, those of 0x80 to 0x9F included,
+// and invalid sequences. Newlines stay if `keepLines`.
 std::string Printable(std::string_view text, bool keepLines = false);
 
 // "3 files", "1 file".

@@ -1,6 +1,6 @@
-// How a command ends: its exit status, and the two kinds of failure. Both texts
-// are for the user, without the program's name and without a newline. What the
-// store itself reports is a blobring::Error, see Open.h.
+// How a command ends: its exit status, and the two kinds of failure. Both texts are for the user,
+// without the program's name and without a newline. What the store itself reports is a
+// blobring::Error, see Open.h.
 #pragma once
 
 #include <fmt/format.h>

@@ -15,8 +15,8 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-// Whether a name stays below the directory it is taken from: relative, no "..",
-// not the directory itself. "./" and "//" mean nothing, as in open(2).
+// Whether a name stays below the directory it is taken from: relative, no "..", not the directory
+// itself. "./" and "//" mean nothing, as in open(2).
 bool IsSafe(const stdfs::path& name) {
   for (const stdfs::path& part : name)
     if (part == "..") return false;
@@ -33,8 +33,8 @@ class TargetTree {
     rootFd_ = OpenDirectory(directory);
   }
 
-  // Writes a file whole or not at all, with the directories that its name
-  // needs. REQUIRES: the name is safe. Throws Fault.
+  // Writes a file whole or not at all, with the directories that its name needs. REQUIRES: the name
+  // is safe. Throws Fault.
   void Write(const stdfs::path& name, std::string_view data, Existing existing) {
     const stdfs::path normal = name.lexically_normal();
     StagedFile file(OpenParent(normal.parent_path()), normal.filename(),
@@ -49,9 +49,9 @@ class TargetTree {
   }
 
  private:
-  // The directory at `name` below the root, made if need be, open until the next
-  // call; files come sorted, so the last one is mostly the right one. No symbolic
-  // link is followed on the way, so that none can lead out of the root.
+  // The directory at `name` below the root, made if need be, open until the next call; files come
+  // sorted, so the last one is mostly the right one. No symbolic link is followed on the way, so
+  // that none can lead out of the root.
   int OpenParent(const std::string& name) {
     if (name.empty()) return rootFd_.get();
     if (parentFd_.valid() && name == parentName_) return parentFd_.get();

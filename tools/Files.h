@@ -48,12 +48,10 @@ std::optional<FileId> IdOf(const std::string& path);  // follows symbolic links
 // Opens a directory. Throws Fault.
 Fd OpenDirectory(const std::string& path);
 
-// Writes all of data, however many calls that takes. Messages call the file
-// `name`. Throws Fault.
+// Writes all of data, however many calls that takes. Messages call the file `name`. Throws Fault.
 void WriteAll(int fd, std::string_view data, const std::string& name);
 
-// Writes lines to standard output, printable ones if that is a terminal.
-// Throws Fault.
+// Writes lines to standard output, printable ones if that is a terminal. Throws Fault.
 void PrintText(std::string_view lines);
 
 template <class... T>
@@ -61,12 +59,12 @@ void Print(fmt::format_string<T...> lines, T&&... values) {
   PrintText(fmt::format(lines, std::forward<T>(values)...));
 }
 
-// Memory for one file or blob after another. It grows and never shrinks; what
-// lies past the bytes last written is undefined.
+// Memory for one file or blob after another. It grows and never shrinks; what lies past the bytes
+// last written is undefined.
 using Buffer = std::vector<char>;
 
-// Makes the buffer at least `size` bytes long, keeping what is there. Throws
-// Fault when memory is short; the old contents stay.
+// Makes the buffer at least `size` bytes long, keeping what is there. Throws Fault when memory is
+// short; the old contents stay.
 void Grow(Buffer& buffer, size_t size);
 
 struct SourceFile {
@@ -74,15 +72,14 @@ struct SourceFile {
   bool changed = false;    // while it was read, three times in a row
 };
 
-// Reads a regular file whole; a file that changes meanwhile is read again. The
-// contents are copied, never mapped: the bytes that are hashed must be the
-// bytes that are stored, and a file cut short under a mapping kills the
-// process. Throws Fault: no such file, not readable, larger than a blob can be,
-// not a regular file (symbolic links are not followed).
+// Reads a regular file whole; a file that changes meanwhile is read again. The contents are copied,
+// never mapped: the bytes that are hashed must be the bytes that are stored, and a file cut short
+// under a mapping kills the process. Throws Fault: no such file, not readable, larger than a blob
+// can be, not a regular file (symbolic links are not followed).
 SourceFile ReadRegularFile(const std::string& path, Buffer& buffer);
 
-// Reads a file of any kind to its end; "-" is standard input. Throws Fault as
-// above. May wait for a writer, unless the file is a regular one.
+// Reads a file of any kind to its end; "-" is standard input. Throws Fault as above. May wait for a
+// writer, unless the file is a regular one.
 std::string_view ReadStream(const std::string& path, Buffer& buffer);
 
 }  // namespace tool

@@ -38,8 +38,8 @@ int ByName(const FTSENT** a, const FTSENT** b) {
   return std::strcmp((*a)->fts_name, (*b)->fts_name);
 }
 
-// Lists the tree below `directory`, which may itself be a symbolic link. Says
-// what is left out if `verbose`. Throws Fault when `directory` cannot be read.
+// Lists the tree below `directory`, which may itself be a symbolic link. Says what is left out if
+// `verbose`. Throws Fault when `directory` cannot be read.
 SourceTree List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
   SourceTree tree;
   tree.root = directory;

@@ -24,8 +24,8 @@ using State = FileHead::State;
 
 constexpr size_t kDefaultSlots = 2;
 
-// As the file has it, so that the store opens from any working directory and
-// can be moved together with the packs that lie in it.
+// As the file has it, so that the store opens from any working directory and can be moved together
+// with the packs that lie in it.
 std::string RecordedDir(const std::string& store, const std::string& dir) {
   const auto canonical = [](const std::string& path) {
     std::string text = stdfs::weakly_canonical(stdfs::absolute(path));

@@ -1,6 +1,5 @@
-// The slots of a store as the tool writes them down and shows them, and what
-// their files say about themselves. api/Layout.h has the form of blobring.conf.
-// Nothing here takes a lock.
+// The slots of a store as the tool writes them down and shows them, and what their files say about
+// themselves. api/Layout.h has the form of blobring.conf. Nothing here takes a lock.
 #pragma once
 
 #include <cstdint>
@@ -41,9 +40,9 @@ struct SlotFile {
 
 class Layout {
  public:
-  // As asked for. Without slotCount (0) there are two slots, or as many as there
-  // are packDirs if that is more; packDirs are used in turn, the store's own
-  // directory without any. Throws UsageError.
+  // As asked for. Without slotCount (0) there are two slots, or as many as there are packDirs if
+  // that is more; packDirs are used in turn, the store's own directory without any. Throws
+  // UsageError.
   Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs);
 
   // As init wrote them. Throws Fault when that is missing or not understood.
@@ -63,8 +62,8 @@ class Layout {
   std::string JournalPath(size_t slot) const;
   static std::string ConfPath(const std::string& store);
 
-  // The packs and journals of the slots in turn, each pack before its journal.
-  // Throws Fault when a file is there and cannot be read.
+  // The packs and journals of the slots in turn, each pack before its journal. Throws Fault when a
+  // file is there and cannot be read.
   std::vector<SlotFile> ReadFiles() const;
 
   // The same slots with packs in the same places.

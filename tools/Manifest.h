@@ -1,5 +1,5 @@
-// The list of an imported tree: one line for each file, its hash and its
-// name, in the form that md5sum(1) of GNU coreutils writes and checks.
+// The list of an imported tree: one line for each file, its hash and its name, in the form that
+// md5sum(1) of GNU coreutils writes and checks.
 #pragma once
 
 #include <string>
@@ -15,14 +15,13 @@ struct ManifestEntry {
   std::string name;  // bytes, of no particular encoding
 };
 
-// "hash  name\n". In a name with a backslash, a newline or a carriage return
-// these are written \\, \n and \r, and the line begins with a backslash.
+// "hash  name\n". In a name with a backslash, a newline or a carriage return these are written \\,
+// \n and \r, and the line begins with a backslash.
 std::string ManifestLine(const ManifestEntry& entry);
 
-// Reads a manifest, "-" for standard input. Accepts what md5sum --check does:
-// either mark before a name, lines that end in CR LF, comments that begin with
-// '#'. Throws Fault when the file cannot be read, UsageError with the line's
-// number for a line of any other form.
+// Reads a manifest, "-" for standard input. Accepts what md5sum --check does: either mark before a
+// name, lines that end in CR LF, comments that begin with '#'. Throws Fault when the file cannot be
+// read, UsageError with the line's number for a line of any other form.
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
 }  // namespace tool

@@ -15,8 +15,8 @@ constexpr size_t kMaxTraceLines = 1000;
 
 std::vector<std::pair<int, std::string>> traced;  // level and text
 
-// Opening a store without any pack that can be loaded, for a change, moves all
-// its files aside. That is refused where the headers alone show it.
+// Opening a store without any pack that can be loaded, for a change, moves all its files aside.
+// That is refused where the headers alone show it.
 void RequireLoadable(const Layout& layout) {
   const std::vector<SlotFile> files = layout.ReadFiles();
   bool isUsed = false;

@@ -30,12 +30,12 @@ enum class Access {
   kCreate,         // makes files that are missing
 };
 
-// The slots: as blobring.conf has them; without one, for kLook, as the options
-// and the files say. Throws Fault, or UsageError where the two disagree.
+// The slots: as blobring.conf has them; without one, for kLook, as the options and the files say.
+// Throws Fault, or UsageError where the two disagree.
 Layout LayoutOf(const StoreOptions& options, Access access);
 
-// The store's files are this process's as long as it lives, so messages wait
-// until it is closed, and nothing else must be waited for or printed meanwhile.
+// The store's files are this process's as long as it lives, so messages wait until it is closed,
+// and nothing else must be waited for or printed meanwhile.
 class OpenStore {
   HeldMessages heldMessages_;  // outlives the store
 
@@ -43,8 +43,8 @@ class OpenStore {
   // Says what loading reports. Throws blobring::Error, Fault or UsageError.
   OpenStore(const StoreOptions& options, Access access);
 
-  // A committed blob, checked against its hash. It lies in the buffer, behind
-  // the first `used` bytes. Throws Fault, also when there is none of that hash.
+  // A committed blob, checked against its hash. It lies in the buffer, behind the first `used`
+  // bytes. Throws Fault, also when there is none of that hash.
   std::string_view Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
 
   Layout layout;
@@ -58,8 +58,8 @@ std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash);
 // Sends the library's messages to the tool, not to standard error. Once, at start.
 void InitTrace();
 
-// Returns the messages since the last call, at most the first 1000, and forgets
-// them. Up to this level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
+// Returns the messages since the last call, at most the first 1000, and forgets them. Up to this
+// level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
 std::vector<std::string> TakeTrace(int maxLevel);
 
 // The cause of a failure, then what the user can do about one of the store's.

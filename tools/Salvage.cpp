@@ -57,10 +57,10 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
   }
 }
 
-// The newest generation is the pack of the highest sequence with the journal of the slot
-// that the sequence selects. A damaged sequence must not make live blobs look deleted, so
-// the pack's name and the journals have to agree with it. Only what the headers count is
-// applied, and only deletions of complete transactions: a blob in doubt is live.
+// The newest generation is the pack of the highest sequence with the journal of the slot that the
+// sequence selects. A damaged sequence must not make live blobs look deleted, so the pack's name
+// and the journals have to agree with it. Only what the headers count is applied, and only
+// deletions of complete transactions: a blob in doubt is live.
 void FindLive(uint64_t slotCount, SalvagedFiles& found) {
   const SalvagedFile* pack = nullptr;
   for (const SalvagedFile& file : found.files) {

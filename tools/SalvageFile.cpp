@@ -59,8 +59,8 @@ void SalvageFile::Read(uint64_t offset, unsigned char* to, size_t size) {
     ReadFromDisk(offset, to, size);
 }
 
-// After a failure, block by block. A block that failed once is not tried again: each
-// attempt can cost a failing disk seconds.
+// After a failure, block by block. A block that failed once is not tried again: each attempt can
+// cost a failing disk seconds.
 void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) {
   const uint64_t end = std::min(offset + size, std::max(offset, size_));
   std::memset(to + (end - offset), 0, offset + size - end);

@@ -1,6 +1,5 @@
-// A possibly damaged file on a possibly failing disk, opened for reading only.
-// pack/'s FileWindow is not for this: it holds the file exclusively, and ends at
-// the first error.
+// A possibly damaged file on a possibly failing disk, opened for reading only. pack/'s FileWindow
+// is not for this: it holds the file exclusively, and ends at the first error.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +21,8 @@ bool Contains(const Ranges& ranges, uint64_t at);
 // What is missing from [begin, end).
 Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end);
 
-// Reads with pread(2): a mapping would kill the process if the file was cut short
-// meanwhile. Blocks that cannot be read, or are gone, read as zeros and are noted.
+// Reads with pread(2): a mapping would kill the process if the file was cut short meanwhile. Blocks
+// that cannot be read, or are gone, read as zeros and are noted.
 class SalvageFile {
  public:
   // Throws Fault if the file cannot be opened or is not a regular file.
@@ -35,8 +34,8 @@ class SalvageFile {
   // Past the end of the file there are zeros.
   void Read(uint64_t offset, unsigned char* to, size_t size);
 
-  // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file
-  // ends before. They remain valid until the next call of this or Digest().
+  // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file ends before.
+  // They remain valid until the next call of this or Digest().
   // REQUIRES: offset < size().
   std::span<const unsigned char> From(uint64_t offset, size_t wanted = 1);
 

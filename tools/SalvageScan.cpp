@@ -9,12 +9,12 @@ namespace {
 
 using Kind = SalvagedRecord::Kind;
 
-// How much of its size a gap may cost in vain for each class of blob sizes: false large
-// blobs must not use up what small ones need.
+// How much of its size a gap may cost in vain for each class of blob sizes: false large blobs must
+// not use up what small ones need.
 constexpr uint64_t kProbeFactor = 2;
 
-// False for zeros, small integers and the like, which look like records most often.
-// Wrong about one digest in 10^13.
+// False for zeros, small integers and the like, which look like records most often. Wrong about one
+// digest in 10^13.
 bool LooksLikeDigest(const unsigned char* bytes) {
   uint64_t seen = 0;
   for (size_t i = 0; i < format::kDigestSize; ++i) seen |= uint64_t{1} << (bytes[i] % 64);
@@ -94,8 +94,8 @@ class Scanner {
     return at;
   }
 
-  // Returns whether the records go on behind this one. If nothing is there, it is left
-  // to Probe(), which bounds what is digested in vain, and counts as broken until then.
+  // Returns whether the records go on behind this one. If nothing is there, it is left to Probe(),
+  // which bounds what is digested in vain, and counts as broken until then.
   bool FollowStore(uint64_t at, const Candidate& record, uint64_t limit) {
     const bool goesOn = record.size <= limit - at && LooksLikeRecord(at + record.size);
     if (goesOn && TakeBlob(at, record)) return true;
@@ -112,8 +112,8 @@ class Scanner {
     if (at < completeEnd_) scan_.records.push_back({at, 0, Kind::kDelete, record.hash()});
   }
 
-  // Transactions do not nest; without that rule, false ones could make the time grow with
-  // the square of their number.
+  // Transactions do not nest; without that rule, false ones could make the time grow with the
+  // square of their number.
   void StartTransaction(uint64_t at, const Candidate& record, uint64_t limit) {
     const uint64_t body = at + format::kStartSize;
     const uint64_t end = body + record.block.length;
@@ -174,9 +174,8 @@ class Scanner {
     return false;
   }
 
-  // Sorts the records and drops the broken ones that are none: they have been found
-  // whole, or lie beside a record, since a wrong size can lead to a place that looks like
-  // one.
+  // Sorts the records and drops the broken ones that are none: they have been found whole, or lie
+  // beside a record, since a wrong size can lead to a place that looks like one.
   void FinishRecords() {
     std::vector<SalvagedRecord>& records = scan_.records;
     std::erase_if(records, [&](const SalvagedRecord& record) {

@@ -17,8 +17,8 @@
 namespace tool {
 namespace {
 
-// Removes the temporary files of killed processes, once for each directory.
-// Those of live ones are locked.
+// Removes the temporary files of killed processes, once for each directory. Those of live ones are
+// locked.
 void RemoveLeftovers(int directory) {
   static std::set<FileId> done;
   const std::optional<FileId> id = IdOf(directory);

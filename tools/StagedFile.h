@@ -11,14 +11,13 @@ namespace tool {
 
 enum class Existing { kKeep, kReplace };
 
-// Written under a temporary name beside the final one, with the mode of the
-// file that it is to replace. Unless Publish() was reached, the destructor
-// removes the temporary file; what a killed process left behind is removed by
-// the next one that stages a file in the same directory.
+// Written under a temporary name beside the final one, with the mode of the file that it is to
+// replace. Unless Publish() was reached, the destructor removes the temporary file; what a killed
+// process left behind is removed by the next one that stages a file in the same directory.
 class StagedFile {
  public:
-  // `directory` stays the caller's and must outlive this; `name` has no slash.
-  // Messages call the file `shownName`. Throws Fault.
+  // `directory` stays the caller's and must outlive this; `name` has no slash. Messages call the
+  // file `shownName`. Throws Fault.
   StagedFile(int directory, std::string name, std::string shownName);
   ~StagedFile();
   StagedFile(const StagedFile&) = delete;
@@ -28,8 +27,8 @@ class StagedFile {
   // Makes the contents survive a power cut; Publish() then does so for the name.
   void Sync();
 
-  // Renames. With kKeep, a file that has the name already stays as it is, and
-  // this throws Fault, as on any failure.
+  // Renames. With kKeep, a file that has the name already stays as it is, and this throws Fault, as
+  // on any failure.
   void Publish(Existing existing);
 
   int fd() const { return file_.get(); }
@@ -46,17 +45,17 @@ class StagedFile {
   bool published_ = false;
 };
 
-// Where a command's result goes: standard output (an empty path, or "-"), a
-// pipe or device, or a file that appears, flushed, in Finish(). A symbolic link
-// is followed to a pipe or device only, and only if it is the user's or root's.
+// Where a command's result goes: standard output (an empty path, or "-"), a pipe or device, or a
+// file that appears, flushed, in Finish(). A symbolic link is followed to a pipe or device only,
+// and only if it is the user's or root's.
 class Output {
  public:
-  // Creates the temporary file; opens no pipe or device. Throws UsageError when
-  // the path must not be written, Fault when it cannot be.
+  // Creates the temporary file; opens no pipe or device. Throws UsageError when the path must not
+  // be written, Fault when it cannot be.
   Output(const std::string& path, Existing existing);
 
-  // May block on a pipe or device: REQUIRES that no store is open, unless the
-  // output is a file. Throws Fault.
+  // May block on a pipe or device: REQUIRES that no store is open, unless the output is a file.
+  // Throws Fault.
   void Write(std::string_view data);
   void Finish();
 

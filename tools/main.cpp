@@ -120,8 +120,8 @@ void CommandLine::AddCommands() {
   sub->callback([this] { run = [this] { return tool::Salvage(salvage); }; });
 }
 
-// A file opened as number 1 or 2 would be written our results and messages:
-// what is closed is taken by a descriptor that can only fail.
+// A file opened as number 1 or 2 would be written our results and messages: what is closed is taken
+// by a descriptor that can only fail.
 void OccupyStandardStreams() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
     if (::fcntl(fd, F_GETFD) < 0) ::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);

@@ -1,6 +1,6 @@
-// What a store must make of its files: a second reader, written from
-// docs/format.md. It shares nothing with the library but the digest, holds
-// everything in memory and looks at one byte after another.
+// What a store must make of its files: a second reader, written from docs/format.md. It shares
+// nothing with the library but the digest, holds everything in memory and looks at one byte after
+// another.
 #pragma once
 
 #include <cstdint>
@@ -52,10 +52,9 @@ struct Expected {
 };
 Expected ExpectLoad(const std::vector<Slot>& slots, bool keep);
 
-// The life of a store whose files come from elsewhere: load, read, check,
-// commit, repack, each followed by a new opening, on the simulated machine.
-// Everything that the store says is compared with the model; memory and
-// platform calls are held to what files of that size may cost. Ends the
+// The life of a store whose files come from elsewhere: load, read, check, commit, repack, each
+// followed by a new opening, on the simulated machine. Everything that the store says is compared
+// with the model; memory and platform calls are held to what files of that size may cost. Ends the
 // program where they differ.
 enum Option : unsigned {
   kKeep = 1,       // damage policy

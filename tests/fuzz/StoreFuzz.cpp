@@ -1,8 +1,7 @@
-// Builds a pack or a journal from the input's bytes, alone or in one of two
-// slots: whole transactions, lone records, changed fields and bytes. Sizes,
-// hashes, lengths, digests and the header are then repaired more often than
-// not, so that hostile but well-signed files are reached. Every input is a
-// valid recipe; no corpus is needed.
+// Builds a pack or a journal from the input's bytes, alone or in one of two slots: whole
+// transactions, lone records, changed fields and bytes. Sizes, hashes, lengths, digests and the
+// header are then repaired more often than not, so that hostile but well-signed files are reached.
+// Every input is a valid recipe; no corpus is needed.
 //
 // Runs under libFuzzer, or by itself:
 //   store_fuzz_replay EXECUTIONS [SEED]: large files, then pseudo-random inputs
@@ -165,8 +164,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 #ifndef BLOBRING_FUZZ
 namespace {
 
-// Files of many records, sound and damaged: bounds where no constant hides what
-// grows with the file, and hours if any byte were looked at twice.
+// Files of many records, sound and damaged: bounds where no constant hides what grows with the
+// file, and hours if any byte were looked at twice.
 void LiveThroughLargeFiles() {
   std::vector<std::string> stores, deletes;
   JournalBytes transactions;

@@ -11,15 +11,13 @@ namespace fuzz {
 
 namespace {
 
-// The dearest record is a delete: 32 bytes for an entry of 72 in a list that
-// may have room for twice as many, and for 120 bytes in the index.
+// The dearest record is a delete: 32 bytes for an entry of 72 in a list that may have room for
+// twice as many, and for 120 bytes in the index.
 constexpr std::size_t kMemoryPerByte = 10;
-// The piece of 64 KiB in which a file is copied, store objects, the list of
-// changes.
+// The piece of 64 KiB in which a file is copied, store objects, the list of changes.
 constexpr std::size_t kFixedMemory = 80 * 1024;
-// Platform calls of one step: opening and keeping files, scanning and copying
-// them in large pieces, and for each blob two readings, the second one in
-// small pieces.
+// Platform calls of one step: opening and keeping files, scanning and copying them in large pieces,
+// and for each blob two readings, the second one in small pieces.
 constexpr std::uint64_t kFixedCalls = 150;
 constexpr std::uint64_t kBytesPerCall = 16 * 1024;
 constexpr std::uint64_t kCallsPerBlob = 12;
@@ -54,8 +52,8 @@ bool IsKept(const std::string& path, std::string_view bytes) {
          std::find(copies.begin(), copies.end(), bytes) != copies.end();
 }
 
-// A repaired journal keeps its whole transactions in place. A copy holds its
-// old header and what came after them, up to the header's endOffset.
+// A repaired journal keeps its whole transactions in place. A copy holds its old header and what
+// came after them, up to the header's endOffset.
 bool IsJournalKept(const std::string& path, std::string_view bytes) {
   constexpr std::size_t kHeader = test::kHeaderSize;
   if (IsKept(path, bytes)) return true;
@@ -147,8 +145,8 @@ class Life {
     Require(store->loaded, "an erased store loads");
   }
 
-  // A damaged pack that was newer than the one in use, or no longer says how
-  // old it is, is there after everything that followed, with its journal.
+  // A damaged pack that was newer than the one in use, or no longer says how old it is, is there
+  // after everything that followed, with its journal.
   void CheckDamagedKept() const {
     for (std::size_t slot = 0; slot < slots.size(); ++slot) {
       const Reading pack = ReadFile(slots[slot].pack);

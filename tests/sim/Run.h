@@ -1,8 +1,8 @@
-// What is done to a store: a script of steps, and its run against a model, on
-// a healthy machine or on one on which something fails.
+// What is done to a store: a script of steps, and its run against a model, on a healthy machine or
+// on one on which something fails.
 //
-// A script is the number of slots, a "k" where damaged files are kept, a
-// colon and steps, blanks between them:
+// A script is the number of slots, a "k" where damaged files are kept, a colon and steps, blanks
+// between them:
 //   S   start a transaction          E   end it           R   repack
 //   +n  store blob n                 *n  the same by BCPut, which finds the hash
 //   -n  delete blob n                G   read everything and check
@@ -47,9 +47,9 @@ std::vector<Workload> Scripts();
 Workload RandomWorkload(std::uint64_t seed);
 Workload WorkloadByName(const std::string& name);
 
-// What fails: one call, allocation or release, the n-th from the start, or
-// everything from there on. A caller who gets a failure asks again, goes on
-// with the next transaction, or opens the store again.
+// What fails: one call, allocation or release, the n-th from the start, or everything from there
+// on. A caller who gets a failure asks again, goes on with the next transaction, or opens the store
+// again.
 struct Plan {
   enum class Kind { Nothing, Call, Alloc, Free } kind = Kind::Nothing;
   std::uint64_t n = 0;
@@ -58,10 +58,10 @@ struct Plan {
   enum class Then { AskAgain, GoOn, Reopen } then = Then::AskAgain;
 };
 
-// A call that fails must say so, one that says it succeeded has. Right after
-// the failure, by a killed process and by power cuts, and at the end: the
-// store recovers (ExpectRecovery) with what was acknowledged or was in doubt.
-// In the end nothing is open and no memory is taken. Throws a Violation.
+// A call that fails must say so, one that says it succeeded has. Right after the failure, by a
+// killed process and by power cuts, and at the end: the store recovers (ExpectRecovery) with what
+// was acknowledged or was in doubt. In the end nothing is open and no memory is taken. Throws a
+// Violation.
 class Run {
  public:
   Run(const Workload& workload, const Plan& plan)
@@ -76,8 +76,8 @@ class Run {
   std::function<void(char)> beforeStep = [](char) {}, afterStep = [](char) {};
 
  private:
-  // What a pack holds, and for each commit where it starts in the journal and
-  // what the store held before it.
+  // What a pack holds, and for each commit where it starts in the journal and what the store held
+  // before it.
   struct Commit {
     std::uint32_t start;
     Mask before;

@@ -1,5 +1,5 @@
-// The simulated machine against states that were worked out by hand: it must
-// not be kinder than a real disk.
+// The simulated machine against states that were worked out by hand: it must not be kinder than a
+// real disk.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -23,8 +23,8 @@ std::string Describe(const Image& image) {
   return text;
 }
 
-// Steps on /f (inode 0), which holds a1024: "b 500 24" writes 24 b from 500 on, "T 600"
-// cuts it off there; F flush, D failed flush, R remove, C create, N rename /g over it.
+// Steps on /f (inode 0), which holds a1024: "b 500 24" writes 24 b from 500 on, "T 600" cuts it off
+// there; F flush, D failed flush, R remove, C create, N rename /g over it.
 void Do(Disk& disk, const std::string& steps) {
   std::istringstream in(steps);
   std::size_t at = 0, size = 0;

@@ -1,10 +1,9 @@
 // power_cut_explorer [STATES [SEED [WORKLOAD]]]
 //
-// Tries to make the store lose something on the simulated machine. In every
-// script and some random workloads, fails each platform call and refuses each
-// allocation and release in turn; then explores STATES distinct disks after a
-// power cut (default 1,000,000). STATES may be BRIEF: a sample of everything,
-// for the test suite. WORKLOAD is a script (Run.h) or "r" and a seed. Exits
+// Tries to make the store lose something on the simulated machine. In every script and some random
+// workloads, fails each platform call and refuses each allocation and release in turn; then
+// explores STATES distinct disks after a power cut (default 1,000,000). STATES may be BRIEF: a
+// sample of everything, for the test suite. WORKLOAD is a script (Run.h) or "r" and a seed. Exits
 // with 1 if anything was found.
 #include <malloc.h>
 
@@ -118,8 +117,8 @@ int main(int argc, char** argv) {
               static_cast<unsigned long long>(cut.states()),
               static_cast<unsigned long long>(cut.moments()));
 
-  // A disk that lies about a flush of a commit, that of the records or that of
-  // the header, stands for a store that leaves it out: the explorer must notice.
+  // A disk that lies about a flush of a commit, that of the records or that of the header, stands
+  // for a store that leaves it out: the explorer must notice.
   for (unsigned flush = 1; flush <= (explore::kForgesGrowth ? 2 : 1); ++flush) {
     explore::PowerCut broken(seed, {~std::uint64_t{0}, 48, 12});
     broken.Explore(explore::Scripts().front(), 'E', flush);

@@ -1,6 +1,5 @@
-// Pack and journal files put together by hand, good ones and others: an
-// account of the format that is independent of the code under test but for
-// the digest.
+// Pack and journal files put together by hand, good ones and others: an account of the format that
+// is independent of the code under test but for the digest.
 #pragma once
 
 #include <cstdint>

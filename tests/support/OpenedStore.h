@@ -23,8 +23,8 @@ HashBytes HashOf(std::string_view data);
 // The text that messages use: no leading zeros.
 std::string TextOf(const HashBytes& hash);
 
-// A machine with an empty disk and the directories /s, /p, /a, /b and /c, where
-// nothing is planned and nothing recorded.
+// A machine with an empty disk and the directories /s, /p, /a, /b and /c, where nothing is planned
+// and nothing recorded.
 sim::SimFiles& FreshMachine();
 
 // The contents of a file as a reader sees it; fails the test if it is missing.
@@ -58,8 +58,8 @@ class OpenedStore {
   // One transaction with these blobs.
   bool Commit(long long id, const std::vector<std::string>& blobs) const;
 
-  // A committed blob, read by the size that the store gives; nothing when it
-  // is not there or cannot be read.
+  // A committed blob, read by the size that the store gives; nothing when it is not there or cannot
+  // be read.
   std::optional<std::string> GetBy(HashBytes hash) const;
   bool Has(std::string_view data) const { return GetBy(HashOf(data)) == data; }
   // By enumeration: all hashes, all blobs.

@@ -1,11 +1,10 @@
-// The platform's file calls (platform/Win32.h) on a simulated disk, and what a
-// test asks of them: faults, a killed process, a power cut.
+// The platform's file calls (platform/Win32.h) on a simulated disk, and what a test asks of them:
+// faults, a killed process, a power cut.
 //
-// One process, one thread; time does not pass. Like platform/posix: share mode
-// 0 excludes a second opener; the first flush of a handle that may have created
-// its file also syncs the directory; a rename syncs it; a deletion becomes
-// durable with the directory's next sync; after a failed flush every later
-// flush of that handle fails, and the next opener reads what the disk holds.
+// One process, one thread; time does not pass. Like platform/posix: share mode 0 excludes a second
+// opener; the first flush of a handle that may have created its file also syncs the directory; a
+// rename syncs it; a deletion becomes durable with the directory's next sync; after a failed flush
+// every later flush of that handle fails, and the next opener reads what the disk holds.
 #pragma once
 
 #include <array>
@@ -50,15 +49,14 @@ bool CanFail(Call call, Fault fault);
 
 class SimFiles {
  public:
-  // A fresh machine: an empty disk, nothing planned, nothing counted. The
-  // watcher and the log stay.
+  // A fresh machine: an empty disk, nothing planned, nothing counted. The watcher and the log stay.
   void Reset();
 
   Disk disk;
   std::string currentDirectory = "";
 
-  // Fails the n-th call from now, 1 being the next, or the n-th of one kind;
-  // with fromThenOn every later one too. 0: none.
+  // Fails the n-th call from now, 1 being the next, or the n-th of one kind; with fromThenOn every
+  // later one too. 0: none.
   void FailCall(std::uint64_t n, Fault fault, bool fromThenOn = false) {
     plan_ = {n, fault, fromThenOn, std::nullopt};
   }
@@ -80,8 +78,8 @@ class SimFiles {
   std::function<void()> watcher;
   std::vector<Call>* log = nullptr;  // gets the kind of every call
 
-  // The process is killed: what it wrote stays visible and unflushed. Every
-  // call fails until Restart, so that its objects can be cleared away.
+  // The process is killed: what it wrote stays visible and unflushed. Every call fails until
+  // Restart, so that its objects can be cleared away.
   void Kill();
   // The power fails, and what was not flushed is lost.
   void CutPower();
@@ -104,8 +102,8 @@ class SimFiles {
   };
   // Counts the call and decides how it fails. A full disk stops one that grows.
   Fault Begin(Call call, bool grows = true);
-  // Begins a call on a handle, in lastFault how it fails. Null, with the reason in
-  // lastError, if it ends there.
+  // Begins a call on a handle, in lastFault how it fails. Null, with the reason in lastError, if it
+  // ends there.
   Handle* Begin(Call call, HANDLE file, DWORD access, std::size_t size = 0);
   bool IsHeld(int inode) const;
   HANDLE Open(const Handle& handle);
