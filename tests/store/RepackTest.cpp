@@ -32,36 +32,27 @@ TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
 
 // After the load a record is damaged, or its op becomes another one.
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
-  for (const int slots : {1, 2}) {
-    for (const bool damaged : {false, true}) {
-      SCOPED_TRACE(std::to_string(slots) + (damaged ? " damaged" : " gone"));
-      FreshMachine();
-      const OpenedStore store(slots);
-      ASSERT_TRUE(store.Commit(1, {"aaaa", "bbbb"}));
-      sim::Disk& disk = sim::Files().disk;
-      disk.Write(disk.Lookup("/s/0.jrn"), 24 + 40 + (damaged ? 36 : 0), "\1", 1);
-      const std::string before = FileBytes("/s/0.jrn");
-      Diagnostics().Clear();
-      ASSERT_EQ(BCRepack(store.index), damaged ? 0 : 1);
-      EXPECT_EQ(store.Has("bbbb"), !damaged) << "a failure closes it";
-      if (!damaged) {
-        EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " +
-                                             TextOf(HashOf("aaaa")) + " size 4"));
-        disk.Write(disk.Lookup("/s/0.jrn"), 24 + 40, "\0", 1);
-        EXPECT_EQ(BCFsck(store.index), slots == 1 ? 1 : 0)
-            << "in the old file, which is no place for a blob";
-        continue;
-      }
-      EXPECT_TRUE(
-          Diagnostics().HasError("BlobController::Repack() Invalid Blob Detected. Failed on "
-                                 "index[1]. BlobEntries table dump. Dumping [2] entries."));
-      EXPECT_TRUE(Diagnostics().HasError("file.path, file offset, blob size"));
+  for (const bool damaged : {false, true}) {
+    SCOPED_TRACE(damaged);
+    FreshMachine();
+    const OpenedStore store(2);
+    ASSERT_TRUE(store.Commit(1, {"aaaa", "bbbb"}));
+    sim::Disk& disk = sim::Files().disk;
+    disk.Write(disk.Lookup("/s/0.jrn"), 24 + 40 + (damaged ? 36 : 0), "\1", 1);
+    const std::string before = FileBytes("/s/0.jrn");
+    ASSERT_EQ(BCRepack(store.index), damaged ? 0 : 1);
+    EXPECT_EQ(store.Has("bbbb"), !damaged) << "a failure closes it";
+    EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation is as it was";
+    if (damaged) {
       EXPECT_TRUE(Diagnostics().HasError("/s/0.jrn, 64, 4"));
       EXPECT_TRUE(Diagnostics().HasError(
           "BlobController::Repack() threw an exception BlobPair Read failed"));
-      EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation is as it was";
-      EXPECT_EQ(disk.Lookup("/s/0.pak.new"), sim::kNoInode);
+      continue;
     }
+    EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " +
+                                         TextOf(HashOf("aaaa")) + " size 4"));
+    disk.Write(disk.Lookup("/s/0.jrn"), 24 + 40, "\0", 1);
+    EXPECT_EQ(BCFsck(store.index), 0) << "in the old file, which is no place for a blob";
   }
 }
 
