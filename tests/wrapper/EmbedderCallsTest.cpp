@@ -16,16 +16,15 @@ TEST(EmbedderCalls, StatisticsCountWhatTheFilesHold) {
   ASSERT_TRUE(store.Commit(1, {"aaaa", "bb"}));
   const auto seen = [&] {
     const BCStatistics of = StatisticsOf(store.index);
-    return std::vector<std::uint64_t>{of.slotCount,    static_cast<std::uint64_t>(of.sequence),
-                                      of.blobCount,    of.liveBytes,
-                                      of.largestBlob,  of.packBytes,
-                                      of.journalBytes, of.repackedBytes};
+    const auto sequence = static_cast<std::uint64_t>(of.sequence);
+    return std::vector{sequence,     of.blobCount,    of.liveBytes,
+                       of.packBytes, of.journalBytes, of.repackedBytes};
   };
   const std::uint64_t both = 24 + 40 + (36 + 4) + (36 + 2) + 16, one = both - 40;
-  EXPECT_EQ(seen(), (std::vector<std::uint64_t>{3, 0, 2, 6, 4, 24, both, both}));
+  EXPECT_EQ(seen(), (std::vector<std::uint64_t>{0, 2, 6, 24, both, both}));
   ASSERT_TRUE(store.Start(2) && store.Delete("aaaa") && store.End(2));
   ASSERT_EQ(BCRepack(store.index), BLOBRING_REPACKED);
-  EXPECT_EQ(seen(), (std::vector<std::uint64_t>{3, 1, 1, 2, 2, one, 24, one}));
+  EXPECT_EQ(seen(), (std::vector<std::uint64_t>{1, 1, 2, one, 24, one}));
 
   // Programs built with an earlier header, and with a later one.
   struct {
@@ -54,12 +53,9 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   FreshMachine();
   const int first = BCOpen("/s", nullptr), second = BCOpen("/b", nullptr);
   HashBytes hash{};
-  EXPECT_EQ(BCLastErrorCode(first), BLOBRING_ERROR_NONE);
   EXPECT_EQ(BCPut(first, nullptr, 3, hash.data()) + BCDelete(second, nullptr), 0);
   EXPECT_EQ(BCFsck(first) + BCCheck(second), 1 + BLOBRING_CHECK_SOUND);
   EXPECT_EQ(LastErrorOf(first), "BCPut: data is null");
-  EXPECT_EQ(BCLastErrorCode(first), BLOBRING_ERROR_ARGUMENT);
-  EXPECT_EQ(LastErrorOf(second), "BCDelete: hash is null");
   char cut[6] = "-----";
   EXPECT_EQ(BCLastError(first, cut, 5) + BCLastError(first, nullptr, 0), 2 * 19);
   EXPECT_STREQ(cut, "BCPu");
@@ -102,9 +98,7 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   BCSetProgress(store.index, callBack, &inside);
   EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_SOUND);
   EXPECT_EQ(inside.results, (std::vector<int>{0, -1, -1, 0, 0, 0, BLOBRING_ERROR_REFUSED}));
-  EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U)
-      << inside.text;
-  EXPECT_EQ(inside.text, LastErrorOf(store.index));
+  EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U);
 
   // A host that takes an access violation does not return to the outer call.
   const auto takeException = [](void* context, int, std::uint64_t, std::uint64_t) {
@@ -115,8 +109,10 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
     return 1;
   };
   BCSetProgress(store.index, takeException, &inside);
+  sim::Diagnostics().Clear();
   BCCheck(store.index);
   EXPECT_EQ(inside.results, (std::vector<int>{1, 1}));
+  EXPECT_TRUE(sim::Diagnostics().HasWarning("BlobController::Fsck number of blobs = 1"));
 }
 
 }  // namespace
