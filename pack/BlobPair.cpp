@@ -122,7 +122,7 @@ void DumpBlob(RawBuffer const* b) {
     line = static_cast<char*>(std::malloc(capacity));
     if (line == nullptr) capacity = 0;
   }
-  if (capacity < least) return;
+  if (line == nullptr || capacity < least) return;
 
   constexpr std::size_t kMostCapacity = std::numeric_limits<std::uint32_t>::max();
   std::memset(line, 0, capacity);
