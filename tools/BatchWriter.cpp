@@ -33,13 +33,13 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
     if (isNew) pendingBytes_ += data.size();
     return {hash, isNew};
   } catch (const blobring::Error& error) {
-    const Fault fault("cannot store {}: {}", name, Explain(error));
+    const std::string reason = Explain(error);  // before the commit has one of its own
     try {
       Commit();
     } catch (const blobring::Error& second) {
       Say("{}", Explain(second));
     }
-    throw fault;
+    throw Fault("cannot store {}: {}", name, reason);
   }
 }
 

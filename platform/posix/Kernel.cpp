@@ -122,7 +122,8 @@ PathName::PathName(const WCHAR* units) {
 }
 
 const char* ParentOf(const char* path, char (&buffer)[PATH_MAX]) {
-  return dirname(std::strcpy(buffer, path));
+  std::memcpy(buffer, path, std::strlen(path) + 1);
+  return dirname(buffer);
 }
 
 // The descriptor is released whatever close(2) returns, and the call is not repeated after EINTR:
