@@ -10,7 +10,6 @@ namespace test {
 namespace {
 
 using sim::Call;
-using sim::Diagnostics;
 using sim::Fault;
 
 // It goes to the first journal, unless no store wrote that one's header.
@@ -67,7 +66,7 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   EXPECT_EQ(FileBytes("/s/0.jrn").size(), records);
 }
 
-TEST(Transaction, AFailedFlushIsOverOnceTheStoreIsOpenedAgain) {
+TEST(Transaction, AFailedFlushLeavesItInDoubt) {
   for (const std::uint64_t flush : {1U, 2U}) {  // of the records, of the header
     FreshMachine();
     {
@@ -75,15 +74,25 @@ TEST(Transaction, AFailedFlushIsOverOnceTheStoreIsOpenedAgain) {
       ASSERT_TRUE(store.Start(2) && store.Store("lost"));
       sim::Files().FailCallOf(Call::FlushFileBuffers, flush, Fault::Error);
       EXPECT_FALSE(store.End(2) || store.Store("refused"));
-      EXPECT_TRUE(Diagnostics().HasWarning(
-          "BlobController::Store() threw an exception a flush has failed, no change is accepted "
-          "until the store is disposed of and opened again"));
       EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_IN_DOUBT);
       EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
     }  // the close fails as well, and releases the handles all the same
     EXPECT_EQ(sim::Files().openHandles(), 0U);
-    EXPECT_TRUE(OpenedStore().Commit(3, {"accepted"}));
   }
+}
+
+TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
+  FreshMachine();
+  const OpenedStore none(0), store;
+  ASSERT_TRUE(store.Start(1) && store.Store("a"));
+  const std::pair<int, std::string> rows[] = {
+      {none.index, "the store has no slot"},
+      {store.index, "changes are pending, end the transaction first"}};
+  for (const auto& [index, reason] : rows) {
+    EXPECT_EQ(BCRepack(index), BLOBRING_NOT_REPACKED);
+    EXPECT_EQ(LastErrorOf(index), "BlobController::Repack() refused: " + reason);
+  }
+  EXPECT_TRUE(store.End(1) && store.Has("a")) << "open and as it was";
 }
 
 }  // namespace

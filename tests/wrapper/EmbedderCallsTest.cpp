@@ -113,6 +113,7 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   BCCheck(store.index);
   EXPECT_EQ(inside.results, (std::vector<int>{1, 1}));
   EXPECT_TRUE(sim::Diagnostics().HasWarning("BlobController::Fsck number of blobs = 1"));
+  EXPECT_EQ(sim::Diagnostics().records.back().at(0), 0x0F000262U);
 }
 
 }  // namespace
