@@ -19,8 +19,6 @@ blobring put full part1
 grep -q "commit: .*may not grow further" error
 same "$(blobring ls full)" "$(hash part1)"
 same "$(blobring put full part2 part3)" "$(hash part2 part3)"
-(ulimit -f 250; blobring repack full 2>error) && fail "there was room"
-grep -q "may not grow further" error
 expect 0 "checked 3 blobs.*every blob is sound" fsck full
 blobring get full "$(hash part1)" >/dev/full 2>error && fail "a full disk went unseen"
 grep -q "standard output: No space left" error
@@ -37,18 +35,12 @@ for file in 1.pak 0.jrn; do
   mv -n aside gone/$file && [ ! -e aside ] || fail "gone/$file was created"
 done
 
-# A store without a layout file, on a file system that is read-only.
+# A store without a layout file.
 cp -r gone device
 rm device/blobring.conf
 mkdir packs
 cp -r device split && mv split/*.pak packs
-readonly_run() { "$@"; }
-if unshare -rm true 2>/dev/null; then
-  readonly_run() { unshare -rm sh -c 'mount --bind device device && mount -o remount,bind,ro device && exec "$@"' - "$@"; }
-fi
-same "$(readonly_run "$tool" get device "$abc")" abc
 unchanged device 0 "."
-expect 0 "^$abc" ls split --slots 2 --pack-dir packs
 expect 0 "^$abc" ls split --pack-dir packs
 expect 1 "blobring init" rm device "$abc"
 
@@ -56,17 +48,12 @@ expect 1 "blobring init" rm device "$abc"
 # written that could cover what is left of the newer one.
 cp -r gone headless
 flip_byte gone/1.pak 100
-cp -r gone erasing
 unchanged gone 1 "invalid Pack file|damaged"
 for change in "put gone part1" "rm gone $abc" "repack gone"; do
   expect 1 "takes no changes.*blobring salvage gone NEW" $change
 done
-cmp gone/1.pak erasing/1.pak
 expect 0 "slot 1 is current .sequence 1." repack --force gone
 same "$(blobring get gone "$abc")" abc
-expect 0 "$(hash part1)" put --on-damage erase erasing part1
-expect 1 "." get erasing "$(hash part1)" -o got
-cmp got part1
 
 # The newest pack has lost its header, and does not say any more that it is the newest.
 xyz=$(printf xyz | blobring put headless)
@@ -74,29 +61,19 @@ blobring repack headless
 printf abcd | blobring put headless
 dd if=/dev/zero of=headless/0.pak bs=24 count=1 conv=notrunc status=none
 cp -r headless before.store
-expect 1 "headless/0" ls headless
 expect 1 "headless" put headless part1
 diff -r headless before.store
 
-# No pack can be loaded, which its header tells or only its contents do.
-while read -r kind said; do
-  blobring init $kind --slots 1
-  blobring put $kind part1 part2
-  blobring repack $kind
-  case $kind in
-    header) head -c 24 /dev/zero | tr '\0' '\377' | dd of=header/0.pak conv=notrunc status=none ;;
-    contents) flip_byte contents/0.pak 50 ;; # of the digest
-  esac
-  cp -r $kind $kind.erased
-  unchanged $kind 1 "."
-  expect 1 "$said" put $kind part1
-  expect 1 "recovered: 2 blobs" salvage $kind $kind.both
-  expect 0 "$(hash part1)" put --on-damage erase $kind.erased part1
-  same "$(blobring ls $kind.erased)" "$(hash part1)"
-done <<ROWS
-header no pack can be loaded.*nothing was changed
-contents every file is kept under a new name
-ROWS
+# No pack can be loaded.
+blobring init erased --slots 1
+blobring put erased part1
+blobring repack erased
+head -c 24 /dev/zero | tr '\0' '\377' | dd of=erased/0.pak conv=notrunc status=none
+unchanged erased 1 "."
+expect 1 "no pack can be loaded.*nothing was changed" put erased part1
+expect 1 "recovered: 1 blob" salvage erased both
+expect 0 "$(hash part2)" put --on-damage erase erased part2
+same "$(blobring ls erased)" "$(hash part2)"
 
 # The last transaction of a journal is torn: said once, set aside, the rest goes on.
 blobring init tail
@@ -106,4 +83,3 @@ flip_byte tail/0.jrn 100145 # of the digest
 unchanged tail 0 "."
 expect 0 "set aside|kept" put tail part3
 same "$(blobring ls tail)" "$(hash part1 part3 | sort)"
-expect 1 "recovered: 3 blobs" salvage tail all

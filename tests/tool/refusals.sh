@@ -4,14 +4,12 @@
 
 blobring init s
 abc=$(printf abc | blobring put s)
-mkdir plain used fifo
+mkdir plain used
 echo mine >used/f
-mkfifo fifo/blobring.conf pipe
+mkfifo pipe
 echo "$abc  f" >good
 echo "$abc f" >one-space
-echo "${abc}0  f" >long-hash
 printf '\\%s  a\\q\n' "$abc" >bad-escape
-printf '%s  a\0b\n' "$abc" >zero-byte
 ln -s used/f link
 expect 0 "packs in .*/p" init far --pack-dir p
 cp -r s before
@@ -19,29 +17,21 @@ cp -r s before
 while read -r status pattern arguments; do eval "expect $status ${pattern@Q} $arguments"; done <<'ROWS'
 2 ^blobring:.there.is.no.command."frob" frob s
 2 ^blobring:.*STORE put
-2 no.hash get s abc
 2 s.has.2.slots ls s --slots 3
-2 more.than.1.slots init x --slots 1 --pack-dir a --pack-dir b
 2 already.*cannot.be.changed init s --pack-dir used
 2 p/0.pak.is.not.a.pack.of.x init x --pack-dir p
-2 0.pak.is.not.a.pack.of.p init p
 0 already;.nothing.was.changed init s
 1 blobring.init ls plain
-1 not.a.regular.file ls fifo
 1 has.no.blob get s ${abc//[a-f]/0} -o x
 1 directory.*import put s used
-1 No.such.file import s nowhere
 2 good.exists;.--force import s used -m good
 2 link.is.a.symbolic.link get s $abc -o link
-2 used.is.a.directory get s $abc -o used
 2 line.1:.wanted.a.hash export s one-space x
-2 line.1 export s long-hash x
 2 line.1 export s bad-escape x
-2 line.1 export s zero-byte x
 1 exists.and.was.kept export s good used
 0 import.*store.every --help
 ROWS
-for name in /tmp/x ../x a/../../x .. . a/.. a/ a/.; do
+for name in /tmp/x ../x a/../../x a/; do
   printf '%s  ok\n%s  %s\n' "$abc" "$abc" "$name" >unsafe
   expect 2 "nothing was written" export s unsafe x
 done
@@ -63,22 +53,17 @@ same "$(cat out/f) $(cat in/f)" "untouched abc"
 chmod 640 used/f
 blobring get s "${abc^^}" -o used/f
 same "$(cat used/f) $(stat -c %a used/f)" "abc 640"
-for command in "get s $abc -o" "import s used -m"; do
-  cat pipe >>read &
-  blobring $command pipe
-  wait
-done
-blobring get s "$abc" -o /dev/stdout >>read
-same "$(cat read)" "abc$abc  ./f"$'\n'abc
+cat pipe >read &
+blobring get s "$abc" -o pipe
+wait
+same "$(cat read)" abc
 
-# Hashes from standard input; each counts once; the reader may use the store.
+# Hashes from standard input; each counts once.
 printf 1 >one && printf 2 >two
 blobring put s one two <&- | cat >hashes
 same "$(blobring get s - <hashes)" 12
 same "$(blobring ls -l s)" "$({ echo "$abc 3"; sed 's/$/ 1/' hashes; } | sort)"
 expect 1 "1 blob deleted" rm s $(head -1 hashes) $(head -1 hashes) "${abc//[a-f]/0}"
-blobring ls s | xargs "$tool" rm s 2>said
-same "$(cut -d';' -f1 said) $(blobring ls s)" "blobring: 2 blobs deleted "
 
 # A good file beside bad ones is stored. No message may get into the manifest.
 mkdir tree
@@ -88,7 +73,6 @@ expect 1 "tree/big: it is too large, a blob has at most 2147483531 bytes" import
 status=0
 blobring import s tree --force -m m >&- 2>&- || status=$?
 same "$status $(cut -c35- m)" "1 ./good"
-expect 1 "^$(hash tree/good)$" put s nowhere tree/good
 
 # One process at a time, but not while one waits for its input.
 flock s/0.pak "$tool" put s good 2>said && fail "two processes had the store"
@@ -105,7 +89,6 @@ same "$(cat held)" "$(hash two)"$'\n'"$(printf xyz | hash)"
 rm s/blobring.conf
 expect 1 "blobring init s" put s good
 expect 2 "repeat init with --slots 2" init s --slots 3
-expect 2 "repeat init with --slots 2" init s --slots 1
 expect 0 "store with 2 slots" init s
 same "$(blobring get s "$(tail -1 held)")" xyz
 echo 'blobring 2' >s/blobring.conf
