@@ -82,6 +82,8 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndNamesTheFault) {
        " (start transaction) corruption, bad hash value id=2 file=/s/0.jrn"},
       {two().Count(7).Bytes(), 2, "() didn't process all the entries entries=1"},
       {good.substr(0, 199), 1, " corruption, header endOffset=219 of a file of 199 bytes"},
+      {two().Raw(EndRecord(8)).Counting(1).Bytes(), 2,
+       " corruption, end transaction without start transaction id=8"},
       {two().Raw(OpHeader(4, 0)).Counting(1).Bytes(), 2, "() unsupported op=4"},
       {two().Transaction(3, {}).Bytes(), 2,
        " EOF error during validation of transaction.  This is normal for first boot after a disk "
