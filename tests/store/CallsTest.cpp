@@ -62,7 +62,9 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   }
   EXPECT_EQ(size, 0);
   EXPECT_EQ(FileBytes("/s/0.jrn"), before);
+  Diagnostics().Clear();
   EXPECT_EQ(BCPutMany(i, blobs, 2), 1) << "what comes before the invalid one is stored";
+  EXPECT_EQ(Diagnostics().Text(), "warning BCPutMany: data is null\n");
   EXPECT_EQ(BCEndTransaction(i, &id) + BCGetAllBlobHashesReset(i), 2);
 }
 
