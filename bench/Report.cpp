@@ -16,12 +16,14 @@ using Quantity = double Sample::*;
 constexpr const char* kFlush =
     "A commit is a flush. A log is shorter than our records and has no header to rewrite.";
 constexpr const char* kOneStream = "A pack is one transaction, and so one stream of MD5.";
+constexpr const char* kDelete = "BCDelete writes each record at once; the peers write a batch.";
+constexpr const char* kNodes = "Opening makes a node of the index for each blob; peers have none.";
 constexpr const char* kMd5 = "MD5 is nearly all of it, for every store.";
 constexpr const char* kRecord =
     "A record takes 36 bytes besides its data, and each blob a node of the index.";
 constexpr const char* kMapping =
-    "LMDB reads from a mapping. Ours is one pread: a read error in a mapping is a signal that ends "
-    "the process.";
+    "LMDB reads from a mapping. Ours is one pread: a read error in a mapping is a signal\n"
+    "  that ends the process.";
 
 // Why a peer may be faster. Printed for the rows in which one is.
 const std::map<std::string, std::string> kReasons = {
@@ -32,7 +34,9 @@ const std::map<std::string, std::string> kReasons = {
     {"small.fetch-unverified", "We compare every blob with its key; MD5 is most of a fetch."},
     {"small.enumerate",
      "SQLite walks the pages of an index of keys; we follow a node for each blob."},
-    {"small.compact", kOneStream},
+    {"small.compact", kDelete},
+    {"small.open", kNodes},
+    {"many.open", kNodes},
     {"small.reopen", kOneStream},
     {"large.put", kMd5},
     {"large.fetch", kMd5},
@@ -103,12 +107,12 @@ void WriteWherePeersLead(const Results& results, std::ostream& out) {
       const auto ours = Median(results, step, results.contenders[0].name, quantity);
       const auto best = BestPeer(results, step, quantity);
       if (ours && best && *ours > best->value)
-        leads += fmt::format("{}{} takes {:.2f} of our {} time", leads.empty() ? "" : ", ",
-                             best->name, best->value / *ours, what);
+        leads += fmt::format("{}{} takes {:.2f} of our {}", leads.empty() ? "" : ", ", best->name,
+                             best->value / *ours, what);
     }
     if (leads.empty()) continue;
     const auto reason = kReasons.find(step.id);
-    fmt::print(out, "- **{}**: {}. {}\n", step.title, leads,
+    fmt::print(out, "- **{}**: {}.\n  {}\n", step.title, leads,
                reason == kReasons.end() ? "The reason is not known yet." : reason->second);
   }
 }
@@ -118,9 +122,9 @@ void WritePeers(const Results& results, std::ostream& out) {
   for (const Contender& contender : results.contenders)
     fmt::print(out, "- {} {}\n", contender.name, contender.note);
   fmt::print(out,
-             "- limit: what the format asks of any implementation. For a put, one MD5 pass by {}, "
-             "the data\n  appended, the header rewritten and one flush a commit; for the rest, one "
-             "MD5 pass, or a copy.\n",
+             "- limit: what the format asks of any implementation. For a put, one MD5 pass by\n"
+             "  {}, the data appended, the header rewritten and one flush a commit;\n"
+             "  for the rest, one MD5 pass, or a copy.\n",
              OpenSSL_version(OPENSSL_VERSION));
 }
 
