@@ -76,6 +76,7 @@ TEST(Opening, RefusesBeforeItTouchesAFileOrOpensWhatTheFilesAgreeWith) {
       {"blobring.conf=blobring_1|", {}, kDamaged, "conf names no slot"},
       {"", {}, kNone, "2 slots, 0 blobs"},
       {"0.pak=" + fresh.substr(0, 4), {}, kNone, "2 slots, 0 blobs"},
+      {"0.pak=" + std::string(24, '\0'), {}, kNone, "2 slots, 0 blobs"},
       {"3+2", {.slots = 3}, kNone, "3 slots, 1 blobs"},
       {"2+1", {.readOnly = true}, kNone, "2 slots, 1 blobs, read-only"},
       {"2+1 1.pak=", {.eraseDamaged = true}, kNone, "2 slots, 0 blobs"},
