@@ -137,6 +137,7 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   } rows[] = {{0, 36, "X", "BlobPair Read failed"},
               {5, 0, "\1", "the record is not the blob's"},
               {8, 32, "\377", "BlobPair::Read : too large size"},
+              {9, 32, "\1", "the record is not the blob's"},
               {11, 0, StoreRecord(7, "xxxx11"), "BlobFile::GetBlob() /s/0.jrn at "},
               {299, 36, "X", "BlobPair Read failed"}};
   sim::Disk& disk = sim::Files().disk;
