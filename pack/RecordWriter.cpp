@@ -159,7 +159,7 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
 
 // [C5] A failure costs a flush in later commits and nothing else.
 void RecordWriter::MakeBlankAhead(std::uint32_t end) noexcept {
-  static const unsigned char zeros[kBlankAhead] = {};
+  static unsigned char zeros[kBlankAhead];  // never written; const would put it into the file
   const std::uint32_t until = std::min(end + kBlankAhead, format::kMaxFileSize);
   if (!mayMakeBlank || zerosEnd >= until || zerosEnd - end >= kLeastBlank) return;
   hasMadeBlank = true;

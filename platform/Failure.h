@@ -27,7 +27,7 @@ class Failure : public std::runtime_error {
  public:
   template <class... Pieces>
   explicit Failure(FailureCode failureCode, const Pieces&... pieces)
-      : std::runtime_error(Text(pieces...)), code(failureCode) {}
+      : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode) {}
   FailureCode code;
 };
 

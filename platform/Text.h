@@ -1,21 +1,45 @@
 // Texts of failures and messages.
 #pragma once
 
+#include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <type_traits>
 
-// Puts a text together from pieces: texts, and integers in decimal.
+// A text, or an integer in decimal. Refers to the text.
+struct TextPiece {
+  template <class Value>
+  // NOLINTNEXTLINE(google-explicit-constructor): stands for the value
+  TextPiece(const Value& value) {
+    if constexpr (std::is_integral_v<Value>) {
+      number = static_cast<std::int64_t>(value);
+      isNumber = true;
+    } else {
+      text = value;
+    }
+  }
+
+  std::string_view text;
+  std::int64_t number = 0;
+  bool isNumber = false;
+};
+
+// Not inlined: texts are put together in many places and seldom.
+[[gnu::noinline]] inline std::string Join(std::initializer_list<TextPiece> pieces) {
+  std::string text;
+  for (const TextPiece& piece : pieces) {
+    if (piece.isNumber) {
+      text += std::to_string(piece.number);
+    } else {
+      text += piece.text;
+    }
+  }
+  return text;
+}
+
+// Puts a text together from pieces.
 template <class... Pieces>
 std::string Text(const Pieces&... pieces) {
-  [[maybe_unused]] const auto print = [](const auto& piece) {
-    if constexpr (std::is_integral_v<std::decay_t<decltype(piece)>>) {
-      return std::to_string(piece);
-    } else {
-      return std::string_view(piece);
-    }
-  };
-  std::string text;
-  (text.append(print(pieces)), ...);
-  return text;
+  return Join({TextPiece(pieces)...});
 }
