@@ -115,7 +115,8 @@ ExitStatus Init(const StoreOptions& options) {
   return kSuccess;
 }
 
-ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
+ExitStatus Put(const PutOptions& options) {
+  const auto& [at, files] = options;
   LayoutOf(at, Access::kChange);  // before anything is waited for
   std::string lines;              // of committed blobs
   std::optional<OpenStore> open;
@@ -154,8 +155,8 @@ ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files) {
   return all ? kSuccess : kFault;
 }
 
-ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
-               const std::string& output) {
+ExitStatus Get(const GetOptions& options) {
+  const auto& [at, hashes, output] = options;
   LayoutOf(at, Access::kLook);
   const std::vector<blobring::Hash> keys = ParseHashes(hashes);
   Output out(output, Existing::kReplace);
@@ -182,15 +183,15 @@ ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
   return failureCount == 0 && sound ? kSuccess : kFault;
 }
 
-ExitStatus List(const StoreOptions& at, bool longForm) {
+ExitStatus List(const ListOptions& options) {
   std::string text;
   bool sound = false;
   {
-    const OpenStore open(at, Access::kLook);
+    const OpenStore open(options.at, Access::kLook);
     sound = !open.damaged;
     for (const blobring::Hash& hash : open.store.hashes()) {
       text += hash.text();
-      if (longForm) text += fmt::format(" {}", SizeOf(open.store, hash).value_or(0));
+      if (options.longForm) text += fmt::format(" {}", SizeOf(open.store, hash).value_or(0));
       text += '\n';
     }
   }
@@ -198,7 +199,8 @@ ExitStatus List(const StoreOptions& at, bool longForm) {
   return sound ? kSuccess : kFault;
 }
 
-ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes) {
+ExitStatus Remove(const RemoveOptions& options) {
+  const auto& [at, hashes] = options;
   LayoutOf(at, Access::kChange);
   const std::vector<blobring::Hash> arguments = ParseHashes(hashes);
   const std::set<blobring::Hash> keys(arguments.begin(), arguments.end());
@@ -277,8 +279,8 @@ ExitStatus Check(const StoreOptions& at) {
   return sound ? kSuccess : kFault;
 }
 
-ExitStatus Repack(const StoreOptions& at, bool force) {
-  OpenStore open(at, force ? Access::kChangeDamaged : Access::kChange);
+ExitStatus Repack(const RepackOptions& options) {
+  OpenStore open(options.at, options.force ? Access::kChangeDamaged : Access::kChange);
   const uint64_t dead = DeadBytes(open.store.stats());
   open.store.repack();
   const BCStatistics after = open.store.stats();

@@ -16,22 +16,39 @@ ExitStatus Init(const StoreOptions& options);
 
 // Stores files, "-" or none for standard input, and prints the hash of each. Files that cannot be
 // read are named; the others go on.
-ExitStatus Put(const StoreOptions& at, const std::vector<std::string>& files);
+struct PutOptions {
+  StoreOptions at;
+  std::vector<std::string> files;
+};
+ExitStatus Put(const PutOptions& options);
 
 // Writes blobs, one after the other, to standard output or a file (see Output). Hashes may come
 // from standard input ("-"). Blobs that cannot be read are named; the others go on, unless there is
 // only one.
-ExitStatus Get(const StoreOptions& at, const std::vector<std::string>& hashes,
-               const std::string& output);
+struct GetOptions {
+  StoreOptions at;
+  std::vector<std::string> hashes;
+  std::string output;
+};
+ExitStatus Get(const GetOptions& options);
 
 // Prints all hashes in ascending order, with sizes when `longForm`.
-ExitStatus List(const StoreOptions& at, bool longForm);
+struct ListOptions {
+  StoreOptions at;
+  bool longForm = false;
+};
+ExitStatus List(const ListOptions& options);
 
 // Deletes blobs in one transaction. Hashes may come from standard input ("-"). Blobs that the store
 // does not have are named; the others go.
-ExitStatus Remove(const StoreOptions& at, const std::vector<std::string>& hashes);
+struct RemoveOptions {
+  StoreOptions at;
+  std::vector<std::string> hashes;
+};
+ExitStatus Remove(const RemoveOptions& options);
 
 struct ImportOptions {
+  StoreOptions at;
   std::string directory;
   std::string manifest;  // see Output; empty for standard output
   bool force = false;    // replace a manifest that exists
@@ -43,9 +60,10 @@ struct ImportOptions {
 // kFault; the others go on. A manifest file appears only when the import has come to its end; other
 // output has what was committed. Throws Fault or blobring::Error when the store itself fails; what
 // was committed by then stays, and a second run does not store it again.
-ExitStatus Import(const StoreOptions& at, const ImportOptions& options);
+ExitStatus Import(const ImportOptions& options);
 
 struct ExportOptions {
+  StoreOptions at;
   std::string manifest;  // "-" for standard input
   std::string directory;
   bool force = false;  // replace files that exist
@@ -55,7 +73,7 @@ struct ExportOptions {
 // is read. A file that cannot be restored is named and makes the result kFault; the others go on.
 // Throws UsageError, with nothing written, when any name in the manifest would lead out of the
 // directory.
-ExitStatus Export(const StoreOptions& at, const ExportOptions& options);
+ExitStatus Export(const ExportOptions& options);
 
 // Prints how full the store is, and a line for each of its files.
 ExitStatus Stat(const StoreOptions& at);
@@ -65,7 +83,11 @@ ExitStatus Check(const StoreOptions& at);
 
 // `force`: even when loading found damage. What can be read goes on as a sound store; the rest is
 // given up.
-ExitStatus Repack(const StoreOptions& at, bool force);
+struct RepackOptions {
+  StoreOptions at;
+  bool force = false;
+};
+ExitStatus Repack(const RepackOptions& options);
 
 struct SalvageOptions {
   std::string directory;

@@ -2,19 +2,41 @@
 
 #include <fmt/format.h>
 #include <langinfo.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <clocale>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cwchar>
 #include <cwctype>
 #include <utility>
 
+#include "tools/Interrupt.h"
+
 namespace tool {
 namespace {
 
-constexpr auto kShowInterval = std::chrono::milliseconds(100);
+constexpr auto kFirstAfter = std::chrono::milliseconds(500);
+constexpr auto kRewriteAfter = std::chrono::milliseconds(100);
+constexpr auto kNextLineAfter = std::chrono::seconds(3);
+
+bool IsTerminal() {
+  static const bool isTerminal = [] {
+    const char* const kind = std::getenv("TERM");
+    return ::isatty(STDERR_FILENO) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
+  }();
+  return isTerminal;
+}
+
+// One column stays free: a full line makes some terminals scroll.
+size_t LineWidth() {
+  winsize size = {};
+  const bool isKnown = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  return isKnown ? size.ws_col - 1U : 79U;
+}
 
 bool lineShown = false;  // the cursor stands on a progress line
 bool isHolding = false;
@@ -82,8 +104,18 @@ std::string HumanSize(uint64_t bytes) {
   return fmt::format("{:.1f} {}iB", value, *unit);
 }
 
+std::string HumanTime(double seconds) {
+  const auto whole = static_cast<uint64_t>(std::ceil(seconds));
+  const uint64_t minutes = whole / 60;
+  if (minutes < 60) return fmt::format("{}:{:02}", minutes, whole % 60);
+  return fmt::format("{}:{:02}:{:02}", minutes / 60, minutes % 60, whole % 60);
+}
+
 Progress::Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes)
-    : verb_(std::move(verb)), totalItems_(totalItems), totalBytes_(totalBytes) {}
+    : verb_(std::move(verb)),
+      totalItems_(totalItems),
+      totalBytes_(totalBytes),
+      next_(start_ + kFirstAfter) {}
 
 Progress::~Progress() {
   Write("");
@@ -93,24 +125,46 @@ double Progress::Elapsed() const {
   return std::chrono::duration<double>(Clock::now() - start_).count();
 }
 
-void Progress::Show(uint64_t items, uint64_t bytes) {
-  items_ = items;
-  bytes_ = bytes;
-  static const bool isTerminal = ::isatty(STDERR_FILENO) == 1;
-  const Clock::time_point now = Clock::now();
-  if (!isTerminal || now - lastShown_ < kShowInterval) return;
-  lastShown_ = now;
+// "importing 12 of 40, 1.5 GiB of 5.0 GiB, 30 %, 210.0 MiB/s, 0:17 left".
+std::string Progress::Line() const {
+  const double elapsed = std::max(Elapsed(), 0.001);
   std::string line = fmt::format("{} {}", verb_, items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
   if (bytes_ != 0) {
-    const double rate = static_cast<double>(bytes_) / std::max(Elapsed(), 0.001);
     line += ", " + HumanSize(bytes_);
     if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
-    line += fmt::format(", {}/s", HumanSize(static_cast<uint64_t>(rate)));
   }
-  fmt::print(stderr, "\r\x1b[K{}", line);
+  const bool byBytes = totalBytes_ != 0;
+  const auto total = static_cast<double>(byBytes ? totalBytes_ : totalItems_);
+  const auto done = static_cast<double>(byBytes ? bytes_ : items_);
+  const double share = total > 0 ? std::min(done / total, 1.0) : 0;
+  if (share > 0) line += fmt::format(", {:.0f} %", std::floor(100 * share));
+  if (bytes_ != 0)
+    line += fmt::format(", {}/s",
+                        HumanSize(static_cast<uint64_t>(static_cast<double>(bytes_) / elapsed)));
+  else
+    line += fmt::format(", {:.0f}/s", static_cast<double>(items_) / elapsed);
+  if (share > 0) line += fmt::format(", {} left", HumanTime(elapsed * (1 - share) / share));
+  return line;
+}
+
+void Progress::Show(uint64_t items, uint64_t bytes) {
+  ThrowIfInterrupted();
+  items_ = items;
+  bytes_ = bytes;
+  if (consoleOptions.quiet || (!IsTerminal() && !consoleOptions.progress)) return;
+  const Clock::time_point now = Clock::now();
+  if (now < next_) return;
+  next_ = now + (IsTerminal() ? Clock::duration(kRewriteAfter) : Clock::duration(kNextLineAfter));
+  std::string line = Line();
+  if (IsTerminal()) {
+    line.resize(std::min(line.size(), LineWidth()));
+    fmt::print(stderr, "\r\x1b[K{}", line);
+    lineShown = true;
+  } else {
+    fmt::print(stderr, "blobring: {}\n", line);
+  }
   std::fflush(stderr);
-  lineShown = true;
 }
 
 }  // namespace tool

@@ -1,4 +1,4 @@
-// Standard error: messages, and a progress line when it is a terminal.
+// Standard error: messages and progress.
 #pragma once
 
 #include <fmt/format.h>
@@ -11,6 +11,14 @@
 
 namespace tool {
 
+// What every command takes.
+struct ConsoleOptions {
+  bool json = false;
+  bool quiet = false;
+  bool progress = false;
+};
+inline ConsoleOptions consoleOptions;
+
 // Takes the user's locale, which Printable() goes by. Once, at the start.
 void InitConsole();
 
@@ -21,6 +29,12 @@ void SayText(std::string_view text);
 template <class... T>
 void Say(fmt::format_string<T...> text, T&&... values) {
   SayText(fmt::format(text, std::forward<T>(values)...));
+}
+
+// Say, unless the user wants to hear only what went wrong.
+template <class... T>
+void Inform(fmt::format_string<T...> text, T&&... values) {
+  if (!consoleOptions.quiet) SayText(fmt::format(text, std::forward<T>(values)...));
 }
 
 // Delays all messages. One lives as long as a store is open: a reader of standard error may be
@@ -42,10 +56,15 @@ std::string Count(uint64_t count, std::string_view noun);
 // "1.5 MiB"; exact below 1 KiB.
 std::string HumanSize(uint64_t bytes);
 
-// One line, rewritten at most ten times a second, only on a terminal.
+// "2:05", "1:02:05".
+std::string HumanTime(double seconds);
+
+// How far a command is: a line that is rewritten ten times a second, on a terminal, once the
+// command has taken half a second; every three seconds a line of its own where --progress asks for
+// it. Each call is also where Ctrl-C takes effect: it throws Interrupted.
 class Progress {
  public:
-  // Totals of 0 are not shown.
+  // Totals of 0 are not known.
   Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes = 0);
   ~Progress();
   Progress(const Progress&) = delete;
@@ -62,13 +81,15 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
+  std::string Line() const;
+
   std::string verb_;
   uint64_t totalItems_;
   uint64_t totalBytes_;
   uint64_t items_ = 0;
   uint64_t bytes_ = 0;
   Clock::time_point start_ = Clock::now();
-  Clock::time_point lastShown_ = start_;
+  Clock::time_point next_;  // when the next line is due
 };
 
 }  // namespace tool

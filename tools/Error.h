@@ -1,31 +1,73 @@
-// How a command ends: its exit status, and the two kinds of failure. Both texts are for the user,
+// How a command ends: its exit status, and the kinds of failure. Their texts are for the user,
 // without the program's name and without a newline. What the store itself reports is a
 // blobring::Error, see Open.h.
 #pragma once
 
 #include <fmt/format.h>
 
+#include <array>
 #include <stdexcept>
+#include <string_view>
 
 namespace tool {
 
-enum ExitStatus : int { kSuccess = 0, kFault = 1, kUsage = 2 };
+enum ExitStatus : int {
+  kSuccess = 0,
+  kFault = 1,
+  kUsage = 2,
+  kHeld = 3,
+  kNothing = 4,
+  kInterrupted = 130,
+};
+
+// What `--help` and the manual say of each.
+struct StatusText {
+  ExitStatus status;
+  std::string_view meaning;
+};
+inline constexpr std::array kStatusTexts = {
+    StatusText{kSuccess, "success"},
+    StatusText{kFault, "the store, a blob or a file is at fault"},
+    StatusText{kUsage, "usage; nothing was changed"},
+    StatusText{kHeld, "another process has the store open"},
+    StatusText{kNothing, "what was asked for is not there, or there is nothing to do"},
+    StatusText{kInterrupted, "interrupted"},
+};
 
 class Failure : public std::runtime_error {
  public:
   template <class... T>
   explicit Failure(fmt::format_string<T...> text, T&&... values)
       : std::runtime_error(fmt::format(text, std::forward<T>(values)...)) {}
+
+  virtual ExitStatus status() const = 0;
 };
 
-// The store, a blob or a file is at fault: exit status 1.
-class Fault : public Failure {
+template <ExitStatus kStatus>
+class FailureOf : public Failure {
+ public:
   using Failure::Failure;
+  ExitStatus status() const override { return kStatus; }
 };
 
-// The request makes no sense or is refused: exit status 2.
-class UsageError : public Failure {
-  using Failure::Failure;
+// The store, a blob or a file is at fault.
+class Fault : public FailureOf<kFault> {
+  using FailureOf::FailureOf;
+};
+
+// The request makes no sense or is refused.
+class UsageError : public FailureOf<kUsage> {
+  using FailureOf::FailureOf;
+};
+
+// What was asked for is not there.
+class NothingFound : public FailureOf<kNothing> {
+  using FailureOf::FailureOf;
+};
+
+// The user asked to stop. The text says what is safe.
+class Interrupted : public FailureOf<kInterrupted> {
+  using FailureOf::FailureOf;
 };
 
 }  // namespace tool

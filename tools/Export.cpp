@@ -82,7 +82,7 @@ class TargetTree {
 
 }  // namespace
 
-ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
+ExitStatus Export(const ExportOptions& options) {
   const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   for (const ManifestEntry& entry : entries)
     if (!IsSafe(entry.name))
@@ -91,7 +91,7 @@ ExitStatus Export(const StoreOptions& at, const ExportOptions& options) {
           "written",
           options.manifest, entry.name);
 
-  const OpenStore open(at, Access::kLook);
+  const OpenStore open(options.at, Access::kLook);
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
   Buffer buffer;

@@ -11,6 +11,7 @@
 
 #include "tools/Console.h"
 #include "tools/Error.h"
+#include "tools/Interrupt.h"
 
 namespace tool {
 namespace {
@@ -41,7 +42,7 @@ std::string_view ReadToEnd(int fd, uint64_t size, Buffer& buffer, const std::str
     if (done == buffer.size() || done == 0)
       Grow(buffer, std::max({size + 1, std::min(2 * done, kMaxBlobSize + 1), kLeastReadSize}));
     const ssize_t got = ::read(fd, buffer.data() + done, buffer.size() - done);
-    if (got < 0 && errno != EINTR) ThrowErrno("read " + path);
+    if (got < 0 && (errno != EINTR || IsInterrupted())) ThrowErrno("read " + path);
     if (got == 0) return {buffer.data(), done};
     done += static_cast<uint64_t>(std::max<ssize_t>(got, 0));
   }
@@ -66,6 +67,7 @@ std::optional<FileId> IdOf(const std::string& path) {
 }
 
 void ThrowErrno(const std::string& action) {
+  if (errno == EINTR) ThrowIfInterrupted();
   throw Fault("cannot {}: {}", action, std::strerror(errno));
 }
 
@@ -78,7 +80,7 @@ Fd OpenDirectory(const std::string& path) {
 void WriteAll(int fd, std::string_view data, const std::string& name) {
   while (!data.empty()) {
     const ssize_t written = ::write(fd, data.data(), data.size());
-    if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EINTR && !IsInterrupted()) continue;
     if (written < 0) ThrowErrno("write " + name);
     data.remove_prefix(static_cast<size_t>(written));
   }

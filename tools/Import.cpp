@@ -150,8 +150,8 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
 
 }  // namespace
 
-ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
-  const Layout layout = LayoutOf(at, Access::kChange);
+ExitStatus Import(const ImportOptions& options) {
+  const Layout layout = LayoutOf(options.at, Access::kChange);
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
   const SourceTree tree =
       List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
@@ -159,7 +159,7 @@ ExitStatus Import(const StoreOptions& at, const ImportOptions& options) {
   Totals totals;
   Progress progress("importing", tree.files.size(), tree.byteCount);
   try {
-    OpenStore open(at, Access::kChange);
+    OpenStore open(options.at, Access::kChange);
     Buffer buffer;
     BatchWriter writer(open.store, lines);
     for (const SourceTree::File& file : tree.files) {

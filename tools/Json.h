@@ -1,0 +1,17 @@
+// Results as JSON lines.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace tool {
+
+// Keys stay in the order in which they were added; the first one is "type".
+using Json = nlohmann::ordered_json;
+
+// One line, with its newline. Bytes that are not UTF-8 become U+FFFD.
+inline std::string JsonLine(const Json& object) {
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace tool
