@@ -1,25 +1,15 @@
 #include "tools/CommandLine.h"
 
-#include <algorithm>
-
 #include "tools/Console.h"
+#include "tools/Files.h"
+#include "tools/Texts.h"
 
 namespace tool {
-namespace {
-
-std::string Footer() {
-  std::string text = "Exit status:";
-  for (const StatusText& row : kStatusTexts)
-    text += fmt::format("\n  {:<4}{}", static_cast<int>(row.status), row.meaning);
-  return text + "\n\n`blobring help COMMAND` says more of each.";
-}
-
-}  // namespace
-
 CommandLine::CommandLine(CLI::App& app) : app_(app) {
   app.set_version_flag("--version", "blobring " BLOBRING_VERSION);
   app.require_subcommand(1);
-  app.footer(Footer());
+  app.footer(HelpFooter());
+  app.formatter(HelpFormatter());
 }
 
 CLI::App& CommandLine::Add(Group group, const CommandText& text, std::function<ExitStatus()> run) {
@@ -62,7 +52,44 @@ void CommandLine::AddPackDirs(CLI::App& command, std::vector<std::string>& packD
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
+void CommandLine::AddHelpCommands() {
+  CLI::App& help = *app_.add_subcommand("help", "print the help of a command");
+  help.group("About");
+  help.add_option("COMMAND", helpFor_, "the command; without one, the list of all");
+  help.callback([this] {
+    run_ = [this] {
+      const CLI::App* command = &app_;
+      std::string above;
+      for (const std::string& name : helpFor_) {
+        above += (above.empty() ? "" : " ") + command->get_name();
+        try {
+          command = command->get_subcommand(name);
+        } catch (const CLI::OptionNotFound&) {
+          throw UsageError("there is no command \"{}\"; `blobring --help` lists them", name);
+        }
+      }
+      PrintText(command->help(above));
+      return kSuccess;
+    };
+  });
+  CLI::App& texts =
+      *app_.add_subcommand("generate", "print the manual page, or the completion for a shell");
+  texts.group("About");
+  texts.add_option("WHAT", generated_, "manual, bash or zsh")
+      ->required()
+      ->check(CLI::IsMember({"manual", "bash", "zsh"}));
+  texts.callback([this] {
+    run_ = [this] {
+      PrintText(generated_ == "manual" ? ManualPage(app_)
+                : generated_ == "bash" ? BashCompletion(app_)
+                                       : ZshCompletion(app_));
+      return kSuccess;
+    };
+  });
+}
+
 ExitStatus CommandLine::Run(int argc, char** argv) {
+  AddHelpCommands();
   try {
     const std::string command = argc > 1 ? argv[1] : "-";
     const auto isCommand = [&command](const CLI::App* sub) { return sub->check_name(command); };

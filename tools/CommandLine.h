@@ -51,7 +51,11 @@ class CommandLine {
  private:
   CLI::App& Add(Group group, const CommandText& text, std::function<ExitStatus()> run);
 
+  void AddHelpCommands();
+
   CLI::App& app_;
+  std::vector<std::string> helpFor_;
+  std::string generated_;
   std::function<ExitStatus()> run_;
 };
 

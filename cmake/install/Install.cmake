@@ -34,17 +34,15 @@ string(REGEX REPLACE ".*, 0?([0-9]+ [A-Z][a-z]+ [0-9]+) .*" "\\1" DATE "${traile
 # Manual pages get the version and the date, and every call leads to the page of
 # the library. Compressed without a name and a time, so that every build makes
 # the same files.
-file(REMOVE_RECURSE ${data}/man1 ${data}/man3)
+file(REMOVE_RECURSE ${data}/man3)
 find_program(GZIP_PROGRAM gzip REQUIRED)
 function(compress source target)
   get_filename_component(folder ${target} DIRECTORY)
   file(MAKE_DIRECTORY ${folder})
   execute_process(COMMAND ${GZIP_PROGRAM} -9 -n -c ${source} OUTPUT_FILE ${target} COMMAND_ERROR_IS_FATAL ANY)
 endfunction()
-foreach(section 1 3)
-  configure_file(man/blobring.${section}.in ${data}/blobring.${section} @ONLY)
-  compress(${data}/blobring.${section} ${data}/man${section}/blobring.${section}.gz)
-endforeach()
+configure_file(man/blobring.3.in ${data}/blobring.3 @ONLY)
+compress(${data}/blobring.3 ${data}/man3/blobring.3.gz)
 file(STRINGS api/exports.txt calls REGEX "^BC[A-Za-z0-9]*$")
 foreach(call ${calls})
   file(CREATE_LINK blobring.3.gz ${data}/man3/${call}.3.gz SYMBOLIC)
@@ -52,8 +50,21 @@ endforeach()
 install(DIRECTORY ${data}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 
 if(TARGET blobring_tool)
-  install(DIRECTORY ${data}/man1 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT tool)
-  install(FILES completions/blobring DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+  target_compile_definitions(blobring_tool PRIVATE BLOBRING_DATE="${DATE}")
+  # The tool prints its own manual page and completions. A build for another host needs an emulator.
+  if(NOT CMAKE_CROSSCOMPILING OR CMAKE_CROSSCOMPILING_EMULATOR)
+    add_custom_command(OUTPUT ${data}/blobring.1.gz ${data}/blobring ${data}/_blobring
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${data}
+      COMMAND blobring_tool generate manual > ${data}/blobring.1
+      COMMAND ${GZIP_PROGRAM} -9 -n -f ${data}/blobring.1
+      COMMAND blobring_tool generate bash > ${data}/blobring
+      COMMAND blobring_tool generate zsh > ${data}/_blobring
+      DEPENDS blobring_tool VERBATIM)
+    add_custom_target(blobring_texts ALL DEPENDS ${data}/blobring.1.gz)
+    install(FILES ${data}/blobring.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+    install(FILES ${data}/blobring DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
+    install(FILES ${data}/_blobring DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT tool)
+  endif()
 endif()
 
 # What Debian wants of each package; the examples go with the headers.
