@@ -39,6 +39,8 @@ std::string RecordedDir(const std::string& store, const std::string& dir) {
   return absolute;
 }
 
+}  // namespace
+
 FileHead ReadHead(const std::string& path) {
   const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd.valid() && errno == ENOENT) return {};
@@ -49,8 +51,6 @@ FileHead ReadHead(const std::string& path) {
     ThrowErrno("read " + path);
   return FileHead::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
 }
-
-}  // namespace
 
 FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
   FileHead head = {State::kDamaged, fileSize, format::FileHeader::Decode(bytes)};

@@ -29,6 +29,9 @@ struct FileHead {
   format::FileHeader header;
 };
 
+// The head of a file; kMissing if there is none. Throws Fault if it cannot be read.
+FileHead ReadHead(const std::string& path);
+
 struct SlotFile {
   std::string path;
   FileHead head;

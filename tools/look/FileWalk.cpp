@@ -1,0 +1,247 @@
+#include "tools/look/FileWalk.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
+#include <vector>
+
+#include "md5/MD5.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kMostAtOnce = 16;  // transactions digested side by side
+constexpr size_t kPieceSize = size_t{64} * 1024;
+
+// The body of a transaction, for DigestMany.
+class Body final : public MD5Source {
+ public:
+  Body(SalvageFile& file, const WalkedTransaction& transaction,
+       const std::function<void(uint64_t)>& progress)
+      : file_(file),
+        at_(transaction.bodyOffset()),
+        end_(at_ + transaction.bodySize()),
+        progress_(progress),
+        piece_(std::min<uint64_t>(kPieceSize, transaction.bodySize())) {}
+
+  std::span<const uint8_t> Next() override {
+    const size_t size = std::min<uint64_t>(piece_.size(), end_ - at_);
+    file_.Read(at_, piece_.data(), size);
+    at_ += size;
+    if (progress_) progress_(size);
+    return {piece_.data(), size};
+  }
+
+ private:
+  SalvageFile& file_;
+  uint64_t at_;
+  const uint64_t end_;
+  const std::function<void(uint64_t)>& progress_;
+  std::vector<uint8_t> piece_;
+};
+
+class Walker {
+ public:
+  Walker(SalvageFile& file, const FileHead& head, const WalkOptions& options)
+      : file_(file),
+        options_(options),
+        limit_(file.size()),
+        endOffset_(head.header.endOffset),
+        remaining_(head.header.recordCount) {}
+
+  Walked Run() {
+    uint64_t at = walked_.end;
+    while (remaining_ > pendingCount_ && !walked_.damage) {
+      if (!ParseTransaction(at)) break;
+      at = pending_.empty() ? walked_.end : pending_.back().transaction.end;
+      if (pending_.size() == kMostAtOnce) Deliver();
+    }
+    const std::optional<Damage> broken = std::move(broken_);
+    Deliver();
+    if (!walked_.damage) walked_.damage = broken;
+    if (walked_.damage) JudgeRest();
+    return std::move(walked_);
+  }
+
+ private:
+  struct Pending {
+    WalkedTransaction transaction;
+    format::TransactionBlock block;
+  };
+
+  bool BreakOff(uint64_t at, std::string what) {
+    broken_ = Damage{at, std::move(what)};
+    return false;
+  }
+
+  // Parses the transaction at `at`. Returns false where the records break off, or where the count
+  // ends inside it.
+  bool ParseTransaction(uint64_t at) {
+    if (limit_ - std::min(at, limit_) < format::kStartSize)
+      return BreakOff(at, "the file ends before the records do");
+    const auto head = file_.From(at, format::kStartSize);
+    const auto op = format::OpHeader::Decode(head.data());
+    const auto block = format::TransactionBlock::Decode(&head[format::kOpHeaderSize]);
+    if (op.op == format::kOpStore || op.op == format::kOpDelete) return TakeSingle(at);
+    if (op.op != format::kOpStartTransaction) return BreakOff(at, "no transaction starts here");
+    WalkedTransaction found;
+    found.offset = at;
+    found.id = op.transactionId;
+    const uint64_t body = found.bodyOffset();
+    if (block.length == 0) return BreakOff(at, "a transaction that was not ended");
+    if (block.length + uint64_t{format::kEndSize} > limit_ - body)
+      return BreakOff(at, "a transaction that runs past the end of the file");
+    found.end = body + block.length + format::kEndSize;
+    const uint64_t stop = VisitRecords(file_, body, body + block.length, [&](const auto& record) {
+      ++(record.isStore ? found.storeCount : found.deleteCount);
+      found.blobBytes += record.blobSize;
+      return true;
+    });
+    if (stop != body + block.length) return BreakOff(stop, "no record of a transaction");
+    std::array<unsigned char, format::kOpHeaderSize> end;
+    file_.Read(stop, end.data(), end.size());
+    if (format::OpHeader::Decode(end.data()).op != format::kOpEndTransaction)
+      return BreakOff(stop, "no end record");
+    if (found.recordCount() > remaining_ - pendingCount_) {  // the header counts no further
+      remaining_ = pendingCount_;
+      return false;
+    }
+    pendingCount_ += found.recordCount();
+    pending_.push_back({found, block});
+    return true;
+  }
+
+  // A record outside any transaction. No store writes one; it counts if it is what it says.
+  bool TakeSingle(uint64_t at) {
+    Deliver();
+    if (walked_.damage) return false;
+    WalkedRecord single;
+    const uint64_t stop = VisitRecords(file_, at, limit_, [&single](const WalkedRecord& record) {
+      const bool isFirst = single.offset == 0;
+      if (isFirst) single = record;
+      return isFirst;
+    });
+    if (stop == at) return BreakOff(at, "a record that runs past the end of the file");
+    if (options_.digest && single.isStore &&
+        file_.Digest(single.dataOffset(), single.blobSize) != single.hash)
+      return BreakOff(at, "a record outside a transaction that does not match its hash");
+    walked_.end = single.end();
+    ++walked_.recordCount;
+    --remaining_;
+    if (options_.record) options_.record(single);
+    return true;
+  }
+
+  // A commit that a power cut tore is the last transaction that the header counts: its length says
+  // so, or is lost, and no whole transaction ends where the header says.
+  void JudgeRest() {
+    const uint64_t start = walked_.end;
+    const uint64_t end = endOffset_;
+    if (remaining_ == 0 || end < start || end - start < format::kLeastTransaction) return;
+    if (WholeTransactionEndsAt(end)) return;
+    walked_.lastIsTorn = true;
+    if (limit_ - std::min(start, limit_) < format::kStartSize) return;
+    const auto bytes = file_.From(start, format::kStartSize);
+    const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
+    if (format::OpHeader::Decode(bytes.data()).op == format::kOpStartTransaction && length != 0)
+      walked_.lastIsTorn = length == end - start - format::kStartSize - format::kEndSize;
+  }
+
+  // Digests at most twice the bytes in question, whatever looks like a start record.
+  bool WholeTransactionEndsAt(uint64_t end) {
+    if (end > limit_) return false;
+    uint64_t budget = 2 * (end - walked_.end);
+    for (uint64_t at = walked_.end + 1; at + format::kLeastTransaction <= end; ++at) {
+      const auto window = file_.From(at, format::kStartSize);
+      const auto* const found = static_cast<const unsigned char*>(
+          std::memchr(window.data(), format::kOpStartTransaction, window.size()));
+      at +=
+          static_cast<uint64_t>(found == nullptr ? std::ssize(window) - 1 : found - window.data());
+      if (found == nullptr || at + format::kLeastTransaction > end) continue;
+      const auto bytes = file_.From(at, format::kStartSize);
+      const auto block = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]);
+      if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction ||
+          block.length != end - at - format::kStartSize - format::kEndSize)
+        continue;
+      if (block.length > budget) return false;
+      budget -= block.length;
+      if (file_.Digest(at + format::kStartSize, block.length).bytes() ==
+          std::to_array(block.digest))
+        return true;
+    }
+    return false;
+  }
+
+  // Digests what is pending and hands over what is whole.
+  void Deliver() {
+    std::vector<std::array<uint8_t, format::kDigestSize>> digests(pending_.size());
+    if (options_.digest) DigestPending(digests);
+    for (size_t i = 0; i < pending_.size(); ++i) {
+      const auto& [transaction, block] = pending_[i];
+      if (options_.digest && digests[i] != std::to_array(block.digest)) {
+        walked_.damage = Damage{transaction.offset, "a transaction that does not match its digest"};
+        break;
+      }
+      walked_.end = transaction.end;
+      walked_.recordCount += transaction.recordCount();
+      ++walked_.transactionCount;
+      remaining_ -= transaction.recordCount();
+      if (options_.transaction) options_.transaction(transaction);
+      if (options_.record)
+        VisitRecords(file_, transaction.bodyOffset(), transaction.end - format::kEndSize,
+                     [this](const WalkedRecord& record) {
+                       options_.record(record);
+                       return true;
+                     });
+    }
+    pending_.clear();
+    pendingCount_ = 0;
+  }
+
+  void DigestPending(std::vector<std::array<uint8_t, format::kDigestSize>>& digests) {
+    std::vector<std::unique_ptr<Body>> bodies;
+    std::vector<MD5Message> messages;
+    for (size_t i = 0; i < pending_.size(); ++i) {
+      bodies.push_back(std::make_unique<Body>(file_, pending_[i].transaction, options_.progress));
+      messages.push_back({nullptr, 0, digests[i].data(), bodies.back().get()});
+    }
+    DigestMany(messages.data(), messages.size());
+  }
+
+  SalvageFile& file_;
+  const WalkOptions& options_;
+  const uint64_t limit_;       // the file's size
+  const uint64_t endOffset_;   // the header's
+  uint64_t remaining_;         // records that the header counts behind what was delivered
+  uint64_t pendingCount_ = 0;  // records of what is pending
+  std::vector<Pending> pending_;
+  std::optional<Damage> broken_;
+  Walked walked_;
+};
+
+}  // namespace
+
+uint64_t VisitRecords(SalvageFile& file, uint64_t at, uint64_t bodyEnd,
+                      const std::function<bool(const WalkedRecord&)>& visit) {
+  while (bodyEnd - at >= format::kDeleteSize) {
+    std::array<unsigned char, format::kStoreHeadSize> bytes;
+    const auto window = file.From(at, bytes.size());
+    std::copy_n(window.begin(), std::min(window.size(), bytes.size()), bytes.begin());
+    const auto head = format::RecordHead::Decode(bytes.data());
+    WalkedRecord record = {at, head.op.transactionId, blobring::Hash(std::to_array(head.hash)),
+                           head.op.op == format::kOpStore, head.size};
+    const uint64_t size = record.end() - at;
+    if ((head.op.op != format::kOpStore && head.op.op != format::kOpDelete) || size > bodyEnd - at)
+      return at;
+    if (!visit(record)) return at;
+    at += size;
+  }
+  return at;
+}
+
+Walked Walk(SalvageFile& file, const FileHead& head, const WalkOptions& options) {
+  return Walker(file, head, options).Run();
+}
+
+}  // namespace tool
