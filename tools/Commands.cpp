@@ -17,9 +17,6 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-// What `get` reads before it closes the store and writes.
-constexpr size_t kMaxBatchBytes = size_t{64} * 1024 * 1024;
-
 // Creates a directory with its parents. A power cut must not take their names, with all that lies
 // in them, so the directories that hold them are flushed.
 void MakeDirectory(const std::string& path) {
@@ -73,18 +70,6 @@ void RequireOwnFiles(const Layout& layout) {
       throw UsageError("{} is not a pack of {}, it may be another store's; nothing was changed",
                        pack, layout.store());
   }
-}
-
-// Copies that the library made of damaged files: k.jrn.kept-N.
-std::vector<std::string> FilesSetAside(const Layout& layout) {
-  std::set<std::string> directories = {layout.store()};
-  for (size_t slot = 0; slot < layout.slotCount(); ++slot) directories.insert(layout.PackDir(slot));
-  std::vector<std::string> paths;
-  for (const std::string& directory : directories)
-    for (const auto& entry : stdfs::directory_iterator(directory))
-      if (entry.path().filename().string().find(".kept-") != std::string::npos)
-        paths.push_back(entry.path().string());
-  return paths;
 }
 
 // What a repack would leave behind; its journal is a header alone.
@@ -155,50 +140,6 @@ ExitStatus Put(const PutOptions& options) {
   return all ? kSuccess : kFault;
 }
 
-ExitStatus Get(const GetOptions& options) {
-  const auto& [at, hashes, output] = options;
-  LayoutOf(at, Access::kLook);
-  const std::vector<blobring::Hash> keys = ParseHashes(hashes);
-  Output out(output, Existing::kReplace);
-  Buffer buffer;
-  bool sound = true;
-  uint64_t failureCount = 0;
-  for (size_t next = 0; next < keys.size();) {
-    size_t used = 0;
-    {
-      const OpenStore open(at, Access::kLook);
-      sound = !open.damaged;
-      for (; next < keys.size() && used < kMaxBatchBytes; ++next) {
-        try {
-          used += open.Fetch(keys[next], buffer, used).size();
-        } catch (const Fault& fault) {
-          ++failureCount;
-          Say("{}", fault.what());
-        }
-      }
-    }
-    if (failureCount == 0 || used != 0) out.Write({buffer.data(), used});
-  }
-  if (failureCount == 0) out.Finish();
-  return failureCount == 0 && sound ? kSuccess : kFault;
-}
-
-ExitStatus List(const ListOptions& options) {
-  std::string text;
-  bool sound = false;
-  {
-    const OpenStore open(options.at, Access::kLook);
-    sound = !open.damaged;
-    for (const blobring::Hash& hash : open.store.hashes()) {
-      text += hash.text();
-      if (options.longForm) text += fmt::format(" {}", SizeOf(open.store, hash).value_or(0));
-      text += '\n';
-    }
-  }
-  PrintText(text);
-  return sound ? kSuccess : kFault;
-}
-
 ExitStatus Remove(const RemoveOptions& options) {
   const auto& [at, hashes] = options;
   LayoutOf(at, Access::kChange);
@@ -221,62 +162,6 @@ ExitStatus Remove(const RemoveOptions& options) {
       Count(keys.size() - absentCount, "blob"),
       slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
   return absentCount == 0 ? kSuccess : kFault;
-}
-
-ExitStatus Stat(const StoreOptions& at) {
-  std::string text;
-  bool sound = false;
-  {
-    const OpenStore open(at, Access::kLook);
-    sound = !open.damaged;
-    const BCStatistics statistics = open.store.stats();
-    const size_t slotCount = open.layout.slotCount();
-    const size_t current = static_cast<uint32_t>(statistics.sequence) % slotCount;
-    const std::vector<SlotFile> files = open.layout.ReadFiles();
-    uint64_t fileBytes = 0;
-    for (const SlotFile& file : files) fileBytes += file.head.size;
-    const auto row = [](std::string_view name, uint64_t bytes) {
-      return fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
-    };
-    text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\nblobs     {}\n", slotCount,
-                       current, statistics.sequence, statistics.blobCount) +
-           row("live", statistics.liveBytes) + row("dead", DeadBytes(statistics)) +
-           row("files", fileBytes) + "\nslot          size       in use  sequence   header  file\n";
-    for (size_t i = 0; i < files.size(); ++i) {
-      constexpr std::array kStates = {"missing", "new", "sound", "damaged"};
-      const FileHead& head = files[i].head;
-      text += fmt::format("{:>4}{} {:>12} {:>12} {:>9} {:>8}  {}\n", i / 2,
-                          i / 2 == current ? '*' : ' ', head.size, head.header.endOffset,
-                          head.header.sequence, kStates.at(static_cast<size_t>(head.state)),
-                          files[i].path);
-    }
-  }
-  PrintText(text);
-  return sound ? kSuccess : kFault;
-}
-
-ExitStatus Check(const StoreOptions& at) {
-  const OpenStore open(at, Access::kLook);
-  const BCStatistics statistics = open.store.stats();
-  TakeTrace(BLOBRING_HOST_ERROR);
-  Progress progress("checking", statistics.blobCount);
-  const auto checked = open.store.check([&progress](blobring::Operation, uint64_t done, uint64_t) {
-    progress.Show(done);
-    return true;
-  });
-  for (const std::string& line : TakeTrace(BLOBRING_HOST_ERROR)) Say("{}", line);
-  for (const std::string& path : FilesSetAside(open.layout))
-    Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
-        "{} NEW` reads it",
-        path, at.directory);
-  const bool sound = checked == blobring::Store::Checked::Sound && !open.damaged;
-  Say("checked {}, {}: {}", Count(statistics.blobCount, "blob"), HumanSize(statistics.liveBytes),
-      sound ? "every blob is sound" : "the store is damaged");
-  if (!sound)
-    Say("`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
-        "restores files from what is shown; or restore a backup",
-        at.directory);
-  return sound ? kSuccess : kFault;
 }
 
 ExitStatus Repack(const RepackOptions& options) {

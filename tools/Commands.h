@@ -22,23 +22,6 @@ struct PutOptions {
 };
 ExitStatus Put(const PutOptions& options);
 
-// Writes blobs, one after the other, to standard output or a file (see Output). Hashes may come
-// from standard input ("-"). Blobs that cannot be read are named; the others go on, unless there is
-// only one.
-struct GetOptions {
-  StoreOptions at;
-  std::vector<std::string> hashes;
-  std::string output;
-};
-ExitStatus Get(const GetOptions& options);
-
-// Prints all hashes in ascending order, with sizes when `longForm`.
-struct ListOptions {
-  StoreOptions at;
-  bool longForm = false;
-};
-ExitStatus List(const ListOptions& options);
-
 // Deletes blobs in one transaction. Hashes may come from standard input ("-"). Blobs that the store
 // does not have are named; the others go.
 struct RemoveOptions {
@@ -74,12 +57,6 @@ struct ExportOptions {
 // Throws UsageError, with nothing written, when any name in the manifest would lead out of the
 // directory.
 ExitStatus Export(const ExportOptions& options);
-
-// Prints how full the store is, and a line for each of its files.
-ExitStatus Stat(const StoreOptions& at);
-
-// Reads every blob.
-ExitStatus Check(const StoreOptions& at);
 
 // `force`: even when loading found damage. What can be read goes on as a sound store; the rest is
 // given up.

@@ -54,6 +54,9 @@ void WriteAll(int fd, std::string_view data, const std::string& name);
 // Writes lines to standard output, printable ones if that is a terminal. Throws Fault.
 void PrintText(std::string_view lines);
 
+// Text that is put together is printed once it has grown this long, so that memory stays small.
+constexpr size_t kPrintAt = size_t{1024} * 1024;
+
 template <class... T>
 void Print(fmt::format_string<T...> lines, T&&... values) {
   PrintText(fmt::format(lines, std::forward<T>(values)...));

@@ -8,6 +8,7 @@
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
 #include "tools/SalvageScan.h"
+#include "tools/look/Commands.h"
 
 namespace tool {
 namespace {
@@ -243,7 +244,7 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
     if (!copied.leftBehind.empty())
       text += fmt::format("; {} left behind", copied.leftBehind.size());
     Print("{}\n", text);
-    return Check(at) == kSuccess && copied.complete;
+    return Check({at}) == kSuccess && copied.complete;
   } catch (const std::exception& failure) {
     throw Fault(
         "salvage stopped early: {}; {} holds what was committed until then, remove it before the "

@@ -70,6 +70,21 @@ std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
   return found;
 }
 
+std::vector<std::string> FilesSetAside(const StoreView& view) {
+  std::set<std::string> directories;
+  if (!view.isSingleFile())
+    for (const SlotFile& file : view.files())
+      directories.insert(stdfs::path(file.path).parent_path().string());
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (const std::string& directory : directories)
+    for (const auto& entry : stdfs::directory_iterator(directory, ignored))
+      if (entry.path().filename().string().find(".kept-") != std::string::npos)
+        paths.push_back(entry.path().string());
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
 StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   std::error_code ignored;
   isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);

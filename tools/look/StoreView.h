@@ -49,7 +49,9 @@ class StoreView {
   int32_t sequence() const { return sequence_; }
   // What is current of files(): the pack and its journal, or the single file.
   const std::vector<size_t>& current() const { return current_; }
+  // What was found in a file that was walked: those of current(), and damaged packs before them.
   const Walked& walked(size_t file) const { return walked_.at(file); }
+  bool isWalked(size_t file) const { return walked_.count(file) != 0; }
 
   // The live blobs in ascending order of their hashes.
   const std::vector<ViewedBlob>& blobs() const { return blobs_; }
@@ -91,6 +93,9 @@ class StoreView {
   std::vector<std::string> notes_;  // no damage
   std::vector<Holder> holders_;
 };
+
+// Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
+std::vector<std::string> FilesSetAside(const StoreView& view);
 
 // The processes that hold a lock on one of the files, from /proc/locks.
 std::vector<Holder> HoldersOf(const std::vector<std::string>& paths);

@@ -1,0 +1,175 @@
+// check.
+#include <algorithm>
+#include <array>
+#include <filesystem>
+
+#include "md5/MD5.h"
+#include "tools/Json.h"
+#include "tools/SalvageScan.h"
+#include "tools/look/Commands.h"
+#include "tools/look/Objects.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kBatchBytes = size_t{4} * 1024 * 1024;
+constexpr size_t kBatchBlobs = 4096;
+
+// Many blobs, digested side by side.
+class BlobBatch {
+ public:
+  BlobBatch(const StoreView& view, std::vector<BlobFault>& faults) : view_(view), faults_(faults) {}
+
+  void Add(const ViewedBlob& blob) {
+    if (blob.size >= kBatchBytes) return Judge(blob, Digest(blob));
+    if (bytes_.size() + blob.size > kBatchBytes || blobs_.size() == kBatchBlobs) Finish();
+    const size_t at = bytes_.size();
+    bytes_.resize(at + blob.size);
+    view_.file(blob.file).Read(blob.dataOffset(), bytes_.data() + at, blob.size);
+    blobs_.push_back(&blob);
+  }
+
+  void Finish() {
+    std::vector<std::array<uint8_t, format::kHashSize>> digests(blobs_.size());
+    std::vector<MD5Message> messages;
+    const uint8_t* at = bytes_.data();
+    for (size_t i = 0; i < blobs_.size(); ++i) {
+      messages.push_back({at, blobs_[i]->size, digests[i].data()});
+      at += blobs_[i]->size;
+    }
+    DigestMany(messages.data(), messages.size());
+    for (size_t i = 0; i < blobs_.size(); ++i) Judge(*blobs_[i], blobring::Hash(digests[i]));
+    blobs_.clear();
+    bytes_.clear();
+  }
+
+ private:
+  blobring::Hash Digest(const ViewedBlob& blob) const {
+    return view_.file(blob.file).Digest(blob.dataOffset(), blob.size);
+  }
+
+  void Judge(const ViewedBlob& blob, const blobring::Hash& digest) {
+    if (digest != blob.hash)
+      faults_.push_back({view_.files()[blob.file].path, blob.offset, blob.hash, blob.size,
+                         "does not match its hash"});
+  }
+
+  const StoreView& view_;
+  std::vector<BlobFault>& faults_;
+  std::vector<const ViewedBlob*> blobs_;
+  std::vector<uint8_t> bytes_;
+};
+
+// What was hit where a file does not read cleanly.
+void ScanDamaged(const StoreView& view, size_t index, std::vector<BlobFault>& faults) {
+  const std::string& path = view.files()[index].path;
+  const Damage& damage = *view.walked(index).damage;
+  const SalvageScan scan = Scan(path);
+  bool isNamed = false;
+  for (const SalvagedRecord& record : scan.records) {
+    if (record.kind != SalvagedRecord::Kind::kBroken || record.offset < damage.offset) continue;
+    isNamed = true;
+    faults.push_back({path, record.offset, record.hash, record.blobSize,
+                      "does not match its hash, or is cut off"});
+  }
+  if (!isNamed) faults.push_back({path, damage.offset, std::nullopt, 0, damage.what});
+}
+
+ExitStatus CheckHeaders(const StoreOptions& at) {
+  bool sound = true;
+  std::vector<SlotFile> files;
+  std::error_code ignored;
+  if (std::filesystem::is_directory(at.directory, ignored))
+    files = LayoutOf(at, Access::kLook).ReadFiles();
+  else
+    files = {{at.directory, ReadHead(at.directory)}};
+  bool isUsed = false;
+  for (const SlotFile& file : files) isUsed = isUsed || file.HasRecords();
+  std::string text;
+  for (const SlotFile& file : files) {
+    const bool missing = file.head.state == FileHead::State::kMissing;
+    if (!(missing && isUsed) && file.head.state != FileHead::State::kDamaged) continue;
+    sound = false;
+    const BlobFault fault = {file.path, 0, std::nullopt, 0, missing ? "missing" : "damaged header"};
+    text += consoleOptions.json ? JsonLine(FaultObject(fault))
+                                : fmt::format("{}: {}\n", fault.path, fault.what);
+  }
+  PrintText(text);
+  Inform("checked {}: {}", Count(files.size(), "header"),
+         sound ? "every one is sound" : "the store is damaged");
+  return sound ? kSuccess : kFault;
+}
+
+void SayAdvice(const StoreView& view) {
+  Say("`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
+      "restores files from what is shown; or restore a backup",
+      view.path());
+}
+
+}  // namespace
+
+Json FaultObject(const BlobFault& fault) {
+  Json object = {{"type", "fault"}, {"file", fault.path}, {"offset", fault.offset},
+                 {"hash", nullptr}, {"size", fault.size}, {"what", fault.what}};
+  if (fault.hash) object["hash"] = fault.hash->text();
+  return object;
+}
+
+std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
+  std::vector<BlobFault> faults;
+  for (size_t i = 0; i < view.files().size(); ++i)
+    if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
+      ScanDamaged(view, i, faults);
+  if (!blobsToo) return faults;
+  std::vector<const ViewedBlob*> blobs;
+  for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
+  std::sort(blobs.begin(), blobs.end(), [](const auto* a, const auto* b) {
+    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
+  });
+  Progress progress("checking", blobs.size(), view.liveBytes());
+  BlobBatch batch(view, faults);
+  for (const ViewedBlob* blob : blobs) {
+    batch.Add(*blob);
+    progress.Advance(blob->size);
+  }
+  batch.Finish();
+  return faults;
+}
+
+ExitStatus Check(const CheckOptions& options) {
+  if (options.quick) return CheckHeaders(options.at);
+  const StoreView view(options.at);
+  const std::vector<BlobFault> faults = FindFaults(view, !options.structure);
+  const bool sound = faults.empty() && !view.damaged();
+  std::string text;
+  for (const BlobFault& fault : faults) {
+    if (consoleOptions.json)
+      text += JsonLine(FaultObject(fault));
+    else if (fault.hash)
+      text += fmt::format("{} at {}: blob {}, {}, {}\n", fault.path, fault.offset,
+                          fault.hash->text(), Count(fault.size, "byte"), fault.what);
+    else
+      text += fmt::format("{} at {}: {}\n", fault.path, fault.offset, fault.what);
+  }
+  if (consoleOptions.json)
+    text += JsonLine({{"type", "check"},
+                      {"store", view.path()},
+                      {"blobs", view.blobs().size()},
+                      {"live_bytes", view.liveBytes()},
+                      {"blobs_read", !options.structure},
+                      {"faults", faults.size()},
+                      {"sound", sound}});
+  PrintText(text);
+  for (const std::string& path : FilesSetAside(view))
+    Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
+        "{} NEW` reads it",
+        path, view.path());
+  Inform("checked {}, {}: {}", Count(view.blobs().size(), "blob"), HumanSize(view.liveBytes()),
+         !sound              ? "the store is damaged"
+         : options.structure ? "every transaction is sound"
+                             : "every blob is sound");
+  if (!sound) SayAdvice(view);
+  return sound ? kSuccess : kFault;
+}
+
+}  // namespace tool

@@ -1,0 +1,238 @@
+// inspect.
+#include <algorithm>
+#include <array>
+#include <filesystem>
+#include <set>
+
+#include "tools/Interrupt.h"
+#include "tools/Json.h"
+#include "tools/SalvageScan.h"
+#include "tools/look/Commands.h"
+#include "tools/look/Naming.h"
+#include "tools/look/Rest.h"
+
+namespace tool {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+// Prints one file, in pieces: a file may have millions of records.
+class Inspector {
+ public:
+  Inspector(std::string path, const InspectOptions& options)
+      : path_(std::move(path)), options_(options) {}
+
+  // Returns whether the file is sound.
+  bool Run() {
+    const FileHead head = ReadHead(path_);
+    PrintHead(head);
+    bool sound = head.state != FileHead::State::kDamaged && head.state != FileHead::State::kMissing;
+    if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged) {
+      SalvageFile file(path_);
+      sound = PrintRecords(file, head) && sound;
+    }
+    Flush();
+    return sound && !notFound_;
+  }
+
+ private:
+  void Flush() { PrintText(std::exchange(text_, {})); }
+
+  void Add(const std::string& text) {
+    text_ += text;
+    if (text_.size() < kPrintAt) return;
+    ThrowIfInterrupted();
+    Flush();
+  }
+
+  template <class... T>
+  void Line(fmt::format_string<T...> text, T&&... values) {
+    Add(fmt::format(text, std::forward<T>(values)...) + "\n");
+  }
+
+  void PrintHead(const FileHead& head) {
+    constexpr std::array<std::string_view, 4> kStates = {"missing", "new", "sound", "damaged"};
+    const std::string_view state = kStates.at(static_cast<size_t>(head.state));
+    const format::FileHeader& header = head.header;
+    if (consoleOptions.json)
+      return Add(JsonLine({{"type", "file"},
+                           {"path", path_},
+                           {"kind", header.mode == 1 ? "pack" : "journal"},
+                           {"size", head.size},
+                           {"header", state},
+                           {"sequence", header.sequence},
+                           {"records", header.recordCount},
+                           {"max_blob_size", header.maxBlobSize},
+                           {"version", header.version},
+                           {"end_offset", header.endOffset}}));
+    Line("{}: {}, header {}", path_, Count(head.size, "byte"), state);
+    if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged)
+      Line("  {}, sequence {}, {}, {} bytes in use, largest blob {}, version {}",
+           header.mode == 0   ? "journal"
+           : header.mode == 1 ? "pack"
+                              : fmt::format("mode {}", header.mode),
+           header.sequence, Count(header.recordCount, "record"), header.endOffset,
+           header.maxBlobSize, header.version);
+  }
+
+  bool PrintRecords(SalvageFile& file, const FileHead& head) {
+    WalkOptions walk;
+    walk.digest = !options_.noDigest && options_.transaction.empty();
+    uint64_t shown = 0;
+    bool skipRecords = false;
+    walk.transaction = [&](const WalkedTransaction& transaction) {
+      skipRecords = !IsWanted(transaction);
+      if (skipRecords) return;
+      if (shown++ == 0 && !consoleOptions.json)
+        Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  digest", "offset", "transaction", "time",
+             "stores", "deletes", "bytes");
+      PrintTransaction(file, transaction);
+    };
+    if (options_.records)
+      walk.record = [&](const WalkedRecord& record) {
+        if (!skipRecords) PrintRecord(record, "committed");
+      };
+    const Walked walked = Walk(file, head, walk);
+    if (!options_.transaction.empty()) {
+      notFound_ = shown == 0;
+      return digestOk_;
+    }
+    if (walked.damage) PrintDamage(*walked.damage, walked.lastIsTorn);
+    PrintRest(file, walked);
+    return !walked.damage || walked.lastIsTorn;
+  }
+
+  bool IsWanted(const WalkedTransaction& transaction) const {
+    return options_.transaction.empty() || options_.transaction == std::to_string(transaction.id) ||
+           options_.transaction == std::to_string(transaction.offset);
+  }
+
+  void PrintTransaction(SalvageFile& file, const WalkedTransaction& transaction) {
+    std::string digest = options_.noDigest ? "not computed" : "ok";
+    if (!options_.noDigest && !options_.transaction.empty() && !MatchesDigest(file, transaction)) {
+      digest = "wrong";
+      digestOk_ = false;
+    }
+    const std::optional<std::string> time = TimeOf(transaction.id);
+    if (!consoleOptions.json)
+      return Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  {}", transaction.offset,
+                  transaction.id, time.value_or("-"), transaction.storeCount,
+                  transaction.deleteCount, transaction.end - transaction.offset, digest);
+    Json object = {{"type", "transaction"},
+                   {"file", path_},
+                   {"offset", transaction.offset},
+                   {"id", transaction.id},
+                   {"time", nullptr},
+                   {"stores", transaction.storeCount},
+                   {"deletes", transaction.deleteCount},
+                   {"bytes", transaction.end - transaction.offset},
+                   {"blob_bytes", transaction.blobBytes},
+                   {"digest", options_.noDigest ? Json() : Json(digest)}};
+    if (time) object["time"] = *time;
+    Add(JsonLine(object));
+  }
+
+  static bool MatchesDigest(SalvageFile& file, const WalkedTransaction& transaction) {
+    std::array<unsigned char, format::kBlockSize> bytes;
+    file.Read(transaction.offset + format::kOpHeaderSize, bytes.data(), bytes.size());
+    return file.Digest(transaction.bodyOffset(), transaction.bodySize()).bytes() ==
+           std::to_array(format::TransactionBlock::Decode(bytes.data()).digest);
+  }
+
+  void PrintRecord(const WalkedRecord& record, std::string_view state) {
+    if (consoleOptions.json)
+      return Add(JsonLine({{"type", "record"},
+                           {"file", path_},
+                           {"offset", record.offset},
+                           {"op", record.isStore ? "store" : "delete"},
+                           {"id", record.transactionId},
+                           {"hash", record.hash.text()},
+                           {"size", record.blobSize},
+                           {"state", state}}));
+    Line("    {:>10} {:6} {} {:>10} {:>20} {}", record.offset, record.isStore ? "store" : "delete",
+         record.hash.text(), record.blobSize, record.transactionId, state);
+  }
+
+  void PrintDamage(const Damage& damage, bool isTorn) {
+    const SalvageScan scan = Scan(path_);
+    uint64_t soundBeyond = 0;
+    for (const SalvagedRecord& record : scan.records) {
+      if (record.offset < damage.offset) continue;
+      if (record.kind != SalvagedRecord::Kind::kBroken)
+        ++soundBeyond;
+      else
+        PrintRecord({record.offset, 0, record.hash, true, record.blobSize}, "damaged");
+    }
+    if (consoleOptions.json)
+      return Add(JsonLine({{"type", "damage"},
+                           {"file", path_},
+                           {"offset", damage.offset},
+                           {"what", damage.what},
+                           {"torn", isTorn},
+                           {"sound_beyond", soundBeyond}}));
+    Line("  {} at {}: {}; {} beyond {} sound",
+         isTorn ? "the last transaction was cut off" : "damaged", damage.offset, damage.what,
+         Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
+  }
+
+  void PrintRest(SalvageFile& file, const Walked& walked) {
+    const Rest rest = RestOf(file, walked.end, [&](const WalkedRecord& record) {
+      if (options_.records && !walked.damage) PrintRecord(record, "uncommitted");
+    });
+    if (rest.size == 0 || walked.damage) return;
+    if (consoleOptions.json)
+      return Add(JsonLine({{"type", "rest"},
+                           {"file", path_},
+                           {"offset", walked.end},
+                           {"size", rest.size},
+                           {"what", rest.what}}));
+    Line("  beyond {}: {}, {}", walked.end, Count(rest.size, "byte"), rest.what);
+  }
+
+  const std::string path_;
+  const InspectOptions& options_;
+  std::string text_;
+  bool digestOk_ = true;
+  bool notFound_ = false;
+
+ public:
+  bool notFound() const { return notFound_; }
+};
+
+// A store stands for its files and what was set aside of them.
+std::vector<std::string> FilesOf(const std::string& path) {
+  std::error_code ignored;
+  if (!stdfs::is_directory(path, ignored)) return {path};
+  std::vector<std::string> paths;
+  std::set<std::string> directories;
+  for (const SlotFile& file : LayoutOf({path, 0, {}, false}, Access::kLook).ReadFiles()) {
+    paths.push_back(file.path);
+    directories.insert(stdfs::path(file.path).parent_path().string());
+  }
+  for (const std::string& directory : directories)
+    for (const auto& entry : stdfs::directory_iterator(directory, ignored)) {
+      const std::string name = entry.path().filename().string();
+      if (name.find(".kept-") != std::string::npos || name.ends_with(".pak.new"))
+        paths.push_back(entry.path().string());
+    }
+  return paths;
+}
+
+}  // namespace
+
+ExitStatus Inspect(const InspectOptions& options) {
+  bool sound = true;
+  bool found = options.transaction.empty();
+  for (const std::string& path : options.paths) {
+    for (const std::string& file : FilesOf(path)) {
+      Inspector inspector(file, options);
+      const bool fine = inspector.Run();
+      sound = sound && (fine || inspector.notFound());
+      found = found || !inspector.notFound();
+    }
+  }
+  if (!found) throw NothingFound("there is no transaction {}", options.transaction);
+  return sound ? kSuccess : kFault;
+}
+
+}  // namespace tool

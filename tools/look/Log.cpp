@@ -1,0 +1,160 @@
+// log and diff.
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <utility>
+
+#include "tools/Interrupt.h"
+#include "tools/Json.h"
+#include "tools/Manifest.h"
+#include "tools/look/Commands.h"
+#include "tools/look/Naming.h"
+
+namespace tool {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+void AddChanges(const StoreView& view, size_t journal, const WalkedTransaction& transaction,
+                std::string& text) {
+  VisitRecords(view.file(journal), transaction.bodyOffset(), transaction.end - format::kEndSize,
+               [&](const WalkedRecord& record) {
+                 if (consoleOptions.json) {
+                   Json change = {{"type", "change"},
+                                  {"transaction", transaction.id},
+                                  {"change", record.isStore ? "added" : "removed"},
+                                  {"hash", record.hash.text()}};
+                   if (record.isStore) change["size"] = record.blobSize;
+                   text += JsonLine(change);
+                 } else if (record.isStore) {
+                   text += fmt::format("  + {} {}\n", record.hash.text(), record.blobSize);
+                 } else {
+                   text += fmt::format("  - {}\n", record.hash.text());
+                 }
+                 return true;
+               });
+}
+
+std::string TransactionLine(const WalkedTransaction& transaction, bool stat) {
+  const std::optional<std::string> time = TimeOf(transaction.id);
+  if (consoleOptions.json) {
+    Json object = {{"type", "transaction"},
+                   {"id", transaction.id},
+                   {"time", nullptr},
+                   {"offset", transaction.offset},
+                   {"added", transaction.storeCount},
+                   {"removed", transaction.deleteCount},
+                   {"blob_bytes", transaction.blobBytes}};
+    if (time) object["time"] = *time;
+    return JsonLine(object);
+  }
+  std::string line = fmt::format("{} {}", transaction.id, time.value_or("-"));
+  if (stat)
+    line += fmt::format("  {} added, {}; {} removed", Count(transaction.storeCount, "blob"),
+                        HumanSize(transaction.blobBytes), transaction.deleteCount);
+  return line + "\n";
+}
+
+int64_t ParseId(const std::string& text) {
+  size_t used = 0;
+  int64_t id = 0;
+  try {
+    id = std::stoll(text, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  if (text.empty() || used != text.size())
+    throw UsageError("\"{}\" is no transaction id: wanted an integer", text);
+  return id;
+}
+
+// What a store, a single file or a manifest has: hashes and sizes, if they are known.
+std::map<blobring::Hash, std::optional<uint32_t>> ContentsOf(const std::string& path,
+                                                             bool& damaged) {
+  std::map<blobring::Hash, std::optional<uint32_t>> contents;
+  std::error_code ignored;
+  const bool isStore = stdfs::is_directory(path, ignored) ||
+                       path.find(".pak") != std::string::npos ||
+                       path.find(".jrn") != std::string::npos;
+  if (!isStore) {
+    for (const ManifestEntry& entry : ReadManifest(path)) contents[entry.hash] = std::nullopt;
+    return contents;
+  }
+  const StoreView view({path, 0, {}, false});
+  damaged = damaged || view.damaged();
+  for (const ViewedBlob& blob : view.blobs())
+    contents.emplace_hint(contents.end(), blob.hash, blob.size);
+  return contents;
+}
+
+}  // namespace
+
+ExitStatus Log(const LogOptions& options) {
+  const StoreView view(options.at);
+  const ExitStatus status = view.damaged() ? kFault : kSuccess;
+  if (view.current().empty()) return status;
+  const size_t journal = view.current().back();
+  const std::optional<int64_t> since =
+      options.since.empty() ? std::nullopt : std::optional(ParseId(options.since));
+  std::vector<WalkedTransaction> transactions;
+  WalkOptions walk;
+  walk.digest = false;  // the view has done so
+  const uint64_t end = view.walked(journal).end;
+  walk.transaction = [&](const WalkedTransaction& transaction) {
+    if (transaction.end <= end && (!since || transaction.id > *since))
+      transactions.push_back(transaction);
+  };
+  Walk(view.file(journal), view.files()[journal].head, walk);
+  std::reverse(transactions.begin(), transactions.end());
+  std::string text;
+  for (const WalkedTransaction& transaction : transactions) {
+    ThrowIfInterrupted();
+    text += TransactionLine(transaction, options.stat || options.patch);
+    if (options.patch) AddChanges(view, journal, transaction, text);
+    if (text.size() > kPrintAt) PrintText(std::exchange(text, {}));
+  }
+  PrintText(text);
+  const SlotFile& first = view.files()[view.current().front()];
+  Inform("{} in {}; what came before is in {} since its repack",
+         Count(transactions.size(), "transaction"), view.files()[journal].path, first.path);
+  return status;
+}
+
+ExitStatus Diff(const DiffOptions& options) {
+  bool damaged = false;
+  const auto a = ContentsOf(options.a, damaged);
+  const auto b = ContentsOf(options.b, damaged);
+  uint64_t onlyA = 0;
+  uint64_t onlyB = 0;
+  std::string text;
+  const auto add = [&text](bool isInA, const auto& entry) {
+    const auto& [hash, size] = entry;
+    if (consoleOptions.json) {
+      Json object = {{"type", "difference"}, {"only_in", isInA ? "a" : "b"}, {"hash", hash.text()}};
+      if (size) object["size"] = *size;
+      text += JsonLine(object);
+    } else {
+      text += fmt::format("{} {}{}\n", isInA ? '-' : '+', hash.text(),
+                          size ? " " + std::to_string(*size) : "");
+    }
+  };
+  auto inA = a.begin();
+  auto inB = b.begin();
+  while (inA != a.end() || inB != b.end()) {
+    if (inB == b.end() || (inA != a.end() && inA->first < inB->first)) {
+      ++onlyA;
+      add(true, *inA++);
+    } else if (inA == a.end() || inB->first < inA->first) {
+      ++onlyB;
+      add(false, *inB++);
+    } else {
+      ++inA;
+      ++inB;
+    }
+  }
+  PrintText(text);
+  Inform("{} only in {}, {} only in {}", Count(onlyA, "blob"), options.a, onlyB, options.b);
+  return damaged || onlyA + onlyB != 0 ? kFault : kSuccess;
+}
+
+}  // namespace tool

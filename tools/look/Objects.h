@@ -1,0 +1,29 @@
+// What looking commands and the report have in common: objects of docs/json.md.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "tools/Json.h"
+#include "tools/look/StoreView.h"
+
+namespace tool {
+
+// "stat", then a "file" for each of the store's files.
+std::vector<Json> StatObjects(const StoreView& view);
+Json FileObject(const StoreView& view, size_t index);
+
+// "fault": a blob of a current file that cannot be read, or a part of one that is damaged.
+struct BlobFault {
+  std::string path;
+  uint64_t offset = 0;
+  std::optional<blobring::Hash> hash;
+  uint64_t size = 0;
+  std::string what;
+};
+Json FaultObject(const BlobFault& fault);
+
+// Compares live blobs with their hashes, and looks into what is damaged.
+std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo);
+
+}  // namespace tool
