@@ -15,6 +15,9 @@ namespace {
 constexpr size_t kMaxBlobs = 1000;
 constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 
+// What is in a journal moves to a pack before this. The last MiB is left to the store.
+constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 1024;
+
 }  // namespace
 
 long long TransactionId() {
@@ -23,7 +26,23 @@ long long TransactionId() {
       .count();
 }
 
+BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, WhenFull whenFull)
+    : store_(store), committedLines_(committedLines), whenFull_(whenFull) {
+  if (whenFull == WhenFull::kRepack) journalBytes_ = store.stats().journalBytes;
+}
+
+void BatchWriter::MakeRoom(uint64_t blobSize) {
+  const uint64_t bytes = format::kStoreHeadSize + blobSize + format::kStartSize + format::kEndSize;
+  if (journalBytes_ + bytes > kMaxJournalBytes) {
+    Commit();
+    store_.repack();
+    journalBytes_ = 0;
+  }
+  journalBytes_ += bytes;
+}
+
 BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name) {
+  if (whenFull_ == WhenFull::kRepack) MakeRoom(data.size());
   if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
   if (!transaction_) transaction_.emplace(store_, TransactionId());
   try {
@@ -46,6 +65,8 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
 void BatchWriter::Commit() {
   if (transaction_) transaction_->commit();
   transaction_.reset();
+  committedCount_ += pending_.size();
+  committedBytes_ += pendingBytes_;
   pending_.clear();
   pendingBytes_ = 0;
   committedLines_ += std::exchange(pendingLines_, {});

@@ -20,9 +20,12 @@ class BatchWriter {
     bool isNew;  // the store did not have it
   };
 
+  // kRepack: what is in the journal moves to a pack before the journal is full.
+  enum class WhenFull { kFail, kRepack };
+
   // Both must outlive this. Lines are appended, in order.
-  BatchWriter(blobring::Store& store, std::string& committedLines)
-      : store_(store), committedLines_(committedLines) {}
+  BatchWriter(blobring::Store& store, std::string& committedLines,
+              WhenFull whenFull = WhenFull::kFail);
 
   // Stores a blob, after a commit when enough has come together. Messages call it `name`. Throws
   // Fault, after an attempt to commit what was added before.
@@ -31,15 +34,25 @@ class BatchWriter {
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }
 
+  // New blobs that were committed.
+  uint64_t committedCount() const { return committedCount_; }
+  uint64_t committedBytes() const { return committedBytes_; }
+
   // Commits what was added. REQUIRES: called at the end. Throws blobring::Error.
   void Commit();
 
  private:
+  void MakeRoom(uint64_t blobSize);
+
   blobring::Store& store_;
   std::string& committedLines_;
   std::optional<blobring::Transaction> transaction_;
   std::set<blobring::Hash> pending_;
   uint64_t pendingBytes_ = 0;
+  uint64_t committedCount_ = 0;
+  uint64_t committedBytes_ = 0;
+  WhenFull whenFull_;
+  uint64_t journalBytes_ = 0;  // at least what is in the journal, if whenFull_ is kRepack
   std::string pendingLines_;
 };
 

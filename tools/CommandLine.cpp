@@ -27,8 +27,8 @@ CLI::App& CommandLine::Add(Group group, const CommandText& text, std::function<E
   return command;
 }
 
-void CommandLine::AddStore(CLI::App& command, StoreOptions& at, Access access) {
-  command.add_option("STORE", at.directory, "the store's directory")->required();
+void CommandLine::AddStore(CLI::App& command, StoreOptions& at, Access access, const char* name) {
+  command.add_option(name, at.directory, "the store's directory")->required();
   if (access == Access::kLook) {
     command.add_option("--slots", at.slotCount, "slots of a store without blobring.conf")
         ->type_name("N")

@@ -42,7 +42,8 @@ class CommandLine {
 
   // The argument STORE. A command that looks takes --slots and --pack-dir, for a store without
   // blobring.conf; one that changes takes --on-damage.
-  static void AddStore(CLI::App& command, StoreOptions& at, Access access);
+  static void AddStore(CLI::App& command, StoreOptions& at, Access access,
+                       const char* name = "STORE");
   static void AddPackDirs(CLI::App& command, std::vector<std::string>& packDirs, const char* help);
 
   // Parses the command line and runs the command. Throws what the command throws, and UsageError.

@@ -5,8 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <filesystem>
-#include <set>
-#include <sstream>
 
 #include "blobring/host.h"
 #include "tools/BatchWriter.h"
@@ -30,25 +28,6 @@ void MakeDirectory(const std::string& path) {
   for (const stdfs::path& directory : changed)
     if (::fsync(OpenDirectory(directory.string()).get()) != 0)
       ThrowErrno("flush the directory " + directory.string());
-}
-
-std::vector<blobring::Hash> ParseHashes(const std::vector<std::string>& arguments) {
-  std::vector<blobring::Hash> hashes;
-  Buffer buffer;
-  const auto parse = [&hashes](const std::string& text) {
-    const std::optional<blobring::Hash> hash = blobring::Hash::parse(text);
-    if (!hash) throw UsageError("\"{}\" is no hash: wanted 32 hexadecimal digits", text);
-    hashes.push_back(*hash);
-  };
-  for (const std::string& argument : arguments) {
-    if (argument != "-") {
-      parse(argument);
-      continue;
-    }
-    std::istringstream words{std::string(ReadStream("-", buffer))};
-    for (std::string word; words >> word;) parse(word);
-  }
-  return hashes;
 }
 
 // A store without a blobring.conf: another program's, or one whose init was cut short. With other
@@ -101,7 +80,7 @@ ExitStatus Init(const StoreOptions& options) {
 }
 
 ExitStatus Put(const PutOptions& options) {
-  const auto& [at, files] = options;
+  const auto& [at, files, dryRun] = options;
   LayoutOf(at, Access::kChange);  // before anything is waited for
   std::string lines;              // of committed blobs
   std::optional<OpenStore> open;
@@ -125,6 +104,10 @@ ExitStatus Put(const PutOptions& options) {
         all = false;
         continue;
       }
+      if (dryRun) {
+        lines += blobring::Hash::of(std::as_bytes(std::span(bytes))).text() + "\n";
+        continue;
+      }
       if (!open) open.emplace(at, Access::kChange);
       if (!writer) writer.emplace(open->store, lines);
       writer->AddLine(writer->Add(bytes, file).hash.text() + "\n");
@@ -140,39 +123,33 @@ ExitStatus Put(const PutOptions& options) {
   return all ? kSuccess : kFault;
 }
 
-ExitStatus Remove(const RemoveOptions& options) {
-  const auto& [at, hashes] = options;
-  LayoutOf(at, Access::kChange);
-  const std::vector<blobring::Hash> arguments = ParseHashes(hashes);
-  const std::set<blobring::Hash> keys(arguments.begin(), arguments.end());
-  OpenStore open(at, Access::kChange);
-  blobring::Transaction change(open.store, TransactionId());
-  uint64_t absentCount = 0;
-  for (const blobring::Hash& key : keys) {
-    if (SizeOf(open.store, key)) {
-      open.store.erase(key);
-    } else {
-      ++absentCount;
-      Say("{} has no blob {}", at.directory, key.text());
-    }
-  }
-  change.commit();
-  const size_t slotCount = open.layout.slotCount();
-  Say("{} deleted; `blobring repack` gives the space back{}",
-      Count(keys.size() - absentCount, "blob"),
-      slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
-  return absentCount == 0 ? kSuccess : kFault;
-}
-
 ExitStatus Repack(const RepackOptions& options) {
-  OpenStore open(options.at, options.force ? Access::kChangeDamaged : Access::kChange);
-  const uint64_t dead = DeadBytes(open.store.stats());
-  open.store.repack();
+  OpenStore open(options.at, options.dryRun  ? Access::kLook
+                             : options.force ? Access::kChangeDamaged
+                                             : Access::kChange);
+  const BCStatistics before = open.store.stats();
+  const uint64_t dead = DeadBytes(before);
+  const double used = static_cast<double>(before.packBytes + before.journalBytes);
+  const double share = used > 0 ? 100 * static_cast<double>(dead) / used : 0;
+  if (share < options.ifDead) {
+    Inform("{:.1f} % is dead, less than {:.1f} %: nothing was changed", share, options.ifDead);
+    return kNothing;
+  }
+  if (options.dryRun) {
+    Inform("a repack would leave {} of dead records behind, {:.1f} % of what is in use",
+           HumanSize(dead), share);
+    return kSuccess;
+  }
+  Progress progress("repacking", before.blobCount);
+  open.store.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
+    progress.Show(done);
+    return true;
+  });
   const BCStatistics after = open.store.stats();
-  Say("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
-      Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
-      static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence,
-      HumanSize(dead));
+  Inform("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
+         Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
+         static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence,
+         HumanSize(dead));
   return kSuccess;
 }
 

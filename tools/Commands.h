@@ -19,16 +19,27 @@ ExitStatus Init(const StoreOptions& options);
 struct PutOptions {
   StoreOptions at;
   std::vector<std::string> files;
+  bool dryRun = false;  // print the hashes, store nothing
 };
 ExitStatus Put(const PutOptions& options);
 
-// Deletes blobs in one transaction. Hashes may come from standard input ("-"). Blobs that the store
-// does not have are named; the others go.
 struct RemoveOptions {
   StoreOptions at;
-  std::vector<std::string> hashes;
+  std::vector<std::string> hashes;  // "-": those of standard input
+  std::vector<std::string> notIn;   // manifests: delete what none of them lists
+  bool dryRun = false;              // print the hashes, delete nothing
 };
+// Deletes blobs in one transaction. Those that the store does not have are named; the others go.
+// Returns kNothing if any is not there, or none is to go.
 ExitStatus Remove(const RemoveOptions& options);
+
+// Which files of a tree or manifest are taken, by the patterns of fnmatch(3).
+struct NameFilter {
+  std::vector<std::string> include;  // empty: all
+  std::vector<std::string> exclude;  // wins
+
+  bool Takes(const std::string& name) const;
+};
 
 struct ImportOptions {
   StoreOptions at;
@@ -36,6 +47,8 @@ struct ImportOptions {
   std::string manifest;  // see Output; empty for standard output
   bool force = false;    // replace a manifest that exists
   bool verbose = false;  // name what is left out
+  bool dryRun = false;   // store nothing, write no manifest
+  NameFilter filter;
 };
 
 // Stores every regular file below the directory, then writes the manifest. A file that cannot be
@@ -49,7 +62,9 @@ struct ExportOptions {
   StoreOptions at;
   std::string manifest;  // "-" for standard input
   std::string directory;
-  bool force = false;  // replace files that exist
+  bool force = false;   // replace files that exist
+  bool dryRun = false;  // print the names, write nothing
+  NameFilter filter;
 };
 
 // Restores what the manifest lists below the directory, every blob checked against its hash as it
@@ -63,6 +78,8 @@ ExitStatus Export(const ExportOptions& options);
 struct RepackOptions {
   StoreOptions at;
   bool force = false;
+  double ifDead = 0;  // per cent; less dead space than that: kNothing
+  bool dryRun = false;
 };
 ExitStatus Repack(const RepackOptions& options);
 
@@ -71,6 +88,7 @@ struct SalvageOptions {
   std::vector<std::string> packDirs;  // beside those that the directory's layout file names
   std::string store;                  // the new store
   bool liveOnly = false;
+  bool dryRun = false;  // report only
 };
 
 // Reads the packs and journals of the directories, without locking or changing them, and puts every
@@ -79,5 +97,33 @@ struct SalvageOptions {
 // store's directory is not empty or lies in one of the others; Fault if nothing was found, or the
 // new store cannot take the blobs: what was committed by then stays in it.
 ExitStatus Salvage(const SalvageOptions& options);
+
+struct CopyOptions {
+  std::string from;  // a store, or a pack or journal
+  StoreOptions to;
+  std::vector<std::string> hashes;  // all blobs without any
+  bool dryRun = false;
+};
+// Copies blobs that the other store does not have. Its journal is repacked when it is full. A blob
+// that cannot be read is named; the others go on.
+ExitStatus Copy(const CopyOptions& options);
+
+struct VerifyOptions {
+  StoreOptions at;
+  std::vector<std::string> manifests;
+  std::string write;  // a checksum file of all that was verified, if it is sound
+  bool force = false;
+  bool verbose = false;
+};
+// Whether the store has what manifests list, each blob compared with its hash. Returns kFault for
+// damage, kNothing if something is missing.
+ExitStatus Verify(const VerifyOptions& options);
+
+struct CleanOptions {
+  StoreOptions at;
+  bool remove = false;
+};
+// Lists, or removes, what killed commands left and what was set aside.
+ExitStatus Clean(const CleanOptions& options);
 
 }  // namespace tool

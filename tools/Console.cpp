@@ -128,10 +128,11 @@ double Progress::Elapsed() const {
 // "importing 12 of 40, 1.5 GiB of 5.0 GiB, 30 %, 210.0 MiB/s, 0:17 left".
 std::string Progress::Line() const {
   const double elapsed = std::max(Elapsed(), 0.001);
-  std::string line = fmt::format("{} {}", verb_, items_);
+  std::string line = verb_;
+  if (items_ != 0 || bytes_ == 0) line += fmt::format(" {}", items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
   if (bytes_ != 0) {
-    line += ", " + HumanSize(bytes_);
+    line += (items_ != 0 ? ", " : " ") + HumanSize(bytes_);
     if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
   }
   const bool byBytes = totalBytes_ != 0;
@@ -146,6 +147,11 @@ std::string Progress::Line() const {
     line += fmt::format(", {:.0f}/s", static_cast<double>(items_) / elapsed);
   if (share > 0) line += fmt::format(", {} left", HumanTime(elapsed * (1 - share) / share));
   return line;
+}
+
+void Progress::ShowBytes(uint64_t bytes, uint64_t totalBytes) {
+  totalBytes_ = totalBytes;
+  Show(0, bytes);
 }
 
 void Progress::Show(uint64_t items, uint64_t bytes) {

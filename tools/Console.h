@@ -75,6 +75,9 @@ class Progress {
   // So many items are done.
   void Show(uint64_t items, uint64_t bytes = 0);
 
+  // So many bytes of so many, where there are no items.
+  void ShowBytes(uint64_t bytes, uint64_t totalBytes);
+
   // Seconds since the start.
   double Elapsed() const;
 

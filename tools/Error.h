@@ -27,7 +27,7 @@ struct StatusText {
 };
 inline constexpr std::array kStatusTexts = {
     StatusText{kSuccess, "success"},
-    StatusText{kFault, "the store, a blob or a file is at fault"},
+    StatusText{kFault, "the store, a blob or a file is at fault, or what was compared differs"},
     StatusText{kUsage, "usage; nothing was changed"},
     StatusText{kHeld, "another process has the store open"},
     StatusText{kNothing, "what was asked for is not there, or there is nothing to do"},

@@ -9,6 +9,7 @@
 #include "tools/Commands.h"
 #include "tools/Manifest.h"
 #include "tools/StagedFile.h"
+#include "tools/look/StoreView.h"
 
 namespace tool {
 namespace {
@@ -80,10 +81,36 @@ class TargetTree {
   Fd parentFd_;
 };
 
+ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEntry>& entries,
+                             const ExportOptions& options) {
+  bool all = true;
+  std::string text;
+  for (const ManifestEntry& entry : entries) {
+    const std::string path =
+        (stdfs::path(options.directory) / stdfs::path(entry.name).lexically_normal()).string();
+    std::error_code ignored;
+    std::string obstacle;
+    if (view.Find(entry.hash) == nullptr)
+      obstacle = fmt::format("{} has no blob {}", view.path(), entry.hash.text());
+    else if (!options.force && stdfs::exists(path, ignored))
+      obstacle = "it exists and would be kept";
+    all = all && obstacle.empty();
+    if (obstacle.empty())
+      text += path + "\n";
+    else
+      Say("{}: {}", path, obstacle);
+  }
+  PrintText(text);
+  return all && !view.damaged() ? kSuccess : kFault;
+}
+
 }  // namespace
 
 ExitStatus Export(const ExportOptions& options) {
-  const std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
+  std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
+  std::erase_if(entries, [&options](const ManifestEntry& entry) {
+    return !options.filter.Takes(stdfs::path(entry.name).lexically_normal().string());
+  });
   for (const ManifestEntry& entry : entries)
     if (!IsSafe(entry.name))
       throw UsageError(
@@ -91,7 +118,8 @@ ExitStatus Export(const ExportOptions& options) {
           "written",
           options.manifest, entry.name);
 
-  const OpenStore open(options.at, Access::kLook);
+  const StoreView view(options.at);
+  if (options.dryRun) return SayWhatIsRestored(view, entries, options);
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
   Buffer buffer;
@@ -102,7 +130,9 @@ ExitStatus Export(const ExportOptions& options) {
     std::string what = entry.name + ": ";
     std::string_view blob;
     try {
-      blob = open.Fetch(entry.hash, buffer);
+      const ViewedBlob* found = view.Find(entry.hash);
+      if (found == nullptr) throw Fault("{} has no blob {}", view.path(), entry.hash.text());
+      blob = view.Read(*found, buffer);
       what.clear();  // the target's messages name the file themselves
       target.Write(entry.name, blob, existing);
       byteCount += blob.size();
@@ -113,9 +143,9 @@ ExitStatus Export(const ExportOptions& options) {
     progress.Advance(blob.size());
   }
   target.Sync();
-  Say("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
-      HumanSize(byteCount), progress.Elapsed());
-  if (failureCount == 0) return open.damaged ? kFault : kSuccess;
+  Inform("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
+         HumanSize(byteCount), progress.Elapsed());
+  if (failureCount == 0) return view.damaged() ? kFault : kSuccess;
   Say("{} not restored{}", Count(failureCount, "file"),
       options.force ? "" : "; --force replaces files that exist");
   return kFault;

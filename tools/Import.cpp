@@ -1,7 +1,9 @@
 // A tree of files into a store.
+#include <fnmatch.h>
 #include <fts.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -11,6 +13,7 @@
 #include "tools/Commands.h"
 #include "tools/Manifest.h"
 #include "tools/StagedFile.h"
+#include "tools/look/StoreView.h"
 
 namespace tool {
 namespace {
@@ -29,6 +32,7 @@ struct SourceTree {
   uint64_t symbolicLinkCount = 0;
   uint64_t specialFileCount = 0;  // sockets, pipes and devices
   uint64_t excludedCount = 0;
+  uint64_t filteredCount = 0;
   uint64_t unreadableCount = 0;  // lstat(2) or opendir(3) failed; each was named
 
   std::string PathOf(const File& file) const { return root + "/" + file.name; }
@@ -40,7 +44,8 @@ int ByName(const FTSENT** a, const FTSENT** b) {
 
 // Lists the tree below `directory`, which may itself be a symbolic link. Says what is left out if
 // `verbose`. Throws Fault when `directory` cannot be read.
-SourceTree List(const std::string& directory, const std::set<FileId>& exclude, bool verbose) {
+SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
+                const NameFilter& filter, bool verbose) {
   SourceTree tree;
   tree.root = directory;
   std::string root = directory;
@@ -48,6 +53,9 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude, b
   const std::unique_ptr<FTS, int (*)(FTS*)> walk(
       ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName), ::fts_close);
   if (!walk) ThrowErrno("read " + directory);
+  const auto nameOf = [&root](const std::string& path) {
+    return path.substr(path.find_first_not_of('/', root.size()));
+  };
   errno = 0;
   for (; const FTSENT* entry = ::fts_read(walk.get()); errno = 0) {
     const std::string path = entry->fts_path;
@@ -70,9 +78,11 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude, b
       leaveOut("not a regular file", tree.specialFileCount);
     } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
       leaveOut("the store's or the manifest", tree.excludedCount);
+    } else if (kind == FTS_F && !filter.Takes(nameOf(path))) {
+      leaveOut("not asked for", tree.filteredCount);
     } else if (kind == FTS_F) {
       const auto size = static_cast<uint64_t>(status.st_size);
-      tree.files.push_back({path.substr(path.find_first_not_of('/', root.size())), size});
+      tree.files.push_back({nameOf(path), size});
       tree.byteCount += size;
     }
   }
@@ -132,29 +142,75 @@ void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& bu
 }
 
 void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
-  Say("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"), HumanSize(totals.byteCount),
-      seconds);
-  Say("{} stored, {}; {} had contents that the store holds already, which saved {}",
-      Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
-      Count(totals.fileCount - totals.newCount, "file"),
-      HumanSize(totals.byteCount - totals.newBytes));
+  Inform("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
+         HumanSize(totals.byteCount), seconds);
+  Inform("{} stored, {}; {} had contents that the store holds already, which saved {}",
+         Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
+         Count(totals.fileCount - totals.newCount, "file"),
+         HumanSize(totals.byteCount - totals.newBytes));
   if (tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount != 0)
-    Say("left out: {}, {}, {} of the store or the manifest",
-        Count(tree.symbolicLinkCount, "symbolic link"),
-        Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
+    Inform("left out: {}, {}, {} of the store or the manifest",
+           Count(tree.symbolicLinkCount, "symbolic link"),
+           Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
+  if (tree.filteredCount != 0) Inform("not asked for: {}", Count(tree.filteredCount, "file"));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
     Say("{} could not be stored and {} not in the manifest",
         failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are");
 }
 
+ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
+  const StoreView view({at.directory, 0, {}, false});
+  std::set<blobring::Hash> added;
+  uint64_t bytes = 0;
+  uint64_t failureCount = tree.unreadableCount;
+  std::string text;
+  Buffer buffer;
+  Progress progress("reading", tree.files.size(), tree.byteCount);
+  for (const SourceTree::File& file : tree.files) {
+    progress.Advance(file.size);
+    try {
+      const std::string_view data = ReadRegularFile(tree.PathOf(file), buffer).bytes;
+      const blobring::Hash hash = blobring::Hash::of(std::as_bytes(std::span(data)));
+      if (view.Find(hash) != nullptr || !added.insert(hash).second) continue;
+      bytes += data.size();
+      text += ManifestLine({hash, "./" + file.name});
+    } catch (const Fault& fault) {
+      ++failureCount;
+      Say("{}", fault.what());
+    }
+  }
+  PrintText(text);
+  Inform("{} of {} would be stored, {}", Count(added.size(), "new blob"),
+         Count(tree.files.size(), "file"), HumanSize(bytes));
+  return failureCount == 0 ? kSuccess : kFault;
+}
+
 }  // namespace
+
+// A pattern without a slash is for the last part of a name; one that matches a directory is for all
+// that lies in it.
+bool NameFilter::Takes(const std::string& name) const {
+  const auto matches = [&name](const std::string& pattern) {
+    const bool isPath = pattern.find('/') != std::string::npos;
+    for (size_t end = name.find('/');; end = name.find('/', end + 1)) {
+      const std::string whole = name.substr(0, end);
+      const std::string part = isPath ? whole : whole.substr(whole.rfind('/') + 1);
+      const char* const wanted = pattern.c_str() + (pattern.starts_with('/') ? 1 : 0);
+      if (::fnmatch(wanted, part.c_str(), FNM_PATHNAME) == 0) return true;
+      if (end == std::string::npos) return false;
+    }
+  };
+  return (include.empty() || std::any_of(include.begin(), include.end(), matches)) &&
+         std::none_of(exclude.begin(), exclude.end(), matches);
+}
 
 ExitStatus Import(const ImportOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
-  const SourceTree tree =
-      List(options.directory, Excluded(layout, options.manifest, out), options.verbose);
+  const SourceTree tree = List(options.directory, Excluded(layout, options.manifest, out),
+                               options.filter, options.verbose);
+  if (options.dryRun) return SayWhatIsNew(tree, options.at);
   std::string lines;
   Totals totals;
   Progress progress("importing", tree.files.size(), tree.byteCount);
@@ -162,11 +218,18 @@ ExitStatus Import(const ImportOptions& options) {
     OpenStore open(options.at, Access::kChange);
     Buffer buffer;
     BatchWriter writer(open.store, lines);
-    for (const SourceTree::File& file : tree.files) {
-      ImportFile(tree, file, buffer, writer, totals);
-      progress.Advance(file.size);
+    try {
+      for (const SourceTree::File& file : tree.files) {
+        ImportFile(tree, file, buffer, writer, totals);
+        progress.Advance(file.size);
+      }
+      writer.Commit();
+    } catch (const Interrupted&) {
+      writer.Commit();
+      throw Interrupted("interrupted: {} committed, {}; run it again to go on",
+                        Count(writer.committedCount(), "new blob"),
+                        HumanSize(writer.committedBytes()));
     }
-    writer.Commit();
   } catch (...) {
     if (!out.isFile()) out.Write(lines);
     throw;

@@ -1,6 +1,7 @@
 #include "tools/Manifest.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 
 #include "tools/Error.h"
@@ -39,16 +40,36 @@ std::optional<std::string> Unescaped(std::string_view text) {
   return name;
 }
 
-std::optional<ManifestEntry> ParseLine(std::string_view line) {
-  if (line.ends_with('\r')) line.remove_suffix(1);
-  const bool isEscaped = line.starts_with('\\');
-  if (isEscaped) line.remove_prefix(1);
+// "MD5 (name) = hash", as BSD's md5(1) and md5sum --tag have it: as the other form has it.
+std::string Reordered(std::string_view line) {
+  constexpr std::string_view kBegin = "MD5 (";
+  constexpr std::string_view kMiddle = ") = ";
+  const size_t middle = line.rfind(kMiddle);
+  if (!line.starts_with(kBegin) || middle == std::string_view::npos) return std::string(line);
+  return fmt::format("{}  {}", line.substr(middle + kMiddle.size()),
+                     line.substr(kBegin.size(), middle - kBegin.size()));
+}
+
+// What a checksum file protects; the whole of any other file.
+std::string_view Protected(std::string_view file) {
+  if (file.size() < format::kDigestSize) return file;
+  const std::string_view rest = file.substr(format::kDigestSize);
+  const blobring::Hash digest = blobring::Hash::of(std::as_bytes(std::span(rest)));
+  return std::memcmp(digest.data(), file.data(), format::kDigestSize) == 0 ? rest : file;
+}
+
+std::optional<ManifestEntry> ParseLine(std::string_view text) {
+  if (text.ends_with('\r')) text.remove_suffix(1);
+  const bool isEscaped = text.starts_with('\\');
+  if (isEscaped) text.remove_prefix(1);
+  const std::string reordered = Reordered(text);
+  const std::string_view line = reordered;
   if (line.size() < kHashTextSize + 3) return std::nullopt;
   const std::optional<blobring::Hash> hash = blobring::Hash::parse(line.substr(0, kHashTextSize));
   const char mark = line[kHashTextSize + 1];
   if (!hash || line[kHashTextSize] != ' ' || (mark != ' ' && mark != '*')) return std::nullopt;
-  const std::string_view text = line.substr(kHashTextSize + 2);
-  const std::optional<std::string> name = isEscaped ? Unescaped(text) : std::string(text);
+  const std::string_view given = line.substr(kHashTextSize + 2);
+  const std::optional<std::string> name = isEscaped ? Unescaped(given) : std::string(given);
   // No file has a zero byte in its name, and no system call would see what follows it.
   if (!name || name->find('\0') != std::string::npos) return std::nullopt;
   return ManifestEntry{*hash, *name};
@@ -63,7 +84,7 @@ std::string ManifestLine(const ManifestEntry& entry) {
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
   Buffer buffer;
-  std::string_view rest = ReadStream(path, buffer);
+  std::string_view rest = Protected(ReadStream(path, buffer));
   std::vector<ManifestEntry> entries;
   for (size_t number = 1; !rest.empty(); ++number) {
     const std::string_view line = rest.substr(0, rest.find('\n'));

@@ -20,8 +20,10 @@ struct ManifestEntry {
 std::string ManifestLine(const ManifestEntry& entry);
 
 // Reads a manifest, "-" for standard input. Accepts what md5sum --check does: either mark before a
-// name, lines that end in CR LF, comments that begin with '#'. Throws Fault when the file cannot be
-// read, UsageError with the line's number for a line of any other form.
+// name, lines that end in CR LF, comments that begin with '#', and lines "MD5 (name) = hash". Also
+// a checksum file with such lines: one whose first 16 bytes are the MD5 digest of the rest. Throws
+// Fault when the file cannot be read, UsageError with the line's number for a line of any other
+// form.
 std::vector<ManifestEntry> ReadManifest(const std::string& path);
 
 }  // namespace tool

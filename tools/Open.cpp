@@ -7,6 +7,7 @@
 
 #include "blobring/host.h"
 #include "tools/Error.h"
+#include "tools/Interrupt.h"
 
 namespace tool {
 namespace {
@@ -40,6 +41,11 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   raw.eraseDamaged = options.eraseDamaged;
   raw.mustExist = access != Access::kCreate;
   raw.readOnly = access == Access::kLook;
+  Progress progress("opening " + layout.store(), 0);
+  raw.progress = [&progress](blobring::Operation, uint64_t done, uint64_t total) {
+    if (!IsInterrupted()) progress.ShowBytes(done, total);  // a load cannot be stopped
+    return true;
+  };
   if (!raw.readOnly && !raw.eraseDamaged) RequireLoadable(layout);
   const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
   TakeTrace(BLOBRING_HOST_WARNING);
@@ -49,6 +55,7 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   try {
     blobring::Store store(layout.store(), raw);
     sayTrace();
+    ThrowIfInterrupted();
     return store;
   } catch (const blobring::Error& error) {
     const bool isErased = hasFiles && Layout::CountJournals(layout.store()) == 0;

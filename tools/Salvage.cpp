@@ -7,6 +7,7 @@
 
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
+#include "tools/Interrupt.h"
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
 
@@ -16,9 +17,6 @@ namespace {
 namespace stdfs = std::filesystem;
 using Kind = SalvagedRecord::Kind;
 using HashSet = std::unordered_set<blobring::Hash>;
-
-// What is in a journal moves to a pack before this. The last MiB is left to the store.
-constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 1024;
 
 struct SalvagedFile {
   std::string path;
@@ -50,6 +48,7 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
     if (!std::regex_match(name, match, kForm)) continue;
     SalvagedFile& file = files.emplace_back(SalvagedFile{
         fmt::format("{}/{}", directory, name), std::stoul(match[1]), match[2] == "pak", match[3]});
+    ThrowIfInterrupted();
     try {
       file.scan = Scan(file.path);
     } catch (const Fault& fault) {
@@ -188,15 +187,19 @@ struct Copied {
 // Copies every blob that was found into the store, each once.
 Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& store) {
   std::string unused;
-  BatchWriter writer(store, unused);
+  uint64_t blobCount = 0;
+  for (const SalvagedFile& from : found.files) blobCount += from.scan.blobs;
+  Progress progress("recovering", blobCount);
+  BatchWriter writer(store, unused, BatchWriter::WhenFull::kRepack);
   Buffer buffer;
   Copied copied;
-  uint64_t journalBytes = 0;
   for (const SalvagedFile& from : found.files) {
     if (!from.failure.empty()) continue;
     SalvageFile file(from.path);
     for (const SalvagedRecord& record : from.scan.records) {
-      if (record.kind != Kind::kBlob || copied.hashes.contains(record.hash)) continue;
+      if (record.kind != Kind::kBlob) continue;
+      progress.Advance(record.blobSize);
+      if (copied.hashes.contains(record.hash)) continue;
       if (liveOnly && found.live && !found.live->contains(record.hash)) {
         copied.leftBehind.insert(record.hash);
         continue;
@@ -210,16 +213,9 @@ Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& sto
         copied.complete = false;
         continue;
       }
-      const uint64_t bytes = record.end() - record.offset + format::kStartSize + format::kEndSize;
-      if (journalBytes + bytes > kMaxJournalBytes) {
-        writer.Commit();
-        store.repack();
-        journalBytes = 0;
-      }
       writer.Add({blob.data(), blob.size()}, record.hash.text());
       copied.hashes.insert(record.hash);
       copied.bytes += record.blobSize;
-      journalBytes += bytes;
     }
   }
   writer.Commit();
@@ -245,6 +241,10 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
       text += fmt::format("; {} left behind", copied.leftBehind.size());
     Print("{}\n", text);
     return Check({at}) == kSuccess && copied.complete;
+  } catch (const Interrupted&) {
+    throw Interrupted(
+        "interrupted; {} holds what was committed until then, remove it before the next attempt",
+        options.store);
   } catch (const std::exception& failure) {
     throw Fault(
         "salvage stopped early: {}; {} holds what was committed until then, remove it before the "
@@ -267,7 +267,7 @@ ExitStatus Salvage(const SalvageOptions& options) {
           found.newestPack->sequence(), Count(found.live->size(), "live blob"));
   else
     Print("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
-  sound = MakeStore(found, options) && sound;
+  if (!options.dryRun) sound = MakeStore(found, options) && sound;
   Print("{}\n", sound ? "no damage was found" : "damage was found, see above");
   return sound ? kSuccess : kFault;
 }

@@ -4,6 +4,22 @@
 
 namespace tool {
 
+namespace {
+
+void AddFilter(CLI::App& command, NameFilter& filter) {
+  const auto add = [&command](const char* name, std::vector<std::string>& patterns,
+                              const char* help) {
+    command.add_option(name, patterns, help)
+        ->type_name("PATTERN")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  };
+  add("--include", filter.include, "only files that match, or lie in a directory that does");
+  add("--exclude", filter.exclude, "no files that match, or lie in a directory that does");
+}
+
+}  // namespace
+
 void AddWorkingCommands(CommandLine& line) {
   {
     auto [command, at] =
@@ -28,6 +44,7 @@ void AddWorkingCommands(CommandLine& line) {
     CommandLine::AddStore(command, options.at, Access::kChange);
     command.add_option("FILE", options.files,
                        "files to store; standard input without any, or for -");
+    command.add_flag("--dry-run", options.dryRun, "print the hashes, store nothing");
   }
   {
     auto [command, options] = line.Add(
@@ -38,8 +55,15 @@ void AddWorkingCommands(CommandLine& line) {
          "blobring rm /data/store 591785b794601e212b260e25925636fd"},
         Remove);
     CommandLine::AddStore(command, options.at, Access::kChange);
-    command.add_option("HASH", options.hashes, "the blobs' hashes; - for standard input")
-        ->required();
+    command.add_option("HASH", options.hashes,
+                       "the blobs' hashes, or at least 6 digits of each; - for standard input");
+    command
+        .add_option("--not-in", options.notIn,
+                    "delete every blob that this manifest does not list; may be repeated")
+        ->type_name("MANIFEST")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command.add_flag("--dry-run", options.dryRun, "print the hashes, delete nothing");
   }
   {
     auto [command, options] = line.Add(
@@ -57,6 +81,9 @@ void AddWorkingCommands(CommandLine& line) {
         ->type_name("FILE");
     command.add_flag("--force", options.force, "replace a manifest that exists");
     command.add_flag("-v,--verbose", options.verbose, "name each file that is left out");
+    AddFilter(command, options.filter);
+    command.add_flag("--dry-run", options.dryRun,
+                     "print the manifest's lines for new contents, store nothing");
   }
   {
     auto [command, options] = line.Add(Group::kWork,
@@ -68,6 +95,8 @@ void AddWorkingCommands(CommandLine& line) {
         ->required();
     command.add_option("DIR", options.directory, "where to; made if need be")->required();
     command.add_flag("--force", options.force, "replace files that exist");
+    AddFilter(command, options.filter);
+    command.add_flag("--dry-run", options.dryRun, "print the names, write nothing");
   }
   {
     auto [command, options] =
@@ -78,6 +107,14 @@ void AddWorkingCommands(CommandLine& line) {
     CommandLine::AddStore(command, options.at, Access::kChange);
     command.add_flag("--force", options.force,
                      "even when the store is damaged: go on with what can be read");
+    command.add_option("--if-dead", options.ifDead, "only if at least so much of it is dead: 30%")
+        ->type_name("SHARE")
+        ->transform([](std::string share) {
+          if (share.ends_with('%')) share.pop_back();
+          return share;
+        })
+        ->check(CLI::Range(0.0, 100.0));
+    command.add_flag("--dry-run", options.dryRun, "say what a repack would leave behind");
   }
   {
     auto [command, options] =
@@ -94,6 +131,63 @@ void AddWorkingCommands(CommandLine& line) {
     CommandLine::AddPackDirs(command, options.packDirs, "where packs are as well; may be repeated");
     command.add_flag("--live-only", options.liveOnly,
                      "leave deleted blobs behind, where that can be told");
+    command.add_flag("--dry-run", options.dryRun, "report what is there, make no store");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"verify", "compare a store with manifests",
+                  "Takes the lists of md5sum(1), with --tag or without, and checksum files: such a "
+                  "list behind the 16 bytes of its own MD5 digest. Names what is missing or "
+                  "damaged. With --write, what was verified becomes a checksum file if all of it "
+                  "is sound.",
+                  "blobring verify /data/store photos.md5"},
+                 Verify);
+    CommandLine::AddStore(command, options.at, Access::kLook);
+    command.add_option("MANIFEST", options.manifests, "the lists; - for standard input")
+        ->required();
+    command.add_option("--write", options.write, "make a checksum file")->type_name("FILE");
+    command.add_flag("--force", options.force, "replace a checksum file that exists");
+    command.add_flag("-v,--verbose", options.verbose, "name what is sound as well");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"copy", "copy blobs from one store into another",
+                  "SRC is only looked at, and may be in use. DST is repacked when its journal is "
+                  "full.",
+                  "blobring copy /mnt/device /data/store 591785b7"},
+                 Copy);
+    command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
+    CommandLine::AddStore(command, options.to, Access::kChange, "DST");
+    command
+        .add_option("HASH", options.hashes,
+                    "the blobs' hashes, or at least 6 digits of each; - for standard input")
+        ->required();
+    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"sync", "copy what is missing from one store into another",
+                  "Deletes nothing. What was committed stays when the command is interrupted; the "
+                  "next run goes on from there.",
+                  "blobring sync /mnt/device /data/store"},
+                 Copy);
+    command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
+    CommandLine::AddStore(command, options.to, Access::kChange, "DST");
+    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"clean", "list what killed commands left, and what was set aside",
+                  "Temporary files, copies of damaged files that the store set aside, and repacks "
+                  "that did not finish.",
+                  "blobring clean --delete /data/store"},
+                 Clean);
+    CommandLine::AddStore(command, options.at, Access::kChange);
+    command.add_flag("--delete", options.remove, "remove them");
   }
 }
 

@@ -63,7 +63,7 @@ printf 1 >one && printf 2 >two
 blobring put s one two <&- | cat >hashes
 same "$(blobring get s - <hashes)" 12
 same "$(blobring ls -l s | awk '{ print $1, $2 }')" "$({ echo "$abc 3"; sed 's/$/ 1/' hashes; } | sort)"
-expect 1 "1 blob deleted" rm s $(head -1 hashes) $(head -1 hashes) "${abc//[a-f]/0}"
+expect 4 "1 blob deleted" rm s $(head -1 hashes) $(head -1 hashes) "${abc//[a-f]/0}"
 
 # A good file beside bad ones is stored. No message may get into the manifest.
 mkdir tree

@@ -201,6 +201,12 @@ Walked StoreView::Take(size_t index) {
                       static_cast<uint32_t>(index), !record.isStore, record.transactionId});
   };
   const FileHead& head = files_[index].head;
+  Progress progress("reading " + files_[index].path, 0);
+  uint64_t digested = 0;
+  options.progress = [&](uint64_t bytes) {
+    digested += bytes;
+    progress.ShowBytes(digested, std::max<uint64_t>(digested, head.header.endOffset));
+  };
   Walked walked;
   if (head.state != State::kNew) walked = Walk(*opened, head, options);
   walked_[index] = walked;
