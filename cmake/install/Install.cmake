@@ -1,4 +1,4 @@
-# cmake --install: three components, of which each becomes a package.
+# cmake --install: four components, of which each becomes a package.
 include(CMakePackageConfigHelpers)
 
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/Blobring)
@@ -67,6 +67,9 @@ if(TARGET blobring_tool)
   endif()
 endif()
 
+install(DIRECTORY python/blobring DESTINATION lib/python3/dist-packages COMPONENT python
+  PATTERN __pycache__ EXCLUDE)
+
 # What Debian wants of each package; the examples go with the headers.
 compress(${PROJECT_SOURCE_DIR}/packaging/changelog ${data}/changelog.gz)
 function(install_documents component package)
@@ -75,6 +78,7 @@ function(install_documents component package)
 endfunction()
 install_documents(runtime libblobring1)
 install_documents(development libblobring-dev)
+install_documents(python python3-blobring)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libblobring-dev COMPONENT development)
 if(TARGET blobring_tool)
   install_documents(tool blobring)

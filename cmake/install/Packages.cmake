@@ -1,5 +1,5 @@
-# cpack -G DEB: libblobring1 (runtime), libblobring-dev (development) and
-# blobring (the tool), each from its component.
+# cpack -G DEB: libblobring1 (runtime), libblobring-dev (development), blobring
+# (the tool) and python3-blobring (python), each from its component.
 set(CPACK_PACKAGE_NAME blobring)
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_VENDOR "Blobring")
@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_CONTACT "Blobring developers <blobring@localhost>" CACHE STRIN
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_VERBATIM_VARIABLES ON)
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development python)
 if(TARGET blobring_tool)
   list(APPEND CPACK_COMPONENTS_ALL tool)
 endif()
@@ -56,5 +56,14 @@ set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS "libblobring1 (>= ${PROJECT_VERSION})")
 set(CPACK_COMPONENT_TOOL_DESCRIPTION "content-addressed store of blobs, command line tool
 Makes, fills, checks, repacks and exports stores of blobs, and salvages what
 can be read of damaged ones.")
+
+set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-blobring)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), libblobring1 (>= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_PYTHON_DESCRIPTION "content-addressed store of blobs, for Python
+A package over the C calls of libblobring1: stores as mappings and context
+managers, transactions, typed errors, type hints.")
 
 include(CPack)
