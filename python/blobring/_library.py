@@ -1,0 +1,239 @@
+"""The calls of blobring.h, declared for ctypes, and how they reach Python.
+
+ctypes gives up the interpreter's lock during each call.
+"""
+
+from __future__ import annotations
+
+import atexit
+import ctypes
+import logging
+import os
+import threading
+from collections.abc import Callable, Iterator
+from contextlib import contextmanager
+from typing import TYPE_CHECKING, Any, Union
+
+from blobring import errors
+
+if TYPE_CHECKING:
+    import array
+    import mmap
+
+    # Python 3.12 has collections.abc.Buffer for all of them.
+    Buffer = Union[bytes, bytearray, memoryview, "array.array[Any]", mmap.mmap]
+
+FETCHED, NOT_FOUND, FAILED, TOO_SMALL = range(4)
+CHECK_FAULTY, CHECK_SOUND = range(2)
+LARGEST_SIZE = 2**31 - 1
+ERROR_TEXT_CAPACITY = 1024
+
+PROGRESS = ctypes.CFUNCTYPE(
+    ctypes.c_int, ctypes.c_void_p, ctypes.c_int, ctypes.c_uint64, ctypes.c_uint64
+)
+TRACE_SINK = ctypes.CFUNCTYPE(
+    None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p
+)
+NO_PROGRESS = PROGRESS(0)  # a null pointer
+
+
+class Options(ctypes.Structure):
+    """BCOptions."""
+
+    _fields_ = [
+        ("size", ctypes.c_uint32),
+        ("slotCount", ctypes.c_uint32),
+        ("packDirs", ctypes.POINTER(ctypes.c_char_p)),
+        ("eraseDamaged", ctypes.c_int),
+        ("progress", PROGRESS),
+        ("progressContext", ctypes.c_void_p),
+        ("mustExist", ctypes.c_int),
+        ("readOnly", ctypes.c_int),
+    ]
+
+
+class Blob(ctypes.Structure):
+    """BCBlob."""
+
+    _fields_ = [
+        ("data", ctypes.c_void_p),
+        ("size", ctypes.c_int),
+        ("hash", ctypes.c_ubyte * 16),
+    ]
+
+
+class RawStatistics(ctypes.Structure):
+    """BCStatistics."""
+
+    _fields_ = [
+        ("size", ctypes.c_uint32),
+        ("loaded", ctypes.c_int32),
+        ("inDoubt", ctypes.c_int32),
+        ("sequence", ctypes.c_int32),
+        ("slotCount", ctypes.c_uint32),
+        ("largestBlob", ctypes.c_uint32),
+        ("blobCount", ctypes.c_uint64),
+        ("liveBytes", ctypes.c_uint64),
+        ("packBytes", ctypes.c_uint64),
+        ("journalBytes", ctypes.c_uint64),
+        ("repackedBytes", ctypes.c_uint64),
+        ("pendingChanges", ctypes.c_uint64),
+        ("damaged", ctypes.c_int32),
+        ("readOnly", ctypes.c_int32),
+    ]
+
+
+def _load() -> ctypes.CDLL:
+    library = ctypes.CDLL(os.environ.get("BLOBRING_LIBRARY", "libblobring.so.1"))
+    number, pointer, text = ctypes.c_int, ctypes.c_void_p, ctypes.c_char_p
+    transaction_id = ctypes.POINTER(ctypes.c_longlong)
+    signatures: dict[str, tuple[type, ...]] = {
+        "BCOpen": (text, ctypes.POINTER(Options)),
+        "BCDispose": (number,),
+        "BCSetProgress": (number, PROGRESS, pointer),
+        "BCStartTransaction": (number, transaction_id),
+        "BCEndTransaction": (number, transaction_id),
+        "BCAbandonTransaction": (number,),
+        "BCPutMany": (number, ctypes.POINTER(Blob), number),
+        "BCDelete": (number, text),
+        "BCRepack": (number,),
+        "BCFetch": (number, text, pointer, number, ctypes.POINTER(number)),
+        "BCNextHash": (number, text, text),
+        "BCCheck": (number,),
+        "BCGetStatistics": (number, ctypes.POINTER(RawStatistics)),
+        "BCLastError": (number, text, number),
+        "BCLastErrorCode": (number,),
+    }
+    for name, arguments in signatures.items():
+        call = getattr(library, name)
+        call.argtypes, call.restype = arguments, number
+    library.BCVersion.restype = text
+    library.BlobringHostSetTraceSink.argtypes = (TRACE_SINK, pointer)
+    library.BlobringHostSetTraceSink.restype = None
+    return library
+
+
+calls: Any = _load()
+VERSION: str = calls.BCVersion().decode()
+
+
+def failure(operation: str, index: int) -> errors.Error:
+    """Returns the library's last failure on a store; index -1: of a BCOpen on this thread."""
+    text = ctypes.create_string_buffer(ERROR_TEXT_CAPACITY)
+    calls.BCLastError(index, text, len(text))
+    error = errors.BY_CODE.get(calls.BCLastErrorCode(index), errors.Error)
+    return error(f"{operation}: {text.value.decode(errors='replace')}")
+
+
+# ---- Buffers ----
+
+
+class _PyBuffer(ctypes.Structure):
+    """Py_buffer of Python's buffer protocol, version 3."""
+
+    _fields_ = [
+        ("buf", ctypes.c_void_p),
+        ("obj", ctypes.c_void_p),
+        ("len", ctypes.c_ssize_t),
+        ("itemsize", ctypes.c_ssize_t),
+        ("readonly", ctypes.c_int),
+        ("ndim", ctypes.c_int),
+        ("format", ctypes.c_char_p),
+        ("shape", ctypes.c_void_p),
+        ("strides", ctypes.c_void_p),
+        ("suboffsets", ctypes.c_void_p),
+        ("internal", ctypes.c_void_p),
+    ]
+
+
+_get_buffer = ctypes.pythonapi.PyObject_GetBuffer
+_get_buffer.argtypes = (ctypes.py_object, ctypes.POINTER(_PyBuffer), ctypes.c_int)
+_release_buffer = ctypes.pythonapi.PyBuffer_Release
+_release_buffer.argtypes = (ctypes.POINTER(_PyBuffer),)
+_release_buffer.restype = None
+_CONTIGUOUS_BYTES = 0  # PyBUF_SIMPLE
+
+
+@contextmanager
+def blobs_at(buffers: list[Buffer]) -> Iterator[Any]:
+    """Yields an array of Blob that points into the buffers, which cannot be resized meanwhile.
+
+    ctypes alone would copy a read-only buffer. Raises TypeError for an object that is no buffer,
+    BufferError for one that is not contiguous, ArgumentError for one that is too large.
+    """
+    blobs = (Blob * len(buffers))()
+    views: list[_PyBuffer] = []
+    try:
+        for blob, data in zip(blobs, buffers):
+            view = _PyBuffer()
+            _get_buffer(data, view, _CONTIGUOUS_BYTES)
+            views.append(view)
+            if view.len > LARGEST_SIZE:
+                raise errors.ArgumentError(f"put: a blob of {view.len} bytes is too large")
+            blob.data, blob.size = view.buf, view.len
+        yield blobs
+    finally:
+        for view in views:
+            _release_buffer(view)
+
+
+# ---- Callbacks ----
+
+_thread = threading.local()
+
+
+def refuse_in_callback() -> None:
+    """Raises RefusedError inside a progress callback.
+
+    The library refuses such a call too. By then, the thread would wait for a lock.
+    """
+    if getattr(_thread, "in_callback", False):
+        raise errors.RefusedError("a progress callback must not call a store")
+
+
+class Watch:
+    """Calls a progress function from the library, and keeps what it raises."""
+
+    def __init__(self, progress: Callable[[int, int], object] | None) -> None:
+        self._progress = progress
+        self._raised: BaseException | None = None
+        self.callback = PROGRESS(self._call)
+
+    def _call(self, _context: int | None, _operation: int, done: int, total: int) -> int:
+        # Python also handles signals here, so that Ctrl-C arrives without a progress function.
+        try:
+            _thread.in_callback = True
+            if self._progress is not None and self._raised is None:
+                self._progress(done, total)
+        except BaseException as raised:
+            self._raised = raised
+        finally:
+            _thread.in_callback = False
+        return 0 if self._raised is None else 1
+
+    def reraise(self) -> None:
+        """Raises what the progress function has raised."""
+        if self._raised is not None:
+            raise self._raised
+
+
+# ---- Messages ----
+
+_logger = logging.getLogger("blobring")
+_logger.addHandler(logging.NullHandler())
+_HOST_ERROR = 1
+
+
+def _log(_context: int | None, level: int, source: bytes, text: bytes) -> None:
+    _logger.log(
+        logging.ERROR if level == _HOST_ERROR else logging.WARNING,
+        "%s: %s",
+        source.decode(errors="replace"),
+        text.decode(errors="replace"),
+    )
+
+
+_sink = TRACE_SINK(_log)
+calls.BlobringHostSetTraceSink(_sink, None)
+# The library may report something after the interpreter has ended.
+atexit.register(calls.BlobringHostSetTraceSink, TRACE_SINK(0), None)

@@ -1,0 +1,414 @@
+"""A store, open."""
+
+from __future__ import annotations
+
+import ctypes
+import os
+import threading
+import warnings
+from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
+from contextlib import ExitStack, contextmanager
+from typing import TYPE_CHECKING, NamedTuple
+
+from blobring import _library, errors
+from blobring._library import calls, failure
+from blobring.hash import Hash
+
+if TYPE_CHECKING:
+    from blobring._library import Buffer
+
+_Path = str | bytes | os.PathLike[str] | os.PathLike[bytes]
+_Progress = Callable[[int, int], object]
+
+# put_many hands over so many blobs or bytes at a time.
+_BATCH_COUNT = 256
+_BATCH_BYTES = 4 * 1024 * 1024
+
+# Calls on one store must not overlap, and opening or closing one must not overlap with any call:
+# a call holds its store's lock; opening and closing hold _registry and then every store's lock.
+_registry = threading.RLock()
+_locks: dict[int, threading.RLock] = {}  # by index, of open stores
+_unclosed: list[int] = []  # stores that were collected while open
+
+
+@contextmanager
+def _alone() -> Iterator[None]:
+    _library.refuse_in_callback()
+    with _registry, ExitStack() as stack:
+        for lock in _locks.values():
+            stack.enter_context(lock)
+        while _unclosed:
+            _dispose(_unclosed.pop())
+        yield
+
+
+def _dispose(index: int) -> None:
+    calls.BCDispose(index)
+    _locks.pop(index, None)
+
+
+class Statistics(NamedTuple):
+    """A store at one moment. Sizes are bytes."""
+
+    loaded: bool
+    """False once the library has closed the store, after a repack that failed."""
+    in_doubt: bool
+    """A flush has failed; the store accepts no change."""
+    sequence: int
+    """Generation of the pack, counting repacks; -1 without a pack."""
+    slot_count: int
+    largest_blob: int
+    blob_count: int
+    live_bytes: int
+    """Data of all committed blobs."""
+    pack_bytes: int
+    """Current pack."""
+    journal_bytes: int
+    """Current journal, pending changes included."""
+    repacked_bytes: int
+    """The pack that a repack would write."""
+    pending_changes: int
+    """Changes since the last commit."""
+    damaged: bool
+    """The load has met damage."""
+    read_only: bool
+
+
+class Store(Mapping[Hash, bytes]):
+    """An open store: a mapping from hashes to blobs, and a context manager that closes it.
+
+    The mapping has the committed blobs, in ascending order of their hashes. A key is a Hash or
+    16 bytes; anything else raises TypeError or ValueError. Reading a blob checks it against its
+    hash. Two stores are equal if they are the same object.
+
+    A change outside a transaction commits at once, which costs a flush.
+
+    Threads: any thread may use a store. Calls on one store wait for each other; opening and closing
+    wait for the calls on all stores. Changes wait for another thread's transaction, reads do not.
+    A progress callback or a signal handler must not use a store.
+    Processes: one process at a time has a store open. In a child of fork it can be read and closed;
+    every change raises RefusedError.
+    """
+
+    _index: int | None = None  # None: not open
+
+    def __init__(
+        self,
+        directory: _Path,
+        *,
+        slots: int = 0,
+        pack_directories: Sequence[_Path] = (),
+        erase_damaged: bool = False,
+        must_exist: bool = False,
+        read_only: bool = False,
+        progress: _Progress | None = None,
+    ) -> None:
+        """Opens the store in an existing directory, or creates its files there.
+
+        slots: 0 for those that the store has. A new store gets two, or one for each of the
+            pack_directories. Both must agree with an existing store.
+        erase_damaged: erase a store that cannot be read, and start empty. By default, what
+            cannot be read is renamed, and Statistics.damaged is set.
+        must_exist: raise NoStoreError instead of creating a store.
+        read_only: never write. Implies must_exist; every change raises ReadOnlyError.
+        progress: called with the bytes done and the bytes in all, of the pack and then of the
+            journal. What it raises is raised once the store has been loaded and closed again.
+
+        Raises HeldError, after half a second, when the store is open elsewhere; ArgumentError or
+        RefusedError when the options contradict the store or one of its files is missing.
+        """
+        self.directory = os.fsdecode(directory)
+        packs = [_path(pack) for pack in pack_directories]
+        if packs and slots not in (0, len(packs)):
+            raise errors.ArgumentError(f"open: {slots} slots, {len(packs)} pack directories")
+        if not 0 <= slots < 2**32:
+            raise errors.ArgumentError(f"open: {slots} slots")
+        watch = _library.Watch(progress)
+        options = _library.Options(
+            size=ctypes.sizeof(_library.Options),
+            slotCount=len(packs) or slots,
+            packDirs=(ctypes.c_char_p * len(packs))(*packs) if packs else None,
+            eraseDamaged=erase_damaged,
+            progress=watch.callback if progress else _library.NO_PROGRESS,
+            mustExist=must_exist,
+            readOnly=read_only,
+        )
+        self._lock = threading.RLock()
+        self._changing = threading.RLock()
+        self._in_transaction = False
+        with _alone():
+            index = calls.BCOpen(_path(directory), options)
+            if index < 0:
+                raise failure(f"open {self.directory}", -1)
+            calls.BCSetProgress(index, _library.NO_PROGRESS, None)
+            self._index = index
+            _locks[index] = self._lock
+        try:
+            watch.reraise()
+        except BaseException:
+            self.close()
+            raise
+
+    def close(self) -> None:
+        """Closes the store. Changes that are not committed are lost; closing again does nothing.
+
+        Every later use raises ClosedError, in other threads as well.
+        """
+        with _alone():
+            if self._index is not None:
+                _dispose(self._index)
+            self._index = None
+
+    def __enter__(self) -> Store:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        # May run in the middle of any call, where locks must not be waited for.
+        if self._index is not None:
+            _unclosed.append(self._index)
+            warnings.warn(f"unclosed {self!r}", ResourceWarning, source=self)
+
+    def __repr__(self) -> str:
+        return f"<blobring.Store {self.directory!r}{'' if self._index is not None else ', closed'}>"
+
+    __eq__ = object.__eq__
+    __hash__ = object.__hash__
+
+    # ---- Reading ----
+
+    def __getitem__(self, key: bytes) -> bytes:
+        """Returns a committed blob. Raises KeyError when it is absent, DamagedError when it is not
+        what its hash says.
+        """
+        with self._use() as index:
+            data = bytearray(self._size(index, key))
+            size = ctypes.c_int()
+            to = ctypes.addressof(ctypes.c_char.from_buffer(data)) if data else None
+            if calls.BCFetch(index, key, to, len(data), size) != _library.FETCHED:
+                raise failure(f"get {key.hex()}", index)
+        return bytes(data)
+
+    def size(self, key: bytes) -> int:
+        """Returns the bytes of a committed blob, without reading it. Raises KeyError."""
+        with self._use() as index:
+            return self._size(index, key)
+
+    def __contains__(self, key: object) -> bool:
+        try:
+            self.size(key)  # type: ignore[arg-type]  # which _size checks
+        except KeyError:
+            return False
+        return True
+
+    def __len__(self) -> int:
+        """Walks the index: about 10 ms for 100,000 blobs."""
+        statistics = self.statistics()
+        if not statistics.loaded:
+            raise errors.ClosedError("len: the store is not loaded")
+        return statistics.blob_count
+
+    def __iter__(self) -> Iterator[Hash]:
+        """Yields the hashes in ascending order.
+
+        The store may change meanwhile; changes behind the iterator go unnoticed.
+        """
+        after: bytes | None = None
+        found = ctypes.create_string_buffer(Hash.SIZE)
+        while True:
+            with self._use() as index:
+                result = calls.BCNextHash(index, after, found)
+                if result < 0:
+                    raise failure("iterate", index)
+            if result == 0:
+                return
+            after = found.raw
+            yield Hash(after)
+
+    def statistics(self) -> Statistics:
+        """Returns figures of the store. Walks the index, as len() does."""
+        raw = _library.RawStatistics(size=ctypes.sizeof(_library.RawStatistics))
+        with self._use() as index:
+            if calls.BCGetStatistics(index, raw) != 1:
+                raise failure("statistics", index)
+        return Statistics(
+            loaded=bool(raw.loaded),
+            in_doubt=bool(raw.inDoubt),
+            sequence=raw.sequence,
+            slot_count=raw.slotCount,
+            largest_blob=raw.largestBlob,
+            blob_count=raw.blobCount,
+            live_bytes=raw.liveBytes,
+            pack_bytes=raw.packBytes,
+            journal_bytes=raw.journalBytes,
+            repacked_bytes=raw.repackedBytes,
+            pending_changes=raw.pendingChanges,
+            damaged=bool(raw.damaged),
+            read_only=bool(raw.readOnly),
+        )
+
+    # ---- Changing ----
+
+    @contextmanager
+    def transaction(self, id: int = 0) -> Iterator[Store]:
+        """Commits the changes of a with block together, or abandons them when it raises.
+
+        id: any signed number of 64 bits. It is kept with the blobs, and a repack orders them by it.
+
+        Once the block has ended, its changes survive a power cut; a power cut before that leaves
+        all of them or none. Reads see the committed blobs alone, in the block too. When the
+        commit itself fails, the changes are abandoned, and after InDoubtError they may be
+        committed or not. Raises RefusedError inside another transaction of this thread. Enter and
+        leave the block on the same thread.
+        """
+        if not -(2**63) <= id < 2**63:
+            raise errors.ArgumentError(f"transaction: {id} has more than 64 bits")
+        number = ctypes.c_longlong(id)
+        with self._changing:
+            if self._in_transaction:
+                raise errors.RefusedError("transaction: one is open already")
+            with self._use() as index:
+                if calls.BCStartTransaction(index, number) != 1:
+                    raise failure("transaction", index)
+            self._in_transaction = True
+            try:
+                yield self
+                with self._use() as index:
+                    if calls.BCEndTransaction(index, number) != 1:
+                        raise failure("commit", index)
+            except BaseException:
+                with self._lock:
+                    if self._index is not None:
+                        calls.BCAbandonTransaction(self._index)
+                raise
+            finally:
+                self._in_transaction = False
+
+    def put(self, data: Buffer) -> Hash:
+        """Stores a blob and returns its hash. One that is present is not written again.
+
+        data: any contiguous buffer below 2 GiB. It is not copied in Python, and must not change
+        during the call. After an Error, an open transaction goes on without the blob.
+        """
+        return self.put_many((data,))[0]
+
+    def put_many(self, blobs: Iterable[Buffer]) -> list[Hash]:
+        """Stores blobs, all or none of them, and returns their hashes. Faster than put for each.
+
+        In an open transaction, the blobs before one that fails are pending like other changes. An
+        iterator is read in steps of 256 blobs or 4 MiB, so that not all must be in memory.
+        """
+        with self._change():
+            hashes: list[Hash] = []
+            batch: list[Buffer] = []
+            waiting = 0
+            for data in blobs:
+                batch.append(data)
+                waiting += memoryview(data).nbytes
+                if len(batch) == _BATCH_COUNT or waiting >= _BATCH_BYTES:
+                    hashes += self._put(batch)
+                    batch, waiting = [], 0
+            if batch:
+                hashes += self._put(batch)
+        return hashes
+
+    def __delitem__(self, key: bytes) -> None:
+        """Deletes a committed blob. Raises KeyError when it is absent."""
+        with self._change(), self._use() as index:
+            self._size(index, key)
+            self.discard(key)
+
+    def discard(self, key: bytes) -> None:
+        """Deletes a blob if it is present, pending changes included."""
+        key = Hash(key)
+        with self._change(), self._use() as index:
+            if calls.BCDelete(index, key) != 1:
+                raise failure(f"delete {key}", index)
+
+    # ---- Maintaining ----
+
+    def check(self, progress: _Progress | None = None) -> None:
+        """Reads every blob and checks it against its hash. Changes nothing.
+
+        Raises DamagedError with the first faults; the logger "blobring" gets all of them. progress
+        is called with the blobs done and the blobs in all. To stop, raise an exception from it, or
+        press Ctrl-C.
+        """
+        with self._use() as index:
+            result = self._watched(index, progress, calls.BCCheck)
+            if result == _library.CHECK_FAULTY:
+                raise errors.DamagedError(str(failure("check", index)))
+            if result != _library.CHECK_SOUND:
+                raise failure("check", index)
+
+    def repack(self, progress: _Progress | None = None) -> None:
+        """Copies every blob into the next slot, which frees the space of deleted ones.
+
+        progress is as for check; a repack that it stops leaves the store as it was. After an Error
+        the store is as it was, or the library has closed it; Statistics.loaded tells. It is closed
+        only when the repack failed, and its files hold what they held before.
+        """
+        with self._changing, self._use() as index:
+            if self._watched(index, progress, calls.BCRepack) != 1:
+                raise failure("repack", index)
+
+    # ---- One call ----
+
+    @contextmanager
+    def _use(self) -> Iterator[int]:
+        """Holds the lock and yields the index."""
+        _library.refuse_in_callback()
+        with self._lock:
+            if self._index is None:
+                raise errors.ClosedError("the store is closed")
+            yield self._index
+
+    @contextmanager
+    def _change(self) -> Iterator[None]:
+        """The open transaction of this thread, or one of its own."""
+        with self._changing:
+            if self._in_transaction:
+                yield
+            else:
+                with self.transaction():
+                    yield
+
+    def _put(self, batch: list[Buffer]) -> list[Hash]:
+        with _library.blobs_at(batch) as blobs, self._use() as index:
+            if calls.BCPutMany(index, blobs, len(blobs)) != len(blobs):
+                raise failure("put", index)
+            return [Hash(blob.hash) for blob in blobs]
+
+    @staticmethod
+    def _size(index: int, key: bytes) -> int:
+        if not isinstance(key, bytes):
+            raise TypeError(f"a key is a Hash or bytes, not {type(key).__name__}")
+        size = ctypes.c_int()
+        result = calls.BCFetch(index, Hash(key), None, 0, size)
+        if result == _library.NOT_FOUND:
+            raise KeyError(Hash(key))
+        if result not in (_library.FETCHED, _library.TOO_SMALL):
+            raise failure(f"size of {key.hex()}", index)
+        return size.value
+
+    @staticmethod
+    def _watched(
+        index: int, progress: _Progress | None, call: Callable[[int], int]
+    ) -> int:
+        watch = _library.Watch(progress)
+        calls.BCSetProgress(index, watch.callback, None)
+        try:
+            result = call(index)
+        finally:
+            calls.BCSetProgress(index, _library.NO_PROGRESS, None)
+        watch.reraise()
+        return result
+
+
+def _path(path: _Path) -> bytes:
+    name = os.fsencode(path)
+    if b"\0" in name:  # would end the path early
+        raise ValueError("open: a path must not contain a null byte")
+    return name
