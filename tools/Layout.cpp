@@ -39,6 +39,23 @@ std::string RecordedDir(const std::string& store, const std::string& dir) {
   return absolute;
 }
 
+// See docs/format.md.
+bool IsNew(const unsigned char* bytes, uint64_t fileSize) {
+  if (fileSize > format::kFileHeaderSize) return false;
+  if (std::all_of(bytes, bytes + fileSize, [](unsigned char byte) { return byte == 0; }))
+    return true;
+  if (fileSize == format::kFileHeaderSize) return false;
+  for (const uint32_t mode : {0U, 1U}) {
+    std::array<unsigned char, format::kFileHeaderSize> fresh;
+    format::FileHeader header;
+    header.mode = mode;
+    header.endOffset = format::kFileHeaderSize;
+    header.Encode(fresh.data());
+    if (std::equal(bytes, bytes + fileSize, fresh.begin())) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 FileHead ReadHead(const std::string& path) {
@@ -54,9 +71,7 @@ FileHead ReadHead(const std::string& path) {
 
 FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
   FileHead head = {State::kDamaged, fileSize, format::FileHeader::Decode(bytes)};
-  const bool isZero = std::all_of(bytes, bytes + format::kFileHeaderSize,
-                                  [](unsigned char byte) { return byte == 0; });
-  if (fileSize < format::kFileHeaderSize || (isZero && fileSize == format::kFileHeaderSize))
+  if (IsNew(bytes, fileSize))
     head.state = State::kNew;
   else if (head.header.endOffset >= format::kFileHeaderSize && head.header.endOffset <= fileSize &&
            static_cast<int32_t>(head.header.recordCount) >= 0)

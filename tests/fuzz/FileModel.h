@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/support/OpenedStore.h"
+#include "tests/support/JournalBytes.h"
 
 namespace fuzz {
 

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "tests/fuzz/FileModel.h"
-#include "tests/support/JournalBytes.h"
+#include "tests/support/OpenedStore.h"
 
 namespace fuzz {
 

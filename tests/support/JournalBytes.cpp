@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "tests/support/OpenedStore.h"
-
 namespace test {
 
 namespace {
@@ -24,6 +22,13 @@ std::uint32_t Get32(std::string_view bytes, std::size_t at) {
 
 void Put32(std::string& bytes, std::size_t at, std::size_t value) {
   bytes.replace(at, 4, Number(value));
+}
+
+HashBytes HashOf(std::string_view data) {
+  HashBytes hash{};
+  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()),
+              static_cast<unsigned>(data.size()), hash.data());
+  return hash;
 }
 
 std::string Digest(std::string_view bytes) {

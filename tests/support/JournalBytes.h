@@ -2,6 +2,9 @@
 // is independent of the code under test but for the digest.
 #pragma once
 
+#include <blobring/blobring.h>
+
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,7 +22,9 @@ constexpr std::size_t kHeaderSize = 24, kOpSize = 16, kDeleteSize = 32, kStoreSi
 std::uint32_t Get32(std::string_view bytes, std::size_t at);
 void Put32(std::string& bytes, std::size_t at, std::size_t value);  // its low 32 bits
 
-std::string Digest(std::string_view bytes);
+using HashBytes = std::array<unsigned char, BLOBRING_HASH_SIZE>;
+HashBytes HashOf(std::string_view data);
+std::string Digest(std::string_view bytes);  // the same
 
 // Bytes from hexadecimal digits; blanks are ignored.
 std::string Hex(std::string_view digits);

@@ -6,13 +6,6 @@
 
 namespace test {
 
-HashBytes HashOf(std::string_view data) {
-  HashBytes hash{};
-  BCMD5ChkSum(reinterpret_cast<const unsigned char*>(data.data()),
-              static_cast<unsigned>(data.size()), hash.data());
-  return hash;
-}
-
 std::string TextOf(const HashBytes& hash) {
   std::string text;
   char digits[3];

@@ -3,7 +3,6 @@
 
 #include <blobring/Store.h>
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -11,15 +10,13 @@
 #include <string_view>
 #include <vector>
 
+#include "tests/support/JournalBytes.h"
 #include "tests/support/SimDiagnostics.h"
 #include "tests/support/SimFiles.h"
 #include "tests/support/SimMemory.h"
 
 namespace test {
 
-using HashBytes = std::array<unsigned char, BLOBRING_HASH_SIZE>;
-
-HashBytes HashOf(std::string_view data);
 // The text that messages use: no leading zeros.
 std::string TextOf(const HashBytes& hash);
 

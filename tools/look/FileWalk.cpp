@@ -52,6 +52,10 @@ class Walker {
 
   Walked Run() {
     uint64_t at = walked_.end;
+    if (static_cast<int32_t>(remaining_) < 0) {
+      remaining_ = 0;
+      walked_.damage = Damage{at, "the header counts more records than any file has"};
+    }
     while (remaining_ > pendingCount_ && !walked_.damage) {
       if (!ParseTransaction(at)) break;
       at = pending_.empty() ? walked_.end : pending_.back().transaction.end;
@@ -68,6 +72,7 @@ class Walker {
   struct Pending {
     WalkedTransaction transaction;
     format::TransactionBlock block;
+    bool isCounted = true;  // else the header's count ends inside it
   };
 
   bool BreakOff(uint64_t at, std::string what) {
@@ -78,38 +83,52 @@ class Walker {
   // Parses the transaction at `at`. Returns false where the records break off, or where the count
   // ends inside it.
   bool ParseTransaction(uint64_t at) {
-    if (limit_ - std::min(at, limit_) < format::kStartSize)
-      return BreakOff(at, "the file ends before the records do");
-    const auto head = file_.From(at, format::kStartSize);
+    std::array<unsigned char, format::kStartSize> head = {};
+    const uint64_t left = limit_ - std::min(at, limit_);
+    if (left < format::kOpHeaderSize) return BreakOff(at, "the file ends before the records do");
+    std::copy_n(file_.From(at, head.size()).begin(), std::min<uint64_t>(left, head.size()),
+                head.begin());
     const auto op = format::OpHeader::Decode(head.data());
     const auto block = format::TransactionBlock::Decode(&head[format::kOpHeaderSize]);
     if (op.op == format::kOpStore || op.op == format::kOpDelete) return TakeSingle(at);
     if (op.op != format::kOpStartTransaction) return BreakOff(at, "no transaction starts here");
-    WalkedTransaction found;
-    found.offset = at;
-    found.id = op.transactionId;
-    const uint64_t body = found.bodyOffset();
-    if (block.length == 0) return BreakOff(at, "a transaction that was not ended");
-    if (block.length + uint64_t{format::kEndSize} > limit_ - body)
+    if (left < format::kStartSize || block.length > left - format::kStartSize)
       return BreakOff(at, "a transaction that runs past the end of the file");
-    found.end = body + block.length + format::kEndSize;
-    const uint64_t stop = VisitRecords(file_, body, body + block.length, [&](const auto& record) {
-      ++(record.isStore ? found.storeCount : found.deleteCount);
-      found.blobBytes += record.blobSize;
-      return true;
-    });
-    if (stop != body + block.length) return BreakOff(stop, "no record of a transaction");
-    std::array<unsigned char, format::kOpHeaderSize> end;
-    file_.Read(stop, end.data(), end.size());
-    if (format::OpHeader::Decode(end.data()).op != format::kOpEndTransaction)
+    if (block.length == 0) return BreakOff(at, "a transaction that was not ended");
+    Pending found = {
+        {at, at + format::kStartSize + block.length + format::kEndSize, op.transactionId}, block};
+    return Parse(found);
+  }
+
+  // The count of the header comes before what is wrong with the records: a load looks no further.
+  bool Parse(Pending& found) {
+    WalkedTransaction& transaction = found.transaction;
+    const uint64_t bodyEnd = transaction.end - format::kEndSize;
+    const uint64_t stop =
+        VisitRecords(file_, transaction.bodyOffset(), bodyEnd, [&](const WalkedRecord& record) {
+          ++(record.isStore ? transaction.storeCount : transaction.deleteCount);
+          transaction.blobBytes += record.blobSize;
+          return true;
+        });
+    const int32_t next = OpAt(stop);
+    const bool runsPast = bodyEnd - stop >= format::kStoreHeadSize && next == format::kOpStore;
+    const uint64_t counted = remaining_ - pendingCount_;
+    found.isCounted = transaction.recordCount() + (runsPast ? 1 : 0) <= counted;
+    if (found.isCounted && stop != bodyEnd)
+      return BreakOff(stop, runsPast ? "a record that runs past its transaction"
+                                     : "no record of a transaction");
+    if (found.isCounted && (limit_ - stop < format::kEndSize || next != format::kOpEndTransaction))
       return BreakOff(stop, "no end record");
-    if (found.recordCount() > remaining_ - pendingCount_) {  // the header counts no further
-      remaining_ = pendingCount_;
-      return false;
-    }
-    pendingCount_ += found.recordCount();
-    pending_.push_back({found, block});
-    return true;
+    pendingCount_ += found.isCounted ? transaction.recordCount() : 0;
+    pending_.push_back(found);
+    return found.isCounted;
+  }
+
+  // Zeros stand past the end of the file.
+  int32_t OpAt(uint64_t at) const {
+    std::array<unsigned char, format::kOpHeaderSize> bytes;
+    file_.Read(at, bytes.data(), bytes.size());
+    return format::OpHeader::Decode(bytes.data()).op;
   }
 
   // A record outside any transaction. No store writes one; it counts if it is what it says.
@@ -150,7 +169,7 @@ class Walker {
 
   // Digests at most twice the bytes in question, whatever looks like a start record.
   bool WholeTransactionEndsAt(uint64_t end) {
-    if (end > limit_) return false;
+    if (end > limit_ || OpAt(end - format::kEndSize) != format::kOpEndTransaction) return false;
     uint64_t budget = 2 * (end - walked_.end);
     for (uint64_t at = walked_.end + 1; at + format::kLeastTransaction <= end; ++at) {
       const auto window = file_.From(at, format::kStartSize);
@@ -178,9 +197,14 @@ class Walker {
     std::vector<std::array<uint8_t, format::kDigestSize>> digests(pending_.size());
     if (options_.digest) DigestPending(digests);
     for (size_t i = 0; i < pending_.size(); ++i) {
-      const auto& [transaction, block] = pending_[i];
+      const auto& [transaction, block, isCounted] = pending_[i];
       if (options_.digest && digests[i] != std::to_array(block.digest)) {
         walked_.damage = Damage{transaction.offset, "a transaction that does not match its digest"};
+        if (isCounted) walked_.mismatched = transaction;
+        break;
+      }
+      if (!isCounted) {
+        remaining_ = 0;
         break;
       }
       walked_.end = transaction.end;

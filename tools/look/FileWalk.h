@@ -47,7 +47,9 @@ struct Walked {
   uint64_t recordCount = 0;                // in them
   uint64_t transactionCount = 0;
   std::optional<Damage> damage;  // where the records break off before the header's count does
-  bool lastIsTorn = false;       // damage: a power cut can have left it, see docs/format.md
+  // Damage: the transaction, where all that is wrong with it is that it does not match its digest.
+  std::optional<WalkedTransaction> mismatched;
+  bool lastIsTorn = false;  // damage: a power cut can have left it, see docs/format.md
 };
 
 struct WalkOptions {

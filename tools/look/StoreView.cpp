@@ -20,13 +20,23 @@ namespace {
 namespace stdfs = std::filesystem;
 using State = FileHead::State;
 
-// A repack or commit of another process takes effect between two looks at the headers.
-constexpr int kMostAttempts = 5;
-constexpr auto kRetryAfter = std::chrono::milliseconds(50);
+// Repacks of another process overwrite what is being read.
+constexpr int kMostAttempts = 10;
+constexpr auto kRetryAfter = std::chrono::milliseconds(20);
+constexpr size_t kLeastCompacted = size_t{1} << 16;
 
 bool SameHead(const FileHead& a, const FileHead& b) {
   return a.state == b.state && a.header.recordCount == b.header.recordCount &&
          a.header.sequence == b.header.sequence && a.header.endOffset == b.header.endOffset;
+}
+
+// What was read of a file stays as it was while its journal grows.
+bool IsOrHasGrown(const FileHead& before, const FileHead& now) {
+  const format::FileHeader& a = before.header;
+  const format::FileHeader& b = now.header;
+  return SameHead(before, now) || ((a.sequence == b.sequence || a.recordCount == 0) &&
+                                   b.mode == 0 && now.state == State::kSound &&
+                                   b.recordCount >= a.recordCount && b.endOffset >= a.endOffset);
 }
 
 // The numbers of /proc/locks are those of the file system, which some report otherwise in stat(2):
@@ -88,24 +98,22 @@ std::vector<std::string> FilesSetAside(const StoreView& view) {
 StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   std::error_code ignored;
   isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);
-  bool changed = false;
-  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+  bool isStale = true;
+  for (int attempt = 0; isStale && attempt < kMostAttempts; ++attempt) {
     if (attempt != 0) std::this_thread::sleep_for(kRetryAfter);
     Build(options);
-    changed = HeadsChanged();
-    if (!changed) break;
+    // What looks like damage may be a write in progress.
+    const bool isDoubtful = !findings_.empty() || !notes_.empty();
+    isStale = IsStale() || (isDoubtful && HeadsChanged());
   }
   std::vector<std::string> paths;
   for (const SlotFile& file : files_) paths.push_back(file.path);
   holders_ = HoldersOf(paths);
   for (const Holder& holder : holders_)
-    Say("{} is open in process {} ({}) and may be changing", path_, holder.pid, holder.command);
-  if (changed) {
-    // What looks like damage may be a write in progress.
-    for (std::string& finding : findings_) notes_.push_back(std::move(finding));
-    findings_.clear();
-    notes_.push_back(path_ + " changed while it was looked at");
-  }
+    Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid, holder.command);
+  if (isStale)
+    throw FailureOf<kHeld>("{} changed each time it was read: another process is at work on it",
+                           path_);
   for (const std::string& text : findings_) Say("{}", text);
   for (const std::string& text : notes_) Say("{}", text);
 }
@@ -115,6 +123,7 @@ void StoreView::Build(const StoreOptions& options) {
   walked_.clear();
   opened_.clear();
   blobs_.clear();
+  compactedSize_ = 0;
   findings_.clear();
   notes_.clear();
   slot_.reset();
@@ -136,59 +145,82 @@ void StoreView::Build(const StoreOptions& options) {
 
 // Packs by falling sequence, equal ones in the order of their slots, as a load tries them.
 void StoreView::ChooseGeneration() {
-  bool isUsed = false;
-  for (const SlotFile& file : files_) isUsed = isUsed || file.HasRecords();
+  const bool isUsed = std::any_of(files_.begin(), files_.end(),
+                                  [](const SlotFile& file) { return file.HasRecords(); });
   std::vector<size_t> packs;
-  int32_t newest = 0;
   for (size_t i = 0; i < files_.size(); ++i) {
-    const SlotFile& file = files_[i];
-    if (file.head.state == State::kMissing) {
-      if (isUsed) findings_.push_back(file.path + " is missing");
-    } else if (i % 2 == 0 && !file.IsLoadable()) {
-      if (file.head.header.sequence != format::kSequenceReset)
-        findings_.push_back(file.path + ": the header is damaged");
-    } else if (i % 2 == 0) {
-      packs.push_back(i);
-      newest = std::max(newest, file.head.header.sequence);
-    }
+    if (files_[i].head.state == State::kMissing && isUsed)
+      findings_.push_back(files_[i].path + " is missing");
+    if (files_[i].head.state != State::kMissing && i % 2 == 0) packs.push_back(i);
   }
   std::stable_sort(packs.begin(), packs.end(), [this](size_t a, size_t b) {
     return files_[a].head.header.sequence > files_[b].head.header.sequence;
   });
-  for (size_t i = 1; i < files_.size(); i += 2)
-    if (files_[i].HasRecords() && files_[i].head.header.sequence > newest)
-      findings_.push_back(
-          fmt::format("{} is newer than every pack: its pack is lost", files_[i].path));
   for (const size_t pack : packs) {
+    const int32_t sequence = files_[pack].head.header.sequence;
     blobs_.clear();
     const Walked walked = Take(pack);
-    if (walked.damage) {
-      findings_.push_back(fmt::format("{} is damaged at {}: {}", files_[pack].path,
-                                      walked.damage->offset, walked.damage->what));
+    if (walked.damage || (walked.recordCount == 0 && !CountsAll(pack))) {
+      findings_.push_back(walked.damage ? fmt::format("{} is damaged at {}: {}", files_[pack].path,
+                                                      walked.damage->offset, walked.damage->what)
+                                        : files_[pack].path + ": the header is damaged");
+      opened_.erase(pack);
       continue;
     }
-    sequence_ = files_[pack].head.header.sequence;
-    slot_ = static_cast<size_t>(sequence_) % slotCount();
-    current_ = {pack, 2 * *slot_ + 1};
-    return TakeJournal(current_[1]);
+    if (sequence == format::kSequenceReset) break;  // emptied by a repack that did not end
+    sequence_ = sequence;
+    slot_ = static_cast<uint32_t>(sequence) % slotCount();
+    current_ = {pack};
+    FindLostPacks();
+    return TakeJournal(2 * *slot_ + 1);
   }
   blobs_.clear();
   findings_.push_back("no pack can be loaded");
 }
 
+// A pack that was cut to nothing, or has lost its header, does not say that it was the newest. Its
+// journal may: it takes the pack's sequence with the first commit, or still says that it was
+// emptied by a repack.
+void StoreView::FindLostPacks() {
+  for (size_t pack = 0; pack < files_.size(); pack += 2) {
+    const FileHead& head = files_[pack].head;
+    const format::FileHeader& journal = files_[pack + 1].head.header;
+    const bool isNew = head.header.sequence == 0 && head.header.recordCount == 0;
+    const bool isLost =
+        journal.recordCount != 0 &&
+        (journal.sequence > sequence_ || (isNew && journal.sequence == format::kSequenceReset));
+    const bool wasFound = isWalked(pack) && pack != current_.front();
+    if (!wasFound && (isLost || head.state == State::kDamaged))
+      findings_.push_back(files_[pack].path +
+                          " is damaged or lost: if it was the newest pack, what is shown is older");
+  }
+}
+
+// Whether the header counts just what the file has.
+bool StoreView::CountsAll(size_t file) const {
+  const FileHead& head = files_[file].head;
+  const Walked& walked = walked_.at(file);
+  return head.state == State::kNew ||
+         (head.state == State::kSound && walked.recordCount == head.header.recordCount &&
+          walked.end == head.header.endOffset);
+}
+
 void StoreView::TakeJournal(size_t journal) {
   const SlotFile& file = files_[journal];
   if (file.head.state == State::kMissing) return;
+  current_.push_back(journal);
   const Walked walked = Take(journal);
-  if (!walked.damage) return;
+  if (!walked.damage && CountsAll(journal)) return;
   if (walked.lastIsTorn)
     notes_.push_back(
         fmt::format("the last transaction of {} was cut off at {}, a power failure interrupted its "
                     "commit; nothing that was committed is lost",
                     file.path, walked.damage->offset));
-  else
+  else if (walked.damage)
     findings_.push_back(fmt::format("{} is damaged at {}: {}", file.path, walked.damage->offset,
                                     walked.damage->what));
+  else
+    findings_.push_back(file.path + ": the header does not count what the file has");
 }
 
 // Walks a file and adds its records to blobs_.
@@ -196,6 +228,12 @@ Walked StoreView::Take(size_t index) {
   auto& opened = opened_[index];
   opened = std::make_unique<SalvageFile>(files_[index].path);
   WalkOptions options;
+  options.transaction = [this](const WalkedTransaction& transaction) {
+    const uint64_t more = transaction.recordCount();
+    if (blobs_.capacity() - blobs_.size() >= more) return;
+    Compact();
+    blobs_.reserve(blobs_.size() + more + blobs_.size() / 4);
+  };
   options.record = [this, index](const WalkedRecord& record) {
     blobs_.push_back({record.hash, record.blobSize, static_cast<uint32_t>(record.offset),
                       static_cast<uint32_t>(index), !record.isStore, record.transactionId});
@@ -213,10 +251,17 @@ Walked StoreView::Take(size_t index) {
   return walked;
 }
 
-// The last record of each hash decides.
+// A journal may have stored and deleted far more than is live.
+void StoreView::Compact() {
+  if (blobs_.size() < kLeastCompacted || blobs_.size() / 2 < compactedSize_) return;
+  SortBlobs();
+  compactedSize_ = blobs_.size();
+}
+
+// The last record of each hash decides. The journal comes behind the pack, whatever their slots.
 void StoreView::SortBlobs() {
   std::sort(blobs_.begin(), blobs_.end(), [](const ViewedBlob& a, const ViewedBlob& b) {
-    return std::tie(a.hash, a.file, a.offset) < std::tie(b.hash, b.file, b.offset);
+    return std::tuple(a.hash, a.file % 2, a.offset) < std::tuple(b.hash, b.file % 2, b.offset);
   });
   size_t kept = 0;
   liveBytes_ = 0;
@@ -227,6 +272,12 @@ void StoreView::SortBlobs() {
     liveBytes_ += blobs_[i].size;
   }
   blobs_.resize(kept);
+}
+
+bool StoreView::IsStale() const {
+  return std::any_of(current_.begin(), current_.end(), [this](size_t file) {
+    return !IsOrHasGrown(files_[file].head, ReadHead(files_[file].path));
+  });
 }
 
 bool StoreView::HeadsChanged() const {
@@ -262,7 +313,7 @@ std::string_view StoreView::Read(const ViewedBlob& blob, Buffer& buffer) const {
                               bytes.size());
   if (blobring::Hash::of(std::as_bytes(bytes)) != blob.hash) {
     const std::string& file = files_[blob.file].path;
-    if (HeadsChanged())
+    if (IsStale())
       throw Fault("{} changed while the blob {} was read; try again", file, blob.hash.text());
     throw Fault("cannot read the blob {}: it does not match its hash in {} at {}", blob.hash.text(),
                 file, blob.offset);

@@ -62,6 +62,9 @@ class StoreView {
   uint64_t repackedBytes() const;
   uint64_t deadBytes() const;
 
+  // Whether another process may have overwritten what this view shows. Commits do not do that.
+  bool IsStale() const;
+
   // The blob, in the buffer. Throws Fault if it does not match its hash.
   std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
 
@@ -78,6 +81,9 @@ class StoreView {
   Walked Take(size_t file);
   void SortBlobs();
   bool HeadsChanged() const;
+  void FindLostPacks();
+  bool CountsAll(size_t file) const;
+  void Compact();
 
   std::string path_;
   bool isSingleFile_ = false;
@@ -88,6 +94,7 @@ class StoreView {
   std::map<size_t, Walked> walked_;
   mutable std::map<size_t, std::unique_ptr<SalvageFile>> opened_;
   std::vector<ViewedBlob> blobs_;
+  size_t compactedSize_ = 0;  // of blobs_ when it was last compacted
   uint64_t liveBytes_ = 0;
   std::vector<std::string> findings_;
   std::vector<std::string> notes_;  // no damage
