@@ -48,6 +48,7 @@ class Walker {
         options_(options),
         limit_(file.size()),
         endOffset_(head.header.endOffset),
+        isPack_(head.header.mode == 1),
         remaining_(head.header.recordCount) {}
 
   Walked Run() {
@@ -155,6 +156,7 @@ class Walker {
   // A commit that a power cut tore is the last transaction that the header counts: its length says
   // so, or is lost, and no whole transaction ends where the header says.
   void JudgeRest() {
+    if (isPack_) return;
     const uint64_t start = walked_.end;
     const uint64_t end = endOffset_;
     if (remaining_ == 0 || end < start || end - start < format::kLeastTransaction) return;
@@ -237,6 +239,7 @@ class Walker {
   const WalkOptions& options_;
   const uint64_t limit_;       // the file's size
   const uint64_t endOffset_;   // the header's
+  const bool isPack_;         // of one transaction, which nothing can tear
   uint64_t remaining_;         // records that the header counts behind what was delivered
   uint64_t pendingCount_ = 0;  // records of what is pending
   std::vector<Pending> pending_;
