@@ -29,13 +29,13 @@ install(CODE "
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS packaging/changelog)
 file(STRINGS packaging/changelog trailers REGEX "^ -- ")
 list(GET trailers 0 trailer)
-string(REGEX REPLACE ".*, 0?([0-9]+ [A-Z][a-z]+ [0-9]+) .*" "\\1" DATE "${trailer}")
+string(REGEX REPLACE ".*, 0?([0-9]+) ([A-Z][a-z]+) ([0-9]+) .*" "\\2 \\1, \\3" DATE "${trailer}")
 
-# Manual pages get the version and the date, and every call leads to the page of
-# the library. Compressed without a name and a time, so that every build makes
-# the same files.
+# Manual pages get the version and the date; each call gets one from the headers.
+# Compressed without a name and a time, so that every build makes the same files.
 file(REMOVE_RECURSE ${data}/man3)
 find_program(GZIP_PROGRAM gzip REQUIRED)
+find_program(PYTHON_PROGRAM python3 REQUIRED)
 function(compress source target)
   get_filename_component(folder ${target} DIRECTORY)
   file(MAKE_DIRECTORY ${folder})
@@ -43,10 +43,10 @@ function(compress source target)
 endfunction()
 configure_file(man/blobring.3.in ${data}/blobring.3 @ONLY)
 compress(${data}/blobring.3 ${data}/man3/blobring.3.gz)
-file(STRINGS api/exports.txt calls REGEX "^BC[A-Za-z0-9]*$")
-foreach(call ${calls})
-  file(CREATE_LINK blobring.3.gz ${data}/man3/${call}.3.gz SYMBOLIC)
-endforeach()
+set(documented include/blobring/blobring.h include/blobring/host.h)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${documented} man/calls.py)
+execute_process(COMMAND ${PYTHON_PROGRAM} man/calls.py ${DATE} ${PROJECT_VERSION} ${data}/man3 ${documented}
+  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMAND_ERROR_IS_FATAL ANY)
 install(DIRECTORY ${data}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 
 if(TARGET blobring_tool)

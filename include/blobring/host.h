@@ -50,6 +50,7 @@ BLOBRING_API void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* co
 /* From this level on, damaged blobs are dumped to the raw trace. */
 #define BLOBRING_HOST_DUMP_TRACE_LEVEL 60000U
 
+/* Sets the trace level; BLOBRING_HOST_DEFAULT_TRACE_LEVEL until then. */
 BLOBRING_API void BlobringHostSetTraceLevel(uint32_t level);
 
 /* Takes `length` bytes of the raw trace as they are, line ends included. */
@@ -101,6 +102,8 @@ BLOBRING_API uint32_t BlobringHostReadNumericTrace(uint32_t* position,
  */
 typedef void BlobringHostExceptionHandler(void* context, uint32_t code, uint32_t flags,
                                           uint32_t argumentCount, const uintptr_t* arguments);
+
+/* Sets the handler of platform exceptions; null for none. */
 BLOBRING_API void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* handler,
                                                   void* context);
 

@@ -1,0 +1,126 @@
+#!/usr/bin/env python3
+"""calls.py DATE VERSION FOLDER HEADER...: writes FOLDER/CALL.3.gz for each call of the headers.
+
+A header is read as blocks between empty lines. A block that declares calls begins with the comment
+that documents them. Its page shows the types and constants that stand right above it or that it
+names, the declarations, and the comment.
+"""
+
+import gzip
+import pathlib
+import re
+import sys
+
+NAME = r"\b(?:BC[A-Z]\w*|BLOBRING_\w+|BlobringHost\w+|FilterException)\b"
+ERRORS = "BLOBRING_ERROR_"  # shown by BCLastErrorCode alone
+BLOCK = re.compile(r"\s*(?:/\*(?P<comment>.*?)\*/\n)?(?P<code>.*)", re.DOTALL)
+
+
+def escaped(line: str) -> str:
+    line = line.replace("\\", "\\e").replace("-", "\\-")
+    return "\\&" + line if line[:1] in (".", "'") else line
+
+
+def marked(line: str) -> str:
+    """Names in bold, arguments, which the header has in backticks, in italics."""
+    line = re.sub(NAME, r"\\%\\fB\g<0>\\fP", escaped(line))
+    return re.sub("`([^`]+)`", r"\\fI\1\\fP", line)
+
+
+def lines_of(comment: str) -> list[str]:
+    return [re.sub(r"^ ?\* ?", "", line).rstrip() for line in comment.strip().split("\n")]
+
+
+def description(lines: list[str]) -> list[str]:
+    """Indented lines are a list if they begin with a dash, and a table otherwise."""
+    page, kind = [], "text"
+    for line in lines:
+        before = kind
+        if not line.startswith("  "):
+            kind = "text"
+        elif line.startswith("  - "):
+            kind = "list"
+        elif kind == "text":
+            kind = "table"
+        if "table" in (before, kind) and before != kind:
+            page.append(".nf" if kind == "table" else ".fi")
+        if line.startswith("  - "):
+            page.append(f".IP \\(bu 2\n{marked(line[4:])}")
+        elif not line or (kind == "text" and before != kind):
+            page += [".PP"] + [marked(line)] * bool(line)
+        else:
+            page.append(marked(line[2:] if kind == "table" else line.strip()))
+    return page
+
+
+def summary(lines: list[str]) -> str:
+    sentence = re.split(r"[.:;](?:\s|$)", " ".join(lines))[0].replace("`", "")
+    return escaped(sentence[0].lower() + sentence[1:])
+
+
+def declarations(code: str) -> list[str]:
+    mark = "BLOBRING_API "
+    indent = re.compile(f"^(?:{mark}|{' ' * len(mark)})", re.MULTILINE)
+    return indent.sub("", code[: code.rindex(";") + 1]).split("\n")
+
+
+def page(title: str, header: pathlib.Path, calls: list[str], shown: list[str], block: re.Match[str],
+         known: set[str]) -> str:
+    lines = lines_of(block["comment"])
+    named = set(re.findall(NAME, block["comment"]))
+    if any(name.startswith(ERRORS) for name in named):
+        named.add("BCLastErrorCode")
+    text = [
+        f'.TH {calls[0].upper()} 3 {title} "Library Functions Manual"',
+        f".SH NAME\n{', '.join(calls)} \\- {summary(lines)}",
+        ".SH LIBRARY\nBlobring\n.RI ( libblobring \", \" \\-lblobring )",
+        f".SH SYNOPSIS\n.nf\n.B #include <blobring/{header.name}>",
+    ]
+    for definition in shown:
+        text += [".PP", *map(escaped, definition.strip("\n").split("\n"))]
+    text += [".PP", *(f"\\fB{escaped(line)}\\fP" for line in declarations(block["code"])), ".fi"]
+    text += [".SH DESCRIPTION", *description(lines), ".SH SEE ALSO"]
+    also = sorted(named & known - set(calls)) + ["blobring"]
+    text += [f".BR {call} (3){',' if call != also[-1] else ''}" for call in also]
+    return "\n".join(text) + "\n"
+
+
+def main() -> None:
+    date, version, folder = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3])
+    pages: list[tuple[pathlib.Path, list[str], list[str], re.Match[str]]] = []
+    definitions: dict[str, str] = {}  # the block that defines a name
+    for header in map(pathlib.Path, sys.argv[4:]):
+        above: list[str] = []
+        for text in header.read_text().split("\n\n"):
+            block = BLOCK.match(text)
+            assert block
+            calls = re.findall(r"^BLOBRING_API [^;]*?(\w+)\(", block["code"], re.MULTILINE)
+            if calls:
+                if not block["comment"]:
+                    sys.exit(f"{header}: {calls[0]} has no comment")
+                pages.append((header, calls, above, block))
+                above = []
+            elif block["code"].startswith(("#define BLOBRING_", "typedef ")):
+                if above and "/*" not in above[-1]:  # constants of the type below them
+                    text = above.pop() + "\n\n" + text
+                above = above + [text]
+                for name in re.findall(rf"^(?:#define|typedef (?:struct|\w+)) ({NAME})", text, re.MULTILINE):
+                    definitions[name] = text
+            else:
+                above = []
+
+    known = {call for _, calls, _, _ in pages for call in calls}
+    folder.mkdir(parents=True, exist_ok=True)
+    for header, calls, above, block in pages:
+        named = [name for name in re.findall(NAME, block[0]) if not name.startswith(ERRORS)]
+        wanted = above + [definitions[name] for name in named if name in definitions]
+        shown = [text for text in dict.fromkeys(definitions.values()) if text in wanted]
+        text = page(f'"{date}" "Blobring {version}"', header, calls, shown, block, known)
+        target = folder / f"{calls[0]}.3.gz"
+        target.write_bytes(gzip.compress(text.encode(), 9, mtime=0))
+        for call in calls[1:]:
+            (folder / f"{call}.3.gz").symlink_to(target.name)
+
+
+if __name__ == "__main__":
+    main()
