@@ -62,6 +62,8 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), libblobring1 (>= ${PROJECT_VERSION})")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${PROJECT_SOURCE_DIR}/packaging/python/postinst
+                                              ${PROJECT_SOURCE_DIR}/packaging/python/prerm)
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION "content-addressed store of blobs, for Python
 A package over the C calls of libblobring1: stores as mappings and context
 managers, transactions, typed errors, type hints.")

@@ -78,6 +78,11 @@ class StoreTest(unittest.TestCase):
         key = store.put(b"kept")
         empty = tempfile.mkdtemp(dir=self.path)
 
+        def sparse(size):
+            with open(self.path / "sparse", "wb+") as file:
+                file.truncate(size)
+                return mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ)
+
         def full():
             limits = resource.getrlimit(resource.RLIMIT_FSIZE)
             resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, limits[1]))
@@ -93,7 +98,7 @@ class StoreTest(unittest.TestCase):
             (blobring.ArgumentError, 7, lambda: Store(empty, slots=2**32 + 2)),
             (blobring.ArgumentError, 7, lambda: Store(empty, slots=1, pack_directories=["a", "b"])),
             (blobring.ArgumentError, 7, lambda: store.transaction(2**63).__enter__()),
-            (blobring.ArgumentError, 7, lambda: store.put(mmap.mmap(-1, 2**31))),
+            (blobring.ArgumentError, 7, lambda: store.put(sparse(2**32 + 4))),
             (blobring.SystemCallError, 8, lambda: Store(self.path / "missing")),
             (blobring.RefusedError, 11, lambda: store.check(lambda *_: store[key])),
             (blobring.RefusedError, 11, lambda: store.repack(lambda *_: store.close())),
@@ -123,6 +128,12 @@ class StoreTest(unittest.TestCase):
             with self.assertRaises(blobring.DamagedError), self.assertLogs("blobring"):
                 read()
         self.assertEqual(store[sound], b"sound")
+        with self.assertRaises(blobring.DamagedError):
+            store.repack()  # the library closes the store
+        self.assertFalse(store.statistics().loaded)
+        for use in (lambda: store[sound], lambda: sound in store, lambda: len(store)):
+            with self.assertRaises(blobring.ClosedError):
+                use()
 
     def test_an_exception_abandons_the_transaction_alone(self):
         store = self.store()
@@ -132,6 +143,7 @@ class StoreTest(unittest.TestCase):
                 store.put_many([b"lost", b"lost too"])
                 del store[kept]
                 1 / 0
+        self.assertEqual(store.statistics().pending_changes, 0)
         with store.transaction(-1):
             store.put(b"first")
             with self.assertRaises(blobring.RefusedError):
@@ -188,6 +200,9 @@ class StoreTest(unittest.TestCase):
         def press_control_c(done, total):
             signal.raise_signal(signal.SIGINT)
 
+        # In a background job, it is ignored.
+        before = signal.signal(signal.SIGINT, signal.default_int_handler)
+        self.addCleanup(signal.signal, signal.SIGINT, before)
         with self.store() as store:
             hashes = store.put_many(b"%d" % i for i in range(1000))
             for call in (store.check, store.repack):
@@ -197,9 +212,10 @@ class StoreTest(unittest.TestCase):
                         call(progress)
             self.assertEqual(store.statistics().sequence, 0)
             store.check()
-        with self.assertRaises(InterruptedError):
-            self.store(progress=stop)
-        self.assertEqual(list(self.store()), sorted(hashes))
+        try:
+            self.fail(self.store(progress=stop))
+        except InterruptedError:  # which keeps the object
+            self.assertEqual(list(self.store()), sorted(hashes))
 
     def test_threads_share_a_store_and_open_others(self):
         store = self.store()
@@ -212,10 +228,12 @@ class StoreTest(unittest.TestCase):
                 for i in range(20):
                     with Store(directory) as own:
                         own.put(b"%d" % i)
+                    if i % 2 == 0:
+                        store.put(f"{name} {i}".encode())
+                        continue
                     with contextlib.suppress(InterruptedError), store.transaction():
                         store.put(f"{name} {i}".encode())
-                        if i % 2:
-                            raise InterruptedError
+                        raise InterruptedError
             except BaseException as error:
                 errors.append(error)
 
