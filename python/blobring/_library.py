@@ -9,9 +9,11 @@ import atexit
 import ctypes
 import logging
 import os
+import signal
 import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
+from types import FrameType
 from typing import TYPE_CHECKING, Any, Union
 
 from blobring import errors
@@ -192,15 +194,40 @@ def refuse_in_callback() -> None:
 
 
 class Watch:
-    """Calls a progress function from the library, and keeps what it raises."""
+    """Calls a progress function from the library, keeps what it raises, and raises that at the end.
+
+    The same goes for signal handlers, such as that of Ctrl-C: Python would run them where the
+    callback is entered, and nothing there can catch what they raise.
+    """
 
     def __init__(self, progress: Callable[[int, int], object] | None) -> None:
         self._progress = progress
         self._raised: BaseException | None = None
+        self._handlers: dict[int, Any] = {}
         self.callback = PROGRESS(self._call)
 
+    def __enter__(self) -> Watch:
+        if threading.current_thread() is threading.main_thread():
+            for number in signal.valid_signals():
+                handler = signal.getsignal(number)
+                if callable(handler):
+                    self._handlers[number] = handler
+                    signal.signal(number, self._handle)
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        for number, handler in self._handlers.items():
+            signal.signal(number, handler)
+        if self._raised is not None:
+            raise self._raised
+
+    def _handle(self, number: int, frame: FrameType | None) -> None:
+        try:
+            self._handlers[number](number, frame)
+        except BaseException as raised:
+            self._raised = raised
+
     def _call(self, _context: int | None, _operation: int, done: int, total: int) -> int:
-        # Python also handles signals here, so that Ctrl-C arrives without a progress function.
         try:
             _thread.in_callback = True
             if self._progress is not None and self._raised is None:
@@ -210,11 +237,6 @@ class Watch:
         finally:
             _thread.in_callback = False
         return 0 if self._raised is None else 1
-
-    def reraise(self) -> None:
-        """Raises what the progress function has raised."""
-        if self._raised is not None:
-            raise self._raised
 
 
 # ---- Messages ----

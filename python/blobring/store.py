@@ -123,28 +123,27 @@ class Store(Mapping[Hash, bytes]):
             raise errors.ArgumentError(f"open: {slots} slots, {len(packs)} pack directories")
         if not 0 <= slots < 2**32:
             raise errors.ArgumentError(f"open: {slots} slots")
-        watch = _library.Watch(progress)
         options = _library.Options(
             size=ctypes.sizeof(_library.Options),
             slotCount=len(packs) or slots,
             packDirs=(ctypes.c_char_p * len(packs))(*packs) if packs else None,
             eraseDamaged=erase_damaged,
-            progress=watch.callback if progress else _library.NO_PROGRESS,
             mustExist=must_exist,
             readOnly=read_only,
         )
         self._lock = threading.RLock()
         self._changing = threading.RLock()
         self._in_transaction = False
-        with _alone():
-            index = calls.BCOpen(_path(directory), options)
-            if index < 0:
-                raise failure(f"open {self.directory}", -1)
-            calls.BCSetProgress(index, _library.NO_PROGRESS, None)
-            self._index = index
-            _locks[index] = self._lock
         try:
-            watch.reraise()
+            with _alone(), _library.Watch(progress) as watch:
+                if progress is not None:
+                    options.progress = watch.callback
+                index = calls.BCOpen(_path(directory), options)
+                if index < 0:
+                    raise failure(f"open {self.directory}", -1)
+                calls.BCSetProgress(index, _library.NO_PROGRESS, None)
+                self._index = index
+                _locks[index] = self._lock
         except BaseException:
             self.close()
             raise
@@ -397,14 +396,12 @@ class Store(Mapping[Hash, bytes]):
     def _watched(
         index: int, progress: _Progress | None, call: Callable[[int], int]
     ) -> int:
-        watch = _library.Watch(progress)
-        calls.BCSetProgress(index, watch.callback, None)
-        try:
-            result = call(index)
-        finally:
-            calls.BCSetProgress(index, _library.NO_PROGRESS, None)
-        watch.reraise()
-        return result
+        with _library.Watch(progress) as watch:
+            calls.BCSetProgress(index, watch.callback, None)
+            try:
+                return call(index)
+            finally:
+                calls.BCSetProgress(index, _library.NO_PROGRESS, None)
 
 
 def _path(path: _Path) -> bytes:

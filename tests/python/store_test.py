@@ -12,6 +12,7 @@ import resource
 import signal
 import tempfile
 import threading
+import time
 import unittest
 
 import blobring
@@ -211,6 +212,11 @@ class StoreTest(unittest.TestCase):
                     with self.assertRaises(error):
                         call(progress)
             self.assertEqual(store.statistics().sequence, 0)
+            threading.Timer(0.1, os.kill, (os.getpid(), signal.SIGINT)).start()
+            until = time.monotonic() + 30
+            with self.assertRaises(KeyboardInterrupt):
+                while time.monotonic() < until:
+                    store.check()
             store.check()
         try:
             self.fail(self.store(progress=stop))
