@@ -104,8 +104,8 @@ def main() -> None:
                 if above and "/*" not in above[-1]:  # constants of the type below them
                     text = above.pop() + "\n\n" + text
                 above = above + [text]
-                for name in re.findall(rf"^(?:#define|typedef (?:struct|\w+)) ({NAME})", text, re.MULTILINE):
-                    definitions[name] = text
+                named = re.findall(rf"^(?:#define|typedef \w+) ({NAME})", text, re.MULTILINE)
+                definitions |= dict.fromkeys(named, text)
             else:
                 above = []
 

@@ -8,22 +8,20 @@ from __future__ import annotations
 import atexit
 import ctypes
 import logging
+import mmap
 import os
 import signal
 import threading
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from types import FrameType
-from typing import TYPE_CHECKING, Any, Union
+from typing import Any
 
 from blobring import errors
 
-if TYPE_CHECKING:
-    import array
-    import mmap
-
-    # Python 3.12 has collections.abc.Buffer for all of them.
-    Buffer = Union[bytes, bytearray, memoryview, "array.array[Any]", mmap.mmap]
+# Python 3.12 has collections.abc.Buffer for all buffers; a type checker accepts others wrapped in a
+# memoryview.
+Buffer = bytes | bytearray | memoryview | mmap.mmap
 
 FETCHED, NOT_FOUND, FAILED, TOO_SMALL = range(4)
 CHECK_FAULTY, CHECK_SOUND = range(2)

@@ -3,10 +3,8 @@
 from __future__ import annotations
 
 import hashlib
-from typing import TYPE_CHECKING
 
-if TYPE_CHECKING:
-    from blobring._library import Buffer
+from blobring._library import Buffer
 
 
 class Hash(bytes):

@@ -8,14 +8,11 @@ import threading
 import warnings
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from contextlib import ExitStack, contextmanager
-from typing import TYPE_CHECKING, NamedTuple
+from typing import NamedTuple
 
 from blobring import _library, errors
-from blobring._library import calls, failure
+from blobring._library import Buffer, calls, failure
 from blobring.hash import Hash
-
-if TYPE_CHECKING:
-    from blobring._library import Buffer
 
 _Path = str | bytes | os.PathLike[str] | os.PathLike[bytes]
 _Progress = Callable[[int, int], object]
