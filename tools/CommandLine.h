@@ -63,5 +63,6 @@ class CommandLine {
 // The groups of commands.
 void AddLookingCommands(CommandLine& line);
 void AddWorkingCommands(CommandLine& line);
+void AddReportCommand(CommandLine& line);
 
 }  // namespace tool

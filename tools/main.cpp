@@ -24,6 +24,7 @@ tool::ExitStatus Run(int argc, char** argv) {
       "blobring");
   tool::CommandLine line(app);
   tool::AddLookingCommands(line);
+  tool::AddReportCommand(line);
   tool::AddWorkingCommands(line);
   return line.Run(argc, argv);
 }

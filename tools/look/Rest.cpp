@@ -22,13 +22,14 @@ bool IsZero(SalvageFile& file, uint64_t at) {
 Rest RestOf(SalvageFile& file, uint64_t at,
             const std::function<void(const WalkedRecord&)>& record) {
   if (at >= file.size()) return {};
-  const Rest rest = {file.size() - at, {}};
-  if (IsZero(file, at)) return {rest.size, "zeros"};
-  if (rest.size < format::kStartSize) return {rest.size, "leftovers"};
+  using Kind = Rest::Kind;
+  const uint64_t size = file.size() - at;
+  if (IsZero(file, at)) return {Kind::kZeros, size, "zeros"};
+  if (size < format::kStartSize) return {Kind::kLeftovers, size, "leftovers"};
   const auto bytes = file.From(at, format::kStartSize);
   const auto block = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]);
   if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction)
-    return {rest.size, "leftovers of an older life of the file"};
+    return {Kind::kLeftovers, size, "leftovers of an older life of the file"};
   const bool isEnded = block.length != 0;
   const uint64_t body = at + format::kStartSize;
   uint64_t count = 0;
@@ -38,11 +39,12 @@ Rest RestOf(SalvageFile& file, uint64_t at,
                  ++count;
                  return true;
                });
-  return {rest.size, fmt::format("{} of {}",
-                                 isEnded ? "a transaction that does not count, an older one or one "
-                                           "whose header was not written,"
-                                         : "an unfinished transaction",
-                                 Count(count, "whole record"))};
+  return {isEnded ? Kind::kUncounted : Kind::kUnfinished, size,
+          fmt::format("{} of {}",
+                      isEnded ? "a transaction that does not count, an older one or one "
+                                "whose header was not written,"
+                              : "an unfinished transaction",
+                      Count(count, "whole record"))};
 }
 
 }  // namespace tool

@@ -9,6 +9,9 @@
 namespace tool {
 
 struct Rest {
+  enum class Kind { kNothing, kZeros, kUnfinished, kUncounted, kLeftovers };
+
+  Kind kind = Kind::kNothing;
   uint64_t size = 0;  // bytes
   // "zeros", "an unfinished transaction of 3 records", "leftovers ...".
   std::string what;

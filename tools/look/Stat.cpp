@@ -144,10 +144,12 @@ Json FileObject(const StoreView& view, size_t index) {
   const SlotFile& file = view.files()[index];
   const bool isCurrent =
       std::find(view.current().begin(), view.current().end(), index) != view.current().end();
+  // A file that is missing or new does not say.
+  const bool isPack = view.isSingleFile() ? file.head.header.mode == 1 : index % 2 == 0;
   return {{"type", "file"},
           {"path", file.path},
           {"slot", view.isSingleFile() ? Json() : Json(index / 2)},
-          {"kind", file.head.header.mode == 1 ? "pack" : "journal"},
+          {"kind", isPack ? "pack" : "journal"},
           {"current", isCurrent},
           {"size", file.head.size},
           {"header", NameOf(file.head.state)},

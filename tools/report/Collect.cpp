@@ -1,0 +1,216 @@
+#include "tools/report/Collect.h"
+
+#include <algorithm>
+#include <chrono>
+#include <map>
+
+#include "tools/Interrupt.h"
+#include "tools/look/Naming.h"
+#include "tools/look/Objects.h"
+#include "tools/look/Rest.h"
+#include "tools/report/Regions.h"
+
+namespace tool {
+namespace {
+
+constexpr uint64_t kBinsOfFile = 1000;
+constexpr uint64_t kBinsOfStore = 16000;  // keeps the page of a store of many slots small
+constexpr size_t kTransactionBins = 200;
+
+using State = RegionState;
+
+struct Totals {
+  uint64_t stores = 0;
+  uint64_t storedBytes = 0;
+  uint64_t deletes = 0;
+  uint64_t deletedBytes = 0;
+
+  void operator+=(const Totals& other) {
+    stores += other.stores;
+    storedBytes += other.storedBytes;
+    deletes += other.deletes;
+    deletedBytes += other.deletedBytes;
+  }
+};
+
+class Collector {
+ public:
+  Collector(const StoreView& view, bool blobsToo)
+      : view_(view), faults_(FindFaults(view, blobsToo)) {
+    for (const BlobFault& fault : faults_) {
+      // Of a fault without a blob at least the head of a record is shown.
+      uint64_t& end = faultEnds_[fault.path][fault.offset];
+      end = std::max(end, fault.offset + format::kStartSize + fault.size);
+    }
+    const uint64_t now = static_cast<uint64_t>(
+        std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
+    document_.push_back({{"type", "report"},
+                         {"version", BLOBRING_VERSION},
+                         {"time", TimeOf(static_cast<int64_t>(now)).value_or("")}});
+    for (Json& object : StatObjects(view)) document_.push_back(std::move(object));
+    for (const BlobFault& fault : faults_) document_.push_back(FaultObject(fault));
+    document_.push_back({{"type", "check"},
+                         {"store", view.path()},
+                         {"blobs", view.blobs().size()},
+                         {"live_bytes", view.liveBytes()},
+                         {"blobs_read", blobsToo},
+                         {"faults", faults_.size()},
+                         {"sound", faults_.empty() && !view.damaged()}});
+    for (size_t i = 0; i < view.files().size(); ++i) AddFile(i);
+    AddTransactions();
+  }
+
+  Document Take() { return std::move(document_); }
+
+ private:
+  bool IsCurrent(size_t index) const {
+    return std::find(view_.current().begin(), view_.current().end(), index) !=
+           view_.current().end();
+  }
+
+  void AddFile(size_t index) {
+    const SlotFile& slotFile = view_.files()[index];
+    const uint64_t bins = std::clamp(kBinsOfStore / view_.files().size(), uint64_t{8}, kBinsOfFile);
+    if (slotFile.head.size == 0) return;
+    Regions regions(slotFile.head.size, bins);
+    if (slotFile.head.state == FileHead::State::kDamaged && !IsCurrent(index)) {
+      regions.AddUpTo(slotFile.head.size, State::kDamaged);
+    } else {
+      SalvageFile file(slotFile.path);
+      if (view_.isWalked(index))
+        AddWalked(index, file, regions);
+      else
+        AddOlder(slotFile, index % 2 == 0, file, regions);
+      AddRest(file, IsCurrent(index), regions);
+    }
+    for (const Region& region : regions.list())
+      document_.push_back({{"type", "region"},
+                           {"file", slotFile.path},
+                           {"begin", region.begin},
+                           {"end", region.end},
+                           {"state", NameOf(region.state)},
+                           {"live_bytes", region.liveBytes}});
+  }
+
+  // What was committed of it; of a pack that a repack began, nothing.
+  static void AddOlder(const SlotFile& slotFile, bool isPack, const SalvageFile& file,
+                       Regions& regions) {
+    const format::FileHeader& header = slotFile.head.header;
+    const bool isBegun = isPack && header.sequence == format::kSequenceReset;
+    const uint64_t end = isBegun ? format::kFileHeaderSize : header.endOffset;
+    regions.AddUpTo(std::min(end, file.size()), State::kOlder);
+  }
+
+  void AddWalked(size_t index, SalvageFile& file, Regions& regions) {
+    const SlotFile& slotFile = view_.files()[index];
+    const Walked& walked = view_.walked(index);
+    const std::map<uint64_t, uint64_t>& faults = faultEnds_[slotFile.path];
+    const bool isCurrent = IsCurrent(index);
+    const State whole = isCurrent ? State::kLive : State::kUnloaded;
+    regions.AddUpTo(format::kFileHeaderSize, whole);
+    WalkOptions options;
+    options.digest = false;
+    options.record = [&](const WalkedRecord& record) {
+      if (record.end() > walked.end) return;  // behind damage that only a digest shows
+      ThrowIfInterrupted();
+      if (isCurrent) Count(record);
+      if (faults.contains(record.offset)) {
+        regions.AddUpTo(record.offset, whole);
+        regions.AddUpTo(record.end(), State::kDamaged);
+      } else {
+        regions.AddUpTo(record.end(), !isCurrent              ? State::kUnloaded
+                                      : IsLive(index, record) ? State::kLive
+                                                              : State::kDead);
+      }
+    };
+    Walk(file, slotFile.head, options);
+    regions.AddUpTo(walked.end, regions.list().back().state == State::kDead ? State::kDead : whole);
+    if (!walked.damage) return;
+    const uint64_t end = std::min<uint64_t>(slotFile.head.header.endOffset, file.size());
+    if (walked.lastIsTorn) return regions.AddUpTo(end, State::kUncommitted);
+    for (auto at = faults.lower_bound(walked.end); at != faults.end() && at->first < end; ++at) {
+      regions.AddUpTo(at->first, State::kUnloaded);
+      regions.AddUpTo(std::min(at->second, file.size()), State::kDamaged);
+    }
+    regions.AddUpTo(end, State::kUnloaded);
+  }
+
+  bool IsLive(size_t index, const WalkedRecord& record) const {
+    const ViewedBlob* const blob = record.isStore ? view_.Find(record.hash) : nullptr;
+    return blob != nullptr && blob->file == index && blob->offset == record.offset;
+  }
+
+  static void AddRest(SalvageFile& file, bool isCurrent, Regions& regions) {
+    using Kind = Rest::Kind;
+    const uint64_t begin = regions.end();
+    uint64_t end = begin;
+    // Zeros read as stores of nothing.
+    const auto extend = [&end](const WalkedRecord& record) {
+      if (record.hash != blobring::Hash()) end = record.end();
+    };
+    const Kind kind = RestOf(file, begin, extend).kind;
+    // What an older file left behind may look like a transaction whose header was not written.
+    if (kind == Kind::kUnfinished || (kind == Kind::kUncounted && isCurrent))
+      regions.AddUpTo(std::min(std::max(end, begin + format::kStartSize), file.size()),
+                      State::kUncommitted);
+    const Kind last = RestOf(file, regions.end(), [](const WalkedRecord&) {}).kind;
+    regions.AddUpTo(file.size(), last == Kind::kZeros ? State::kFree : State::kOlder);
+  }
+
+  void Count(const WalkedRecord& record) {
+    Totals& totals = totals_[record.transactionId];
+    if (record.isStore) {
+      ++totals.stores;
+      totals.storedBytes += record.blobSize;
+      if (view_.Find(record.hash) == nullptr) deadSizes_[record.hash] = record.blobSize;
+      return;
+    }
+    ++totals.deletes;
+    const ViewedBlob* const stored = view_.Find(record.hash);
+    totals.deletedBytes += stored != nullptr ? stored->size : deadSizes_[record.hash];
+  }
+
+  void AddTransactions() {
+    const size_t binSize = (totals_.size() + kTransactionBins - 1) / kTransactionBins;
+    for (auto at = totals_.begin(); at != totals_.end();) {
+      const int64_t first = at->first;
+      int64_t last = first;
+      uint64_t count = 0;
+      Totals totals;
+      for (; count < binSize && at != totals_.end(); ++at, ++count) {
+        last = at->first;
+        totals += at->second;
+      }
+      const auto time = [](int64_t id) {
+        const std::optional<std::string> text = TimeOf(id);
+        return text ? Json(*text) : Json();
+      };
+      document_.push_back({{"type", "transaction_bin"},
+                           {"first_id", first},
+                           {"last_id", last},
+                           {"first_time", time(first)},
+                           {"last_time", time(last)},
+                           {"transactions", count},
+                           {"stores", totals.stores},
+                           {"stored_bytes", totals.storedBytes},
+                           {"deletes", totals.deletes},
+                           {"deleted_bytes", totals.deletedBytes}});
+    }
+  }
+
+  const StoreView& view_;
+  std::vector<BlobFault> faults_;
+  std::map<std::string, std::map<uint64_t, uint64_t>> faultEnds_;  // by path, then by offset
+  std::map<int64_t, Totals> totals_;                               // by transaction id
+  std::map<blobring::Hash, uint64_t> deadSizes_;
+  Document document_;
+};
+
+}  // namespace
+
+Document Collect(const StoreOptions& at, bool blobsToo) {
+  const StoreView view(at);
+  return Collector(view, blobsToo).Take();
+}
+
+}  // namespace tool
