@@ -33,10 +33,14 @@ BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, Wh
 
 void BatchWriter::MakeRoom(uint64_t blobSize) {
   const uint64_t bytes = format::kStoreHeadSize + blobSize + format::kStartSize + format::kEndSize;
-  if (journalBytes_ + bytes > kMaxJournalBytes) {
+  if (journalBytes_ > format::kFileHeaderSize && journalBytes_ + bytes > kMaxJournalBytes) {
     Commit();
-    store_.repack();
-    journalBytes_ = 0;
+    Progress progress("repacking", store_.stats().blobCount);
+    store_.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
+      progress.Show(done);
+      return true;
+    });
+    journalBytes_ = format::kFileHeaderSize;
   }
   journalBytes_ += bytes;
 }
@@ -70,6 +74,12 @@ void BatchWriter::Commit() {
   pending_.clear();
   pendingBytes_ = 0;
   committedLines_ += std::exchange(pendingLines_, {});
+}
+
+void BatchWriter::CommitInterrupted() {
+  Commit();
+  throw Interrupted("interrupted: {} committed, {}; run it again to go on",
+                    Count(committedCount_, "new blob"), HumanSize(committedBytes_));
 }
 
 }  // namespace tool

@@ -34,6 +34,10 @@ class BatchWriter {
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }
 
+  // For an interrupt: commits what was added, and throws Interrupted with what was committed in
+  // all.
+  [[noreturn]] void CommitInterrupted();
+
   // New blobs that were committed.
   uint64_t committedCount() const { return committedCount_; }
   uint64_t committedBytes() const { return committedBytes_; }

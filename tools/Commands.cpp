@@ -8,6 +8,7 @@
 
 #include "blobring/host.h"
 #include "tools/BatchWriter.h"
+#include "tools/Interrupt.h"
 #include "tools/StagedFile.h"
 
 namespace tool {
@@ -94,6 +95,7 @@ ExitStatus Put(const PutOptions& options) {
   bool all = true;
   try {
     for (const std::string& file : files.empty() ? std::vector<std::string>{"-"} : files) {
+      if (IsInterrupted()) throw Interrupted("interrupted: what was printed is committed");
       std::error_code ignored;
       if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
       std::string_view bytes;
@@ -141,10 +143,14 @@ ExitStatus Repack(const RepackOptions& options) {
     return kSuccess;
   }
   Progress progress("repacking", before.blobCount);
-  open.store.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
-    progress.Show(done);
-    return true;
-  });
+  try {
+    open.store.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
+      progress.Show(done);
+      return true;
+    });
+  } catch (const Interrupted&) {
+    throw Interrupted("interrupted: the store is as it was");
+  }
   const BCStatistics after = open.store.stats();
   Inform("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
          Count(after.blobCount, "blob"), HumanSize(after.liveBytes),

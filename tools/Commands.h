@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/Error.h"
+#include "tools/NameFilter.h"
 #include "tools/Open.h"
 
 namespace tool {
@@ -30,16 +31,10 @@ struct RemoveOptions {
   bool dryRun = false;              // print the hashes, delete nothing
 };
 // Deletes blobs in one transaction. Those that the store does not have are named; the others go.
-// Returns kNothing if any is not there, or none is to go.
+// Returns kNothing if any is not there, or none is to go. Throws UsageError, with nothing changed,
+// for a manifest that lists nothing, or nothing that the store has: it is not the one that was
+// meant.
 ExitStatus Remove(const RemoveOptions& options);
-
-// Which files of a tree or manifest are taken, by the patterns of fnmatch(3).
-struct NameFilter {
-  std::vector<std::string> include;  // empty: all
-  std::vector<std::string> exclude;  // wins
-
-  bool Takes(const std::string& name) const;
-};
 
 struct ImportOptions {
   StoreOptions at;
@@ -105,13 +100,14 @@ struct CopyOptions {
   bool dryRun = false;
 };
 // Copies blobs that the other store does not have. Its journal is repacked when it is full. A blob
-// that cannot be read is named; the others go on.
+// that cannot be read or is not there is named; the others go on. Returns kFault for damage,
+// kNothing if one is not there.
 ExitStatus Copy(const CopyOptions& options);
 
 struct VerifyOptions {
   StoreOptions at;
-  std::vector<std::string> manifests;
-  std::string write;  // a checksum file of all that was verified, if it is sound
+  std::vector<std::string> manifests;  // and checksum files, see ReadChecksums
+  std::string write;                   // a checksum file of all that was verified, if it is sound
   bool force = false;
   bool verbose = false;
 };
@@ -122,8 +118,12 @@ ExitStatus Verify(const VerifyOptions& options);
 struct CleanOptions {
   StoreOptions at;
   bool remove = false;
+  bool force = false;   // also files that were set aside and hold what the store does not have
+  bool dryRun = false;  // only list, whatever `remove` is
 };
-// Lists, or removes, what killed commands left and what was set aside.
+// Lists, or removes, what killed commands left and what was set aside. Returns kNothing if there is
+// nothing, kFault if a file that was to go stays. Throws Fault, with nothing removed, if the store
+// is damaged: what was set aside may be needed.
 ExitStatus Clean(const CleanOptions& options);
 
 }  // namespace tool

@@ -81,6 +81,24 @@ class TargetTree {
   Fd parentFd_;
 };
 
+// Restores one file and counts it, or says why not. Returns its bytes.
+uint64_t Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer,
+                 TargetTree& target, Existing existing, uint64_t& fileCount) {
+  std::string what = entry.name + ": ";
+  try {
+    const ViewedBlob* found = view.Find(entry.hash);
+    if (found == nullptr) throw Fault("{} has no blob {}", view.path(), entry.hash.text());
+    const std::string_view blob = view.Read(*found, buffer);
+    what.clear();  // the target's messages name the file themselves
+    target.Write(entry.name, blob, existing);
+    ++fileCount;
+    return blob.size();
+  } catch (const Fault& fault) {
+    Say("{}{}", what, fault.what());
+    return 0;
+  }
+}
+
 ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEntry>& entries,
                              const ExportOptions& options) {
   bool all = true;
@@ -92,7 +110,7 @@ ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEn
     std::string obstacle;
     if (view.Find(entry.hash) == nullptr)
       obstacle = fmt::format("{} has no blob {}", view.path(), entry.hash.text());
-    else if (!options.force && stdfs::exists(path, ignored))
+    else if (!options.force && stdfs::exists(stdfs::symlink_status(path, ignored)))
       obstacle = "it exists and would be kept";
     all = all && obstacle.empty();
     if (obstacle.empty())
@@ -124,29 +142,23 @@ ExitStatus Export(const ExportOptions& options) {
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
   Buffer buffer;
   uint64_t byteCount = 0;
-  uint64_t failureCount = 0;
+  uint64_t fileCount = 0;
   Progress progress("restoring", entries.size());
-  for (const ManifestEntry& entry : entries) {
-    std::string what = entry.name + ": ";
-    std::string_view blob;
-    try {
-      const ViewedBlob* found = view.Find(entry.hash);
-      if (found == nullptr) throw Fault("{} has no blob {}", view.path(), entry.hash.text());
-      blob = view.Read(*found, buffer);
-      what.clear();  // the target's messages name the file themselves
-      target.Write(entry.name, blob, existing);
-      byteCount += blob.size();
-    } catch (const Fault& fault) {
-      ++failureCount;
-      Say("{}{}", what, fault.what());
+  try {
+    for (const ManifestEntry& entry : entries) {
+      const uint64_t size = Restore(view, entry, buffer, target, existing, fileCount);
+      byteCount += size;
+      progress.Advance(size);
     }
-    progress.Advance(blob.size());
+  } catch (const Interrupted&) {
+    target.Sync();
+    throw Interrupted("interrupted: {} of {} restored", fileCount, Count(entries.size(), "file"));
   }
   target.Sync();
-  Inform("restored {}, {}, in {:.1f} s", Count(entries.size() - failureCount, "file"),
-         HumanSize(byteCount), progress.Elapsed());
-  if (failureCount == 0) return view.damaged() ? kFault : kSuccess;
-  Say("{} not restored{}", Count(failureCount, "file"),
+  Inform("restored {}, {}, in {:.1f} s", Count(fileCount, "file"), HumanSize(byteCount),
+         progress.Elapsed());
+  if (fileCount == entries.size()) return view.damaged() ? kFault : kSuccess;
+  Say("{} not restored{}", Count(entries.size() - fileCount, "file"),
       options.force ? "" : "; --force replaces files that exist");
   return kFault;
 }

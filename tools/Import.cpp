@@ -1,9 +1,7 @@
 // A tree of files into a store.
-#include <fnmatch.h>
 #include <fts.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -11,6 +9,7 @@
 
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
+#include "tools/Interrupt.h"
 #include "tools/Manifest.h"
 #include "tools/StagedFile.h"
 #include "tools/look/StoreView.h"
@@ -57,7 +56,7 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
     return path.substr(path.find_first_not_of('/', root.size()));
   };
   errno = 0;
-  for (; const FTSENT* entry = ::fts_read(walk.get()); errno = 0) {
+  for (; FTSENT* entry = ::fts_read(walk.get()); errno = 0) {
     const std::string path = entry->fts_path;
     const struct stat& status = *entry->fts_statp;
     const auto leaveOut = [&](std::string_view why, uint64_t& count) {
@@ -69,7 +68,11 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
       errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
       ThrowErrno("read " + directory);
     }
-    if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
+    ThrowIfInterrupted();
+    if (kind == FTS_D && entry->fts_level != 0 && filter.Excludes(nameOf(path))) {
+      leaveOut("not asked for", tree.filteredCount);
+      ::fts_set(walk.get(), entry, FTS_SKIP);
+    } else if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
       ++tree.unreadableCount;
       Say("cannot read {}: {}", path, std::strerror(entry->fts_errno));
     } else if (kind == FTS_SL || kind == FTS_SLNONE) {
@@ -152,7 +155,8 @@ void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
     Inform("left out: {}, {}, {} of the store or the manifest",
            Count(tree.symbolicLinkCount, "symbolic link"),
            Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
-  if (tree.filteredCount != 0) Inform("not asked for: {}", Count(tree.filteredCount, "file"));
+  if (tree.filteredCount != 0)
+    Inform("not asked for: {}", Count(tree.filteredCount, "file or directory"));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
     Say("{} could not be stored and {} not in the manifest",
@@ -183,27 +187,10 @@ ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
   PrintText(text);
   Inform("{} of {} would be stored, {}", Count(added.size(), "new blob"),
          Count(tree.files.size(), "file"), HumanSize(bytes));
-  return failureCount == 0 ? kSuccess : kFault;
+  return failureCount == 0 && !view.damaged() ? kSuccess : kFault;
 }
 
 }  // namespace
-
-// A pattern without a slash is for the last part of a name; one that matches a directory is for all
-// that lies in it.
-bool NameFilter::Takes(const std::string& name) const {
-  const auto matches = [&name](const std::string& pattern) {
-    const bool isPath = pattern.find('/') != std::string::npos;
-    for (size_t end = name.find('/');; end = name.find('/', end + 1)) {
-      const std::string whole = name.substr(0, end);
-      const std::string part = isPath ? whole : whole.substr(whole.rfind('/') + 1);
-      const char* const wanted = pattern.c_str() + (pattern.starts_with('/') ? 1 : 0);
-      if (::fnmatch(wanted, part.c_str(), FNM_PATHNAME) == 0) return true;
-      if (end == std::string::npos) return false;
-    }
-  };
-  return (include.empty() || std::any_of(include.begin(), include.end(), matches)) &&
-         std::none_of(exclude.begin(), exclude.end(), matches);
-}
 
 ExitStatus Import(const ImportOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
@@ -225,10 +212,7 @@ ExitStatus Import(const ImportOptions& options) {
       }
       writer.Commit();
     } catch (const Interrupted&) {
-      writer.Commit();
-      throw Interrupted("interrupted: {} committed, {}; run it again to go on",
-                        Count(writer.committedCount(), "new blob"),
-                        HumanSize(writer.committedBytes()));
+      writer.CommitInterrupted();
     }
   } catch (...) {
     if (!out.isFile()) out.Write(lines);

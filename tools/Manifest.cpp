@@ -1,7 +1,6 @@
 #include "tools/Manifest.h"
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 
 #include "tools/Error.h"
@@ -50,14 +49,6 @@ std::string Reordered(std::string_view line) {
                      line.substr(kBegin.size(), middle - kBegin.size()));
 }
 
-// What a checksum file protects; the whole of any other file.
-std::string_view Protected(std::string_view file) {
-  if (file.size() < format::kDigestSize) return file;
-  const std::string_view rest = file.substr(format::kDigestSize);
-  const blobring::Hash digest = blobring::Hash::of(std::as_bytes(std::span(rest)));
-  return std::memcmp(digest.data(), file.data(), format::kDigestSize) == 0 ? rest : file;
-}
-
 std::optional<ManifestEntry> ParseLine(std::string_view text) {
   if (text.ends_with('\r')) text.remove_suffix(1);
   const bool isEscaped = text.starts_with('\\');
@@ -75,6 +66,52 @@ std::optional<ManifestEntry> ParseLine(std::string_view text) {
   return ManifestEntry{*hash, *name};
 }
 
+// Appends what the lines list. Returns the number of the first one that has another form, or 0.
+size_t ParseLines(std::string_view rest, std::vector<ManifestEntry>& entries) {
+  for (size_t number = 1; !rest.empty(); ++number) {
+    const std::string_view line = rest.substr(0, rest.find('\n'));
+    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
+    if (line.starts_with('#')) continue;
+    std::optional<ManifestEntry> entry = ParseLine(line);
+    if (!entry) return number;
+    entries.push_back(*std::move(entry));
+  }
+  return 0;
+}
+
+blobring::Hash DigestOf(std::string_view bytes) {
+  return blobring::Hash::of(std::as_bytes(std::span(bytes)));
+}
+
+std::string_view BytesOf(const blobring::Hash& digest) {
+  return {reinterpret_cast<const char*>(digest.data()), blobring::Hash::kSize};
+}
+
+// As the 16 bytes of a digest are, but for one in two million.
+bool BeginsWithBinary(std::string_view file) {
+  const std::string_view begin = file.substr(0, blobring::Hash::kSize);
+  return std::any_of(begin.begin(), begin.end(),
+                     [](char c) { return c < ' ' && c != '\t' && c != '\n' && c != '\r'; });
+}
+
+std::vector<ManifestEntry> Read(const std::string& path, bool isBlobTaken) {
+  Buffer buffer;
+  const std::string_view file = ReadStream(path, buffer);
+  std::string_view text = file;
+  const blobring::Hash digest = DigestOf(file.substr(std::min(file.size(), blobring::Hash::kSize)));
+  const bool isProtected = file.starts_with(BytesOf(digest));
+  if (isProtected) text.remove_prefix(blobring::Hash::kSize);
+  std::vector<ManifestEntry> entries;
+  const size_t badLine = ParseLines(text, entries);
+  if (isProtected && isBlobTaken && (badLine != 0 || entries.empty())) return {{digest, path}};
+  if (badLine == 1 && BeginsWithBinary(file))
+    throw Fault("{} is neither a list of checksums nor an intact checksum file of one", path);
+  if (badLine != 0)
+    throw UsageError("{} line {}: wanted a hash of 32 digits, two spaces and a name", path,
+                     badLine);
+  return entries;
+}
+
 }  // namespace
 
 std::string ManifestLine(const ManifestEntry& entry) {
@@ -83,20 +120,17 @@ std::string ManifestLine(const ManifestEntry& entry) {
 }
 
 std::vector<ManifestEntry> ReadManifest(const std::string& path) {
-  Buffer buffer;
-  std::string_view rest = Protected(ReadStream(path, buffer));
-  std::vector<ManifestEntry> entries;
-  for (size_t number = 1; !rest.empty(); ++number) {
-    const std::string_view line = rest.substr(0, rest.find('\n'));
-    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-    if (line.starts_with('#')) continue;
-    std::optional<ManifestEntry> entry = ParseLine(line);
-    if (!entry)
-      throw UsageError("{} line {}: wanted a hash of 32 digits, two spaces and a name", path,
-                       number);
-    entries.push_back(*std::move(entry));
-  }
-  return entries;
+  return Read(path, false);
+}
+
+std::vector<ManifestEntry> ReadChecksums(const std::string& path) {
+  return Read(path, true);
+}
+
+std::string ChecksumFile(const std::vector<ManifestEntry>& entries) {
+  std::string lines;
+  for (const ManifestEntry& entry : entries) lines += ManifestLine(entry);
+  return std::string(BytesOf(DigestOf(lines))) + lines;
 }
 
 }  // namespace tool

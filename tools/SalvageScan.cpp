@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstring>
 
+#include "tools/Console.h"
+
 namespace tool {
 namespace {
 
@@ -33,7 +35,8 @@ struct Candidate {
 
 class Scanner {
  public:
-  Scanner(SalvageFile& file, SalvageScan& scan) : file_(file), scan_(scan) {}
+  Scanner(const std::string& path, SalvageFile& file, SalvageScan& scan)
+      : file_(file), scan_(scan), progress_("scanning " + path, 0) {}
 
   void Run() {
     const uint64_t size = file_.size();
@@ -82,6 +85,7 @@ class Scanner {
   // Returns where the records break off, or the limit.
   uint64_t Follow(uint64_t at, uint64_t limit) {
     while (at < limit) {
+      progress_.ShowBytes(at, file_.size());
       file_.From(at, format::kStartSize);  // moves the window along
       const Candidate record = At(at);
       if (record.size == 0 || Contains(known_, at)) break;  // none, or followed before
@@ -135,6 +139,7 @@ class Scanner {
     mostInVain_ = kProbeFactor * (end - at);
     transaction_ = 0;
     while ((at = NextCandidate(at, end)) < end) {
+      progress_.ShowBytes(at, file_.size());
       const Candidate record = At(at);
       at = ProbeBlob(at, record, end) ? Follow(at + record.size, end) : at + 1;
     }
@@ -194,6 +199,7 @@ class Scanner {
 
   SalvageFile& file_;
   SalvageScan& scan_;
+  Progress progress_;
   Ranges known_;     // all records but broken ones
   Ranges verified_;  // those that match a hash or their transaction's digest
   // Of the last transaction, where its end record lies; of the last complete one, its end.
@@ -213,7 +219,7 @@ SalvageScan Scan(const std::string& path) {
   file.Read(0, bytes.data(), bytes.size());
   scan.head = FileHead::Judge(bytes.data(), file.size());
   scan.committedEnd = scan.IsSound() ? scan.head.header.endOffset : file.size();
-  Scanner(file, scan).Run();
+  Scanner(path, file, scan).Run();
   scan.unreadable = file.unreadable();
   return scan;
 }

@@ -51,18 +51,17 @@ void AddWorkingCommands(CommandLine& line) {
         Group::kWork,
         {"rm", "delete blobs",
          "All in one transaction. The space is free once `blobring repack` has gone through "
-         "all slots.",
-         "blobring rm /data/store 591785b794601e212b260e25925636fd"},
+         "all slots. A manifest that lists nothing, or nothing that the store has, is refused.",
+         "blobring rm /data/store 591785b794601e212b260e25925636fd\n"
+         "blobring rm --dry-run /data/store --not-in photos.md5 letters.md5"},
         Remove);
     CommandLine::AddStore(command, options.at, Access::kChange);
     command.add_option("HASH", options.hashes,
                        "the blobs' hashes, or at least 6 digits of each; - for standard input");
     command
         .add_option("--not-in", options.notIn,
-                    "delete every blob that this manifest does not list; may be repeated")
-        ->type_name("MANIFEST")
-        ->expected(1)
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+                    "delete every blob that none of these manifests lists; last on the line")
+        ->type_name("MANIFEST");
     command.add_flag("--dry-run", options.dryRun, "print the hashes, delete nothing");
   }
   {
@@ -135,12 +134,12 @@ void AddWorkingCommands(CommandLine& line) {
   }
   {
     auto [command, options] =
-        line.Add(Group::kWork,
+        line.Add(Group::kLook,
                  {"verify", "compare a store with manifests",
-                  "Takes the lists of md5sum(1), with --tag or without, and checksum files: such a "
-                  "list behind the 16 bytes of its own MD5 digest. Names what is missing or "
-                  "damaged. With --write, what was verified becomes a checksum file if all of it "
-                  "is sound.",
+                  "Takes the lists of md5sum(1), with --tag or without, and checksum files: the 16 "
+                  "bytes of an MD5 digest, then what they are the digest of. That is such a list, "
+                  "as --write makes it, or else one blob. Names what is missing or damaged. With "
+                  "--write, what was verified becomes a checksum file if all of it is sound.",
                   "blobring verify /data/store photos.md5"},
                  Verify);
     CommandLine::AddStore(command, options.at, Access::kLook);
@@ -187,7 +186,10 @@ void AddWorkingCommands(CommandLine& line) {
                   "blobring clean --delete /data/store"},
                  Clean);
     CommandLine::AddStore(command, options.at, Access::kChange);
-    command.add_flag("--delete", options.remove, "remove them");
+    command.add_flag("--delete", options.remove,
+                     "remove them, but for files with blobs that the store does not have");
+    command.add_flag("--force", options.force, "with --delete: remove those as well");
+    command.add_flag("--dry-run", options.dryRun, "remove nothing");
   }
 }
 

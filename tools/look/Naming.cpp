@@ -4,6 +4,7 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
+#include <set>
 #include <sstream>
 
 #include "tools/Error.h"
@@ -64,6 +65,21 @@ const ViewedBlob& Named(const StoreView& view, std::string_view digits) {
     shown.push_back(found[i]->hash.text());
   throw UsageError("{} is ambiguous, {} blobs begin with it: {}{}", digits, found.size(),
                    fmt::join(shown, " "), found.size() > kMostShown ? " ..." : "");
+}
+
+NamedBlobs Named(const StoreView& view, const std::vector<std::string>& names) {
+  NamedBlobs named;
+  std::set<const ViewedBlob*> unique;  // which lie in the order of their hashes
+  for (const std::string& name : names) {
+    try {
+      unique.insert(&Named(view, name));
+    } catch (const NothingFound& nothing) {
+      named.allThere = false;
+      Say("{}", nothing.what());
+    }
+  }
+  named.blobs.assign(unique.begin(), unique.end());
+  return named;
 }
 
 std::optional<std::string> TimeOf(int64_t transactionId) {

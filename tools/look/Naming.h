@@ -19,6 +19,14 @@ std::vector<const ViewedBlob*> Matching(const StoreView& view, std::string_view 
 // for its form, or several; NothingFound if there is no such blob.
 const ViewedBlob& Named(const StoreView& view, std::string_view digits);
 
+// The blobs of several names in ascending order of their hashes, each once. Those that are not
+// there are named. Throws UsageError as above.
+struct NamedBlobs {
+  std::vector<const ViewedBlob*> blobs;
+  bool allThere = true;
+};
+NamedBlobs Named(const StoreView& view, const std::vector<std::string>& names);
+
 // "2026-11-25T08:00:00Z" where an id is plausibly a time in microseconds, as this tool writes it,
 // in milliseconds, or in seconds since 1970.
 std::optional<std::string> TimeOf(int64_t transactionId);

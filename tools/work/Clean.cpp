@@ -3,11 +3,15 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <optional>
+#include <regex>
 #include <set>
 
 #include "tools/Commands.h"
 #include "tools/Json.h"
+#include "tools/SalvageScan.h"
 #include "tools/look/StoreView.h"
 
 namespace tool {
@@ -15,23 +19,35 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
+enum class Kind { kTemporary, kSetAside, kRepack };
+
 struct Leftover {
   std::string path;
-  std::string what;
+  Kind kind;
   uint64_t size = 0;
+  uint64_t onlyHere = 0;  // blobs that the store does not have
+  bool removed = false;
 };
 
-// Names what nothing uses any more; nothing for other files.
-std::string WhatIs(const stdfs::path& path) {
+std::string_view WhatIs(Kind kind) {
+  return kind == Kind::kTemporary  ? "temporary file of a killed command"
+         : kind == Kind::kSetAside ? "part of a damaged store, set aside"
+                                   : "repack that did not finish";
+}
+
+// Nothing for files that are not leftovers.
+std::optional<Kind> KindOf(const stdfs::path& path) {
+  static const std::regex kForm(R"((?:0|[1-9][0-9]{0,8})\.(?:pak|jrn)(\.kept-[0-9]+|\.new))");
   const std::string name = path.filename().string();
   if (name.starts_with(".blobring-") && name.ends_with(".tmp")) {
+    // The process that writes it has it locked.
     const Fd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     const bool isFree = file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0;
-    return isFree ? "temporary file of a killed command" : "";
+    return isFree ? std::optional(Kind::kTemporary) : std::nullopt;
   }
-  if (name.find(".pak.kept-") != std::string::npos || name.find(".jrn.kept-") != std::string::npos)
-    return "copy of a damaged file, set aside";
-  return name.ends_with(".pak.new") ? "repack that did not finish" : "";
+  std::smatch match;
+  if (!std::regex_match(name, match, kForm)) return std::nullopt;
+  return match[1] == ".new" ? Kind::kRepack : Kind::kSetAside;
 }
 
 std::vector<Leftover> Find(const Layout& layout) {
@@ -40,45 +56,75 @@ std::vector<Leftover> Find(const Layout& layout) {
   std::vector<Leftover> found;
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory)) {
-      const std::string what = entry.is_regular_file() ? WhatIs(entry.path()) : "";
-      if (!what.empty()) found.push_back({entry.path().string(), what, entry.file_size()});
+      if (!entry.is_regular_file()) continue;
+      if (const std::optional<Kind> kind = KindOf(entry.path()))
+        found.push_back({entry.path().string(), *kind, entry.file_size()});
     }
+  std::sort(found.begin(), found.end(),
+            [](const Leftover& a, const Leftover& b) { return a.path < b.path; });
   return found;
+}
+
+uint64_t BlobsOnlyIn(const std::string& path, const StoreView& view) {
+  std::set<blobring::Hash> hashes;
+  for (const SalvagedRecord& record : Scan(path).records)
+    if (record.kind == SalvagedRecord::Kind::kBlob && view.Find(record.hash) == nullptr)
+      hashes.insert(record.hash);
+  return hashes.size();
 }
 
 }  // namespace
 
 ExitStatus Clean(const CleanOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
+  const bool isRemoving = options.remove && !options.dryRun;
   std::vector<Leftover> found;
   {
-    // While files go, the store is ours, and known to be sound without them.
-    std::optional<OpenStore> open;
-    if (options.remove) open.emplace(options.at, Access::kChange);
+    const StoreView view({layout.store(), 0, {}, false});
+    if (view.damaged() && isRemoving)
+      throw Fault("the store {} is damaged, what was set aside may be needed; nothing was removed",
+                  layout.store());
+    // Locked, but not for changes: opening a damaged store for them is what sets files aside.
+    std::optional<OpenStore> lock;
+    if (isRemoving) lock.emplace(options.at, Access::kLook);
     found = Find(layout);
-    for (const Leftover& leftover : found)
-      if (options.remove && ::unlink(leftover.path.c_str()) != 0)
-        ThrowErrno("remove " + leftover.path);
+    for (Leftover& leftover : found) {
+      if (leftover.kind == Kind::kSetAside) leftover.onlyHere = BlobsOnlyIn(leftover.path, view);
+      if (!isRemoving || (leftover.onlyHere != 0 && !options.force)) continue;
+      if (::unlink(leftover.path.c_str()) != 0) ThrowErrno("remove " + leftover.path);
+      leftover.removed = true;
+    }
   }
   std::string text;
   uint64_t bytes = 0;
+  uint64_t removedCount = 0;
   for (const Leftover& leftover : found) {
     bytes += leftover.size;
-    text += consoleOptions.json ? JsonLine({{"type", "leftover"},
-                                            {"path", leftover.path},
-                                            {"size", leftover.size},
-                                            {"what", leftover.what},
-                                            {"removed", options.remove}})
-                                : fmt::format("{} ({}): {}\n", leftover.path,
-                                              HumanSize(leftover.size), leftover.what);
+    removedCount += leftover.removed ? 1 : 0;
+    if (consoleOptions.json)
+      text += JsonLine({{"type", "leftover"},
+                        {"path", leftover.path},
+                        {"size", leftover.size},
+                        {"what", WhatIs(leftover.kind)},
+                        {"blobs_only_here", leftover.onlyHere},
+                        {"removed", leftover.removed}});
+    else
+      text += fmt::format(
+          "{} ({}): {}{}\n", leftover.path, HumanSize(leftover.size), WhatIs(leftover.kind),
+          leftover.onlyHere == 0
+              ? ""
+              : fmt::format(", {} that the store does not have", Count(leftover.onlyHere, "blob")));
   }
   PrintText(text);
   Inform("{}, {}{}", Count(found.size(), "file"), HumanSize(bytes),
-         options.remove  ? " removed"
+         isRemoving      ? fmt::format("; {} removed", removedCount)
          : found.empty() ? ""
-                         : "; --delete removes them: look into copies that were set aside first, "
-                           "`blobring salvage` reads them");
-  return found.empty() ? kNothing : kSuccess;
+                         : "; --delete removes them");
+  if (found.empty()) return kNothing;
+  if (!isRemoving || removedCount == found.size()) return kSuccess;
+  Say("what has blobs that the store does not have was kept: `blobring salvage` copies them into a "
+      "new store, --force removes it");
+  return kFault;
 }
 
 }  // namespace tool

@@ -10,27 +10,7 @@
 namespace tool {
 namespace {
 
-struct Chosen {
-  std::vector<const ViewedBlob*> blobs;
-  bool allThere = true;
-};
-
-Chosen ByName(const StoreView& view, const std::vector<std::string>& names) {
-  Chosen chosen;
-  std::set<const ViewedBlob*> unique;
-  for (const std::string& name : names) {
-    try {
-      unique.insert(&Named(view, name));
-    } catch (const NothingFound& nothing) {
-      chosen.allThere = false;
-      Say("{}", nothing.what());
-    }
-  }
-  chosen.blobs.assign(unique.begin(), unique.end());
-  return chosen;
-}
-
-Chosen NotIn(const StoreView& view, const std::vector<std::string>& manifests) {
+NamedBlobs NotIn(const StoreView& view, const std::vector<std::string>& manifests) {
   std::set<blobring::Hash> listed;
   for (const std::string& path : manifests) {
     const std::vector<ManifestEntry> entries = ReadManifest(path);
@@ -38,9 +18,12 @@ Chosen NotIn(const StoreView& view, const std::vector<std::string>& manifests) {
       throw UsageError("{} lists no file: that would delete what it is to keep", path);
     for (const ManifestEntry& entry : entries) listed.insert(entry.hash);
   }
-  Chosen chosen;
+  NamedBlobs chosen;
   for (const ViewedBlob& blob : view.blobs())
     if (!listed.contains(blob.hash)) chosen.blobs.push_back(&blob);
+  if (!view.blobs().empty() && chosen.blobs.size() == view.blobs().size())
+    throw UsageError("{} has nothing of what is listed, so all of it would go; nothing was changed",
+                     view.path());
   return chosen;
 }
 
@@ -52,23 +35,23 @@ ExitStatus Remove(const RemoveOptions& options) {
   LayoutOf(options.at, Access::kChange);
   const std::vector<std::string> names = HashArguments(options.hashes);
   const StoreView view({options.at.directory, 0, {}, false});
-  const Chosen chosen = options.notIn.empty() ? ByName(view, names) : NotIn(view, options.notIn);
+  const NamedBlobs chosen = options.notIn.empty() ? Named(view, names) : NotIn(view, options.notIn);
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : chosen.blobs) bytes += blob->size;
+  const ExitStatus status = chosen.allThere && !chosen.blobs.empty() ? kSuccess : kNothing;
   if (options.dryRun) {
     std::string text;
     for (const ViewedBlob* blob : chosen.blobs) text += blob->hash.text() + "\n";
     PrintText(text);
     Inform("{} would be deleted, {}", Count(chosen.blobs.size(), "blob"), HumanSize(bytes));
-    return chosen.allThere && !chosen.blobs.empty() ? kSuccess : kNothing;
+    return status;
   }
   OpenStore open(options.at, Access::kChange);
   if (!chosen.blobs.empty()) {
-    Progress progress("deleting", chosen.blobs.size());
     blobring::Transaction change(open.store, TransactionId());
     for (const ViewedBlob* blob : chosen.blobs) {
+      if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
       open.store.erase(blob->hash);
-      progress.Advance(0);
     }
     change.commit();
   }
@@ -76,7 +59,7 @@ ExitStatus Remove(const RemoveOptions& options) {
   Inform("{} deleted, {}; `blobring repack` gives the space back{}",
          Count(chosen.blobs.size(), "blob"), HumanSize(bytes),
          slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
-  return chosen.allThere && !chosen.blobs.empty() ? kSuccess : kNothing;
+  return status;
 }
 
 }  // namespace tool

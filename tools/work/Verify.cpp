@@ -28,26 +28,17 @@ Verdict Judge(const StoreView& view, const blobring::Hash& hash, Buffer& buffer)
   return Verdict::kOk;
 }
 
-// The files that were verified as one checksum file: the digest of what follows, then their lines.
-void WriteChecksumFile(const std::vector<ManifestEntry>& entries, const std::string& path,
-                       bool force) {
-  std::string lines;
-  for (const ManifestEntry& entry : entries) lines += ManifestLine(entry);
-  const blobring::Hash digest = blobring::Hash::of(std::as_bytes(std::span(lines)));
-  Output out(path, force ? Existing::kReplace : Existing::kKeep);
-  out.Write({reinterpret_cast<const char*>(digest.data()), format::kDigestSize});
-  out.Write(lines);
-  out.Finish();
-}
-
 }  // namespace
 
 ExitStatus Verify(const VerifyOptions& options) {
   std::vector<ManifestEntry> entries;
   for (const std::string& path : options.manifests) {
-    const std::vector<ManifestEntry> more = ReadManifest(path);
+    const std::vector<ManifestEntry> more = ReadChecksums(path);
     entries.insert(entries.end(), more.begin(), more.end());
   }
+  std::optional<Output> out;
+  if (!options.write.empty())
+    out.emplace(options.write, options.force ? Existing::kReplace : Existing::kKeep);
   const StoreView view(options.at);
   std::map<blobring::Hash, Verdict> verdicts;  // a blob of several names is read once
   std::map<Verdict, uint64_t> counts;
@@ -71,10 +62,15 @@ ExitStatus Verify(const VerifyOptions& options) {
   PrintText(text);
   Inform("verified {}: {} ok, {} missing, {} damaged", Count(entries.size(), "file"),
          counts[Verdict::kOk], counts[Verdict::kMissing], counts[Verdict::kDamaged]);
-  if (counts[Verdict::kDamaged] != 0 || view.damaged()) return kFault;
-  if (counts[Verdict::kMissing] != 0 || entries.empty()) return kNothing;
-  if (!options.write.empty()) WriteChecksumFile(entries, options.write, options.force);
-  return kSuccess;
+  const bool sound = counts[Verdict::kDamaged] == 0 && !view.damaged();
+  const bool all = counts[Verdict::kMissing] == 0 && !entries.empty();
+  if (out && sound && all) {
+    out->Write(ChecksumFile(entries));
+    out->Finish();
+  } else if (out) {
+    Say("{} was not written: not all is sound", options.write);
+  }
+  return !sound ? kFault : all ? kSuccess : kNothing;
 }
 
 }  // namespace tool
