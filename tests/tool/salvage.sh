@@ -4,10 +4,6 @@
 . "$(dirname "$0")/support.sh" "$@"
 failing_reads=$2
 
-word() { # FILE OFFSET VALUE: a little-endian word of 32 bits
-  printf '%08x' "$3" | sed -E 's/(..)(..)(..)(..)/\\x\4\\x\3\\x\2\\x\1/' | xargs -0 printf '%b' |
-    dd of="$1" bs=1 seek="$2" conv=notrunc status=none
-}
 fill() { head -c "$4" "$1" | dd of="$2" bs=1 seek="$3" conv=notrunc status=none; } # SOURCE FILE OFFSET SIZE
 place() { LC_ALL=C grep -obaF -m1 "blob $2 " "$1" | head -1 | cut -d: -f1; }      # FILE BLOB: where its data begins
 

@@ -36,3 +36,8 @@ flip_byte() {
   byte=$(od -An -tu1 -j "$2" -N 1 "$1")
   printf '%b' "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
+
+word() { # FILE OFFSET VALUE: a little-endian word of 32 bits
+  printf '%08x' "$3" | sed -E 's/(..)(..)(..)(..)/\\x\4\\x\3\\x\2\\x\1/' | xargs -0 printf '%b' |
+    dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}

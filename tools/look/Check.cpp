@@ -8,12 +8,14 @@
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
 #include "tools/look/Objects.h"
+#include "tools/look/Rest.h"
 
 namespace tool {
 namespace {
 
 constexpr size_t kBatchBytes = size_t{4} * 1024 * 1024;
 constexpr size_t kBatchBlobs = 4096;
+constexpr int kMostAttempts = 5;
 
 // Many blobs, digested side by side.
 class BlobBatch {
@@ -75,29 +77,61 @@ void ScanDamaged(const StoreView& view, size_t index, std::vector<BlobFault>& fa
   if (!isNamed) faults.push_back({path, damage.offset, std::nullopt, 0, damage.what});
 }
 
-ExitStatus CheckHeaders(const StoreOptions& at) {
-  bool sound = true;
+std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   std::vector<SlotFile> files;
   std::error_code ignored;
-  if (std::filesystem::is_directory(at.directory, ignored))
+  const bool isStore = std::filesystem::is_directory(at.directory, ignored);
+  if (isStore)
     files = LayoutOf(at, Access::kLook).ReadFiles();
   else
     files = {{at.directory, ReadHead(at.directory)}};
-  bool isUsed = false;
-  for (const SlotFile& file : files) isUsed = isUsed || file.HasRecords();
-  std::string text;
+  count = files.size();
+  const bool isUsed = !isStore || std::any_of(files.begin(), files.end(), [](const SlotFile& file) {
+    return file.HasRecords();
+  });
+  std::vector<BlobFault> faults;
   for (const SlotFile& file : files) {
-    const bool missing = file.head.state == FileHead::State::kMissing;
-    if (!(missing && isUsed) && file.head.state != FileHead::State::kDamaged) continue;
-    sound = false;
-    const BlobFault fault = {file.path, 0, std::nullopt, 0, missing ? "missing" : "damaged header"};
+    if (file.head.state == FileHead::State::kMissing && isUsed)
+      faults.push_back({file.path, 0, std::nullopt, 0, "missing"});
+    if (file.head.state == FileHead::State::kDamaged)
+      faults.push_back({file.path, 0, std::nullopt, 0, "damaged header"});
+  }
+  return faults;
+}
+
+ExitStatus CheckHeaders(const StoreOptions& at) {
+  size_t count = 0;
+  std::vector<BlobFault> faults = HeaderFaults(at, count);
+  if (!faults.empty()) faults = HeaderFaults(at, count);  // a file may have been cut meanwhile
+  std::string text;
+  for (const BlobFault& fault : faults)
     text += consoleOptions.json ? JsonLine(FaultObject(fault))
                                 : fmt::format("{}: {}\n", fault.path, fault.what);
-  }
   PrintText(text);
-  Inform("checked {}: {}", Count(files.size(), "header"),
-         sound ? "every one is sound" : "the store is damaged");
-  return sound ? kSuccess : kFault;
+  Inform("checked {}: {}", Count(count, "header"),
+         faults.empty() ? "every one is sound" : "the store is damaged");
+  return faults.empty() ? kSuccess : kFault;
+}
+
+// Older generations, and what no header counts, are no fault.
+void SayUnchecked(const StoreView& view) {
+  for (size_t i = 0; i < view.files().size(); ++i) {
+    const SlotFile& file = view.files()[i];
+    if (view.isWalked(i)) {
+      const uint64_t end = file.head.header.endOffset;
+      const bool hasRest = file.head.state == FileHead::State::kSound && end < file.head.size;
+      if (!hasRest) continue;
+      SalvageFile opened(file.path);
+      const Rest rest = RestOf(opened, file.head.header, end, [](const auto&, auto) {});
+      if (rest.kind != Rest::Kind::kZeros)
+        Inform("{} behind the records of {} do not count: {}", Count(rest.size, "byte"), file.path,
+               rest.what);
+    } else if (file.HasRecords() && file.head.state == FileHead::State::kSound) {
+      Inform("{} is of an older generation and was not checked", file.path);
+    }
+  }
+  for (const std::string& path : UnfinishedRepacks(view))
+    Inform("{} is of an unfinished repack and counts for nothing", path);
 }
 
 void SayAdvice(const StoreView& view) {
@@ -138,8 +172,16 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
 
 ExitStatus Check(const CheckOptions& options) {
   if (options.quick) return CheckHeaders(options.at);
-  const StoreView view(options.at);
-  const std::vector<BlobFault> faults = FindFaults(view, !options.structure);
+  std::optional<StoreView> opened(options.at);
+  std::vector<BlobFault> faults = FindFaults(*opened, !options.structure);
+  for (int attempt = 0; !faults.empty() && opened->IsStale(); ++attempt) {
+    if (attempt == kMostAttempts)
+      throw FailureOf<kHeld>("{} changed each time it was read: another process is at work on it",
+                             opened->path());
+    opened.emplace(options.at);  // what was read had been overwritten by a repack
+    faults = FindFaults(*opened, !options.structure);
+  }
+  const StoreView& view = *opened;
   const bool sound = faults.empty() && !view.damaged();
   std::string text;
   for (const BlobFault& fault : faults) {
@@ -164,6 +206,7 @@ ExitStatus Check(const CheckOptions& options) {
     Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
         "{} NEW` reads it",
         path, view.path());
+  SayUnchecked(view);
   Inform("checked {}, {}: {}", Count(view.blobs().size(), "blob"), HumanSize(view.liveBytes()),
          !sound              ? "the store is damaged"
          : options.structure ? "every transaction is sound"

@@ -11,7 +11,8 @@
 namespace tool {
 namespace {
 
-constexpr size_t kMostAtOnce = 16;  // transactions digested side by side
+constexpr size_t kMostAtOnce = 16;       // transactions digested side by side
+constexpr uint64_t kLargeRecord = 4096;  // from here on, heads are read alone
 constexpr size_t kPieceSize = size_t{64} * 1024;
 
 // The body of a transaction, for DigestMany.
@@ -65,7 +66,7 @@ class Walker {
     const std::optional<Damage> broken = std::move(broken_);
     Deliver();
     if (!walked_.damage) walked_.damage = broken;
-    if (walked_.damage) JudgeRest();
+    if (walked_.damage && !isPack_) JudgeRest();
     return std::move(walked_);
   }
 
@@ -156,7 +157,6 @@ class Walker {
   // A commit that a power cut tore is the last transaction that the header counts: its length says
   // so, or is lost, and no whole transaction ends where the header says.
   void JudgeRest() {
-    if (isPack_) return;
     const uint64_t start = walked_.end;
     const uint64_t end = endOffset_;
     if (remaining_ == 0 || end < start || end - start < format::kLeastTransaction) return;
@@ -239,7 +239,7 @@ class Walker {
   const WalkOptions& options_;
   const uint64_t limit_;       // the file's size
   const uint64_t endOffset_;   // the header's
-  const bool isPack_;         // of one transaction, which nothing can tear
+  const bool isPack_;          // of one transaction, which nothing can tear
   uint64_t remaining_;         // records that the header counts behind what was delivered
   uint64_t pendingCount_ = 0;  // records of what is pending
   std::vector<Pending> pending_;
@@ -251,10 +251,11 @@ class Walker {
 
 uint64_t VisitRecords(SalvageFile& file, uint64_t at, uint64_t bodyEnd,
                       const std::function<bool(const WalkedRecord&)>& visit) {
+  uint64_t skipped = 0;  // with the record before
   while (bodyEnd - at >= format::kDeleteSize) {
     std::array<unsigned char, format::kStoreHeadSize> bytes;
-    const auto window = file.From(at, bytes.size());
-    std::copy_n(window.begin(), std::min(window.size(), bytes.size()), bytes.begin());
+    if (skipped < kLargeRecord) file.From(at, bytes.size());  // moves the window along
+    file.Read(at, bytes.data(), bytes.size());
     const auto head = format::RecordHead::Decode(bytes.data());
     WalkedRecord record = {at, head.op.transactionId, blobring::Hash(std::to_array(head.hash)),
                            head.op.op == format::kOpStore, head.size};
@@ -263,6 +264,7 @@ uint64_t VisitRecords(SalvageFile& file, uint64_t at, uint64_t bodyEnd,
       return at;
     if (!visit(record)) return at;
     at += size;
+    skipped = size;
   }
   return at;
 }

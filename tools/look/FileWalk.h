@@ -49,7 +49,7 @@ struct Walked {
   std::optional<Damage> damage;  // where the records break off before the header's count does
   // Damage: the transaction, where all that is wrong with it is that it does not match its digest.
   std::optional<WalkedTransaction> mismatched;
-  bool lastIsTorn = false;  // damage: a power cut can have left it, see docs/format.md
+  bool lastIsTorn = false;  // damage of a journal: a power cut can have left it
 };
 
 struct WalkOptions {

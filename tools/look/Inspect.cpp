@@ -25,8 +25,10 @@ class Inspector {
   // Returns whether the file is sound.
   bool Run() {
     const FileHead head = ReadHead(path_);
+    const bool isMissing = head.state == FileHead::State::kMissing;
+    if (isMissing && path_.ends_with(".pak.new")) return true;  // a repack has ended meanwhile
     PrintHead(head);
-    bool sound = head.state != FileHead::State::kDamaged && head.state != FileHead::State::kMissing;
+    bool sound = head.state != FileHead::State::kDamaged && !isMissing;
     if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged) {
       SalvageFile file(path_);
       sound = PrintRecords(file, head) && sound;
@@ -78,15 +80,11 @@ class Inspector {
   bool PrintRecords(SalvageFile& file, const FileHead& head) {
     WalkOptions walk;
     walk.digest = !options_.noDigest && options_.transaction.empty();
-    uint64_t shown = 0;
     bool skipRecords = false;
     walk.transaction = [&](const WalkedTransaction& transaction) {
       skipRecords = !IsWanted(transaction);
       if (skipRecords) return;
-      if (shown++ == 0 && !consoleOptions.json)
-        Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  digest", "offset", "transaction", "time",
-             "stores", "deletes", "bytes");
-      PrintTransaction(file, transaction);
+      PrintTransaction(file, transaction, "ok");
     };
     if (options_.records)
       walk.record = [&](const WalkedRecord& record) {
@@ -94,12 +92,24 @@ class Inspector {
       };
     const Walked walked = Walk(file, head, walk);
     if (!options_.transaction.empty()) {
-      notFound_ = shown == 0;
+      notFound_ = !tableBegun_;
       return digestOk_;
     }
-    if (walked.damage) PrintDamage(*walked.damage, walked.lastIsTorn);
-    PrintRest(file, walked);
+    if (walked.damage && HasChanged(head)) {
+      Say("{} changed while it was read: another process is at work on it", path_);
+      return true;
+    }
+    if (walked.mismatched) PrintTransaction(file, *walked.mismatched, "wrong");
+    if (walked.damage) PrintDamage(file, *walked.damage, walked.lastIsTorn);
+    if (head.state == FileHead::State::kSound || !walked.damage) PrintRest(file, head, walked);
     return !walked.damage || walked.lastIsTorn;
+  }
+
+  bool HasChanged(const FileHead& before) const {
+    const FileHead now = ReadHead(path_);
+    return now.header.endOffset != before.header.endOffset ||
+           now.header.sequence != before.header.sequence ||
+           now.header.recordCount != before.header.recordCount;
   }
 
   bool IsWanted(const WalkedTransaction& transaction) const {
@@ -107,13 +117,17 @@ class Inspector {
            options_.transaction == std::to_string(transaction.offset);
   }
 
-  void PrintTransaction(SalvageFile& file, const WalkedTransaction& transaction) {
-    std::string digest = options_.noDigest ? "not computed" : "ok";
+  void PrintTransaction(SalvageFile& file, const WalkedTransaction& transaction,
+                        std::string digest) {
+    if (options_.noDigest) digest = "not computed";
     if (!options_.noDigest && !options_.transaction.empty() && !MatchesDigest(file, transaction)) {
       digest = "wrong";
       digestOk_ = false;
     }
     const std::optional<std::string> time = TimeOf(transaction.id);
+    if (!std::exchange(tableBegun_, true) && !consoleOptions.json)
+      Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  digest", "offset", "transaction", "time",
+           "stores", "deletes", "bytes");
     if (!consoleOptions.json)
       return Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  {}", transaction.offset,
                   transaction.id, time.value_or("-"), transaction.storeCount,
@@ -153,15 +167,23 @@ class Inspector {
          record.hash.text(), record.blobSize, record.transactionId, state);
   }
 
-  void PrintDamage(const Damage& damage, bool isTorn) {
+  void PrintScanned(SalvageFile& file, const SalvagedRecord& record, std::string_view state) {
+    std::array<unsigned char, format::kOpHeaderSize> op;
+    file.Read(record.offset, op.data(), op.size());
+    const bool isStore = record.kind != SalvagedRecord::Kind::kDelete;
+    PrintRecord({record.offset, format::OpHeader::Decode(op.data()).transactionId, record.hash,
+                 isStore, record.blobSize},
+                state);
+  }
+
+  void PrintDamage(SalvageFile& file, const Damage& damage, bool isTorn) {
     const SalvageScan scan = Scan(path_);
     uint64_t soundBeyond = 0;
     for (const SalvagedRecord& record : scan.records) {
-      if (record.offset < damage.offset) continue;
-      if (record.kind != SalvagedRecord::Kind::kBroken)
-        ++soundBeyond;
-      else
-        PrintRecord({record.offset, 0, record.hash, true, record.blobSize}, "damaged");
+      if (record.offset < damage.offset || !scan.IsCommitted(record)) continue;
+      const bool isSound = record.kind != SalvagedRecord::Kind::kBroken;
+      soundBeyond += isSound ? 1 : 0;
+      if (options_.records || !isSound) PrintScanned(file, record, isSound ? "sound" : "damaged");
     }
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "damage"},
@@ -175,23 +197,28 @@ class Inspector {
          Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
   }
 
-  void PrintRest(SalvageFile& file, const Walked& walked) {
-    const Rest rest = RestOf(file, walked.end, [&](const WalkedRecord& record) {
-      if (options_.records && !walked.damage) PrintRecord(record, "uncommitted");
-    });
-    if (rest.size == 0 || walked.damage) return;
+  void PrintRest(SalvageFile& file, const FileHead& head, const Walked& walked) {
+    const bool isSound = head.state == FileHead::State::kSound;
+    const uint64_t at = isSound ? head.header.endOffset : walked.end;
+    const Rest rest =
+        RestOf(file, head.header, at, [this](const WalkedRecord& record, std::string_view state) {
+          if (options_.records) PrintRecord(record, state);
+        });
+    if (rest.size == 0) return;
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "rest"},
                            {"file", path_},
-                           {"offset", walked.end},
+                           {"offset", at},
                            {"size", rest.size},
+                           {"kind", NameOf(rest.kind)},
                            {"what", rest.what}}));
-    Line("  beyond {}: {}, {}", walked.end, Count(rest.size, "byte"), rest.what);
+    Line("  beyond {}: {}, {}", at, Count(rest.size, "byte"), rest.what);
   }
 
   const std::string path_;
   const InspectOptions& options_;
   std::string text_;
+  bool tableBegun_ = false;  // a transaction was printed
   bool digestOk_ = true;
   bool notFound_ = false;
 

@@ -1,11 +1,15 @@
 #include "tools/look/Rest.h"
 
 #include <algorithm>
+#include <array>
 
 #include "tools/Console.h"
+#include "tools/Interrupt.h"
 
 namespace tool {
 namespace {
+
+using Kind = Rest::Kind;
 
 bool IsZero(SalvageFile& file, uint64_t at) {
   while (at < file.size()) {
@@ -17,34 +21,82 @@ bool IsZero(SalvageFile& file, uint64_t at) {
   return true;
 }
 
+// Where the body of the transaction at `at` begins and ends; nothing if none begins there. Its end
+// is that of the file if it was not ended.
+struct Found {
+  uint64_t body;
+  uint64_t bodyEnd;
+  bool isEnded;
+};
+std::optional<Found> FindTransaction(SalvageFile& file, uint64_t at) {
+  std::array<unsigned char, format::kStartSize> bytes;
+  file.Read(at, bytes.data(), bytes.size());
+  if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction) return std::nullopt;
+  const uint64_t body = at + format::kStartSize;
+  if (body > file.size()) return std::nullopt;
+  const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
+  if (length == 0) return Found{body, file.size(), false};
+  if (length > file.size() - body) return std::nullopt;
+  return Found{body, body + length, true};
+}
+
 }  // namespace
 
-Rest RestOf(SalvageFile& file, uint64_t at,
-            const std::function<void(const WalkedRecord&)>& record) {
+std::string_view NameOf(Rest::Kind kind) {
+  constexpr std::array<std::string_view, 7> kNames = {"nothing",
+                                                      "zeros",
+                                                      "unfinished_transaction",
+                                                      "unfinished_repack",
+                                                      "uncommitted_transaction",
+                                                      "older_generation",
+                                                      "leftovers"};
+  return kNames.at(static_cast<size_t>(kind));
+}
+
+Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
+            const std::function<void(const WalkedRecord&, std::string_view)>& record) {
   if (at >= file.size()) return {};
-  using Kind = Rest::Kind;
   const uint64_t size = file.size() - at;
   if (IsZero(file, at)) return {Kind::kZeros, size, "zeros"};
-  if (size < format::kStartSize) return {Kind::kLeftovers, size, "leftovers"};
-  const auto bytes = file.From(at, format::kStartSize);
-  const auto block = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]);
-  if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction)
-    return {Kind::kLeftovers, size, "leftovers of an older life of the file"};
-  const bool isEnded = block.length != 0;
-  const uint64_t body = at + format::kStartSize;
+  const std::optional<Found> first = FindTransaction(file, at);
+  if (!first) return {Kind::kLeftovers, size, "leftovers, no record begins there"};
+
+  // One transaction behind others is a commit whose header was not written. What an emptied file
+  // holds, or more than one, is from before.
+  const bool isEmptied =
+      header.endOffset == format::kFileHeaderSize && header.sequence == format::kSequenceReset;
+  const uint64_t next = first->bodyEnd + format::kEndSize;
+  const bool isOlder = first->isEnded && (isEmptied || FindTransaction(file, next).has_value());
+  Rest rest = {Kind::kUnfinished, size, {}};
+  if (isOlder)
+    rest.kind = Kind::kOlder;
+  else if (first->isEnded)
+    rest.kind = Kind::kUncounted;
+  else if (isEmptied && header.mode == 1)
+    rest.kind = Kind::kUnfinishedRepack;
   uint64_t count = 0;
-  VisitRecords(file, body, isEnded ? std::min(file.size(), body + block.length) : file.size(),
-               [&](const WalkedRecord& found) {
-                 record(found);
-                 ++count;
-                 return true;
-               });
-  return {isEnded ? Kind::kUncounted : Kind::kUnfinished, size,
-          fmt::format("{} of {}",
-                      isEnded ? "a transaction that does not count, an older one or one "
-                                "whose header was not written,"
-                              : "an unfinished transaction",
-                      Count(count, "whole record"))};
+  uint64_t transactionCount = 0;
+  for (std::optional<Found> found = first; found; ++transactionCount) {
+    ThrowIfInterrupted();
+    VisitRecords(file, found->body, found->bodyEnd, [&](const WalkedRecord& each) {
+      if (each.hash == blobring::Hash()) return false;  // zeros read as stores of nothing
+      record(each, isOlder ? "stale" : "uncommitted");
+      ++count;
+      return true;
+    });
+    at = found->bodyEnd + format::kEndSize;
+    found = isOlder ? FindTransaction(file, at) : std::nullopt;
+  }
+  const std::string records = Count(count, "whole record");
+  if (isOlder)
+    rest.what = fmt::format("{} of an older generation, {}", Count(transactionCount, "transaction"),
+                            records);
+  else if (first->isEnded)
+    rest.what = fmt::format("a transaction whose commit did not reach the header, {}", records);
+  else
+    rest.what = fmt::format("an unfinished {}, {}",
+                            rest.kind == Kind::kUnfinished ? "transaction" : "repack", records);
+  return rest;
 }
 
 }  // namespace tool

@@ -87,6 +87,8 @@ std::string AsText(const Facts& facts) {
     text += fmt::format("open in   process {} ({})\n", holder.pid, holder.command);
   for (const std::string& path : facts.setAside)
     text += fmt::format("set aside {} ({})\n", path, HumanSize(ReadHead(path).size));
+  for (const std::string& path : UnfinishedRepacks(view))
+    text += fmt::format("leftover  {}, of an unfinished repack\n", path);
   uint64_t most = 1;
   for (const SizeClass& sizes : facts.sizes) most = std::max(most, sizes.blobCount);
   if (!facts.sizes.empty()) text += "\nbytes                     blobs  total\n";
@@ -126,6 +128,7 @@ std::vector<Json> StatObjects(const StoreView& view) {
                {"findings", view.findings()},
                {"open_in", Json::array()},
                {"set_aside", facts.setAside},
+               {"unfinished_repacks", UnfinishedRepacks(view)},
                {"sizes", Json::array()}};
   if (view.slot()) stat["current"] = *view.slot();
   for (const Holder& holder : view.holders())

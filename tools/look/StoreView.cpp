@@ -95,6 +95,19 @@ std::vector<std::string> FilesSetAside(const StoreView& view) {
   return paths;
 }
 
+std::vector<std::string> UnfinishedRepacks(const StoreView& view) {
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (size_t i = 0; i < view.files().size() && !view.isSingleFile(); i += 2) {
+    const SlotFile& pack = view.files()[i];
+    if (pack.head.header.sequence == format::kSequenceReset &&
+        pack.head.size > format::kFileHeaderSize)
+      paths.push_back(pack.path);
+    if (stdfs::exists(pack.path + ".new", ignored)) paths.push_back(pack.path + ".new");
+  }
+  return paths;
+}
+
 StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   std::error_code ignored;
   isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);

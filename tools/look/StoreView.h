@@ -35,8 +35,9 @@ class StoreView {
  public:
   // Looks at a directory, or at a single pack or journal. Finds the generation that a load would
   // choose, digests its transactions, and lists its blobs. Says what is wrong with it and that
-  // another process may be changing it. Throws Fault or UsageError as LayoutOf does.
-  // Memory: 40 bytes for each record of the generation, and about 3 MiB.
+  // another process may be changing it. Throws Fault or UsageError as LayoutOf does, and a failure
+  // of status kHeld if the store was repacked each time it was read.
+  // Memory: 40 bytes for each blob, at most 2.5 times as much while it reads, and about 3 MiB.
   explicit StoreView(const StoreOptions& options);
 
   const std::string& path() const { return path_; }
@@ -103,6 +104,10 @@ class StoreView {
 
 // Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
 std::vector<std::string> FilesSetAside(const StoreView& view);
+
+// What repacks that did not end have left: k.pak.new, or a pack that was emptied and still has
+// bytes.
+std::vector<std::string> UnfinishedRepacks(const StoreView& view);
 
 // The processes that hold a lock on one of the files, from /proc/locks.
 std::vector<Holder> HoldersOf(const std::vector<std::string>& paths);

@@ -81,7 +81,7 @@ class Collector {
         AddWalked(index, file, regions);
       else
         AddOlder(slotFile, index % 2 == 0, file, regions);
-      AddRest(file, IsCurrent(index), regions);
+      AddRest(file, view_.files()[index].head.header, IsCurrent(index), regions);
     }
     for (const Region& region : regions.list())
       document_.push_back({{"type", "region"},
@@ -140,20 +140,19 @@ class Collector {
     return blob != nullptr && blob->file == index && blob->offset == record.offset;
   }
 
-  static void AddRest(SalvageFile& file, bool isCurrent, Regions& regions) {
+  static void AddRest(SalvageFile& file, const format::FileHeader& header, bool isCurrent,
+                      Regions& regions) {
     using Kind = Rest::Kind;
     const uint64_t begin = regions.end();
     uint64_t end = begin;
-    // Zeros read as stores of nothing.
-    const auto extend = [&end](const WalkedRecord& record) {
-      if (record.hash != blobring::Hash()) end = record.end();
-    };
-    const Kind kind = RestOf(file, begin, extend).kind;
+    const auto extend = [&end](const WalkedRecord& record, auto) { end = record.end(); };
+    const Kind kind = RestOf(file, header, begin, extend).kind;
     // What an older file left behind may look like a transaction whose header was not written.
-    if (kind == Kind::kUnfinished || (kind == Kind::kUncounted && isCurrent))
+    if (kind == Kind::kUnfinished || kind == Kind::kUnfinishedRepack ||
+        (kind == Kind::kUncounted && isCurrent))
       regions.AddUpTo(std::min(std::max(end, begin + format::kStartSize), file.size()),
                       State::kUncommitted);
-    const Kind last = RestOf(file, regions.end(), [](const WalkedRecord&) {}).kind;
+    const Kind last = RestOf(file, header, regions.end(), [](const auto&, auto) {}).kind;
     regions.AddUpTo(file.size(), last == Kind::kZeros ? State::kFree : State::kOlder);
   }
 
