@@ -208,7 +208,7 @@
           markLine: {
             symbol: "none", silent: true, data: [{ xAxis: limit }],
             lineStyle: { color: "var(--bad)", type: "dashed", width: 1.5 },
-            label: { formatter: "2 GiB", color: "var(--bad)", position: "end" },
+            label: { formatter: "2 GiB", color: "var(--bad)", position: "start" },
           },
         },
         { type: "custom", renderItem: drawOutline, data: files.map((file, index) => [0, index]), silent: true },
