@@ -11,7 +11,9 @@ blobring put "$store" blob{1..20} >hashes
 blobring repack "$store"
 for i in {21..40}; do blobring put "$store" blob$i >>hashes; done
 sed -n '3p;30p' hashes | blobring rm "$store" -
-head -c 3127 "$store/0.jrn" | tail -c 3103 >>"$store/1.jrn" # two blobs of a transaction that did not end
+part() { head -c $(($1 + $2)) "$store/0.jrn" | tail -c "$2"; } # OFFSET SIZE
+# Two blobs of a transaction that did not end: its block is zeros.
+{ part 24 16; printf '%24s' | tr ' ' '\0'; part 64 3063; } >>"$store/1.jrn"
 printf '%4096s' | tr ' ' '\0' >>"$store/1.jrn"
 
 # regions DOCUMENT FILE: its regions as "state bytes", after checking that they cover it.
