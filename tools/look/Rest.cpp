@@ -35,9 +35,10 @@ std::optional<Found> FindTransaction(SalvageFile& file, uint64_t at) {
   const uint64_t body = at + format::kStartSize;
   if (body > file.size()) return std::nullopt;
   const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
-  if (length == 0) return Found{body, file.size(), false};
-  if (length > file.size() - body) return std::nullopt;
-  return Found{body, body + length, true};
+  if (length == 0 || length > file.size() - body) return Found{body, file.size(), false};
+  file.Read(body + length, bytes.data(), bytes.size());
+  const bool isEnded = format::OpHeader::Decode(bytes.data()).op == format::kOpEndTransaction;
+  return Found{body, isEnded ? body + length : file.size(), isEnded};
 }
 
 }  // namespace
