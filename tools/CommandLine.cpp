@@ -13,8 +13,20 @@ CommandLine::CommandLine(CLI::App& app) : app_(app) {
 }
 
 CLI::App& CommandLine::Add(Group group, const CommandText& text, std::function<ExitStatus()> run) {
-  CLI::App& command = *app_.add_subcommand(text.name, text.summary);
-  command.group(group == Group::kLook ? "Looking, without changing anything" : "Working");
+  const std::string groupName =
+      group == Group::kLook ? "Looking, without changing anything" : "Working";
+  const size_t blank = text.name.find(' ');
+  CLI::App* above = &app_;
+  if (blank != std::string::npos) {
+    const std::string name = text.name.substr(0, blank);
+    const auto found =
+        app_.get_subcommands([&name](CLI::App* sub) { return sub->check_name(name); });
+    above = found.empty() ? app_.add_subcommand(name, "commands on what several stores share")
+                          : found[0];
+    above->group("Working")->require_subcommand(1);
+  }
+  CLI::App& command = *above->add_subcommand(text.name.substr(blank + 1), text.summary);
+  command.group(groupName);
   command.footer((text.details.empty() ? "" : text.details + "\n\n") + "Example:\n" + text.example);
   const auto addFlag = [&command](const char* name, bool& flag, const char* help) {
     command.add_flag(name, flag, help)->group("Options of every command");

@@ -14,7 +14,7 @@
 namespace tool {
 
 struct CommandText {
-  std::string name;
+  std::string name;     // "ls"; "remote ls" for one below another
   std::string summary;  // one line, not a sentence
   std::string details;  // for the manual, may be empty: what the options do not say
   std::string example;  // command lines, one a line
@@ -64,5 +64,6 @@ class CommandLine {
 void AddLookingCommands(CommandLine& line);
 void AddWorkingCommands(CommandLine& line);
 void AddReportCommand(CommandLine& line);
+void AddRemoteCommands(CommandLine& line);
 
 }  // namespace tool

@@ -1,6 +1,7 @@
 // The commands that change a store, for the command line.
 #include "tools/CommandLine.h"
 #include "tools/Commands.h"
+#include "tools/remote/Commands.h"
 
 namespace tool {
 
@@ -170,11 +171,14 @@ void AddWorkingCommands(CommandLine& line) {
         line.Add(Group::kWork,
                  {"sync", "copy what is missing from one store into another",
                   "Deletes nothing. What was committed stays when the command is interrupted; the "
-                  "next run goes on from there.",
-                  "blobring sync /mnt/device /data/store"},
-                 Copy);
+                  "next run goes on from there. With a remote as DST, SRC is pushed, and then "
+                  "receives what the newest whole snapshot of another store has.",
+                  "blobring sync /mnt/device /data/store\n"
+                  "blobring sync /data/store s3://fleet/all"},
+                 remote::Sync);
     command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
     CommandLine::AddStore(command, options.to, Access::kChange, "DST");
+    remote::AddRemoteOptions(command, options.remote);
     command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
   }
   {

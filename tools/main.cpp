@@ -26,6 +26,7 @@ tool::ExitStatus Run(int argc, char** argv) {
   tool::AddLookingCommands(line);
   tool::AddReportCommand(line);
   tool::AddWorkingCommands(line);
+  tool::AddRemoteCommands(line);
   return line.Run(argc, argv);
 }
 

@@ -1,0 +1,56 @@
+# Shared by the scenarios: a gateway for each, in a directory that goes away at the end.
+here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
+source "$here/../tool/support.sh"
+trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null; rm -rf "$work"' EXIT
+export TMPDIR=$work
+
+gateway() { # [KIND]: starts it, or what is missing of it
+  "$here/rgw-up" "$work/gw" "${1:-memstore}" >gw.env
+  set -a
+  source ./gw.env
+  set +a
+  export AWS_ENDPOINT_URL=${through:-$ENDPOINT} AWS_CA_BUNDLE=$CA_FILE
+}
+
+admin() { timeout 60 radosgw-admin -n client.rgw.a --admin-socket= --log-file= "$@" >/dev/null; }
+
+# From now on requests go through a proxy, which does what the file `control` says.
+proxy() {
+  : >control
+  "$here/fault-proxy" "${ENDPOINT##*:}" control >proxy.out &
+  until grep -q PORT= proxy.out; do sleep 0.1; done
+  through=http://127.0.0.1:$(cut -d= -f2 proxy.out)
+  export AWS_ENDPOINT_URL=$through
+}
+
+# store NAME FIRST LAST: a store of blobs of 1 KiB, each of which depends on its number alone
+store() {
+  rm -rf "$1" tree
+  blobring init -q "$1"
+  mkdir tree
+  seq "$2" "$3" | python3 -c 'import hashlib, sys
+for n in sys.stdin.read().split():
+    open("tree/" + n, "wb").write(hashlib.shake_128(n.encode()).digest(1024))'
+  blobring import -q "$1" tree >/dev/null
+}
+
+names() { blobring ls "$1" 2>/dev/null | cut -c-32 | sort; }
+
+# has STORE OTHER...: every blob of the others, and all of them sound
+has() {
+  local other
+  blobring fsck -q "$1"
+  for other in "${@:2}"; do
+    [ -z "$(comm -13 <(names "$1") <(names "$other"))" ] || fail "$1 lacks blobs of $other"
+  done
+}
+
+# Pulled into an empty store, the remote $1 gives all of the store $2, the snapshot $3 if named.
+gives() {
+  rm -rf back
+  blobring init -q back
+  blobring pull -q back "$1" ${3:+--snapshot "$3"}
+  has back "$2"
+}
+
+field() { python3 -c 'import json, sys; print(json.load(sys.stdin)[sys.argv[1]])' "$1"; }

@@ -1,0 +1,202 @@
+// remote check: what is there against what is named.
+#include <algorithm>
+#include <random>
+
+#include "tools/Console.h"
+#include "tools/Json.h"
+#include "tools/look/FileWalk.h"
+#include "tools/remote/Commands.h"
+#include "tools/remote/Fetch.h"
+
+namespace tool::remote {
+namespace {
+
+// "100" or "5%": the share of packs, as a percentage.
+double ShareOf(const std::string& text) {
+  std::string digits = text;
+  if (digits.ends_with('%')) digits.pop_back();
+  size_t used = 0;
+  double share = 0;
+  try {
+    share = std::stod(digits, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  if (used == 0 || used != digits.size() || !(share > 0 && share <= 100))
+    throw UsageError("--read-data takes a percentage above 0, up to 100, not \"{}\"", text);
+  return share;
+}
+
+class Checker {
+ public:
+  explicit Checker(Remote& remote) : remote_(remote) {}
+
+  // Snapshots first: what a push adds later is then not missed in the indexes.
+  void List() {
+    names_ = remote_.NamesOf(remote_.objects.List("snapshots/"));
+    tombs_ = remote_.ReadTombs();
+    indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
+    packs_ = remote_.objects.List("packs/");
+    for (const auto& [key, object] : packs_.objects)
+      if (NameIn(key).empty()) Find("{} is no pack's name", key);
+  }
+
+  // ETags and sizes against names and indexes.
+  void ComparePacks() {
+    std::set<std::string> indexed;
+    for (const auto& [name, index] : indexes_) {
+      const bool isTombed = tombs_.keys.count(IndexKey(name)) != 0;
+      const std::vector<uint64_t> sizes = index.PackSizes();
+      for (size_t i = 0; i < index.packs.size(); ++i) {
+        const std::string key = PackKey(index.packs[i]);
+        if (!indexed.insert(key).second || isTombed || tombs_.keys.count(key) != 0) continue;
+        const auto at = packs_.objects.find(key);
+        if (at == packs_.objects.end())
+          Find("{} is missing", key);
+        else if (at->second.size != sizes[i])
+          Find("{} has {} bytes instead of {}", key, at->second.size, sizes[i]);
+        else if (remote_.config.etagIsMd5 && at->second.etag != DigestIn(index.packs[i]).text())
+          Find("{} has the digest {}", key, at->second.etag);
+      }
+    }
+    for (const auto& [key, object] : packs_.objects)
+      if (indexed.count(key) == 0) ++orphanCount_;
+  }
+
+  // Every blob of a snapshot must be in a pack that is there.
+  void CompareSnapshots() {
+    const Index all = Merge(indexes_, [this](const std::string& pack) {
+      return packs_.objects.count(PackKey(pack)) != 0;
+    });
+    Progress progress("checking snapshots", names_.size());
+    for (const auto& [key, name] : names_) {
+      const Snapshot snapshot = remote_.ReadSnapshot(name);
+      uint64_t missing = 0;
+      std::string example;
+      for (const blobring::Hash& hash : snapshot.hashes) {
+        if (!PlacesOf(all, hash).empty()) continue;
+        if (missing++ == 0) example = hash.text();
+      }
+      if (missing != 0)
+        Find("the snapshot {} lacks {} of {}, {} for one", name.Short(), Count(missing, "blob"),
+             snapshot.count, example);
+      ++snapshotCount_;
+      blobCount_ += snapshot.count;
+      progress.Advance(snapshot.bytes);
+    }
+  }
+
+  void ReadPacks(double share) {
+    std::vector<std::string> chosen;
+    uint64_t bytes = 0;
+    for (const auto& [key, object] : packs_.objects)
+      if (!NameIn(key).empty()) chosen.push_back(key);
+    std::shuffle(chosen.begin(), chosen.end(), std::mt19937(std::random_device{}()));
+    if (!chosen.empty())
+      chosen.resize(std::max<size_t>(
+          1, static_cast<size_t>(static_cast<double>(chosen.size()) * share / 100)));
+    for (const std::string& key : chosen) bytes += packs_.objects.at(key).size;
+    const Index all = Merge(indexes_, [](const std::string&) { return true; });
+    std::map<std::string, std::vector<Place>> places;
+    for (const Place& place : all.places) places[all.packs[place.pack]].push_back(place);
+    Progress progress("reading packs", chosen.size(), bytes);
+    for (const std::string& key : chosen) {
+      const auto file = std::make_shared<Spool>();
+      remote_.objects.StartGet(key, std::nullopt, file, [&, key, file](Reply& reply) {
+        if (reply.status == 200)
+          ReadPack(key, *file, places[NameIn(key)]);
+        else
+          Find("{} is gone", key);
+        progress.Advance(file->size());
+      });
+    }
+    remote_.objects.http().Finish();
+    readCount_ = chosen.size();
+  }
+
+  ExitStatus Report() const {
+    if (consoleOptions.json) {
+      Json json;
+      json["type"] = "remote_check";
+      json["snapshots"] = snapshotCount_;
+      json["packs"] = packs_.objects.size();
+      json["orphans"] = orphanCount_;
+      json["tombs"] = tombs_.named.size();
+      json["packs_read"] = readCount_;
+      json["findings"] = findings_;
+      PrintText(JsonLine(json));
+    }
+    for (const std::string& finding : findings_) Say("{}", finding);
+    Inform("{} of {} in {}, {}; {}", Count(blobCount_, "blob"), Count(snapshotCount_, "snapshot"),
+           Count(packs_.objects.size(), "pack"),
+           orphanCount_ == 0 ? "all indexed" : fmt::format("{} not indexed", orphanCount_),
+           findings_.empty() ? "nothing is wrong" : Count(findings_.size(), "finding"));
+    if (readCount_ == 0)
+      Inform("this is what the service accepted{}; --read-data reads it",
+             remote_.config.etagIsMd5 ? "" : ", by sizes alone");
+    else
+      Inform("{} read", Count(readCount_, "pack"));
+    return findings_.empty() ? kSuccess : kFault;
+  }
+
+ private:
+  template <class... T>
+  void Find(fmt::format_string<T...> text, T&&... values) {
+    findings_.push_back(fmt::format(text, std::forward<T>(values)...));
+  }
+
+  // The digests of the file, of its transaction and of its blobs; and the places in the indexes.
+  void ReadPack(const std::string& key, const Spool& spool, const std::vector<Place>& places) {
+    const FileHead head = ReadHead(spool.path());
+    SalvageFile file(spool.path());
+    std::set<std::pair<uint64_t, blobring::Hash>> records;
+    Buffer buffer;
+    uint64_t damagedBlobs = 0;
+    WalkOptions options;
+    options.record = [&](const WalkedRecord& record) {
+      records.emplace(record.offset, record.hash);
+      Grow(buffer, record.blobSize);
+      spool.Read(record.dataOffset(), buffer.data(), record.blobSize);
+      if (DigestOf({buffer.data(), record.blobSize}) != record.hash) ++damagedBlobs;
+    };
+    const Walked walked = Walk(file, head, options);
+    if (walked.damage)
+      Find("{} is damaged at {}: {}", key, walked.damage->offset, walked.damage->what);
+    if (damagedBlobs != 0) Find("{}: {} damaged", key, Count(damagedBlobs, "blob"));
+    if (walked.end != spool.size())
+      Find("{} has {} bytes, {} of them sound", key, spool.size(), walked.end);
+    if (spool.Digest() != DigestIn(NameIn(key)))
+      Find("{} does not match the digest in its name", key);
+    for (const Place& place : places)
+      if (records.count({place.offset, place.hash}) == 0) {
+        Find("{} lacks the blob {} at {}", key, place.hash.text(), place.offset);
+        break;
+      }
+  }
+
+  Remote& remote_;
+  std::map<std::string, SnapshotName> names_;
+  Tombs tombs_;
+  Remote::Indexes indexes_;
+  Listing packs_;
+  std::vector<std::string> findings_;
+  uint64_t orphanCount_ = 0;
+  uint64_t snapshotCount_ = 0;
+  uint64_t blobCount_ = 0;
+  uint64_t readCount_ = 0;
+};
+
+}  // namespace
+
+ExitStatus CheckRemote(const CheckOptions& options) {
+  const double share = options.readData.empty() ? 0 : ShareOf(options.readData);
+  Remote remote(options.remote);
+  Checker checker(remote);
+  checker.List();
+  checker.ComparePacks();
+  checker.CompareSnapshots();
+  if (share > 0) checker.ReadPacks(share);
+  return checker.Report();
+}
+
+}  // namespace tool::remote

@@ -1,0 +1,103 @@
+#include "tools/remote/Fetch.h"
+
+#include <algorithm>
+#include <tuple>
+
+#include "pack/Format.h"
+
+namespace tool::remote {
+namespace {
+
+// A gap between two blobs is read as well if it is smaller than this, and if what is read stays
+// below three times what is wanted.
+constexpr uint64_t kMaxGap = uint64_t{256} * 1024;
+constexpr uint64_t kMostTimes = 3;
+
+struct Piece {
+  std::string pack;
+  std::optional<ByteRange> range;  // nothing: all of it
+  std::vector<Place> places;
+};
+
+uint64_t RecordSize(const Place& place) {
+  return place.end() - place.offset;
+}
+
+// `places` are those wanted of one pack, by offset.
+void AddPieces(std::vector<Piece>& pieces, const std::string& pack, uint64_t packSize,
+               std::span<const Place> places) {
+  uint64_t wanted = 0;
+  for (const Place& place : places) wanted += RecordSize(place);
+  if (2 * wanted > packSize) {
+    pieces.push_back({pack, std::nullopt, {places.begin(), places.end()}});
+    return;
+  }
+  uint64_t wantedHere = 0;
+  for (size_t i = 0; i < places.size(); ++i) {
+    const Place& place = places[i];
+    Piece* last = i == 0 ? nullptr : &pieces.back();
+    const bool joins =
+        last != nullptr && place.offset <= last->range->offset + last->range->size + kMaxGap &&
+        place.end() - last->range->offset <= kMostTimes * (wantedHere + RecordSize(place));
+    if (!joins) {
+      pieces.push_back({pack, ByteRange{place.offset, 0}, {}});
+      last = &pieces.back();
+      wantedHere = 0;
+    }
+    wantedHere += RecordSize(place);
+    last->places.push_back(place);
+    last->range->size = std::max<uint64_t>(last->range->size, place.end() - last->range->offset);
+  }
+}
+
+// False if one of the blobs is not where it should be.
+bool TakeFrom(const Spool& file, const Piece& piece, Buffer& buffer,
+              const std::function<void(const FetchedBlob&)>& take) {
+  const uint64_t base = piece.range ? piece.range->offset : 0;
+  bool isWhole = true;
+  for (const Place& place : piece.places) {
+    const size_t size = format::kStoreHeadSize + size_t{place.size};
+    Grow(buffer, size);
+    if (file.Read(place.offset - base, buffer.data(), size) != size) {
+      isWhole = false;
+      continue;
+    }
+    const auto head =
+        format::RecordHead::Decode(reinterpret_cast<const unsigned char*>(buffer.data()));
+    const std::string_view data(buffer.data() + format::kStoreHeadSize, place.size);
+    if (head.op.op == format::kOpStore && head.size == place.size && DigestOf(data) == place.hash)
+      take({place, head.op.transactionId, data});
+    else
+      isWhole = false;
+  }
+  return isWhole;
+}
+
+}  // namespace
+
+void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
+           const std::function<void(const FetchedBlob&)>& take, std::set<std::string>& badPacks) {
+  std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
+    return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
+  });
+  const std::vector<uint64_t> packSizes = index.PackSizes();
+  std::vector<Piece> pieces;
+  for (auto begin = places.begin(); begin != places.end();) {
+    const auto end = std::find_if(begin, places.end(),
+                                  [&](const Place& place) { return place.pack != begin->pack; });
+    AddPieces(pieces, index.packs[begin->pack], packSizes[begin->pack], {begin, end});
+    begin = end;
+  }
+  Buffer buffer;
+  for (const Piece& piece : pieces) {
+    const auto file = std::make_shared<Spool>();
+    remote.objects.StartGet(PackKey(piece.pack), piece.range, file, [&, file](Reply& reply) {
+      // 206 was asked for, and some services send the whole object all the same.
+      const bool isAnswer = reply.status == (piece.range ? 206 : 200);
+      if (!isAnswer || !TakeFrom(*file, piece, buffer, take)) badPacks.insert(piece.pack);
+    });
+  }
+  remote.objects.http().Finish();
+}
+
+}  // namespace tool::remote

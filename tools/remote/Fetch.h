@@ -1,0 +1,23 @@
+// Reads blobs out of packs: whole packs, or the parts that are wanted.
+#pragma once
+
+#include <functional>
+#include <set>
+
+#include "tools/remote/Remote.h"
+
+namespace tool::remote {
+
+struct FetchedBlob {
+  const Place& place;
+  int64_t transactionId;  // of its record
+  std::string_view data;  // matches the hash
+};
+
+// Hands each blob to `take`, in any order. `places` are ones of `index`. Packs that are gone, or
+// that hold something else in one of the places, are added to `badPacks`, and those blobs are left
+// out. Throws Fault, Interrupted and what take() throws.
+void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
+           const std::function<void(const FetchedBlob&)>& take, std::set<std::string>& badPacks);
+
+}  // namespace tool::remote

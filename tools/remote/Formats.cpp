@@ -1,0 +1,260 @@
+#include "tools/remote/Formats.h"
+
+#include <sys/random.h>
+
+#include <algorithm>
+#include <cstring>
+#include <sstream>
+#include <tuple>
+
+#include "pack/Format.h"
+#include "tools/Error.h"
+#include "tools/Json.h"
+#include "tools/remote/Objects.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr size_t kPlaceSize = 28;
+constexpr size_t kNonceDigits = 16;
+constexpr size_t kNameSize = 2 * blobring::Hash::kSize + 1 + kNonceDigits;
+constexpr std::string_view kIndexMagic = "blobring index 1 ";
+
+bool IsHex(std::string_view text) {
+  return text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+bool IsName(std::string_view name) {
+  return name.size() == kNameSize && name[32] == '-' && IsHex(name.substr(0, 32)) &&
+         IsHex(name.substr(33));
+}
+
+Json Parsed(std::string_view text, const std::string& name) {
+  Json json = Json::parse(text, nullptr, false);
+  if (!json.is_object()) throw Fault("{} is damaged: it is not JSON", name);
+  return json;
+}
+
+}  // namespace
+
+std::string Nonce() {
+  unsigned char bytes[kNonceDigits / 2];
+  if (::getrandom(bytes, sizeof bytes, 0) != sizeof bytes) ThrowErrno("get random bytes");
+  std::string text;
+  for (const unsigned char byte : bytes) text += fmt::format("{:02x}", byte);
+  return text;
+}
+
+std::string PackKey(const std::string& name) {
+  return "packs/" + name.substr(0, 2) + "/" + name + ".pak";
+}
+
+std::string IndexKey(const std::string& name) {
+  return "index/" + name + ".idx";
+}
+
+std::string NameIn(const std::string& key) {
+  if (key.size() < kNameSize + 4) return "";
+  std::string name = key.substr(key.size() - kNameSize - 4, kNameSize);
+  if (!IsName(name) || (key != PackKey(name) && key != IndexKey(name))) return "";
+  return name;
+}
+
+blobring::Hash DigestIn(const std::string& name) {
+  return blobring::Hash::parse(name.substr(0, 32)).value_or(blobring::Hash());
+}
+
+std::string RemoteConfig::Encode() const {
+  Json json;
+  json["type"] = "blobring remote";
+  json["format"] = 1;
+  json["id"] = id;
+  json["push_seconds"] = pushSeconds;
+  json["grace_seconds"] = graceSeconds;
+  json["etag_is_md5"] = etagIsMd5;
+  return JsonLine(json);
+}
+
+RemoteConfig RemoteConfig::Decode(const std::string& text) {
+  const Json json = Parsed(text, "blobring.json");
+  try {
+    if (json.at("format") != 1)
+      throw Fault("blobring.json has a format of a later version of blobring");
+    RemoteConfig config;
+    config.id = json.at("id");
+    config.pushSeconds = json.at("push_seconds");
+    config.graceSeconds = json.at("grace_seconds");
+    config.etagIsMd5 = json.at("etag_is_md5");
+    if (!IsHex(config.id) || config.id.empty() || config.pushSeconds < 1 ||
+        config.graceSeconds <= config.pushSeconds)
+      throw Fault("blobring.json is damaged");
+    return config;
+  } catch (const Json::exception&) {
+    throw Fault("blobring.json is damaged");
+  }
+}
+
+uint32_t Place::dataOffset() const {
+  return offset + format::kStoreHeadSize;
+}
+
+void Index::Add(const Index& other) {
+  const auto base = static_cast<uint32_t>(packs.size());
+  packs.insert(packs.end(), other.packs.begin(), other.packs.end());
+  for (Place place : other.places) {
+    place.pack += base;
+    places.push_back(place);
+  }
+}
+
+void Index::Sort() {
+  std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
+    return std::tie(a.hash, a.pack, a.offset) < std::tie(b.hash, b.pack, b.offset);
+  });
+}
+
+std::string Index::Encode() const {
+  std::string bytes = fmt::format("{}{} {}\n", kIndexMagic, packs.size(), places.size());
+  for (const std::string& pack : packs) bytes += pack + "\n";
+  bytes.reserve(bytes.size() + places.size() * kPlaceSize);
+  for (const Place& place : places) {
+    unsigned char out[kPlaceSize];
+    std::memcpy(out, place.hash.data(), blobring::Hash::kSize);
+    format::Put32(out + 16, place.pack);
+    format::Put32(out + 20, place.offset);
+    format::Put32(out + 24, place.size);
+    bytes.append(reinterpret_cast<const char*>(out), kPlaceSize);
+  }
+  return bytes;
+}
+
+Index Index::Decode(std::string_view bytes, const std::string& name) {
+  const auto damaged = [&name](const char* what) { return Fault("{} is damaged: {}", name, what); };
+  if (!bytes.starts_with(kIndexMagic)) throw damaged("it is no index of this version");
+  size_t packCount = 0;
+  size_t placeCount = 0;
+  const auto lineEnd = bytes.find('\n');
+  std::istringstream counts(
+      std::string(bytes.substr(kIndexMagic.size(), lineEnd - kIndexMagic.size())));
+  if (lineEnd == std::string_view::npos || !(counts >> packCount >> placeCount))
+    throw damaged("the first line");
+  bytes.remove_prefix(lineEnd + 1);
+  if (packCount > bytes.size() / (kNameSize + 1)) throw damaged("the names of packs");
+  Index index;
+  for (size_t i = 0; i < packCount; ++i) {
+    index.packs.emplace_back(bytes.substr(0, kNameSize));
+    if (!IsName(index.packs.back()) || bytes[kNameSize] != '\n')
+      throw damaged("the names of packs");
+    bytes.remove_prefix(kNameSize + 1);
+  }
+  if (bytes.size() % kPlaceSize != 0 || bytes.size() / kPlaceSize != placeCount)
+    throw damaged("its length");
+  index.places.resize(placeCount);
+  const auto* in = reinterpret_cast<const unsigned char*>(bytes.data());
+  for (Place& place : index.places) {
+    std::memcpy(place.hash.data(), in, blobring::Hash::kSize);
+    place.pack = format::Get32(in + 16);
+    place.offset = format::Get32(in + 20);
+    place.size = format::Get32(in + 24);
+    if (place.pack >= packCount || place.offset > format::kMaxFileSize ||
+        place.size > format::kMaxFileSize - format::kStoreHeadSize ||
+        place.offset > format::kMaxFileSize - format::kStoreHeadSize - place.size)
+      throw damaged("a place");
+    in += kPlaceSize;
+  }
+  return index;
+}
+
+std::vector<uint64_t> Index::PackSizes() const {
+  std::vector<uint64_t> sizes(packs.size());
+  for (const Place& place : places)
+    sizes[place.pack] = std::max<uint64_t>(sizes[place.pack], place.end() + format::kEndSize);
+  return sizes;
+}
+
+std::string Snapshot::Encode() const {
+  Json json;
+  json["type"] = "blobring snapshot";
+  json["time"] = time;
+  json["message"] = message;
+  json["partial"] = isPartial;
+  json["blobs"] = hashes.size();
+  json["bytes"] = bytes;
+  std::string text = JsonLine(json);
+  text.reserve(text.size() + hashes.size() * blobring::Hash::kSize);
+  for (const blobring::Hash& hash : hashes)
+    text.append(reinterpret_cast<const char*>(hash.data()), blobring::Hash::kSize);
+  return text;
+}
+
+Snapshot Snapshot::Decode(std::string_view bytes, const std::string& name, bool headerOnly) {
+  const auto lineEnd = bytes.find('\n');
+  if (lineEnd == std::string_view::npos) throw Fault("{} is damaged: it has no first line", name);
+  const Json json = Parsed(bytes.substr(0, lineEnd), name);
+  Snapshot snapshot;
+  try {
+    snapshot.time = json.at("time");
+    snapshot.message = json.at("message");
+    snapshot.isPartial = json.at("partial");
+    snapshot.bytes = json.at("bytes");
+    snapshot.count = json.at("blobs");
+  } catch (const Json::exception&) {
+    throw Fault("{} is damaged: the first line", name);
+  }
+  if (headerOnly) return snapshot;
+  bytes.remove_prefix(lineEnd + 1);
+  if (bytes.size() % blobring::Hash::kSize != 0 ||
+      bytes.size() / blobring::Hash::kSize != snapshot.count)
+    throw Fault("{} is damaged: its length", name);
+  snapshot.hashes.resize(snapshot.count);
+  for (blobring::Hash& hash : snapshot.hashes) {
+    std::memcpy(hash.data(), bytes.data(), blobring::Hash::kSize);
+    bytes.remove_prefix(blobring::Hash::kSize);
+  }
+  return snapshot;
+}
+
+std::string SnapshotName::Short() const {
+  return fmt::format("{}/{:012}-{}", store, sequence, digest.text());
+}
+
+std::optional<SnapshotName> SnapshotName::Parse(const std::string& key) {
+  std::string text = key;
+  if (text.starts_with("snapshots/")) text.erase(0, std::strlen("snapshots/"));
+  if (text.ends_with(".snap")) text.erase(text.size() - std::strlen(".snap"));
+  const auto slash = text.find('/');
+  const auto dash = text.find('-');
+  if (slash == std::string::npos || dash == std::string::npos || dash < slash) return std::nullopt;
+  SnapshotName name;
+  name.store = text.substr(0, slash);
+  const std::string digits = text.substr(slash + 1, dash - slash - 1);
+  const auto digest = blobring::Hash::parse(text.substr(dash + 1));
+  if (!IsHex(name.store) || name.store.empty() || digits.empty() || digits.size() > 18 ||
+      digits.find_first_not_of("0123456789") != std::string::npos || !digest)
+    return std::nullopt;
+  name.sequence = std::stoull(digits);
+  name.digest = *digest;
+  return name;
+}
+
+std::string EncodeTomb(const std::vector<std::string>& keys) {
+  std::string lines;
+  for (const std::string& key : keys) lines += key + "\n";
+  return DigestOf(lines).text() + "\n" + lines;
+}
+
+std::vector<std::string> DecodeTomb(const std::string& text, const std::string& name) {
+  constexpr size_t kHead = 33;
+  if (text.size() < kHead ||
+      text.substr(0, kHead) != DigestOf(std::string_view(text).substr(kHead)).text() + "\n")
+    throw Fault("{} is damaged", name);
+  std::vector<std::string> keys;
+  std::istringstream lines(text.substr(kHead));
+  for (std::string line; std::getline(lines, line);) {
+    if (NameIn(line).empty()) throw Fault("{} names {}, which is no pack or index", name, line);
+    keys.push_back(line);
+  }
+  return keys;
+}
+
+}  // namespace tool::remote

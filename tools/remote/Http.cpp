@@ -1,0 +1,387 @@
+#include "tools/remote/Http.h"
+
+#include <algorithm>
+#include <cmath>
+#include <ctime>
+#include <thread>
+
+#include "tools/Console.h"
+#include "tools/Error.h"
+#include "tools/Interrupt.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr int kMostTries = 8;
+constexpr int kMostBadDigests = 2;
+constexpr int kMostStalls = 2;
+constexpr long kConnectSeconds = 10;
+constexpr size_t kMaxBody = size_t{1} << 31;
+
+// Errors of the setting, which time does not heal.
+bool IsPermanent(CURLcode result) {
+  switch (result) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+    case CURLE_URL_MALFORMAT:
+    case CURLE_PEER_FAILED_VERIFICATION:
+    case CURLE_SSL_CACERT_BADFILE:
+    case CURLE_OUT_OF_MEMORY:
+    case CURLE_WRITE_ERROR:
+    case CURLE_ABORTED_BY_CALLBACK:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string AmzDate(int64_t seconds) {
+  const std::time_t time = seconds;
+  std::tm utc = {};
+  ::gmtime_r(&time, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
+  return text;
+}
+
+}  // namespace
+
+struct Http::Transfer {
+  Http& owner;
+  Request request;
+  Done done;
+  Reply reply;
+  CURL* easy = nullptr;
+  curl_slist* headers = nullptr;
+  bool running = false;
+  bool ended = false;
+  double dueAt = 0;
+  uint64_t sent = 0;
+  int tries = 0;
+  int badDigests = 0;
+  int stalls = 0;
+  bool resigned = false;
+  std::exception_ptr failure;  // of a callback
+  char error[CURL_ERROR_SIZE] = {};
+
+  Transfer(Http& http, Request&& what, Done&& then)
+      : owner(http), request(std::move(what)), done(std::move(then)) {}
+  Transfer(const Transfer&) = delete;
+  ~Transfer() { Close(); }
+
+  uint64_t UploadSize() const {
+    return request.upload ? request.upload->size() : request.body.size();
+  }
+
+  void Close() {
+    if (running) {
+      curl_multi_remove_handle(owner.multi_, easy);
+      --owner.running_;
+    }
+    running = false;
+    if (easy != nullptr) curl_easy_cleanup(easy);
+    curl_slist_free_all(headers);
+    easy = nullptr;
+    headers = nullptr;
+  }
+};
+
+double BootSeconds() {
+  std::timespec now = {};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+std::string XmlText(std::string_view xml, std::string_view tag) {
+  const std::string open = fmt::format("<{}>", tag);
+  const auto begin = xml.find(open);
+  if (begin == std::string_view::npos) return "";
+  const auto end = xml.find(fmt::format("</{}>", tag), begin);
+  if (end == std::string_view::npos) return "";
+  std::string text(xml.substr(begin + open.size(), end - begin - open.size()));
+  constexpr std::pair<std::string_view, char> kEntities[] = {
+      {"&quot;", '"'}, {"&apos;", '\''}, {"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}};
+  for (const auto& [entity, character] : kEntities)
+    for (size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at)
+      text.replace(at, entity.size(), 1, character);
+  return text;
+}
+
+Http::Http(const Connection& connection) : connection_(connection) {
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  multi_ = curl_multi_init();
+  if (multi_ == nullptr) throw Fault("libcurl cannot be started");
+}
+
+Http::~Http() {
+  transfers_.clear();
+  curl_multi_cleanup(multi_);
+}
+
+void Http::GiveUp() {
+  transfers_.clear();
+}
+
+// Sleeping in a callback holds up every transfer: one budget for all of them.
+void Http::Spend(size_t bytes) {
+  if (connection_.limitRate == 0) return;
+  nextByteAt_ = std::max(nextByteAt_, BootSeconds()) +
+                static_cast<double>(bytes) / static_cast<double>(connection_.limitRate);
+  while (nextByteAt_ > BootSeconds() && !IsInterrupted())
+    std::this_thread::sleep_for(
+        std::chrono::duration<double>(std::min(0.1, nextByteAt_ - BootSeconds())));
+}
+
+size_t Http::OnSend(char* out, size_t size, size_t count, void* context) {
+  Transfer& transfer = *static_cast<Transfer*>(context);
+  const uint64_t left = transfer.UploadSize() - transfer.sent;
+  size_t n = std::min<uint64_t>(size * count, left);
+  try {
+    if (transfer.request.upload)
+      n = transfer.request.upload->Read(transfer.sent, out, n);
+    else
+      transfer.request.body.copy(out, n, transfer.sent);
+  } catch (...) {
+    transfer.failure = std::current_exception();
+    return CURL_READFUNC_ABORT;
+  }
+  transfer.sent += n;
+  transfer.owner.bytesSent_ += n;
+  transfer.owner.Spend(n);
+  return n;
+}
+
+int Http::OnSeek(void* context, curl_off_t offset, int origin) {
+  if (origin != SEEK_SET) return CURL_SEEKFUNC_CANTSEEK;
+  static_cast<Transfer*>(context)->sent = static_cast<uint64_t>(offset);
+  return CURL_SEEKFUNC_OK;
+}
+
+size_t Http::OnReceive(char* data, size_t size, size_t count, void* context) {
+  Transfer& transfer = *static_cast<Transfer*>(context);
+  const size_t n = size * count;
+  try {
+    if (transfer.request.download && transfer.reply.status / 100 == 2)
+      transfer.request.download->Append({data, n});
+    else if (transfer.reply.body.size() + n <= kMaxBody)
+      transfer.reply.body.append(data, n);
+    else
+      throw Fault("cannot {}: the answer is larger than {}", transfer.request.what,
+                  HumanSize(kMaxBody));
+  } catch (...) {
+    transfer.failure = std::current_exception();
+    return 0;
+  }
+  transfer.owner.bytesReceived_ += n;
+  transfer.owner.Spend(n);
+  return n;
+}
+
+size_t Http::OnHeader(char* data, size_t size, size_t count, void* context) {
+  Reply& reply = static_cast<Transfer*>(context)->reply;
+  const std::string_view line(data, size * count);
+  if (line.starts_with("HTTP/")) {  // a new answer, after 100 Continue
+    reply = Reply();
+    const auto blank = line.find(' ');
+    if (blank != std::string_view::npos) reply.status = std::atol(data + blank);
+    return line.size();
+  }
+  const auto colon = line.find(':');
+  if (colon == std::string_view::npos) return line.size();
+  std::string name(line.substr(0, colon));
+  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  std::string value(line.substr(colon + 1));
+  value.erase(0, value.find_first_not_of(' '));
+  value.erase(value.find_last_not_of("\r\n ") + 1);
+  if (name == "etag") {
+    std::erase(value, '"');
+    reply.etag = value;
+  } else if (name == "date") {
+    reply.date = std::max<int64_t>(0, curl_getdate(value.c_str(), nullptr));
+  } else if (name == "content-length") {
+    reply.size = std::strtoull(value.c_str(), nullptr, 10);
+  }
+  return line.size();
+}
+
+void Http::Begin(Transfer& transfer) {
+  const Request& request = transfer.request;
+  if (deadline_ && request.IsWrite() && BootSeconds() > *deadline_) throw Lapsed();
+  transfer.reply = Reply();
+  transfer.sent = 0;
+  transfer.error[0] = 0;
+  if (request.download) request.download->Clear();
+  CURL* const easy = transfer.easy = curl_easy_init();
+  if (easy == nullptr) throw Fault("libcurl cannot be started");
+  const auto set = [easy](CURLoption option, auto value) { curl_easy_setopt(easy, option, value); };
+  set(CURLOPT_URL, (connection_.endpoint + request.target).c_str());
+  set(CURLOPT_PROTOCOLS_STR, "http,https");
+  set(CURLOPT_PATH_AS_IS, 1L);  // what is signed is what is sent
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+  set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(connection_.stallSeconds));
+  set(CURLOPT_ERRORBUFFER, &transfer.error[0]);
+  set(CURLOPT_PRIVATE, &transfer);
+  if (!connection_.caFile.empty()) set(CURLOPT_CAINFO, connection_.caFile.c_str());
+  set(CURLOPT_AWS_SIGV4, fmt::format("aws:amz:{}:s3", connection_.region).c_str());
+  set(CURLOPT_USERNAME, connection_.accessKey.c_str());
+  set(CURLOPT_PASSWORD, connection_.secretKey.c_str());
+
+  const auto addHeader = [&transfer](const std::string& line) {
+    transfer.headers = curl_slist_append(transfer.headers, line.c_str());
+  };
+  addHeader("x-amz-content-sha256: UNSIGNED-PAYLOAD");
+  if (clockOffset_ != 0) addHeader("x-amz-date: " + AmzDate(std::time(nullptr) + clockOffset_));
+  if (!connection_.sessionToken.empty())
+    addHeader("x-amz-security-token: " + connection_.sessionToken);
+  for (const std::string& line : request.headers) addHeader(line);
+  set(CURLOPT_HTTPHEADER, transfer.headers);
+
+  if (request.method == "HEAD") set(CURLOPT_NOBODY, 1L);
+  if (request.method == "PUT") {
+    set(CURLOPT_UPLOAD, 1L);
+    set(CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(transfer.UploadSize()));
+    set(CURLOPT_READFUNCTION, &Http::OnSend);
+    set(CURLOPT_READDATA, &transfer);
+    set(CURLOPT_SEEKFUNCTION, &Http::OnSeek);
+    set(CURLOPT_SEEKDATA, &transfer);
+  }
+  if (request.method == "POST") {
+    set(CURLOPT_POSTFIELDS, request.body.data());
+    set(CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+  }
+  set(CURLOPT_WRITEFUNCTION, &Http::OnReceive);
+  set(CURLOPT_WRITEDATA, &transfer);
+  set(CURLOPT_HEADERFUNCTION, &Http::OnHeader);
+  set(CURLOPT_HEADERDATA, &transfer);
+  curl_multi_add_handle(multi_, easy);
+  transfer.running = true;
+  ++transfer.tries;
+  ++running_;
+  ++requests_;
+}
+
+void Http::BeginDue() {
+  for (const auto& transfer : transfers_) {
+    if (running_ >= std::max(1, static_cast<int>(window_))) return;
+    if (!transfer->running && !transfer->ended && transfer->dueAt <= BootSeconds())
+      Begin(*transfer);
+  }
+}
+
+void Http::ThrowFull(const Transfer& transfer, const std::string& why) const {
+  throw Fault("cannot {}: the remote is full ({})", transfer.request.what, why);
+}
+
+// A service whose disks are full keeps writes waiting and goes on answering reads.
+bool Http::Answers() {
+  CURL* const easy = curl_easy_init();
+  if (easy == nullptr) return false;
+  curl_easy_setopt(easy, CURLOPT_URL, (connection_.endpoint + "/" + connection_.bucket).c_str());
+  curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_TIMEOUT, kConnectSeconds);
+  if (!connection_.caFile.empty())
+    curl_easy_setopt(easy, CURLOPT_CAINFO, connection_.caFile.c_str());
+  const CURLcode result = curl_easy_perform(easy);
+  curl_easy_cleanup(easy);
+  return result == CURLE_OK;
+}
+
+bool Http::Retry(Transfer& transfer, CURLcode result) {
+  const Reply& reply = transfer.reply;
+  const std::string& what = transfer.request.what;
+  std::string why;
+  bool mayRetry = true;
+  if (result != CURLE_OK) {
+    why = transfer.error[0] != 0 ? transfer.error : curl_easy_strerror(result);
+    mayRetry = !IsPermanent(result);
+    if (result == CURLE_OPERATION_TIMEDOUT && transfer.request.IsWrite() &&
+        ++transfer.stalls >= kMostStalls && Answers())
+      ThrowFull(transfer, fmt::format("it answers, but keeps writes waiting: {}", why));
+  } else {
+    why = fmt::format("status {} {}", reply.status, reply.code);
+    if (reply.code == "RequestTimeTooSkewed" && reply.date != 0 && !transfer.resigned) {
+      transfer.resigned = true;
+      if (clockOffset_ == 0)
+        Say("the clock of this machine and that of the service are {} apart; the service's is used",
+            HumanTime(static_cast<double>(std::abs(reply.date - std::time(nullptr)))));
+      clockOffset_ = reply.date - std::time(nullptr);
+      transfer.dueAt = 0;
+      return true;
+    }
+    if (reply.code == "QuotaExceeded" || reply.status == 507) ThrowFull(transfer, why);
+    if (reply.code == "BadDigest" && ++transfer.badDigests > kMostBadDigests)
+      throw Fault("cannot {}: it arrived changed {} times; the network path corrupts data", what,
+                  transfer.badDigests);
+    if (reply.status == 503) window_ = std::max(1.0, window_ / 2);
+    mayRetry = reply.code == "BadDigest" || reply.status == 408 || reply.status == 429 ||
+               (reply.status >= 500 && reply.status != 501) || reply.status < 200;
+  }
+  if (!mayRetry || transfer.tries >= kMostTries) {
+    const std::string message = XmlText(reply.body, "Message");
+    throw Fault("cannot {}: {}{}{}{}", what, why, message.empty() ? "" : ", ", message,
+                transfer.tries > 1 ? fmt::format(", {} times", transfer.tries) : "");
+  }
+  const double most = std::min(20.0, 0.2 * std::pow(2, transfer.tries - 1));
+  transfer.dueAt = BootSeconds() + std::uniform_real_distribution<>(0, most)(random_);
+  return true;
+}
+
+void Http::Complete(Transfer& transfer, CURLcode result) {
+  transfer.Close();
+  if (transfer.failure) std::rethrow_exception(transfer.failure);
+  Reply& reply = transfer.reply;
+  if (reply.status >= 300) reply.code = XmlText(reply.body, "Code");
+  const bool isAnswer =
+      result == CURLE_OK &&
+      (reply.status / 100 == 2 || std::count(transfer.request.accepted.begin(),
+                                             transfer.request.accepted.end(), reply.status) != 0);
+  if (!isAnswer && Retry(transfer, result)) return;
+  window_ = std::min<double>(kParallel, window_ + 1 / window_);
+  transfer.ended = true;
+  const auto at = std::find_if(transfers_.begin(), transfers_.end(),
+                               [&transfer](const auto& other) { return other.get() == &transfer; });
+  const std::unique_ptr<Transfer> ended = std::move(*at);
+  transfers_.erase(at);
+  ended->done(reply);
+}
+
+void Http::Pump(bool wait) {
+  ThrowIfInterrupted();
+  BeginDue();
+  int unused = 0;
+  curl_multi_perform(multi_, &unused);
+  while (const CURLMsg* message = curl_multi_info_read(multi_, &unused)) {
+    if (message->msg != CURLMSG_DONE) continue;
+    Transfer* transfer = nullptr;
+    curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &transfer);
+    const CURLcode result = message->data.result;
+    Complete(*transfer, result);
+  }
+  if (tick_) tick_();
+  if (wait && !transfers_.empty()) {
+    BeginDue();
+    const bool isWaiting = running_ == 0;  // for the time of a retry
+    curl_multi_poll(multi_, nullptr, 0, isWaiting ? 20 : 100, nullptr);
+  }
+}
+
+void Http::Start(Request request, Done done) {
+  while (transfers_.size() >= kParallel) Pump();
+  transfers_.push_back(std::make_unique<Transfer>(*this, std::move(request), std::move(done)));
+  Pump(false);
+}
+
+void Http::Finish() {
+  while (!transfers_.empty()) Pump();
+}
+
+Reply Http::Call(Request request) {
+  std::optional<Reply> answer;
+  Start(std::move(request), [&answer](Reply& reply) { answer = std::move(reply); });
+  while (!answer) Pump();
+  return std::move(*answer);
+}
+
+}  // namespace tool::remote

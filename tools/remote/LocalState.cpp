@@ -1,0 +1,110 @@
+#include "tools/remote/LocalState.h"
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "tools/Error.h"
+#include "tools/StagedFile.h"
+#include "tools/remote/Objects.h"
+
+namespace tool::remote {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+std::optional<std::string> ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return std::nullopt;
+  std::ostringstream bytes;
+  bytes << file.rdbuf();
+  return std::move(bytes).str();
+}
+
+void WriteFile(const std::string& directory, const std::string& name, std::string_view bytes) {
+  std::error_code code;
+  stdfs::create_directories(directory, code);
+  if (code) throw Fault("cannot create {}: {}", directory, code.message());
+  const Fd opened = OpenDirectory(directory);
+  StagedFile file(opened.get(), name, directory + "/" + name);
+  file.Write(bytes);
+  file.Publish(Existing::kReplace);
+}
+
+std::vector<std::string> NamesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : stdfs::directory_iterator(directory, ignored))
+    names.push_back(entry.path().filename().string());
+  return names;
+}
+
+}  // namespace
+
+LocalState::LocalState(const std::string& store, const std::string& cache,
+                       const std::string& remoteId)
+    : directory_(cache.empty() ? store + "/remote" : cache), remote_(directory_ + "/" + remoteId) {}
+
+std::string LocalState::StoreId() {
+  if (const auto id = ReadFile(directory_ + "/id"); id && id->size() == 17)
+    return id->substr(0, 16);
+  const std::string id = Nonce();
+  try {
+    WriteFile(directory_, "id", id + "\n");
+  } catch (const Fault& fault) {
+    throw Fault("{}; --cache DIR keeps the store's id elsewhere", fault.what());
+  }
+  return id;
+}
+
+uint64_t LocalState::NextSequence() {
+  const auto last = ReadFile(remote_ + "/sequence");
+  const uint64_t next = (last ? std::strtoull(last->c_str(), nullptr, 10) : 0) + 1;
+  WriteFile(remote_, "sequence", fmt::format("{}\n", next));
+  return next;
+}
+
+std::optional<std::string> LocalState::ReadIndex(const std::string& name) const {
+  std::optional<std::string> bytes = ReadFile(remote_ + "/index/" + name);
+  if (bytes && DigestOf(*bytes) != DigestIn(name)) return std::nullopt;
+  return bytes;
+}
+
+void LocalState::KeepIndex(const std::string& name, std::string_view bytes) const {
+  try {
+    WriteFile(remote_ + "/index", name, bytes);
+  } catch (const Fault&) {
+  }
+}
+
+void LocalState::DropIndexesBut(const std::set<std::string>& names) const {
+  std::error_code ignored;
+  for (const std::string& name : NamesIn(remote_ + "/index"))
+    if (names.count(name) == 0) stdfs::remove(remote_ + "/index/" + name, ignored);
+}
+
+std::map<std::string, Index> LocalState::Pending() const {
+  std::map<std::string, Index> pending;
+  for (const std::string& name : NamesIn(remote_ + "/pending")) {
+    const auto bytes = ReadFile(remote_ + "/pending/" + name);
+    try {
+      if (!bytes) continue;
+      Index index = Index::Decode(*bytes, name);
+      if (index.packs.size() == 1 && index.packs[0] == name)
+        pending.emplace(name, std::move(index));
+    } catch (const Fault&) {  // cut off: the pack is an orphan then
+    }
+  }
+  return pending;
+}
+
+void LocalState::KeepPending(const std::string& pack, const Index& index) const {
+  WriteFile(remote_ + "/pending", pack, index.Encode());
+}
+
+void LocalState::DropPending(const std::vector<std::string>& packs) const {
+  std::error_code ignored;
+  for (const std::string& pack : packs) stdfs::remove(remote_ + "/pending/" + pack, ignored);
+}
+
+}  // namespace tool::remote

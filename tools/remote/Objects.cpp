@@ -1,0 +1,236 @@
+#include "tools/remote/Objects.h"
+
+#include <algorithm>
+#include <cctype>
+#include <ctime>
+
+#include "tools/Error.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr size_t kMostDeleted = 1000;  // keys in a request
+
+std::string UrlDecoded(std::string_view text) {
+  std::string decoded;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '%' && i + 2 < text.size()) {
+      decoded += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+      i += 2;
+    } else {
+      decoded += text[i];
+    }
+  }
+  return decoded;
+}
+
+std::string XmlEscaped(std::string_view text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '&')
+      escaped += "&amp;";
+    else if (c == '<')
+      escaped += "&lt;";
+    else if (c == '>')
+      escaped += "&gt;";
+    else
+      escaped += c;
+  }
+  return escaped;
+}
+
+// "2026-11-25T08:39:31.000Z"
+int64_t SecondsOf(const std::string& text) {
+  std::tm utc = {};
+  if (::strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &utc) == nullptr)
+    throw Fault("the service lists an object with the date \"{}\"", text);
+  return ::timegm(&utc);
+}
+
+}  // namespace
+
+std::string UrlEncoded(std::string_view text, bool keepSlash) {
+  std::string encoded;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool isPlain = (std::isalnum(byte) != 0 && byte < 128) || c == '-' || c == '.' ||
+                         c == '_' || c == '~' || (keepSlash && c == '/');
+    if (isPlain)
+      encoded += c;
+    else
+      encoded += fmt::format("%{:02X}", byte);
+  }
+  return encoded;
+}
+
+std::string Base64(const blobring::Hash& digest) {
+  constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (size_t i = 0; i < blobring::Hash::kSize; i += 3) {
+    uint32_t bits = 0;
+    for (size_t j = i; j < i + 3; ++j)
+      bits = bits << 8 | (j < blobring::Hash::kSize ? digest.bytes()[j] : 0U);
+    for (int shift = 18; shift >= 0; shift -= 6) text += kDigits[bits >> shift & 63];
+  }
+  text.replace(text.size() - 2, 2, "==");  // 16 bytes leave one for the last group
+  return text;
+}
+
+blobring::Hash DigestOf(std::string_view bytes) {
+  return blobring::Hash::of(std::as_bytes(std::span(bytes)));
+}
+
+Objects::Objects(const Connection& connection)
+    : bucket_(connection.bucket), prefix_(connection.prefix), http_(connection) {}
+
+std::string Objects::Target(const std::string& key) const {
+  return "/" + bucket_ + "/" + UrlEncoded(prefix_ + key, true);
+}
+
+Listing Objects::List(const std::string& under) {
+  Listing listing;
+  std::string token;
+  do {
+    Request request;
+    request.method = "GET";
+    request.target = "/" + bucket_ + "?";
+    if (!token.empty()) request.target += "continuation-token=" + UrlEncoded(token, false) + "&";
+    request.target += "encoding-type=url&list-type=2&prefix=" + UrlEncoded(prefix_ + under, false);
+    request.what = "list " + prefix_ + under;
+    const Reply reply = http_.Call(std::move(request));
+    if (listing.date == 0) listing.date = reply.date;
+    const std::string_view xml = reply.body;
+    size_t count = 0;
+    for (size_t at = 0; (at = xml.find("<Contents>", at)) != std::string_view::npos; ++at) {
+      const std::string_view entry = xml.substr(at, xml.find("</Contents>", at) - at);
+      const std::string key = UrlDecoded(XmlText(entry, "Key"));
+      if (!key.starts_with(prefix_ + under))
+        throw Fault("the service lists {} below {}", key, prefix_ + under);
+      Object object;
+      object.size = std::strtoull(XmlText(entry, "Size").c_str(), nullptr, 10);
+      object.etag = XmlText(entry, "ETag");
+      std::erase(object.etag, '"');
+      object.modified = SecondsOf(XmlText(entry, "LastModified"));
+      listing.objects.emplace(key.substr(prefix_.size()), std::move(object));
+      ++count;
+    }
+    if (std::to_string(count) != XmlText(xml, "KeyCount") || reply.date == 0)
+      throw Fault("cannot list {}: the answer has {} keys and announces {}", prefix_ + under, count,
+                  XmlText(xml, "KeyCount"));
+    token = XmlText(xml, "IsTruncated") == "true" ? XmlText(xml, "NextContinuationToken") : "";
+  } while (!token.empty());
+  return listing;
+}
+
+Request Objects::PutRequest(const std::string& key, const blobring::Hash& digest) const {
+  Request request;
+  request.method = "PUT";
+  request.target = Target(key);
+  request.headers = {"Content-MD5: " + Base64(digest), "Content-Type: application/octet-stream"};
+  request.what = "upload " + prefix_ + key;
+  return request;
+}
+
+void Objects::Put(const std::string& key, std::string body, const blobring::Hash& digest,
+                  Http::Done done) {
+  Request request = PutRequest(key, digest);
+  request.body = std::move(body);
+  http_.Start(std::move(request), std::move(done));
+}
+
+void Objects::Put(const std::string& key, std::shared_ptr<Spool> body, const blobring::Hash& digest,
+                  Http::Done done) {
+  Request request = PutRequest(key, digest);
+  request.upload = std::move(body);
+  http_.Start(std::move(request), std::move(done));
+}
+
+void Objects::Put(const std::string& key, std::string body) {
+  Request request = PutRequest(key, DigestOf(body));
+  request.body = std::move(body);
+  http_.Call(std::move(request));
+}
+
+Created Objects::PutNew(const std::string& key, std::string body) {
+  Request request = PutRequest(key, DigestOf(body));
+  request.headers.emplace_back("If-None-Match: *");
+  request.body = std::move(body);
+  request.accepted = {412, 501};
+  const long status = http_.Call(std::move(request)).status;
+  return status == 412 ? Created::kExists : status == 501 ? Created::kUnsupported : Created::kYes;
+}
+
+std::optional<Reply> Objects::Get(const std::string& key) {
+  Request request;
+  request.method = "GET";
+  request.target = Target(key);
+  request.accepted = {404};
+  request.what = "read " + prefix_ + key;
+  Reply reply = http_.Call(std::move(request));
+  if (reply.status == 404) return std::nullopt;
+  return reply;
+}
+
+std::optional<uint64_t> Objects::Head(const std::string& key) {
+  Request request;
+  request.method = "HEAD";
+  request.target = Target(key);
+  request.accepted = {404};
+  request.what = "look at " + prefix_ + key;
+  const Reply reply = http_.Call(std::move(request));
+  if (reply.status == 404) return std::nullopt;
+  return reply.size;
+}
+
+void Objects::StartGet(const std::string& key, std::optional<ByteRange> range,
+                       std::shared_ptr<Spool> spool, Http::Done done) {
+  Request request;
+  request.method = "GET";
+  request.target = Target(key);
+  if (range)
+    request.headers.push_back(
+        fmt::format("Range: bytes={}-{}", range->offset, range->offset + range->size - 1));
+  request.download = std::move(spool);
+  request.accepted = {404, 416};
+  request.what = "read " + prefix_ + key;
+  http_.Start(std::move(request), std::move(done));
+}
+
+void Objects::Delete(const std::vector<std::string>& keys) {
+  for (size_t begin = 0; begin < keys.size(); begin += kMostDeleted) {
+    std::string body = "<Delete><Quiet>true</Quiet>";
+    for (size_t i = begin; i < std::min(keys.size(), begin + kMostDeleted); ++i)
+      body += "<Object><Key>" + XmlEscaped(prefix_ + keys[i]) + "</Key></Object>";
+    body += "</Delete>";
+    Request request;
+    request.method = "POST";
+    request.target = "/" + bucket_ + "?delete=";
+    request.headers = {"Content-MD5: " + Base64(DigestOf(body)), "Content-Type: application/xml"};
+    request.body = std::move(body);
+    request.what = fmt::format("delete {} and others", prefix_ + keys[begin]);
+    const Reply reply = http_.Call(std::move(request));
+    if (reply.body.find("<Error>") != std::string::npos)
+      throw Fault("cannot delete {}: {}", XmlText(reply.body, "Key"), XmlText(reply.body, "Code"));
+  }
+}
+
+bool Objects::HasBucket() {
+  Request request;
+  request.method = "GET";
+  request.target = "/" + bucket_ + "?list-type=2&max-keys=1";
+  request.accepted = {404};
+  request.what = "list the bucket " + bucket_;
+  return http_.Call(std::move(request)).status != 404;
+}
+
+void Objects::CreateBucket() {
+  Request request;
+  request.method = "PUT";
+  request.target = "/" + bucket_;
+  request.accepted = {409};  // another process was first
+  request.what = "create the bucket " + bucket_;
+  http_.Call(std::move(request));
+  if (!HasBucket()) throw Fault("the bucket {} was not created", bucket_);
+}
+
+}  // namespace tool::remote

@@ -1,0 +1,335 @@
+// prune: forgets old snapshots, and gives back the space of what no snapshot needs.
+//
+// Takes no lock; several at once are harmless. The rules are those of Remote.h.
+#include <algorithm>
+
+#include "tools/Console.h"
+#include "tools/Json.h"
+#include "tools/remote/Commands.h"
+#include "tools/remote/Fetch.h"
+#include "tools/remote/PackBuilder.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr double kMostDead = 0.4;  // of a pack; beyond, its live blobs move to another
+constexpr uint64_t kBatchBytes = uint64_t{256} << 20;  // copied through temporary files at a time
+constexpr size_t kPacksInIndex = 64;
+constexpr size_t kManySmallIndexes = 32;
+constexpr size_t kSmallIndex = 16;  // packs
+constexpr int kMostLooks = 3;
+
+using Keys = std::set<std::string>;
+using Hashes = std::vector<blobring::Hash>;
+
+class Pruner {
+ public:
+  Pruner(Remote& remote, const PruneOptions& options)
+      : remote_(remote),
+        options_(options),
+        keepWithin_(options.keepWithin.empty() ? -1 : DurationOf(options.keepWithin)) {
+    remote.objects.http().SetDeadline(BootSeconds() +
+                                      static_cast<double>(remote.config.pushSeconds));
+  }
+
+  void Run() {
+    Look();
+    Choose();
+    if (options_.dryRun) return;
+    remote_.objects.Delete({forgotten_.begin(), forgotten_.end()});
+    Rewrite();
+    if (!going_.empty())
+      remote_.objects.Put("gc/" + Nonce() + ".tomb", EncodeTomb({going_.begin(), going_.end()}));
+    Bury();
+  }
+
+  ExitStatus Report() const {
+    if (consoleOptions.json) {
+      Json json;
+      json["type"] = "prune";
+      json["dry_run"] = options_.dryRun;
+      json["snapshots_kept"] = keptCount_;
+      json["snapshots_forgotten"] = forgotten_.size();
+      json["packs_rewritten"] = rewrittenCount_;
+      json["marked"] = going_.size();
+      json["marked_bytes"] = goingBytes_;
+      json["deleted"] = deletedCount_;
+      json["deleted_bytes"] = deletedBytes_;
+      PrintText(JsonLine(json));
+    }
+    const char* would = options_.dryRun ? "would be " : "";
+    Inform("{} kept, {} {}forgotten", Count(keptCount_, "snapshot"), forgotten_.size(), would);
+    Inform("{} {}marked, {}, to be deleted by a prune in {}; {} {}rewritten",
+           Count(going_.size(), "object"), would, HumanSize(goingBytes_),
+           HumanTime(static_cast<double>(remote_.config.graceSeconds)),
+           Count(rewrittenCount_, "pack"), would);
+    Inform("{} {}deleted, {}", Count(deletedCount_, "object"), would, HumanSize(deletedBytes_));
+    if (missingCount_ == 0) return kSuccess;
+    Say("the snapshots that stay name {} that {} in no pack: `blobring remote check` tells which; "
+        "packs that no index names were kept",
+        Count(missingCount_, "blob"), missingCount_ == 1 ? "is" : "are");
+    return kFault;
+  }
+
+ private:
+  // Lists everything, tombs first and snapshots last. A push that ends meanwhile shows a snapshot
+  // whose index was not there yet: then all is listed again.
+  void Look() {
+    for (int look = 1;; ++look) {
+      tombs_ = remote_.ReadTombs();
+      indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
+      packs_ = remote_.objects.List("packs/");
+      ReadSnapshots();
+      usable_ = Merge(indexes_, [this](const std::string& pack) { return IsUsable(pack); });
+      tombed_ = Merge(indexes_,
+                      [this](const std::string& pack) { return IsThere(pack) && !IsUsable(pack); });
+      const auto missing = std::count_if(needed_.begin(), needed_.end(), [this](const auto& hash) {
+        return PlacesOf(usable_, hash).empty() && PlacesOf(tombed_, hash).empty();
+      });
+      missingCount_ = static_cast<uint64_t>(missing);
+      if (missingCount_ == 0 || look == kMostLooks) return;
+    }
+  }
+
+  bool IsThere(const std::string& pack) const { return packs_.objects.count(PackKey(pack)) != 0; }
+  bool IsUsable(const std::string& pack) const {
+    return IsThere(pack) && tombs_.keys.count(PackKey(pack)) == 0;
+  }
+
+  void ReadSnapshots() {
+    const Listing listing = remote_.objects.List("snapshots/");
+    const auto names = remote_.NamesOf(listing);
+    std::map<std::string, Snapshot> headers = remote_.ReadHeaders(names);
+    ChooseSnapshots(listing, names, headers);
+    std::map<std::string, blobring::Hash> kept;
+    for (const auto& [key, name] : names)
+      if (forgotten_.count(key) == 0) kept[key] = name.digest;
+    keptCount_ = kept.size();
+    needed_.clear();
+    Progress progress("reading snapshots", kept.size());
+    remote_.ReadAll(kept, [&](const std::string& key, std::string* bytes) {
+      if (bytes == nullptr) return;  // another prune has forgotten it
+      const Hashes hashes = Snapshot::Decode(*bytes, key).hashes;
+      needed_.insert(needed_.end(), hashes.begin(), hashes.end());
+      std::sort(needed_.begin(), needed_.end());
+      needed_.erase(std::unique(needed_.begin(), needed_.end()), needed_.end());
+      progress.Advance(bytes->size());
+    });
+  }
+
+  // Of each store: the last N whole ones, those young enough, and partial ones that no whole one
+  // followed. Without options all whole ones stay.
+  void ChooseSnapshots(const Listing& listing, const std::map<std::string, SnapshotName>& names,
+                       const std::map<std::string, Snapshot>& headers) {
+    forgotten_.clear();
+    std::map<std::string, uint64_t> wholeCount;  // of each store, newer than the one looked at
+    for (auto at = names.rbegin(); at != names.rend(); ++at) {
+      const auto& [key, name] = *at;
+      const auto header = headers.find(key);
+      if (header == headers.end()) continue;
+      uint64_t& newer = wholeCount[name.store];
+      const bool isYoung =
+          keepWithin_ >= 0 && listing.date - listing.objects.at(key).modified <= keepWithin_;
+      const bool isLast = options_.keepLast != 0 && newer < options_.keepLast;
+      const bool hasRule = keepWithin_ >= 0 || options_.keepLast != 0;
+      if (header->second.isPartial ? newer != 0 : hasRule && !isYoung && !isLast)
+        forgotten_.insert(key);
+      if (!header->second.isPartial) ++newer;
+    }
+  }
+
+  // Older than W, by the service's clock alone [R7]. Times are whole seconds.
+  bool IsOld(const Object& object, const Listing& listing) const {
+    return listing.date - object.modified > remote_.config.graceSeconds + 1;
+  }
+
+  // What is to go and what is to be copied before.
+  void Choose() {
+    std::vector<uint64_t> needed(usable_.packs.size());  // bytes of records
+    std::vector<Place> chosen;
+    for (const blobring::Hash& hash : needed_) {
+      const auto places = PlacesOf(usable_, hash);
+      if (places.empty()) {
+        const auto tombed = PlacesOf(tombed_, hash);
+        if (!tombed.empty()) rescued_.push_back(tombed[0]);
+        continue;
+      }
+      chosen.push_back(places[0]);
+      needed[places[0].pack] += places[0].end() - places[0].offset;
+    }
+    const std::vector<uint64_t> sizes = usable_.PackSizes();
+    std::vector<bool> goes(usable_.packs.size());
+    for (size_t i = 0; i < usable_.packs.size(); ++i) {
+      const std::string key = PackKey(usable_.packs[i]);
+      const double live = static_cast<double>(needed[i]) / static_cast<double>(sizes[i]);
+      goes[i] = live < 1 - kMostDead && IsOld(packs_.objects.at(key), packs_);
+      if (!goes[i]) continue;
+      if (needed[i] != 0) ++rewrittenCount_;
+      Mark(key);
+    }
+    for (const Place& place : chosen)
+      if (goes[place.pack]) moved_.push_back(place);
+    const Keys indexed = IndexedPacks();
+    // A pack whose index was lost may have what a snapshot lacks.
+    if (missingCount_ == 0)
+      for (const auto& [key, object] : packs_.objects)
+        if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && IsOld(object, packs_))
+          Mark(key);
+    ChooseIndexes();
+  }
+
+  Keys IndexedPacks() const {
+    Keys keys;
+    for (const auto& [name, index] : indexes_)
+      for (const std::string& pack : index.packs) keys.insert(PackKey(pack));
+    return keys;
+  }
+
+  void Mark(const std::string& key) {
+    going_.insert(key);
+    const auto at = packs_.objects.find(key);
+    if (at != packs_.objects.end()) goingBytes_ += at->second.size;
+  }
+
+  // An index that names a pack that is not to be used, and many small ones.
+  void ChooseIndexes() {
+    std::vector<std::string> small;
+    for (const auto& [name, index] : indexes_) {
+      if (tombs_.keys.count(IndexKey(name)) != 0) continue;
+      const bool isSound = std::all_of(index.packs.begin(), index.packs.end(),
+                                       [this](const std::string& pack) { return Stays(pack); });
+      if (!isSound)
+        Mark(IndexKey(name));
+      else if (index.packs.size() < kSmallIndex)
+        small.push_back(IndexKey(name));
+    }
+    if (small.size() > kManySmallIndexes)
+      for (const std::string& key : small) Mark(key);
+  }
+
+  bool Stays(const std::string& pack) const {
+    return IsUsable(pack) && going_.count(PackKey(pack)) == 0;
+  }
+
+  // Copies what packs that go have of use, and indexes what no index that stays names.
+  void Rewrite() {
+    Index fresh;
+    CopyBlobs(usable_, moved_, fresh);
+    CopyBlobs(tombed_, rescued_, fresh);
+    Keys named;
+    for (const auto& [name, index] : indexes_)
+      if (tombs_.keys.count(IndexKey(name)) == 0 && going_.count(IndexKey(name)) == 0)
+        named.insert(index.packs.begin(), index.packs.end());
+    Remote::Indexes parts = {{"fresh", std::move(fresh)}};
+    parts["old"] = Merge(
+        indexes_, [&](const std::string& pack) { return Stays(pack) && named.count(pack) == 0; });
+    const Index all = Merge(parts, [](const std::string&) { return true; });
+    for (size_t begin = 0; begin < all.packs.size(); begin += kPacksInIndex) {
+      const Keys here(all.packs.begin() + static_cast<ptrdiff_t>(begin),
+                      all.packs.begin() + static_cast<ptrdiff_t>(
+                                              std::min(all.packs.size(), begin + kPacksInIndex)));
+      const std::string bytes = Merge({{"", all}}, [&here](const std::string& pack) {
+                                  return here.count(pack) != 0;
+                                }).Encode();
+      remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
+    }
+  }
+
+  void CopyBlobs(const Index& from, const std::vector<Place>& places, Index& fresh) {
+    if (places.empty()) return;
+    uint64_t bytes = 0;
+    for (const Place& place : places) bytes += place.size;
+    Progress progress("copying live blobs", places.size(), bytes);
+    for (auto begin = places.begin(); begin != places.end();) {
+      uint64_t batchBytes = 0;
+      auto end = begin;
+      while (end != places.end() && batchBytes < kBatchBytes) batchBytes += end++->size;
+      CopyBatch(from, {begin, end}, fresh, progress);
+      begin = end;
+    }
+  }
+
+  void CopyBatch(const Index& from, std::vector<Place> places, Index& fresh, Progress& progress) {
+    PackBuilder builder;
+    std::vector<BuiltPack> built;
+    Keys badPacks;
+    Fetch(
+        remote_, from, std::move(places),
+        [&](const FetchedBlob& blob) {
+          if (builder.IsFullFor(blob.data.size())) built.push_back(builder.Finish());
+          builder.Add(blob.place.hash, blob.transactionId, blob.data);
+          progress.Advance(blob.data.size());
+        },
+        badPacks);
+    if (!badPacks.empty())
+      throw Fault("no pack was deleted: {} is gone or damaged, and snapshots need it",
+                  *badPacks.begin());
+    if (!builder.empty()) built.push_back(builder.Finish());
+    for (BuiltPack& pack : built) {
+      fresh.Add(pack.index);
+      remote_.objects.Put(PackKey(pack.name), std::move(pack.file), pack.digest, [](Reply&) {});
+    }
+    remote_.objects.http().Finish();
+  }
+
+  // Deletes what old tombs name [R4]: by now nothing needs it [R5], and every index that names it
+  // has a tomb [R6].
+  void Bury() {
+    Keys dead;
+    std::vector<std::string> emptied;
+    for (const auto& [key, named] : tombs_.named) {
+      if (!IsOld(tombs_.listing.objects.at(key), tombs_.listing)) continue;
+      emptied.push_back(key);
+      for (const std::string& name : named) {
+        const auto at = packs_.objects.find(name);
+        const bool isIndex = indexes_.count(NameIn(name)) != 0;
+        if (at == packs_.objects.end() && !isIndex) continue;
+        if (!dead.insert(name).second) continue;
+        ++deletedCount_;
+        if (at != packs_.objects.end()) deletedBytes_ += at->second.size;
+      }
+    }
+    remote_.objects.Delete({dead.begin(), dead.end()});
+    remote_.objects.Delete(emptied);
+  }
+
+  Remote& remote_;
+  const PruneOptions& options_;
+  int64_t keepWithin_;  // seconds; -1: not said
+
+  Tombs tombs_;
+  Remote::Indexes indexes_;
+  Listing packs_;
+  Hashes needed_;  // by the snapshots that stay; ascending
+  Index usable_;   // of packs that are there and that no tomb names
+  Index tombed_;   // of those that one names
+
+  Keys forgotten_;              // snapshots
+  Keys going_;                  // for the next tomb: keys of packs and indexes
+  std::vector<Place> moved_;    // in usable_: live blobs of packs that go
+  std::vector<Place> rescued_;  // in tombed_: needed, and in no pack that stays
+  uint64_t missingCount_ = 0;   // needed, and in no pack
+  uint64_t keptCount_ = 0;
+  uint64_t rewrittenCount_ = 0;
+  uint64_t goingBytes_ = 0;
+  uint64_t deletedCount_ = 0;
+  uint64_t deletedBytes_ = 0;
+};
+
+}  // namespace
+
+ExitStatus Prune(const PruneOptions& options) {
+  Remote remote(options.remote);
+  Pruner pruner(remote, options);
+  try {
+    pruner.Run();
+  } catch (const Lapsed&) {
+    throw Fault("the prune takes longer than {}, in which it must be through; run it again",
+                HumanTime(static_cast<double>(remote.config.pushSeconds)));
+  } catch (const Interrupted&) {
+    throw Interrupted("interrupted; nothing that a snapshot needs was touched. Run it again");
+  }
+  return pruner.Report();
+}
+
+}  // namespace tool::remote

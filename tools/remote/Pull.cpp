@@ -1,0 +1,199 @@
+// pull: the blobs of a snapshot that a store lacks.
+#include <algorithm>
+
+#include "tools/BatchWriter.h"
+#include "tools/Console.h"
+#include "tools/Json.h"
+#include "tools/remote/Commands.h"
+#include "tools/remote/Fetch.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr int kMostAttempts = 3;  // each with the indexes as they are then
+constexpr size_t kMostNamed = 10;
+
+struct Chosen {
+  SnapshotName name;
+  Snapshot snapshot;
+};
+
+// The newest whole one among those whose names begin with `wanted`; any kind if it is the only one.
+// None of the store `except`.
+std::optional<Chosen> Choose(Remote& remote, const std::string& wanted, const std::string& except) {
+  const Listing listing = remote.objects.List("snapshots/");
+  std::map<std::string, SnapshotName> names = remote.NamesOf(listing);
+  std::erase_if(names, [&](const auto& entry) {
+    return !entry.second.Short().starts_with(wanted) || entry.second.store == except;
+  });
+  std::vector<SnapshotName> byAge;
+  for (const auto& [key, name] : names) byAge.push_back(name);
+  std::sort(byAge.begin(), byAge.end(), [&listing](const auto& a, const auto& b) {
+    const auto order = [&listing](const SnapshotName& name) {
+      return std::tuple(listing.objects.at(name.Key()).modified, name.sequence, name.Short());
+    };
+    return order(a) > order(b);
+  });
+  for (const SnapshotName& name : byAge) {
+    Snapshot snapshot = remote.ReadSnapshot(name);
+    if (snapshot.isPartial && (wanted.empty() || byAge.size() > 1)) continue;
+    if (snapshot.isPartial) Say("the snapshot {} is partial", name.Short());
+    return Chosen{name, std::move(snapshot)};
+  }
+  return std::nullopt;
+}
+
+class Puller {
+ public:
+  Puller(Remote& remote, const LocalState& state, OpenStore& to, const Chosen& chosen)
+      : remote_(remote),
+        state_(state),
+        to_(to),
+        chosen_(chosen),
+        writer_(to.store, unused_, BatchWriter::WhenFull::kRepack),
+        progress_("pulling", chosen.snapshot.count, chosen.snapshot.bytes) {
+    remote.objects.http().SetTick([this] { progress_.Show(doneCount_, doneBytes_); });
+  }
+  ~Puller() { remote_.objects.http().SetTick({}); }
+  Puller(const Puller&) = delete;
+
+  // Returns the number of blobs that could not be had.
+  size_t Run() {
+    std::vector<blobring::Hash> missing = Missing(chosen_.snapshot.hashes);
+    doneCount_ = chosen_.snapshot.hashes.size() - missing.size();
+    for (int attempt = 0; attempt < kMostAttempts && !missing.empty(); ++attempt) {
+      const Remote::Indexes indexes =
+          remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_);
+      index_ = Merge(indexes, [](const std::string&) { return true; });
+      Fetch(
+          remote_, index_, Places(missing),
+          [this](const FetchedBlob& blob) {
+            writer_.Add(blob.data, blob.place.hash.text());
+            ++doneCount_;
+            doneBytes_ += blob.data.size();
+          },
+          badPacks_);
+      writer_.Commit();
+      missing = Missing(missing);
+    }
+    for (size_t i = 0; i < std::min(missing.size(), kMostNamed); ++i) Name(missing[i]);
+    return missing.size();
+  }
+
+  void Commit() { writer_.Commit(); }
+  uint64_t committedCount() const { return writer_.committedCount(); }
+  uint64_t committedBytes() const { return writer_.committedBytes(); }
+
+ private:
+  std::vector<blobring::Hash> Missing(const std::vector<blobring::Hash>& hashes) const {
+    std::vector<blobring::Hash> missing;
+    for (const blobring::Hash& hash : hashes)
+      if (!SizeOf(to_.store, hash)) missing.push_back(hash);
+    return missing;
+  }
+
+  // Where to read each from: rather not from a pack that was found bad.
+  std::vector<Place> Places(const std::vector<blobring::Hash>& hashes) const {
+    std::vector<Place> places;
+    for (const blobring::Hash& hash : hashes) {
+      const auto found = PlacesOf(index_, hash);
+      if (found.empty()) continue;
+      const auto good = std::find_if(found.begin(), found.end(), [this](const Place& place) {
+        return badPacks_.count(index_.packs[place.pack]) == 0;
+      });
+      places.push_back(good != found.end() ? *good : found[0]);
+    }
+    return places;
+  }
+
+  void Name(const blobring::Hash& hash) const {
+    const auto found = PlacesOf(index_, hash);
+    if (found.empty())
+      Say("the snapshot {} names the blob {}, which no index has", chosen_.name.Short(),
+          hash.text());
+    else
+      Say("the snapshot {} names the blob {}, whose pack {} is gone or damaged",
+          chosen_.name.Short(), hash.text(), index_.packs[found[0].pack]);
+  }
+
+  Remote& remote_;
+  const LocalState& state_;
+  OpenStore& to_;
+  const Chosen& chosen_;
+  std::string unused_;
+  BatchWriter writer_;
+  Index index_;
+  std::set<std::string> badPacks_;
+  uint64_t doneCount_ = 0;
+  uint64_t doneBytes_ = 0;
+  Progress progress_;
+};
+
+}  // namespace
+
+ExitStatus Pull(const PullOptions& options) {
+  Remote remote(options.remote);
+  LocalState state(options.at.directory, options.remote.cache, remote.config.id);
+  const std::optional<Chosen> found =
+      Choose(remote, options.snapshot, options.fromOthers ? state.StoreId() : "");
+  if (!found && options.fromOthers) {
+    Inform("no other store has a whole snapshot there");
+    return kSuccess;
+  }
+  if (!found)
+    throw NothingFound("there is no whole snapshot{}{}",
+                       options.snapshot.empty() ? "" : " whose name begins with ",
+                       options.snapshot);
+  const Chosen& chosen = *found;
+  size_t missingCount = 0;
+  uint64_t count = 0;
+  uint64_t bytes = 0;
+  {
+    OpenStore to(options.at, Access::kChange);
+    Puller puller(remote, state, to, chosen);
+    try {
+      missingCount = puller.Run();
+    } catch (const Interrupted&) {
+      puller.Commit();
+      throw Interrupted("interrupted: {} stored, {}; the next pull goes on from there",
+                        Count(puller.committedCount(), "blob"), HumanSize(puller.committedBytes()));
+    } catch (const Fault&) {
+      puller.Commit();
+      throw;
+    }
+    count = puller.committedCount();
+    bytes = puller.committedBytes();
+  }
+  if (consoleOptions.json) {
+    const Http& http = remote.objects.http();
+    Json json;
+    json["type"] = "pull";
+    json["snapshot"] = chosen.name.Short();
+    json["blobs"] = count;
+    json["bytes"] = bytes;
+    json["missing"] = missingCount;
+    json["requests"] = http.requests();
+    json["bytes_sent"] = http.bytesSent();
+    json["bytes_received"] = http.bytesReceived();
+    PrintText(JsonLine(json));
+  }
+  Inform("{} pulled, {}, of the {} of the snapshot {}", Count(count, "blob"), HumanSize(bytes),
+         chosen.snapshot.count, chosen.name.Short());
+  if (missingCount == 0) return kSuccess;
+  Say("{} of the snapshot could not be had", Count(missingCount, "blob"));
+  return kFault;
+}
+
+ExitStatus Sync(const SyncOptions& options) {
+  if (!options.to.directory.starts_with("s3://")) return Copy(options);
+  if (options.dryRun) throw UsageError("--dry-run is for two stores alone");
+  RemoteOptions remote = options.remote;
+  remote.url = options.to.directory;
+  StoreOptions at = options.to;
+  at.directory = options.from;
+  const ExitStatus pushed = Push({at, remote, ""});
+  const ExitStatus pulled = Pull({at, remote, "", true});
+  return pushed != kSuccess ? pushed : pulled;
+}
+
+}  // namespace tool::remote

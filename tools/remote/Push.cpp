@@ -1,0 +1,253 @@
+// push: what a store has and the remote lacks, then a snapshot.
+//
+// A push goes in rounds. Each begins by listing, ends with a snapshot, and must be through within T
+// [R3]. A round that is not through after T/2 publishes what there is as a partial snapshot, which
+// keeps a prune from taking it, and the next one goes on.
+#include <algorithm>
+#include <ctime>
+
+#include "tools/Console.h"
+#include "tools/Json.h"
+#include "tools/look/StoreView.h"
+#include "tools/remote/Commands.h"
+#include "tools/remote/PackBuilder.h"
+#include "tools/remote/Remote.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr size_t kPacksInIndex = 64;
+constexpr int kMostIdleRounds = 3;
+constexpr size_t kMaxMessage = 1000;
+
+// From front to back of each file.
+std::vector<const ViewedBlob*> InFileOrder(const StoreView& view) {
+  std::vector<const ViewedBlob*> blobs;
+  for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
+  std::sort(blobs.begin(), blobs.end(), [](const auto* a, const auto* b) {
+    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
+  });
+  return blobs;
+}
+
+std::string TimeNow() {
+  const std::time_t now = std::time(nullptr);
+  std::tm utc = {};
+  ::gmtime_r(&now, &utc);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
+  return text;
+}
+
+class Pusher {
+ public:
+  Pusher(const StoreView& view, Remote& remote, LocalState& state, const std::string& message)
+      : view_(view),
+        remote_(remote),
+        state_(state),
+        message_(message),
+        blobs_(InFileOrder(view)),
+        progress_("pushing", view.blobs().size(), view.liveBytes()) {
+    remote.objects.http().SetTick([this] { progress_.Show(doneCount_, doneBytes_); });
+  }
+  ~Pusher() { remote_.objects.http().SetTick({}); }
+  Pusher(const Pusher&) = delete;
+
+  // Until a snapshot of all that can be read is done.
+  void Run() {
+    int idleRounds = 0;
+    for (bool isDone = false; !isDone;) {
+      const uint64_t packsBefore = packCount_;
+      try {
+        isDone = Round();
+      } catch (const Lapsed&) {
+        remote_.objects.http().GiveUp();
+      }
+      if (isDone) break;
+      idleRounds = packCount_ > packsBefore ? 0 : idleRounds + 1;
+      if (idleRounds == kMostIdleRounds)
+        throw Fault("the push takes longer than {}, in which it must be through; it is not done",
+                    HumanTime(static_cast<double>(remote_.config.pushSeconds)));
+    }
+  }
+
+  const SnapshotName& snapshot() const { return snapshot_; }
+  bool isPartial() const { return isPartial_; }
+  uint64_t packCount() const { return packCount_; }
+  uint64_t blobCount() const { return blobCount_; }
+  uint64_t blobBytes() const { return blobBytes_; }
+  uint64_t damagedCount() const { return damaged_.size(); }
+
+ private:
+  // True if its snapshot is done.
+  bool Round() {
+    const double start = BootSeconds();
+    const auto limit = static_cast<double>(remote_.config.pushSeconds);
+    remote_.objects.http().SetDeadline(start + limit);
+    fresh_ = Index();
+    const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
+    const Remote::Indexes indexes =
+        remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_);
+    const Index present = Merge(indexes, [&tombs](const std::string& pack) {
+      return tombs.keys.count(PackKey(pack)) == 0;
+    });
+    const std::set<blobring::Hash> pending = TakeUpPending(tombs, present);
+
+    Snapshot snapshot;
+    snapshot.time = TimeNow();
+    snapshot.message = message_;
+    snapshot.isPartial = view_.damaged();
+    doneCount_ = doneBytes_ = 0;
+    bool isThrough = true;
+    for (const ViewedBlob* blob : blobs_) {
+      if (damaged_.count(blob->hash) != 0) continue;
+      if (PlacesOf(present, blob->hash).empty() && pending.count(blob->hash) == 0) {
+        isThrough = isThrough && BootSeconds() - start <= limit / 2;
+        if (!isThrough || !Upload(*blob)) continue;
+      }
+      snapshot.hashes.push_back(blob->hash);
+      snapshot.bytes += blob->size;
+      ++doneCount_;
+      doneBytes_ += blob->size;
+      progress_.Show(doneCount_, doneBytes_);
+    }
+    if (!builder_.empty()) Send();
+    remote_.objects.http().Finish();
+    if (!fresh_.packs.empty()) Publish();
+    remote_.objects.http().Finish();
+
+    snapshot.isPartial = snapshot.isPartial || !isThrough || !damaged_.empty();
+    std::sort(snapshot.hashes.begin(), snapshot.hashes.end());
+    const std::string bytes = snapshot.Encode();
+    snapshot_ = {state_.StoreId(), state_.NextSequence(), DigestOf(bytes)};
+    isPartial_ = snapshot.isPartial;
+    remote_.objects.Put(snapshot_.Key(), bytes);
+    if (BootSeconds() - start > limit) {
+      Inform("the snapshot was acknowledged too late to count; looking again");
+      return false;
+    }
+    return isThrough;
+  }
+
+  // Packs that an earlier push uploaded without coming to index them. Returns their blobs.
+  std::set<blobring::Hash> TakeUpPending(const Tombs& tombs, const Index& present) {
+    std::set<blobring::Hash> blobs;
+    std::vector<std::string> useless;
+    for (const auto& [pack, index] : state_.Pending()) {
+      const bool isIndexed =
+          std::find(present.packs.begin(), present.packs.end(), pack) != present.packs.end();
+      if (isIndexed || tombs.keys.count(PackKey(pack)) != 0 ||
+          remote_.objects.Head(PackKey(pack)) != index.PackSizes()[0]) {
+        useless.push_back(pack);
+        continue;
+      }
+      fresh_.Add(index);
+      for (const Place& place : index.places) blobs.insert(place.hash);
+    }
+    state_.DropPending(useless);
+    return blobs;
+  }
+
+  // False if the blob cannot be read.
+  bool Upload(const ViewedBlob& blob) {
+    std::string_view data;
+    try {
+      data = view_.Read(blob, buffer_);
+    } catch (const Fault& fault) {
+      Say("{}", fault.what());
+      damaged_.insert(blob.hash);
+      return false;
+    }
+    if (builder_.IsFullFor(blob.size)) Send();
+    builder_.Add(blob.hash, blob.transactionId, data);
+    if (fresh_.packs.size() >= kPacksInIndex) Publish();
+    return true;
+  }
+
+  void Send() {
+    const auto pack = std::make_shared<BuiltPack>(builder_.Finish());
+    remote_.objects.Put(PackKey(pack->name), pack->file, pack->digest, [this, pack](Reply&) {
+      state_.KeepPending(pack->name, pack->index);
+      fresh_.Add(pack->index);
+      ++packCount_;
+      blobCount_ += pack->index.places.size();
+      blobBytes_ += pack->blobBytes;
+    });
+  }
+
+  // Uploads an index of the packs that were acknowledged.
+  void Publish() {
+    fresh_.Sort();
+    const std::string bytes = fresh_.Encode();
+    const std::vector<std::string> packs = std::exchange(fresh_, Index()).packs;
+    const blobring::Hash digest = DigestOf(bytes);
+    const std::string name = digest.text() + "-" + Nonce();
+    state_.KeepIndex(name, bytes);
+    remote_.objects.Put(IndexKey(name), bytes, digest,
+                        [this, packs](Reply&) { state_.DropPending(packs); });
+  }
+
+  const StoreView& view_;
+  Remote& remote_;
+  LocalState& state_;
+  std::string message_;
+  std::vector<const ViewedBlob*> blobs_;
+  std::set<blobring::Hash> damaged_;
+  Buffer buffer_;
+  PackBuilder builder_;
+  Index fresh_;  // packs that no index names yet
+  SnapshotName snapshot_;
+  bool isPartial_ = false;
+  uint64_t packCount_ = 0;  // uploaded
+  uint64_t blobCount_ = 0;
+  uint64_t blobBytes_ = 0;
+  uint64_t doneCount_ = 0;  // of this round
+  uint64_t doneBytes_ = 0;
+  Progress progress_;
+};
+
+}  // namespace
+
+ExitStatus Push(const PushOptions& options) {
+  if (options.message.size() > kMaxMessage)
+    throw UsageError("the message is longer than {} bytes", kMaxMessage);
+  const StoreView view(options.at);
+  if (!view.slot()) throw Fault("nothing was pushed: {} cannot be read", options.at.directory);
+  Remote remote(options.remote);
+  LocalState state(options.at.directory, options.remote.cache, remote.config.id);
+  state.StoreId();  // or fail before anything is uploaded
+  Pusher pusher(view, remote, state, options.message);
+  try {
+    pusher.Run();
+  } catch (const Interrupted&) {
+    throw Interrupted(
+        "interrupted; no snapshot was made. {} uploaded, {}; the next push goes on from there",
+        Count(pusher.packCount(), "pack"), HumanSize(pusher.blobBytes()));
+  }
+  const Http& http = remote.objects.http();
+  if (consoleOptions.json) {
+    Json json;
+    json["type"] = "push";
+    json["snapshot"] = pusher.snapshot().Short();
+    json["partial"] = pusher.isPartial();
+    json["blobs"] = pusher.blobCount();
+    json["bytes"] = pusher.blobBytes();
+    json["packs"] = pusher.packCount();
+    json["requests"] = http.requests();
+    json["bytes_sent"] = http.bytesSent();
+    json["bytes_received"] = http.bytesReceived();
+    PrintText(JsonLine(json));
+  } else {
+    Print("{}\n", pusher.snapshot().Short());
+  }
+  Inform("{} pushed, {}, in {}; the remote had the other {}", Count(pusher.blobCount(), "blob"),
+         HumanSize(pusher.blobBytes()), Count(pusher.packCount(), "pack"),
+         view.blobs().size() - pusher.damagedCount() -
+             std::min<uint64_t>(pusher.blobCount(), view.blobs().size() - pusher.damagedCount()));
+  if (!pusher.isPartial()) return kSuccess;
+  Say("the snapshot is partial: {} damaged or lost in {}", Count(pusher.damagedCount(), "blob"),
+      options.at.directory);
+  return kFault;
+}
+
+}  // namespace tool::remote

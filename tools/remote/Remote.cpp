@@ -1,0 +1,174 @@
+#include "tools/remote/Remote.h"
+
+#include <algorithm>
+#include <span>
+#include <tuple>
+
+#include "tools/Error.h"
+
+namespace tool::remote {
+namespace {
+
+constexpr int kMostReads = 3;  // of an object that does not match its digest
+constexpr uint64_t kHeaderBytes = 16384;
+
+}  // namespace
+
+Remote::Remote(const RemoteOptions& options) : objects(ConnectionOf(options)) {
+  const std::optional<Reply> reply = objects.Get("blobring.json");
+  if (!reply)
+    throw Fault("{} is no remote: it has no blobring.json; `blobring remote init {}` makes one",
+                options.url, options.url);
+  config = RemoteConfig::Decode(reply->body);
+  if (config.etagIsMd5 && reply->etag != DigestOf(reply->body).text())
+    throw Fault("blobring.json arrived damaged");
+}
+
+Tombs Remote::ReadTombs() {
+  Tombs tombs;
+  tombs.listing = objects.List("gc/");
+  for (const auto& [key, object] : tombs.listing.objects) {
+    const std::optional<Reply> reply = objects.Get(key);
+    if (!reply) continue;  // all that it named has been deleted since
+    tombs.named[key] = DecodeTomb(reply->body, key);
+    tombs.keys.insert(tombs.named[key].begin(), tombs.named[key].end());
+  }
+  return tombs;
+}
+
+void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
+                     const std::function<void(const std::string&, std::string*)>& take) {
+  std::map<std::string, blobring::Hash> left = digests;
+  for (int attempt = 1; !left.empty(); ++attempt) {
+    std::map<std::string, blobring::Hash> damaged;
+    for (const auto& [key, digest] : left) {
+      objects.StartGet(key, std::nullopt, nullptr, [&, key = key, digest = digest](Reply& reply) {
+        if (reply.status == 404)
+          take(key, nullptr);
+        else if (reply.status == 200 && DigestOf(reply.body) == digest)
+          take(key, &reply.body);
+        else
+          damaged[key] = digest;
+      });
+    }
+    objects.http().Finish();
+    if (!damaged.empty() && attempt == kMostReads)
+      throw Fault("{} does not match the digest in its name, {} times", damaged.begin()->first,
+                  attempt);
+    left = std::move(damaged);
+  }
+}
+
+Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
+                                    const LocalState* state) {
+  Indexes indexes;
+  std::map<std::string, blobring::Hash> toRead;
+  std::set<std::string> names;
+  for (const auto& [key, object] : listing.objects) {
+    const std::string name = NameIn(key);
+    if (name.empty() || !key.starts_with("index/")) throw Fault("{} is no index's name", key);
+    names.insert(name);
+    if (skip.count(key) != 0) continue;
+    const auto copy = state != nullptr ? state->ReadIndex(name) : std::nullopt;
+    if (copy)
+      indexes[name] = Index::Decode(*copy, key);
+    else
+      toRead[key] = DigestIn(name);
+  }
+  ReadAll(toRead, [&](const std::string& key, std::string* bytes) {
+    if (bytes == nullptr) return;  // superseded since it was listed
+    indexes[NameIn(key)] = Index::Decode(*bytes, key);
+    if (state != nullptr) state->KeepIndex(NameIn(key), *bytes);
+  });
+  if (state != nullptr) state->DropIndexesBut(names);
+  return indexes;
+}
+
+std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) const {
+  std::map<std::string, SnapshotName> names;
+  for (const auto& [key, object] : snapshots.objects) {
+    const std::optional<SnapshotName> name = SnapshotName::Parse(key);
+    if (!name || name->Key() != key) throw Fault("{} is no snapshot's name", key);
+    names[key] = *name;
+  }
+  return names;
+}
+
+Snapshot Remote::ReadSnapshot(const SnapshotName& name) {
+  std::optional<Snapshot> snapshot;
+  ReadAll({{name.Key(), name.digest}}, [&](const std::string& key, std::string* bytes) {
+    if (bytes != nullptr) snapshot = Snapshot::Decode(*bytes, key);
+  });
+  if (!snapshot) throw Fault("the snapshot {} is gone", name.Short());
+  return std::move(*snapshot);
+}
+
+std::map<std::string, Snapshot> Remote::ReadHeaders(
+    const std::map<std::string, SnapshotName>& names) {
+  std::map<std::string, Snapshot> headers;
+  for (const auto& [key, name] : names)
+    objects.StartGet(key, ByteRange{0, kHeaderBytes}, nullptr, [&, key = key](Reply& reply) {
+      if (reply.status == 404) return;
+      if (reply.status == 416) throw Fault("{} is empty", key);
+      headers[key] = Snapshot::Decode(reply.body, key, true);
+    });
+  objects.http().Finish();
+  return headers;
+}
+
+Index Merge(const Remote::Indexes& indexes, const std::function<bool(const std::string&)>& use) {
+  Index all;
+  std::map<std::string, uint32_t> numbers;
+  for (const auto& [name, index] : indexes) {
+    std::vector<std::optional<uint32_t>> renumbered;
+    for (const std::string& pack : index.packs) {
+      if (!use(pack)) {
+        renumbered.emplace_back();
+        continue;
+      }
+      const auto [at, isNew] = numbers.emplace(pack, static_cast<uint32_t>(all.packs.size()));
+      if (isNew) all.packs.push_back(pack);
+      renumbered.emplace_back(at->second);
+    }
+    for (Place place : index.places) {
+      if (!renumbered[place.pack]) continue;
+      place.pack = *renumbered[place.pack];
+      all.places.push_back(place);
+    }
+  }
+  all.Sort();
+  const auto key = [](const Place& place) {
+    return std::tie(place.hash, place.pack, place.offset);
+  };
+  all.places.erase(std::unique(all.places.begin(), all.places.end(),
+                               [&key](const Place& a, const Place& b) { return key(a) == key(b); }),
+                   all.places.end());
+  return all;
+}
+
+std::span<const Place> PlacesOf(const Index& index, const blobring::Hash& hash) {
+  const auto begin = std::lower_bound(
+      index.places.begin(), index.places.end(), hash,
+      [](const Place& place, const blobring::Hash& wanted) { return place.hash < wanted; });
+  auto end = begin;
+  while (end != index.places.end() && end->hash == hash) ++end;
+  return {begin, end};
+}
+
+int64_t DurationOf(const std::string& text) {
+  size_t used = 0;
+  long long number = 0;
+  try {
+    number = std::stoll(text, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  constexpr std::pair<std::string_view, int64_t> kUnits[] = {
+      {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
+  for (const auto& [unit, seconds] : kUnits)
+    if (used != 0 && number >= 0 && number < 1000000 && text.substr(used) == unit)
+      return number * seconds;
+  throw UsageError("\"{}\" is no duration such as 90s, 30m, 24h or 7d", text);
+}
+
+}  // namespace tool::remote

@@ -1,0 +1,69 @@
+// A remote as the commands see it: its promises, and what it lists.
+//
+// The rules that safety rests on; tests/remote/model tries all of their interleavings.
+//
+//   R1  A name is used once: a nonce in it. Nothing is overwritten, and what arrives late only
+//       repeats what was sent or leaves an orphan.
+//   R2  A push lists tombs before indexes, and takes what a tomb names for absent.
+//   R3  A push is done only if its snapshot was acknowledged within T of the first listing, and
+//       begins no write later than that.
+//   R4  A prune names in a tomb what is to go, and deletes only what a tomb older than W names,
+//       W > T, after it has listed the snapshots again. So every push that is done and that relied
+//       on it is seen.
+//   R5  What a tomb names is never taken into use again: what a snapshot needs of it is copied into
+//       a new pack first. So it does no harm to delete it twice, or late.
+//   R6  A pack is deleted only when a tomb names every index that names it; the tomb goes last.
+//   R7  Ages are Last-Modified against the Date of the same service.
+#pragma once
+
+#include <functional>
+
+#include "tools/remote/LocalState.h"
+#include "tools/remote/Objects.h"
+
+namespace tool::remote {
+
+struct Tombs {
+  std::map<std::string, std::vector<std::string>> named;  // by the tomb's key
+  std::set<std::string> keys;                             // all that any names
+  Listing listing;
+};
+
+class Remote {
+ public:
+  // Reads blobring.json. Throws Fault when there is none.
+  explicit Remote(const RemoteOptions& options);
+
+  Objects objects;
+  RemoteConfig config;
+
+  Tombs ReadTombs();
+
+  using Indexes = std::map<std::string, Index>;  // by name
+
+  // The indexes of a listing, except those that `skip` names by their keys. Copies are taken from
+  // and kept in `state`, if there is one.
+  Indexes ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
+                      const LocalState* state);
+
+  std::map<std::string, SnapshotName> NamesOf(const Listing& snapshots) const;  // by key
+  Snapshot ReadSnapshot(const SnapshotName& name);
+  // The header lines alone, by key.
+  std::map<std::string, Snapshot> ReadHeaders(const std::map<std::string, SnapshotName>& names);
+
+  // Objects that are compared with their digests. `take` is called for each, with nothing for one
+  // that is gone.
+  void ReadAll(const std::map<std::string, blobring::Hash>& digests,
+               const std::function<void(const std::string& key, std::string* bytes)>& take);
+};
+
+// All indexes as one, sorted, each pack and place once: of the packs that `use` accepts.
+Index Merge(const Remote::Indexes& indexes, const std::function<bool(const std::string&)>& use);
+
+// The places of a blob in a sorted index.
+std::span<const Place> PlacesOf(const Index& index, const blobring::Hash& hash);
+
+// "24h", "90s", "30m", "7d" in seconds. Throws UsageError.
+int64_t DurationOf(const std::string& text);
+
+}  // namespace tool::remote
