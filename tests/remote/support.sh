@@ -1,7 +1,7 @@
 # Shared by the scenarios: a gateway for each, in a directory that goes away at the end.
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
 source "$here/../tool/support.sh"
-trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null; rm -rf "$work"' EXIT
+trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 export TMPDIR=$work
 
 gateway() { # [KIND]: starts it, or what is missing of it
@@ -13,6 +13,12 @@ gateway() { # [KIND]: starts it, or what is missing of it
 }
 
 admin() { timeout 60 radosgw-admin -n client.rgw.a --admin-socket= --log-file= "$@" >/dev/null; }
+
+# s3 TARGET [OPTION...]: a request as another client sends it
+s3() {
+  curl -sf --aws-sigv4 aws:amz:us-east-1:s3 -u "$AWS_ACCESS_KEY_ID:$AWS_SECRET_ACCESS_KEY" \
+    -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "${@:2}" "$ENDPOINT/fleet$1"
+}
 
 # From now on requests go through a proxy, which does what the file `control` says.
 proxy() {
@@ -48,7 +54,7 @@ has() {
 # Pulled into an empty store, the remote $1 gives all of the store $2, the snapshot $3 if named.
 gives() {
   rm -rf back
-  blobring init -q back
+  blobring init -q back 2>/dev/null
   blobring pull -q back "$1" ${3:+--snapshot "$3"}
   has back "$2"
 }
