@@ -76,6 +76,7 @@ std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
     }
   }
   std::vector<Holder> found;
+  found.reserve(holders.size());
   for (auto& [pid, holder] : holders) found.push_back(std::move(holder));
   return found;
 }

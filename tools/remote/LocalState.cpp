@@ -48,7 +48,7 @@ LocalState::LocalState(const std::string& store, const std::string& cache,
 std::string LocalState::StoreId() {
   if (const auto id = ReadFile(directory_ + "/id"); id && id->size() == 17)
     return id->substr(0, 16);
-  const std::string id = Nonce();
+  std::string id = Nonce();
   try {
     WriteFile(directory_, "id", id + "\n");
   } catch (const Fault& fault) {

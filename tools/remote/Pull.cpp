@@ -27,6 +27,7 @@ std::optional<Chosen> Choose(Remote& remote, const std::string& wanted, const st
     return !entry.second.Short().starts_with(wanted) || entry.second.store == except;
   });
   std::vector<SnapshotName> byAge;
+  byAge.reserve(names.size());
   for (const auto& [key, name] : names) byAge.push_back(name);
   std::sort(byAge.begin(), byAge.end(), [&listing](const auto& a, const auto& b) {
     const auto order = [&listing](const SnapshotName& name) {
