@@ -1,7 +1,7 @@
 # libblobring.a: all objects linked into one, in which only the flat calls have
 # names. A program that links it statically keeps every other name for itself,
 # those of the platform's calls and of the store's classes included. `cur` is
-# not there either: nobody could have a variable of that name.
+# not there either: there can be no variable of that name.
 set(combined ${CMAKE_CURRENT_BINARY_DIR}/blobring_static.o)
 add_custom_command(
   OUTPUT ${combined}

@@ -41,7 +41,7 @@ ExitStatus InitRemote(const InitOptions& options) {
   const std::string text = config.Encode();
   const Created created = objects.PutNew("blobring.json", text);
   if (created == Created::kUnsupported) objects.Put("blobring.json", text);
-  // Whoever lost a race reads the other's.
+  // The one that lost a race reads the other's.
   const std::optional<Reply> stored = objects.Get("blobring.json");
   if (!stored || stored->body != text)
     throw UsageError("another process has just made {} a remote", options.remote.url);
