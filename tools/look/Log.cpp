@@ -48,11 +48,11 @@ std::string TransactionLine(const WalkedTransaction& transaction, bool stat) {
     if (time) object["time"] = *time;
     return JsonLine(object);
   }
-  std::string line = fmt::format("{} {}", transaction.id, time.value_or("-"));
-  if (stat)
-    line += fmt::format("  {} added, {}; {} removed", Count(transaction.storeCount, "blob"),
-                        HumanSize(transaction.blobBytes), transaction.deleteCount);
-  return line + "\n";
+  const std::string line = fmt::format("{} {}", transaction.id, time.value_or("-"));
+  if (!stat)
+    return fmt::format("{} +{} -{}\n", line, transaction.storeCount, transaction.deleteCount);
+  return fmt::format("{}  {} added, {}; {} removed\n", line, Count(transaction.storeCount, "blob"),
+                     HumanSize(transaction.blobBytes), transaction.deleteCount);
 }
 
 int64_t ParseId(const std::string& text) {
