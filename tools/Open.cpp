@@ -128,19 +128,6 @@ std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash) 
   return size < 0 ? std::nullopt : std::optional<size_t>(size);
 }
 
-std::string_view OpenStore::Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used) const {
-  const std::optional<size_t> size = SizeOf(store, hash);
-  if (!size) throw Fault("{} has no blob {}", layout.store(), hash.text());
-  Grow(buffer, used + *size);
-  const std::span<char> to(buffer.data() + used, *size);
-  try {
-    store.get(hash, std::as_writable_bytes(to));
-  } catch (const blobring::Error& error) {
-    throw Fault("cannot read the blob {}: {}", hash.text(), Explain(error));
-  }
-  return {to.data(), to.size()};
-}
-
 void InitTrace() {
   BlobringHostSetTraceSink(
       [](void* /*context*/, int level, const char* /*source*/, const char* text) {

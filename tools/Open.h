@@ -43,10 +43,6 @@ class OpenStore {
   // Says what loading reports. Throws blobring::Error, Fault or UsageError.
   OpenStore(const StoreOptions& options, Access access);
 
-  // A committed blob, checked against its hash. It lies in the buffer, behind the first `used`
-  // bytes. Throws Fault, also when there is none of that hash.
-  std::string_view Fetch(const blobring::Hash& hash, Buffer& buffer, size_t used = 0) const;
-
   Layout layout;
   blobring::Store store;
   bool damaged;  // the newest generation is not whole
