@@ -3,7 +3,8 @@
 
 namespace tool {
 
-// SIGINT, SIGTERM and SIGHUP are noted from now on. The second one kills.
+// SIGINT, SIGTERM and SIGHUP are noted from now on. Another one kills, unless it follows within 0.2
+// seconds: timeout(1) signals a process and then its group.
 void InitInterrupt();
 
 bool IsInterrupted();
