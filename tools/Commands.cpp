@@ -67,8 +67,8 @@ ExitStatus Init(const StoreOptions& options) {
     if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
       throw UsageError("{} is a store with {} already; that cannot be changed", options.directory,
                        present.Description());
-    Say("{} is a store with {} already; nothing was changed", options.directory,
-        present.Description());
+    Inform("{} is a store with {} already; nothing was changed", options.directory,
+           present.Description());
     return kSuccess;
   }
   RequireOwnFiles(wanted);
@@ -76,7 +76,7 @@ ExitStatus Init(const StoreOptions& options) {
   for (size_t slot = 0; slot < wanted.slotCount(); ++slot) MakeDirectory(wanted.PackDir(slot));
   const OpenStore open(options, Access::kCreate);
   wanted.Write();
-  Say("{} is a store with {}", options.directory, wanted.Description());
+  Inform("{} is a store with {}", options.directory, wanted.Description());
   return kSuccess;
 }
 

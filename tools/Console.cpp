@@ -129,10 +129,10 @@ double Progress::Elapsed() const {
 std::string Progress::Line() const {
   const double elapsed = std::max(Elapsed(), 0.001);
   std::string line = verb_;
-  if (items_ != 0 || bytes_ == 0) line += fmt::format(" {}", items_);
+  if (items_ != 0 || totalItems_ != 0 || bytes_ == 0) line += fmt::format(" {}", items_);
   if (totalItems_ != 0) line += fmt::format(" of {}", totalItems_);
   if (bytes_ != 0) {
-    line += (items_ != 0 ? ", " : " ") + HumanSize(bytes_);
+    line += (items_ != 0 || totalItems_ != 0 ? ", " : " ") + HumanSize(bytes_);
     if (totalBytes_ != 0) line += " of " + HumanSize(totalBytes_);
   }
   const bool byBytes = totalBytes_ != 0;
