@@ -30,14 +30,6 @@ has back a
 blobring sync -q a "$url" >/dev/null
 has a c
 
-# Of scattered blobs little more than themselves is read, once the indexes are there.
-store all 1 4000
-blobring pull -q all "$url"
-names all | awk 'NR % 50 == 7' | head -n 40 >gone
-blobring rm -q all - <gone
-moved=$(blobring pull -q --json all "$url" --snapshot "$(cat a/remote/id)" | field bytes_received)
-[ "$moved" -lt $((16 * 4500 + 3 * 40 * 1060)) ] || fail "$moved bytes were read for 40 blobs"
-
 # Packs are of the store's own format.
 s3 "?list-type=2&prefix=all%2Fpacks%2F" | grep -o '<Key>[^<]*' | cut -c6- >packs
 while read -r key; do
@@ -49,7 +41,7 @@ done <packs
 # A pack that the service has lost: check and pull name it, the next push of its blobs brings it back
 # once prune has seen it.
 blobring push -q a "$url" >/dev/null
-blobring init -q new 2>/dev/null
+blobring init -q new
 key=$(head -n 1 packs)
 s3 "/$key" -X DELETE
 expect 1 "packs/.* is missing" remote check "$url"

@@ -4,8 +4,8 @@ source "$here/../tool/support.sh"
 trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 export TMPDIR=$work
 
-gateway() { # [KIND]: starts it, or what is missing of it
-  "$here/rgw-up" "$work/gw" "${1:-memstore}" >gw.env
+gateway() { # [KIND [BYTES]]: starts it, or what is missing of it
+  "$here/rgw-up" "$work/gw" "${1:-memstore}" "${@:2}" >gw.env
   set -a
   source ./gw.env
   set +a
@@ -54,7 +54,7 @@ has() {
 # Pulled into an empty store, the remote $1 gives all of the store $2, the snapshot $3 if named.
 gives() {
   rm -rf back
-  blobring init -q back 2>/dev/null
+  blobring init -q back
   blobring pull -q back "$1" ${3:+--snapshot "$3"}
   has back "$2"
 }

@@ -33,12 +33,16 @@ class Checker {
 
   // Snapshots first: what a push adds later is then not missed in the indexes.
   void List() {
+    Http& http = remote_.objects.http();
+    Progress progress("listing: requests", 0);
+    http.SetTick([&] { progress.Show(http.requests(), http.bytesReceived()); });
     names_ = remote_.NamesOf(remote_.objects.List("snapshots/"));
     tombs_ = remote_.ReadTombs();
     indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
     packs_ = remote_.objects.List("packs/");
     for (const auto& [key, object] : packs_.objects)
       if (NameIn(key).empty()) Find("{} is no pack's name", key);
+    http.SetTick({});
   }
 
   // ETags and sizes against names and indexes.
@@ -70,7 +74,9 @@ class Checker {
     });
     Progress progress("checking snapshots", names_.size());
     for (const auto& [key, name] : names_) {
-      const Snapshot snapshot = remote_.ReadSnapshot(name);
+      const std::optional<Snapshot> read = remote_.ReadSnapshot(name, nullptr);
+      if (!read) continue;  // forgotten since it was listed
+      const Snapshot& snapshot = *read;
       uint64_t missing = 0;
       std::string example;
       for (const blobring::Hash& hash : snapshot.hashes) {

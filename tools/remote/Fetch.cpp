@@ -50,10 +50,9 @@ void AddPieces(std::vector<Piece>& pieces, const std::string& pack, uint64_t pac
   }
 }
 
-// False if one of the blobs is not where it should be.
-bool TakeFrom(const Spool& file, const Piece& piece, Buffer& buffer,
+// The file has the pack from `base` on. False if one of the blobs is not where it should be.
+bool TakeFrom(const Spool& file, uint64_t base, const Piece& piece, Buffer& buffer,
               const std::function<void(const FetchedBlob&)>& take) {
-  const uint64_t base = piece.range ? piece.range->offset : 0;
   bool isWhole = true;
   for (const Place& place : piece.places) {
     const size_t size = format::kStoreHeadSize + size_t{place.size};
@@ -92,9 +91,10 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
   for (const Piece& piece : pieces) {
     const auto file = std::make_shared<Spool>();
     remote.objects.StartGet(PackKey(piece.pack), piece.range, file, [&, file](Reply& reply) {
-      // 206 was asked for, and some services send the whole object all the same.
-      const bool isAnswer = reply.status == (piece.range ? 206 : 200);
-      if (!isAnswer || !TakeFrom(*file, piece, buffer, take)) badPacks.insert(piece.pack);
+      // 206 is a range; a service may also send the whole object.
+      const uint64_t base = piece.range && reply.status == 206 ? piece.range->offset : 0;
+      if (reply.status / 100 != 2 || !TakeFrom(*file, base, piece, buffer, take))
+        badPacks.insert(piece.pack);
     });
   }
   remote.objects.http().Finish();

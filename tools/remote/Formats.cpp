@@ -211,6 +211,8 @@ Snapshot Snapshot::Decode(std::string_view bytes, const std::string& name, bool 
     std::memcpy(hash.data(), bytes.data(), blobring::Hash::kSize);
     bytes.remove_prefix(blobring::Hash::kSize);
   }
+  if (!std::is_sorted(snapshot.hashes.begin(), snapshot.hashes.end()))
+    throw Fault("{} is damaged: its order", name);
   return snapshot;
 }
 

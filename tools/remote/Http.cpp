@@ -16,6 +16,7 @@ constexpr int kMostTries = 8;
 constexpr int kMostBadDigests = 2;
 constexpr int kMostStalls = 2;
 constexpr long kConnectSeconds = 10;
+constexpr uint64_t kPiece = 16384;  // bytes that a callback moves at most, under a rate limit
 constexpr size_t kMaxBody = size_t{1} << 31;
 
 // Errors of the setting, which time does not heal.
@@ -106,7 +107,14 @@ std::string XmlText(std::string_view xml, std::string_view tag) {
   return text;
 }
 
-Http::Http(const Connection& connection) : connection_(connection) {
+// With a rate limit so few transfers in parallel that each gets a piece through every second: one
+// that waits for its turn must not look silent.
+Http::Http(const Connection& connection)
+    : connection_(connection),
+      mostParallel_(static_cast<double>(
+          connection.limitRate == 0
+              ? kParallel
+              : std::clamp<uint64_t>(connection.limitRate / kPiece, 1, kParallel))) {
   curl_global_init(CURL_GLOBAL_DEFAULT);
   multi_ = curl_multi_init();
   if (multi_ == nullptr) throw Fault("libcurl cannot be started");
@@ -117,14 +125,21 @@ Http::~Http() {
   curl_multi_cleanup(multi_);
 }
 
-void Http::GiveUp() {
-  transfers_.clear();
+void Http::EndRunning() {
+  while (!transfers_.empty()) {
+    std::erase_if(transfers_, [](const auto& transfer) { return !transfer->running; });
+    try {
+      if (!transfers_.empty()) Pump();
+    } catch (const Lapsed&) {  // of one that was to be tried again
+    }
+  }
 }
 
-// Sleeping in a callback holds up every transfer: one budget for all of them.
+// Sleeping in a callback holds up every transfer: one budget for all of them. What was not used in
+// the last 0.1 s may be caught up.
 void Http::Spend(size_t bytes) {
   if (connection_.limitRate == 0) return;
-  nextByteAt_ = std::max(nextByteAt_, BootSeconds()) +
+  nextByteAt_ = std::max(nextByteAt_, BootSeconds() - 0.1) +
                 static_cast<double>(bytes) / static_cast<double>(connection_.limitRate);
   while (nextByteAt_ > BootSeconds() && !IsInterrupted())
     std::this_thread::sleep_for(
@@ -218,6 +233,7 @@ void Http::Begin(Transfer& transfer) {
   set(CURLOPT_PATH_AS_IS, 1L);  // what is signed is what is sent
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
+  if (connection_.limitRate != 0) set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(kPiece));
   set(CURLOPT_LOW_SPEED_LIMIT, 1L);
   set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(connection_.stallSeconds));
   set(CURLOPT_ERRORBUFFER, &transfer.error[0]);
@@ -338,7 +354,7 @@ void Http::Complete(Transfer& transfer, CURLcode result) {
       (reply.status / 100 == 2 || std::count(transfer.request.accepted.begin(),
                                              transfer.request.accepted.end(), reply.status) != 0);
   if (!isAnswer && Retry(transfer, result)) return;
-  window_ = std::min<double>(kParallel, window_ + 1 / window_);
+  window_ = std::min(mostParallel_, window_ + 1 / window_);
   transfer.ended = true;
   const auto at = std::find_if(transfers_.begin(), transfers_.end(),
                                [&transfer](const auto& other) { return other.get() == &transfer; });
@@ -368,7 +384,7 @@ void Http::Pump(bool wait) {
 }
 
 void Http::Start(Request request, Done done) {
-  while (transfers_.size() >= kParallel) Pump();
+  while (static_cast<double>(transfers_.size()) >= mostParallel_) Pump();
   transfers_.push_back(std::make_unique<Transfer>(*this, std::move(request), std::move(done)));
   Pump(false);
 }

@@ -62,11 +62,11 @@ class Http {
 
   // Begins a request, once fewer than kParallel are under way. done() is called from Start, Finish
   // or Call, and must call none of them. They throw Fault when a request has failed for good,
-  // Interrupted after Ctrl-C, Lapsed, and what a done() throws; the others may then go on or be
-  // given up.
+  // Interrupted after Ctrl-C, Lapsed, and what a done() throws; the others may then go on.
   void Start(Request request, Done done);
   void Finish();
-  void GiveUp();
+  // Ends what is under way, and gives up what is yet to be begun or tried again.
+  void EndRunning();
   Reply Call(Request request);
 
   // No write is begun after this moment of BootSeconds(), retries included: Lapsed is thrown. What
@@ -106,7 +106,8 @@ class Http {
   std::optional<double> deadline_;
   std::function<void()> tick_;
   std::minstd_rand random_{std::random_device{}()};
-  double window_ = kParallel;  // requests in parallel; 503 halves it
+  double mostParallel_;
+  double window_ = mostParallel_;  // requests in parallel; 503 halves it
   int running_ = 0;
   int64_t clockOffset_ = 0;  // of the service's clock from ours, once ours was refused
   double nextByteAt_ = 0;    // for limitRate, in BootSeconds()

@@ -64,23 +64,29 @@ uint64_t LocalState::NextSequence() {
   return next;
 }
 
-std::optional<std::string> LocalState::ReadIndex(const std::string& name) const {
-  std::optional<std::string> bytes = ReadFile(remote_ + "/index/" + name);
-  if (bytes && DigestOf(*bytes) != DigestIn(name)) return std::nullopt;
+std::optional<std::string> LocalState::ReadCopy(const std::string& kind,
+                                                const blobring::Hash& digest) const {
+  std::optional<std::string> bytes = ReadFile(remote_ + "/" + kind + "/" + digest.text());
+  if (bytes && DigestOf(*bytes) != digest) return std::nullopt;
   return bytes;
 }
 
-void LocalState::KeepIndex(const std::string& name, std::string_view bytes) const {
+void LocalState::KeepCopy(const std::string& kind, const blobring::Hash& digest,
+                          std::string_view bytes) const {
   try {
-    WriteFile(remote_ + "/index", name, bytes);
+    WriteFile(remote_ + "/" + kind, digest.text(), bytes);
   } catch (const Fault&) {
   }
 }
 
-void LocalState::DropIndexesBut(const std::set<std::string>& names) const {
+void LocalState::DropCopiesBut(const std::string& kind,
+                               const std::set<blobring::Hash>& digests) const {
   std::error_code ignored;
-  for (const std::string& name : NamesIn(remote_ + "/index"))
-    if (names.count(name) == 0) stdfs::remove(remote_ + "/index/" + name, ignored);
+  for (const std::string& name : NamesIn(remote_ + "/" + kind)) {
+    const auto digest = blobring::Hash::parse(name);
+    if (!digest || digests.count(*digest) == 0)
+      stdfs::remove(remote_ + "/" + kind + "/" + name, ignored);
+  }
 }
 
 std::map<std::string, Index> LocalState::Pending() const {

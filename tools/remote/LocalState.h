@@ -4,7 +4,8 @@
 //
 //   id                     of the store, in the names of its snapshots
 //   REMOTEID/sequence      of its last snapshot
-//   REMOTEID/index/NAME    copies of indexes, which never change
+//   REMOTEID/index/MD5     copies of indexes, which never change
+//   REMOTEID/snapshot/MD5  a copy of the last snapshot that was pulled
 //   REMOTEID/pending/NAME  the index of one pack that was uploaded and that no index names yet
 #pragma once
 
@@ -17,6 +18,9 @@
 
 namespace tool::remote {
 
+inline constexpr char kIndexCopies[] = "index";
+inline constexpr char kSnapshotCopies[] = "snapshot";
+
 class LocalState {
  public:
   // `cache` may be empty. Creates no file.
@@ -26,11 +30,12 @@ class LocalState {
   std::string StoreId();
   uint64_t NextSequence();
 
-  // A copy that matches the digest in its name, or nothing.
-  std::optional<std::string> ReadIndex(const std::string& name) const;
+  // A copy that matches its digest, or nothing.
+  std::optional<std::string> ReadCopy(const std::string& kind, const blobring::Hash& digest) const;
   // Best effort.
-  void KeepIndex(const std::string& name, std::string_view bytes) const;
-  void DropIndexesBut(const std::set<std::string>& names) const;
+  void KeepCopy(const std::string& kind, const blobring::Hash& digest,
+                std::string_view bytes) const;
+  void DropCopiesBut(const std::string& kind, const std::set<blobring::Hash>& digests) const;
 
   std::map<std::string, Index> Pending() const;
   void KeepPending(const std::string& pack, const Index& index) const;

@@ -15,7 +15,8 @@ std::string UrlDecoded(std::string_view text) {
   std::string decoded;
   for (size_t i = 0; i < text.size(); ++i) {
     if (text[i] == '%' && i + 2 < text.size()) {
-      decoded += static_cast<char>(std::stoi(std::string(text.substr(i + 1, 2)), nullptr, 16));
+      const std::string digits(text.substr(i + 1, 2));
+      decoded += static_cast<char>(std::strtoul(digits.c_str(), nullptr, 16));
       i += 2;
     } else {
       decoded += text[i];

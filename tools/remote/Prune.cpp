@@ -30,7 +30,10 @@ class Pruner {
         keepWithin_(options.keepWithin.empty() ? -1 : DurationOf(options.keepWithin)) {
     remote.objects.http().SetDeadline(BootSeconds() +
                                       static_cast<double>(remote.config.pushSeconds));
+    ShowRequests();
   }
+  ~Pruner() { remote_.objects.http().SetTick({}); }
+  Pruner(const Pruner&) = delete;
 
   void Run() {
     Look();
@@ -72,6 +75,12 @@ class Pruner {
   }
 
  private:
+  // Where neither blobs nor bytes to come are known.
+  void ShowRequests() {
+    Http& http = remote_.objects.http();
+    http.SetTick([this, &http] { progress_.Show(http.requests(), http.bytesReceived()); });
+  }
+
   // Lists everything, tombs first and snapshots last. A push that ends meanwhile shows a snapshot
   // whose index was not there yet: then all is listed again.
   void Look() {
@@ -106,14 +115,13 @@ class Pruner {
       if (forgotten_.count(key) == 0) kept[key] = name.digest;
     keptCount_ = kept.size();
     needed_.clear();
-    Progress progress("reading snapshots", kept.size());
-    remote_.ReadAll(kept, [&](const std::string& key, std::string* bytes) {
+    remote_.ReadAll(kept, [&](const std::string& key, const std::string* bytes) {
       if (bytes == nullptr) return;  // another prune has forgotten it
       const Hashes hashes = Snapshot::Decode(*bytes, key).hashes;
-      needed_.insert(needed_.end(), hashes.begin(), hashes.end());
-      std::sort(needed_.begin(), needed_.end());
-      needed_.erase(std::unique(needed_.begin(), needed_.end()), needed_.end());
-      progress.Advance(bytes->size());
+      Hashes all;
+      std::set_union(needed_.begin(), needed_.end(), hashes.begin(), hashes.end(),
+                     std::back_inserter(all));
+      needed_ = std::move(all);
     });
   }
 
@@ -239,6 +247,7 @@ class Pruner {
     if (places.empty()) return;
     uint64_t bytes = 0;
     for (const Place& place : places) bytes += place.size;
+    remote_.objects.http().SetTick({});
     Progress progress("copying live blobs", places.size(), bytes);
     for (auto begin = places.begin(); begin != places.end();) {
       uint64_t batchBytes = 0;
@@ -247,6 +256,7 @@ class Pruner {
       CopyBatch(from, {begin, end}, fresh, progress);
       begin = end;
     }
+    ShowRequests();
   }
 
   void CopyBatch(const Index& from, std::vector<Place> places, Index& fresh, Progress& progress) {
@@ -314,6 +324,7 @@ class Pruner {
   uint64_t goingBytes_ = 0;
   uint64_t deletedCount_ = 0;
   uint64_t deletedBytes_ = 0;
+  Progress progress_{"pruning: requests", 0};
 };
 
 }  // namespace

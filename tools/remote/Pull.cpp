@@ -10,7 +10,7 @@
 namespace tool::remote {
 namespace {
 
-constexpr int kMostAttempts = 3;  // each with the indexes as they are then
+constexpr int kMostAttempts = 2;  // each with the indexes as they are then
 constexpr size_t kMostNamed = 10;
 
 struct Chosen {
@@ -20,7 +20,8 @@ struct Chosen {
 
 // The newest whole one among those whose names begin with `wanted`; any kind if it is the only one.
 // None of the store `except`.
-std::optional<Chosen> Choose(Remote& remote, const std::string& wanted, const std::string& except) {
+std::optional<Chosen> Choose(Remote& remote, const LocalState& state, const std::string& wanted,
+                             const std::string& except) {
   const Listing listing = remote.objects.List("snapshots/");
   std::map<std::string, SnapshotName> names = remote.NamesOf(listing);
   std::erase_if(names, [&](const auto& entry) {
@@ -36,10 +37,10 @@ std::optional<Chosen> Choose(Remote& remote, const std::string& wanted, const st
     return order(a) > order(b);
   });
   for (const SnapshotName& name : byAge) {
-    Snapshot snapshot = remote.ReadSnapshot(name);
-    if (snapshot.isPartial && (wanted.empty() || byAge.size() > 1)) continue;
-    if (snapshot.isPartial) Say("the snapshot {} is partial", name.Short());
-    return Chosen{name, std::move(snapshot)};
+    std::optional<Snapshot> snapshot = remote.ReadSnapshot(name, &state);
+    if (!snapshot || (snapshot->isPartial && (wanted.empty() || byAge.size() > 1))) continue;
+    if (snapshot->isPartial) Say("the snapshot {} is partial", name.Short());
+    return Chosen{name, std::move(*snapshot)};
   }
   return std::nullopt;
 }
@@ -136,7 +137,7 @@ ExitStatus Pull(const PullOptions& options) {
   Remote remote(options.remote);
   LocalState state(options.at.directory, options.remote.cache, remote.config.id);
   const std::optional<Chosen> found =
-      Choose(remote, options.snapshot, options.fromOthers ? state.StoreId() : "");
+      Choose(remote, state, options.snapshot, options.fromOthers ? state.StoreId() : "");
   if (!found && options.fromOthers) {
     Inform("no other store has a whole snapshot there");
     return kSuccess;

@@ -2,7 +2,8 @@
 //
 // A push goes in rounds. Each begins by listing, ends with a snapshot, and must be through within T
 // [R3]. A round that is not through after T/2 publishes what there is as a partial snapshot, which
-// keeps a prune from taking it, and the next one goes on.
+// keeps a prune from taking it, and the next one goes on. So does a round in which the store was
+// repacked over what was being read.
 #include <algorithm>
 #include <ctime>
 
@@ -39,16 +40,14 @@ std::string TimeNow() {
   return text;
 }
 
+class StoreChanged {};
+
 class Pusher {
  public:
-  Pusher(const StoreView& view, Remote& remote, LocalState& state, const std::string& message)
-      : view_(view),
-        remote_(remote),
-        state_(state),
-        message_(message),
-        blobs_(InFileOrder(view)),
-        progress_("pushing", view.blobs().size(), view.liveBytes()) {
-    remote.objects.http().SetTick([this] { progress_.Show(doneCount_, doneBytes_); });
+  Pusher(const StoreOptions& at, Remote& remote, LocalState& state, const std::string& message)
+      : at_(at), remote_(remote), state_(state), message_(message) {
+    Look();
+    remote.objects.http().SetTick([this] { ShowProgress(); });
   }
   ~Pusher() { remote_.objects.http().SetTick({}); }
   Pusher(const Pusher&) = delete;
@@ -56,15 +55,20 @@ class Pusher {
   // Until a snapshot of all that can be read is done.
   void Run() {
     int idleRounds = 0;
-    for (bool isDone = false; !isDone;) {
+    for (;;) {
       const uint64_t packsBefore = packCount_;
       try {
-        isDone = Round();
+        if (Round()) return;
+        ++idleRounds;
       } catch (const Lapsed&) {
-        remote_.objects.http().GiveUp();
+        ++idleRounds;
+        mayUpload_ = false;
+      } catch (const StoreChanged&) {
+        Inform("{} was repacked meanwhile; looking again", at_.directory);
+        Look();
       }
-      if (isDone) break;
-      idleRounds = packCount_ > packsBefore ? 0 : idleRounds + 1;
+      remote_.objects.http().EndRunning();
+      if (packCount_ != packsBefore) idleRounds = 0;
       if (idleRounds == kMostIdleRounds)
         throw Fault("the push takes longer than {}, in which it must be through; it is not done",
                     HumanTime(static_cast<double>(remote_.config.pushSeconds)));
@@ -77,14 +81,30 @@ class Pusher {
   uint64_t blobCount() const { return blobCount_; }
   uint64_t blobBytes() const { return blobBytes_; }
   uint64_t damagedCount() const { return damaged_.size(); }
+  uint64_t readableCount() const { return blobs_.size() - damaged_.size(); }
 
  private:
+  void ShowProgress() {
+    progress_->Show(doneCount_,
+                    std::min(view_->liveBytes(),
+                             doneBytes_ + remote_.objects.http().bytesSent() - bytesSentBefore_));
+  }
+
+  void Look() {
+    view_.emplace(at_);
+    if (!view_->slot()) throw Fault("nothing was pushed: {} cannot be read", at_.directory);
+    blobs_ = InFileOrder(*view_);
+    damaged_.clear();
+    progress_.emplace("pushing", blobs_.size(), view_->liveBytes());
+  }
+
   // True if its snapshot is done.
   bool Round() {
     const double start = BootSeconds();
     const auto limit = static_cast<double>(remote_.config.pushSeconds);
     remote_.objects.http().SetDeadline(start + limit);
     fresh_ = Index();
+    builder_ = PackBuilder();
     const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
     const Remote::Indexes indexes =
         remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_);
@@ -96,20 +116,24 @@ class Pusher {
     Snapshot snapshot;
     snapshot.time = TimeNow();
     snapshot.message = message_;
-    snapshot.isPartial = view_.damaged();
+    snapshot.isPartial = view_->damaged();
     doneCount_ = doneBytes_ = 0;
+    bytesSentBefore_ = remote_.objects.http().bytesSent();
+    bool mayUpload = std::exchange(mayUpload_, true);
     bool isThrough = true;
     for (const ViewedBlob* blob : blobs_) {
       if (damaged_.count(blob->hash) != 0) continue;
       if (PlacesOf(present, blob->hash).empty() && pending.count(blob->hash) == 0) {
-        isThrough = isThrough && BootSeconds() - start <= limit / 2;
-        if (!isThrough || !Upload(*blob)) continue;
+        mayUpload = mayUpload && BootSeconds() - start <= limit / 2;
+        isThrough = isThrough && mayUpload;
+        if (!mayUpload || !Upload(*blob)) continue;
+      } else {
+        ++doneCount_;
+        doneBytes_ += blob->size;
       }
       snapshot.hashes.push_back(blob->hash);
       snapshot.bytes += blob->size;
-      ++doneCount_;
-      doneBytes_ += blob->size;
-      progress_.Show(doneCount_, doneBytes_);
+      ShowProgress();
     }
     if (!builder_.empty()) Send();
     remote_.objects.http().Finish();
@@ -152,8 +176,9 @@ class Pusher {
   bool Upload(const ViewedBlob& blob) {
     std::string_view data;
     try {
-      data = view_.Read(blob, buffer_);
+      data = view_->Read(blob, buffer_);
     } catch (const Fault& fault) {
+      if (view_->IsStale()) throw StoreChanged();
       Say("{}", fault.what());
       damaged_.insert(blob.hash);
       return false;
@@ -171,6 +196,7 @@ class Pusher {
       fresh_.Add(pack->index);
       ++packCount_;
       blobCount_ += pack->index.places.size();
+      doneCount_ += pack->index.places.size();
       blobBytes_ += pack->blobBytes;
     });
   }
@@ -182,12 +208,13 @@ class Pusher {
     const std::vector<std::string> packs = std::exchange(fresh_, Index()).packs;
     const blobring::Hash digest = DigestOf(bytes);
     const std::string name = digest.text() + "-" + Nonce();
-    state_.KeepIndex(name, bytes);
+    state_.KeepCopy(kIndexCopies, digest, bytes);
     remote_.objects.Put(IndexKey(name), bytes, digest,
                         [this, packs](Reply&) { state_.DropPending(packs); });
   }
 
-  const StoreView& view_;
+  StoreOptions at_;
+  std::optional<StoreView> view_;
   Remote& remote_;
   LocalState& state_;
   std::string message_;
@@ -198,12 +225,14 @@ class Pusher {
   Index fresh_;  // packs that no index names yet
   SnapshotName snapshot_;
   bool isPartial_ = false;
+  bool mayUpload_ = true;   // in the next round; if not, it makes sure of what is there
   uint64_t packCount_ = 0;  // uploaded
   uint64_t blobCount_ = 0;
   uint64_t blobBytes_ = 0;
   uint64_t doneCount_ = 0;  // of this round
-  uint64_t doneBytes_ = 0;
-  Progress progress_;
+  uint64_t doneBytes_ = 0;  // that were there before it
+  uint64_t bytesSentBefore_ = 0;
+  std::optional<Progress> progress_;
 };
 
 }  // namespace
@@ -211,12 +240,10 @@ class Pusher {
 ExitStatus Push(const PushOptions& options) {
   if (options.message.size() > kMaxMessage)
     throw UsageError("the message is longer than {} bytes", kMaxMessage);
-  const StoreView view(options.at);
-  if (!view.slot()) throw Fault("nothing was pushed: {} cannot be read", options.at.directory);
   Remote remote(options.remote);
   LocalState state(options.at.directory, options.remote.cache, remote.config.id);
+  Pusher pusher(options.at, remote, state, options.message);
   state.StoreId();  // or fail before anything is uploaded
-  Pusher pusher(view, remote, state, options.message);
   try {
     pusher.Run();
   } catch (const Interrupted&) {
@@ -242,8 +269,7 @@ ExitStatus Push(const PushOptions& options) {
   }
   Inform("{} pushed, {}, in {}; the remote had the other {}", Count(pusher.blobCount(), "blob"),
          HumanSize(pusher.blobBytes()), Count(pusher.packCount(), "pack"),
-         view.blobs().size() - pusher.damagedCount() -
-             std::min<uint64_t>(pusher.blobCount(), view.blobs().size() - pusher.damagedCount()));
+         pusher.readableCount() - std::min(pusher.blobCount(), pusher.readableCount()));
   if (!pusher.isPartial()) return kSuccess;
   Say("the snapshot is partial: {} damaged or lost in {}", Count(pusher.damagedCount(), "blob"),
       options.at.directory);

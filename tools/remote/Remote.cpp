@@ -37,18 +37,26 @@ Tombs Remote::ReadTombs() {
 }
 
 void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
-                     const std::function<void(const std::string&, std::string*)>& take) {
-  std::map<std::string, blobring::Hash> left = digests;
+                     const std::function<void(const std::string&, const std::string*)>& take,
+                     const LocalState* state, const std::string& kind) {
+  std::map<std::string, blobring::Hash> left;
+  for (const auto& [key, digest] : digests) {
+    auto copy = state != nullptr ? state->ReadCopy(kind, digest) : std::nullopt;
+    if (copy)
+      take(key, &*copy);
+    else
+      left[key] = digest;
+  }
   for (int attempt = 1; !left.empty(); ++attempt) {
     std::map<std::string, blobring::Hash> damaged;
     for (const auto& [key, digest] : left) {
       objects.StartGet(key, std::nullopt, nullptr, [&, key = key, digest = digest](Reply& reply) {
-        if (reply.status == 404)
-          take(key, nullptr);
-        else if (reply.status == 200 && DigestOf(reply.body) == digest)
-          take(key, &reply.body);
-        else
+        if (reply.status != 404 && DigestOf(reply.body) != digest) {
           damaged[key] = digest;
+          return;
+        }
+        if (reply.status != 404 && state != nullptr) state->KeepCopy(kind, digest, reply.body);
+        take(key, reply.status == 404 ? nullptr : &reply.body);
       });
     }
     objects.http().Finish();
@@ -61,26 +69,21 @@ void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
 
 Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
                                     const LocalState* state) {
-  Indexes indexes;
   std::map<std::string, blobring::Hash> toRead;
-  std::set<std::string> names;
+  std::set<blobring::Hash> listed;
   for (const auto& [key, object] : listing.objects) {
     const std::string name = NameIn(key);
     if (name.empty() || !key.starts_with("index/")) throw Fault("{} is no index's name", key);
-    names.insert(name);
-    if (skip.count(key) != 0) continue;
-    const auto copy = state != nullptr ? state->ReadIndex(name) : std::nullopt;
-    if (copy)
-      indexes[name] = Index::Decode(*copy, key);
-    else
-      toRead[key] = DigestIn(name);
+    listed.insert(DigestIn(name));
+    if (skip.count(key) == 0) toRead[key] = DigestIn(name);
   }
-  ReadAll(toRead, [&](const std::string& key, std::string* bytes) {
+  Indexes indexes;
+  const auto take = [&indexes](const std::string& key, const std::string* bytes) {
     if (bytes == nullptr) return;  // superseded since it was listed
     indexes[NameIn(key)] = Index::Decode(*bytes, key);
-    if (state != nullptr) state->KeepIndex(NameIn(key), *bytes);
-  });
-  if (state != nullptr) state->DropIndexesBut(names);
+  };
+  ReadAll(toRead, take, state, kIndexCopies);
+  if (state != nullptr) state->DropCopiesBut(kIndexCopies, listed);
   return indexes;
 }
 
@@ -94,13 +97,14 @@ std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) co
   return names;
 }
 
-Snapshot Remote::ReadSnapshot(const SnapshotName& name) {
+std::optional<Snapshot> Remote::ReadSnapshot(const SnapshotName& name, const LocalState* state) {
   std::optional<Snapshot> snapshot;
-  ReadAll({{name.Key(), name.digest}}, [&](const std::string& key, std::string* bytes) {
+  const auto take = [&snapshot](const std::string& key, const std::string* bytes) {
     if (bytes != nullptr) snapshot = Snapshot::Decode(*bytes, key);
-  });
-  if (!snapshot) throw Fault("the snapshot {} is gone", name.Short());
-  return std::move(*snapshot);
+  };
+  ReadAll({{name.Key(), name.digest}}, take, state, kSnapshotCopies);
+  if (state != nullptr) state->DropCopiesBut(kSnapshotCopies, {name.digest});
+  return snapshot;
 }
 
 std::map<std::string, Snapshot> Remote::ReadHeaders(

@@ -47,14 +47,16 @@ class Remote {
                       const LocalState* state);
 
   std::map<std::string, SnapshotName> NamesOf(const Listing& snapshots) const;  // by key
-  Snapshot ReadSnapshot(const SnapshotName& name);
+  // Nothing if it is gone.
+  std::optional<Snapshot> ReadSnapshot(const SnapshotName& name, const LocalState* state);
   // The header lines alone, by key.
   std::map<std::string, Snapshot> ReadHeaders(const std::map<std::string, SnapshotName>& names);
 
   // Objects that are compared with their digests. `take` is called for each, with nothing for one
-  // that is gone.
+  // that is gone. With a `state`, copies of that kind are used and kept.
   void ReadAll(const std::map<std::string, blobring::Hash>& digests,
-               const std::function<void(const std::string& key, std::string* bytes)>& take);
+               const std::function<void(const std::string& key, const std::string* bytes)>& take,
+               const LocalState* state = nullptr, const std::string& kind = "");
 };
 
 // All indexes as one, sorted, each pack and place once: of the packs that `use` accepts.
