@@ -38,15 +38,41 @@ while read -r key; do
   expect 0 "sound" check one.pak
 done <packs
 
-# A pack that the service has lost: check and pull name it, the next push of its blobs brings it back
-# once prune has seen it.
+# What the service has changed or lost is found, and mended as far as others have it.
 blobring push -q a "$url" >/dev/null
-blobring init -q new
 key=$(head -n 1 packs)
+s3 "/$key" -o one.pak
+cp one.pak bad.pak
+flip_byte bad.pak 5000
+s3 "/$key" -T bad.pak
+expect 1 "has the digest" remote check "$url"
+expect 1 "does not match the digest in its name" remote check "$url" --read-data 100
+truncate -s -1 bad.pak
+s3 "/$key" -T bad.pak
+expect 1 "bytes instead of" remote check "$url"
 s3 "/$key" -X DELETE
 expect 1 "packs/.* is missing" remote check "$url"
+blobring init -q new
 expect 1 "is gone or damaged" pull new "$url" --snapshot "$(cat a/remote/id)"
 expect 1 "are in no pack" remote prune "$url"
 blobring push -q a "$url" >/dev/null
 expect 0 "nothing is wrong" remote check "$url"
 gives "$url" a
+for index in $(s3 "?list-type=2&prefix=all%2Findex%2F" | grep -o '<Key>[^<]*' | cut -c6-); do
+  s3 "/$index" -X DELETE
+done
+expect 1 "lacks 2000 blobs of 2000" remote check "$url"
+expect 1 "which no index has" pull new "$url" --snapshot "$(cat a/remote/id)"
+expect 0 "packs that no index named: indexed" remote prune "$url"
+expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data 100
+gives "$url" a
+
+# Of a damaged store what can be read is pushed, and called partial.
+blobring remote init -q s3://fleet/damaged
+flip_byte "$(ls -S a/*.jrn | head -n 1)" 3000000
+expect 1 "the snapshot is partial: a is damaged" push a s3://fleet/damaged
+rm -r new
+blobring init -q new
+expect 4 "no whole snapshot" pull new s3://fleet/damaged
+expect 0 "is partial" pull new s3://fleet/damaged --snapshot "$(cat a/remote/id)"
+same "$(names new | wc -l)" 2000

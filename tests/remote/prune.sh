@@ -4,25 +4,51 @@ gateway
 url=s3://fleet/all
 blobring remote init -q "$url" --create-bucket --push-within 3s --grace 5s
 
-store a 1 2000
-blobring push -q a "$url" >/dev/null
-names a | awk 'NR <= 1500' | blobring rm -q a -
-blobring push -q a "$url" >/dev/null
+store full 1 2000
+for remote in late all; do
+  rm -rf a
+  cp -r full a
+  [ $remote = all ] || blobring remote init -q s3://fleet/late --push-within 3s --grace 5s
+  blobring push -q a s3://fleet/$remote >first.$remote
+  names a | awk 'NR <= 1500' | blobring rm -q a -
+  blobring push -q a s3://fleet/$remote >/dev/null
+done
+s3 "/late/snapshots/$(cat first.late).snap" -o first.snap
+pack=$(s3 "?list-type=2&prefix=all%2Fpacks%2F" | grep -o '<Key>[^<]*' | cut -c6-)
+s3 "/$pack" -o one.pak
+s3 "/${pack%-*}-0123456789abcdef.pak" -T one.pak # an orphan
 expect 0 "1 would be forgotten" remote prune "$url" --keep-last 1 --dry-run
 same "$(blobring remote ls "$url" | wc -l)" 2
+# Many small indexes become one.
+blobring remote init -q s3://fleet/many --push-within 3s --grace 5s
+blobring init -q many
+for n in $(seq 33); do
+  echo "$n" | blobring put -q many - >/dev/null
+  blobring push -q many s3://fleet/many >/dev/null
+done
 sleep 7
 # Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
+expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
 expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
+expect 0 "33 objects marked" remote prune s3://fleet/many
 gives "$url" a
 expect 0 "0 objects deleted" remote prune "$url"
 # What is marked is absent for a push, which sends it again.
 store b 1 2000
 same "$(blobring push -q --json b "$url" | field blobs)" 1500
+# A push that had listed before, and ends within its time, may rely on it: then it moves.
+s3 "/late/snapshots/$(cat first.late).snap" -T first.snap
 sleep 7
-expect 0 "2 objects deleted" remote prune "$url"
-expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data 100
+expect 0 "3 objects deleted" remote prune "$url"
+expect 0 "2 objects deleted" remote prune s3://fleet/late
+expect 0 "33 objects deleted" remote prune s3://fleet/many
+for remote in all late many; do
+  expect 0 "all indexed; nothing is wrong" remote check s3://fleet/$remote --read-data 100
+done
 gives "$url" b
 gives "$url" a "$(cat a/remote/id)"
+gives s3://fleet/late full "$(cat first.late)"
+gives s3://fleet/many many
 
 # Pushes beside prunes: whatever was called done stays.
 : >done

@@ -14,7 +14,7 @@ blobring remote init -q s3://fleet/partial --create-bucket --push-within 10s --g
 pushes a s3://fleet/partial >partial 2>partial.err &
 pids=($!)
 # No round of it gets to its snapshot within T: what is there is made sure of first.
-blobring remote init -q s3://fleet/lapses --push-within 3s --grace 1h
+blobring remote init -q s3://fleet/lapses --push-within 3s --grace 4s
 pushes a s3://fleet/lapses --cache lapses.cache >lapses 2>lapses.err &
 pids+=($!)
 # The store is repacked until what was being read is overwritten.
@@ -25,9 +25,9 @@ pids+=($!)
 (sleep 2; blobring repack -q b; blobring repack -q b) &
 
 sleep 8
-while kill -0 "${pids[0]}" 2>/dev/null; do
+while jobs -r | grep -q .; do
   blobring remote ls s3://fleet/partial >>seen
-  blobring remote prune -q s3://fleet/partial --keep-last 1
+  for name in partial lapses; do blobring remote prune -q s3://fleet/$name --keep-last 1; done
   sleep 1
 done
 [ $((SECONDS - began)) -ge 10 ] || fail "168 MiB went at more than 16 MiB a second"

@@ -4,7 +4,6 @@
 
 #include "tools/Console.h"
 #include "tools/Json.h"
-#include "tools/look/FileWalk.h"
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
 
@@ -110,7 +109,7 @@ class Checker {
       const auto file = std::make_shared<Spool>();
       remote_.objects.StartGet(key, std::nullopt, file, [&, key, file](Reply& reply) {
         if (reply.status == 200)
-          ReadPack(key, *file, places[NameIn(key)]);
+          ComparePack(key, *file, places[NameIn(key)]);
         else
           Find("{} is gone", key);
         progress.Advance(file->size());
@@ -151,33 +150,18 @@ class Checker {
     findings_.push_back(fmt::format(text, std::forward<T>(values)...));
   }
 
-  // The digests of the file, of its transaction and of its blobs; and the places in the indexes.
-  void ReadPack(const std::string& key, const Spool& spool, const std::vector<Place>& places) {
-    const FileHead head = ReadHead(spool.path());
-    SalvageFile file(spool.path());
-    std::set<std::pair<uint64_t, blobring::Hash>> records;
-    Buffer buffer;
-    uint64_t damagedBlobs = 0;
-    WalkOptions options;
-    options.record = [&](const WalkedRecord& record) {
-      records.emplace(record.offset, record.hash);
-      Grow(buffer, record.blobSize);
-      spool.Read(record.dataOffset(), buffer.data(), record.blobSize);
-      if (DigestOf({buffer.data(), record.blobSize}) != record.hash) ++damagedBlobs;
-    };
-    const Walked walked = Walk(file, head, options);
-    if (walked.damage)
-      Find("{} is damaged at {}: {}", key, walked.damage->offset, walked.damage->what);
-    if (damagedBlobs != 0) Find("{}: {} damaged", key, Count(damagedBlobs, "blob"));
-    if (walked.end != spool.size())
-      Find("{} has {} bytes, {} of them sound", key, spool.size(), walked.end);
-    if (spool.Digest() != DigestIn(NameIn(key)))
-      Find("{} does not match the digest in its name", key);
-    for (const Place& place : places)
-      if (records.count({place.offset, place.hash}) == 0) {
-        Find("{} lacks the blob {} at {}", key, place.hash.text(), place.offset);
-        break;
-      }
+  // What a pack has, and the places that indexes name in it.
+  void ComparePack(const std::string& key, const Spool& spool, const std::vector<Place>& places) {
+    const ReadPack pack = ReadPackFile(key, spool);
+    findings_.insert(findings_.end(), pack.findings.begin(), pack.findings.end());
+    for (const Place& place : places) {
+      const auto found = PlacesOf(pack.index, place.hash);
+      if (std::any_of(found.begin(), found.end(),
+                      [&place](const Place& other) { return other.offset == place.offset; }))
+        continue;
+      Find("{} lacks the blob {} at {}", key, place.hash.text(), place.offset);
+      return;
+    }
   }
 
   Remote& remote_;

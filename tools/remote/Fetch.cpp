@@ -4,6 +4,8 @@
 #include <tuple>
 
 #include "pack/Format.h"
+#include "tools/Console.h"
+#include "tools/look/FileWalk.h"
 
 namespace tool::remote {
 namespace {
@@ -98,6 +100,38 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
     });
   }
   remote.objects.http().Finish();
+}
+
+ReadPack ReadPackFile(const std::string& key, const Spool& file) {
+  ReadPack pack;
+  const auto find = [&pack, &key](const std::string& what) {
+    pack.findings.push_back(key + " " + what);
+  };
+  pack.index.packs = {NameIn(key)};
+  const FileHead head = ReadHead(file.path());
+  SalvageFile salvage(file.path());
+  Buffer buffer;
+  uint64_t damagedCount = 0;
+  WalkOptions options;
+  options.record = [&](const WalkedRecord& record) {
+    if (!record.isStore) return;
+    Grow(buffer, record.blobSize);
+    const size_t size = file.Read(record.dataOffset(), buffer.data(), record.blobSize);
+    if (DigestOf({buffer.data(), size}) != record.hash)
+      ++damagedCount;
+    else
+      pack.index.places.push_back(
+          {record.hash, 0, static_cast<uint32_t>(record.offset), record.blobSize});
+  };
+  const Walked walked = Walk(salvage, head, options);
+  pack.index.Sort();
+  if (walked.damage)
+    find(fmt::format("is damaged at {}: {}", walked.damage->offset, walked.damage->what));
+  if (damagedCount != 0) find(fmt::format("has {} damaged", Count(damagedCount, "blob")));
+  if (walked.end != file.size())
+    find(fmt::format("has {} bytes, {} of them sound", file.size(), walked.end));
+  if (file.Digest() != DigestIn(NameIn(key))) find("does not match the digest in its name");
+  return pack;
 }
 
 }  // namespace tool::remote

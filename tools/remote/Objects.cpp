@@ -111,7 +111,8 @@ Listing Objects::List(const std::string& under) {
       object.size = std::strtoull(XmlText(entry, "Size").c_str(), nullptr, 10);
       object.etag = XmlText(entry, "ETag");
       std::erase(object.etag, '"');
-      object.modified = SecondsOf(XmlText(entry, "LastModified"));
+      object.when = XmlText(entry, "LastModified");
+      object.modified = SecondsOf(object.when);
       listing.objects.emplace(key.substr(prefix_.size()), std::move(object));
       ++count;
     }

@@ -15,6 +15,7 @@ struct Object {
   uint64_t size = 0;
   std::string etag;      // without quotes
   int64_t modified = 0;  // Last-Modified, by the service's clock; seconds since 1970
+  std::string when;      // the same as listed: orders what is of one second, for some services
 };
 
 struct Listing {

@@ -3,6 +3,7 @@
 // Takes no lock; several at once are harmless. The rules are those of Remote.h.
 #include <algorithm>
 
+#include "pack/Format.h"
 #include "tools/Console.h"
 #include "tools/Json.h"
 #include "tools/remote/Commands.h"
@@ -18,6 +19,8 @@ constexpr size_t kPacksInIndex = 64;
 constexpr size_t kManySmallIndexes = 32;
 constexpr size_t kSmallIndex = 16;  // packs
 constexpr int kMostLooks = 3;
+constexpr uint64_t kPackOverhead =  // bytes of a pack that are no records
+    format::kFileHeaderSize + format::kStartSize + format::kEndSize;
 
 using Keys = std::set<std::string>;
 using Hashes = std::vector<blobring::Hash>;
@@ -54,6 +57,7 @@ class Pruner {
       json["snapshots_kept"] = keptCount_;
       json["snapshots_forgotten"] = forgotten_.size();
       json["packs_rewritten"] = rewrittenCount_;
+      json["packs_restored"] = restoredCount_;
       json["marked"] = going_.size();
       json["marked_bytes"] = goingBytes_;
       json["deleted"] = deletedCount_;
@@ -67,9 +71,11 @@ class Pruner {
            HumanTime(static_cast<double>(remote_.config.graceSeconds)),
            Count(rewrittenCount_, "pack"), would);
     Inform("{} {}deleted, {}", Count(deletedCount_, "object"), would, HumanSize(deletedBytes_));
+    if (restoredCount_ != 0)
+      Say("{} that no index named: indexed, since snapshots lacked blobs",
+          Count(restoredCount_, "pack"));
     if (missingCount_ == 0) return kSuccess;
-    Say("the snapshots that stay name {} that {} in no pack: `blobring remote check` tells which; "
-        "packs that no index names were kept",
+    Say("the snapshots that stay name {} that {} in no pack: `blobring remote check` tells which",
         Count(missingCount_, "blob"), missingCount_ == 1 ? "is" : "are");
     return kFault;
   }
@@ -92,10 +98,7 @@ class Pruner {
       usable_ = Merge(indexes_, [this](const std::string& pack) { return IsUsable(pack); });
       tombed_ = Merge(indexes_,
                       [this](const std::string& pack) { return IsThere(pack) && !IsUsable(pack); });
-      const auto missing = std::count_if(needed_.begin(), needed_.end(), [this](const auto& hash) {
-        return PlacesOf(usable_, hash).empty() && PlacesOf(tombed_, hash).empty();
-      });
-      missingCount_ = static_cast<uint64_t>(missing);
+      missingCount_ = CountMissing();
       if (missingCount_ == 0 || look == kMostLooks) return;
     }
   }
@@ -169,7 +172,8 @@ class Pruner {
     std::vector<bool> goes(usable_.packs.size());
     for (size_t i = 0; i < usable_.packs.size(); ++i) {
       const std::string key = PackKey(usable_.packs[i]);
-      const double live = static_cast<double>(needed[i]) / static_cast<double>(sizes[i]);
+      const double live =
+          static_cast<double>(needed[i]) / static_cast<double>(sizes[i] - kPackOverhead);
       goes[i] = live < 1 - kMostDead && IsOld(packs_.objects.at(key), packs_);
       if (!goes[i]) continue;
       if (needed[i] != 0) ++rewrittenCount_;
@@ -224,6 +228,7 @@ class Pruner {
     Index fresh;
     CopyBlobs(usable_, moved_, fresh);
     CopyBlobs(tombed_, rescued_, fresh);
+    if (missingCount_ != 0) IndexOrphans(fresh);
     Keys named;
     for (const auto& [name, index] : indexes_)
       if (tombs_.keys.count(IndexKey(name)) == 0 && going_.count(IndexKey(name)) == 0)
@@ -241,6 +246,34 @@ class Pruner {
                                 }).Encode();
       remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
     }
+  }
+
+  // Packs whose index was lost may have what snapshots lack.
+  void IndexOrphans(Index& fresh) {
+    const Keys indexed = IndexedPacks();
+    for (const auto& [key, object] : packs_.objects) {
+      if (indexed.count(key) != 0 || tombs_.keys.count(key) != 0 || NameIn(key).empty()) continue;
+      const auto file = std::make_shared<Spool>();
+      remote_.objects.StartGet(key, std::nullopt, file, [&, key, file](Reply& reply) {
+        if (reply.status != 200) return;
+        const ReadPack pack = ReadPackFile(key, *file);
+        for (const std::string& finding : pack.findings) Say("{}", finding);
+        if (!pack.findings.empty()) return;
+        fresh.Add(pack.index);
+        ++restoredCount_;
+      });
+    }
+    remote_.objects.http().Finish();
+    fresh.Sort();
+    missingCount_ = CountMissing(&fresh);
+  }
+
+  uint64_t CountMissing(const Index* fresh = nullptr) const {
+    const auto isMissing = [&](const blobring::Hash& hash) {
+      return PlacesOf(usable_, hash).empty() && PlacesOf(tombed_, hash).empty() &&
+             (fresh == nullptr || PlacesOf(*fresh, hash).empty());
+    };
+    return static_cast<uint64_t>(std::count_if(needed_.begin(), needed_.end(), isMissing));
   }
 
   void CopyBlobs(const Index& from, const std::vector<Place>& places, Index& fresh) {
@@ -321,6 +354,7 @@ class Pruner {
   uint64_t missingCount_ = 0;   // needed, and in no pack
   uint64_t keptCount_ = 0;
   uint64_t rewrittenCount_ = 0;
+  uint64_t restoredCount_ = 0;  // orphans that were indexed
   uint64_t goingBytes_ = 0;
   uint64_t deletedCount_ = 0;
   uint64_t deletedBytes_ = 0;

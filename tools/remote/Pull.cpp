@@ -32,7 +32,7 @@ std::optional<Chosen> Choose(Remote& remote, const LocalState& state, const std:
   for (const auto& [key, name] : names) byAge.push_back(name);
   std::sort(byAge.begin(), byAge.end(), [&listing](const auto& a, const auto& b) {
     const auto order = [&listing](const SnapshotName& name) {
-      return std::tuple(listing.objects.at(name.Key()).modified, name.sequence, name.Short());
+      return std::tuple(listing.objects.at(name.Key()).when, name.sequence, name.Short());
     };
     return order(a) > order(b);
   });

@@ -271,8 +271,8 @@ ExitStatus Push(const PushOptions& options) {
          HumanSize(pusher.blobBytes()), Count(pusher.packCount(), "pack"),
          pusher.readableCount() - std::min(pusher.blobCount(), pusher.readableCount()));
   if (!pusher.isPartial()) return kSuccess;
-  Say("the snapshot is partial: {} damaged or lost in {}", Count(pusher.damagedCount(), "blob"),
-      options.at.directory);
+  Say("the snapshot is partial: {} is damaged, {} could not be read", options.at.directory,
+      Count(pusher.damagedCount(), "blob"));
   return kFault;
 }
 
