@@ -38,7 +38,7 @@ while read -r key; do
   expect 0 "sound" check one.pak
 done <packs
 
-# What the service has changed or lost is found, and mended as far as others have it.
+# What the service has changed or lost is found, and comes back as far as others have it.
 blobring push -q a "$url" >/dev/null
 key=$(head -n 1 packs)
 s3 "/$key" -o one.pak
