@@ -86,6 +86,12 @@ class Formatter : public CLI::Formatter {
       return fmt::format("Usage: {} COMMAND ...\n", name.empty() ? "blobring" : name);
     return fmt::format("Usage: {} [OPTION]...{}\n", name, ArgumentsOf(*app));
   }
+  // A flag that may have a value: "--flag{default}" in the library's words.
+  std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+    const std::string name = CLI::Formatter::make_option_name(option, isPositional);
+    const size_t brace = name.find('{');
+    return brace == std::string::npos ? name : name.substr(0, brace) + "[=VALUE]";
+  }
   std::string make_option_opts(const CLI::Option* option) const override {
     if (option->get_positional()) return {};
     const std::string kind = KindOf(*option);

@@ -16,7 +16,7 @@ for faults in "status=503 count=3" "refuse count=2" "cut-up=200000 count=2" "cut
   echo "$faults" >control
   timeout 100 "$tool" push -q --timeout 3 a "s3://fleet/$row" >/dev/null || fail "$faults: push"
   : >control
-  expect 0 "nothing is wrong" remote check "s3://fleet/$row" --read-data 100
+  expect 0 "nothing is wrong" remote check "s3://fleet/$row" --read-data
   echo "$faults" >control
   rm -rf back
   blobring init -q back

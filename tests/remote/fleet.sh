@@ -23,7 +23,7 @@ same "$(blobring push -q --json b "$url" | field blobs)" 1000
 same "$(blobring push -q --json c "$url" | field blobs)" 1000
 same "$(blobring remote ls "$url" | wc -l)" 4
 expect 0 "  first$" remote ls "$url"
-expect 0 "nothing is wrong" remote check "$url" --read-data 100
+expect 0 "nothing is wrong" remote check "$url" --read-data
 gives "$url" c
 gives "$url" a "$(cat a/remote/id)"
 has back a
@@ -46,7 +46,7 @@ cp one.pak bad.pak
 flip_byte bad.pak 5000
 s3 "/$key" -T bad.pak
 expect 1 "has the digest" remote check "$url"
-expect 1 "does not match the digest in its name" remote check "$url" --read-data 100
+expect 1 "does not match the digest in its name" remote check "$url" --read-data
 truncate -s -1 bad.pak
 s3 "/$key" -T bad.pak
 expect 1 "bytes instead of" remote check "$url"
@@ -64,7 +64,7 @@ done
 expect 1 "lacks 2000 blobs of 2000" remote check "$url"
 expect 1 "which no index has" pull new "$url" --snapshot "$(cat a/remote/id)"
 expect 0 "packs that no index named: indexed" remote prune "$url"
-expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data 100
+expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data
 gives "$url" a
 
 # Of a damaged store what can be read is pushed, and called partial.

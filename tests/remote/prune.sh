@@ -43,7 +43,7 @@ expect 0 "3 objects deleted" remote prune "$url"
 expect 0 "2 objects deleted" remote prune s3://fleet/late
 expect 0 "33 objects deleted" remote prune s3://fleet/many
 for remote in all late many; do
-  expect 0 "all indexed; nothing is wrong" remote check s3://fleet/$remote --read-data 100
+  expect 0 "all indexed; nothing is wrong" remote check s3://fleet/$remote --read-data
 done
 gives "$url" b
 gives "$url" a "$(cat a/remote/id)"

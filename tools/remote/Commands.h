@@ -45,7 +45,7 @@ ExitStatus Sync(const SyncOptions& options);
 
 struct CheckOptions {
   RemoteOptions remote;
-  std::string readData;  // empty: no; "100", "5%"
+  std::string readData;  // empty: no; "100%", "5%"
 };
 ExitStatus CheckRemote(const CheckOptions& options);
 

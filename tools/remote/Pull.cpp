@@ -64,9 +64,8 @@ class Puller {
     std::vector<blobring::Hash> missing = Missing(chosen_.snapshot.hashes);
     doneCount_ = chosen_.snapshot.hashes.size() - missing.size();
     for (int attempt = 0; attempt < kMostAttempts && !missing.empty(); ++attempt) {
-      const Remote::Indexes indexes =
-          remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_);
-      index_ = Merge(indexes, [](const std::string&) { return true; });
+      index_ = Merge(remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_),
+                     [](const std::string&) { return true; });
       Fetch(
           remote_, index_, Places(missing),
           [this](const FetchedBlob& blob) {

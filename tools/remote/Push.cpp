@@ -106,11 +106,9 @@ class Pusher {
     fresh_ = Index();
     builder_ = PackBuilder();
     const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
-    const Remote::Indexes indexes =
-        remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_);
-    const Index present = Merge(indexes, [&tombs](const std::string& pack) {
-      return tombs.keys.count(PackKey(pack)) == 0;
-    });
+    const Index present =
+        Merge(remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_),
+              [&tombs](const std::string& pack) { return tombs.keys.count(PackKey(pack)) == 0; });
     const std::set<blobring::Hash> pending = TakeUpPending(tombs, present);
 
     Snapshot snapshot;

@@ -177,11 +177,11 @@ void AddRemoteCommands(CommandLine& line) {
         Group::kLook,
         {"remote check", "compare packs with indexes, and snapshots with both",
          "Without --read-data no pack is read: what is checked is what the service accepted.",
-         "blobring remote check s3://fleet/all --read-data 5%"},
+         "blobring remote check s3://fleet/all --read-data=5%"},
         remote::CheckRemote);
     remote::AddUrl(command, options.remote);
-    command.add_option("--read-data", options.readData, "the share of packs to read, of 100")
-        ->type_name("PERCENT");
+    command.add_flag("--read-data{100%}", options.readData,
+                     "read all packs, or with =N% that share of them, and compare all digests");
   }
   auto [command, options] = line.Add(
       Group::kWork,
