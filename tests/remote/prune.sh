@@ -14,10 +14,14 @@ for remote in late all; do
   blobring push -q a s3://fleet/$remote >/dev/null
 done
 s3 "/late/snapshots/$(cat first.late).snap" -o first.snap
-pack=$(s3 "?list-type=2&prefix=all%2Fpacks%2F" | grep -o '<Key>[^<]*' | cut -c6-)
+only() { s3 "?list-type=2&prefix=all%2F$1%2F" | grep -o '<Key>[^<]*' | cut -c6-; }
+pack=$(only packs)
+index=$(only index)
 s3 "/$pack" -o one.pak
+s3 "/$index" -o one.idx
 s3 "/${pack%-*}-0123456789abcdef.pak" -T one.pak # an orphan
-expect 0 "1 would be forgotten" remote prune "$url" --keep-last 1 --dry-run
+expect 0 "0 objects would be marked" remote prune "$url" --keep-last 1 --dry-run # all is young
+grep -q "1 would be forgotten" expect.out
 same "$(blobring remote ls "$url" | wc -l)" 2
 # Many small indexes become one.
 blobring remote init -q s3://fleet/many --push-within 3s --grace 5s
@@ -33,7 +37,8 @@ expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
 expect 0 "33 objects marked" remote prune s3://fleet/many
 gives "$url" a
 expect 0 "0 objects deleted" remote prune "$url"
-# What is marked is absent for a push, which sends it again.
+# What is marked is absent for a push, which sends it again, also where an index comes late.
+s3 "/${index%-*}-0123456789abcdef.idx" -T one.idx
 store b 1 2000
 same "$(blobring push -q --json b "$url" | field blobs)" 1500
 # A push that had listed before, and ends within its time, may rely on it: then it moves.

@@ -254,7 +254,7 @@ class Pruner {
     for (const auto& [key, object] : packs_.objects) {
       if (indexed.count(key) != 0 || tombs_.keys.count(key) != 0 || NameIn(key).empty()) continue;
       const auto file = std::make_shared<Spool>();
-      remote_.objects.StartGet(key, std::nullopt, file, [&, key, file](Reply& reply) {
+      remote_.objects.StartGet(key, std::nullopt, file, [&, key = key, file](Reply& reply) {
         if (reply.status != 200) return;
         const ReadPack pack = ReadPackFile(key, *file);
         for (const std::string& finding : pack.findings) Say("{}", finding);

@@ -57,6 +57,7 @@ class Pusher {
     int idleRounds = 0;
     for (;;) {
       const uint64_t packsBefore = packCount_;
+      bool hasChanged = false;
       try {
         if (Round()) return;
         ++idleRounds;
@@ -64,10 +65,13 @@ class Pusher {
         ++idleRounds;
         mayUpload_ = false;
       } catch (const StoreChanged&) {
+        hasChanged = true;
+      }
+      remote_.objects.http().EndRunning();
+      if (hasChanged) {
         Inform("{} was repacked meanwhile; looking again", at_.directory);
         Look();
       }
-      remote_.objects.http().EndRunning();
       if (packCount_ != packsBefore) idleRounds = 0;
       if (idleRounds == kMostIdleRounds)
         throw Fault("the push takes longer than {}, in which it must be through; it is not done",
