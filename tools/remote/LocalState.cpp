@@ -81,11 +81,12 @@ void LocalState::KeepCopy(const std::string& kind, const blobring::Hash& digest,
 
 void LocalState::DropCopiesBut(const std::string& kind,
                                const std::set<blobring::Hash>& digests) const {
+  const std::string directory = remote_ + "/" + kind;
   std::error_code ignored;
-  for (const std::string& name : NamesIn(remote_ + "/" + kind)) {
+  for (const std::string& name : NamesIn(directory)) {
     const auto digest = blobring::Hash::parse(name);
     if (!digest || digests.count(*digest) == 0)
-      stdfs::remove(remote_ + "/" + kind + "/" + name, ignored);
+      stdfs::remove(stdfs::path(directory) / name, ignored);
   }
 }
 
