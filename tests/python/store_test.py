@@ -177,23 +177,6 @@ class StoreTest(unittest.TestCase):
             gc.collect()
         self.assertIn(key, self.store())
 
-    def test_a_child_of_fork_reads_and_changes_nothing(self):
-        store = self.store()
-        key = store.put(b"the parent's")
-        child = os.fork()
-        if child == 0:
-            try:
-                assert store[key] == b"the parent's"
-                with self.assertRaises(blobring.RefusedError):
-                    store.put(b"the child's")
-                store.close()
-                os._exit(0)
-            finally:
-                os._exit(1)
-        self.assertEqual(os.waitpid(child, 0)[1], 0)
-        store.put(b"later")
-        self.assertEqual(set(store.values()), {b"the parent's", b"later"})
-
     def test_progress_that_raises_stops_and_changes_nothing(self):
         def stop(done, total):
             raise InterruptedError
