@@ -26,13 +26,6 @@
 
 namespace explore {
 
-// Whether space past a file's flushed length may hold forged transactions.
-constexpr bool kForgesGrowth = true;
-inline const sim::Forger kForger = kForgesGrowth ? sim::Forger(Forged) : nullptr;
-
-// Whether fault runs go on using a store whose repack has failed.
-constexpr bool kUsesFailedStores = true;
-
 struct Step {
   char kind;
   int argument;

@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
 
   // A disk that lies about a flush of a commit, that of the records or that of the header, stands
   // for a store that leaves it out: the explorer must notice.
-  for (unsigned flush = 1; flush <= (explore::kForgesGrowth ? 2 : 1); ++flush) {
+  for (unsigned flush = 1; flush <= 2; ++flush) {
     explore::PowerCut broken(seed, {~std::uint64_t{0}, 48, 12});
     broken.Explore(explore::Scripts().front(), 'E', flush);
     if (broken.findings().empty())

@@ -23,7 +23,6 @@ sim::SimFiles& FreshMachine() {
   sim::Memory().RefuseAlloc(0);
   sim::Memory().RefuseFree(0);
   sim::Diagnostics().Clear();
-  sim::Diagnostics().level = 0;
   return files;
 }
 

@@ -1,6 +1,7 @@
 #include "tests/support/SimFiles.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 #include "tests/support/SimDiagnostics.h"
@@ -13,20 +14,14 @@ SimFiles& Files() {
 }
 
 bool CanFail(Call call, Fault fault) {
-  const auto isOneOf = [call](const std::set<Call>& calls) { return calls.count(call) > 0; };
-  switch (fault) {
-    case Fault::Partial:
-      return isOneOf({Call::ReadFile, Call::WriteFile, Call::FlushFileBuffers});
-    case Fault::DiskFull:
-      return isOneOf({Call::WriteFile, Call::CreateFile});
-    case Fault::Busy:
-      return isOneOf({Call::CreateFile, Call::MoveFile});
-    case Fault::DoneButFailed:
-      return isOneOf({Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile,
-                      Call::DeleteFile, Call::SetEndOfFile});
-    default:
-      return fault == Fault::Error;
-  }
+  static const std::map<Fault, std::set<Call>> kCalls = {
+      {Fault::Partial, {Call::ReadFile, Call::WriteFile, Call::FlushFileBuffers}},
+      {Fault::DiskFull, {Call::WriteFile, Call::CreateFile}},
+      {Fault::Busy, {Call::CreateFile, Call::MoveFile}},
+      {Fault::DoneButFailed,
+       {Call::WriteFile, Call::FlushFileBuffers, Call::MoveFile, Call::CreateFile, Call::DeleteFile,
+        Call::SetEndOfFile}}};
+  return fault == Fault::Error || kCalls.at(fault).count(call) > 0;
 }
 
 void SimFiles::Reset() {
