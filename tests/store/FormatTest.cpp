@@ -9,23 +9,14 @@
 namespace test {
 namespace {
 
-TEST(Format, AFreshStoreHoldsTwoEmptyHeadersPerSlot) {
+TEST(Format, TheFilesOfAStoreFromItsFirstByteToItsFirstRepack) {
   FreshMachine();
-  const int index = BCInitialize(u"/s");
-  ASSERT_EQ(BCAddPackDir(index, u"/a"), 1);
-  ASSERT_EQ(BCAddPackDir(index, u"/b"), 1);
-  const std::string journal = Hex("00040000 00000000 00000000 00000000 01000000 18000000");
-  const std::string pack = Hex("00040000 00000000 01000000 00000000 01000000 18000000");
-  EXPECT_EQ(FileBytes("/a/0.pak"), pack);
-  EXPECT_EQ(FileBytes("/s/0.jrn"), journal);
-  EXPECT_EQ(FileBytes("/b/1.pak"), pack);
-  EXPECT_EQ(FileBytes("/s/1.jrn"), journal);
-  BCDispose(index);
-}
-
-TEST(Format, TheWorkedJournalOf119Bytes) {
-  FreshMachine();
-  const OpenedStore store;
+  const OpenedStore store(2);
+  for (const char* slot : {"/s/0", "/s/1"}) {
+    const std::string rest = " 00000000 01000000 18000000", path = slot;
+    EXPECT_EQ(FileBytes(path + ".pak"), Hex("00040000 00000000 01000000" + rest));
+    EXPECT_EQ(FileBytes(path + ".jrn"), Hex("00040000 00000000 00000000" + rest));
+  }
   ASSERT_TRUE(store.Commit(5, {"abc"}));
   EXPECT_EQ(FileBytes("/s/0.jrn"), Hex("00040000 03000000 00000000 00000000 01000000 77000000"
                                        "02000000 00000000 0500000000000000"
@@ -33,33 +24,23 @@ TEST(Format, TheWorkedJournalOf119Bytes) {
                                        "00000000 00000000 0500000000000000"
                                        "900150983cd24fb0d6963f7d28e17f72 03000000 616263"
                                        "03000000 00000000 0500000000000000"));
-}
-
-TEST(Format, ADeleteAndALargerBlobInOneTransactionThatEndsUnderAnotherId) {
-  FreshMachine();
-  const OpenedStore store;
-  ASSERT_TRUE(store.Commit(1, {"abc"}));
   const std::string large(2000, 'x');
   ASSERT_TRUE(store.Start(-2) && store.Delete("abc") && store.Store(large) && store.End(7));
-  EXPECT_EQ(FileBytes("/s/0.jrn"),
-            JournalBytes()
-                .Transaction(1, {StoreRecord(1, "abc")})
-                .Transaction(-2, {DeleteRecord(-2, "abc"), StoreRecord(-2, large)}, 7)
-                .Bytes());
-}
-
-TEST(Format, APackKeepsTheIdOfEachBlobInOneTransactionOfIdZero) {
-  FreshMachine();
-  const OpenedStore store(2);
-  ASSERT_TRUE(store.Commit(9, {"nine"}) && store.Commit(3, {"three"}) && store.Commit(4, {"gone"}));
-  ASSERT_TRUE(store.Start(5) && store.Delete("gone") && store.End(5));
-  const std::string before = FileBytes("/s/0.jrn");
+  ASSERT_TRUE(store.Commit(3, {"three"}));
+  ASSERT_TRUE(store.Commit(-9, {"nine"}));
+  const std::string journal = FileBytes("/s/0.jrn");
+  EXPECT_EQ(journal, JournalBytes()
+                         .Transaction(5, {StoreRecord(5, "abc")})
+                         .Transaction(-2, {DeleteRecord(-2, "abc"), StoreRecord(-2, large)}, 7)
+                         .Transaction(3, {StoreRecord(3, "three")})
+                         .Transaction(-9, {StoreRecord(-9, "nine")})
+                         .Bytes());
   ASSERT_EQ(BCRepack(store.index), 1);
-  EXPECT_EQ(
-      FileBytes("/s/1.pak"),
-      JournalBytes(1, 1).Transaction(0, {StoreRecord(3, "three"), StoreRecord(9, "nine")}).Bytes());
+  const std::vector<std::string> blobs = {StoreRecord(-9, "nine"), StoreRecord(-2, large),
+                                          StoreRecord(3, "three")};
+  EXPECT_EQ(FileBytes("/s/1.pak"), JournalBytes(1, 1).Transaction(0, blobs).Bytes());
   EXPECT_EQ(FileBytes("/s/1.jrn"), Hex("00040000 00000000 00000000 ffffffff 01000000 18000000"));
-  EXPECT_EQ(FileBytes("/s/0.jrn"), before) << "the old generation stays";
+  EXPECT_EQ(FileBytes("/s/0.jrn"), journal) << "the old generation stays";
 }
 
 // Journals of two transactions of one blob each, damaged: how many of them survive, and the line
