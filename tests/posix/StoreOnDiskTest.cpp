@@ -1,0 +1,172 @@
+// The store on the real file system: what a simulated one cannot show. The preset "threads" builds
+// it with ThreadSanitizer.
+#include <blobring/Store.h>
+#include <blobring/host.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "fs/FileSystem.h"
+
+namespace {
+
+using blobring::Store;
+namespace fs = std::filesystem;
+
+std::u16string Wide(const fs::path& path) {
+  return FileSystem::ConvertString(path.string());
+}
+
+// In a directory of its own, whose name is not UTF-8.
+class OnDisk : public testing::Test {
+ protected:
+  OnDisk() {
+    std::string pattern = testing::TempDir() + "caf\xC3\xA9 \xFF.XXXXXX";
+    root = mkdtemp(pattern.data());
+    for (const char* name : {"a", "b"}) fs::create_directory(root / name);
+  }
+  ~OnDisk() override { fs::remove_all(root); }
+
+  fs::path root;
+};
+
+// Everything that a store can do, with failures on the way.
+void Live(Store& store) {
+  for (int round = 0; round < 20; ++round) {
+    blobring::Transaction change(store, round);
+    for (int i = 0; i < 50; ++i) store.put(std::to_string(round * 1000 + i));
+    change.commit();
+    store.erase(*store.hashes().begin());
+    EXPECT_EQ(BCPut(store.index(), nullptr, 1, nullptr), 0);
+    EXPECT_EQ(store.lastFailure(), "BCPut: data is null");
+    EXPECT_EQ(BCDelete(-1, nullptr), 0);
+    EXPECT_EQ(BCLastErrorCode(-1), BLOBRING_ERROR_NO_STORE);
+    EXPECT_EQ(store.check(), Store::Checked::Sound);
+    EXPECT_TRUE(store.repack());
+    EXPECT_EQ(store.stats().blobCount, 49U * static_cast<unsigned>(round + 1));
+  }
+}
+
+TEST_F(OnDisk, TwoStoresLiveOnTwoThreads) {
+  Store a(root / "a");
+  Store b(root / "b");
+  std::thread other([&] { Live(b); });
+  Live(a);
+  other.join();
+}
+
+// Calls from a sink are refused. The refusal is traced once, or the sink would call again for it.
+TEST_F(OnDisk, ASinkCannotTakeTheStoreAway) {
+  Store store(root / "a");
+  static int index, lines, results;
+  index = store.index(), lines = results = 0;
+  BlobringHostSetTraceSink(
+      [](void*, int, const char*, const char*) {
+        ++lines;
+        results += BCDispose(index) + BCOpen("/", nullptr);
+      },
+      nullptr);
+  EXPECT_EQ(BCPut(index, nullptr, 1, nullptr), 0);
+  BlobringHostSetTraceSink(nullptr, nullptr);
+  EXPECT_EQ(results, -lines) << "0 and -1 each time";
+  EXPECT_TRUE(store.contains(store.put("still open")));
+}
+
+TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
+  Store store(root / "a");
+  const blobring::Hash hash = store.put("before");
+  blobring::Transaction change(store);
+  store.put("pending");
+  const int index = store.index();
+  const long long id = 0;
+  unsigned char data[] = {'x'}, out[BLOBRING_HASH_SIZE];
+  const auto isRefused = [&](int result) {
+    return result == 0 && BCLastErrorCode(index) == BLOBRING_ERROR_REFUSED;
+  };
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool good = store.contains(hash) && isRefused(BCEndTransaction(index, &id)) &&
+                      isRefused(BCPut(index, data, 1, out)) && isRefused(BCRepack(index));
+    store.close();
+    _exit(good ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  change.commit();
+  store.close();
+  EXPECT_EQ(Store(root / "a").stats().blobCount, 2U);
+}
+
+// And a journal keeps room for 64 transactions of one delete.
+TEST_F(OnDisk, AFileEndsBelow2GiB) {
+  constexpr std::uint32_t kEnd = 0x7FFFFFFFU - 64 * (40 + 32 + 16);
+  constexpr std::uint32_t kStart = kEnd - (40 + 37 + 16);  // room for one blob of one byte
+  const std::u16string directory = Wide(root / "a");
+  const fs::path journal = root / "a/0.jrn";
+  { const Store fresh(root / "a", {.slots = 1}); }
+  fs::resize_file(journal, kStart);
+  std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(20);
+  for (unsigned shift = 0; shift < 32; shift += 8) file.put(static_cast<char>(kStart >> shift));
+  file.close();
+  const int store = BCInitialize(directory.c_str());
+  EXPECT_EQ(BCRepack(store), BLOBRING_NOT_REPACKED) << "there is no slot";
+  BCAddPackDir(store, directory.c_str());
+  const long long id = 0;
+  unsigned char data[] = {'a', 'b'}, hash[BLOBRING_HASH_SIZE];
+  EXPECT_EQ(BCPut(store, data, 2, hash), 0) << "with the end record it would be too long";
+  EXPECT_EQ(BCPut(store, data, 1, hash), 1) << "without a load";
+  EXPECT_EQ(BCPut(store, data, 0, hash), 0);
+  EXPECT_EQ(BCEndTransaction(store, &id), 1) << "what was written is committed";
+  EXPECT_EQ(fs::file_size(journal), kEnd);
+  BCMD5ChkSum(data, 1, hash);
+  EXPECT_EQ(BCDelete(store, hash) + BCEndTransaction(store, &id), 2);
+  BCDispose(store);
+}
+
+// A write past the process's limit would bring a signal (SIGXFSZ) that ends it.
+TEST_F(OnDisk, ALimitOfFileSizesIsReportedAndForgottenOnceThereIsRoom) {
+  Store store(root / "a");
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  rlimit limit = before;
+  limit.rlim_cur = 300000;
+  setrlimit(RLIMIT_FSIZE, &limit);
+  EXPECT_THROW(store.put(std::string(600000, 'x')), blobring::Error);
+  setrlimit(RLIMIT_FSIZE, &before);
+  EXPECT_TRUE(store.contains(store.put(std::string(600000, 'x'))));
+}
+
+TEST_F(OnDisk, ListsAndDeletesTrees) {
+  const std::string top = root / "d";
+  FileSystem::CreateDirectoryW(top);
+  FileSystem::CreateDirectoryW(top + "/old");
+  for (const char* name : {"/0.pak", "/0.jrn", "/old/1.pak"}) std::ofstream(top + name) << "x";
+  fs::permissions(top + "/0.pak", fs::perms(0400));
+  fs::create_symlink(root / "a", top + "/link");
+  FileSystem::NarrowPaths packs;
+  FileSystem::ReadDirectory(top, packs, ".pak");
+  EXPECT_EQ((std::set<std::string>(packs.begin(), packs.end())),
+            (std::set<std::string>{top + "/0.pak", top + "/old/1.pak"}));
+
+  EXPECT_EQ(FileSystem::DeleteDirectory(Wide(top), false), 0U);
+  EXPECT_TRUE(!fs::exists(top + "/0.pak") && fs::exists(top + "/old/1.pak"));
+  fs::create_symlink(root / "a", top + "/old/link");
+  std::ofstream(top + "/old/.keep") << "x";
+  EXPECT_EQ(FileSystem::DeleteDirectory(Wide(top), true), ERROR_DIR_NOT_EMPTY);
+  EXPECT_TRUE(fs::remove(top + "/old/.keep"));
+  EXPECT_EQ(FileSystem::DeleteDirectory(Wide(top), true), 0U);
+  EXPECT_TRUE(!fs::exists(top) && fs::exists(root / "a")) << "no link is followed";
+}
+
+}  // namespace
