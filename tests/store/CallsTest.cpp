@@ -1,12 +1,10 @@
 // The exported calls: results, warnings, events and numeric records.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <functional>
 
 #include "platform/Win32.h"
-#include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
 namespace test {
@@ -156,22 +154,6 @@ TEST(Calls, EnumerationEndsWhenTheStoreChanges) {
     EXPECT_EQ(change(), 1);
     EXPECT_EQ(next(), 0);
   }
-}
-
-// In more than one group, and with blobs that outgrow what is gathered.
-TEST(Calls, PutManyWritesWhatStoreWrites) {
-  FreshMachine();
-  const OpenedStore store;
-  std::vector<std::string> blobs, records;
-  for (std::size_t n = 0; n < 70; ++n) {
-    blobs.emplace_back(n * n * 120, 'x');
-    records.push_back(StoreRecord(3, blobs.back()));
-  }
-  std::vector<BCBlob> batch;
-  for (std::string& blob : blobs) batch.push_back({Bytes(blob), static_cast<int>(blob.size()), {}});
-  ASSERT_TRUE(store.Start(3) && BCPutMany(store.index, batch.data(), 70) == 70 && store.End(3));
-  EXPECT_TRUE(std::ranges::equal(HashOf(blobs.back()), batch.back().hash));
-  EXPECT_TRUE(FileBytes("/s/0.jrn") == JournalBytes().Transaction(3, records).Bytes());
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <optional>
 
-#include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
 namespace test {
@@ -11,23 +10,6 @@ namespace {
 
 using sim::Call;
 using sim::Fault;
-
-// It goes to the first journal, unless no store wrote that one's header.
-TEST(Transaction, AChangeNeedsNoLoadButASoundHeader) {
-  for (const bool sound : {true, false}) {
-    FreshMachine();
-    const std::string bytes = sound ? JournalBytes().Bytes() : JournalBytes().End(3).Bytes();
-    SetFile("/s/0.jrn", bytes);
-    const int index = BCInitialize(u"/s");
-    BCAddPackDir(index, u"/s");
-    unsigned char data[] = {'b'}, hash[16];
-    const long long id = 0;
-    EXPECT_EQ(BCPut(index, data, 1, hash) == 1, sound);
-    EXPECT_EQ(BCEndTransaction(index, &id), 1);
-    BCDispose(index);
-    EXPECT_EQ(FileBytes("/s/0.jrn") != bytes, sound);
-  }
-}
 
 // From the 33rd commit on a journal has zeros ahead of it, new or used again; a close cuts them
 // off. A commit over anything else flushes its records as well as its header.
@@ -64,35 +46,6 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   EXPECT_GT(FileBytes("/s/0.jrn").size(), records);
   opened.reset();
   EXPECT_EQ(FileBytes("/s/0.jrn").size(), records);
-}
-
-TEST(Transaction, AFailedFlushLeavesItInDoubt) {
-  for (const std::uint64_t flush : {1U, 2U}) {  // of the records, of the header
-    FreshMachine();
-    {
-      const OpenedStore store;
-      ASSERT_TRUE(store.Start(2) && store.Store("lost"));
-      sim::Files().FailCallOf(Call::FlushFileBuffers, flush, Fault::Error);
-      EXPECT_FALSE(store.End(2) || store.Store("refused"));
-      EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_IN_DOUBT);
-      EXPECT_EQ(StatisticsOf(store.index).inDoubt, 1);
-    }  // the close fails as well, and releases the handles all the same
-    EXPECT_EQ(sim::Files().openHandles(), 0U);
-  }
-}
-
-TEST(Repack, IsRefusedWhereItWouldLoseSomething) {
-  FreshMachine();
-  const OpenedStore none(0), store;
-  ASSERT_TRUE(store.Start(1) && store.Store("a"));
-  const std::pair<int, std::string> rows[] = {
-      {none.index, "the store has no slot"},
-      {store.index, "changes are pending, end the transaction first"}};
-  for (const auto& [index, reason] : rows) {
-    EXPECT_EQ(BCRepack(index), BLOBRING_NOT_REPACKED);
-    EXPECT_EQ(LastErrorOf(index), "BlobController::Repack() refused: " + reason);
-  }
-  EXPECT_TRUE(store.End(1) && store.Has("a")) << "open and as it was";
 }
 
 }  // namespace

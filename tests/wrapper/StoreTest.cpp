@@ -72,6 +72,7 @@ TEST(Store, MovesWithItsOpenTransaction) {
   second.put("lost");
   EXPECT_STREQ(ErrorOf([&] { const Transaction nested(second); }).what(),
                "blobring: begin: a transaction is open already");
+  EXPECT_EQ(ErrorOf([&] { second.repack(); }).code(), BLOBRING_ERROR_REFUSED);
   second.close();
   EXPECT_EQ(ErrorOf([&] { other.commit(); }).code(), BLOBRING_ERROR_CLOSED);
   EXPECT_EQ(ErrorOf([&] { second.put("x"); }).code(), BLOBRING_ERROR_NO_STORE);
@@ -97,6 +98,12 @@ TEST(Store, FailsWithTheStoresOwnWordsAndItsCode) {
          "File::Write didn't write the entire buffer 100092 written 50046 GetLastError 112");
   sim::Files().Heal();
   EXPECT_TRUE(store.contains(store.put("goes on")));
+
+  Store other("/a");
+  sim::Files().FailCallOf(sim::Call::FlushFileBuffers, 1, sim::Fault::Error);
+  expect([&] { other.put("lost"); }, BLOBRING_ERROR_IN_DOUBT, "did not reach the disk");
+  expect([&] { other.put("refused"); }, BLOBRING_ERROR_IN_DOUBT, "a flush has failed");
+  EXPECT_EQ(other.stats().inDoubt, 1);
 
   sim::Disk& disk = sim::Files().disk;
   disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
