@@ -34,6 +34,7 @@ sleep 7
 # Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
 expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
+same "$(blobring push -q --json a "$url" | field blobs)" 0
 expect 0 "33 objects marked" remote prune s3://fleet/many
 gives "$url" a
 expect 0 "0 objects deleted" remote prune "$url"
