@@ -165,18 +165,6 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   EXPECT_EQ(Fetched(store.index, blobs[1]), BLOBRING_FETCHED) << "the store stays open";
 }
 
-TEST(Fsck, ABlobThatCannotBeReadNeverPasses) {
-  for (const std::string& blob : {std::string("same"), std::string(9000, 's')}) {
-    FreshMachine();
-    const OpenedStore store;
-    ASSERT_TRUE(store.Commit(1, {blob}));
-    sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error, true);
-    EXPECT_EQ(BCFsck(store.index), 0);
-    sim::Files().Heal();
-    EXPECT_EQ(BCFsck(store.index), 1);
-  }
-}
-
 // After the load, the first record changes.
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
   const struct {
