@@ -84,6 +84,7 @@ TEST_F(OnDisk, ASinkCannotTakeTheStoreAway) {
 TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
   Store store(root / "a");
   const blobring::Hash hash = store.put("before");
+  for (int i = 0; i < 2; ++i) store.repack();  // whose journals are used again, and cut on close
   blobring::Transaction change(store);
   store.put("pending");
   const int index = store.index();
@@ -92,19 +93,26 @@ TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
   const auto isRefused = [&](int result) {
     return result == 0 && BCLastErrorCode(index) == BLOBRING_ERROR_REFUSED;
   };
+  int committed[2];
+  ASSERT_EQ(pipe(committed), 0);
   const pid_t child = fork();
   if (child == 0) {
     const bool good = store.contains(hash) && isRefused(BCEndTransaction(index, &id)) &&
                       isRefused(BCPut(index, data, 1, out)) && isRefused(BCRepack(index));
-    store.close();
-    _exit(good ? 0 : 1);
+    close(committed[1]);
+    char byte = 0;
+    const ssize_t size = read(committed[0], &byte, 1);
+    store.close();  // must not cut off what was committed since
+    _exit(good && size == 1 ? 0 : 1);
   }
+  change.commit();
+  store.put(std::string(400000, 'p'));
+  ASSERT_EQ(write(committed[1], "x", 1), 1);
   int status = -1;
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
-  change.commit();
   store.close();
-  EXPECT_EQ(Store(root / "a").stats().blobCount, 2U);
+  EXPECT_EQ(Store(root / "a").stats().blobCount, 3U);
 }
 
 // And a journal keeps room for 64 transactions of one delete.
