@@ -152,7 +152,7 @@ class Checker {
 
   // What a pack has, and the places that indexes name in it.
   void ComparePack(const std::string& key, const Spool& spool, const std::vector<Place>& places) {
-    const ReadPack pack = ReadPackFile(key, spool);
+    const PackContents pack = ReadPack(key, spool);
     findings_.insert(findings_.end(), pack.findings.begin(), pack.findings.end());
     for (const Place& place : places) {
       const auto found = PlacesOf(pack.index, place.hash);

@@ -102,8 +102,8 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
   remote.objects.http().Finish();
 }
 
-ReadPack ReadPackFile(const std::string& key, const Spool& file) {
-  ReadPack pack;
+PackContents ReadPack(const std::string& key, const Spool& file) {
+  PackContents pack;
   const auto find = [&pack, &key](const std::string& what) {
     pack.findings.push_back(key + " " + what);
   };

@@ -20,12 +20,12 @@ struct FetchedBlob {
 void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
            const std::function<void(const FetchedBlob&)>& take, std::set<std::string>& badPacks);
 
-// A pack that was read whole.
-struct ReadPack {
+// What a pack has that was read whole.
+struct PackContents {
   Index index;                        // of the blobs that match their hashes, sorted
   std::vector<std::string> findings;  // what is wrong: the digests of the file, of its transaction
                                       // and of its blobs
 };
-ReadPack ReadPackFile(const std::string& key, const Spool& file);
+PackContents ReadPack(const std::string& key, const Spool& file);
 
 }  // namespace tool::remote

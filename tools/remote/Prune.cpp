@@ -256,7 +256,7 @@ class Pruner {
       const auto file = std::make_shared<Spool>();
       remote_.objects.StartGet(key, std::nullopt, file, [&, key = key, file](Reply& reply) {
         if (reply.status != 200) return;
-        const ReadPack pack = ReadPackFile(key, *file);
+        const PackContents pack = ReadPack(key, *file);
         for (const std::string& finding : pack.findings) Say("{}", finding);
         if (!pack.findings.empty()) return;
         fresh.Add(pack.index);

@@ -2,8 +2,9 @@
 //
 // A push goes in rounds. Each begins by listing, ends with a snapshot, and must be through within T
 // [R3]. A round that is not through after T/2 publishes what there is as a partial snapshot, which
-// keeps a prune from taking it, and the next one goes on. So does a round in which the store was
-// repacked over what was being read.
+// keeps a prune from taking it, and the next one goes on. A round that has no time left for that is
+// followed by one that uploads no packs. When the store was repacked over what was being read, the
+// next round reads it as it is then.
 #include <algorithm>
 #include <ctime>
 
@@ -227,7 +228,7 @@ class Pusher {
   Index fresh_;  // packs that no index names yet
   SnapshotName snapshot_;
   bool isPartial_ = false;
-  bool mayUpload_ = true;   // in the next round; if not, it makes sure of what is there
+  bool mayUpload_ = true;   // packs in the next round: false after one that lapsed
   uint64_t packCount_ = 0;  // uploaded
   uint64_t blobCount_ = 0;
   uint64_t blobBytes_ = 0;
