@@ -22,7 +22,7 @@ row() {
 row 0 "^ +9192 store +$(sed -n 3p hashes) +9000 +[0-9]{16} committed" true
 row 0 "beyond 18244: 5000 bytes, zeros" "head -c 5000 /dev/zero >>f"
 row 0 "beyond 18244: 3076 bytes, an unfinished transaction, 1 whole record" "{ start; record; } >>f"
-row 0 "unfinished transaction, 1 whole" "tail -c +25 ../journal | head -c 3076 >>f" # its length is there
+row 0 "unfinished transaction, 1 whole" "head -c 3100 ../journal | tail -c 3076 >>f" # its length is there
 row 0 "9192 store .* uncommitted" "word f 4 4; word f 20 9152"
 row 0 "beyond 9152: .*commit did not reach the header, 1 whole record" "word f 4 4; word f 20 9152"
 row 0 "9192 store .* stale" emptied

@@ -6,7 +6,7 @@ modules=$2
 # Names in the store's path would be markup.
 store='a</script><b>&"'"'"'b'
 blobring init "$store"
-for i in {1..40}; do head -c $((i * 997)) /dev/urandom >blob$i; done
+for i in {1..40}; do head -c $((i * 997)) < <(yes $i) >blob$i; done
 blobring put "$store" blob{1..20} >hashes
 blobring repack "$store"
 for i in {21..40}; do blobring put "$store" blob$i >>hashes; done
