@@ -365,7 +365,9 @@ bool BlobFile::Load(Entries& out) {
         "BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
         header.endOffset, length, path);
   Replayed replayed = Replay(file, header, length, loadProgress).Run();
-  loaded = {replayed.count, replayed.end, replayed.lastIsTorn, replayed.wholeBehind};
+  loaded = {replayed.count, replayed.end, 0, replayed.lastIsTorn, replayed.wholeBehind};
+  for (const BlobFileEntry& entry : replayed.entries)
+    loaded.largest = std::max(loaded.largest, entry.size);
   out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
              std::make_move_iterator(replayed.entries.end()));
   // A header that counts none whole of the records that it covers is damage as well, though a load
@@ -385,14 +387,17 @@ std::uint32_t BlobFile::CoveredEnd() const {
   return committedIsSound ? header.endOffset : length;
 }
 
-void BlobFile::KeepLoaded() {
+void BlobFile::KeepLoaded(std::int32_t sequence) {
   try {
     RequireNotInDoubt();
-    if (!committedIsSound && loaded.count == 0) {
-      Reset();
-      return;
-    }
     FileHeader whole = header;
+    if (!committedIsSound) {
+      whole = FileHeader{};
+      whole.mode = mode;
+      whole.sequence = sequence;
+      whole.maxBlobSize = std::max(whole.maxBlobSize, loaded.largest);
+      cutOnClose = true;
+    }
     whole.recordCount = loaded.count;
     whole.endOffset = loaded.end;
     Rewrite(whole);

@@ -165,8 +165,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN std::uint32_t CoveredEnd() const;
 
   // Makes the header count exactly what the last Load found, so that the next transaction follows
-  // it. On failure the file is in doubt.
-  BLOBRING_HIDDEN void KeepLoaded();
+  // it. The sequence is for a header that cannot be believed, of which nothing is kept. On failure
+  // the file is in doubt.
+  BLOBRING_HIDDEN void KeepLoaded(std::int32_t sequence);
 
   // Flushes what an earlier opener may have left unflushed. On failure returns false and the file
   // is in doubt.
@@ -193,6 +194,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   struct Loaded {
     std::uint32_t count = 0;
     std::uint32_t end = format::kFileHeaderSize;
+    std::uint32_t largest = 0;  // blob, bytes
     bool lastIsTorn = false;
     bool wholeBehind = false;
   };

@@ -108,7 +108,8 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 // A pack that was cut to nothing, or whose header was lost, does not say that it was the newest.
 // Its journal may: it takes the pack's sequence with a commit in the session of the repack, and
 // keeps the mark of having been emptied by one otherwise. What such a journal holds rests on blobs
-// that are not there.
+// that are not there. A journal without a header that can be believed tells only that there was a
+// repack, and that only in a slot that begins with one.
 void BlobController::FindLostPack() {
   if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
   for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
@@ -116,8 +117,10 @@ void BlobController::FindLostPack() {
     const format::FileHeader& journal = journalFiles[slot]->header;
     const bool isNew = pack.header.sequence == 0 && pack.header.recordCount == 0;
     const bool isLost =
-        journal.recordCount != 0 &&
-        (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
+        journalFiles[slot]->IsDamaged()
+            ? isNew && slot != 0
+            : journal.recordCount != 0 &&
+                  (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
     if (!isLost && !pack.IsDamaged()) continue;
     damaged = true;
     if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
@@ -153,7 +156,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
           journal.path);
     // Whole transactions stay, in the index and on disk, and the next one follows them: over what
     // the damage left.
-    if (!readOnly && SetAside(journal)) journal.KeepLoaded();
+    if (!readOnly && SetAside(journal)) journal.KeepLoaded(seq);
   }
   Apply(entries, curJournal);
   progress.Stops(ProgressCall::kLoad, journal.header.endOffset, journal.header.endOffset);

@@ -1,6 +1,7 @@
 // The bytes on disk, written by hand here, and what a load makes of bytes that no store wrote.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <stdexcept>
 
 #include "tests/support/JournalBytes.h"
@@ -72,15 +73,21 @@ TEST(Format, ADamagedJournalKeepsItsWholeTransactionsAndNamesTheFault) {
       {two().Transaction(3, {head + Hex("ffffff7f") + "x"}).Bytes(), 2,
        " corruption, record runs past its transaction id=3"},
       {two().End(first).Bytes(), 2, ""},
+      {With(good, 0, std::string(24, 'A')), 2,
+       " corruption, header endOffset=1094795585 of a file"},
   };
   for (const auto& row : rows) {
     FreshMachine();
     SetFile("/s/0.jrn", row.bytes);
-    const OpenedStore store;
+    std::optional<OpenedStore> opened(std::in_place, 1);
+    const OpenedStore& store = *opened;
     const std::string trace = sim::Diagnostics().Text(), text = "BlobFile::Load" + row.text;
     EXPECT_EQ(trace.find(text) != std::string::npos, !row.text.empty()) << text << trace;
     EXPECT_EQ(store.All().size(), row.survivors) << text;
     EXPECT_TRUE(store.Has("first") && store.Commit(10, {"after"})) << text;
+    opened.reset();
+    const OpenedStore again(1, OpenedStore::Policy::Keep);
+    EXPECT_EQ(StatisticsOf(again.index).damaged, 0) << "put right, and said again: " << text;
   }
 }
 

@@ -201,8 +201,10 @@ void StoreView::FindLostPacks() {
     const format::FileHeader& journal = files_[pack + 1].head.header;
     const bool isNew = head.header.sequence == 0 && head.header.recordCount == 0;
     const bool isLost =
-        journal.recordCount != 0 &&
-        (journal.sequence > sequence_ || (isNew && journal.sequence == format::kSequenceReset));
+        files_[pack + 1].head.state == State::kDamaged
+            ? isNew && pack != 0
+            : journal.recordCount != 0 && (journal.sequence > sequence_ ||
+                                           (isNew && journal.sequence == format::kSequenceReset));
     const bool wasFound = isWalked(pack) && pack != current_.front();
     if (!wasFound && (isLost || head.state == State::kDamaged))
       findings_.push_back(files_[pack].path +
