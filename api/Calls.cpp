@@ -109,16 +109,33 @@ int BCSetProgress(int index, BCProgress* progress, void* context) {
   return 1;
 }
 
-int BCInitialize(const char16_t* path) {
-  Call call("BCInitialize");
-  if (!call.MayChangeRegistry() || !call.Has("path", path)) return -1;
-  return Initialize(FileSystem::ConvertString(path));
+namespace {
+
+// Narrows a path. False, after a message, if it is null or a unit's low byte would end it.
+bool Narrow(Call& call, const char* argument, const char16_t* given, std::string& path) {
+  if (!call.Has(argument, given)) return false;
+  path = FileSystem::ConvertString(given);
+  return path.find('\0') == path.npos ||
+         call.Refuse(FailureCode::Argument,
+                     std::string(argument) + " has a unit whose low byte is 0");
 }
 
-int BCAddPackDir(int index, const char16_t* dir) {
+}  // namespace
+
+int BCInitialize(const char16_t* given) {
+  Call call("BCInitialize");
+  std::string path;
+  if (!call.MayChangeRegistry() || !Narrow(call, "path", given, path)) return -1;
+  return Initialize(path);
+}
+
+int BCAddPackDir(int index, const char16_t* given) {
   Call call("BCAddPackDir", index);
-  if (!call.Has("dir", dir)) return 0;
-  AddPackDir(index, FileSystem::ConvertString(dir));
+  std::string dir;
+  if (!Narrow(call, "dir", given, dir)) return 0;
+  const auto require = [&] { return call.Store().RequireSlotsOpen(), 1; };
+  if (call.Catch({"BCAddPackDir: "}, 0, require) == 0) return 0;
+  AddPackDir(index, dir);
   return 1;
 }
 

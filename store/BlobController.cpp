@@ -50,6 +50,13 @@ bool BlobController::AddPackDir(std::string dir) {
   return true;
 }
 
+void BlobController::RequireSlotsOpen() const {
+  RequireOpener();
+  if (refusal == FailureCode::Closed) throw Failure(refusal, refusalReason);
+  if (loaded || firstSlotIsCurrent)
+    throw Failure(FailureCode::Refused, "the store is in use, its slots are fixed");
+}
+
 std::int32_t BlobController::GetBlobSize(Hash const& hash) {
   const auto found = blobs.Find(hash);
   return found == blobs.end() ? -1 : static_cast<std::int32_t>(found->second.size);

@@ -57,17 +57,23 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // them if they are missing. Throws what BlobFile::Init throws; nothing has been added then.
   bool AddPackDir(std::string dir);
 
+  // Throws a Failure if slots can no longer be added: the store is loaded or closed, has been
+  // changed before a load, or was opened by another process.
+  BLOBRING_HIDDEN void RequireSlotsOpen() const;
+
   // Rebuilds the index from the newest pack that reads cleanly and its slot's journal. Under
   // DamagePolicy::Erase, returns false and erases all files if there is no such pack or reading
   // fails. Under Keep, only what is damaged is lost, and a copy of what a file loses is kept;
   // without a usable pack, all files are moved aside and the store is empty; if reading fails,
   // returns false and leaves every file as it was. A store that is open for reading changes no file
-  // under either policy.
+  // under either policy. Refused, with every file as it was, in a closed store and in a process
+  // other than the opener's.
   bool Load();
   void SetDamagePolicy(DamagePolicy policy) { damagePolicy = policy; }
 
   // Records a change in the open transaction. Returns true also if there is nothing to do. On
-  // failure returns false; the transaction is as it was.
+  // failure returns false; the transaction is as it was. Before a load, changes go into slot 0's
+  // journal, and are refused unless a load would read them there.
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
@@ -196,7 +202,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   template <class Write>
   BLOBRING_HIDDEN bool StoreWith(BlobPair const& blob, Write write);
   BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const std::string& reason);
+  BLOBRING_HIDDEN void RequireOpener() const;
   BLOBRING_HIDDEN void RequireChangeable() const;
+  BLOBRING_HIDDEN void RequireFirstSlotCurrent();
   BLOBRING_HIDDEN bool InDoubt() const;
   BLOBRING_HIDDEN void RequireRepackable() const;
   BLOBRING_HIDDEN void RepackIntoNextSlot(BlobFilePtr& unfinished);
@@ -234,6 +242,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool enumerating = false;
   bool hasInvalid = false;  // during a load: the index may hold what the store does not
   bool loaded = false;
+  bool firstSlotIsCurrent = false;  // found before a change to a store that is not loaded
   bool damaged = false;
   bool readOnly = false;
   // Why no change is accepted; None: changes are.

@@ -12,11 +12,19 @@ bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b
 }
 
 bool BlobController::Load() {
+  try {
+    RequireOpener();
+    if (refusal == FailureCode::Closed) throw Failure(refusal, refusalReason);
+  } catch (const std::exception& e) {
+    trace::engine.CaughtErrorV(e, "BlobController::Load refused, every file is left as it is: %s",
+                               e.what());
+    return false;
+  }
   enumerating = false;
+  firstSlotIsCurrent = false;
   loaded = false;
   damaged = false;
-  if (refusal != FailureCode::Closed && refusal != FailureCode::ReadOnly)
-    refusal = FailureCode::None;
+  if (refusal != FailureCode::ReadOnly) refusal = FailureCode::None;
   try {
     LoadFiles();
   } catch (const std::exception& e) {

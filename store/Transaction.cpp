@@ -18,21 +18,41 @@ bool BlobController::InDoubt() const {
 }
 
 void BlobController::RefuseChanges(FailureCode code, const std::string& reason) {
-  if (refusal == FailureCode::ReadOnly) return;  // says more than what comes later
+  // Says more than what comes later, until the store is closed.
+  if (refusal == FailureCode::ReadOnly && code != FailureCode::Closed) return;
   refusal = code;
   refusalReason = reason;
+}
+
+void BlobController::RequireOpener() const {
+  if (GetCurrentProcessId() == openerProcess) return;
+  throw Failure(FailureCode::Refused,
+                "the store was opened by another process, which alone may change it");
 }
 
 void BlobController::RequireChangeable() const {
   if (refusal != FailureCode::None) throw Failure(refusal, refusalReason);
   if (!curJournal) throw Failure(FailureCode::Refused, "the store has no slot");
-  if (GetCurrentProcessId() != openerProcess)
-    throw Failure(FailureCode::Refused,
-                  "the store was opened by another process, which alone may change it");
+  RequireOpener();
   if (InDoubt())
     throw Failure(FailureCode::InDoubt,
                   "a flush has failed, no change is accepted until the store is disposed of and "
                   "opened again");
+}
+
+// A commit before a load is lost if the load then chooses another slot, or cuts it off with what
+// stands before it in the journal.
+void BlobController::RequireFirstSlotCurrent() {
+  if (loaded || firstSlotIsCurrent) return;
+  BlobFile& newest = **std::min_element(packFiles.begin(), packFiles.end(), sortBySequence);
+  const std::int32_t sequence = newest.header.sequence;
+  BlobFile::Entries entries;
+  firstSlotIsCurrent =
+      sequence >= 0 && static_cast<std::uint32_t>(sequence) % packFiles.size() == 0 &&
+      LoadPack(newest, entries) && curJournal->Load(entries) && curJournal->LoadedAll();
+  if (firstSlotIsCurrent) return;
+  throw Failure(FailureCode::Refused,
+                "the store is not loaded, and a load may not find what slot 0 takes");
 }
 
 bool BlobController::BlobExists(Hash const& hash) const {
@@ -51,6 +71,7 @@ bool BlobController::BlobExists(Hash const& hash) const {
 // transaction is then as before.
 template <class Write>
 bool BlobController::Change(Hash const& hash, Write write) {
+  RequireFirstSlotCurrent();
   if (pendingEntries.size() == pendingEntries.capacity())
     pendingEntries.reserve(std::max(kReservedEntries, 2 * pendingEntries.capacity()));
   bool isNew = false;

@@ -120,7 +120,8 @@ BLOBRING_API int BCSetProgress(int index, BCProgress* progress, void* context);
 /*
  * Registers a store whose journals lie in the directory `path`, made absolute
  * now. Touches no file. Returns its index, 0 or more, counting up; -1 for a null
- * path. Throws std::runtime_error when memory is short.
+ * path and for one with a unit whose low byte is 0, which would end it. Throws
+ * std::runtime_error when memory is short.
  */
 BLOBRING_API int BCInitialize(const char16_t* path);
 
@@ -128,9 +129,11 @@ BLOBRING_API int BCInitialize(const char16_t* path);
  * Adds a slot: the k-th call opens or creates the pack `dir`/k.pak and the
  * journal k.jrn in the store's directory, both exclusively.
  * REQUIRES: the same slots in the same order as every time before.
- * Returns 1; 0 for a null dir. Throws std::runtime_error when a file cannot be
- * opened, created or flushed, after half a second when another opener holds
- * it. The slot is then not added, and the call can be repeated.
+ * Returns 1; 0, with nothing opened, for a path that BCInitialize would refuse
+ * and for a store that is loaded, closed or has taken a change. Throws
+ * std::runtime_error when a file cannot be opened, created or flushed, after
+ * half a second when another opener holds it. The slot is then not added, and
+ * the call can be repeated.
  */
 BLOBRING_API int BCAddPackDir(int index, const char16_t* dir);
 
@@ -148,6 +151,10 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
 /*
  * Rebuilds the index of blobs from the newest pack that reads cleanly and the
  * journal of its slot. Abandons pending changes. Returns 1 loaded, 0 failed.
+ * A store that was shut down, or has closed itself after a failure, is not
+ * loaded again (BLOBRING_ERROR_CLOSED): dispose of it and open it. Before the
+ * load, changes go into slot 0's journal; they fail where the load would not
+ * read them there.
  *
  *   found                    BLOBRING_DAMAGE_ERASE      BLOBRING_DAMAGE_KEEP
  *   ----------------------   ------------------------   ---------------------------

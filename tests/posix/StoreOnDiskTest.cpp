@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "fs/FileSystem.h"
+#include "pack/BlobFile.h"
 
 namespace {
 
@@ -119,27 +120,28 @@ TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
 TEST_F(OnDisk, AFileEndsBelow2GiB) {
   constexpr std::uint32_t kEnd = 0x7FFFFFFFU - 64 * (40 + 32 + 16);
   constexpr std::uint32_t kStart = kEnd - (40 + 37 + 16);  // room for one blob of one byte
-  const std::u16string directory = Wide(root / "a");
-  const fs::path journal = root / "a/0.jrn";
+  const std::string journal = root / "a/0.jrn";
   { const Store fresh(root / "a", {.slots = 1}); }
   fs::resize_file(journal, kStart);
   std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
   file.seekp(20);
   for (unsigned shift = 0; shift < 32; shift += 8) file.put(static_cast<char>(kStart >> shift));
   file.close();
-  const int store = BCInitialize(directory.c_str());
-  EXPECT_EQ(BCRepack(store), BLOBRING_NOT_REPACKED) << "there is no slot";
-  BCAddPackDir(store, directory.c_str());
-  const long long id = 0;
-  unsigned char data[] = {'a', 'b'}, hash[BLOBRING_HASH_SIZE];
-  EXPECT_EQ(BCPut(store, data, 2, hash), 0) << "with the end record it would be too long";
-  EXPECT_EQ(BCPut(store, data, 1, hash), 1) << "without a load";
-  EXPECT_EQ(BCPut(store, data, 0, hash), 0);
-  EXPECT_EQ(BCEndTransaction(store, &id), 1) << "what was written is committed";
+  BlobFile store;
+  store.Init(journal, BlobFile::Journal, 0);
+  BlobFile::BlobFileEntry entry;
+  unsigned char data[] = {'a', 'b'};
+  BlobPair blob;
+  blob.buffer = {data, 2};
+  store.BeginTransaction(0);
+  EXPECT_THROW(store.Gather(entry, blob), Failure) << "with the end record it would be too long";
+  blob.buffer.size = 1;
+  store.Gather(entry, blob);
+  EXPECT_THROW(store.Gather(entry, blob), Failure);
+  EXPECT_TRUE(store.EndTransaction(0)) << "what was written is committed";
   EXPECT_EQ(fs::file_size(journal), kEnd);
-  BCMD5ChkSum(data, 1, hash);
-  EXPECT_EQ(BCDelete(store, hash) + BCEndTransaction(store, &id), 2);
-  BCDispose(store);
+  store.BeginTransaction(0);
+  EXPECT_TRUE(store.Delete(entry) && store.EndTransaction(0));
 }
 
 // A write past the process's limit would bring a signal (SIGXFSZ) that ends it.

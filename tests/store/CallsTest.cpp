@@ -39,6 +39,9 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   } rows[] = {
       {BCMD5ChkSum(data, 1, nullptr), 1, "BCMD5ChkSum: digest is null"},
       {BCInitialize(nullptr), -1, "BCInitialize: path is null"},
+      {BCInitialize(u"/s/\u4E00"), -1, "BCInitialize: path has a unit whose low byte is 0"},
+      {BCAddPackDir(i, u"/s/\u4E00x"), 0, "BCAddPackDir: dir has a unit whose low byte is 0"},
+      {BCAddPackDir(i, u"/s"), 0, "BCAddPackDir: the store is in use, its slots are fixed"},
       {BCOpen("/a", &small), -1, "BCOpen: options->size = "},
       {BCOpen("/a", &noCount), -1, "BCOpen: packDirs needs slotCount"},
       {BCSetDamagePolicy(i, 2), 0, "BCSetDamagePolicy: there is no policy = 2"},
@@ -60,6 +63,7 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   }
   EXPECT_EQ(size, 0);
   EXPECT_EQ(FileBytes("/s/0.jrn"), before);
+  EXPECT_EQ(sim::Files().disk.Lookup("/s/1.pak"), sim::kNoInode);
   Diagnostics().Clear();
   EXPECT_EQ(BCPutMany(i, blobs, 2), 1) << "what comes before the invalid one is stored";
   EXPECT_EQ(Diagnostics().Text(), "warning BCPutMany: data is null\n");
@@ -136,6 +140,10 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_TRUE(
       Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
   EXPECT_EQ(BCGetSize(store.index, hash.data()), -1) << "closed";
+  const std::string journal = FileBytes("/s/0.jrn");
+  EXPECT_EQ(BCLoad(store.index), 0);
+  EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_CLOSED);
+  EXPECT_EQ(FileBytes("/s/0.jrn"), journal);
 }
 
 TEST(Calls, EnumerationEndsWhenTheStoreChanges) {

@@ -110,6 +110,28 @@ TEST(Load, OnlyATornLastTransactionIsNoDamage) {
   }
 }
 
+// Before a load, slot 0's journal takes a change, and only if the load will find it there.
+TEST(Load, AChangeBeforeItIsFoundOrRefused) {
+  for (const auto& [repacks, torn, taken] :
+       {std::tuple(0, false, true), {0, true, false}, {1, false, false}, {2, false, true}}) {
+    SCOPED_TRACE(testing::Message() << repacks << torn);
+    FreshMachine();
+    {
+      const OpenedStore store(2);
+      ASSERT_TRUE(store.Commit(1, {"old"}));
+      for (int i = 0; i < repacks; ++i) ASSERT_EQ(BCRepack(store.index), 1);
+    }
+    const std::string journal = FileBytes("/s/0.jrn");
+    if (torn) SetFile("/s/0.jrn", With(journal, journal.size() - 17, "X"));
+    const OpenedStore store(2, Policy::NotLoaded);
+    EXPECT_EQ(store.Commit(2, {"early"}), taken);
+    EXPECT_NE(BCAddPackDir(store.index, u"/a"), taken) << "another slot may be the newest";
+    EXPECT_EQ(BCLoad(store.index), 1);
+    EXPECT_EQ(store.Has("early"), taken);
+    EXPECT_EQ(store.Has("old"), !torn);
+  }
+}
+
 int Fetched(int index, const std::string& blob) {
   std::string buffer = blob;  // what is not read must not pass for read
   int size = 0;

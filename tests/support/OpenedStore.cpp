@@ -73,7 +73,7 @@ OpenedStore::OpenedStore(int slots, Policy policy) {
     throw;
   }
   if (policy == Policy::Keep) BCSetDamagePolicy(index, BLOBRING_DAMAGE_KEEP);
-  loaded = BCLoad(index) == 1;
+  loaded = policy != Policy::NotLoaded && BCLoad(index) == 1;
 }
 
 OpenedStore::~OpenedStore() {

@@ -37,7 +37,7 @@ blobring::Error ErrorOf(const std::function<void()>& call);
 // A store in /s whose slot k has its pack in /s as well.
 class OpenedStore {
  public:
-  enum class Policy { Erase, Keep };
+  enum class Policy { Erase, Keep, NotLoaded };
 
   // Opens, adds the slots and loads.
   explicit OpenedStore(int slots = 1, Policy policy = Policy::Erase);
