@@ -42,10 +42,8 @@ void GatherBuffer::Truncate(std::uint32_t offset) {
   digested = std::min(digested, offset - start);
 }
 
-bool GatherBuffer::Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
-                         std::uint32_t mostRewritten) {
-  if (offset < start || (offset < WrittenEnd() && End() - offset > mostRewritten)) return false;
-  written = std::min(written, offset - start);
+bool GatherBuffer::Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size) {
+  if (offset < WrittenEnd()) return false;
   std::memcpy(bytes.data() + (offset - start), data, size);
   return true;
 }

@@ -36,10 +36,8 @@ class GatherBuffer {
   // Takes back all from offset on, which is not before Start().
   void Truncate(std::uint32_t offset);
 
-  // Overwrites bytes. If some of them have been written, everything from offset on must be written
-  // again; if that would be more than mostRewritten bytes, returns false and changes nothing.
-  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size,
-             std::uint32_t mostRewritten);
+  // Overwrites bytes. False, and nothing is changed, if some of them have been written.
+  bool Patch(std::uint32_t offset, const unsigned char* data, std::uint32_t size);
 
   // The bytes not yet written; Written marks them all as written.
   std::span<const unsigned char> Unwritten() const {

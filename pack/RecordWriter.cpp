@@ -13,9 +13,6 @@ namespace {
 constexpr std::uint32_t kCommitsBeforeBlank = 32;
 constexpr std::uint32_t kBlankAhead = 64 * 1024;
 constexpr std::uint32_t kLeastBlank = kBlankAhead / 2;  // less than this is refilled
-// A transaction up to this size is written again as a whole when its block is filled in: one call
-// instead of two.
-constexpr std::uint32_t kMostRewritten = 4096;
 
 }  // namespace
 
@@ -141,10 +138,9 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
   if (!gather.Fits(sizeof endRecord)) EmptyGathered();
   gather.Reserve(sizeof endRecord);
   gather.Append(endRecord, sizeof endRecord);
-  const bool blockGathered =
-      gather.Patch(blockOffset, blockBytes, sizeof blockBytes, kMostRewritten);
+  const bool blockWaits = gather.Patch(blockOffset, blockBytes, sizeof blockBytes);
   WriteOut();
-  if (!blockGathered) Write(blockOffset, blockBytes, sizeof blockBytes);
+  if (!blockWaits) Write(blockOffset, blockBytes, sizeof blockBytes);
 
   next = header;
   next.endOffset = gather.End();
