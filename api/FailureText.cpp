@@ -51,6 +51,5 @@ void trace::Note(const char* line) {
 }
 
 void trace::NoteCause(const std::exception& e) {
-  const auto* failure = dynamic_cast<const Failure*>(&e);
-  api::Target().SetCode(failure != nullptr ? failure->code : FailureCode::Refused);
+  api::Target().SetCode(CodeOf(e));
 }

@@ -130,6 +130,6 @@ bool BatchReader::Take(std::size_t i, BlobPair& pair) {
   const BlobFile::RecordBytes record{
       {Data(i) - format::kStoreHeadSize, slot.got}, slot.RecordSize(), slot.code};
   if (!slot.file->TakeBlob(pair, slot.offset, record, BlobPair::Patience::Rereads)) return false;
-  slot.file->RequireBlob(pair, slot.offset, slot.hash);
+  slot.file->RequireBlob(pair, slot.offset, slot.hash, slot.size);
   return true;
 }

@@ -350,10 +350,12 @@ bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& 
   return true;
 }
 
-void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted) const {
-  if (read.hash == wanted) return;
+void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
+                           std::uint32_t wantedSize) const {
+  if (read.hash == wanted && read.buffer.size == wantedSize) return;
   throw Failure(FailureCode::Damaged, "BlobFile::GetBlob() ", path, " at ", offset,
-                ": wanted hash ", wanted.toString(), ", got ", read.hash.toString());
+                ": wanted hash ", wanted.toString(), " size ", wantedSize, ", got ",
+                read.hash.toString(), " size ", read.buffer.size);
 }
 
 bool BlobFile::Load(Entries& out) {

@@ -55,7 +55,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     Hash hash;
     std::uint32_t size = 0;            // of the data; 0 for a delete that was loaded
     boost::shared_ptr<BlobFile> file;  // the controller's to set
-    bool valid = false;                // the controller's live mark
+    bool valid = false;                // the controller's mark
   };
   using Entries =
       std::vector<BlobFileEntry,
@@ -135,9 +135,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
                                 BlobPair::Patience patience);
 
-  // Throws if the record that was read is not that of the wanted blob.
-  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset,
-                                   const Hash& wanted) const;
+  // Throws if the record that was read is not that of the wanted blob, of wantedSize bytes.
+  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
+                                   std::uint32_t wantedSize) const;
 
   BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes,
                                        std::uint32_t size);

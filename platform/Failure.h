@@ -2,6 +2,7 @@
 #pragma once
 
 #include <exception>
+#include <new>
 #include <stdexcept>
 
 #include "platform/Text.h"
@@ -30,6 +31,13 @@ class Failure : public std::runtime_error {
       : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode) {}
   FailureCode code;
 };
+
+// The failure that an exception stands for.
+inline FailureCode CodeOf(const std::exception& e) {
+  if (const auto* failure = dynamic_cast<const Failure*>(&e)) return failure->code;
+  return dynamic_cast<const std::bad_alloc*>(&e) != nullptr ? FailureCode::Memory
+                                                            : FailureCode::Refused;
+}
 
 // The failure that a platform error code stands for.
 inline FailureCode FailureOf(DWORD systemCode) {

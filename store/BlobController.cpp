@@ -73,12 +73,13 @@ bool BlobController::GetBlob(BlobPair& blob) {
   if (given > entry.size) blob.buffer.size = entry.size;
   try {
     if (entry.file->GetBlob(blob, entry.offset)) {
-      entry.file->RequireBlob(blob, entry.offset, wanted);
+      entry.file->RequireBlob(blob, entry.offset, wanted, blob.buffer.size);
       return true;
     }
     trace::engine.WriteErrorV(
         "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s",
         entry.file->path, entry.offset, entry.size, wanted.toString());
+    found->second.valid = false;
     blob.buffer.size = given;
     return false;
   } catch (const std::exception& e) {

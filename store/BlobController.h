@@ -73,7 +73,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Records a change in the open transaction. Returns true also if there is nothing to do. On
   // failure returns false; the transaction is as it was. Before a load, changes go into slot 0's
-  // journal, and are refused unless a load would read them there.
+  // journal, and are refused unless a load would read them there. A blob that a read found damaged
+  // is stored again; bytes that do not match the hash fail then.
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
@@ -197,6 +198,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   BLOBRING_HIDDEN void ApplyPending() noexcept;
   BLOBRING_HIDDEN void ShrinkPending() noexcept;
+  BLOBRING_HIDDEN const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
   template <class Write>
@@ -230,6 +232,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   std::uint32_t repackSlot = 0;  // of the last repack
   std::string path;              // the store's directory
   std::int64_t transactionId = 0;
+
+  // An entry is valid until a read finds the blob damaged or in no current file. During a load the
+  // mark says that the files have the blob.
   BlobIndex blobs;
   BlobIndex::iterator hashCursor;    // meaningful while enumerating
   BlobFile::Entries pendingEntries;  // of the open transaction, in order

@@ -88,6 +88,7 @@ class BlobIndex {
   std::size_t size() const { return count; }
   bool empty() const { return count == 0; }
 
+  iterator Find(const Hash& hash) { return {this, *LinkTo(hash)}; }
   const_iterator Find(const Hash& hash) const { return {this, *LinkTo(hash)}; }
   // The first blob whose hash is greater.
   const_iterator After(const Hash& hash) const { return {this, NodeAfter(hash)}; }

@@ -16,18 +16,19 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
   }
   const auto found = blobs.Find(hash);
   if (found == blobs.end()) return Fetched::NotFound;
-  const BlobFile::BlobFileEntry& entry = found->second;
+  BlobFile::BlobFileEntry& entry = found->second;
   size = entry.size;
   if (capacity < size) return Fetched::TooSmall;
   BlobPair pair;
   pair.hash = hash;
   pair.buffer = {buffer, size};
   try {
-    if (entry.file->ReadBlob(pair, entry.offset, BlobPair::Patience::None)) {
-      entry.file->RequireBlob(pair, entry.offset, hash);
-      if (pair.buffer.size == size) return Fetched::Read;
-    }
-    throw Failure(FailureCode::Damaged, "the record is not the blob's");
+    entry.valid = false;
+    if (!entry.file->ReadBlob(pair, entry.offset, BlobPair::Patience::None))
+      throw Failure(FailureCode::Damaged, "the record is not the blob's");
+    entry.file->RequireBlob(pair, entry.offset, hash, size);
+    entry.valid = true;
+    return Fetched::Read;
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(
         e, "%s",

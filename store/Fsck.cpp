@@ -62,8 +62,10 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
       while (next != blobs.end() && batch.Add(next->first, next->second)) ++next;
       batch.Verify();
       for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
-        if (!CheckPlace(blob->first, blob->second)) sound = false;
-        if (!batch.IsSound(i) && !CheckBlob(batch, i, blob->second, position)) sound = false;
+        const bool isInPlace = CheckPlace(blob->first, blob->second);
+        const bool isSound = batch.IsSound(i) || CheckBlob(batch, i, blob->second, position);
+        blob->second.valid = isInPlace && isSound;
+        sound = sound && blob->second.valid;
       }
       stopped =
           call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) &&
@@ -98,7 +100,7 @@ bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
   BlobPair pair;
   const std::string file = PathOf(entry.file);
   try {
-    if (batch.Take(i, pair) && pair.buffer.size == entry.size) return true;
+    if (batch.Take(i, pair)) return true;
     trace::engine.WriteErrorV(
         "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s", file,
         entry.offset, entry.size, entry.hash.toString());

@@ -195,8 +195,7 @@ bool BlobController::SetAside(BlobFile& journal) {
     trace::NoteCause(e);
     const std::string reason = "what " + journal.path + " loses cannot be kept: " + e.what();
     trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", reason);
-    const auto* failure = dynamic_cast<const Failure*>(&e);
-    RefuseChanges(failure != nullptr ? failure->code : FailureCode::Io, reason);
+    RefuseChanges(CodeOf(e), reason);
     return false;
   }
 }

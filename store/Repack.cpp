@@ -212,8 +212,11 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
     }
     batch.Verify();
     for (std::size_t i = 0; i < batch.Count(); ++i) {
-      if (!batch.IsSound(i) && !TakeForCopy(batch, i, entries, first + i)) continue;
       BlobFile::BlobFileEntry& entry = entries[first + i];
+      if (!batch.IsSound(i) && !TakeForCopy(batch, i, entries, first + i)) {
+        blobs.Find(entry.hash)->second.valid = false;
+        continue;
+      }
       BlobPair pair;
       pair.hash = entry.hash;
       pair.buffer = {batch.Data(i), entry.size};
@@ -239,14 +242,16 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
 // where everything lay.
 bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
                                  const BlobFile::Entries& entries, std::size_t number) {
+  const BlobFile::BlobFileEntry& entry = entries[number];
   BlobPair pair;
   try {
     if (batch.Take(i, pair)) return true;
-  } catch (const std::exception&) {
+  } catch (const std::exception& e) {
     DumpEntries(entries, number);
-    throw;
+    throw Failure(CodeOf(e), "hash ", entry.hash.toString(), " file ", entry.file->path, " offset ",
+                  entry.offset, " cannot be copied: ", e.what(),
+                  ". Delete this blob, or check the store and put the blob again");
   }
-  const BlobFile::BlobFileEntry& entry = entries[number];
   trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d",
                            entry.hash.toString(), entry.size);
   return false;

@@ -55,15 +55,22 @@ void BlobController::RequireFirstSlotCurrent() {
                 "the store is not loaded, and a load may not find what slot 0 takes");
 }
 
-bool BlobController::BlobExists(Hash const& hash) const {
+// The record of a hash once the open transaction commits: the pending change, or what the index
+// has. Null without either.
+const BlobFile::BlobFileEntry* BlobController::Latest(Hash const& hash) const {
   const auto pending = pendingByHash.Find(hash);
   if (pending != pendingByHash.end()) {
     const std::int32_t op = pending->second.op;
-    if (op == format::kOpStore) return true;
-    if (op == format::kOpDelete) return false;
+    if (op == format::kOpStore || op == format::kOpDelete) return &pending->second;
     trace::engine.WriteWarnV("BlobController::Store() unsupported operation op=%d", op);
   }
-  return blobs.Find(hash) != blobs.end();
+  const auto found = blobs.Find(hash);
+  return found == blobs.end() ? nullptr : &found->second;
+}
+
+bool BlobController::BlobExists(Hash const& hash) const {
+  const BlobFile::BlobFileEntry* latest = Latest(hash);
+  return latest != nullptr && latest->op == format::kOpStore;
 }
 
 // Writes one change and notes it as pending; write fills in the entry. All memory is obtained
@@ -98,7 +105,12 @@ template <class Write>
 bool BlobController::StoreWith(BlobPair const& blob, Write write) {
   try {
     RequireChangeable();
-    if (BlobExists(blob.hash)) return true;
+    const BlobFile::BlobFileEntry* present = Latest(blob.hash);
+    if (present != nullptr && present->op == format::kOpStore) {
+      if (present->valid) return true;
+      // What cannot be read now may be readable later. Only the blob itself takes its place.
+      if (!blob.isValid()) throw Failure(FailureCode::Argument, "the data does not match the hash");
+    }
     return Change(blob.hash, [&](BlobFile::BlobFileEntry& entry) {
       write(entry);
       entry.file = curJournal;

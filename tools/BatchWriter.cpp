@@ -1,6 +1,7 @@
 #include "tools/BatchWriter.h"
 
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 #include "tools/Console.h"
@@ -51,11 +52,10 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
   if (!transaction_) transaction_.emplace(store_, TransactionId());
   try {
     const blobring::Hash hash = store_.put(data);
-    // The store finds committed blobs only.
-    const bool isNew = !SizeOf(store_, hash) && pending_.insert(hash).second;
+    const bool isNew = !Holds(hash, data, name) && pending_.insert(hash).second;
     if (isNew) pendingBytes_ += data.size();
     return {hash, isNew};
-  } catch (const blobring::Error& error) {
+  } catch (const std::runtime_error& error) {
     const std::string reason = Explain(error);  // before the commit has one of its own
     try {
       Commit();
@@ -64,6 +64,25 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
     }
     throw Fault("cannot store {}: {}", name, reason);
   }
+}
+
+// Whether the blob was committed before this transaction. The store takes back what it says of a
+// blob that it could not read, so that the second put writes it.
+bool BatchWriter::Holds(const blobring::Hash& hash, std::string_view data,
+                        const std::string& name) {
+  const std::optional<size_t> size = SizeOf(store_, hash);
+  if (!size) return false;
+  present_.resize(*size);
+  try {
+    store_.get(hash, present_);
+  } catch (const blobring::Error& error) {
+    Say("the store's copy of {} cannot be read and is replaced: {}", name, Explain(error));
+    store_.put(data);
+    return false;
+  }
+  if (*size != data.size() || (*size > 0 && std::memcmp(present_.data(), data.data(), *size) != 0))
+    throw Fault("the store has other contents with the same MD5 digest, {}", hash.text());
+  return true;
 }
 
 void BatchWriter::Commit() {

@@ -1,11 +1,13 @@
 // Many blobs in few transactions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "blobring/Store.h"
 
@@ -17,7 +19,7 @@ class BatchWriter {
  public:
   struct Added {
     blobring::Hash hash;
-    bool isNew;  // the store did not have it
+    bool isNew;  // the store did not have it, or only a damaged copy
   };
 
   // kRepack: what is in the journal moves to a pack before the journal is full.
@@ -27,8 +29,9 @@ class BatchWriter {
   BatchWriter(blobring::Store& store, std::string& committedLines,
               WhenFull whenFull = WhenFull::kFail);
 
-  // Stores a blob, after a commit when enough has come together. Messages call it `name`. Throws
-  // Fault, after an attempt to commit what was added before.
+  // Stores a blob, after a commit when enough has come together. Messages call it `name`. One that
+  // the store has is read and compared, and written again if it cannot be read. Throws Fault, after
+  // an attempt to commit what was added before; also if the store has another blob of this hash.
   Added Add(std::string_view data, const std::string& name);
 
   // A line about the blob added last.
@@ -47,6 +50,7 @@ class BatchWriter {
 
  private:
   void MakeRoom(uint64_t blobSize);
+  bool Holds(const blobring::Hash& hash, std::string_view data, const std::string& name);
 
   blobring::Store& store_;
   std::string& committedLines_;
@@ -58,6 +62,7 @@ class BatchWriter {
   WhenFull whenFull_;
   uint64_t journalBytes_ = 0;  // at least what is in the journal, if whenFull_ is kRepack
   std::string pendingLines_;
+  std::vector<std::byte> present_;  // a blob that the store has
 };
 
 // For blobring::Transaction: a repack orders blobs by it, and the time does.

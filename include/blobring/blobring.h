@@ -213,7 +213,8 @@ BLOBRING_API int BCAbandonTransaction(int index);
 
 /*
  * Stores `size` bytes at `data` under `hash` (16 bytes). A blob that is present
- * is not written again. The record is in the journal when the call returns.
+ * is not written again, unless a BCFetch or BCCheck since the load has found it
+ * damaged. The record is in the journal when the call returns.
  * REQUIRES: hash is the MD5 digest of the data. It is checked at every read.
  * Returns 1 stored or present. On failure returns 0; the transaction is as it
  * was before the call and can be committed.
@@ -245,7 +246,7 @@ typedef struct BCBlob {
 BLOBRING_API int BCPutMany(int index, BCBlob* blobs, int count);
 
 /*
- * Deletes a blob. The record is in the journal when the call returns. Returns 1
+ * Deletes a blob, damaged or not. The record is in the journal when the call returns. Returns 1
  * deleted or not present. On failure returns 0, as BCStore.
  */
 BLOBRING_API int BCDelete(int index, unsigned char* hash);
@@ -264,7 +265,9 @@ BLOBRING_API int BCDeleteInt(int index, unsigned char* hash);
  *     number that is negative or the highest;
  *   - the store as it was when the progress callback stopped it. With two or
  *     more slots, the generation before the current one is gone then;
- *   - the store closed when it failed. Its files hold what they held before.
+ *   - the store closed when it failed. Its files hold what they held before. A
+ *     damaged blob makes every repack fail until it is deleted, or stored again
+ *     after a check; the text names it.
  * BCGetStatistics tells whether the store is still loaded.
  */
 BLOBRING_API int BCRepack(int index);

@@ -159,7 +159,7 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   } rows[] = {{0, 36, "X", "BlobPair Read failed"},
               {5, 0, "\1", "the record is not the blob's"},
               {8, 32, "\377", "BlobPair::Read : too large size"},
-              {9, 32, "\1", "the record is not the blob's"},
+              {9, 32, "\1", "BlobFile::GetBlob() /s/0.jrn at "},
               {11, 0, StoreRecord(7, "xxxx11"), "BlobFile::GetBlob() /s/0.jrn at "},
               {299, 36, "X", "BlobPair Read failed"}};
   sim::Disk& disk = sim::Files().disk;
@@ -183,8 +183,37 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
                   .find("file /s/0.jrn offset " + offset + " size " + size + ": " + row.reason),
               std::string::npos)
         << LastErrorOf(store.index);
+    EXPECT_TRUE(store.Commit(8, {blobs[row.blob]}));
+    EXPECT_EQ(Fetched(store.index, blobs[row.blob]), BLOBRING_FETCHED) << "stored again";
   }
-  EXPECT_EQ(Fetched(store.index, blobs[1]), BLOBRING_FETCHED) << "the store stays open";
+  const std::uint64_t length = StatisticsOf(store.index).journalBytes;
+  EXPECT_TRUE(store.Commit(9, blobs) && BCFsck(store.index) == 1);
+  EXPECT_EQ(StatisticsOf(store.index).journalBytes, length) << "the rest is present";
+}
+
+// It fails at every repack, until a check has found it and it is stored again, or it is deleted.
+TEST(Repack, NamesABlobOfAWrongHashWhichCanBeHealed) {
+  for (const bool heals : {true, false}) {
+    FreshMachine();
+    HashBytes hash = HashOf("right");
+    const auto storeAs = [&](const OpenedStore& store, std::string data) {
+      return BCStore(store.index, hash.data(), reinterpret_cast<unsigned char*>(data.data()),
+                     static_cast<int>(data.size()));
+    };
+    {
+      const OpenedStore store(2);
+      EXPECT_TRUE(storeAs(store, "wrong") == 1 && store.End(1) && storeAs(store, "right") == 1);
+      EXPECT_EQ(BCRepack(store.index), 0);
+      EXPECT_NE(LastErrorOf(store.index).find("hash " + TextOf(hash) + " file /s/0.jrn offset 64"),
+                std::string::npos);
+    }
+    const OpenedStore store(2);
+    EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_FAULTY);
+    EXPECT_EQ(storeAs(store, "still"), 0) << "only the blob itself replaces it";
+    EXPECT_TRUE((heals ? store.Store("right") : store.Delete("right")) && store.End(2));
+    EXPECT_EQ(BCRepack(store.index), 1);
+    EXPECT_EQ(store.Has("right"), heals);
+  }
 }
 
 // After the load, the first record changes.
@@ -197,7 +226,8 @@ TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
   } rows[] = {{2, 0, "\1", nullptr},
               {1, 0, "\1", nullptr},
               {2, 36, "X", "BlobPair Read failed"},
-              {2, 16, "X", "BlobPair Read failed"}};
+              {2, 16, "X", "BlobPair Read failed"},
+              {2, 32, "\3", "BlobFile::GetBlob() /s/0.jrn at 64"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.bytes);
     FreshMachine();

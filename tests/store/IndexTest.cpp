@@ -42,7 +42,7 @@ TEST(Index, AnswersAsAMapWhateverTheKeys) {
         index.Erase(Hash(victim->first));
         model.erase(victim);
       }
-      const auto found = index.Find(sought), after = index.After(sought);
+      const auto found = std::as_const(index).Find(sought), after = index.After(sought);
       const auto known = model.find(sought), next = model.upper_bound(sought);
       ASSERT_TRUE(known == model.end()
                       ? found == index.end()
