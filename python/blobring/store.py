@@ -3,11 +3,15 @@
 from __future__ import annotations
 
 import ctypes
+import inspect
 import os
+import sys
 import threading
+import traceback
 import warnings
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from contextlib import ExitStack, contextmanager
+from types import FrameType
 from typing import NamedTuple
 
 from blobring import _library, errors
@@ -42,6 +46,29 @@ def _alone() -> Iterator[None]:
 def _dispose(index: int) -> None:
     calls.BCDispose(index)
     _locks.pop(index, None)
+
+
+# A function of these kinds can stop in the middle of a with block while its thread runs other code.
+_SUSPENDABLE = inspect.CO_GENERATOR | inspect.CO_COROUTINE | inspect.CO_ASYNC_GENERATOR
+
+
+def _stack() -> list[FrameType]:
+    """Returns the frames of this thread, innermost first, beginning with the caller's caller."""
+    return [frame for frame, _ in traceback.walk_stack(sys._getframe(2))]
+
+
+def _owner() -> FrameType:
+    """Returns a frame that is on the stack if and only if the with block being entered is running.
+
+    That is the innermost generator or coroutine. Those that contextlib runs to enter the block do
+    not count. Without any, nothing can suspend the block, and the outermost frame will do.
+    """
+    stack = _stack()
+    for frame, caller in zip(stack, stack[1:]):
+        modules = (frame.f_globals.get("__name__"), caller.f_globals.get("__name__"))
+        if frame.f_code.co_flags & _SUSPENDABLE and "contextlib" not in modules:
+            return frame
+    return stack[-1]
 
 
 class Statistics(NamedTuple):
@@ -82,6 +109,7 @@ class Store(Mapping[Hash, bytes]):
 
     Threads: any thread may use a store. Calls on one store wait for each other; opening and closing
     wait for the calls on all stores. Changes wait for another thread's transaction, reads do not.
+    Tasks of one event loop cannot wait for each other like that: see transaction().
     A progress callback or a signal handler must not use a store.
     Processes: one process at a time has a store open. In a child of fork it can be read and closed;
     every change raises RefusedError.
@@ -102,10 +130,12 @@ class Store(Mapping[Hash, bytes]):
     ) -> None:
         """Opens the store in an existing directory, or creates its files there.
 
-        slots: 0 for those that the store has. A new store gets two, or one for each of the
-            pack_directories. Both must agree with an existing store.
-        erase_damaged: erase a store that cannot be read, and start empty. By default, what
-            cannot be read is renamed, and Statistics.damaged is set.
+        slots: how many the store has, the same at each opening. By default one for each of the
+            pack_directories; without them those of its blobring.conf, or else two.
+        pack_directories: where the packs are, in the order of their slots, at each opening.
+        erase_damaged: erase a store that cannot be read. This opening raises an Error, and the
+            next one starts empty. By default, what cannot be read is renamed, and
+            Statistics.damaged is set.
         must_exist: raise NoStoreError instead of creating a store.
         read_only: never write. Implies must_exist; every change raises ReadOnlyError.
         progress: called with the bytes done and the bytes in all, of the pack and then of the
@@ -129,8 +159,9 @@ class Store(Mapping[Hash, bytes]):
             readOnly=read_only,
         )
         self._lock = threading.RLock()
-        self._changing = threading.RLock()
-        self._in_transaction = False
+        self._changing = threading.Lock()  # held by a transaction and by a repack
+        self._changer: int | None = None  # the thread that holds it
+        self._owner: FrameType | None = None  # whose changes belong to the transaction
         try:
             with _alone(), _library.Watch(progress) as watch:
                 if progress is not None:
@@ -256,19 +287,21 @@ class Store(Mapping[Hash, bytes]):
         Once the block has ended, its changes survive a power cut; a power cut before that leaves
         all of them or none. Reads see the committed blobs alone, in the block too. When the
         commit itself fails, the changes are abandoned, and after InDoubtError they may be
-        committed or not. Raises RefusedError inside another transaction of this thread. Enter and
-        leave the block on the same thread.
+        committed or not.
+
+        The transaction has the changes that its block makes, and what the block calls. Meanwhile
+        other changes in the same thread raise RefusedError, since waiting would block the thread:
+        those of another task of the event loop, and those made while a generator is suspended that
+        has yielded in the block. So do repack() and another transaction() in the block.
         """
         if not -(2**63) <= id < 2**63:
             raise errors.ArgumentError(f"transaction: {id} has more than 64 bits")
         number = ctypes.c_longlong(id)
-        with self._changing:
-            if self._in_transaction:
-                raise errors.RefusedError("transaction: one is open already")
+        with self._turn():
             with self._use() as index:
                 if calls.BCStartTransaction(index, number) != 1:
                     raise failure("transaction", index)
-            self._in_transaction = True
+            self._owner = _owner()
             try:
                 yield self
                 with self._use() as index:
@@ -279,8 +312,6 @@ class Store(Mapping[Hash, bytes]):
                     if self._index is not None:
                         calls.BCAbandonTransaction(self._index)
                 raise
-            finally:
-                self._in_transaction = False
 
     def put(self, data: Buffer) -> Hash:
         """Stores a blob and returns its hash. One that is present is not written again.
@@ -314,14 +345,13 @@ class Store(Mapping[Hash, bytes]):
         """Deletes a committed blob. Raises KeyError when it is absent."""
         with self._change(), self._use() as index:
             self._size(index, key)
-            self.discard(key)
+            self._delete(index, key)
 
     def discard(self, key: bytes) -> None:
         """Deletes a blob if it is present, pending changes included."""
         key = Hash(key)
         with self._change(), self._use() as index:
-            if calls.BCDelete(index, key) != 1:
-                raise failure(f"delete {key}", index)
+            self._delete(index, key)
 
     # ---- Maintaining ----
 
@@ -346,7 +376,7 @@ class Store(Mapping[Hash, bytes]):
         the store is as it was, or the library has closed it; Statistics.loaded tells. It is closed
         only when the repack failed, and its files hold what they held before.
         """
-        with self._changing, self._use() as index:
+        with self._turn(), self._use() as index:
             if self._watched(index, progress, calls.BCRepack) != 1:
                 raise failure("repack", index)
 
@@ -362,20 +392,40 @@ class Store(Mapping[Hash, bytes]):
             yield self._index
 
     @contextmanager
-    def _change(self) -> Iterator[None]:
-        """The open transaction of this thread, or one of its own."""
+    def _turn(self) -> Iterator[None]:
+        """Waits until no other thread has a transaction or repack; refuses if this one has."""
+        with self._use():
+            if self._changer == threading.get_ident():
+                raise errors.RefusedError(
+                    "a transaction is open in this thread; it takes the changes of its block alone"
+                )
         with self._changing:
-            if self._in_transaction:
+            self._changer = threading.get_ident()
+            try:
                 yield
-            else:
-                with self.transaction():
-                    yield
+            finally:
+                self._changer = self._owner = None
+
+    @contextmanager
+    def _change(self) -> Iterator[None]:
+        """The transaction whose block is running, or else one that nothing else can join."""
+        if self._changer == threading.get_ident() and self._owner in _stack():
+            yield
+        else:
+            with self.transaction():
+                self._owner = None
+                yield
 
     def _put(self, batch: list[Buffer]) -> list[Hash]:
         with _library.blobs_at(batch) as blobs, self._use() as index:
             if calls.BCPutMany(index, blobs, len(blobs)) != len(blobs):
                 raise failure("put", index)
             return [Hash(blob.hash) for blob in blobs]
+
+    @staticmethod
+    def _delete(index: int, key: bytes) -> None:
+        if calls.BCDelete(index, key) != 1:
+            raise failure(f"delete {key.hex()}", index)
 
     @staticmethod
     def _size(index: int, key: bytes) -> int:
