@@ -45,8 +45,8 @@ class ClosedError(Error):
     code = 5
 
 
-class NoStoreError(Error):
-    """There is no store in the directory."""
+class NoStoreError(Error, FileNotFoundError):
+    """There is no store in the directory, or no such directory."""
 
     code = 6
 
@@ -57,7 +57,7 @@ class ArgumentError(Error, ValueError):
     code = 7
 
 
-class SystemCallError(Error):
+class SystemCallError(Error, OSError):
     """The operating system refused a call."""
 
     code = 8
