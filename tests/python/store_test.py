@@ -1,243 +1,241 @@
-"""The package blobring on real stores, judged by hashlib, a dict and the files themselves."""
+"""The package blobring on real stores: a life against a dict, and what a dict does not have."""
 
 import array
+import asyncio
+import concurrent.futures
 import contextlib
-import gc
 import hashlib
 import mmap
 import os
 import pathlib
+import random
 import re
 import resource
 import signal
+import subprocess
+import sys
 import tempfile
-import threading
-import time
 import unittest
 
 import blobring
 from blobring import Hash, Store
 
 HEADER = pathlib.Path(__file__).parents[2] / "include/blobring/blobring.h"
+SEED = int(os.environ.get("SEED", 1))
 ABSENT = Hash(bytes(16))
-
-
-def md5(data):
-    return hashlib.md5(data).digest()
 
 
 class StoreTest(unittest.TestCase):
     def setUp(self):
-        directory = tempfile.TemporaryDirectory()
-        self.addCleanup(directory.cleanup)
-        self.path = pathlib.Path(directory.name)
+        self.path = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def store(self, **options):
-        store = Store(self.path, **options)
-        self.addCleanup(store.close)
-        return store
+        return self.enterContext(Store(self.path, **options))
 
-    def test_gives_back_every_kind_of_buffer_through_a_life(self):
-        page = mmap.mmap(-1, 4096)
-        inputs = [b"", b"hello", bytearray(b"grows"), memoryview(b"a slice")[2:], page,
-                  array.array("I", [1, 2, 3]), bytes(5_000_000)] + [b"%d" % i for i in range(600)]
-        model = {md5(data): bytes(data) for data in inputs}
-        with self.store() as store:
-            self.assertEqual([store.put(data) for data in inputs[:4]], list(map(md5, inputs[:4])))
-            self.assertEqual(store.put_many(iter(inputs)), list(map(md5, inputs)))
-            for key in list(model)[3:9]:
-                del store[key], model[key]
-            store.discard(ABSENT)
-            before = store.statistics()
-            seen = []
-            store.repack(lambda *step: seen.append(step))
-            self.assertEqual(seen[-1], (len(model), len(model)))
-            after = store.statistics()
-            self.assertEqual((after.sequence, after.slot_count), (before.sequence + 1, 2))
-            self.assertEqual((after.pack_bytes, after.live_bytes),
-                             (before.repacked_bytes, sum(map(len, model.values()))))
-        with self.store(must_exist=True, read_only=True) as store:
-            store.check()
-            self.assertEqual(list(store), sorted(model))
-            self.assertEqual((dict(store), len(store)), (model, len(model)))
-            self.assertEqual({key: store.size(key) for key in store},
-                             {key: len(data) for key, data in model.items()})
-            self.assertTrue(store.statistics().read_only)
-
-    def test_a_hash_is_its_bytes_with_a_text(self):
-        key = Hash.of(b"hello")
-        self.assertEqual(str(key), "5d41402abc4b2a76b9719d911017c592")
-        self.assertEqual({key: 1}[Hash.fromhex(str(key).upper())], 1)
-        self.assertEqual(eval(repr(key)), md5(b"hello"))
-        for wrong, error in (("5d41402abc4b2a76b9719d911017c592", TypeError), (16, TypeError),
-                             (bytes(15), ValueError)):
+    def raises(self, error, *uses):
+        for use in uses:
             with self.assertRaises(error):
-                Hash(wrong)
+                use()
 
-    def test_raises_the_error_of_each_failure_and_stays_usable(self):
+    def test_lives_as_a_dict(self):
+        print(f"SEED={SEED}")
+        rng = random.Random(SEED)
+        packs = [tempfile.mkdtemp(dir=self.path) for _ in range(2)]
+        store = self.store(pack_directories=packs)
+        model, repacks, seen = {store.put(b"first"): b"first"}, 0, []
+
+        def change(now):
+            """One change. `now` becomes what the store will hold once it is committed."""
+            many = rng.choices((b"", b"again", rng.randbytes(9), rng.randbytes(5000)), k=5)
+            grows, key = bytearray(many[0]), rng.choice([ABSENT, *sorted(model)[1:]])
+            kind = rng.randrange(4)
+            if kind == 0:
+                data = rng.choice((many[0], grows, memoryview(b"no" + grows)[2:],
+                                   array.array("H", many[0] * 2), mmap.mmap(-1, 4096)))
+                self.assertEqual(store.put(data), Hash.of(data))
+                now[Hash.of(data)] = bytes(data)
+                grows.append(0)  # the buffer is free again
+            elif kind == 1:
+                self.assertEqual(store.put_many(iter(many)), list(map(Hash.of, many)))
+                now.update(zip(map(Hash.of, many), many))
+            else:
+                (store.__delitem__ if kind == 2 and key in model else store.discard)(key)
+                now.pop(key, None)
+
+        for kind in rng.choices(range(8), k=150):
+            if kind < 4:
+                change(model)
+            elif kind < 6:
+                now, commits = dict(model), rng.randrange(2)
+                with contextlib.suppress(ZeroDivisionError):
+                    with store.transaction(rng.choice((-(2**63), 0, 2**63 - 1))):
+                        for _ in range(rng.randrange(5)):
+                            change(now)
+                            self.assertEqual(list(store), sorted(model))
+                        1 / commits
+                    model = now
+            elif kind == 6:
+                repacks, expected = repacks + 1, store.statistics().repacked_bytes
+                store.repack(lambda *step: seen.append(step))
+                self.assertEqual(seen[-1], (len(model), len(model)))
+                self.assertEqual(store.statistics().pack_bytes, expected)
+            else:
+                store.close()
+                self.raises(blobring.ClosedError, store.check, store.repack, store.statistics,
+                            lambda: store[ABSENT], lambda: ABSENT in store, lambda: len(store),
+                            lambda: list(store), lambda: store.put(b""))
+                with self.store(pack_directories=packs, read_only=True) as store:
+                    store.check()
+                    self.raises(blobring.ReadOnlyError, lambda: store.put(b""), store.repack)
+                    self.assertTrue(store.statistics().read_only)
+                    self.assertEqual((dict(store), len(store)), (model, len(model)))
+                store = self.store(pack_directories=packs, must_exist=True,
+                                   progress=lambda *step: seen.append(step))
+                self.assertEqual(seen[-1], (store.statistics().journal_bytes,) * 2)
+            sizes = {key: len(model[key]) for key in sorted(model)}
+            self.assertEqual({key: store.size(key) for key in store}, sizes)
+            found = store.statistics()
+            self.assertEqual((found.blob_count, found.live_bytes, found.sequence, found.slot_count),
+                             (len(sizes), sum(sizes.values()), repacks, 2))
+            self.assertFalse(found.pending_changes or found.damaged or found.read_only)
+        self.assertGreater(min(repacks, len(model)), 9)
+        self.assertEqual([os.listdir(pack) for pack in packs], [["0.pak"], ["1.pak"]])
+
+    def test_raises_the_error_of_each_failure_and_stays_as_it_was(self):
         store = self.store()
         key = store.put(b"kept")
-        empty = tempfile.mkdtemp(dir=self.path)
+        self.assertEqual(str(key), hashlib.md5(b"kept").hexdigest())
+        self.assertEqual(eval(repr(Hash.fromhex(str(key).upper()))), Hash.of(b"kept"))
+        new = tempfile.mkdtemp(dir=self.path)
+        huge = mmap.mmap(-1, 2**32 + 4, mmap.MAP_PRIVATE, mmap.PROT_READ)
+        signal.signal(signal.SIGINT, signal.default_int_handler)  # background jobs ignore it
 
-        def sparse(size):
-            with open(self.path / "sparse", "wb+") as file:
-                file.truncate(size)
-                return mmap.mmap(file.fileno(), 0, access=mmap.ACCESS_READ)
+        def interrupt(*_):
+            signal.raise_signal(signal.SIGINT)
 
         def full():
             limits = resource.getrlimit(resource.RLIMIT_FSIZE)
+            self.addCleanup(resource.setrlimit, resource.RLIMIT_FSIZE, limits)
             resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, limits[1]))
-            try:
-                store.put(os.urandom(200_000))
-            finally:
-                resource.setrlimit(resource.RLIMIT_FSIZE, limits)
+            store.put(bytes(200_000))
 
         for error, code, misuse in (
             (blobring.HeldError, 1, lambda: Store(self.path)),
-            (blobring.FullError, 2, full),
-            (blobring.NoStoreError, 6, lambda: Store(empty, must_exist=True)),
-            (blobring.ArgumentError, 7, lambda: Store(empty, slots=2**32 + 2)),
-            (blobring.ArgumentError, 7, lambda: Store(empty, slots=1, pack_directories=["a", "b"])),
+            (FileNotFoundError, 6, lambda: Store(new, must_exist=True)),
+            (blobring.ArgumentError, 7, lambda: Store(new, slots=2**32 + 2)),
+            (blobring.ArgumentError, 7, lambda: Store(new, slots=1, pack_directories=["a", "b"])),
             (blobring.ArgumentError, 7, lambda: store.transaction(2**63).__enter__()),
-            (blobring.ArgumentError, 7, lambda: store.put(sparse(2**32 + 4))),
-            (blobring.SystemCallError, 8, lambda: Store(self.path / "missing")),
+            (blobring.ArgumentError, 7, lambda: store.put(huge)),
+            (OSError, 8, lambda: Store(self.path / ("x" * 300))),
             (blobring.RefusedError, 11, lambda: store.check(lambda *_: store[key])),
             (blobring.RefusedError, 11, lambda: store.repack(lambda *_: store.close())),
+            (ZeroDivisionError, None, lambda: Store(new, progress=lambda *_: 1 / 0)),
+            (ZeroDivisionError, None, lambda: Store(new, progress=lambda *_: 1 / 0)),  # not held
+            (ZeroDivisionError, None, lambda: store.check(lambda *_: 1 / 0)),
+            (KeyboardInterrupt, None, lambda: store.repack(interrupt)),
+            (KeyboardInterrupt, None, interrupt),  # the handler is back
             (ValueError, None, lambda: Store(f"{self.path}\0x")),
             (KeyError, None, lambda: store[ABSENT]),
             (KeyError, None, lambda: store.__delitem__(ABSENT)),
             (ValueError, None, lambda: store[b"too short"]),
+            (ValueError, None, lambda: store.discard(b"too short")),
             (TypeError, None, lambda: store[str(key)]),
-            (TypeError, None, lambda: store.put("text")),
+            (TypeError, None, lambda: store[bytearray(key)]),
+            (TypeError, None, lambda: store.put_many([b"not stored", "text"])),
             (BufferError, None, lambda: store.put(memoryview(b"abcd")[::2])),
+            (blobring.FullError, 2, full),
         ):
             with self.subTest(error=error), self.assertRaises(error) as raised:
                 misuse()
             self.assertEqual(getattr(raised.exception, "code", None), code)
-            self.assertEqual(dict(store), {key: b"kept"})
+            self.assertEqual((dict(store), store.statistics().sequence), ({key: b"kept"}, 0))
+        codes = re.findall(r"define BLOBRING_ERROR_\w+ +([1-9]\d*)", HEADER.read_text())
+        self.assertEqual({str(kind.code) for kind in blobring.Error.__subclasses__()}, set(codes))
 
-        codes = re.findall(r"define BLOBRING_ERROR_(\w+) +(\d+)", HEADER.read_text())
-        classes = {error.code for error in blobring.Error.__subclasses__()}
-        self.assertEqual(classes, {int(code) for _, code in codes} - {0})
+    def test_a_transaction_has_the_changes_of_its_block_alone(self):
+        store = self.store()
+        kept = store.put(b"kept")
+
+        def stray():
+            self.raises(blobring.RefusedError, lambda: store.put(b"stray"), store.repack,
+                        lambda: store.discard(kept), lambda: store.__delitem__(kept),
+                        lambda: store.transaction().__enter__())
+
+        def block(last=b"last"):
+            with store.transaction():
+                store.put(b"first")
+                yield
+                store.put(last)
+
+        async def task():
+            with contextlib.contextmanager(block)():
+                await asyncio.sleep(0)
+                store.put(b"task")
+
+        async def tasks():
+            other = asyncio.create_task(task())
+            await asyncio.sleep(0)
+            stray()
+            await other
+
+        self.raises(TypeError, lambda: [stray() for _ in block(None)])
+        self.raises(TypeError, lambda: store.put_many(stray() for _ in range(1)))
+        next(block())  # abandoned with its generator
+        with store.transaction():
+            del store[kept]
+        asyncio.run(tasks())
+        self.assertEqual(set(store.values()), {b"first", b"task", b"last"})
+        for count, size in ((600, 1), (7, 2_000_000)):  # in steps of 256 blobs or 4 MiB
+            blobs = (b"%*d" % (size, store.statistics().pending_changes) for _ in range(count))
+            self.assertEqual(len(set(store.put_many(blobs))), 3)
+        with self.assertRaises(blobring.ClosedError), store.transaction():
+            store.close()
 
     def test_damage_never_looks_like_an_absent_blob(self):
-        store = self.store()
+        store = self.store(slots=1)
         damaged, sound = store.put_many([b"damage me", b"sound"])
         journal = self.path / "0.jrn"
         journal.write_bytes(journal.read_bytes().replace(b"damage me", b"damaged!!"))
-        for read in (lambda: store[damaged], store.check, lambda: store.get(damaged)):
-            with self.assertRaises(blobring.DamagedError), self.assertLogs("blobring"):
-                read()
+        with self.assertLogs("blobring", "ERROR"):
+            self.raises(blobring.DamagedError, lambda: store.get(damaged), store.check)
         self.assertEqual(store[sound], b"sound")
-        with self.assertRaises(blobring.DamagedError):
-            store.repack()  # the library closes the store
+        self.raises(blobring.DamagedError, store.repack)  # the library closes the store
         self.assertFalse(store.statistics().loaded)
-        with self.assertRaises(blobring.ClosedError):
-            len(store)
-
-    def test_an_exception_abandons_the_transaction_alone(self):
-        store = self.store()
-        kept = store.put(b"kept")
-        with self.assertRaises(ZeroDivisionError):
-            with store.transaction(7):
-                store.put_many([b"lost", b"lost too"])
-                del store[kept]
-                1 / 0
-        self.assertEqual(store.statistics().pending_changes, 0)
-        with store.transaction(-1):
-            store.put(b"first")
-            with self.assertRaises(blobring.RefusedError):
-                store.transaction().__enter__()
-            with self.assertRaises(TypeError):
-                store.put_many([b"second", None])
-            self.assertEqual(list(store), [kept])
+        self.raises(blobring.ClosedError, lambda: len(store), lambda: sound in store)
         store.close()
-        self.assertEqual(set(self.store().values()), {b"kept", b"first"})
-
-    def test_a_closed_store_says_so(self):
-        store = self.store()
-        key = store.put(b"data")
-        hashes = iter(store)
-        transaction = store.transaction()
-        transaction.__enter__()
-        store.put(b"lost")
-        store.close()
-        store.close()
-        for use in (lambda: store[key], lambda: key in store, lambda: len(store), store.check,
-                    lambda: next(hashes), lambda: store.put(b""), store.repack, store.statistics,
-                    lambda: store.discard(key), lambda: transaction.__exit__(None, None, None)):
-            with self.assertRaises(blobring.ClosedError):
-                use()
-        forgotten = self.store()
-        self._cleanups.pop()
-        self.assertEqual(list(forgotten), [key])
         with self.assertWarns(ResourceWarning):
-            del forgotten
-            gc.collect()
-        self.assertIn(key, self.store())
+            self.assertEqual(list(Store(self.path, slots=1, erase_damaged=True)), [])
+        self.store(slots=1)  # which is not held
+        self.assertEqual(sorted(os.listdir(self.path)), ["0.jrn", "0.pak"])
 
-    def test_progress_that_raises_stops_and_changes_nothing(self):
-        def stop(done, total):
-            raise InterruptedError
+    def test_the_library_outlives_the_interpreter(self):
+        program = ("import blobring, ctypes;"
+                   "ctypes.CDLL(None).on_exit(blobring._library.calls.BCDelete, 0)")
+        self.assertEqual(subprocess.run([sys.executable, "-c", program]).returncode, 0)
 
-        def press_control_c(done, total):
-            signal.raise_signal(signal.SIGINT)
-
-        # In a background job, it is ignored.
-        before = signal.signal(signal.SIGINT, signal.default_int_handler)
-        self.addCleanup(signal.signal, signal.SIGINT, before)
-        with self.store() as store:
-            hashes = store.put_many(b"%d" % i for i in range(1000))
-            for call in (store.check, store.repack):
-                for progress, error in ((stop, InterruptedError),
-                                        (press_control_c, KeyboardInterrupt)):
-                    with self.assertRaises(error):
-                        call(progress)
-            self.assertEqual(store.statistics().sequence, 0)
-            threading.Timer(0.1, os.kill, (os.getpid(), signal.SIGINT)).start()
-            until = time.monotonic() + 30
-            with self.assertRaises(KeyboardInterrupt):
-                while time.monotonic() < until:
-                    store.check()
-            store.check()
-        try:
-            self.fail(self.store(progress=stop))
-        except InterruptedError:  # which keeps the object
-            self.assertEqual(list(self.store()), sorted(hashes))
-
-    def test_threads_share_a_store_and_open_others(self):
+    def test_threads_wait_for_each_other(self):
         store = self.store()
-        errors = []
 
         def work(name):
-            try:
-                directory = self.path / name
-                directory.mkdir()
-                for i in range(20):
-                    with Store(directory) as own:
-                        own.put(b"%d" % i)
-                    if i % 2 == 0:
-                        store.put(f"{name} {i}".encode())
-                        continue
-                    with contextlib.suppress(InterruptedError), store.transaction():
-                        store.put(f"{name} {i}".encode())
-                        raise InterruptedError
-            except BaseException as error:
-                errors.append(error)
+            store.repack()
+            for i in range(10):
+                with Store(tempfile.mkdtemp(dir=self.path)) as own:
+                    own.put(b"%d" % i)
+                store.put(f"{name} {i}".encode())
+                with contextlib.suppress(ZeroDivisionError), store.transaction():
+                    store.put(b"lost")
+                    1 / 0
 
-        names = [f"thread{k}" for k in range(4)]
-        threads = [threading.Thread(target=work, args=(name,)) for name in names]
-        with contextlib.suppress(InterruptedError), store.transaction():
-            for thread in threads:
-                thread.start()
-            threads[0].join(0.2)
-            self.assertEqual(len(store), 0)  # reads do not wait, changes do
-            raise InterruptedError
-        for thread in threads:
-            thread.join(60)
-        self.assertEqual(errors, [])
-        committed = {f"{name} {i}".encode() for name in names for i in range(0, 20, 2)}
-        self.assertEqual(set(store.values()), committed)
+        with concurrent.futures.ThreadPoolExecutor(4) as threads:
+            with contextlib.suppress(ZeroDivisionError), store.transaction():
+                store.put(b"lost")
+                done = [threads.submit(work, name) for name in range(4)]
+                concurrent.futures.wait(done, 0.2)  # time for what does not wait
+                self.assertEqual(len(store), 0)  # reads do not wait
+                1 / 0
+        self.assertEqual([work.result() for work in done], [None] * 4)
+        self.assertEqual(set(store.values()),
+                         {f"{name} {i}".encode() for name in range(4) for i in range(10)})
 
 
 if __name__ == "__main__":
