@@ -46,7 +46,7 @@ class ClosedError(Error):
 
 
 class NoStoreError(Error, FileNotFoundError):
-    """There is no store in the directory, or no such directory."""
+    """There is no store in the directory."""
 
     code = 6
 
@@ -79,6 +79,12 @@ class RefusedError(Error):
     """Not possible now. The text says why."""
 
     code = 11
+
+
+class NotFoundError(Error, FileNotFoundError):
+    """There is no such file or directory."""
+
+    code = 12
 
 
 BY_CODE = {error.code: error for error in Error.__subclasses__()}

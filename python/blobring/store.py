@@ -314,7 +314,8 @@ class Store(Mapping[Hash, bytes]):
                 raise
 
     def put(self, data: Buffer) -> Hash:
-        """Stores a blob and returns its hash. One that is present is not written again.
+        """Stores a blob and returns its hash. One that is present is not written again, unless a
+        read or a check has found it damaged.
 
         data: any contiguous buffer below 2 GiB. It is not copied in Python, and must not change
         during the call. After an Error, an open transaction goes on without the blob.
