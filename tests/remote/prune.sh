@@ -14,9 +14,9 @@ for remote in late all; do
   blobring push -q a s3://fleet/$remote >/dev/null
 done
 s3 "/late/snapshots/$(cat first.late).snap" -o first.snap
-only() { s3 "?list-type=2&prefix=all%2F$1%2F" | grep -o '<Key>[^<]*' | cut -c6-; }
-pack=$(only packs)
-index=$(only index)
+keys() { s3 "?list-type=2&prefix=$1%2F$2%2F" | grep -o '<Key>[^<]*' | cut -c6-; }
+pack=$(keys all packs)
+index=$(keys all index)
 s3 "/$pack" -o one.pak
 s3 "/$index" -o one.idx
 s3 "/${pack%-*}-0123456789abcdef.pak" -T one.pak # an orphan
@@ -30,6 +30,23 @@ for n in $(seq 33); do
   echo "$n" | blobring put -q many - >/dev/null
   blobring push -q many s3://fleet/many >/dev/null
 done
+# Of two copies the service has cut the one that is named first, and of other blobs the only one.
+blobring remote init -q s3://fleet/copies --push-within 3s --grace 5s
+store one 5001 5100
+cp -r one again
+blobring push -q one s3://fleet/copies >/dev/null
+hidden=$(keys copies index)
+s3 "/$hidden" -o hidden.idx
+s3 "/$hidden" -X DELETE
+blobring push -q again s3://fleet/copies >/dev/null
+s3 "/$hidden" -T hidden.idx
+printf xx >cut
+first=$(s3 "/$(keys copies index | head -n 1)" | sed -n 2p)
+s3 "/copies/packs/${first:0:2}/$first.pak" -T cut
+keys copies packs >before
+store two 5001 5200
+blobring push -q two s3://fleet/copies >/dev/null
+s3 "/$(keys copies packs | comm -13 before -)" -T cut
 sleep 7
 # Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
@@ -37,6 +54,11 @@ expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
 same "$(blobring push -q --json a "$url" | field blobs)" 0
 expect 0 "33 objects marked" remote prune s3://fleet/many
 gives "$url" a
+# Nothing goes until the blobs that are nowhere are there again.
+expect 1 "100 blobs that are in no sound pack" remote prune s3://fleet/copies --keep-last 1
+grep -q "0 objects marked" expect.out
+same "$(blobring push -q --json two s3://fleet/copies | field blobs)" 100
+expect 0 "2 objects marked" remote prune s3://fleet/copies --keep-last 1
 expect 0 "0 objects deleted" remote prune "$url"
 # What is marked is absent for a push, which sends it again, also where an index comes late.
 s3 "/${index%-*}-0123456789abcdef.idx" -T one.idx
@@ -48,6 +70,7 @@ sleep 7
 expect 0 "3 objects deleted" remote prune "$url"
 expect 0 "2 objects deleted" remote prune s3://fleet/late
 expect 0 "33 objects deleted" remote prune s3://fleet/many
+expect 0 "2 objects deleted" remote prune s3://fleet/copies
 for remote in all late many; do
   expect 0 "all indexed; nothing is wrong" remote check s3://fleet/$remote --read-data
 done
@@ -55,6 +78,9 @@ gives "$url" b
 gives "$url" a "$(cat a/remote/id)"
 gives s3://fleet/late full "$(cat first.late)"
 gives s3://fleet/many many
+gives s3://fleet/copies one "$(cat again/remote/id)"
+gives s3://fleet/copies two
+expect 0 "2 not indexed; nothing is wrong" remote check s3://fleet/copies
 
 # Pushes beside prunes: whatever was called done stays.
 : >done

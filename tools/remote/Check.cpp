@@ -47,29 +47,27 @@ class Checker {
   // ETags and sizes against names and indexes.
   void ComparePacks() {
     std::set<std::string> indexed;
+    std::set<std::string> faults;
     for (const auto& [name, index] : indexes_) {
       const bool isTombed = tombs_.keys.count(IndexKey(name)) != 0;
       const std::vector<uint64_t> sizes = index.PackSizes();
       for (size_t i = 0; i < index.packs.size(); ++i) {
         const std::string key = PackKey(index.packs[i]);
-        if (!indexed.insert(key).second || isTombed || tombs_.keys.count(key) != 0) continue;
-        const auto at = packs_.objects.find(key);
-        if (at == packs_.objects.end())
-          Find("{} is missing", key);
-        else if (at->second.size != sizes[i])
-          Find("{} has {} bytes instead of {}", key, at->second.size, sizes[i]);
-        else if (remote_.config.etagIsMd5 && at->second.etag != DigestIn(index.packs[i]).text())
-          Find("{} has the digest {}", key, at->second.etag);
+        indexed.insert(key);
+        const std::string fault = remote_.FaultIn(packs_, index.packs[i], sizes[i]);
+        if (!fault.empty() && !isTombed && tombs_.keys.count(key) == 0)
+          faults.insert(key + " " + fault);
       }
     }
+    findings_.insert(findings_.end(), faults.begin(), faults.end());
     for (const auto& [key, object] : packs_.objects)
       if (indexed.count(key) == 0) ++orphanCount_;
   }
 
   // Every blob of a snapshot must be in a pack that is there.
   void CompareSnapshots() {
-    const Index all = Merge(indexes_, [this](const std::string& pack) {
-      return packs_.objects.count(PackKey(pack)) != 0;
+    const Index all = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
+      return remote_.FaultIn(packs_, pack, size).empty();
     });
     Progress progress("checking snapshots", names_.size());
     for (const auto& [key, name] : names_) {
@@ -101,7 +99,7 @@ class Checker {
       chosen.resize(std::max<size_t>(
           1, static_cast<size_t>(static_cast<double>(chosen.size()) * share / 100)));
     for (const std::string& key : chosen) bytes += packs_.objects.at(key).size;
-    const Index all = Merge(indexes_, [](const std::string&) { return true; });
+    const Index all = Merge(indexes_, [](const std::string&, uint64_t) { return true; });
     std::map<std::string, std::vector<Place>> places;
     for (const Place& place : all.places) places[all.packs[place.pack]].push_back(place);
     Progress progress("reading packs", chosen.size(), bytes);

@@ -173,17 +173,6 @@ std::optional<Reply> Objects::Get(const std::string& key) {
   return reply;
 }
 
-std::optional<uint64_t> Objects::Head(const std::string& key) {
-  Request request;
-  request.method = "HEAD";
-  request.target = Target(key);
-  request.accepted = {404};
-  request.what = "look at " + prefix_ + key;
-  const Reply reply = http_.Call(std::move(request));
-  if (reply.status == 404) return std::nullopt;
-  return reply.size;
-}
-
 void Objects::StartGet(const std::string& key, std::optional<ByteRange> range,
                        std::shared_ptr<Spool> spool, Http::Done done) {
   Request request;

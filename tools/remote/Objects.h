@@ -51,8 +51,6 @@ class Objects {
 
   // The object; nothing if there is none.
   std::optional<Reply> Get(const std::string& key);
-  // Its size; nothing if there is none.
-  std::optional<uint64_t> Head(const std::string& key);
 
   // Begins to read an object, or a part, into `reply.body` or `spool`. done() looks at
   // reply.status: 404 means that there is none.

@@ -44,6 +44,7 @@ class Pruner {
     if (options_.dryRun) return;
     remote_.objects.Delete({forgotten_.begin(), forgotten_.end()});
     Rewrite();
+    if (onlyRepairs_) return;
     if (!going_.empty())
       remote_.objects.Put("gc/" + Nonce() + ".tomb", EncodeTomb({going_.begin(), going_.end()}));
     Bury();
@@ -75,8 +76,10 @@ class Pruner {
       Say("{} that no index named: indexed, since snapshots lacked blobs",
           Count(restoredCount_, "pack"));
     if (missingCount_ == 0) return kSuccess;
-    Say("the snapshots that stay name {} that {} in no pack: `blobring remote check` tells which",
-        Count(missingCount_, "blob"), missingCount_ == 1 ? "is" : "are");
+    Say("the snapshots that stay name {} that {} in no sound pack: `blobring remote check` tells "
+        "which; nothing is forgotten or deleted until a store that has {} pushes again",
+        Count(missingCount_, "blob"), missingCount_ == 1 ? "is" : "are",
+        missingCount_ == 1 ? "it" : "them");
     return kFault;
   }
 
@@ -95,18 +98,25 @@ class Pruner {
       indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
       packs_ = remote_.objects.List("packs/");
       ReadSnapshots();
-      usable_ = Merge(indexes_, [this](const std::string& pack) { return IsUsable(pack); });
-      tombed_ = Merge(indexes_,
-                      [this](const std::string& pack) { return IsThere(pack) && !IsUsable(pack); });
+      usable_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
+        return IsSound(pack, size) && !IsTombed(pack);
+      });
+      tombed_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
+        return IsSound(pack, size) && IsTombed(pack);
+      });
       missingCount_ = CountMissing();
-      if (missingCount_ == 0 || look == kMostLooks) return;
+      if (missingCount_ == 0) return;
+      if (look == kMostLooks) break;
     }
+    onlyRepairs_ = true;
+    keptCount_ += forgotten_.size();
+    forgotten_.clear();
   }
 
-  bool IsThere(const std::string& pack) const { return packs_.objects.count(PackKey(pack)) != 0; }
-  bool IsUsable(const std::string& pack) const {
-    return IsThere(pack) && tombs_.keys.count(PackKey(pack)) == 0;
+  bool IsSound(const std::string& pack, uint64_t size) const {
+    return remote_.FaultIn(packs_, pack, size).empty();
   }
+  bool IsTombed(const std::string& pack) const { return tombs_.keys.count(PackKey(pack)) != 0; }
 
   void ReadSnapshots() {
     const Listing listing = remote_.objects.List("snapshots/");
@@ -168,6 +178,7 @@ class Pruner {
       chosen.push_back(places[0]);
       needed[places[0].pack] += places[0].end() - places[0].offset;
     }
+    if (onlyRepairs_) return;
     const std::vector<uint64_t> sizes = usable_.PackSizes();
     std::vector<bool> goes(usable_.packs.size());
     for (size_t i = 0; i < usable_.packs.size(); ++i) {
@@ -182,11 +193,9 @@ class Pruner {
     for (const Place& place : chosen)
       if (goes[place.pack]) moved_.push_back(place);
     const Keys indexed = IndexedPacks();
-    // A pack whose index was lost may have what a snapshot lacks.
-    if (missingCount_ == 0)
-      for (const auto& [key, object] : packs_.objects)
-        if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && IsOld(object, packs_))
-          Mark(key);
+    for (const auto& [key, object] : packs_.objects)
+      if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && IsOld(object, packs_))
+        Mark(key);
     ChooseIndexes();
   }
 
@@ -208,8 +217,10 @@ class Pruner {
     std::vector<std::string> small;
     for (const auto& [name, index] : indexes_) {
       if (tombs_.keys.count(IndexKey(name)) != 0) continue;
-      const bool isSound = std::all_of(index.packs.begin(), index.packs.end(),
-                                       [this](const std::string& pack) { return Stays(pack); });
+      const std::vector<uint64_t> sizes = index.PackSizes();
+      bool isSound = true;
+      for (size_t i = 0; i < sizes.size(); ++i)
+        isSound = isSound && Stays(index.packs[i], sizes[i]);
       if (!isSound)
         Mark(IndexKey(name));
       else if (index.packs.size() < kSmallIndex)
@@ -219,8 +230,8 @@ class Pruner {
       for (const std::string& key : small) Mark(key);
   }
 
-  bool Stays(const std::string& pack) const {
-    return IsUsable(pack) && going_.count(PackKey(pack)) == 0;
+  bool Stays(const std::string& pack, uint64_t size) const {
+    return IsSound(pack, size) && !IsTombed(pack) && going_.count(PackKey(pack)) == 0;
   }
 
   // Copies what packs that go have of use, and indexes what no index that stays names.
@@ -234,14 +245,15 @@ class Pruner {
       if (tombs_.keys.count(IndexKey(name)) == 0 && going_.count(IndexKey(name)) == 0)
         named.insert(index.packs.begin(), index.packs.end());
     Remote::Indexes parts = {{"fresh", std::move(fresh)}};
-    parts["old"] = Merge(
-        indexes_, [&](const std::string& pack) { return Stays(pack) && named.count(pack) == 0; });
-    const Index all = Merge(parts, [](const std::string&) { return true; });
+    parts["old"] = Merge(indexes_, [&](const std::string& pack, uint64_t size) {
+      return Stays(pack, size) && named.count(pack) == 0;
+    });
+    const Index all = Merge(parts, [](const std::string&, uint64_t) { return true; });
     for (size_t begin = 0; begin < all.packs.size(); begin += kPacksInIndex) {
       const Keys here(all.packs.begin() + static_cast<ptrdiff_t>(begin),
                       all.packs.begin() + static_cast<ptrdiff_t>(
                                               std::min(all.packs.size(), begin + kPacksInIndex)));
-      const std::string bytes = Merge({{"", all}}, [&here](const std::string& pack) {
+      const std::string bytes = Merge({{"", all}}, [&here](const std::string& pack, uint64_t) {
                                   return here.count(pack) != 0;
                                 }).Encode();
       remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
@@ -352,6 +364,7 @@ class Pruner {
   std::vector<Place> moved_;    // in usable_: live blobs of packs that go
   std::vector<Place> rescued_;  // in tombed_: needed, and in no pack that stays
   uint64_t missingCount_ = 0;   // needed, and in no pack
+  bool onlyRepairs_ = false;    // blobs were missing [R8]
   uint64_t keptCount_ = 0;
   uint64_t rewrittenCount_ = 0;
   uint64_t restoredCount_ = 0;  // orphans that were indexed

@@ -64,8 +64,13 @@ class Puller {
     std::vector<blobring::Hash> missing = Missing(chosen_.snapshot.hashes);
     doneCount_ = chosen_.snapshot.hashes.size() - missing.size();
     for (int attempt = 0; attempt < kMostAttempts && !missing.empty(); ++attempt) {
-      index_ = Merge(remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_),
-                     [](const std::string&) { return true; });
+      const Remote::Indexes indexes =
+          remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_);
+      const Listing packs = remote_.objects.List("packs/");
+      index_ = Merge(indexes, [&](const std::string& pack, uint64_t size) {
+        if (!remote_.FaultIn(packs, pack, size).empty()) badPacks_.insert(pack);
+        return true;  // a blob that is nowhere else may be whole there
+      });
       Fetch(
           remote_, index_, Places(missing),
           [this](const FetchedBlob& blob) {

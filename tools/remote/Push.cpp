@@ -111,10 +111,14 @@ class Pusher {
     fresh_ = Index();
     builder_ = PackBuilder();
     const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
-    const Index present =
-        Merge(remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_),
-              [&tombs](const std::string& pack) { return tombs.keys.count(PackKey(pack)) == 0; });
-    const std::set<blobring::Hash> pending = TakeUpPending(tombs, present);
+    const Remote::Indexes indexes =
+        remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_);
+    const Listing packs = remote_.objects.List("packs/");
+    const auto isUsable = [&](const std::string& pack, uint64_t size) {
+      return tombs.keys.count(PackKey(pack)) == 0 && remote_.FaultIn(packs, pack, size).empty();
+    };
+    const Index present = Merge(indexes, isUsable);
+    const std::set<blobring::Hash> pending = TakeUpPending(isUsable, present);
 
     Snapshot snapshot;
     snapshot.time = TimeNow();
@@ -157,14 +161,14 @@ class Pusher {
   }
 
   // Packs that an earlier push uploaded without coming to index them. Returns their blobs.
-  std::set<blobring::Hash> TakeUpPending(const Tombs& tombs, const Index& present) {
+  std::set<blobring::Hash> TakeUpPending(
+      const std::function<bool(const std::string&, uint64_t)>& isUsable, const Index& present) {
     std::set<blobring::Hash> blobs;
     std::vector<std::string> useless;
     for (const auto& [pack, index] : state_.Pending()) {
       const bool isIndexed =
           std::find(present.packs.begin(), present.packs.end(), pack) != present.packs.end();
-      if (isIndexed || tombs.keys.count(PackKey(pack)) != 0 ||
-          remote_.objects.Head(PackKey(pack)) != index.PackSizes()[0]) {
+      if (isIndexed || !isUsable(pack, index.PackSizes()[0])) {
         useless.push_back(pack);
         continue;
       }

@@ -4,6 +4,7 @@
 #include <span>
 #include <tuple>
 
+#include "tools/Console.h"
 #include "tools/Error.h"
 
 namespace tool::remote {
@@ -34,6 +35,16 @@ Tombs Remote::ReadTombs() {
     tombs.keys.insert(tombs.named[key].begin(), tombs.named[key].end());
   }
   return tombs;
+}
+
+std::string Remote::FaultIn(const Listing& packs, const std::string& pack, uint64_t size) const {
+  const auto at = packs.objects.find(PackKey(pack));
+  if (at == packs.objects.end()) return "is missing";
+  if (at->second.size != size)
+    return fmt::format("has {} bytes instead of {}", at->second.size, size);
+  if (config.etagIsMd5 && at->second.etag != DigestIn(pack).text())
+    return "has the digest " + Printable(at->second.etag);
+  return "";
 }
 
 void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
@@ -120,13 +131,15 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
   return headers;
 }
 
-Index Merge(const Remote::Indexes& indexes, const std::function<bool(const std::string&)>& use) {
+Index Merge(const Remote::Indexes& indexes,
+            const std::function<bool(const std::string&, uint64_t)>& use) {
   Index all;
   std::map<std::string, uint32_t> numbers;
   for (const auto& [name, index] : indexes) {
     std::vector<std::optional<uint32_t>> renumbered;
+    const std::vector<uint64_t> sizes = index.PackSizes();
     for (const std::string& pack : index.packs) {
-      if (!use(pack)) {
+      if (!use(pack, sizes[renumbered.size()])) {
         renumbered.emplace_back();
         continue;
       }

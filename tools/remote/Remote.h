@@ -14,6 +14,9 @@
 //       a new pack first. So it does no harm to delete it twice, or late.
 //   R6  A pack is deleted only when a tomb names every index that names it; the tomb goes last.
 //   R7  Ages are Last-Modified against the Date of the same service.
+//   R8  A copy of a blob counts only in a pack that is listed with the size and the ETag that its
+//       index and its name give it. While a blob that a snapshot needs has no such copy, a prune
+//       forgets, marks and deletes nothing.
 #pragma once
 
 #include <functional>
@@ -39,6 +42,10 @@ class Remote {
 
   Tombs ReadTombs();
 
+  // Why a pack cannot be relied on, whose size follows from an index: "is missing" [R8]. Nothing
+  // for one that can.
+  std::string FaultIn(const Listing& packs, const std::string& pack, uint64_t size) const;
+
   using Indexes = std::map<std::string, Index>;  // by name
 
   // The indexes of a listing, except those that `skip` names by their keys. Copies are taken from
@@ -59,8 +66,10 @@ class Remote {
                const LocalState* state = nullptr, const std::string& kind = "");
 };
 
-// All indexes as one, sorted, each pack and place once: of the packs that `use` accepts.
-Index Merge(const Remote::Indexes& indexes, const std::function<bool(const std::string&)>& use);
+// All indexes as one, sorted, each pack and place once: of the packs that `use` accepts, which is
+// given their sizes as each index has them.
+Index Merge(const Remote::Indexes& indexes,
+            const std::function<bool(const std::string& pack, uint64_t size)>& use);
 
 // The places of a blob in a sorted index.
 std::span<const Place> PlacesOf(const Index& index, const blobring::Hash& hash);
