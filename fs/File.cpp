@@ -119,6 +119,11 @@ void File::truncate(unsigned length) {
        "File::truncate " + path + " to " + std::to_string(length) + " failed GetLastError code = ");
 }
 
+void File::replace(const std::string& target) {
+  FileSystem::ReplaceFileW(path, target);
+  path = target;
+}
+
 bool File::isAt(const std::string& otherPath) const {
   BY_HANDLE_FILE_INFORMATION mine{};
   BY_HANDLE_FILE_INFORMATION its{};

@@ -48,6 +48,10 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   // Makes the file `length` bytes long. Leaves the position there.
   BLOBRING_HIDDEN void truncate(unsigned length);
 
+  // Renames this open file in one step over the file at target, which this process may have open as
+  // well. Throws as FileSystem::ReplaceFileW does.
+  BLOBRING_HIDDEN void replace(const std::string& target);
+
   // Whether a path leads to this open file just now.
   BLOBRING_HIDDEN bool isAt(const std::string& otherPath) const;
 
@@ -74,7 +78,7 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
 
   HANDLE handle;
   bool isOpen;
-  std::string path;  // kept after close
+  std::string path;  // after a close, the last one
   unsigned access;
 };
 

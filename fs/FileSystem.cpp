@@ -153,6 +153,12 @@ bool FileSystem::Remove(std::string path) {
   return Remove(ConvertString(path));
 }
 
+void FileSystem::RemoveLeftover(const std::string& path) {
+  if (DeleteFileW(ConvertString(path).c_str()) != 0) return;
+  const DWORD code = GetLastError();
+  if (code != ERROR_FILE_NOT_FOUND) TraceAndThrow("FileSystem::Remove error " + path, code);
+}
+
 BOOL FileSystem::CreateDirectoryW(const std::u16string& path) {
   return ::CreateDirectoryW(path.c_str(), nullptr);
 }

@@ -44,12 +44,16 @@ class BLOBRING_EXPORT FileSystem {
   static bool MoveFileW(std::u16string from, std::u16string to);
   static bool MoveFileW(std::string from, std::string to);
 
-  // The same, in one step over a file that has the target's name.
+  // The same, in one step over a file that has the target's name. This process may have both open.
+  // After a failure either file may have the name after a power cut.
   BLOBRING_HIDDEN static bool ReplaceFileW(const std::string& from, const std::string& to);
 
   // Deletes a file; false, after a warning, when that fails.
   static bool Remove(std::u16string path);
   static bool Remove(std::string path);
+
+  // Deletes a file, or a link but not what it leads to, if there is one. Throws std::runtime_error.
+  BLOBRING_HIDDEN static void RemoveLeftover(const std::string& path);
 
   // The platform's result; the narrow form drops it.
   static BOOL CreateDirectoryW(const std::u16string& path);

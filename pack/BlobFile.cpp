@@ -88,6 +88,18 @@ void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
   if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
 }
 
+void BlobFile::Create(const std::string& filePath, BlobFileMode fileMode) {
+  Open(filePath, fileMode, GENERIC_READ | GENERIC_WRITE, CREATE_NEW);
+  header.sequence = format::kSequenceReset;
+  writer.Restart(mode == Journal);
+  if (!UpdateHeader()) ThrowNotFlushed("header", GetLastError());
+}
+
+void BlobFile::Replace(const std::string& target) {
+  file.replace(target);
+  path = target;
+}
+
 void BlobFile::InitReadOnly(const std::string& filePath, BlobFileMode fileMode) {
   Open(filePath, fileMode, GENERIC_READ, OPEN_EXISTING);
   if (!IsNew(LengthOf(file))) ReadHeader();

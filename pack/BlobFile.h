@@ -73,6 +73,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // header throws.
   void Init(std::string filePath, BlobFileMode fileMode, unsigned int reserved);
 
+  // Creates the file, which must not exist, empty and with sequence -1, flushed.
+  BLOBRING_HIDDEN void Create(const std::string& filePath, BlobFileMode fileMode);
+
+  // Gives the open file another name in one step, whatever has it.
+  BLOBRING_HIDDEN void Replace(const std::string& target);
+
   // Opens an existing file for reading only. An empty or cut-off one counts as one with a fresh
   // header.
   BLOBRING_HIDDEN void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);

@@ -147,7 +147,9 @@ BOOL DeleteFileW(const WCHAR* path);
 BOOL MoveFileW(const WCHAR* from, const WCHAR* to);
 
 // MoveFileW that, with MOVEFILE_REPLACE_EXISTING, replaces the target in one step: at every moment,
-// and after a power cut, the target's name leads to the whole old file or to the whole new one.
+// and after a power cut, the target's name leads to the whole old file or to the whole new one. A
+// process that has both files open may do it: each handle goes on with the file that it was opened
+// for.
 BOOL MoveFileExW(const WCHAR* from, const WCHAR* to, DWORD flags);
 
 // The path, made absolute with the current directory. Returns its length without the NUL; what the

@@ -19,20 +19,26 @@
 
 namespace {
 
+// Of the file that a repack in place writes. What has the name when a repack begins was left by one
+// that was interrupted, or put there by someone else: it goes.
+constexpr const char* kNewSuffix = ".new";
+
 // Leaves a repack that the embedder stopped. No std::exception: it is no failure.
 struct Stopped {};
 
 // Gives back what a repack that did not commit has written: a slot's pack stays as it was emptied,
 // older than any generation; a file beside the pack goes.
-void DropUnfinished(const boost::shared_ptr<BlobFile>& file, bool isSlot) {
+void DropUnfinished(boost::shared_ptr<BlobFile>& file, bool isSlot) {
   if (!file) return;
   try {
-    if (!isSlot) {
-      if (file->file.IsOpen()) file->file.erase();
-      return;
+    if (isSlot) {
+      file->CancelTransaction();
+      file->SetSequence(format::kSequenceReset);
+    } else if (file->file.IsOpen()) {
+      const std::string path = file->path;
+      file.reset();  // a file that is open cannot be deleted
+      FileSystem::RemoveLeftover(path);
     }
-    file->CancelTransaction();
-    file->SetSequence(format::kSequenceReset);
   } catch (const std::exception& e) {
     trace::engine.WriteErrorV("%s", e.what());
   }
@@ -83,7 +89,10 @@ bool BlobController::Repack() {
     RequireRepackable();
     const std::uint32_t slot =
         static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
-    if (packFiles[slot] == curPack) RequireInPlace(*curPack);
+    if (packFiles[slot] == curPack) {
+      RequireInPlace(*curPack);
+      FileSystem::RemoveLeftover(curPack->path + kNewSuffix);
+    }
     KeepSlot(slot);
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(e, "BlobController::Repack() refused: %s", e.what());
@@ -151,22 +160,16 @@ void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
 void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
   const BlobFilePtr old = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
-  const std::string besides = old->path + ".new";
   unfinished = MakePooled<BlobFile>();
-  unfinished->Init(besides, BlobFile::Pack, 0);
-  unfinished->Reset();
+  unfinished->Create(old->path + kNewSuffix, BlobFile::Pack);
   unfinished->SetSequence(seq);
   const BlobFile::Entries copied = CopyBlobs(unfinished);
-  unfinished->CutToRecords();
   if (journal != curJournal) journal->Reset();
   RequireInPlace(*old);
-  // A file that somebody holds is not replaced.
-  unfinished->file.close();
-  old->file.close();
-  FileSystem::ReplaceFileW(besides, old->path);
+  // Both stay open: no other opener gets either, and after a failure the old pack is there to read.
+  unfinished->Replace(old->path);
   const BlobFilePtr fresh = unfinished;
   unfinished.reset();
-  fresh->Init(old->path, BlobFile::Pack, 0);
   packFiles[repackSlot] = fresh;
   curPack = fresh;
 

@@ -21,7 +21,8 @@
  * BCLastError, BCLastErrorCode and the functions of host.h, nothing else. A
  * call on a store from there is refused; FilterException alone is not.
  * Processes: one process at a time has a store open. In a child of fork, every
- * change to a store that the parent opened is refused; see docs/embedding.md.
+ * change and load of a store that the parent opened is refused; see
+ * docs/embedding.md.
  * Memory: callers own every buffer. The library keeps none beyond a call.
  * Limits: a file is smaller than 2 GiB; the largest blob has 2147483531 bytes.
  * A store has at most 1000 slots.

@@ -19,7 +19,10 @@
 #include <utility>
 
 #include "blobring/host.h"
-#include "platform/Win32.h"
+#include "platform/posix/Kernel.h"
+
+using platform::Guarded;
+using platform::MutexOf;
 
 namespace {
 
@@ -28,18 +31,17 @@ template <typename Function>
 class Callback {
  public:
   void Set(Function* function, void* context) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(Guarded::Callbacks));
     callback_ = {function, context};
   }
 
   // For a call without the lock, so that the function may call back in.
   std::pair<Function*, void*> Get() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(Guarded::Callbacks));
     return callback_;
   }
 
  private:
-  std::mutex mutex_;
   std::pair<Function*, void*> callback_{nullptr, nullptr};
 };
 
@@ -48,7 +50,7 @@ template <typename Record>
 class Ring {
  public:
   int Append(Record record) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(Guarded::Records));
     record.sequence = next_++;
     records_[record.sequence % BLOBRING_HOST_RECORD_COUNT] = record;
     return 0;
@@ -57,7 +59,7 @@ class Ring {
   // See BlobringHostReadEvents.
   std::uint32_t ReadOn(std::uint32_t* position, Record* out, std::uint32_t capacity,
                        std::uint32_t* missed) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(Guarded::Records));
     const auto kept = std::min<std::uint32_t>(next_ - *position, BLOBRING_HOST_RECORD_COUNT);
     const std::uint32_t first = next_ - kept;
     const std::uint32_t count = std::min(kept, capacity);
@@ -69,7 +71,6 @@ class Ring {
   }
 
  private:
-  std::mutex mutex_;
   std::uint32_t next_ = 0;
   Record records_[BLOBRING_HOST_RECORD_COUNT] = {};
 };

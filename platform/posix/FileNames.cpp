@@ -60,10 +60,10 @@ bool IsProtected(const struct stat& status) {
 
 // A target that is absent cannot be locked, and another process may make and open it at any moment:
 // then only a rename that replaces nothing is safe.
-int RenameReplacing(const char* from, const char* to) {
+int RenameReplacing(const char* from, const char* to, bool areOurs) {
   for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
     FileDescriptor target;
-    int error = Hold(to, target);
+    int error = areOurs ? 0 : Hold(to, target);
     if (error == 0) {
       struct stat status {};
       if (lstat(to, &status) != 0) return errno;
@@ -80,12 +80,13 @@ int Move(const char* from, const char* to, bool replaces) {
   FileDescriptor source;  // held until the names have changed
   FileDescriptor sourceDirectory;
   FileDescriptor targetDirectory;
-  int error = HoldIfAllowed(from, source);
+  const bool areOurs = replaces && platform::IsHeldHere(from) && platform::IsHeldHere(to);
+  int error = areOurs ? 0 : HoldIfAllowed(from, source);
   if (error == 0) error = platform::OpenParent(from, sourceDirectory);
   if (error == 0) error = platform::OpenParent(to, targetDirectory);
   // Contents before the name: costs next to nothing where the writer flushed.
   if (error == 0 && source.IsOpen()) error = platform::SyncData(source);
-  if (error == 0) error = replaces ? RenameReplacing(from, to) : RenameNoReplace(from, to);
+  if (error == 0) error = replaces ? RenameReplacing(from, to, areOurs) : RenameNoReplace(from, to);
   if (error != 0) return error;
 
   // The new name first: a crash between the two leaves both names, not none.

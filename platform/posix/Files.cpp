@@ -24,7 +24,7 @@ struct OpenFile {
   bool flushFailed = false;
 };
 
-constinit platform::HandleTable<OpenFile, 1, 4096> files;
+constinit platform::HandleTable<OpenFile, 1, 4096, platform::Guarded::Files> files;
 
 // Callers see the low 32 bits of a length. A file that is longer would pass for a short one, and
 // what lies behind for free space.
@@ -190,10 +190,13 @@ BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* informa
 //
 // fsync(2) reports a failed write-back once and may mark the pages clean all the same; a second
 // call would then call lost data safe. So a handle that failed stays failed, and the cached pages
-// go, so that the next opener sees what the disk has.
+// go, so that the next opener sees what the disk has. For the same reason a forked child, which has
+// written nothing through its copy of the handle, does not ask: the failure is its parent's to
+// hear.
 BOOL FlushFileBuffers(HANDLE file) {
   OpenFile* open = FileFor(GENERIC_WRITE, file);
   if (open == nullptr) return 0;
+  if (!open->file.IsLockedHere()) return Result(0);
   if (open->flushFailed) return Result(EIO);
 
   int error = platform::SyncData(open->file);
@@ -211,4 +214,14 @@ BOOL FlushFileBuffers(HANDLE file) {
 BOOL CloseHandle(HANDLE object) {
   const std::unique_ptr<OpenFile> file(files.Remove(object));
   return file != nullptr ? Result(0) : 0;
+}
+
+bool platform::IsHeldHere(const char* path) {
+  struct stat wanted {};
+  if (stat(path, &wanted) != 0) return false;
+  return files.HasAny([&](const OpenFile& open) {
+    struct stat status {};
+    return open.file.IsLockedHere() && fstat(open.file.Number(), &status) == 0 &&
+           status.st_dev == wanted.st_dev && status.st_ino == wanted.st_ino;
+  });
 }

@@ -7,6 +7,7 @@
 // Constant-initialised and never destroyed: files are closed until the very end.
 #pragma once
 
+#include <algorithm>
 #include <mutex>
 
 #include "platform/posix/Kernel.h"
@@ -14,12 +15,12 @@
 namespace platform {
 
 // Tables whose first handles are 2^31 apart have no handle in common.
-template <typename Object, HANDLE firstHandle, std::uint32_t slotCount>
+template <typename Object, HANDLE firstHandle, std::uint32_t slotCount, Guarded guarded>
 class HandleTable {
  public:
   // A handle for object; INVALID_HANDLE_VALUE when none is left.
   HANDLE Add(Object* object) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(guarded));
     for (std::uint32_t tried = 0; tried < slotCount; ++tried) {
       const HANDLE handle = firstHandle + next_;
       next_ = (next_ + 1) % (INVALID_HANDLE_VALUE / 2);
@@ -36,6 +37,15 @@ class HandleTable {
   Object* Find(HANDLE handle) { return Look(handle, false); }
   Object* Remove(HANDLE handle) { return Look(handle, true); }
 
+  // Whether test is true of any object. It is called with the table locked.
+  template <typename Test>
+  bool HasAny(Test test) {
+    const std::lock_guard lock(MutexOf(guarded));
+    return std::any_of(std::begin(slots_), std::end(slots_), [&](const Slot& slot) {
+      return slot.object != nullptr && test(*slot.object);
+    });
+  }
+
  private:
   static constexpr HANDLE kNoHandle = 0xDEADBEEFU;
 
@@ -45,13 +55,12 @@ class HandleTable {
   };
 
   Object* Look(HANDLE handle, bool remove) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(MutexOf(guarded));
     Slot& slot = slots_[handle % slotCount];
     if (slot.object == nullptr || slot.handle != handle) return Result(EBADF), nullptr;
     return remove ? std::exchange(slot.object, nullptr) : slot.object;
   }
 
-  std::mutex mutex_;
   HANDLE next_ = 0;
   Slot slots_[slotCount] = {};
 };

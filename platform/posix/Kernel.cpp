@@ -80,7 +80,7 @@ int OpenOnce(const char* path, int flags, FileDescriptor& file) {
   if (!file.IsOpen()) return existed && errno == ENOENT ? ESTALE : errno;
   if (fstat(file.Number(), &status) != 0) return errno;
   if (!S_ISREG(status.st_mode)) return EACCES;
-  if (Uninterrupted([&] { return flock(file.Number(), LOCK_EX | LOCK_NB); }) != 0) return errno;
+  if (const int error = file.Lock(); error != 0) return error;
 
   // Between open and lock, the holder of that time may have renamed another file over this one or
   // deleted it; what we locked then has no name.
@@ -129,7 +129,20 @@ const char* ParentOf(const char* path, char (&buffer)[PATH_MAX]) {
 // The descriptor is released whatever close(2) returns, and the call is not repeated after EINTR:
 // the number may be another thread's by then. What must not be lost has been synced before.
 FileDescriptor::~FileDescriptor() {
-  if (IsOpen()) close(number_);
+  if (!IsOpen()) return;
+
+  if (IsLockedHere()) flock(number_, LOCK_UN);
+  close(number_);
+}
+
+int FileDescriptor::Lock() {
+  if (Uninterrupted([&] { return flock(number_, LOCK_EX | LOCK_NB); }) != 0) return errno;
+  locker_ = GetCurrentProcessId();
+  return 0;
+}
+
+bool FileDescriptor::IsLockedHere() const {
+  return locker_ == GetCurrentProcessId();
 }
 
 FileDescriptor Open(const char* path, int flags) {

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <mutex>
 #include <utility>
 
 #include "platform/Win32.h"
@@ -17,6 +18,13 @@
 namespace platform {
 
 static_assert(sizeof(off_t) == 8, "build with -D_FILE_OFFSET_BITS=64");
+
+// ---- Forks ----
+
+// The mutexes of this layer. A fork waits for all of them, so that the child finds them free: the
+// threads that could release them exist in the parent alone.
+enum class Guarded { Files, Listings, Memory, Callbacks, Records, Count };
+std::mutex& MutexOf(Guarded what);
 
 // ---- Errors ----
 
@@ -59,9 +67,11 @@ constexpr bool IsReadOnly(mode_t mode) {
 class FileDescriptor {
  public:
   explicit FileDescriptor(int number = -1) : number_(number) {}
-  FileDescriptor(FileDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  FileDescriptor(FileDescriptor&& other) noexcept
+      : number_(std::exchange(other.number_, -1)), locker_(other.locker_) {}
   FileDescriptor& operator=(FileDescriptor other) noexcept {
     std::swap(number_, other.number_);
+    std::swap(locker_, other.locker_);
     return *this;
   }
   ~FileDescriptor();
@@ -69,8 +79,16 @@ class FileDescriptor {
   bool IsOpen() const { return number_ >= 0; }
   int Number() const { return number_; }
 
+  // Returns 0 or an errno value, EAGAIN for a file that another descriptor has locked. The lock
+  // ends when the process that took it destroys the descriptor, although children that it has
+  // forked meanwhile go on with copies of it.
+  int Lock();
+  // True if this process took the lock.
+  bool IsLockedHere() const;
+
  private:
   int number_;
+  DWORD locker_ = 0;  // process
 };
 
 // Makes a system call until no signal interrupts it.
@@ -88,13 +106,16 @@ FileDescriptor Open(const char* path, int flags);
 
 // Opens a regular file and locks it: share mode 0 on a system whose files are shared. The lock is
 // advisory and on the open file description (flock(2)). It excludes every other opener that comes
-// through here, in this process or another, and ends with the process.
+// through here, in this process or another, and ends with the descriptor.
 //
 // flags: O_RDONLY, O_WRONLY or O_RDWR, and O_CREAT with or without O_EXCL. Never waits. Creates
 // nothing at the end of a symbolic link: what it leads to may be on a disk that is not mounted.
 // EAGAIN: another opener has the file. EACCES: not a regular file, or writing to a read-only one.
 // On failure the state of `file` is undefined.
 int OpenExclusively(const char* path, int flags, FileDescriptor& file);
+
+// Whether this process has opened the file that path leads to, through CreateFileW, and holds it.
+bool IsHeldHere(const char* path);
 
 int SyncData(const FileDescriptor& file);
 

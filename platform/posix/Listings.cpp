@@ -11,7 +11,7 @@ namespace {
 static_assert(sizeof(WIN32_FIND_DATAW) == 592 && offsetof(WIN32_FIND_DATAW, cFileName) == 44,
               "Win32's own layout");
 
-constinit platform::HandleTable<DIR, 0x80000000U, 256> listings;
+constinit platform::HandleTable<DIR, 0x80000000U, 256, platform::Guarded::Listings> listings;
 
 // A symbolic link is listed as a plain file, wherever it leads, so that deleting a tree deletes the
 // link and not what is behind it.

@@ -11,6 +11,10 @@
 
 #include "blobring/host.h"
 #include "platform/MemoryManager.h"
+#include "platform/posix/Kernel.h"
+
+using platform::Guarded;
+using platform::MutexOf;
 
 namespace {
 
@@ -22,7 +26,6 @@ struct alignas(std::max_align_t) Head {
 };
 
 struct Manager {
-  std::mutex mutex;
   std::uint32_t accountCount;
   Account accounts[BLOBRING_HOST_MEMORY_ACCOUNT_COUNT];
   Account total;
@@ -53,7 +56,7 @@ int MemoryManager::Alloc(void** out, unsigned long size, unsigned long pool, Lif
   auto* head = fits ? static_cast<Head*>(std::malloc(sizeof(Head) + size)) : nullptr;
   *out = head == nullptr ? nullptr : head + 1;
 
-  const std::lock_guard lock(manager.mutex);
+  const std::lock_guard lock(MutexOf(Guarded::Memory));
   Account& own = AccountOf(pool, tag);
   if (head != nullptr) *head = {&own, size};
   for (Account* account : {&own, &manager.total}) {
@@ -73,7 +76,7 @@ int MemoryManager::Free(void* block) {
   if (block == nullptr) return 0;
   Head* head = static_cast<Head*>(block) - 1;
   {
-    const std::lock_guard lock(manager.mutex);
+    const std::lock_guard lock(MutexOf(Guarded::Memory));
     for (Account* account : {head->account, &manager.total}) {
       --account->liveBlocks;
       account->liveBytes -= head->size;
@@ -91,13 +94,13 @@ TesselMemoryManager* TesselMemoryManager::GetInstance(unsigned int /*kind*/) {
 }  // namespace Vell::Common::System::OS::Memory
 
 uint32_t BlobringHostMemoryByTag(BlobringHostMemoryUse* accounts, uint32_t capacity) {
-  const std::lock_guard lock(manager.mutex);
+  const std::lock_guard lock(MutexOf(Guarded::Memory));
   std::copy_n(manager.accounts, std::min(capacity, manager.accountCount), accounts);
   return manager.accountCount;
 }
 
 void BlobringHostMemoryTotal(BlobringHostMemoryUse* total) {
-  const std::lock_guard lock(manager.mutex);
+  const std::lock_guard lock(MutexOf(Guarded::Memory));
   *total = manager.total;
   total->pool = total->tag = BLOBRING_HOST_MEMORY_OTHERS;
 }

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "platform/Win32.h"
+#include "platform/posix/Kernel.h"
 
 namespace {
 
@@ -13,17 +13,36 @@ struct Ids {
   DWORD thread, process;
 };
 constinit thread_local Ids cached{};  // zeros until asked for
+constinit std::mutex mutexes[static_cast<std::size_t>(platform::Guarded::Count)];
 
-// The child of a fork runs a copy of the calling thread under other ids. The C library forgets the
-// handler when this library is unloaded.
+void Lock() {
+  for (std::mutex& mutex : mutexes) mutex.lock();
+}
+void Unlock() {
+  for (std::mutex& mutex : mutexes) mutex.unlock();
+}
+
+// The child of a fork runs a copy of the calling thread under other ids.
+void UnlockInChild() {
+  Unlock();
+  cached = {};
+}
+
+// False until this file is initialised. The C library forgets the handlers when this library is
+// unloaded.
+const bool isToldOfForks = pthread_atfork(Lock, Unlock, UnlockInChild) == 0;
+
 Ids CurrentIds() {
-  static const bool isToldOfForks = pthread_atfork(nullptr, nullptr, [] { cached = {}; }) == 0;
   if (cached.process == 0 || !isToldOfForks)
     cached = {static_cast<DWORD>(gettid()), static_cast<DWORD>(getpid())};
   return cached;
 }
 
 }  // namespace
+
+std::mutex& platform::MutexOf(Guarded what) {
+  return mutexes[static_cast<std::size_t>(what)];
+}
 
 DWORD GetCurrentThreadId() {
   return CurrentIds().thread;

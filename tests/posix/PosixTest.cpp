@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
@@ -209,7 +210,15 @@ TEST_F(Posix, AFileIsHeldByItsOpenerWhateverTheName) {
   GetFileInformationByHandle(query, &held);
   GetFileInformationByHandle(stranger, &other);
   EXPECT_NE(held.nFileIndexLow, other.nFileIndexLow);
-  EXPECT_EQ(CloseHandle(query) + CloseHandle(stranger) + CloseHandle(file), 3);
+  EXPECT_EQ(CloseHandle(query) + CloseHandle(stranger), 2);
+
+  // Who has both may replace one by the other, and has the name all the time.
+  const HANDLE second = Open("other");
+  EXPECT_EQ(InChild([] { return Do("replace other b") ? 1 : 0; }), 0);
+  Expect({{"replace other b"}, {"open b", ERROR_SHARING_VIOLATION}});
+  EXPECT_EQ(Contents("b") + Contents("a"), "otherheld");
+  EXPECT_EQ(CloseHandle(second) + CloseHandle(file), 2);
+  Put("other", "other");
 
   // The name is given to another file, or to none, between open and lock.
   for (const auto& change : {+[] { rename("other", "a"); }, +[] { unlink("a"); }}) {
@@ -410,6 +419,46 @@ TEST(Host, TakesMessagesWholeOrFindsThemOnStandardError) {
             "Blobring error: a sharing violation of x retry 0\n"
             "Blobring error: two lines of 100%" +
                 longText + "\nBlobring error: fatal error 0x49380D at File line 20\n");
+}
+
+// Fork takes place while other threads use what the child needs.
+TEST_F(Posix, AForkedChildFindsNoLockAndTakesNoneAway) {
+  std::atomic<bool> isOver = false;
+  const auto use = [] {
+    BlobringHostMemoryUse all;
+    BlobringHostMemoryTotal(&all);
+    BlobringHostSetRawSink(nullptr, nullptr);
+    uint32_t position = 0;
+    BlobringHostReadEvents(&position, nullptr, 0, nullptr);
+    WIN32_FIND_DATAW entry;
+    return FindClose(FindFirstFileW(u"./*.*", &entry)) + CloseHandle(INVALID_HANDLE_VALUE);
+  };
+  const HANDLE held = Open("a"), closed = Open("b");
+  std::thread threads[3];
+  for (std::thread& thread : threads)
+    thread = std::thread([&] {
+      while (!isOver) use();
+    });
+  for (int i = 0; i < 50; ++i)
+    EXPECT_EQ(InChild([&] {
+                alarm(20);  // ends one that waits
+                const int done = use() + FlushFileBuffers(held) + CloseHandle(held);
+                // An error of fdatasync(2) is reported once: to the parent.
+                return Taken().empty() ? done : 0;
+              }),
+              3);
+  isOver = true;
+  for (std::thread& thread : threads) thread.join();
+  Expect({{"open a", ERROR_SHARING_VIOLATION}});
+  int end[2];
+  ASSERT_EQ(pipe(end), 0);
+  const pid_t child = fork();
+  if (child == 0) _exit(read(end[0], end, 1) == 1 ? 0 : 1);
+  CloseHandle(closed);
+  Expect({{"open b"}});
+  EXPECT_EQ(write(end[1], "x", 1), 1);
+  waitpid(child, nullptr, 0);
+  CloseHandle(held);
 }
 
 TEST(Host, ReadsRecordsInOrderAndCountsTheLostOnes) {

@@ -216,6 +216,22 @@ TEST(Repack, NamesABlobOfAWrongHashWhichCanBeHealed) {
   }
 }
 
+TEST(Repack, ARenameThatFailsIsSaidAndBlamesNoBlob) {
+  for (const sim::Fault fault : {sim::Fault::Error, sim::Fault::DoneButFailed}) {
+    FreshMachine();
+    {
+      const OpenedStore store;
+      ASSERT_TRUE(store.Commit(1, {"blob"}));
+      sim::Files().FailCallOf(sim::Call::MoveFile, 1, fault);
+      EXPECT_EQ(BCRepack(store.index), 0);
+      EXPECT_EQ(Diagnostics().Text().find("corrupt"), std::string::npos);
+      EXPECT_EQ(LastErrorOf(store.index).find("FileSystem::MoveFile error /s/0.pak.new"), 0U);
+      EXPECT_FALSE(Exists("/s/0.pak.new"));
+    }
+    EXPECT_TRUE(OpenedStore().Has("blob"));
+  }
+}
+
 // After the load, the first record changes.
 TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
   const struct {

@@ -122,7 +122,7 @@ BOOL Move(const WCHAR* from, const WCHAR* to, bool replace) {
   const int moved = disk.Lookup(source), replaced = disk.Lookup(target);
   if (moved == kNoInode) return machine.Fail(ERROR_FILE_NOT_FOUND);
   if (!replace && replaced != kNoInode) return machine.Fail(ERROR_ALREADY_EXISTS);
-  if (machine.IsHeld(moved) || (replaced != kNoInode && machine.IsHeld(replaced)))
+  if (machine.IsHeld(moved) != (replaced != kNoInode && machine.IsHeld(replaced)))
     return machine.Fail(ERROR_SHARING_VIOLATION);
   machine.Watch();
   disk.Rename(source, target);
