@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <string_view>
 
 #include "md5/MD5.h"
@@ -112,22 +113,17 @@ void DumpBlob(RawBuffer const* b) {
   if (g_TraceDeviceRaw == 0) TraceDeviceFind(u"LogFile", &g_TraceDeviceRaw);
   if (g_TraceDeviceRaw == 0) return;
 
-  // Grows, never shrinks, and lives for the process: dumps come in rows of alike sizes.
-  static char* line = nullptr;
-  static std::size_t capacity = 0;
-  const std::uint64_t least = 2 * (std::uint64_t{b->size} + 128) + 1;
-  if (capacity < least) {
-    std::free(line);
-    capacity = static_cast<std::size_t>(least) + 128;
-    line = static_cast<char*>(std::malloc(capacity));
-    if (line == nullptr) capacity = 0;
-  }
-  if (line == nullptr || capacity < least) return;
+  // One for each dump: two threads may dump at a time.
+  const std::uint64_t needed = 2 * (std::uint64_t{b->size} + 128) + 129;
+  const auto capacity = static_cast<std::size_t>(needed);
+  const std::unique_ptr<char, void (*)(void*)> buffer(
+      capacity == needed ? static_cast<char*>(std::calloc(capacity, 1)) : nullptr, std::free);
+  char* const line = buffer.get();
+  if (line == nullptr) return;
 
-  constexpr std::size_t kMostCapacity = std::numeric_limits<std::uint32_t>::max();
-  std::memset(line, 0, capacity);
+  constexpr std::uint64_t kMostCapacity = std::numeric_limits<std::uint32_t>::max();
   const int header = TraceFormatHeader(
-      line, static_cast<std::uint32_t>(std::min(capacity, kMostCapacity)), 3, 0, "BlobController");
+      line, static_cast<std::uint32_t>(std::min(needed, kMostCapacity)), 3, 0, "BlobController");
   const std::size_t body = kTitle.size() + 2 * std::size_t{b->size};
   if (header < 1 || static_cast<std::size_t>(header) + body > capacity) return;
 

@@ -53,6 +53,7 @@ SalvageFile::SalvageFile(const std::string& path)
 }
 
 void SalvageFile::Read(uint64_t offset, unsigned char* to, size_t size) {
+  if (size == 0) return;  // `to` may be null
   if (offset >= windowBegin_ && offset + size <= windowBegin_ + window_.size())
     std::copy_n(&window_[offset - windowBegin_], size, to);
   else

@@ -84,11 +84,9 @@ constinit Callback<BlobringHostExceptionHandler> exceptionHandler;
 constinit Ring<BlobringHostEvent> events;
 constinit Ring<BlobringHostNumericRecord> numericRecords;
 
-// A held file is tried again and again, each time with a message.
-bool IsAnotherRetry(std::string_view text) {
-  const std::size_t at = text.rfind(" retry ");
-  return at != text.npos && text.find(" sharing violation ") != text.npos &&
-         text.substr(at) != " retry 0";
+// A held file is tried again and again, each time with a message. One before them says it.
+bool IsRetry(std::string_view text) {
+  return text.find(" sharing violation ") != text.npos && text.find(" retry ") != text.npos;
 }
 
 // One write for the whole line, so that lines of several writers do not mix. Line breaks in the
@@ -112,7 +110,7 @@ __attribute__((format(printf, 3, 0))) void Report(int level, const char* source,
     text[--length] = '\0';
   if (const auto [sink, context] = traceSink.Get(); sink != nullptr) {
     sink(context, level, source, text);
-  } else if (level == BLOBRING_HOST_ERROR && !IsAnotherRetry(text)) {
+  } else if (level == BLOBRING_HOST_ERROR && !IsRetry(text)) {
     WriteErrorLine(text, static_cast<std::size_t>(length));
   }
   std::free(text);

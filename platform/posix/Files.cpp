@@ -99,6 +99,9 @@ HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD /*shareMode*/,
   const platform::PathName name(path);
   std::unique_ptr<OpenFile> file(new (std::nothrow) OpenFile);
   int error = file == nullptr ? ENOMEM : name.error;
+  if (creationDisposition != CREATE_NEW && creationDisposition != OPEN_EXISTING &&
+      creationDisposition != OPEN_ALWAYS)
+    error = EINVAL;
   if (error == 0) {
     file->access = desiredAccess;
     error = OpenInto(*file, name.bytes, creationDisposition);
@@ -146,8 +149,9 @@ DWORD SetFilePointer(HANDLE file, LONG distance, LONG* /*distanceHigh*/, DWORD m
   OpenFile* open = files.Find(file);
   if (open == nullptr) return INVALID_SET_FILE_POINTER;
   const off_t target = (moveMethod == FILE_CURRENT ? open->position : 0) + distance;
-  if (target < 0 || target >= INVALID_SET_FILE_POINTER) {
-    platform::SetLastError(target < 0 ? ERROR_NEGATIVE_SEEK : ERROR_INVALID_PARAMETER);
+  const bool isKnown = moveMethod == FILE_BEGIN || moveMethod == FILE_CURRENT;
+  if (!isKnown || target < 0 || target >= INVALID_SET_FILE_POINTER) {
+    platform::SetLastError(isKnown && target < 0 ? ERROR_NEGATIVE_SEEK : ERROR_INVALID_PARAMETER);
     return INVALID_SET_FILE_POINTER;
   }
   open->position = target;

@@ -136,7 +136,11 @@ FileDescriptor::~FileDescriptor() {
 }
 
 int FileDescriptor::Lock() {
-  if (Uninterrupted([&] { return flock(number_, LOCK_EX | LOCK_NB); }) != 0) return errno;
+  const auto lock = [this](int kind) {
+    return Uninterrupted([=, this] { return flock(number_, kind | LOCK_NB); });
+  };
+  // NFS grants an exclusive lock to writers alone (flock(2)). A reader's then keeps out these.
+  if (lock(LOCK_EX) != 0 && (errno != EBADF || lock(LOCK_SH) != 0)) return errno;
   locker_ = GetCurrentProcessId();
   return 0;
 }

@@ -416,9 +416,8 @@ TEST(Host, TakesMessagesWholeOrFindsThemOnStandardError) {
   testing::internal::CaptureStderr();
   report();
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Blobring error: a sharing violation of x retry 0\n"
-            "Blobring error: two lines of 100%" +
-                longText + "\nBlobring error: fatal error 0x49380D at File line 20\n");
+            "Blobring error: two lines of 100%" + longText +
+                "\nBlobring error: fatal error 0x49380D at File line 20\n");
 }
 
 // Fork takes place while other threads use what the child needs.
