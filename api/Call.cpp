@@ -27,9 +27,16 @@ Call::Call(const char* callName) : name_(callName), outerCalls_(callDepth++) {
   if (outerCalls_ == 0) OfThread().Begin();
 }
 
-Call::~Call() {
+void Call::End() {
   callDepth = outerCalls_;
   if (outerCalls_ == 0) SendTo(nullptr);
+}
+
+// Code and text, and no message: the call's result is no failure.
+void Call::NoteIfNotLoaded() const {
+  if (store_->IsLoaded()) return;
+  trace::NoteCause(Failure(FailureCode::Closed));
+  trace::NoteLine(false, "%s: the store is not loaded", name_);
 }
 
 bool Call::MayChangeRegistry() {
@@ -65,9 +72,12 @@ bool Call::Refuse(FailureCode code, const std::string& text) {
 void Call::Report(const Handler& handler, const std::exception& e) const {
   trace::NoteCause(e);
   if (handler.errorId != 0) RTTrace_1(handler.errorId, Word(index_));
-  const bool hasHash = handler.hash != nullptr;
-  trace::api.WriteWarnV("%s%s%s%s", handler.prefix, e.what(), hasHash ? handler.separator : "",
-                        hasHash ? ToHash(handler.hash).toString() : "");
+  try {
+    std::string text = std::string(handler.prefix) + e.what();
+    if (handler.hash != nullptr) text += handler.separator + ToHash(handler.hash).toString();
+    trace::api.WriteWarnV("%s", text);
+  } catch (const std::bad_alloc&) {  // the message is lost, its code is not
+  }
 }
 
 }  // namespace api

@@ -50,7 +50,7 @@ class Call {
   explicit Call(const char* callName);
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
-  ~Call();
+  ~Call() { End(); }
 
   // False, after a message, if the call is refused.
   explicit operator bool() const { return !refused_; }
@@ -84,8 +84,31 @@ class Call {
     }
   }
 
-  // The calls around this one count as ended, whether they return or not.
-  void EndOuterCalls() { outerCalls_ = 0; }
+  // Before a function of the host's that may not return: this call, or those around it and a check
+  // in them, count as ended.
+  void End();
+  void EndOuterCalls() {
+    outerCalls_ = 0;
+    BlobController::ForgetCheck();
+  }
+
+  // For a call whose result says the same of an empty store and of one that is not loaded.
+  void NoteIfNotLoaded() const;
+
+  // Runs work. What it throws reaches the caller, and memory that cannot be had as the store's own
+  // failure.
+  template <class Work>
+  static auto Pass(Work work) {
+    try {
+      return work();
+    } catch (const std::bad_alloc& e) {
+      trace::NoteCause(e);
+      pooled::ThrowNoMemory();
+    } catch (const std::exception& e) {
+      trace::NoteCause(e);
+      throw;
+    }
+  }
 
  private:
   void Report(const Handler& handler, const std::exception& e) const;

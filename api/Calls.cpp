@@ -114,7 +114,7 @@ namespace {
 // Narrows a path. False, after a message, if it is null or a unit's low byte would end it.
 bool Narrow(Call& call, const char* argument, const char16_t* given, std::string& path) {
   if (!call.Has(argument, given)) return false;
-  path = FileSystem::ConvertString(given);
+  path = Call::Pass([&] { return FileSystem::ConvertString(given); });
   return path.find('\0') == path.npos ||
          call.Refuse(FailureCode::Argument,
                      std::string(argument) + " has a unit whose low byte is 0");
@@ -126,7 +126,7 @@ int BCInitialize(const char16_t* given) {
   Call call("BCInitialize");
   std::string path;
   if (!call.MayChangeRegistry() || !Narrow(call, "path", given, path)) return -1;
-  return Initialize(path);
+  return Call::Pass([&] { return Initialize(path); });
 }
 
 int BCAddPackDir(int index, const char16_t* given) {
@@ -135,8 +135,7 @@ int BCAddPackDir(int index, const char16_t* given) {
   if (!Narrow(call, "dir", given, dir)) return 0;
   const auto require = [&] { return call.Store().RequireSlotsOpen(), 1; };
   if (call.Catch({"BCAddPackDir: "}, 0, require) == 0) return 0;
-  AddPackDir(index, dir);
-  return 1;
+  return Call::Pass([&] { return AddPackDir(index, dir), 1; });
 }
 
 int BCSetDamagePolicy(int index, int policy) {
@@ -150,8 +149,8 @@ int BCSetDamagePolicy(int index, int policy) {
 }
 
 int BCLoad(int index) {
-  const Call call("BCLoad", index);
-  return call ? Load(index) : 0;
+  Call call("BCLoad", index);
+  return call ? call.Catch({"BCLoad threw an exception:"}, 0, [&] { return Load(index); }) : 0;
 }
 
 int BCShutdown(int index, bool flag) {
@@ -313,6 +312,7 @@ int BCGetSizeInt(int index, unsigned char* hash) {
   if (!call.Has("hash", hash)) return BLOBRING_SIZE_FAILED;
   return call.Catch({"BCGetSize threw an exception:", 0x0F000276}, BLOBRING_SIZE_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGetSize, hash);
+    call.NoteIfNotLoaded();
     return call.Store().GetBlobSize(api::ToHash(hash));
   });
 }
@@ -331,9 +331,12 @@ int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
     const bool found = call.Store().GetBlob(pair);
     if (found && pair.buffer.size == Word(size)) return BLOBRING_FETCHED;
     // A caller that asks for what is not there, or by another size, has lost track of its store.
-    trace::api.WriteWarnV("GetBlob assert error: buffer size = %u request size = %d",
-                          pair.buffer.size, size);
+    call.NoteIfNotLoaded();
+    trace::api.CaughtWarnV(
+        Failure(found ? FailureCode::Argument : FailureCode::NotFound), "%s",
+        Text("GetBlob assert error: buffer size = ", pair.buffer.size, " request size = ", size));
     call.Store().Fsck();
+    call.End();
     RaiseException(trace::kFaultCode, 0, 0, nullptr);
     return found ? BLOBRING_FETCHED : BLOBRING_NOT_FOUND;
   });
@@ -386,6 +389,7 @@ int BCGetAllBlobHashesResetInt(int index) {
   return call.Catch({"BCGetAllBlobHashesReset thew an exception:", 0x0F00027F}, 0, [&] {
     RTTrace_1(0x2F00027E, Word(index));
     trace::WriteEvent(trace::kEventEnumerateReset, 0);
+    call.NoteIfNotLoaded();
     return call.Store().ResetHashCursor();
   });
 }
@@ -400,6 +404,7 @@ int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
   return call.Catch({"BCGetAllBlobHashes threw an exception", 0x0F000282}, 0, [&] {
     RTTrace_2(0x4F000281, Word(index), Word(traceArg));
     trace::WriteEvent(trace::kEventEnumerate, 0);
+    call.NoteIfNotLoaded();
     return call.Store().NextHash(hash);
   });
 }
@@ -408,7 +413,8 @@ int BCFsck(int index) {
   const Call call("BCFsck", index);
   if (!call) return 0;
   trace::api.notes.WriteWarnV("BCFsck index = %d", index);
-  return call.Store().Fsck();
+  call.NoteIfNotLoaded();
+  return Call::Pass([&] { return call.Store().Fsck(); });
 }
 
 int BCCheck(int index) {

@@ -1,6 +1,6 @@
-// The last failure: the lines of the last call that traced any, joined by line ends, and its code.
-// The first lines are kept where there is no room for all, since the cause comes before what
-// followed from it.
+// The last failure: its cause in a few words, unless the lines say it, then the lines of the last
+// call that traced any, joined by line ends, and its code. The first lines are kept where there is
+// no room for all, since the cause comes before what followed from it.
 //
 // Every open store has one, and every thread, for calls without a store. A call says at its start
 // whose it is.
@@ -23,13 +23,14 @@ class FailureText {
   // Counts once in a call: the first code is the cause's.
   void SetCode(FailureCode failureCode);
 
-  std::string_view Text() const { return {text, length}; }
+  std::string_view Text() const;
   FailureCode Code() const { return code; }
 
  private:
   void StartOver();
 
   bool startsOver = true;
+  bool hasLines = false;
   FailureCode code = FailureCode::None;
   std::size_t length = 0;
   char text[kCapacity] = {};

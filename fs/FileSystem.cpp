@@ -105,10 +105,10 @@ std::string FileSystem::AbsolutePath(const std::string& path) {
 bool FileSystem::Exists(const std::string& path) {
   const HANDLE handle = ::CreateFileW(ConvertString(path).c_str(), 0, 0, nullptr, OPEN_EXISTING,
                                       FILE_ATTRIBUTE_NORMAL, 0);
-  if (handle == INVALID_HANDLE_VALUE)
-    return GetLastError() != ERROR_FILE_NOT_FOUND && GetLastError() != ERROR_PATH_NOT_FOUND;
-  CloseHandle(handle);
-  return true;
+  if (handle != INVALID_HANDLE_VALUE) return CloseHandle(handle) != 0;
+  const DWORD code = GetLastError();
+  if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) return false;
+  throw Failure(FailureOf(code), WithCode("FileSystem::Exists error " + path, code));
 }
 
 HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess,
@@ -121,6 +121,9 @@ HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess,
     if (handle != INVALID_HANDLE_VALUE) return handle;
     code = GetLastError();
     if (code != ERROR_SHARING_VIOLATION) break;
+    if (retry == 0)
+      trace::fileSystem.notes.WriteErrorV("another opener has %s, waiting for half a second",
+                                          path.c_str());
     trace::fileSystem.notes.WriteErrorV("FileSystem::CreateFile sharing violation file %s retry %d",
                                         path.c_str(), retry);
     Sleep(kSharingDelayMs);

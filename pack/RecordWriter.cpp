@@ -178,7 +178,6 @@ void RecordWriter::Committed() {
 
 void RecordWriter::NotCommitted() {
   gather.Truncate(header.endOffset);
-  blankEnd = 0;          // what was written ahead may not be there
   beganInBlank = false;  // [C4]
 }
 

@@ -33,6 +33,9 @@ class BLOBRING_EXPORT BlobStoreBase {
 
 namespace pooled {
 
+// Throws Failure("Unable to allocate memory"), which takes no memory itself.
+[[noreturn]] void ThrowNoMemory();
+
 // Throws std::runtime_error("Unable to allocate memory").
 void* Acquire(std::size_t size, unsigned pool, unsigned tag);
 

@@ -22,6 +22,7 @@ enum class FailureCode : int {
   Memory = 9,
   ReadOnly = 10,  // the store was opened for reading
   Refused = 11,   // not now: the message says why
+  NotFound = 12,  // no such blob, file or directory
 };
 
 class Failure : public std::runtime_error {
@@ -42,6 +43,9 @@ inline FailureCode CodeOf(const std::exception& e) {
 // The failure that a platform error code stands for.
 inline FailureCode FailureOf(DWORD systemCode) {
   switch (systemCode) {
+    case ERROR_FILE_NOT_FOUND:
+    case ERROR_PATH_NOT_FOUND:
+      return FailureCode::NotFound;
     case ERROR_SHARING_VIOLATION:
       return FailureCode::Held;
     case ERROR_DISK_FULL:

@@ -32,17 +32,6 @@ BLOBRING_FIRST Source fileSystem("BlobController");
 
 namespace {
 
-// Formats a line of a failure and adds it to the text of the failure. Null without memory; else the
-// caller frees it.
-__attribute__((format(printf, 2, 0))) char* Line(int isError, const char* format,
-                                                 std::va_list arguments) {
-  char* line = nullptr;
-  if (vasprintf(&line, format, arguments) < 0) return nullptr;
-  Note(line);
-  DTRACE_PROBE2(blobring, failure, line, isError);
-  return line;
-}
-
 std::uint32_t BigEndianWord(const unsigned char* bytes) {
   return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
          std::uint32_t{bytes[2]} << 8 | bytes[3];
@@ -59,21 +48,15 @@ std::uint32_t HashRecordId(Event kind) {
 
 }  // namespace
 
-void Source::Warn(const char* format, ...) {
+void NoteLine(bool isError, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  char* line = Line(0, format, arguments);
+  char* line = nullptr;
+  const int length = vasprintf(&line, format, arguments);
   va_end(arguments);
-  if (line != nullptr) notes.WriteWarnV("%s", line);
-  std::free(line);
-}
-
-void Source::Error(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  char* line = Line(1, format, arguments);
-  va_end(arguments);
-  if (line != nullptr) notes.WriteErrorV("%s", line);
+  if (length < 0) return;
+  Note(line);
+  DTRACE_PROBE2(blobring, failure, line, static_cast<int>(isError));
   std::free(line);
 }
 

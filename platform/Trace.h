@@ -26,7 +26,7 @@ namespace trace {
 void FormatDoesNotMatchItsValues();
 
 // A printf(3) format and, at compile time, the proof that its conversions take the values that are
-// passed with it: %d and %u any integer of up to 32 bits, %s texts, %p pointers.
+// passed with it: %d any integer of up to 32 bits, %s texts, %p pointers.
 template <class... Values>
 struct Format {
   // NOLINTNEXTLINE(google-explicit-constructor): stands for the literal
@@ -34,7 +34,7 @@ struct Format {
     constexpr std::array<char, sizeof...(Values) + 1> kWanted = {ConversionOf<Values>()..., '\0'};
     std::size_t next = 0;
     for (const char* c = literal; *c != '\0'; ++c) {
-      if (*c == '%' && (*++c == 'u' ? 'd' : *c) != kWanted[next++]) FormatDoesNotMatchItsValues();
+      if (*c == '%' && *++c != kWanted[next++]) FormatDoesNotMatchItsValues();
     }
     if (next != sizeof...(Values)) FormatDoesNotMatchItsValues();
   }
@@ -60,39 +60,43 @@ inline const char* ToPrint(const std::string& text) {
   return text.c_str();
 }
 
-// A source of text lines. Warnings and errors are also part of the text of the last failure. A line
-// for which there is no memory is lost.
+// Adds a line to the text of the last failure, unless there is no memory for it.
+void NoteLine(bool isError, const char* format, ...);
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"  // Format has proved more
+// A source of text lines. Formats reach the platform as they stand. Warnings and errors are also
+// part of the text of the last failure.
 class Source {
  public:
   explicit Source(const char* name) : notes(name) {}
 
   template <class... Values>
   void WriteWarnV(FormatFor<Values...> format, const Values&... values) {
-    Warn(format.text, ToPrint(values)...);
+    NoteLine(false, format.text, ToPrint(values)...);
+    notes.WriteWarnV(format.text, ToPrint(values)...);
   }
   template <class... Values>
   void WriteErrorV(FormatFor<Values...> format, const Values&... values) {
-    Error(format.text, ToPrint(values)...);
+    NoteLine(true, format.text, ToPrint(values)...);
+    notes.WriteErrorV(format.text, ToPrint(values)...);
   }
 
   // The message of a failure that was caught, whose code goes with it.
   template <class... Values>
   void CaughtWarnV(const std::exception& e, FormatFor<Values...> format, const Values&... values) {
     NoteCause(e);
-    Warn(format.text, ToPrint(values)...);
+    WriteWarnV<Values...>(format, values...);
   }
   template <class... Values>
   void CaughtErrorV(const std::exception& e, FormatFor<Values...> format, const Values&... values) {
     NoteCause(e);
-    Error(format.text, ToPrint(values)...);
+    WriteErrorV<Values...>(format, values...);
   }
 
   VellTrace notes;  // for lines that tell of no failure
-
- private:
-  void Warn(const char* format, ...);
-  void Error(const char* format, ...);
 };
+#pragma GCC diagnostic pop
 
 extern Source api;
 extern Source engine;  // BlobPair::isValid writes here, too

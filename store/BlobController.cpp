@@ -127,9 +127,10 @@ bool BlobController::Shutdown(bool) {
 bool BlobController::DeleteFiles() {
   enumerating = false;
   loaded = false;
-  RefuseChanges(
-      FailureCode::Closed,
-      "the files of the store were erased, no change is accepted until it is opened again");
+  if (!packFiles.empty())
+    RefuseChanges(
+        FailureCode::Closed,
+        "the files of the store were erased, no change is accepted until it is opened again");
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();

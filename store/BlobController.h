@@ -126,6 +126,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // this thread is already running a check. Throws "Unable to allocate memory".
   bool Fsck();
 
+  // For a check that a jump has left: the next one on this thread runs again.
+  BLOBRING_HIDDEN static void ForgetCheck() noexcept;
+
   // Fsck with progress. Stopped: no fault so far. Throws also if a check is running or the store is
   // not loaded.
   enum class Checked { Sound, Faulty, Stopped };
@@ -203,7 +206,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
   template <class Write>
   BLOBRING_HIDDEN bool StoreWith(BlobPair const& blob, Write write);
-  BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const std::string& reason);
+  BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const char* reason);
   BLOBRING_HIDDEN void RequireOpener() const;
   BLOBRING_HIDDEN void RequireChangeable() const;
   BLOBRING_HIDDEN void RequireFirstSlotCurrent();
@@ -252,7 +255,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool readOnly = false;
   // Why no change is accepted; None: changes are.
   FailureCode refusal = FailureCode::None;
-  std::string refusalReason;
+  const char* refusalReason = "";
+  std::string lossReason;  // what a load could not keep, and why
   const DWORD openerProcess;
 };
 

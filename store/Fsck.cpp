@@ -34,6 +34,10 @@ BlobController::Sizes BlobController::SizesOf() const {
   return sizes;
 }
 
+void BlobController::ForgetCheck() noexcept {
+  checkRunning = false;
+}
+
 bool BlobController::Fsck() {
   return checkRunning || CheckAll(ProgressCall{}) == Checked::Sound;
 }

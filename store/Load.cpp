@@ -57,7 +57,8 @@ void BlobController::LoadFiles() {
     if (readOnly) throw Failure(FailureCode::Damaged, "no valid Pak files");
     if (damagePolicy == DamagePolicy::Erase) {
       DeleteFiles();
-      trace::engine.WriteErrorV(
+      trace::engine.CaughtErrorV(
+          Failure(packFiles.empty() ? FailureCode::Refused : FailureCode::Damaged),
           "BlobController::Load no valid Pak files, reseting all files.  All data is lost");
       return;
     }
@@ -193,9 +194,9 @@ bool BlobController::SetAside(BlobFile& journal) {
     return true;
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    const std::string reason = "what " + journal.path + " loses cannot be kept: " + e.what();
-    trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", reason);
-    RefuseChanges(CodeOf(e), reason);
+    lossReason = "what " + journal.path + " loses cannot be kept: " + e.what();
+    trace::engine.WriteErrorV("BlobController::Load %s, no change is accepted", lossReason);
+    RefuseChanges(CodeOf(e), lossReason.c_str());
     return false;
   }
 }

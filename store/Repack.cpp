@@ -114,7 +114,8 @@ bool BlobController::Repack() {
     journalFiles[repackSlot]->SetSequence(
         journalFiles[repackSlot] == curJournal ? seq : format::kSequenceReset);
     DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
-    trace::engine.WriteWarnV("BlobController::Repack() stopped: the store is open and as it was");
+    trace::engine.CaughtWarnV(Failure(FailureCode::Refused),
+                              "BlobController::Repack() stopped: the store is open and as it was");
     return false;
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(e, "BlobController::Repack() threw an exception %s", e.what());

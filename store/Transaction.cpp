@@ -17,7 +17,7 @@ bool BlobController::InDoubt() const {
   return (curJournal && curJournal->InDoubt()) || (curPack && curPack->InDoubt());
 }
 
-void BlobController::RefuseChanges(FailureCode code, const std::string& reason) {
+void BlobController::RefuseChanges(FailureCode code, const char* reason) {
   // Says more than what comes later, until the store is closed.
   if (refusal == FailureCode::ReadOnly && code != FailureCode::Closed) return;
   refusal = code;

@@ -113,8 +113,7 @@ BLOBRING_API int BCOpen(const char* directory, const BCOptions* options);
 
 /*
  * Sets the callback for loads, BCCheck and BCRepack of this store; null for
- * none. `context` must remain valid while it is set. With a callback, a repack
- * holds the index in memory twice. Returns 1; 0 on failure.
+ * none. `context` must remain valid while it is set. Returns 1; 0 on failure.
  */
 BLOBRING_API int BCSetProgress(int index, BCProgress* progress, void* context);
 
@@ -168,6 +167,8 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
  *   transaction is torn                                 is copied to k.jrn.kept-N
  *   no usable pack           0: all files erased        1: empty; all files renamed
  *                                                       to *.kept-N (damaged = 1)
+ *   a pack that ends inside  0: all files erased        1: the next older one
+ *   a record                                            (damaged = 1)
  *   an I/O error, or no      0: all files erased        0: every file as it was;
  *   memory                                              changes refused until a
  *                                                       load succeeds
@@ -227,8 +228,9 @@ BLOBRING_API int BCStore(int index, unsigned char* hash, unsigned char* data, in
  * Computes the hash of `size` bytes at `data`, writes it to `hashOut` (16
  * bytes), and stores them. Faster than BCMD5ChkSum and BCStore: records are
  * gathered in memory and written later, at the latest by BCEndTransaction,
- * which can fail for them. Returns as BCStore; hashOut is set whenever the
- * arguments are valid.
+ * which can fail for them. Up to 128 KiB are gathered, or one record with a blob
+ * of up to 512 KiB; the store keeps at most 128 KiB for that until it is closed.
+ * Returns as BCStore; hashOut is set whenever the arguments are valid.
  */
 BLOBRING_API int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut);
 
@@ -279,7 +281,11 @@ BLOBRING_API int BCRepack(int index);
 #define BLOBRING_SIZE_NOT_FOUND (-1)
 #define BLOBRING_SIZE_FAILED (-2)
 
-/* Returns the bytes of a committed blob, or one of the two above. */
+/*
+ * Returns the bytes of a committed blob, or one of the two above. A store that
+ * is not loaded has no blobs for this call, BCGet, BCFsck and the enumeration;
+ * BCLastErrorCode is then BLOBRING_ERROR_CLOSED.
+ */
 BLOBRING_API int BCGetSize(int index, unsigned char* hash);
 BLOBRING_API int BCGetSizeInt(int index, unsigned char* hash);
 
@@ -383,8 +389,8 @@ BLOBRING_API int BCGetStatistics(int index, BCStatistics* statistics);
 /*
  * Copies the text of the last failure into `buffer`, cut to `capacity` bytes
  * with its NUL. Returns its whole length, at most 1023. With capacity 0, buffer
- * may be null. The text begins with the cause; the other lines follow as they
- * went to the trace. A call that succeeds leaves it as it is.
+ * may be null. The text begins with the cause in a few words; the lines follow
+ * as they went to the trace. A call that succeeds leaves it as it is.
  * For -1, or an index that no store has: of the calls on this thread that
  * belong to no store, such as a BCOpen that failed.
  */
@@ -403,6 +409,7 @@ BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 #define BLOBRING_ERROR_MEMORY 9     /* no memory */
 #define BLOBRING_ERROR_READ_ONLY 10 /* a change to a store opened with readOnly */
 #define BLOBRING_ERROR_REFUSED 11   /* not possible now; the text says why */
+#define BLOBRING_ERROR_NOT_FOUND 12 /* no such blob, file or directory */
 
 /* Returns the code of the failure that BCLastError has the text of. */
 BLOBRING_API int BCLastErrorCode(int index);

@@ -97,8 +97,8 @@ BLOBRING_API uint32_t BlobringHostReadNumericTrace(uint32_t* position,
 
 /*
  * Takes the platform exception that BCGet raises for a blob that is absent or
- * of another size. BCGet goes on when it returns. Without a handler, the
- * exception has no effect.
+ * of another size. BCGet returns when it does; the handler may also leave by a
+ * jump, and make calls on stores. Without a handler, the exception has no effect.
  */
 typedef void BlobringHostExceptionHandler(void* context, uint32_t code, uint32_t flags,
                                           uint32_t argumentCount, const uintptr_t* arguments);

@@ -129,7 +129,9 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_EQ(buffer, "four.....");
   EXPECT_TRUE(Diagnostics().HasWarning("GetBlob assert error: buffer size = 4 request size = 9"));
   EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Fsck number of blobs = 2"));
+  Diagnostics().onRaise = [&] { EXPECT_EQ(BCGetSize(store.index, absent.data()), -1); };
   EXPECT_EQ(BCGet(store.index, absent.data(), Bytes(buffer), 9), 1);
+  EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_NOT_FOUND);
   EXPECT_TRUE(Diagnostics().HasWarning("GetBlob assert error: buffer size = 9 request size = 9"));
   EXPECT_EQ(Diagnostics().raised, std::vector<std::uint32_t>(2, 0x49380D));
 
@@ -139,7 +141,17 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_EQ(sim::Files().sleptMs - slept, 1000U);
   EXPECT_TRUE(
       Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
-  EXPECT_EQ(BCGetSize(store.index, hash.data()), -1) << "closed";
+  EXPECT_EQ(Diagnostics().lastFormat, "%s") << "composed, and so verbatim";
+  const std::function<int()> reads[] = {
+      [&] { return BCGetSize(store.index, hash.data()) + 1; },
+      [&] { return BCGet(store.index, hash.data(), Bytes(buffer), 4) - 1; },
+      [&] { return BCFsck(store.index) - 1; }, [&] { return BCGetAllBlobHashesReset(store.index); },
+      [&] { return BCGetAllBlobHashes(store.index, hash.data(), 0); }};
+  for (const auto& read : reads) {
+    BCDelete(store.index, nullptr);  // leaves another code
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_CLOSED);
+  }
   const std::string journal = FileBytes("/s/0.jrn");
   EXPECT_EQ(BCLoad(store.index), 0);
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_CLOSED);

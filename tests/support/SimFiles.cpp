@@ -315,5 +315,6 @@ DWORD GetCurrentProcessId() {
 }
 void RaiseException(DWORD code, DWORD, DWORD, const std::uintptr_t*) {
   sim::Diagnostics().raised.push_back(code);
+  if (sim::Diagnostics().onRaise) sim::Diagnostics().onRaise();
 }
 }

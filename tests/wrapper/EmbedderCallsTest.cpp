@@ -56,7 +56,7 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   sim::Files().disk.Write(sim::Files().disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
   EXPECT_EQ(BCRepack(first), BLOBRING_NOT_REPACKED);
   EXPECT_EQ(BCLastError(first, nullptr, 0), 1023);
-  EXPECT_EQ(LastErrorOf(first).find("Blob::isValid() is false : hash="), 0U);
+  EXPECT_EQ(LastErrorOf(first).find("data on disk is damaged: Blob::isValid() is"), 0U);
   BCDispose(first);
   EXPECT_EQ(LastErrorOf(first), LastErrorOf(-1));
   EXPECT_EQ(LastErrorOf(second), "BCDelete: hash is null");
@@ -92,14 +92,14 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
     Inside& in = *static_cast<Inside*>(context);
     unsigned char next[BLOBRING_HASH_SIZE];
     in.results = {FilterException(in.index, EXCEPTION_ACCESS_VIOLATION, nullptr),
-                  BCNextHash(in.index, nullptr, next)};
+                  BCNextHash(in.index, nullptr, next), BCFsck(in.index)};
     return 1;
   };
+  sim::Files().disk.Write(sim::Files().disk.Lookup("/s/0.jrn"), 64, "\1", 1);
   BCSetProgress(store.index, takeException, &inside);
   sim::Diagnostics().Clear();
   BCCheck(store.index);
-  EXPECT_EQ(inside.results, (std::vector<int>{1, 1}));
-  EXPECT_TRUE(sim::Diagnostics().HasWarning("BlobController::Fsck number of blobs = 1"));
+  EXPECT_EQ(inside.results, (std::vector<int>{1, 1, 0}));
   EXPECT_EQ(sim::Diagnostics().records.back().at(0), 0x0F000262U);
 }
 

@@ -39,6 +39,7 @@ TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
       const Transaction change(store);
       store.put("abandoned");
       store.erase(kept);
+      store.erase(Hash());  // absent: no change
       EXPECT_EQ(store.stats().pendingChanges, 2U);
     }
     EXPECT_TRUE(store.repack()) << "nothing is pending";
@@ -76,6 +77,9 @@ TEST(Store, MovesWithItsOpenTransaction) {
   second.close();
   EXPECT_EQ(ErrorOf([&] { other.commit(); }).code(), BLOBRING_ERROR_CLOSED);
   EXPECT_EQ(ErrorOf([&] { second.put("x"); }).code(), BLOBRING_ERROR_NO_STORE);
+  second = Store("/a");
+  second = Store("/s");
+  EXPECT_EQ(Store("/a").stats().blobCount, 0U) << "what was there is closed";
 }
 
 TEST(Store, FailsWithTheStoresOwnWordsAndItsCode) {
@@ -86,9 +90,11 @@ TEST(Store, FailsWithTheStoresOwnWordsAndItsCode) {
     EXPECT_NE(std::string(error.what()).find(text), std::string::npos) << error.what();
   };
   sim::Memory().RefuseAlloc(1);
-  expect([] { Store("/s"); }, BLOBRING_ERROR_MEMORY, "Unable to allocate memory");
-  expect([] { Store("/nowhere"); }, BLOBRING_ERROR_IO,
-         "blobring: open /nowhere: FileSystem::CreateFile error /nowhere/0.pak GetLastError code");
+  expect([] { Store("/s"); }, BLOBRING_ERROR_MEMORY,
+         "blobring: open /s: there is no memory: BCOpen threw an exception:Unable to allocate");
+  expect(
+      [] { Store("/nowhere"); }, BLOBRING_ERROR_NOT_FOUND,
+      "blobring: open /nowhere: there is no such blob, file or directory: FileSystem::CreateFile");
   Store store("/s");
   expect([] { Store("/s"); }, BLOBRING_ERROR_HELD,
          "FileSystem::CreateFile error /s/0.pak GetLastError code= 32");
