@@ -35,6 +35,15 @@ Json Parsed(std::string_view text, const std::string& name) {
   return json;
 }
 
+// A whole number below 2^53, up to which every reader of JSON agrees (RFC 8259, 6). The library
+// would make one of any other number.
+int64_t Number(const Json& json, const char* key, const std::string& name) {
+  const Json& value = json.at(key);
+  if (!value.is_number_unsigned() || value >= uint64_t{1} << 53)
+    throw Fault("{} is damaged: {}", name, key);
+  return value;
+}
+
 }  // namespace
 
 std::string Nonce() {
@@ -82,8 +91,8 @@ RemoteConfig RemoteConfig::Decode(const std::string& text) {
       throw Fault("blobring.json has a format of a later version of blobring");
     RemoteConfig config;
     config.id = json.at("id");
-    config.pushSeconds = json.at("push_seconds");
-    config.graceSeconds = json.at("grace_seconds");
+    config.pushSeconds = Number(json, "push_seconds", "blobring.json");
+    config.graceSeconds = Number(json, "grace_seconds", "blobring.json");
     config.etagIsMd5 = json.at("etag_is_md5");
     if (!IsHex(config.id) || config.id.empty() || config.pushSeconds < 1 ||
         config.graceSeconds <= config.pushSeconds)
@@ -136,7 +145,8 @@ Index Index::Decode(std::string_view bytes, const std::string& name) {
   const auto lineEnd = bytes.find('\n');
   std::istringstream counts(
       std::string(bytes.substr(kIndexMagic.size(), lineEnd - kIndexMagic.size())));
-  if (lineEnd == std::string_view::npos || !(counts >> packCount >> placeCount))
+  if (lineEnd == std::string_view::npos || !(counts >> packCount >> placeCount) ||
+      counts.str() != fmt::format("{} {}", packCount, placeCount))
     throw damaged("the first line");
   bytes.remove_prefix(lineEnd + 1);
   if (packCount > bytes.size() / (kNameSize + 1)) throw damaged("the names of packs");
@@ -196,8 +206,8 @@ Snapshot Snapshot::Decode(std::string_view bytes, const std::string& name, bool 
     snapshot.time = json.at("time");
     snapshot.message = json.at("message");
     snapshot.isPartial = json.at("partial");
-    snapshot.bytes = json.at("bytes");
-    snapshot.count = json.at("blobs");
+    snapshot.bytes = static_cast<uint64_t>(Number(json, "bytes", name));
+    snapshot.count = static_cast<uint64_t>(Number(json, "blobs", name));
   } catch (const Json::exception&) {
     throw Fault("{} is damaged: the first line", name);
   }
