@@ -4,6 +4,8 @@ Access to the mapping raises KeyError for a blob that is absent. A damaged,
 unreadable or closed store never looks like an absent blob.
 """
 
+from errno import ENOENT
+
 
 class Error(Exception):
     """Any failure of the library. Its text names the operation, then the cause."""
@@ -49,6 +51,7 @@ class NoStoreError(Error, FileNotFoundError):
     """There is no store in the directory."""
 
     code = 6
+    errno = ENOENT
 
 
 class ArgumentError(Error, ValueError):
@@ -81,10 +84,11 @@ class RefusedError(Error):
     code = 11
 
 
-class NotFoundError(Error, FileNotFoundError):
+class NotFoundError(SystemCallError, FileNotFoundError):
     """There is no such file or directory."""
 
     code = 12
+    errno = ENOENT
 
 
-BY_CODE = {error.code: error for error in Error.__subclasses__()}
+BY_CODE = {error.code: error for error in (*Error.__subclasses__(), NotFoundError)}
