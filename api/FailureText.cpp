@@ -19,9 +19,9 @@ std::string_view CauseOf(FailureCode code) {
     case FailureCode::Full:
       return "there is no space left";
     case FailureCode::Damaged:
-      return "data on disk is damaged";
+      return "what is on disk is not what a store wrote";
     case FailureCode::InDoubt:
-      return "a flush has failed";
+      return "what the disk holds is unknown";
     case FailureCode::Io:
       return "the system refused a call";
     case FailureCode::Memory:

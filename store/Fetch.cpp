@@ -23,13 +23,12 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
   pair.hash = hash;
   pair.buffer = {buffer, size};
   try {
-    entry.valid = false;
     if (!entry.file->ReadBlob(pair, entry.offset, BlobPair::Patience::None))
       throw Failure(FailureCode::Damaged, "the record is not the blob's");
     entry.file->RequireBlob(pair, entry.offset, hash, size);
-    entry.valid = true;
     return Fetched::Read;
   } catch (const std::exception& e) {
+    entry.valid = false;
     trace::engine.CaughtErrorV(
         e, "%s",
         Text("BlobController::Fetch() hash ", hash.toString(), " file ", entry.file->path,

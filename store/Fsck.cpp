@@ -68,8 +68,8 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
       for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
         const bool isInPlace = CheckPlace(blob->first, blob->second);
         const bool isSound = batch.IsSound(i) || CheckBlob(batch, i, blob->second, position);
-        blob->second.valid = isInPlace && isSound;
-        sound = sound && blob->second.valid;
+        if (isInPlace && isSound) continue;
+        sound = blob->second.valid = false;
       }
       stopped =
           call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) &&

@@ -56,7 +56,7 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   sim::Files().disk.Write(sim::Files().disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
   EXPECT_EQ(BCRepack(first), BLOBRING_NOT_REPACKED);
   EXPECT_EQ(BCLastError(first, nullptr, 0), 1023);
-  EXPECT_EQ(LastErrorOf(first).find("data on disk is damaged: Blob::isValid() is"), 0U);
+  EXPECT_EQ(LastErrorOf(first).find("what is on disk is not what a store wrote: Blob::"), 0U);
   BCDispose(first);
   EXPECT_EQ(LastErrorOf(first), LastErrorOf(-1));
   EXPECT_EQ(LastErrorOf(second), "BCDelete: hash is null");
