@@ -28,6 +28,7 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
       ASSERT_EQ(flushes(life + std::to_string(n)), n <= 33 ? 2U : 1U);
     }
     ASSERT_EQ(BCRepack(store.index) + BCRepack(store.index), 2);
+    ASSERT_TRUE(store.Start(1) && store.Store("first, abandoned") && store.Start(1));
   }
   for (int n = 1; n <= 40; ++n) flushes("small" + std::to_string(n));
   EXPECT_EQ(flushes("new1"), 0U) << "the store has it";
@@ -39,13 +40,17 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   EXPECT_EQ(flushes("over what a failed write has left"), 2U);
   EXPECT_EQ(flushes("behind it again"), 1U);
   ASSERT_TRUE(store.Store("first try"));
-  sim::Files().FailCallOf(Call::WriteFile, 2, Fault::Error);  // of the header
+  sim::Files().FailCallOf(Call::WriteFile, 3, Fault::Error);  // of the header
   ASSERT_FALSE(store.End(1));
   EXPECT_EQ(flushes("over what a failed commit has left"), 2U);
   const std::uint64_t records = StatisticsOf(store.index).journalBytes;
   EXPECT_GT(FileBytes("/s/0.jrn").size(), records);
   opened.reset();
   EXPECT_EQ(FileBytes("/s/0.jrn").size(), records);
+  EXPECT_EQ(FileBytes("/s/0.jrn")[12], 4) << "the sequence of its pack";
+  SetFile("/s/0.jrn", FileBytes("/s/0.jrn") + "left by a process that was killed");
+  ASSERT_EQ(BCRepack(OpenedStore(2).index), 1);
+  EXPECT_EQ(FileBytes("/s/0.jrn").size(), records) << "the older generation is cut as well";
 }
 
 }  // namespace
