@@ -17,9 +17,9 @@
  * stores may run on different threads. Calls on one store must not overlap.
  * Calls that open, dispose of or shut down a store must not overlap with any
  * other call on a store.
- * Callbacks: a function of the host's (sink, progress, handler) may call
- * BCLastError, BCLastErrorCode and the functions of host.h, nothing else. A
- * call on a store from there is refused; FilterException alone is not.
+ * Callbacks: a sink or progress function of the host's may call BCLastError,
+ * BCLastErrorCode and the functions of host.h, nothing else. A call on a store
+ * from there is refused; FilterException alone is not.
  * Processes: one process at a time has a store open. In a child of fork, every
  * change and load of a store that the parent opened is refused; see
  * docs/embedding.md.

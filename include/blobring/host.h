@@ -8,10 +8,10 @@
  * and destructors as well.
  *
  * Threads: any thread may call any function at any time. A function of the
- * host's runs on the thread that caused it, in the middle of a call. It must
- * not throw, and of the library it may call BCLastError and the functions of
- * this header, nothing else. After it was exchanged, another thread may still
- * be in the old one.
+ * host's runs on the thread that caused it. It must not throw. A sink runs in
+ * the middle of a call: of the library it may call BCLastError and the
+ * functions of this header, nothing else. After it was exchanged, another
+ * thread may still be in the old one.
  * Memory: callers own every structure passed; strings handed to a function of
  * the host's are valid until it returns.
  */
@@ -39,7 +39,7 @@ typedef void BlobringHostTraceSink(void* context, int level, const char* source,
 /*
  * Sends warnings and errors to `sink`. Null: back to the default, which
  * writes errors to standard error, one line each, "Blobring error: " and the
- * text. It leaves out warnings, and the retries of a held file but the first.
+ * text. It leaves out warnings and the retries of a held file.
  */
 BLOBRING_API void BlobringHostSetTraceSink(BlobringHostTraceSink* sink, void* context);
 
