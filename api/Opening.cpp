@@ -7,6 +7,7 @@
 #include "api/Layout.h"
 #include "fs/File.h"
 #include "fs/FileSystem.h"
+#include "fs/KeptFile.h"
 #include "pack/BlobFile.h"
 #include "platform/Failure.h"
 
@@ -23,8 +24,9 @@ constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // 1000 lines of twic
 struct SlotFile {
   std::string path;
   bool exists = false;
-  bool isOurs = true;   // a store can have written it
-  bool isUsed = false;  // something was committed to the store
+  bool isOurs = true;      // a store can have written it
+  bool isForeign = false;  // nor is it one that a store wrote and that was damaged since
+  bool isUsed = false;     // something was committed to the store
   std::int32_t sequence = 0;
 };
 
@@ -49,6 +51,9 @@ SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   file.isUsed = true;
   file.isOurs = header.version == format::kVersion && header.mode <= BlobFile::Pack;
   if (file.isOurs) file.sequence = header.sequence;
+  const bool isPlausible = header.mode <= BlobFile::Pack &&
+                           header.endOffset >= format::kFileHeaderSize && header.endOffset <= size;
+  file.isForeign = header.version != format::kVersion && !isPlausible && !isZeros;
   return file;
 }
 
@@ -74,10 +79,16 @@ Slots InspectAll(const std::string& directory, const std::vector<std::string>& p
   return slots;
 }
 
+// A file of the layout may be damaged; it is the load that deals with it. But what no store can
+// have written may be another's, and a link may have led here.
+void RequireOurs(const Slots& slots, bool hasLayout) {
+  const auto isStrange = [&](const SlotFile& f) { return hasLayout ? f.isForeign : !f.isOurs; };
+  if (const SlotFile* file = slots.First(isStrange))
+    throw Failure(FailureCode::Refused, file->path, " is not a file of a store");
+}
+
 // Without a layout file, the files themselves must agree with the slots.
 void RequireTheseSlots(const std::string& directory, const Slots& slots) {
-  if (const SlotFile* file = slots.First([](const SlotFile& f) { return !f.isOurs; }))
-    throw Failure(FailureCode::Refused, file->path, " is not a file of a store");
   const auto count = static_cast<std::uint32_t>(slots.packs.size());
   for (std::uint32_t slot = count; slot < count + kSlotsAhead; ++slot) {
     const std::string journal = Text(directory, "/", slot, ".jrn");
@@ -96,7 +107,7 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
 
 // A new store's files are created in order, each flushed, before anything is committed: where that
 // was interrupted, the last ones are missing and the rest is unused. A load that moves all files
-// aside leaves them under other names.
+// aside says so by a name.
 void RequireNoneMissing(const std::string& directory, const Slots& slots, bool mustExist,
                         bool hasLayout) {
   const auto isUsed = [](const SlotFile& f) { return f.isUsed; };
@@ -106,7 +117,7 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, bool m
   const bool journalUsed = std::any_of(slots.journals.begin(), slots.journals.end(), isUsed);
   const SlotFile* const missing = slots.First([&](const SlotFile& f) {
     const bool needsPack = journalUsed && f.path.ends_with(".pak");
-    return !f.exists && (needsPack || !FileSystem::Exists(f.path + ".kept-1"));
+    return !f.exists && (needsPack || !kept::IsMovedAside(f.path));
   });
   if (missing == nullptr) return;
   bool isBehind = false;
@@ -114,7 +125,8 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, bool m
     isBehind = isBehind || &f == missing;
     return isBehind && f.exists;
   };
-  if (mustExist || slots.First(isUsed) != nullptr || slots.First(existsBehind) != nullptr)
+  if (mustExist || slots.First(isUsed) != nullptr || slots.First(existsBehind) != nullptr ||
+      kept::HasCopy(missing->path))
     throw Failure(FailureCode::Refused, missing->path, " is missing from the store in ", directory,
                   "; is the disk that holds it mounted?");
 }
@@ -181,6 +193,7 @@ std::vector<std::string> SlotsToOpen(const std::string& directory, const BCOptio
   std::vector<std::string> packDirs =
       text ? RecordedDirs(directory, conf, *text, options) : GivenDirs(directory, options);
   const Slots slots = InspectAll(directory, packDirs);
+  if (!text || options.readOnly == 0) RequireOurs(slots, text.has_value());
   if (!text) RequireTheseSlots(directory, slots);
   const bool mustExist = options.mustExist != 0 || options.readOnly != 0;
   RequireNoneMissing(directory, slots, mustExist, text.has_value());

@@ -13,10 +13,14 @@ namespace {
 
 constexpr unsigned kPieceSize = 64 * 1024;
 
+std::string NameOf(const std::string& path, unsigned number) {
+  return path + ".kept-" + std::to_string(number);
+}
+
 // Empty when all of them are taken.
 std::string FreeName(const std::string& path, unsigned limit) {
   for (unsigned n = 1; n <= limit; ++n) {
-    std::string name = path + ".kept-" + std::to_string(n);
+    std::string name = NameOf(path, n);
     if (!FileSystem::Exists(name)) return name;
   }
   return {};
@@ -35,10 +39,23 @@ void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
 
 }  // namespace
 
-std::string MoveAside(const std::string& path) {
+void MoveAside(const std::string& path) {
+  FileSystem::MoveFileW(path, NameOf(path, 0));
+}
+
+bool IsMovedAside(const std::string& path) {
+  return FileSystem::Exists(NameOf(path, 0));
+}
+
+bool HasCopy(const std::string& path) {
+  return FileSystem::Exists(NameOf(path, 1));
+}
+
+std::string NumberMoved(const std::string& path) {
+  if (!IsMovedAside(path)) return {};
   std::string name = FreeName(path, kMaxCopies);
-  if (name.empty()) throw Failure(FailureCode::Io, "kept::MoveAside no name left for " + path);
-  FileSystem::MoveFileW(path, name);
+  if (name.empty()) throw Failure(FailureCode::Io, "kept::NumberMoved no name left for " + path);
+  FileSystem::MoveFileW(NameOf(path, 0), name);
   return name;
 }
 

@@ -37,6 +37,7 @@ bool BlobController::AddPackDir(std::string dir) {
       opened->InitReadOnly(file, mode);
     } else {
       opened->Init(file, mode, 0);
+      NumberMoved(*opened);
     }
     return opened;
   };

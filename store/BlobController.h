@@ -196,6 +196,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
   BLOBRING_HIDDEN bool SetAside(BlobFile& journal);
   BLOBRING_HIDDEN void MoveFilesAside();
+  BLOBRING_HIDDEN static void NumberMoved(const BlobFile& file);
   BLOBRING_HIDDEN void KeepSlot(std::uint32_t slot) const;
   BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);

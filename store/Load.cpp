@@ -234,20 +234,28 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
 
 // Moves every file aside and goes on with fresh ones. Journals first: a journal is never left
 // beside a fresh pack, which a load would take for its own. If the process dies half way, the next
-// load finds no journal and either moves the packs that are left or finds the store empty.
+// one finds the files that have no number yet, and then either moves the packs that are left or
+// finds the store empty.
 void BlobController::MoveFilesAside() {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   trace::engine.WriteErrorV(
       "BlobController::Load no valid Pak files, every file is kept under a new name, the store "
       "goes on empty");
-  const auto move = [](BlobFile& file) {
-    file.file.close();
-    const std::string name = kept::MoveAside(file.path);
-    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path, name);
-  };
-  for (const BlobFilePtr& journal : journalFiles) move(*journal);
-  for (const BlobFilePtr& pack : packFiles) move(*pack);
+  for (const Files* files : {&journalFiles, &packFiles}) {
+    for (const BlobFilePtr& file : *files) {
+      file->file.close();
+      kept::MoveAside(file->path);
+    }
+  }
   for (const BlobFilePtr& pack : packFiles) pack->Init(pack->path, BlobFile::Pack, 0);
   for (const BlobFilePtr& journal : journalFiles)
     journal->Init(journal->path, BlobFile::Journal, 0);
+  for (const Files* files : {&journalFiles, &packFiles})
+    for (const BlobFilePtr& file : *files) NumberMoved(*file);
+}
+
+void BlobController::NumberMoved(const BlobFile& file) {
+  const std::string name = kept::NumberMoved(file.path);
+  if (!name.empty())
+    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path, name);
 }

@@ -107,6 +107,8 @@ typedef struct BCOptions {
  *   - a pack or journal that is missing while another has been used;
  *   - without blobring.conf, a file of a slot that `options` lack, a pack whose
  *     generation does not belong into its slot, or a file that no store wrote;
+ *   - with it, a file that is not a damaged one of a store's either, unless
+ *     readOnly is set;
  *   - a journal newer than every pack, unless readOnly or eraseDamaged is set.
  */
 BLOBRING_API int BCOpen(const char* directory, const BCOptions* options);

@@ -50,6 +50,7 @@ std::string Disk() {
 
 TEST(Opening, RefusesBeforeItTouchesAFileOrOpensWhatTheFilesAgreeWith) {
   const std::string fresh = JournalBytes().Bytes(),
+                    own = "2 blobring.conf=blobring_1|slot_.|slot_.| ",
                     two = "2+0 blobring.conf=#|blobring_1||slot_/b/|slot_.|";
   const struct {
     std::string disk;
@@ -63,11 +64,14 @@ TEST(Opening, RefusesBeforeItTouchesAFileOrOpensWhatTheFilesAgreeWith) {
       {"3", {}, kArgument, "BCOpen: /s/2.jrn belongs"},
       {"1+3 1.pak= 1.jrn=", {}, kArgument, "BCOpen: /s/0.pak has generation 3"},
       {"2 -0.pak -1.pak", {}, kRefused, "/s/0.pak is missing"},
-      {"2+1 -1.pak 1.pak.kept-1=", {}, kRefused, "/s/1.pak is missing"},
+      {"2+1 -1.pak 1.pak.kept-0=", {}, kRefused, "/s/1.pak is missing"},
       {"2+1 1.pak=", {}, kDamaged, "/s/1.jrn has generation 1, but the newest pack, /s/0.pak,"},
       {"2+0 -0.jrn", {}, kRefused, "/s/0.jrn is missing"},
       {"1.jrn=" + With(fresh, 16, "\2"), {}, kRefused, "/s/1.jrn is not a file of"},
       {"0.pak=" + std::string(25, '\0'), {}, kRefused, "/s/0.pak is not a file of"},
+      {own + "0.jrn=Dear_diary,_I_am_no_journal", {}, kRefused, "/s/0.jrn is not a file of"},
+      {own + "0.jrn=" + With(fresh, 16, "\2"), {}, kNone, "2 slots, 0 blobs"},
+      {own + "0.jrn=" + std::string(25, '\0'), {}, kNone, "2 slots, 0 blobs, damaged"},
       {two, {.slots = 3}, kArgument, "/s/blobring.conf names 2 slots, not 3"},
       {two, {.packDirectories = {"/b", "/b"}}, kArgument, "pack of slot 1 in /s, not in /b"},
       {two, {}, kRefused, "/b//0.pak is missing"},
@@ -80,7 +84,8 @@ TEST(Opening, RefusesBeforeItTouchesAFileOrOpensWhatTheFilesAgreeWith) {
       {"3+2", {.slots = 3}, kNone, "3 slots, 1 blobs"},
       {"2+1", {.readOnly = true}, kNone, "2 slots, 1 blobs, read-only"},
       {"2+1 1.pak=", {.eraseDamaged = true}, kNone, "2 slots, 0 blobs"},
-      {"1+0 -0.jrn 0.jrn.kept-1=", {.slots = 1}, kNone, "1 slots, 0 blobs"},
+      {"1+0 -0.jrn 0.jrn.kept-1=", {.slots = 1}, kRefused, "/s/0.jrn is missing"},
+      {"1+0 -0.jrn 0.jrn.kept-0=", {.slots = 1}, kNone, "1 slots, 0 blobs"},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.disk);
