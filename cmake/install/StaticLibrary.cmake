@@ -18,6 +18,8 @@ add_custom_command(
   COMMAND_EXPAND_LISTS VERBATIM)
 set_source_files_properties(${combined} PROPERTIES EXTERNAL_OBJECT TRUE GENERATED TRUE)
 add_library(blobring_static STATIC ${combined})
+# Makefiles build a target's objects by that target's rules alone.
+add_dependencies(blobring_static blobring_store blobring_md5 blobring_posix)
 set_target_properties(blobring_static PROPERTIES OUTPUT_NAME blobring LINKER_LANGUAGE CXX)
 target_include_directories(blobring_static PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                                   $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
