@@ -98,6 +98,7 @@ class Page {
                            ? "Every blob was compared with its hash."
                            : "Every transaction was compared with its digest; "
                              "<code>--check</code> compares every blob with its hash as well."),
+        arg("no_advice_on_pictures", HasPictures() ? " hidden" : ""),
         arg("no_findings", findings.empty() ? " hidden" : ""), arg("findings", findings),
         arg("dead", HumanSize(Number(stat_, "dead_bytes"))),
         arg("journal", HumanSize(Number(stat_, "journal_bytes"))),
