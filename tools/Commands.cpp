@@ -45,7 +45,9 @@ void RequireOwnFiles(const Layout& layout) {
     const std::string pack = layout.PackPath(slot);
     const std::string inStore = fmt::format("{}/{}.pak", layout.store(), slot);
     const bool isElsewhere = layout.PackDir(slot) != layout.store();
-    if (stdfs::exists(pack) &&
+    // An init that was cut short may have left an empty pack in the store's own directory.
+    const bool isLeftover = !isElsewhere && !files[2 * slot].HasRecords();
+    if (stdfs::exists(pack) && !isLeftover &&
         (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
       throw UsageError("{} is not a pack of {}, it may be another store's; nothing was changed",
                        pack, layout.store());
