@@ -1,6 +1,41 @@
 # Shared by the scenarios: a gateway for each, in a directory that goes away at the end.
+# Source it with the tool's path as $1.
+set -eEuo pipefail
+export LC_ALL=C
+
+tool=$1
+work=$(mktemp -d)
+trap 'echo "FAILED, $0 line $LINENO: $BASH_COMMAND" >&2' ERR
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd -P)
-source "$here/../tool/support.sh"
+cd "$work"
+
+fail() {
+  echo "FAILED, line ${BASH_LINENO[-2]}: $*" >&2
+  exit 1
+}
+
+blobring() { "$tool" "$@"; }
+
+# expect STATUS PATTERN ARGUMENT...: runs the tool; its exit status must be
+# STATUS, and what it prints must match the extended regular expression PATTERN.
+expect() {
+  local wanted=$1 pattern=$2 status=0
+  shift 2
+  timeout 120 "$tool" "$@" >expect.out 2>&1 </dev/null || status=$?
+  [ "$status" -eq "$wanted" ] || fail "blobring $*: status $status, wanted $wanted: $(cat expect.out)"
+  grep -qaE -e "$pattern" expect.out || fail "blobring $*: wanted \"$pattern\", got: $(cat expect.out)"
+}
+
+same() { [ "$1" = "$2" ] || fail "wanted \"$2\", got \"$1\""; }
+
+hash() { md5sum "$@" | cut -c-32; }
+
+# flip_byte FILE OFFSET
+flip_byte() {
+  local byte
+  byte=$(od -An -tu1 -j "$2" -N 1 "$1")
+  printf '%b' "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
+}
 trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 export TMPDIR=$work
 

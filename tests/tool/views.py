@@ -1,0 +1,166 @@
+"""What looking commands say of stores that are sound. A row for an option or an argument belongs into
+rows_of_arguments(), a state of a file's end into leftovers(), a key of --json into model.py."""
+
+import fcntl
+import itertools
+
+from model import *
+
+
+def by_hand():
+    hostile = os.fsdecode(b"a\n\"<b>\x01 \xff")
+    base(hostile)
+    look(View(hostile))
+    base("s")
+    for path in ("s", "s/1.pak", "s/1.jrn", "s/0.jrn"):
+        look(View(path))
+    os.remove("s/blobring.conf")  # as a device has it
+    look(View("s"), "--slots", "2")
+    os.mkdir("packs")
+    for k in (0, 1):
+        os.rename(f"s/{k}.pak", f"packs/{k}.pak")
+    got = tool("ls", "s", "--json", "--pack-dir", "packs", status=0)
+    same({o["hash"] for o in got.objects}, {h.hex() for h in set(HASHES) - {HASHES[6]}}, "ls --pack-dir")
+
+
+def made_by_the_tool():
+    for slots in (1, 3):
+        s = f"made{slots}"
+        tool("init", s, "--slots", slots, status=0)
+        for k in range(slots + 1):
+            for n in range(3):
+                pathlib.Path(f"f{n}").write_bytes(BLOBS[k + n])
+            same(tool("put", s, "f0", "f1", "f2", status=0).out.decode().split(), [h.hex() for h in HASHES[k : k + 3]], "put prints")
+            tool("rm", s, HASHES[k].hex()[:8], status=0)
+            look(View(s, slots))
+            tool("repack", s, status=0)
+            view = View(s, slots)
+            look(view)
+            same((view.sequence, set(view.blobs)), (k + 1, set(HASHES[k + 1 : k + 3])), "after a repack")
+
+
+def rows_of_arguments():
+    base("s")
+    tool("init", "t", status=0)
+    seen, blobs = {}, (b"%d" % k for k in itertools.count())
+    one = next(blob for blob in blobs if seen.setdefault(md5(blob)[:3], blob) != blob)
+    for blob in (one, seen[md5(one)[:3]]):  # of which the hashes begin with the same six digits
+        tool("put", "s", stdin=blob, status=0)
+    view, digits, four, zeros = View("s"), md5(one).hex()[:6], HASHES[4].hex(), "0" * 32
+    ls, log, size = view.ls(), view.log(), {o["hash"]: {"size": o["size"]} for o in view.ls()}
+    pathlib.Path("list").write_text(f"{four}  x\n{zeros}  y\n")
+    differing = [{"type": "difference", "only_in": "ab"[hash in size], "hash": hash, **size.get(hash, {})} for hash in sorted({*size, zeros} - {four})]
+    patch = [f"  {'+-'[o['change'] == 'removed']} {o['hash']}" + (f" {o['size']}" if "size" in o else "") for o in log if o["type"] == "change"]
+    rows = (  # status, what is printed (objects, bytes, or lines that begin so), command
+        (0, sorted(ls, key=lambda o: -o["size"]), "ls s --json --sort size"),
+        (0, sorted(ls, key=lambda o: -o["transaction"]), "ls s --json --sort transaction"),
+        (0, [o for o in ls if o["hash"].startswith(digits)], f"ls s --json {digits.upper()}"),
+        (0, "".join(f"{hash}\n" for hash in size).encode(), "ls s"),
+        (2, [], "ls s --json xyz"),
+        (0, view.log(ID + 7), f"log s --json -p --since {ID + 7}"),
+        (0, [o for o in log if o["type"] == "transaction"], "log s --json"),
+        (0, ("  ", patch), "log s -p"),
+        (2, [], "log s --json --since 1x"),
+        (0, [o for o in view.inspect() if (o["type"], o.get("id"), o.get("file")) == ("transaction", ID + 8, "s/1.jrn")],
+         f"inspect s/1.jrn --json --transaction {ID + 8}"),
+        (4, [], "inspect s/1.jrn --json --transaction 5"),
+        (0, BLOBS[4] + BLOBS[9], f"cat s {four[:6].upper()} {HASHES[9].hex()}"),
+        (0, one, f"get s {md5(one).hex()[:12]}"),
+        *((2, b"", f"{command} {word}") for command in ("get s", "rm s", "copy s t") for word in (digits, four[:5])),
+        (4, b"", f"get s {zeros}"),
+        (0, [], "diff s s --json"),
+        (1, differing, "diff list s --json"),
+    )
+    before = tree("s")
+    for status, wanted, line in rows:
+        got = tool(*line.split(), status=status)
+        if isinstance(wanted, tuple):
+            same([each for each in got.out.decode().splitlines() if each.startswith(wanted[0])], wanted[1], line)
+        else:
+            same([o for o in plain(got.objects) if o["type"] != "file"] if "--json" in line else got.out, wanted, line)
+    same(tree("s") == before, True, "a command that was refused changed something")
+    asked = {four: None, four[:6]: None, digits: "ambiguous", zeros: "missing", "0" * 5: "missing", "": "missing", HASHES[6].hex(): "missing"}
+    got = tool("get", "s", "--batch", stdin="".join(f"{word}\n" for word in asked).encode(), status=0)
+    wanted = b"".join(f"{word} {what}\n".encode() if what else b"%s 5001\n%s\n" % (four.encode(), BLOBS[4]) for word, what in asked.items())
+    same(got.out.split(b"\n"), wanted.split(b"\n"), "get --batch")
+
+
+# What lies behind the records that count: a sound journal, changed so.
+def leftovers():
+    base("s")
+    journal = File("s/1.jrn")
+    body, (begin, end, *_) = journal.data[: journal.end], journal.transactions[-1]
+    whole, started = body[begin:end], begun(5) + store(5, b"unfinished")
+    for kind, data in (
+        ("zeros", body + bytes(5000)),
+        ("leftovers", body + b"\7" * 100),
+        ("unfinished_transaction", body + started + bytes(30)),
+        ("unfinished_transaction", body + whole[:-20]),
+        ("uncommitted_transaction", body + whole),
+        ("older_generation", body + whole + whole),
+        ("older_generation", file(0, -1) + body[24:]),
+        ("unfinished_repack", file(1, -1) + started),
+    ):
+        pathlib.Path("f").write_bytes(data)
+        same(File("f").rest()[0], kind, "the model itself")
+        look(View("f"))
+    put_files("s", _0pak=file(1, -1) + started)  # a repack has begun
+    look(View("s"))
+    tool("init", "one", "--slots", "1", status=0)
+    shutil.copy("s/1.pak", "one/0.pak.new")
+    look(View("one", 1))
+
+
+# More records than are kept without being compacted: deleted, stored again, and deleted for good.
+def many_records():
+    blobs = [b"%05d" % k for k in range(70000)]
+    stores = [store(1, blob) for blob in blobs]
+    deletions = [delete(2, md5(blob)) for blob in blobs]
+    tool("init", "s", status=0)
+    put_files("s", _0pak=file(1, 0, transaction(0, *stores)), _0jrn=file(0, 0, transaction(2, *deletions), transaction(3, *stores),
+              transaction(4, *deletions[1::2]), transaction(5, *stores[1::4])))
+    view = View("s")
+    same(len(view.blobs), 52500, "the model itself")
+    for command, wanted in (("ls", view.ls()), ("stat", view.stat()), ("check", view.check())):
+        same(plain(tool(command, "s", "--json", status=0).objects), wanted, command)
+
+
+# At each of its reads, another process repacks the store twice: what is seen is what was there before
+# or after that, and no damage.
+def beside_repacks():
+    for slots in (1, 2):
+        tool("init", "fresh", "--slots", slots, status=0)
+        for k in (4, 9, 8):
+            tool("put", "fresh", stdin=BLOBS[k], status=0)
+            tool("repack", "fresh", status=0) if k == 9 else None
+        for command in ("ls s --json", "check s --json", f"get s {HASHES[4].hex()}"):
+            for at in itertools.count(1):
+                shutil.rmtree("s", ignore_errors=True)
+                shutil.copytree("fresh", "s")
+                calls = {"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": f"{TOOL} repack -q s && {TOOL} repack -q s"}
+                got = tool(*command.split(), calls=calls)
+                view = View("s", slots)
+                wanted = {"ls": view.ls(), "check": view.check()}
+                seen = [[(o.get("hash"), o.get("size"), o.get("sound")) for o in objects] for objects in (got.objects, wanted.get(command.split()[0], []))]
+                same((got.status, seen[0]), (0, seen[1]), f"{command} beside a repack at read {at}\n{got.err}")
+                same(got.out == BLOBS[4] or "--json" in command, True, command)
+                if view.sequence == 1:  # that many reads there are not
+                    break
+            same(at > 3, True, f"{command} reads")
+        shutil.rmtree("fresh")
+
+
+def held():
+    base("s")
+    before = tree("s")
+    with open("s/1.pak") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        same(tool("stat", "s", "--json", status=0).objects[0]["open_in"][0]["pid"], os.getpid(), "who has it open")
+        for status, command in ((0, "ls s"), (0, "check s"), (0, "get s " + HASHES[4].hex()), (4, "clean s"), (3, "put s list"),
+                                (3, "rm s " + HASHES[4].hex()), (3, "import s ."), (3, "repack s"), (3, "clean --delete s")):
+            pathlib.Path("list").touch()
+            tool(*command.split(), status=status)
+    same(tree("s") == before, True, "a store that another process has open changed")
+
+
+scenario(by_hand, made_by_the_tool, rows_of_arguments, leftovers, many_records, beside_repacks, held)
