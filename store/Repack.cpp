@@ -251,10 +251,12 @@ bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
   try {
     if (batch.Take(i, pair)) return true;
   } catch (const std::exception& e) {
+    trace::engine.CaughtErrorV(e,
+                               "BlobController::Repack() hash %s file %s offset %d cannot be "
+                               "copied: delete this blob, or check the store and put it again",
+                               entry.hash.toString(), entry.file->path, entry.offset);
     DumpEntries(entries, number);
-    throw Failure(CodeOf(e), "hash ", entry.hash.toString(), " file ", entry.file->path, " offset ",
-                  entry.offset, " cannot be copied: ", e.what(),
-                  ". Delete this blob, or check the store and put the blob again");
+    throw;
   }
   trace::engine.WriteWarnV("BlobController::Repack() GetBlob failed on hash %s size %d",
                            entry.hash.toString(), entry.size);
