@@ -16,21 +16,6 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-// Creates a directory with its parents. A power cut must not take their names, with all that lies
-// in them, so the directories that hold them are flushed.
-void MakeDirectory(const std::string& path) {
-  std::error_code code;
-  std::vector<stdfs::path> changed;
-  for (stdfs::path at = stdfs::absolute(path); !stdfs::exists(at, code) && at.has_relative_path();
-       at = at.parent_path())
-    changed.push_back(at.parent_path());
-  stdfs::create_directories(path, code);
-  if (code) throw Fault("cannot make the directory {}: {}", path, code.message());
-  for (const stdfs::path& directory : changed)
-    if (::fsync(OpenDirectory(directory.string()).get()) != 0)
-      ThrowErrno("flush the directory " + directory.string());
-}
-
 // A store without a blobring.conf: another program's, or one whose init was cut short. With other
 // slots its blobs would be hidden, with a pack of another store the two would destroy each other.
 void RequireOwnFiles(const Layout& layout) {

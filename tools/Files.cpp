@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <tuple>
 
 #include "tools/Console.h"
@@ -69,6 +70,19 @@ std::optional<FileId> IdOf(const std::string& path) {
 void ThrowErrno(const std::string& action) {
   if (errno == EINTR) ThrowIfInterrupted();
   throw Fault("cannot {}: {}", action, std::strerror(errno));
+}
+
+void MakeDirectory(const std::string& path) {
+  std::error_code code;
+  std::vector<std::filesystem::path> changed;
+  for (std::filesystem::path at = std::filesystem::absolute(path);
+       !std::filesystem::exists(at, code) && at.has_relative_path(); at = at.parent_path())
+    changed.push_back(at.parent_path());
+  std::filesystem::create_directories(path, code);
+  if (code) throw Fault("cannot make the directory {}: {}", path, code.message());
+  for (const std::filesystem::path& directory : changed)
+    if (::fsync(OpenDirectory(directory.string()).get()) != 0)
+      ThrowErrno("flush the directory " + directory.string());
 }
 
 Fd OpenDirectory(const std::string& path) {

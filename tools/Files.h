@@ -45,6 +45,10 @@ std::optional<FileId> IdOf(const std::string& path);  // follows symbolic links
 // Throws Fault("cannot <action>: <text of errno>").
 [[noreturn]] void ThrowErrno(const std::string& action);
 
+// Creates a directory with its parents. A power cut must not take their names, with all that lies
+// in them, so the directories that hold them are flushed.
+void MakeDirectory(const std::string& path);
+
 // Opens a directory. Throws Fault.
 Fd OpenDirectory(const std::string& path);
 

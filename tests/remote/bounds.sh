@@ -26,7 +26,7 @@ costs "$tool" push all "$url"
 at_most requests 20
 at_most bytes_sent 115000000
 costs "$tool" push all "$url"
-at_most requests 5
+at_most requests 6
 blobring init -q back
 costs "$tool" pull back "$url"
 has back all

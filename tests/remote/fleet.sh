@@ -18,7 +18,7 @@ store c 2001 4000
 blobring push -q --json a "$url" -m first >a.json
 same "$(field blobs <a.json)" 2000
 blobring push -q --json a "$url" >a.json
-same "$(field blobs <a.json) $(field requests <a.json)" "0 5"
+same "$(field blobs <a.json) $(field requests <a.json)" "0 6"
 same "$(blobring push -q --json b "$url" | field blobs)" 1000
 same "$(blobring push -q --json c "$url" | field blobs)" 1000
 same "$(blobring remote ls "$url" | wc -l)" 4
@@ -29,6 +29,16 @@ gives "$url" a "$(cat a/remote/id)"
 has back a
 blobring sync -q a "$url" >/dev/null
 has a c
+
+# What lies beside a store is lost, and its id written back: its numbers go on.
+id=$(cat a/remote/id)
+rm -r a/remote
+mkdir a/remote
+echo 17.bytes.of.junk >a/remote/id
+expect 1 "does not hold the store's id" push a "$url"
+echo "$id" >a/remote/id
+blobring push a "$url" -q | grep -q "^$id/000000000004-" || fail "the number is not 4"
+expect 0 "^$id/000000000004-[^ ]*  $(hostname)  " remote ls "$url"
 
 # Packs are of the store's own format.
 s3 "?list-type=2&prefix=all%2Fpacks%2F" | grep -o '<Key>[^<]*' | cut -c6- >packs
@@ -67,6 +77,45 @@ expect 1 "which no index has" pull new "$url" --snapshot "$(cat a/remote/id)"
 expect 0 "packs that no index named: indexed" remote prune "$url"
 expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data
 gives "$url" a
+
+# Objects that are none of ours, or damaged, stop nobody. Each is named, and stays.
+blobring remote init -q s3://fleet/junk --push-within 1s --grace 2s
+blobring push -q c s3://fleet/junk >/dev/null
+s3 "/$(keys junk index)" -o real.index
+s3 "/$(keys junk snapshots)" -o real.snapshots
+python3 - <<'PY'
+import hashlib, os
+def put(key, data):
+    os.makedirs(os.path.dirname("junk/" + key), exist_ok=True)
+    open("junk/" + key, "wb").write(data)
+for key in "index/readme", "gc/a b&<c>", "snapshots/me", "snapshots/short/000000000001-" + "0" * 32 + ".snap", "packs/readme":
+    put(key, b"junk")
+names = {"index": "index/{0}-{1:016x}.idx", "snapshots": "snapshots/0123456789abcdef/{1:012}-{0}.snap", "gc": "gc/{1:016x}.tomb"}
+for kind in names:
+    real = open("real." + kind, "rb").read() if kind != "gc" else hashlib.md5(b"x\n").hexdigest().encode() + b"\nx\n"
+    line = real.index(b"\n")
+    bad = [b"", b"\0" * 100, real[:line], real[:line + 1], real[:-1], real + b"x", b"\xff" + real, real[:9] + b"\xff" + real[10:],
+           b"{}\n", b"[" * 100000, b"{\"a\":" * 50000 + b"\n", b"blobring index 1 18446744073709551616 1\n", b"blobring index 1 -1 -1\n",
+           b"blobring index 1 0 1\n" + b"\0" * 28, real.replace(b"2000", b"4000000000", 1), real.replace(b'"time":"', b'"time":7,"x":"', 1)]
+    for n, data in enumerate(data for data in bad if data != real or kind == "gc"):
+        put(names[kind].format(hashlib.md5(data).hexdigest(), n), data)
+    if kind != "gc":
+        put(names[kind].format("0" * 32, 99), real)
+PY
+(cd junk && find . -type f | cut -c3-) >table
+while read -r key; do
+  s3 "/junk/$(python3 -c 'import sys, urllib.parse; print(urllib.parse.quote(sys.argv[1]))' "$key")" -T "junk/$key"
+done <table
+same "$(blobring push -q --json c s3://fleet/junk 2>/dev/null | field blobs)" 0
+expect 1 "$(wc -l <table) findings" remote check s3://fleet/junk
+while read -r key; do grep -qF -- "$key" expect.out || fail "$key is not named"; done <table
+sleep 4
+for _ in 1 2; do
+  blobring remote prune -q s3://fleet/junk --keep-last 1 2>/dev/null
+  sleep 4
+done
+same "$(for kind in index gc snapshots packs; do keys junk $kind; done | wc -l)" "$(($(wc -l <table) + 3))"
+gives s3://fleet/junk c 2>/dev/null
 
 # Of a damaged store what can be read is pushed, and called partial.
 blobring remote init -q s3://fleet/damaged

@@ -55,6 +55,8 @@ s3() {
     -H "x-amz-content-sha256: UNSIGNED-PAYLOAD" "${@:2}" "$ENDPOINT/fleet$1"
 }
 
+keys() { s3 "?list-type=2&prefix=$1%2F$2%2F" | grep -o '<Key>[^<]*' | cut -c6-; } # PREFIX KIND
+
 # From now on requests go through a proxy, which does what the file `control` says.
 proxy() {
   : >control

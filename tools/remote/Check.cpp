@@ -127,19 +127,21 @@ class Checker {
       json["tombs"] = tombs_.named.size();
       json["packs_read"] = readCount_;
       json["findings"] = findings_;
+      json["left_out"] = remote_.rejected;
       PrintText(JsonLine(json));
     }
     for (const std::string& finding : findings_) Say("{}", finding);
+    const size_t findingCount = findings_.size() + remote_.rejected.size();
     Inform("{} of {} in {}, {}; {}", Count(blobCount_, "blob"), Count(snapshotCount_, "snapshot"),
            Count(packs_.objects.size(), "pack"),
            orphanCount_ == 0 ? "all indexed" : fmt::format("{} not indexed", orphanCount_),
-           findings_.empty() ? "nothing is wrong" : Count(findings_.size(), "finding"));
+           findingCount == 0 ? "nothing is wrong" : Count(findingCount, "finding"));
     if (readCount_ == 0)
       Inform("this is what the service accepted{}; --read-data reads it",
              remote_.config.etagIsMd5 ? "" : ", by sizes alone");
     else
       Inform("{} read", Count(readCount_, "pack"));
-    return findings_.empty() ? kSuccess : kFault;
+    return findingCount == 0 ? kSuccess : kFault;
   }
 
  private:

@@ -15,6 +15,7 @@
 namespace tool::remote {
 namespace {
 
+constexpr int64_t kMaxSeconds = int64_t{1000000} * 86400;
 constexpr size_t kPlaceSize = 28;
 constexpr size_t kNonceDigits = 16;
 constexpr size_t kNameSize = 2 * blobring::Hash::kSize + 1 + kNonceDigits;
@@ -52,6 +53,10 @@ std::string Nonce() {
   std::string text;
   for (const unsigned char byte : bytes) text += fmt::format("{:02x}", byte);
   return text;
+}
+
+bool IsStoreId(std::string_view text) {
+  return text.size() == kNonceDigits && IsHex(text);
 }
 
 std::string PackKey(const std::string& name) {
@@ -95,7 +100,7 @@ RemoteConfig RemoteConfig::Decode(const std::string& text) {
     config.graceSeconds = Number(json, "grace_seconds", "blobring.json");
     config.etagIsMd5 = json.at("etag_is_md5");
     if (!IsHex(config.id) || config.id.empty() || config.pushSeconds < 1 ||
-        config.graceSeconds <= config.pushSeconds)
+        config.graceSeconds <= config.pushSeconds || config.graceSeconds > kMaxSeconds)
       throw Fault("blobring.json is damaged");
     return config;
   } catch (const Json::exception&) {
@@ -186,6 +191,7 @@ std::string Snapshot::Encode() const {
   Json json;
   json["type"] = "blobring snapshot";
   json["time"] = time;
+  json["host"] = host;
   json["message"] = message;
   json["partial"] = isPartial;
   json["blobs"] = hashes.size();
@@ -204,6 +210,7 @@ Snapshot Snapshot::Decode(std::string_view bytes, const std::string& name, bool 
   Snapshot snapshot;
   try {
     snapshot.time = json.at("time");
+    snapshot.host = json.value("host", "");
     snapshot.message = json.at("message");
     snapshot.isPartial = json.at("partial");
     snapshot.bytes = static_cast<uint64_t>(Number(json, "bytes", name));
@@ -241,7 +248,7 @@ std::optional<SnapshotName> SnapshotName::Parse(const std::string& key) {
   name.store = text.substr(0, slash);
   const std::string digits = text.substr(slash + 1, dash - slash - 1);
   const auto digest = blobring::Hash::parse(text.substr(dash + 1));
-  if (!IsHex(name.store) || name.store.empty() || digits.empty() || digits.size() > 18 ||
+  if (!IsStoreId(name.store) || digits.empty() || digits.size() > 18 ||
       digits.find_first_not_of("0123456789") != std::string::npos || !digest)
     return std::nullopt;
   name.sequence = std::stoull(digits);

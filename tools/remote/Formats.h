@@ -21,6 +21,7 @@ namespace tool::remote {
 
 // 16 hexadecimal digits, of random(4).
 std::string Nonce();
+bool IsStoreId(std::string_view text);  // a Nonce()
 
 std::string PackKey(const std::string& name);  // name: MD5-NONCE
 std::string IndexKey(const std::string& name);
@@ -74,6 +75,7 @@ struct Index {
 // One store's hashes, ascending. A line of JSON, then 16 bytes each.
 struct Snapshot {
   std::string time;  // of the store's machine, for people
+  std::string host;  // the machine's name
   std::string message;
   bool isPartial = false;  // blobs are missing in it, that the store has
   uint64_t bytes = 0;      // of the blobs
@@ -87,6 +89,8 @@ struct Snapshot {
 
 // snapshots/STOREID/SEQ-MD5.snap
 struct SnapshotName {
+  static constexpr uint64_t kMaxSequence = 999'999'999'999'999'999;
+
   std::string store;
   uint64_t sequence = 0;
   blobring::Hash digest;

@@ -21,13 +21,14 @@ std::optional<std::string> ReadFile(const std::string& path) {
   return std::move(bytes).str();
 }
 
-void WriteFile(const std::string& directory, const std::string& name, std::string_view bytes) {
-  std::error_code code;
-  stdfs::create_directories(directory, code);
-  if (code) throw Fault("cannot create {}: {}", directory, code.message());
+// Flushed, unless it is a mere copy.
+void WriteFile(const std::string& directory, const std::string& name, std::string_view bytes,
+               bool isCopy = false) {
+  MakeDirectory(directory);
   const Fd opened = OpenDirectory(directory);
   StagedFile file(opened.get(), name, directory + "/" + name);
   file.Write(bytes);
+  if (!isCopy) file.Sync();
   file.Publish(Existing::kReplace);
 }
 
@@ -46,8 +47,17 @@ LocalState::LocalState(const std::string& store, const std::string& cache,
     : directory_(cache.empty() ? store + "/remote" : cache), remote_(directory_ + "/" + remoteId) {}
 
 std::string LocalState::StoreId() {
-  if (const auto id = ReadFile(directory_ + "/id"); id && id->size() == 17)
-    return id->substr(0, 16);
+  const std::string path = directory_ + "/id";
+  std::error_code code;
+  if (stdfs::exists(path, code) || code) {
+    std::string id = ReadFile(path).value_or("");
+    if (id.ends_with('\n')) id.pop_back();
+    if (IsStoreId(id)) return id;
+    throw Fault(
+        "{} does not hold the store's id, 16 hexadecimal digits: `blobring remote ls` shows it "
+        "beside the name of this machine; without the file this is a new store",
+        path);
+  }
   std::string id = Nonce();
   try {
     WriteFile(directory_, "id", id + "\n");
@@ -55,13 +65,6 @@ std::string LocalState::StoreId() {
     throw Fault("{}; --cache DIR keeps the store's id elsewhere", fault.what());
   }
   return id;
-}
-
-uint64_t LocalState::NextSequence() {
-  const auto last = ReadFile(remote_ + "/sequence");
-  const uint64_t next = (last ? std::strtoull(last->c_str(), nullptr, 10) : 0) + 1;
-  WriteFile(remote_, "sequence", fmt::format("{}\n", next));
-  return next;
 }
 
 std::optional<std::string> LocalState::ReadCopy(const std::string& kind,
@@ -74,7 +77,7 @@ std::optional<std::string> LocalState::ReadCopy(const std::string& kind,
 void LocalState::KeepCopy(const std::string& kind, const blobring::Hash& digest,
                           std::string_view bytes) const {
   try {
-    WriteFile(remote_ + "/" + kind, digest.text(), bytes);
+    WriteFile(remote_ + "/" + kind, digest.text(), bytes, true);
   } catch (const Fault&) {
   }
 }

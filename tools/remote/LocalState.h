@@ -3,7 +3,6 @@
 // again.
 //
 //   id                     of the store, in the names of its snapshots
-//   REMOTEID/sequence      of its last snapshot
 //   REMOTEID/index/MD5     copies of indexes, which never change
 //   REMOTEID/snapshot/MD5  a copy of the last snapshot that was pulled
 //   REMOTEID/pending/NAME  the index of one pack that was uploaded and that no index names yet
@@ -26,9 +25,8 @@ class LocalState {
   // `cache` may be empty. Creates no file.
   LocalState(const std::string& store, const std::string& cache, const std::string& remoteId);
 
-  // Made at the first call. Throws Fault when it cannot be kept.
+  // Made at the first call. Throws Fault when it cannot be kept, or when what is kept is none.
   std::string StoreId();
-  uint64_t NextSequence();
 
   // A copy that matches its digest, or nothing.
   std::optional<std::string> ReadCopy(const std::string& kind, const blobring::Hash& digest) const;

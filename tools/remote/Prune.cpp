@@ -75,7 +75,9 @@ class Pruner {
     if (restoredCount_ != 0)
       Say("{} that no index named: indexed, since snapshots lacked blobs",
           Count(restoredCount_, "pack"));
-    if (missingCount_ == 0) return kSuccess;
+    if (remote_.mayBeWhole)
+      Say("nothing was forgotten or deleted: what could not be read may be whole at the service");
+    if (missingCount_ == 0) return remote_.mayBeWhole ? kFault : kSuccess;
     Say("the snapshots that stay name {} that {} in no sound pack: `blobring remote check` tells "
         "which; nothing is forgotten or deleted until a store that has {} pushes again",
         Count(missingCount_, "blob"), missingCount_ == 1 ? "is" : "are",
@@ -105,8 +107,8 @@ class Pruner {
         return IsSound(pack, size) && IsTombed(pack);
       });
       missingCount_ = CountMissing();
-      if (missingCount_ == 0) return;
-      if (look == kMostLooks) break;
+      if (missingCount_ == 0 && !remote_.mayBeWhole) return;
+      if (missingCount_ == 0 || look == kMostLooks) break;
     }
     onlyRepairs_ = true;
     keptCount_ += forgotten_.size();
@@ -122,17 +124,15 @@ class Pruner {
     const Listing listing = remote_.objects.List("snapshots/");
     const auto names = remote_.NamesOf(listing);
     std::map<std::string, Snapshot> headers = remote_.ReadHeaders(names);
-    ChooseSnapshots(listing, names, headers);
+    ChooseSnapshots(listing, headers);
     std::map<std::string, blobring::Hash> kept;
     for (const auto& [key, name] : names)
       if (forgotten_.count(key) == 0) kept[key] = name.digest;
     keptCount_ = kept.size();
     needed_.clear();
-    remote_.ReadAll(kept, [&](const std::string& key, const std::string* bytes) {
-      if (bytes == nullptr) return;  // another prune has forgotten it
-      const Hashes hashes = Snapshot::Decode(*bytes, key).hashes;
+    remote_.ReadSnapshots(kept, [this](const Snapshot& snapshot) {
       Hashes all;
-      std::set_union(needed_.begin(), needed_.end(), hashes.begin(), hashes.end(),
+      std::set_union(needed_.begin(), needed_.end(), snapshot.hashes.begin(), snapshot.hashes.end(),
                      std::back_inserter(all));
       needed_ = std::move(all);
     });
@@ -140,12 +140,11 @@ class Pruner {
 
   // Of each store: the last N whole ones, those young enough, and partial ones that no whole one
   // followed. Without options all whole ones stay.
-  void ChooseSnapshots(const Listing& listing, const std::map<std::string, SnapshotName>& names,
-                       const std::map<std::string, Snapshot>& headers) {
+  void ChooseSnapshots(const Listing& listing, const std::map<std::string, Snapshot>& headers) {
     forgotten_.clear();
     std::map<std::string, uint64_t> wholeCount;  // of each store, newer than the one looked at
-    for (auto at = names.rbegin(); at != names.rend(); ++at) {
-      const auto& [key, name] = *at;
+    for (const SnapshotName& name : remote_.NewestFirst(listing)) {
+      const std::string key = name.Key();
       const auto header = headers.find(key);
       if (header == headers.end()) continue;
       uint64_t& newer = wholeCount[name.store];
@@ -194,7 +193,8 @@ class Pruner {
       if (goes[place.pack]) moved_.push_back(place);
     const Keys indexed = IndexedPacks();
     for (const auto& [key, object] : packs_.objects)
-      if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && IsOld(object, packs_))
+      if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && !NameIn(key).empty() &&
+          IsOld(object, packs_))
         Mark(key);
     ChooseIndexes();
   }
@@ -364,7 +364,7 @@ class Pruner {
   std::vector<Place> moved_;    // in usable_: live blobs of packs that go
   std::vector<Place> rescued_;  // in tombed_: needed, and in no pack that stays
   uint64_t missingCount_ = 0;   // needed, and in no pack
-  bool onlyRepairs_ = false;    // blobs were missing [R8]
+  bool onlyRepairs_ = false;    // blobs were missing [R8], or could not be told to be
   uint64_t keptCount_ = 0;
   uint64_t rewrittenCount_ = 0;
   uint64_t restoredCount_ = 0;  // orphans that were indexed

@@ -23,22 +23,13 @@ struct Chosen {
 std::optional<Chosen> Choose(Remote& remote, const LocalState& state, const std::string& wanted,
                              const std::string& except) {
   const Listing listing = remote.objects.List("snapshots/");
-  std::map<std::string, SnapshotName> names = remote.NamesOf(listing);
-  std::erase_if(names, [&](const auto& entry) {
-    return !entry.second.Short().starts_with(wanted) || entry.second.store == except;
+  std::vector<SnapshotName> names = remote.NewestFirst(listing);
+  std::erase_if(names, [&](const SnapshotName& name) {
+    return !name.Short().starts_with(wanted) || name.store == except;
   });
-  std::vector<SnapshotName> byAge;
-  byAge.reserve(names.size());
-  for (const auto& [key, name] : names) byAge.push_back(name);
-  std::sort(byAge.begin(), byAge.end(), [&listing](const auto& a, const auto& b) {
-    const auto order = [&listing](const SnapshotName& name) {
-      return std::tuple(listing.objects.at(name.Key()).when, name.sequence, name.Short());
-    };
-    return order(a) > order(b);
-  });
-  for (const SnapshotName& name : byAge) {
+  for (const SnapshotName& name : names) {
     std::optional<Snapshot> snapshot = remote.ReadSnapshot(name, &state);
-    if (!snapshot || (snapshot->isPartial && (wanted.empty() || byAge.size() > 1))) continue;
+    if (!snapshot || (snapshot->isPartial && (wanted.empty() || names.size() > 1))) continue;
     if (snapshot->isPartial) Say("the snapshot {} is partial", name.Short());
     return Chosen{name, std::move(*snapshot)};
   }

@@ -5,7 +5,10 @@
 // keeps a prune from taking it, and the next one goes on. A round that has no time left for that is
 // followed by one that uploads no packs. When the store was repacked over what was being read, the
 // next round reads it as it is then.
+#include <unistd.h>
+
 #include <algorithm>
+#include <climits>
 #include <ctime>
 
 #include "tools/Console.h"
@@ -39,6 +42,11 @@ std::string TimeNow() {
   char text[32];
   std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
   return text;
+}
+
+std::string HostName() {
+  char name[HOST_NAME_MAX + 1] = {};
+  return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
 class StoreChanged {};
@@ -122,6 +130,7 @@ class Pusher {
 
     Snapshot snapshot;
     snapshot.time = TimeNow();
+    snapshot.host = HostName();
     snapshot.message = message_;
     snapshot.isPartial = view_->damaged();
     doneCount_ = doneBytes_ = 0;
@@ -150,7 +159,7 @@ class Pusher {
     snapshot.isPartial = snapshot.isPartial || !isThrough || !damaged_.empty();
     std::sort(snapshot.hashes.begin(), snapshot.hashes.end());
     const std::string bytes = snapshot.Encode();
-    snapshot_ = {state_.StoreId(), state_.NextSequence(), DigestOf(bytes)};
+    snapshot_ = {state_.StoreId(), NextSequence(), DigestOf(bytes)};
     isPartial_ = snapshot.isPartial;
     remote_.objects.Put(snapshot_.Key(), bytes);
     if (BootSeconds() - start > limit) {
@@ -158,6 +167,15 @@ class Pusher {
       return false;
     }
     return isThrough;
+  }
+
+  // What is kept beside a store can be lost; what is listed says which number was the last.
+  uint64_t NextSequence() {
+    uint64_t last = 0;
+    for (const auto& [key, name] :
+         remote_.NamesOf(remote_.objects.List("snapshots/" + state_.StoreId() + "/")))
+      last = std::max(last, name.sequence);
+    return std::min(last + 1, SnapshotName::kMaxSequence);
   }
 
   // Packs that an earlier push uploaded without coming to index them. Returns their blobs.

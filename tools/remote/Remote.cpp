@@ -25,14 +25,32 @@ Remote::Remote(const RemoteOptions& options) : objects(ConnectionOf(options)) {
     throw Fault("blobring.json arrived damaged");
 }
 
+void Remote::Reject(const std::string& what) {
+  if (std::find(rejected.begin(), rejected.end(), what) != rejected.end()) return;
+  rejected.push_back(what);
+  Say("{}; it is left out", what);
+}
+
 Tombs Remote::ReadTombs() {
   Tombs tombs;
   tombs.listing = objects.List("gc/");
   for (const auto& [key, object] : tombs.listing.objects) {
-    const std::optional<Reply> reply = objects.Get(key);
-    if (!reply) continue;  // all that it named has been deleted since
-    tombs.named[key] = DecodeTomb(reply->body, key);
-    tombs.keys.insert(tombs.named[key].begin(), tombs.named[key].end());
+    for (int attempt = 1;; ++attempt) {
+      const std::optional<Reply> reply = objects.Get(key);
+      if (!reply) break;  // all that it named has been deleted since
+      try {
+        const std::vector<std::string> keys = DecodeTomb(reply->body, key);
+        tombs.named[key] = keys;
+        tombs.keys.insert(keys.begin(), keys.end());
+        break;
+      } catch (const Fault& fault) {
+        if (attempt < kMostReads && !IsStored(*reply)) continue;
+        // One that is whole must not be overlooked: what it names is about to go.
+        if (config.etagIsMd5 && !IsStored(*reply)) throw;
+        Reject(fault.what());
+        break;
+      }
+    }
   }
   return tombs;
 }
@@ -48,13 +66,20 @@ std::string Remote::FaultIn(const Listing& packs, const std::string& pack, uint6
 }
 
 void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
-                     const std::function<void(const std::string&, const std::string*)>& take,
+                     const std::function<void(const std::string&, const std::string&)>& take,
                      const LocalState* state, const std::string& kind) {
+  const auto tryTake = [this, &take](const std::string& key, const std::string& bytes) {
+    try {
+      take(key, bytes);
+    } catch (const Fault& fault) {
+      Reject(fault.what());
+    }
+  };
   std::map<std::string, blobring::Hash> left;
   for (const auto& [key, digest] : digests) {
-    auto copy = state != nullptr ? state->ReadCopy(kind, digest) : std::nullopt;
+    const auto copy = state != nullptr ? state->ReadCopy(kind, digest) : std::nullopt;
     if (copy)
-      take(key, &*copy);
+      tryTake(key, *copy);
     else
       left[key] = digest;
   }
@@ -62,18 +87,19 @@ void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
     std::map<std::string, blobring::Hash> damaged;
     for (const auto& [key, digest] : left) {
       objects.StartGet(key, std::nullopt, nullptr, [&, key = key, digest = digest](Reply& reply) {
-        if (reply.status != 404 && DigestOf(reply.body) != digest) {
+        if (reply.status == 404) return;
+        if (DigestOf(reply.body) == digest) {
+          if (state != nullptr) state->KeepCopy(kind, digest, reply.body);
+          tryTake(key, reply.body);
+        } else if (attempt < kMostReads && !IsStored(reply)) {
           damaged[key] = digest;
-          return;
+        } else {
+          mayBeWhole = mayBeWhole || !IsStored(reply);
+          Reject(key + " does not match the digest in its name");
         }
-        if (reply.status != 404 && state != nullptr) state->KeepCopy(kind, digest, reply.body);
-        take(key, reply.status == 404 ? nullptr : &reply.body);
       });
     }
     objects.http().Finish();
-    if (!damaged.empty() && attempt == kMostReads)
-      throw Fault("{} does not match the digest in its name, {} times", damaged.begin()->first,
-                  attempt);
     left = std::move(damaged);
   }
 }
@@ -84,38 +110,62 @@ Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::
   std::set<blobring::Hash> listed;
   for (const auto& [key, object] : listing.objects) {
     const std::string name = NameIn(key);
-    if (name.empty() || !key.starts_with("index/")) throw Fault("{} is no index's name", key);
+    if (name.empty()) {
+      Reject(key + " is no index's name");
+      continue;
+    }
     listed.insert(DigestIn(name));
     if (skip.count(key) == 0) toRead[key] = DigestIn(name);
   }
   Indexes indexes;
-  const auto take = [&indexes](const std::string& key, const std::string* bytes) {
-    if (bytes == nullptr) return;  // superseded since it was listed
-    indexes[NameIn(key)] = Index::Decode(*bytes, key);
+  const auto take = [&indexes](const std::string& key, const std::string& bytes) {
+    indexes[NameIn(key)] = Index::Decode(bytes, key);
   };
   ReadAll(toRead, take, state, kIndexCopies);
   if (state != nullptr) state->DropCopiesBut(kIndexCopies, listed);
   return indexes;
 }
 
-std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) const {
+std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) {
   std::map<std::string, SnapshotName> names;
   for (const auto& [key, object] : snapshots.objects) {
     const std::optional<SnapshotName> name = SnapshotName::Parse(key);
-    if (!name || name->Key() != key) throw Fault("{} is no snapshot's name", key);
-    names[key] = *name;
+    if (name && name->Key() == key)
+      names[key] = *name;
+    else
+      Reject(key + " is no snapshot's name");
   }
   return names;
 }
 
-std::optional<Snapshot> Remote::ReadSnapshot(const SnapshotName& name, const LocalState* state) {
-  std::optional<Snapshot> snapshot;
-  const auto take = [&snapshot](const std::string& key, const std::string* bytes) {
-    if (bytes != nullptr) snapshot = Snapshot::Decode(*bytes, key);
+std::vector<SnapshotName> Remote::NewestFirst(const Listing& snapshots) {
+  std::vector<SnapshotName> names;
+  for (const auto& [key, name] : NamesOf(snapshots)) names.push_back(name);
+  std::sort(names.begin(), names.end(), [&snapshots](const auto& a, const auto& b) {
+    const auto order = [&snapshots](const SnapshotName& name) {
+      const Object& object = snapshots.objects.at(name.Key());
+      return std::tuple(object.modified, object.when, name.sequence, name.Short());
+    };
+    return order(a) > order(b);
+  });
+  return names;
+}
+
+void Remote::ReadSnapshots(const std::map<std::string, blobring::Hash>& digests,
+                           const std::function<void(const Snapshot&)>& take,
+                           const LocalState* state) {
+  const auto decode = [&take](const std::string& key, const std::string& bytes) {
+    take(Snapshot::Decode(bytes, key));
   };
-  ReadAll({{name.Key(), name.digest}}, take, state, kSnapshotCopies);
+  ReadAll(digests, decode, state, kSnapshotCopies);
+}
+
+std::optional<Snapshot> Remote::ReadSnapshot(const SnapshotName& name, const LocalState* state) {
+  std::optional<Snapshot> found;
+  ReadSnapshots(
+      {{name.Key(), name.digest}}, [&found](const Snapshot& snapshot) { found = snapshot; }, state);
   if (state != nullptr) state->DropCopiesBut(kSnapshotCopies, {name.digest});
-  return snapshot;
+  return found;
 }
 
 std::map<std::string, Snapshot> Remote::ReadHeaders(
@@ -124,8 +174,11 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
   for (const auto& [key, name] : names)
     objects.StartGet(key, ByteRange{0, kHeaderBytes}, nullptr, [&, key = key](Reply& reply) {
       if (reply.status == 404) return;
-      if (reply.status == 416) throw Fault("{} is empty", key);
-      headers[key] = Snapshot::Decode(reply.body, key, true);
+      try {
+        headers[key] = Snapshot::Decode(reply.status == 416 ? "" : reply.body, key, true);
+      } catch (const Fault& fault) {
+        Reject(fault.what());
+      }
     });
   objects.http().Finish();
   return headers;

@@ -42,6 +42,12 @@ class Remote {
 
   Tombs ReadTombs();
 
+  // What has not the name or the bytes of one of our objects is taken for absent, and said once.
+  void Reject(const std::string& what);
+  std::vector<std::string> rejected;
+  // One of them may be whole, and the path to it at fault.
+  bool mayBeWhole = false;
+
   // Why a pack cannot be relied on, whose size follows from an index: "is missing" [R8]. Nothing
   // for one that can.
   std::string FaultIn(const Listing& packs, const std::string& pack, uint64_t size) const;
@@ -49,21 +55,31 @@ class Remote {
   using Indexes = std::map<std::string, Index>;  // by name
 
   // The indexes of a listing, except those that `skip` names by their keys. Copies are taken from
-  // and kept in `state`, if there is one.
+  // and kept in `state`, if there is one. What cannot be read is rejected, here and below.
   Indexes ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
                       const LocalState* state);
 
-  std::map<std::string, SnapshotName> NamesOf(const Listing& snapshots) const;  // by key
+  std::map<std::string, SnapshotName> NamesOf(const Listing& snapshots);  // by key
+  // By Last-Modified; numbers and names decide within one moment of it.
+  std::vector<SnapshotName> NewestFirst(const Listing& snapshots);
   // Nothing if it is gone.
   std::optional<Snapshot> ReadSnapshot(const SnapshotName& name, const LocalState* state);
+  void ReadSnapshots(const std::map<std::string, blobring::Hash>& digests,
+                     const std::function<void(const Snapshot&)>& take,
+                     const LocalState* state = nullptr);
   // The header lines alone, by key.
   std::map<std::string, Snapshot> ReadHeaders(const std::map<std::string, SnapshotName>& names);
 
-  // Objects that are compared with their digests. `take` is called for each, with nothing for one
-  // that is gone. With a `state`, copies of that kind are used and kept.
+ private:
+  // Objects that are compared with their digests. `take` is called for each that is there, and
+  // rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
   void ReadAll(const std::map<std::string, blobring::Hash>& digests,
-               const std::function<void(const std::string& key, const std::string* bytes)>& take,
-               const LocalState* state = nullptr, const std::string& kind = "");
+               const std::function<void(const std::string& key, const std::string& bytes)>& take,
+               const LocalState* state, const std::string& kind);
+  // Whether the service itself has these bytes of an object.
+  bool IsStored(const Reply& reply) const {
+    return config.etagIsMd5 && reply.etag == DigestOf(reply.body).text();
+  }
 };
 
 // All indexes as one, sorted, each pack and place once: of the packs that `use` accepts, which is

@@ -66,15 +66,16 @@ ExitStatus ListRemote(const ListOptions& options) {
       json["store"] = names.at(key).store;
       json["sequence"] = names.at(key).sequence;
       json["time"] = snapshot.time;
+      json["host"] = snapshot.host;
       json["blobs"] = snapshot.count;
       json["bytes"] = snapshot.bytes;
       json["partial"] = snapshot.isPartial;
       json["message"] = snapshot.message;
       text += JsonLine(json);
     } else {
-      text += fmt::format("{}  {}  {:>10}  {:>10}{}{}{}\n", names.at(key).Short(), snapshot.time,
-                          snapshot.count, HumanSize(snapshot.bytes),
-                          snapshot.isPartial ? "  partial" : "",
+      text += fmt::format("{}  {}  {}  {:>10}  {:>10}{}{}{}\n", names.at(key).Short(),
+                          Printable(snapshot.host), Printable(snapshot.time), snapshot.count,
+                          HumanSize(snapshot.bytes), snapshot.isPartial ? "  partial" : "",
                           snapshot.message.empty() ? "" : "  ", Printable(snapshot.message));
     }
   }
