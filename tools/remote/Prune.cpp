@@ -14,7 +14,7 @@ namespace tool::remote {
 namespace {
 
 constexpr double kMostDead = 0.4;  // of a pack; beyond, its live blobs move to another
-constexpr uint64_t kBatchBytes = uint64_t{256} << 20;  // copied through temporary files at a time
+constexpr uint64_t kMaxBatch = uint64_t{256} << 20;  // bytes that temporary files hold at a time
 constexpr size_t kPacksInIndex = 64;
 constexpr size_t kManySmallIndexes = 32;
 constexpr size_t kSmallIndex = 16;  // packs
@@ -31,8 +31,9 @@ class Pruner {
       : remote_(remote),
         options_(options),
         keepWithin_(options.keepWithin.empty() ? -1 : DurationOf(options.keepWithin)) {
-    remote.objects.http().SetDeadline(BootSeconds() +
-                                      static_cast<double>(remote.config.pushSeconds));
+    const auto limit = static_cast<double>(remote.config.pushSeconds);
+    halfTime_ = BootSeconds() + limit / 2;
+    remote.objects.http().SetDeadline(BootSeconds() + limit);
     ShowRequests();
   }
   ~Pruner() { remote_.objects.http().SetTick({}); }
@@ -165,7 +166,17 @@ class Pruner {
 
   // What is to go and what is to be copied before.
   void Choose() {
-    std::vector<uint64_t> needed(usable_.packs.size());  // bytes of records
+    const std::vector<uint64_t> sizes = usable_.PackSizes();
+    // Of several copies the one whose pack has most that is needed: what an earlier prune copied
+    // and did not come to mark is not copied again.
+    std::vector<uint64_t> most(usable_.packs.size());  // bytes of records
+    for (const blobring::Hash& hash : needed_)
+      for (const Place& place : PlacesOf(usable_, hash))
+        most[place.pack] += place.end() - place.offset;
+    const auto isWorse = [&](const Place& a, const Place& b) {
+      return most[a.pack] * sizes[b.pack] < most[b.pack] * sizes[a.pack];
+    };
+    std::vector<uint64_t> needed(usable_.packs.size());
     std::vector<Place> chosen;
     for (const blobring::Hash& hash : needed_) {
       const auto places = PlacesOf(usable_, hash);
@@ -174,11 +185,11 @@ class Pruner {
         if (!tombed.empty()) rescued_.push_back(tombed[0]);
         continue;
       }
-      chosen.push_back(places[0]);
-      needed[places[0].pack] += places[0].end() - places[0].offset;
+      const Place& best = *std::max_element(places.begin(), places.end(), isWorse);
+      chosen.push_back(best);
+      needed[best.pack] += best.end() - best.offset;
     }
     if (onlyRepairs_) return;
-    const std::vector<uint64_t> sizes = usable_.PackSizes();
     std::vector<bool> goes(usable_.packs.size());
     for (size_t i = 0; i < usable_.packs.size(); ++i) {
       const std::string key = PackKey(usable_.packs[i]);
@@ -237,8 +248,8 @@ class Pruner {
   // Copies what packs that go have of use, and indexes what no index that stays names.
   void Rewrite() {
     Index fresh;
-    CopyBlobs(usable_, moved_, fresh);
-    CopyBlobs(tombed_, rescued_, fresh);
+    CopyBlobs(usable_, std::move(moved_), fresh);
+    CopyBlobs(tombed_, std::move(rescued_), fresh);
     if (missingCount_ != 0) IndexOrphans(fresh);
     Keys named;
     for (const auto& [name, index] : indexes_)
@@ -253,11 +264,15 @@ class Pruner {
       const Keys here(all.packs.begin() + static_cast<ptrdiff_t>(begin),
                       all.packs.begin() + static_cast<ptrdiff_t>(
                                               std::min(all.packs.size(), begin + kPacksInIndex)));
-      const std::string bytes = Merge({{"", all}}, [&here](const std::string& pack, uint64_t) {
-                                  return here.count(pack) != 0;
-                                }).Encode();
-      remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
+      Publish(Merge({{"", all}},
+                    [&here](const std::string& pack, uint64_t) { return here.count(pack) != 0; }));
     }
+  }
+
+  void Publish(Index index) {
+    index.Sort();
+    const std::string bytes = index.Encode();
+    remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
   }
 
   // Packs whose index was lost may have what snapshots lack.
@@ -288,18 +303,29 @@ class Pruner {
     return static_cast<uint64_t>(std::count_if(needed_.begin(), needed_.end(), isMissing));
   }
 
-  void CopyBlobs(const Index& from, const std::vector<Place>& places, Index& fresh) {
+  void CopyBlobs(const Index& from, std::vector<Place> places, Index& fresh) {
     if (places.empty()) return;
+    std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
+      return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
+    });
     uint64_t bytes = 0;
     for (const Place& place : places) bytes += place.size;
     remote_.objects.http().SetTick({});
     Progress progress("copying live blobs", places.size(), bytes);
+    uint64_t most = kPackSize;
     for (auto begin = places.begin(); begin != places.end();) {
       uint64_t batchBytes = 0;
       auto end = begin;
-      while (end != places.end() && batchBytes < kBatchBytes) batchBytes += end++->size;
+      while (end != places.end() && batchBytes < most) batchBytes += end++->size;
+      const double start = BootSeconds();
       CopyBatch(from, {begin, end}, fresh, progress);
       begin = end;
+      // On a slow line few bytes at a time, so that what was copied can be indexed in time.
+      if (BootSeconds() - start < static_cast<double>(remote_.config.pushSeconds) / 32)
+        most = std::min(kMaxBatch, 2 * most);
+      // From then on it is not lost when this prune does not come to its end.
+      if (fresh.packs.size() >= kPacksInIndex || BootSeconds() > halfTime_)
+        Publish(std::exchange(fresh, Index()));
     }
     ShowRequests();
   }
@@ -351,6 +377,7 @@ class Pruner {
   Remote& remote_;
   const PruneOptions& options_;
   int64_t keepWithin_;  // seconds; -1: not said
+  double halfTime_ = 0;
 
   Tombs tombs_;
   Remote::Indexes indexes_;
@@ -382,7 +409,7 @@ ExitStatus Prune(const PruneOptions& options) {
   try {
     pruner.Run();
   } catch (const Lapsed&) {
-    throw Fault("the prune takes longer than {}, in which it must be through; run it again",
+    throw Fault("the prune takes longer than {}, in which it must be through; the next goes on",
                 HumanTime(static_cast<double>(remote.config.pushSeconds)));
   } catch (const Interrupted&) {
     throw Interrupted("interrupted; nothing that a snapshot needs was touched. Run it again");
