@@ -90,7 +90,8 @@ def put(key, data):
     open("junk/" + key, "wb").write(data)
 for key in "index/readme", "gc/a b&<c>", "snapshots/me", "snapshots/short/000000000001-" + "0" * 32 + ".snap", "packs/readme":
     put(key, b"junk")
-names = {"index": "index/{0}-{1:016x}.idx", "snapshots": "snapshots/0123456789abcdef/{1:012}-{0}.snap", "gc": "gc/{1:016x}.tomb"}
+store = open("c/remote/id").read().strip()
+names = {"index": "index/{0}-{1:016x}.idx", "snapshots": "snapshots/" + store + "/{1:012}-{0}.snap", "gc": "gc/{1:016x}.tomb"}
 for kind in names:
     real = open("real." + kind, "rb").read() if kind != "gc" else hashlib.md5(b"x\n").hexdigest().encode() + b"\nx\n"
     line = real.index(b"\n")
@@ -103,12 +104,16 @@ for kind in names:
         put(names[kind].format("0" * 32, 99), real)
 PY
 (cd junk && find . -type f | cut -c3-) >table
-while read -r key; do
-  s3 "/junk/$(python3 -c 'import sys, urllib.parse; print(urllib.parse.quote(sys.argv[1]))' "$key")" -T "junk/$key"
-done <table
+litter() {
+  while read -r key; do
+    s3 "/junk/$(python3 -c 'import sys, urllib.parse; print(urllib.parse.quote(sys.argv[1]))' "$key")" -T "junk/$key"
+  done <table
+}
+litter
 same "$(blobring push -q --json c s3://fleet/junk 2>/dev/null | field blobs)" 0
 expect 1 "$(wc -l <table) findings" remote check s3://fleet/junk
 while read -r key; do grep -qF -- "$key" expect.out || fail "$key is not named"; done <table
+litter # and is the newest: the last whole snapshot is another
 sleep 4
 for _ in 1 2; do
   blobring remote prune -q s3://fleet/junk --keep-last 1 2>/dev/null
@@ -116,6 +121,19 @@ for _ in 1 2; do
 done
 same "$(for kind in index gc snapshots packs; do keys junk $kind; done | wc -l)" "$(($(wc -l <table) + 3))"
 gives s3://fleet/junk c 2>/dev/null
+
+# The policy of the document: a device can use its own prefix alone, and the owner all of them.
+sed -n '/^```json/,/^```$/p' "$here/../../docs/fleet.md" | grep -v '```' | sed s,user/fleet,user/test, >policy
+admin user create --uid=device-17 --display-name=device --access-key=device17 --secret-key=secret17
+s3 "?policy=" -T policy
+blobring remote init -q s3://fleet/device-17 --push-within 1s --grace 2s
+as_device() { AWS_ACCESS_KEY_ID=device17 AWS_SECRET_ACCESS_KEY=secret17 "$@"; }
+for n in 1 2; do as_device blobring push -q c s3://fleet/device-17 >/dev/null; done
+as_device expect 0 "nothing is wrong" remote check s3://fleet/device-17
+as_device expect 1 "AccessDenied" push c "$url"
+as_device expect 1 "AccessDenied" remote prune s3://fleet/device-17 --keep-last 1
+gives s3://fleet/device-17 c
+expect 0 "1 forgotten" remote prune s3://fleet/device-17 --keep-last 1
 
 # Of a damaged store what can be read is pushed, and called partial.
 blobring remote init -q s3://fleet/damaged

@@ -46,6 +46,23 @@ keys copies packs >before
 store two 5001 5200
 blobring push -q two s3://fleet/copies >/dev/null
 s3 "/$(keys copies packs | comm -13 before -)" -T cut
+# An index says that a pack of rubbish has all blobs.
+blobring remote init -q s3://fleet/lies --push-within 3s --grace 5s
+blobring push -q again s3://fleet/lies >/dev/null
+s3 "/$(keys lies snapshots)" -o real.snap
+python3 - <<'PY' >lies
+import hashlib, os, struct
+hashes = open("real.snap", "rb").read().split(b"\n", 1)[1]
+pack = os.urandom(4000 + 36 + 16)
+name = hashlib.md5(pack).hexdigest() + "-0123456789abcdef"
+index = b"blobring index 1 1 %d\n%s\n" % (len(hashes) // 16, name.encode())
+for at in range(0, len(hashes), 16):
+    index += hashes[at:at + 16] + struct.pack("<III", 0, 0, 4000)
+for key, data in ("packs/%s/%s.pak" % (name[:2], name), pack), ("index/%s-0123456789abcdef.idx" % hashlib.md5(index).hexdigest(), index):
+    open(os.path.basename(key), "wb").write(data)
+    print(key)
+PY
+while read -r key; do s3 "/lies/$key" -T "$(basename "$key")"; done <lies
 sleep 7
 # Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
@@ -58,6 +75,7 @@ expect 1 "100 blobs that are in no sound pack" remote prune s3://fleet/copies --
 grep -q "0 objects marked" expect.out
 same "$(blobring push -q --json two s3://fleet/copies | field blobs)" 100
 expect 0 "2 objects marked" remote prune s3://fleet/copies --keep-last 1
+expect 0 "packs/.* does not hold what an index says" remote prune s3://fleet/lies
 expect 0 "0 objects deleted" remote prune "$url"
 # What is marked is absent for a push, which sends it again, also where an index comes late.
 s3 "/${index%-*}-0123456789abcdef.idx" -T one.idx
@@ -70,6 +88,7 @@ expect 0 "3 objects deleted" remote prune "$url"
 expect 0 "2 objects deleted" remote prune s3://fleet/late --keep-last 1 # the last by the clock
 expect 0 "33 objects deleted" remote prune s3://fleet/many
 expect 0 "2 objects deleted" remote prune s3://fleet/copies
+expect 0 "1 object deleted" remote prune s3://fleet/lies
 for remote in all late many; do
   expect 0 "all indexed; nothing is wrong" remote check s3://fleet/$remote --read-data
 done
@@ -79,6 +98,7 @@ gives s3://fleet/late full "$(cat first.late)"
 gives s3://fleet/many many
 gives s3://fleet/copies one "$(cat again/remote/id)"
 gives s3://fleet/copies two
+gives s3://fleet/lies one
 expect 0 "2 not indexed; nothing is wrong" remote check s3://fleet/copies
 
 # Pushes beside prunes: whatever was called done stays.

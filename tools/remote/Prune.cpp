@@ -43,6 +43,10 @@ class Pruner {
     Look();
     Choose();
     if (options_.dryRun) return;
+    while (!ReadKept()) {
+      Judge();
+      Choose();
+    }
     remote_.objects.Delete({forgotten_.begin(), forgotten_.end()});
     Rewrite();
     if (onlyRepairs_) return;
@@ -101,23 +105,25 @@ class Pruner {
       indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
       packs_ = remote_.objects.List("packs/");
       ReadSnapshots();
-      usable_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
-        return IsSound(pack, size) && !IsTombed(pack);
-      });
-      tombed_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
-        return IsSound(pack, size) && IsTombed(pack);
-      });
-      missingCount_ = CountMissing();
-      if (missingCount_ == 0 && !remote_.mayBeWhole) return;
-      if (missingCount_ == 0 || look == kMostLooks) break;
+      Judge();
+      if (missingCount_ == 0 || look == kMostLooks) return;
     }
-    onlyRepairs_ = true;
-    keptCount_ += forgotten_.size();
-    forgotten_.clear();
+  }
+
+  // Where what is needed can be had.
+  void Judge() {
+    usable_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
+      return IsSound(pack, size) && !IsTombed(pack);
+    });
+    tombed_ = Merge(indexes_, [this](const std::string& pack, uint64_t size) {
+      return IsSound(pack, size) && IsTombed(pack);
+    });
+    missingCount_ = CountMissing();
+    onlyRepairs_ = missingCount_ != 0 || remote_.mayBeWhole;
   }
 
   bool IsSound(const std::string& pack, uint64_t size) const {
-    return remote_.FaultIn(packs_, pack, size).empty();
+    return remote_.FaultIn(packs_, pack, size).empty() && distrusted_.count(pack) == 0;
   }
   bool IsTombed(const std::string& pack) const { return tombs_.keys.count(PackKey(pack)) != 0; }
 
@@ -166,6 +172,11 @@ class Pruner {
 
   // What is to go and what is to be copied before.
   void Choose() {
+    going_.clear();
+    moved_.clear();
+    rescued_.clear();
+    kept_.clear();
+    goingBytes_ = rewrittenCount_ = 0;
     const std::vector<uint64_t> sizes = usable_.PackSizes();
     // Of several copies the one whose pack has most that is needed: what an earlier prune copied
     // and did not come to mark is not copied again.
@@ -189,7 +200,11 @@ class Pruner {
       chosen.push_back(best);
       needed[best.pack] += best.end() - best.offset;
     }
-    if (onlyRepairs_) return;
+    if (onlyRepairs_) {
+      keptCount_ += forgotten_.size();
+      forgotten_.clear();
+      return;
+    }
     std::vector<bool> goes(usable_.packs.size());
     for (size_t i = 0; i < usable_.packs.size(); ++i) {
       const std::string key = PackKey(usable_.packs[i]);
@@ -200,14 +215,33 @@ class Pruner {
       if (needed[i] != 0) ++rewrittenCount_;
       Mark(key);
     }
-    for (const Place& place : chosen)
-      if (goes[place.pack]) moved_.push_back(place);
+    for (const Place& place : chosen) {
+      const auto copies = PlacesOf(usable_, place.hash);
+      if (goes[place.pack])
+        moved_.push_back(place);
+      else if (std::any_of(copies.begin(), copies.end(),
+                           [&goes](const Place& copy) { return goes[copy.pack]; }))
+        kept_.push_back(place);
+    }
     const Keys indexed = IndexedPacks();
     for (const auto& [key, object] : packs_.objects)
       if (indexed.count(key) == 0 && tombs_.keys.count(key) == 0 && !NameIn(key).empty() &&
           IsOld(object, packs_))
         Mark(key);
     ChooseIndexes();
+  }
+
+  // Reads copies that stay, where others go [R9]. False if a pack does not hold what an index says:
+  // it is not relied on, and all is to be chosen again.
+  bool ReadKept() {
+    Keys bad;
+    Fetch(
+        remote_, usable_, kept_, [](const FetchedBlob&) {}, bad);
+    for (const std::string& pack : bad) {
+      remote_.Reject(PackKey(pack) + " does not hold what an index says");
+      distrusted_.insert(pack);
+    }
+    return bad.empty();
   }
 
   Keys IndexedPacks() const {
@@ -386,9 +420,11 @@ class Pruner {
   Index usable_;   // of packs that are there and that no tomb names
   Index tombed_;   // of those that one names
 
+  Keys distrusted_;             // packs that do not hold what an index says
   Keys forgotten_;              // snapshots
   Keys going_;                  // for the next tomb: keys of packs and indexes
   std::vector<Place> moved_;    // in usable_: live blobs of packs that go
+  std::vector<Place> kept_;     // in usable_: stay, while other copies go
   std::vector<Place> rescued_;  // in tombed_: needed, and in no pack that stays
   uint64_t missingCount_ = 0;   // needed, and in no pack
   bool onlyRepairs_ = false;    // blobs were missing [R8], or could not be told to be

@@ -17,6 +17,7 @@
 //   R8  A copy of a blob counts only in a pack that is listed with the size and the ETag that its
 //       index and its name give it. While a blob that a snapshot needs has no such copy, a prune
 //       forgets, marks and deletes nothing.
+//   R9  Before a prune marks a copy of a blob that is needed, it reads the one that stays.
 #pragma once
 
 #include <functional>

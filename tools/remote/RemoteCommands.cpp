@@ -50,6 +50,9 @@ ExitStatus InitRemote(const InitOptions& options) {
         "the data");
   Inform("{} is a remote: a push must be through within {}, what is to go stays for {}",
          options.remote.url, options.pushWithin, options.grace);
+  Inform(
+      "all who may write there rely on each other; a device that must not harm others gets a "
+      "prefix of its own");
   return kSuccess;
 }
 
