@@ -9,7 +9,7 @@ store a 1 3000
 # A path that misbehaves a few times.
 row=0
 for faults in "status=503 count=3" "refuse count=2" "cut-up=200000 count=2" "cut-up=500 count=3" \
-  "cut-down=300 count=2" "delay=0.005" "flip-up=100000 count=1" "hole count=1"; do
+  "cut-down=300 count=2" "delay=0.005" "flip-up=100000 count=1" "hole count=1" "rate=600 count=1"; do
   row=$((row + 1))
   rm -rf a/remote
   blobring remote init -q "s3://fleet/$row"
@@ -24,6 +24,15 @@ for faults in "status=503 count=3" "refuse count=2" "cut-up=200000 count=2" "cut
   : >control
   has back a
 done
+
+# Answers as other services write them, and ones that have no end.
+echo entities >control
+expect 0 "nothing is wrong" remote check s3://fleet/1
+for answer in "status=400 body=200000" "status=200 body=200000"; do
+  echo "$answer" >control
+  expect 1 "the answer is larger than 64.0 KiB" remote ls s3://fleet/1
+done
+: >control
 
 # Answers that are changed on the way: a changed blob is never stored.
 for at in 2000 40000 700000; do

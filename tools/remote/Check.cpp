@@ -105,7 +105,8 @@ class Checker {
     Progress progress("reading packs", chosen.size(), bytes);
     for (const std::string& key : chosen) {
       const auto file = std::make_shared<Spool>();
-      remote_.objects.StartGet(key, std::nullopt, file, [&, key, file](Reply& reply) {
+      const uint64_t size = packs_.objects.at(key).size;
+      remote_.objects.StartGet(key, size, std::nullopt, file, [&, key, file](Reply& reply) {
         if (reply.status == 200)
           ComparePack(key, *file, places[NameIn(key)]);
         else

@@ -17,6 +17,7 @@ constexpr uint64_t kMostTimes = 3;
 
 struct Piece {
   std::string pack;
+  uint64_t packSize;
   std::optional<ByteRange> range;  // nothing: all of it
   std::vector<Place> places;
 };
@@ -31,7 +32,7 @@ void AddPieces(std::vector<Piece>& pieces, const std::string& pack, uint64_t pac
   uint64_t wanted = 0;
   for (const Place& place : places) wanted += RecordSize(place);
   if (2 * wanted > packSize) {
-    pieces.push_back({pack, std::nullopt, {places.begin(), places.end()}});
+    pieces.push_back({pack, packSize, std::nullopt, {places.begin(), places.end()}});
     return;
   }
   uint64_t wantedHere = 0;
@@ -42,7 +43,7 @@ void AddPieces(std::vector<Piece>& pieces, const std::string& pack, uint64_t pac
         last != nullptr && place.offset <= last->range->offset + last->range->size + kMaxGap &&
         place.end() - last->range->offset <= kMostTimes * (wantedHere + RecordSize(place));
     if (!joins) {
-      pieces.push_back({pack, ByteRange{place.offset, 0}, {}});
+      pieces.push_back({pack, packSize, ByteRange{place.offset, 0}, {}});
       last = &pieces.back();
       wantedHere = 0;
     }
@@ -92,12 +93,13 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
   Buffer buffer;
   for (const Piece& piece : pieces) {
     const auto file = std::make_shared<Spool>();
-    remote.objects.StartGet(PackKey(piece.pack), piece.range, file, [&, file](Reply& reply) {
+    const auto done = [&, file](Reply& reply) {
       // 206 is a range; a service may also send the whole object.
       const uint64_t base = piece.range && reply.status == 206 ? piece.range->offset : 0;
       if (reply.status / 100 != 2 || !TakeFrom(*file, base, piece, buffer, take))
         badPacks.insert(piece.pack);
-    });
+    };
+    remote.objects.StartGet(PackKey(piece.pack), piece.packSize, piece.range, file, done);
   }
   remote.objects.http().Finish();
 }

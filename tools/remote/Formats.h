@@ -94,6 +94,7 @@ struct SnapshotName {
   std::string store;
   uint64_t sequence = 0;
   blobring::Hash digest;
+  uint64_t size = 0;  // of the object, as it was listed
 
   std::string Key() const { return "snapshots/" + Short() + ".snap"; }
   std::string Short() const;  // STOREID/SEQ-MD5

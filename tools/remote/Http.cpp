@@ -17,7 +17,7 @@ constexpr int kMostBadDigests = 2;
 constexpr int kMostStalls = 2;
 constexpr long kConnectSeconds = 10;
 constexpr uint64_t kPiece = 16384;  // bytes that a callback moves at most, under a rate limit
-constexpr size_t kMaxBody = size_t{1} << 31;
+constexpr long kMinSpeed = 1024;    // bytes a second; below it a transfer counts as silent
 
 // Errors of the setting, which time does not heal.
 bool IsPermanent(CURLcode result) {
@@ -44,6 +44,35 @@ std::string AmzDate(int64_t seconds) {
   return text;
 }
 
+// The character that an entity stands for, "quot" or "#34"; nothing for an unknown one.
+std::optional<char> EntityOf(std::string_view name) {
+  constexpr std::pair<std::string_view, char> kNames[] = {
+      {"quot", '"'}, {"apos", '\''}, {"lt", '<'}, {"gt", '>'}, {"amp", '&'}};
+  for (const auto& [known, character] : kNames)
+    if (name == known) return character;
+  if (!name.starts_with('#')) return std::nullopt;
+  const bool isHex = name.size() > 1 && name[1] == 'x';
+  const std::string digits(name.substr(isHex ? 2 : 1));
+  char* end = nullptr;
+  const unsigned long code = std::strtoul(digits.c_str(), &end, isHex ? 16 : 10);
+  if (digits.empty() || *end != 0) return std::nullopt;
+  return code < 128 ? static_cast<char>(code) : '?';  // keys and digests are ASCII
+}
+
+std::string XmlDecoded(std::string_view xml) {
+  constexpr size_t kLongestEntity = 10;
+  std::string text;
+  for (size_t i = 0; i < xml.size(); ++i) {
+    const std::string_view entity = xml.substr(i + 1, kLongestEntity);
+    const size_t length = xml[i] == '&' ? entity.find(';') : std::string_view::npos;
+    const auto character =
+        length != std::string_view::npos ? EntityOf(entity.substr(0, length)) : std::nullopt;
+    text += character.value_or(xml[i]);
+    if (character) i += length + 1;
+  }
+  return text;
+}
+
 }  // namespace
 
 struct Http::Transfer {
@@ -57,6 +86,7 @@ struct Http::Transfer {
   bool ended = false;
   double dueAt = 0;
   uint64_t sent = 0;
+  uint64_t received = 0;  // of the body
   int tries = 0;
   int badDigests = 0;
   int stalls = 0;
@@ -98,13 +128,7 @@ std::string XmlText(std::string_view xml, std::string_view tag) {
   if (begin == std::string_view::npos) return "";
   const auto end = xml.find(fmt::format("</{}>", tag), begin);
   if (end == std::string_view::npos) return "";
-  std::string text(xml.substr(begin + open.size(), end - begin - open.size()));
-  constexpr std::pair<std::string_view, char> kEntities[] = {
-      {"&quot;", '"'}, {"&apos;", '\''}, {"&lt;", '<'}, {"&gt;", '>'}, {"&amp;", '&'}};
-  for (const auto& [entity, character] : kEntities)
-    for (size_t at = 0; (at = text.find(entity, at)) != std::string::npos; ++at)
-      text.replace(at, entity.size(), 1, character);
-  return text;
+  return XmlDecoded(xml.substr(begin + open.size(), end - begin - open.size()));
 }
 
 // With a rate limit so few transfers in parallel that each gets a piece through every second: one
@@ -175,13 +199,16 @@ size_t Http::OnReceive(char* data, size_t size, size_t count, void* context) {
   Transfer& transfer = *static_cast<Transfer*>(context);
   const size_t n = size * count;
   try {
-    if (transfer.request.download && transfer.reply.status / 100 == 2)
-      transfer.request.download->Append({data, n});
-    else if (transfer.reply.body.size() + n <= kMaxBody)
-      transfer.reply.body.append(data, n);
-    else
+    const bool isSuccess = transfer.reply.status / 100 == 2;
+    const uint64_t most = isSuccess ? transfer.request.maxBody : kMaxAnswer;
+    transfer.received += n;
+    if (transfer.received > most)
       throw Fault("cannot {}: the answer is larger than {}", transfer.request.what,
-                  HumanSize(kMaxBody));
+                  HumanSize(most));
+    if (transfer.request.download && isSuccess)
+      transfer.request.download->Append({data, n});
+    else
+      transfer.reply.body.append(data, n);
   } catch (...) {
     transfer.failure = std::current_exception();
     return 0;
@@ -212,8 +239,6 @@ size_t Http::OnHeader(char* data, size_t size, size_t count, void* context) {
     reply.etag = value;
   } else if (name == "date") {
     reply.date = std::max<int64_t>(0, curl_getdate(value.c_str(), nullptr));
-  } else if (name == "content-length") {
-    reply.size = std::strtoull(value.c_str(), nullptr, 10);
   }
   return line.size();
 }
@@ -222,7 +247,7 @@ void Http::Begin(Transfer& transfer) {
   const Request& request = transfer.request;
   if (deadline_ && request.IsWrite() && BootSeconds() > *deadline_) throw Lapsed();
   transfer.reply = Reply();
-  transfer.sent = 0;
+  transfer.sent = transfer.received = 0;
   transfer.error[0] = 0;
   if (request.download) request.download->Clear();
   CURL* const easy = transfer.easy = curl_easy_init();
@@ -234,7 +259,7 @@ void Http::Begin(Transfer& transfer) {
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   if (connection_.limitRate != 0) set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(kPiece));
-  set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+  set(CURLOPT_LOW_SPEED_LIMIT, kMinSpeed);
   set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(connection_.stallSeconds));
   set(CURLOPT_ERRORBUFFER, &transfer.error[0]);
   set(CURLOPT_PRIVATE, &transfer);

@@ -28,6 +28,9 @@ double BootSeconds();
 // The deadline of SetDeadline() has passed.
 class Lapsed {};
 
+// Bytes of an answer that are taken: of one that has no bound of its own, and of a failure.
+constexpr uint64_t kMaxAnswer = 65536;
+
 struct Request {
   std::string method;
   std::string target;  // path and query, percent-encoded; parameters in order, each with a '='
@@ -35,6 +38,7 @@ struct Request {
   std::string body;
   std::shared_ptr<Spool> upload;    // sent instead of body
   std::shared_ptr<Spool> download;  // receives the body of a success, instead of Reply::body
+  uint64_t maxBody = kMaxAnswer;    // bytes of a success that are taken; more is a Fault
   std::vector<long> accepted;       // statuses besides 2xx that are answers, not failures
   std::string what;                 // for messages: "upload NAME"
 
@@ -44,10 +48,9 @@ struct Request {
 struct Reply {
   long status = 0;
   std::string body;
-  std::string etag;   // without quotes
-  std::string code;   // of S3, where there is one
-  int64_t date = 0;   // of the service; seconds since 1970
-  uint64_t size = 0;  // Content-Length
+  std::string etag;  // without quotes
+  std::string code;  // of S3, where there is one
+  int64_t date = 0;  // of the service; seconds since 1970
 };
 
 class Http {

@@ -10,6 +10,8 @@ namespace tool::remote {
 namespace {
 
 constexpr size_t kMostDeleted = 1000;  // keys in a request
+constexpr uint64_t kMaxPage = uint64_t{8} << 20;
+constexpr int kMostPages = 10000;  // of 1000 objects
 
 std::string UrlDecoded(std::string_view text) {
   std::string decoded;
@@ -91,8 +93,11 @@ std::string Objects::Target(const std::string& key) const {
 Listing Objects::List(const std::string& under) {
   Listing listing;
   std::string token;
+  int pages = 0;
   do {
+    if (++pages > kMostPages) throw Fault("the listing of {} has no end", prefix_ + under);
     Request request;
+    request.maxBody = kMaxPage;
     request.method = "GET";
     request.target = "/" + bucket_ + "?";
     if (!token.empty()) request.target += "continuation-token=" + UrlEncoded(token, false) + "&";
@@ -102,8 +107,10 @@ Listing Objects::List(const std::string& under) {
     if (listing.date == 0) listing.date = reply.date;
     const std::string_view xml = reply.body;
     size_t count = 0;
-    for (size_t at = 0; (at = xml.find("<Contents>", at)) != std::string_view::npos; ++at) {
-      const std::string_view entry = xml.substr(at, xml.find("</Contents>", at) - at);
+    for (size_t at = 0; (at = xml.find("<Contents>", at)) != std::string_view::npos;) {
+      const size_t end = std::min(xml.find("</Contents>", at), xml.size());
+      const std::string_view entry = xml.substr(at, end - at);
+      at = end;
       const std::string key = UrlDecoded(XmlText(entry, "Key"));
       if (!key.starts_with(prefix_ + under))
         throw Fault("the service lists {} below {}", key, prefix_ + under);
@@ -173,9 +180,10 @@ std::optional<Reply> Objects::Get(const std::string& key) {
   return reply;
 }
 
-void Objects::StartGet(const std::string& key, std::optional<ByteRange> range,
+void Objects::StartGet(const std::string& key, uint64_t maxSize, std::optional<ByteRange> range,
                        std::shared_ptr<Spool> spool, Http::Done done) {
   Request request;
+  request.maxBody = std::max(maxSize, kMaxAnswer);
   request.method = "GET";
   request.target = Target(key);
   if (range)

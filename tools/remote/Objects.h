@@ -49,12 +49,12 @@ class Objects {
   // If-None-Match: *.
   Created PutNew(const std::string& key, std::string body);
 
-  // The object; nothing if there is none.
+  // An object of at most kMaxAnswer; nothing if there is none.
   std::optional<Reply> Get(const std::string& key);
 
-  // Begins to read an object, or a part, into `reply.body` or `spool`. done() looks at
-  // reply.status: 404 means that there is none.
-  void StartGet(const std::string& key, std::optional<ByteRange> range,
+  // Begins to read an object of at most so many bytes, or a part, into `reply.body` or `spool`.
+  // done() looks at reply.status: 404 means that there is none.
+  void StartGet(const std::string& key, uint64_t maxSize, std::optional<ByteRange> range,
                 std::shared_ptr<Spool> spool, Http::Done done);
 
   // Deletes objects; one that is absent is no failure.

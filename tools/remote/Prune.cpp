@@ -19,7 +19,8 @@ constexpr size_t kPacksInIndex = 64;
 constexpr size_t kManySmallIndexes = 32;
 constexpr size_t kSmallIndex = 16;  // packs
 constexpr int kMostLooks = 3;
-constexpr uint64_t kPackOverhead =  // bytes of a pack that are no records
+constexpr size_t kMostInTomb = 800;  // keys: kMaxAnswer holds them
+constexpr uint64_t kPackOverhead =   // bytes of a pack that are no records
     format::kFileHeaderSize + format::kStartSize + format::kEndSize;
 
 using Keys = std::set<std::string>;
@@ -50,8 +51,13 @@ class Pruner {
     remote_.objects.Delete({forgotten_.begin(), forgotten_.end()});
     Rewrite();
     if (onlyRepairs_) return;
-    if (!going_.empty())
-      remote_.objects.Put("gc/" + Nonce() + ".tomb", EncodeTomb({going_.begin(), going_.end()}));
+    const std::vector<std::string> going(going_.begin(), going_.end());
+    for (size_t begin = 0; begin < going.size(); begin += kMostInTomb) {
+      const size_t end = std::min(going.size(), begin + kMostInTomb);
+      remote_.objects.Put("gc/" + Nonce() + ".tomb",
+                          EncodeTomb({going.begin() + static_cast<ptrdiff_t>(begin),
+                                      going.begin() + static_cast<ptrdiff_t>(end)}));
+    }
     Bury();
   }
 
@@ -131,18 +137,29 @@ class Pruner {
     const Listing listing = remote_.objects.List("snapshots/");
     const auto names = remote_.NamesOf(listing);
     std::map<std::string, Snapshot> headers = remote_.ReadHeaders(names);
-    ChooseSnapshots(listing, headers);
-    std::map<std::string, blobring::Hash> kept;
-    for (const auto& [key, name] : names)
-      if (forgotten_.count(key) == 0) kept[key] = name.digest;
-    keptCount_ = kept.size();
-    needed_.clear();
-    remote_.ReadSnapshots(kept, [this](const Snapshot& snapshot) {
-      Hashes all;
-      std::set_union(needed_.begin(), needed_.end(), snapshot.hashes.begin(), snapshot.hashes.end(),
-                     std::back_inserter(all));
-      needed_ = std::move(all);
-    });
+    // What turns out not to be whole neither counts nor goes, and the choice is made again. A
+    // header alone proves nothing: it may have arrived changed.
+    Keys broken;
+    for (bool isWhole = false; !isWhole;) {
+      ChooseSnapshots(listing, headers);
+      std::vector<SnapshotName> kept;
+      for (const auto& [key, name] : names)
+        if (forgotten_.count(key) == 0 && broken.count(key) == 0) kept.push_back(name);
+      keptCount_ = kept.size();
+      needed_.clear();
+      Keys read;
+      remote_.ReadSnapshots(kept, [&](const std::string& key, const Snapshot& snapshot) {
+        read.insert(key);
+        Hashes all;
+        std::set_union(needed_.begin(), needed_.end(), snapshot.hashes.begin(),
+                       snapshot.hashes.end(), std::back_inserter(all));
+        needed_ = std::move(all);
+      });
+      isWhole = read.size() == kept.size();
+      for (const SnapshotName& name : kept)
+        if (read.count(name.Key()) == 0) broken.insert(name.Key());
+      for (const std::string& key : broken) headers.erase(key);
+    }
   }
 
   // Of each store: the last N whole ones, those young enough, and partial ones that no whole one
@@ -315,14 +332,16 @@ class Pruner {
     for (const auto& [key, object] : packs_.objects) {
       if (indexed.count(key) != 0 || tombs_.keys.count(key) != 0 || NameIn(key).empty()) continue;
       const auto file = std::make_shared<Spool>();
-      remote_.objects.StartGet(key, std::nullopt, file, [&, key = key, file](Reply& reply) {
-        if (reply.status != 200) return;
-        const PackContents pack = ReadPack(key, *file);
-        for (const std::string& finding : pack.findings) Say("{}", finding);
-        if (!pack.findings.empty()) return;
-        fresh.Add(pack.index);
-        ++restoredCount_;
-      });
+      remote_.objects.StartGet(key, object.size, std::nullopt, file,
+                               [&, key = key, file](Reply& reply) {
+                                 if (reply.status != 200) return;
+                                 const PackContents pack = ReadPack(key, *file);
+                                 for (const std::string& finding : pack.findings)
+                                   Say("{}", finding);
+                                 if (!pack.findings.empty()) return;
+                                 fresh.Add(pack.index);
+                                 ++restoredCount_;
+                               });
     }
     remote_.objects.http().Finish();
     fresh.Sort();

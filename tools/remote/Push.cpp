@@ -159,7 +159,7 @@ class Pusher {
     snapshot.isPartial = snapshot.isPartial || !isThrough || !damaged_.empty();
     std::sort(snapshot.hashes.begin(), snapshot.hashes.end());
     const std::string bytes = snapshot.Encode();
-    snapshot_ = {state_.StoreId(), NextSequence(), DigestOf(bytes)};
+    snapshot_ = {state_.StoreId(), NextSequence(), DigestOf(bytes), bytes.size()};
     isPartial_ = snapshot.isPartial;
     remote_.objects.Put(snapshot_.Key(), bytes);
     if (BootSeconds() - start > limit) {

@@ -35,7 +35,8 @@ Tombs Remote::ReadTombs() {
   Tombs tombs;
   tombs.listing = objects.List("gc/");
   for (const auto& [key, object] : tombs.listing.objects) {
-    for (int attempt = 1;; ++attempt) {
+    if (object.size > kMaxAnswer) Reject(key + " is too large for a tomb");
+    for (int attempt = 1; object.size <= kMaxAnswer; ++attempt) {
       const std::optional<Reply> reply = objects.Get(key);
       if (!reply) break;  // all that it named has been deleted since
       try {
@@ -65,7 +66,7 @@ std::string Remote::FaultIn(const Listing& packs, const std::string& pack, uint6
   return "";
 }
 
-void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
+void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
                      const std::function<void(const std::string&, const std::string&)>& take,
                      const LocalState* state, const std::string& kind) {
   const auto tryTake = [this, &take](const std::string& key, const std::string& bytes) {
@@ -75,29 +76,30 @@ void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
       Reject(fault.what());
     }
   };
-  std::map<std::string, blobring::Hash> left;
-  for (const auto& [key, digest] : digests) {
-    const auto copy = state != nullptr ? state->ReadCopy(kind, digest) : std::nullopt;
+  std::map<std::string, Expected> left;
+  for (const auto& [key, expected] : wanted) {
+    const auto copy = state != nullptr ? state->ReadCopy(kind, expected.digest) : std::nullopt;
     if (copy)
       tryTake(key, *copy);
     else
-      left[key] = digest;
+      left[key] = expected;
   }
   for (int attempt = 1; !left.empty(); ++attempt) {
-    std::map<std::string, blobring::Hash> damaged;
-    for (const auto& [key, digest] : left) {
-      objects.StartGet(key, std::nullopt, nullptr, [&, key = key, digest = digest](Reply& reply) {
+    std::map<std::string, Expected> damaged;
+    for (const auto& [key, expected] : left) {
+      const auto done = [&, key = key, expected = expected](Reply& reply) {
         if (reply.status == 404) return;
-        if (DigestOf(reply.body) == digest) {
-          if (state != nullptr) state->KeepCopy(kind, digest, reply.body);
+        if (DigestOf(reply.body) == expected.digest) {
+          if (state != nullptr) state->KeepCopy(kind, expected.digest, reply.body);
           tryTake(key, reply.body);
         } else if (attempt < kMostReads && !IsStored(reply)) {
-          damaged[key] = digest;
+          damaged[key] = expected;
         } else {
           mayBeWhole = mayBeWhole || !IsStored(reply);
           Reject(key + " does not match the digest in its name");
         }
-      });
+      };
+      objects.StartGet(key, expected.size, std::nullopt, nullptr, done);
     }
     objects.http().Finish();
     left = std::move(damaged);
@@ -106,7 +108,7 @@ void Remote::ReadAll(const std::map<std::string, blobring::Hash>& digests,
 
 Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
                                     const LocalState* state) {
-  std::map<std::string, blobring::Hash> toRead;
+  std::map<std::string, Expected> toRead;
   std::set<blobring::Hash> listed;
   for (const auto& [key, object] : listing.objects) {
     const std::string name = NameIn(key);
@@ -115,7 +117,7 @@ Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::
       continue;
     }
     listed.insert(DigestIn(name));
-    if (skip.count(key) == 0) toRead[key] = DigestIn(name);
+    if (skip.count(key) == 0) toRead[key] = {DigestIn(name), object.size};
   }
   Indexes indexes;
   const auto take = [&indexes](const std::string& key, const std::string& bytes) {
@@ -129,11 +131,13 @@ Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::
 std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) {
   std::map<std::string, SnapshotName> names;
   for (const auto& [key, object] : snapshots.objects) {
-    const std::optional<SnapshotName> name = SnapshotName::Parse(key);
-    if (name && name->Key() == key)
-      names[key] = *name;
-    else
+    std::optional<SnapshotName> name = SnapshotName::Parse(key);
+    if (!name || name->Key() != key) {
       Reject(key + " is no snapshot's name");
+      continue;
+    }
+    name->size = object.size;
+    names[key] = *name;
   }
   return names;
 }
@@ -151,19 +155,21 @@ std::vector<SnapshotName> Remote::NewestFirst(const Listing& snapshots) {
   return names;
 }
 
-void Remote::ReadSnapshots(const std::map<std::string, blobring::Hash>& digests,
-                           const std::function<void(const Snapshot&)>& take,
+void Remote::ReadSnapshots(const std::vector<SnapshotName>& names,
+                           const std::function<void(const std::string&, const Snapshot&)>& take,
                            const LocalState* state) {
   const auto decode = [&take](const std::string& key, const std::string& bytes) {
-    take(Snapshot::Decode(bytes, key));
+    take(key, Snapshot::Decode(bytes, key));
   };
-  ReadAll(digests, decode, state, kSnapshotCopies);
+  std::map<std::string, Expected> wanted;
+  for (const SnapshotName& name : names) wanted[name.Key()] = {name.digest, name.size};
+  ReadAll(wanted, decode, state, kSnapshotCopies);
 }
 
 std::optional<Snapshot> Remote::ReadSnapshot(const SnapshotName& name, const LocalState* state) {
   std::optional<Snapshot> found;
   ReadSnapshots(
-      {{name.Key(), name.digest}}, [&found](const Snapshot& snapshot) { found = snapshot; }, state);
+      {name}, [&found](const std::string&, const Snapshot& snapshot) { found = snapshot; }, state);
   if (state != nullptr) state->DropCopiesBut(kSnapshotCopies, {name.digest});
   return found;
 }
@@ -172,14 +178,15 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
     const std::map<std::string, SnapshotName>& names) {
   std::map<std::string, Snapshot> headers;
   for (const auto& [key, name] : names)
-    objects.StartGet(key, ByteRange{0, kHeaderBytes}, nullptr, [&, key = key](Reply& reply) {
-      if (reply.status == 404) return;
-      try {
-        headers[key] = Snapshot::Decode(reply.status == 416 ? "" : reply.body, key, true);
-      } catch (const Fault& fault) {
-        Reject(fault.what());
-      }
-    });
+    objects.StartGet(
+        key, name.size, ByteRange{0, kHeaderBytes}, nullptr, [&, key = key](Reply& reply) {
+          if (reply.status == 404) return;
+          try {
+            headers[key] = Snapshot::Decode(reply.status == 416 ? "" : reply.body, key, true);
+          } catch (const Fault& fault) {
+            Reject(fault.what());
+          }
+        });
   objects.http().Finish();
   return headers;
 }

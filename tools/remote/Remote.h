@@ -65,16 +65,20 @@ class Remote {
   std::vector<SnapshotName> NewestFirst(const Listing& snapshots);
   // Nothing if it is gone.
   std::optional<Snapshot> ReadSnapshot(const SnapshotName& name, const LocalState* state);
-  void ReadSnapshots(const std::map<std::string, blobring::Hash>& digests,
-                     const std::function<void(const Snapshot&)>& take,
+  void ReadSnapshots(const std::vector<SnapshotName>& names,
+                     const std::function<void(const std::string& key, const Snapshot&)>& take,
                      const LocalState* state = nullptr);
   // The header lines alone, by key.
   std::map<std::string, Snapshot> ReadHeaders(const std::map<std::string, SnapshotName>& names);
 
  private:
-  // Objects that are compared with their digests. `take` is called for each that is there, and
-  // rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
-  void ReadAll(const std::map<std::string, blobring::Hash>& digests,
+  struct Expected {
+    blobring::Hash digest;
+    uint64_t size = 0;
+  };
+  // Objects, by key, that are compared with their digests. `take` is called for each that is there,
+  // and rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
+  void ReadAll(const std::map<std::string, Expected>& wanted,
                const std::function<void(const std::string& key, const std::string& bytes)>& take,
                const LocalState* state, const std::string& kind);
   // Whether the service itself has these bytes of an object.
