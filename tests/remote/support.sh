@@ -36,11 +36,11 @@ flip_byte() {
   byte=$(od -An -tu1 -j "$2" -N 1 "$1")
   printf '%b' "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
 }
-trap '"$here/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
+trap '"$here/../../scripts/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 export TMPDIR=$work
 
 gateway() { # [KIND [BYTES]]: starts it, or what is missing of it
-  "$here/rgw-up" "$work/gw" "${1:-memstore}" "${@:2}" >gw.env
+  "$here/../../scripts/rgw-up" "$work/gw" "${1:-memstore}" "${@:2}" >gw.env
   set -a
   source ./gw.env
   set +a
