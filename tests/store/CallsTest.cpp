@@ -114,6 +114,7 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
       ofHash(0x4F00026D),     {0x4F00027C, index, 2}, {0x2F000269, index}, {0x2F00026A, index, 1},
       {0x0F000283, index, 1}};
   EXPECT_EQ(Diagnostics().records, expected);
+  EXPECT_EQ(OpenedStore().index, i + 1) << "no index comes back";
 }
 
 TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
