@@ -213,6 +213,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void RequireFirstSlotCurrent();
   BLOBRING_HIDDEN bool InDoubt() const;
   BLOBRING_HIDDEN void RequireRepackable() const;
+  BLOBRING_HIDDEN bool IsCurrent(std::uint32_t slot) const;
   BLOBRING_HIDDEN void RepackIntoNextSlot(BlobFilePtr& unfinished);
   BLOBRING_HIDDEN void RepackInPlace(BlobFilePtr& unfinished);
   BLOBRING_HIDDEN BlobFile::Entries CopyBlobs(const BlobFilePtr& target);

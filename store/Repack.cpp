@@ -84,14 +84,18 @@ void BlobController::RequireRepackable() const {
     throw Failure(FailureCode::Refused, "the sequence numbers are used up");
 }
 
+bool BlobController::IsCurrent(std::uint32_t slot) const {
+  return packFiles[slot] == curPack || journalFiles[slot] == curJournal;
+}
+
 bool BlobController::Repack() {
   try {
     RequireRepackable();
     const std::uint32_t slot =
         static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
-    if (packFiles[slot] == curPack) {
-      RequireInPlace(*curPack);
-      FileSystem::RemoveLeftover(curPack->path + kNewSuffix);
+    if (IsCurrent(slot)) {
+      RequireInPlace(*packFiles[slot]);
+      FileSystem::RemoveLeftover(packFiles[slot]->path + kNewSuffix);
     }
     KeepSlot(slot);
   } catch (const std::exception& e) {
@@ -103,7 +107,7 @@ bool BlobController::Repack() {
   try {
     seq += 1;
     repackSlot = static_cast<std::uint32_t>(seq) % static_cast<std::uint32_t>(packFiles.size());
-    if (packFiles[repackSlot] == curPack || journalFiles[repackSlot] == curJournal) {
+    if (IsCurrent(repackSlot)) {
       RepackInPlace(unfinished);
     } else {
       RepackIntoNextSlot(unfinished);
