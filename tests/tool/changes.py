@@ -147,12 +147,12 @@ def disturbed():
 
 # Statuses of commands in such a directory. A status of 2 says that nothing was changed.
 REFUSED = f"""
-2:|frobnicate s|ls s --frobnicate|help frobnicate|ls s --slots 3|init s --slots 3|init s --pack-dir tree|init x --pack-dir s
+2:|frobnicate s|ls s --frobnicate|help frobnicate|ls s --slots 3|init s --slots 3|init s --pack-dir tree|init x --pack-dir p
 2:put|import s tree -m old|get s {FOUR} -o link|export s one-space x|export s bad-escape x|export s zero x|export s absolute x|export s up x
 2:export s slash x|rm s|rm s {FOUR} --not-in m|rm s --not-in nothing|rm s --not-in m nothing|rm s --not-in gone|rm s --not-in m one-space
 2:copy s t|salvage s t|salvage s s/x|verify s m --write m|repack --if-dead 101% s
 1:init m|ls tree|put s absent|put s tree|import s absent -m x|get absent {FOUR}|export s through in|export s gone x|rm s --not-in absent
-1:sync s absent|salvage tree x|clean kept --delete|verify s broken.chk|verify s absent|diff s t
+1:sync s absent|salvage tree x|clean kept --delete|clean broken --delete --force|export s m there|verify s broken.chk|verify s absent|diff s t
 4:ls s {'0' * 32}|rm s {'0' * 32}|copy s t {'0' * 32}|clean s|verify s gone --write x|verify s nothing|repack --if-dead 90% s
 0:help ls|init s|sync s s|clean kept --delete --force|repack --if-dead 1% s|diff s m
 4:rm s {FOUR} {'0' * 32}"""
@@ -164,10 +164,14 @@ def refused():
              "up": f"{FOUR}  ok\n{FOUR}  a/../../x", "slash": f"{FOUR}  a/", "through": f"{FOUR}  link/f", "gone": f"{'0' * 32}  x"}
     make_tree("fresh", {name: f"{text}\n".encode() if text else b"" for name, text in texts.items()})
     make_tree("fresh", {"broken.chk": b"0123456789\1\2\3\4\5\6" + read("fresh/m"), "in/x": b""})
+    tool("init", "fresh/far", "--pack-dir", "fresh/p", status=0)
     os.symlink("old", "fresh/link")
     os.symlink("../tree", "fresh/in/link")
     shutil.copytree("fresh/t", "fresh/kept")
     shutil.copy("fresh/s/1.jrn", "fresh/kept/0.jrn.kept-1")  # of which the store has nothing
+    shutil.copytree("fresh/s", "fresh/broken")
+    change("fresh/broken/1.jrn", 50)
+    make_tree("fresh", {"broken/0.pak.new": b""} | {f"there/{name}": b"mine" for name in EXPORTED})
     before = tree("fresh")
     for status, commands in (line.split(":", 1) for line in REFUSED.splitlines()[1:]):
         for command in commands.split("|"):
