@@ -10,8 +10,6 @@ namespace tool {
 using Json = nlohmann::ordered_json;
 
 // One line, with its newline. Bytes that are not UTF-8 become U+FFFD.
-inline std::string JsonLine(const Json& object) {
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
-}
+std::string JsonLine(const Json& object);
 
 }  // namespace tool

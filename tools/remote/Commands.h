@@ -1,11 +1,13 @@
 // The commands that work on a remote.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include "tools/Commands.h"
 #include "tools/Error.h"
 #include "tools/remote/Connection.h"
+
+namespace CLI {
+class App;
+}
 
 namespace tool::remote {
 
