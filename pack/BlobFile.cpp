@@ -246,7 +246,12 @@ void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
   RequireWritable();
   RequireRoom(record);
   entry.offset = header.endOffset;
-  writer.Append(record, data.data, mostGathered);
+  try {
+    writer.Append(record, data.data, mostGathered);
+  } catch (...) {
+    cutOnClose = true;
+    throw;
+  }
   entry.op = op;
   if (op != format::kOpStore) return;
   header.maxBlobSize = std::max(header.maxBlobSize, data.size);
@@ -268,6 +273,7 @@ void BlobFile::AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash
   } catch (...) {
     writer.TakeBack(before);
     block = blockBefore;
+    cutOnClose = true;
     throw;
   }
 }
@@ -305,6 +311,7 @@ bool BlobFile::EndTransaction(long long id) {
 }
 
 void BlobFile::CancelTransaction() {
+  cutOnClose = true;
   const std::int32_t sequence = header.sequence;  // may be ahead of the disk
   header = committed;
   header.sequence = sequence;
@@ -430,11 +437,11 @@ bool BlobFile::Secure() {
 }
 
 void BlobFile::CutToRecords() noexcept {
-  const bool inOrder = state == State::Clean || state == State::InTransaction;
-  if (!file.IsOpen() || !inOrder || !(cutOnClose || writer.HasMadeBlank())) return;
+  if (!file.IsOpen() || (state != State::Clean && state != State::InTransaction)) return;
   try {
-    const std::uint32_t end = std::max(header.endOffset, writer.WrittenEnd());
-    if (LengthOf(file) > end) file.truncate(end);
+    if (state == State::InTransaction) CancelTransaction();  // closing abandons it
+    if (!cutOnClose && !writer.HasMadeBlank()) return;
+    if (LengthOf(file) > header.endOffset) file.truncate(header.endOffset);
   } catch (const std::exception& e) {
     trace::pack.notes.WriteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
                                  path.c_str(), e.what());

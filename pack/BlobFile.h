@@ -179,8 +179,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // is in doubt.
   BLOBRING_HIDDEN bool Secure();
 
-  // Cuts off what lies behind the records, if the file is sound and CutOnClose was called or blank
-  // space was made. Call it before closing the file.
+  // Cuts off what lies behind the records, if the file is sound and CutOnClose was called, blank
+  // space was made, or a write or transaction came to nothing. Call it before closing the file.
   BLOBRING_HIDDEN void CutToRecords() noexcept;
   BLOBRING_HIDDEN void CutOnClose() { cutOnClose = true; }
 

@@ -2,6 +2,7 @@
 #include <fts.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -215,6 +216,10 @@ ExitStatus Import(const ImportOptions& options) {
       writer.CommitInterrupted();
     }
   } catch (...) {
+    const auto taken = std::count(lines.begin(), lines.end(), '\n');
+    if (totals.fileCount != 0 && !IsInterrupted())
+      Say("{} of {} are stored; when the import is run again, they are not stored twice", taken,
+          Count(tree.files.size(), "file"));
     if (!out.isFile()) out.Write(lines);
     throw;
   }

@@ -47,6 +47,10 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   EXPECT_GT(FileBytes("/s/0.jrn").size(), records);
   opened.reset();
   EXPECT_EQ(FileBytes("/s/0.jrn").size(), records);
+  opened.emplace(2);
+  ASSERT_TRUE(opened->Store(std::string(600000, 'L')));
+  opened.reset();
+  EXPECT_EQ(FileBytes("/s/0.jrn").size(), records) << "what was not committed is cut off, too";
   EXPECT_EQ(FileBytes("/s/0.jrn")[12], 4) << "the sequence of its pack";
   SetFile("/s/0.jrn", FileBytes("/s/0.jrn") + "left by a process that was killed");
   ASSERT_EQ(BCRepack(OpenedStore(2).index), 1);
