@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
+#include <regex>
 #include <set>
 
 #include "tools/Console.h"
@@ -77,6 +78,13 @@ FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
            static_cast<int32_t>(head.header.recordCount) >= 0)
     head.state = State::kSound;
   return head;
+}
+
+std::optional<FileName> FileName::Parse(const std::string& name) {
+  static const std::regex kForm(R"((0|[1-9][0-9]{0,8})\.(pak|jrn)(\.kept-[0-9]+|\.new)?)");
+  std::smatch match;
+  if (!std::regex_match(name, match, kForm)) return std::nullopt;
+  return FileName{std::stoul(match[1]), match[2] == "pak", match[3]};
 }
 
 bool SlotFile::IsLoadable() const {

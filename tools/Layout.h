@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -31,6 +32,17 @@ struct FileHead {
 
 // The head of a file; kMissing if there is none. Throws Fault if it cannot be read.
 FileHead ReadHead(const std::string& path);
+
+// What the name of a store's file says, such as 3.pak, 0.jrn.kept-2 or 1.pak.new.
+struct FileName {
+  static std::optional<FileName> Parse(const std::string& name);  // nothing for other names
+
+  bool IsSetAside() const { return suffix.starts_with(".kept-"); }
+
+  uint64_t slot = 0;
+  bool isPack = false;
+  std::string suffix;  // ".kept-M", ".new" or nothing
+};
 
 struct SlotFile {
   std::string path;

@@ -8,6 +8,7 @@
 #include "blobring/host.h"
 #include "tools/Error.h"
 #include "tools/Interrupt.h"
+#include "tools/look/StoreView.h"
 
 namespace tool {
 namespace {
@@ -17,9 +18,12 @@ constexpr size_t kMaxTraceLines = 1000;
 std::vector<std::pair<int, std::string>> traced;  // level and text
 
 // Opening a store without any pack that can be loaded, for a change, moves all its files aside.
-// That is refused where the headers alone show it.
+// That is refused where the headers alone show it. So are files under each other's names, of which
+// a repack would overwrite the wrong ones.
 void RequireLoadable(const Layout& layout) {
   const std::vector<SlotFile> files = layout.ReadFiles();
+  if (const auto swapped = FindSwapped(files); !swapped.empty())
+    throw Fault("{}; nothing was changed. Give the files their names back", swapped[0].second);
   bool isUsed = false;
   for (size_t i = 0; i < files.size(); i += 2) {
     if (files[i].IsLoadable()) return;
@@ -67,7 +71,7 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   return blobring::Store(layout.store(), raw);
 }
 
-// What a user can do; nothing for most failures.
+// The cause in a sentence and what a user can do; nothing where the text itself says it.
 std::string_view AdviceFor(const std::string& text, int code) {
   if (code == BLOBRING_ERROR_HELD)
     return "another process has the store open; wait until it is done and try again";
@@ -88,9 +92,10 @@ std::string_view AdviceFor(const std::string& text, int code) {
   };
   static const std::regex kSystemCode("GetLastError[^0-9]*([0-9]{1,9})");
   std::smatch match;
-  if (!std::regex_search(text, match, kSystemCode)) return {};
-  const auto advice = kAdvice.find(std::stoi(match[1]));
-  return advice == kAdvice.end() ? std::string_view() : advice->second;
+  if (std::regex_search(text, match, kSystemCode))
+    if (const auto advice = kAdvice.find(std::stoi(match[1])); advice != kAdvice.end())
+      return advice->second;
+  return {};
 }
 
 }  // namespace
@@ -151,7 +156,7 @@ std::string Explain(const std::exception& failure) {
   if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
   const std::string_view advice = AdviceFor(text, error->code());
   text.erase(std::min(text.find('\n'), text.size()));
-  return advice.empty() ? text : fmt::format("{}; {}", text, advice);
+  return advice.empty() ? text : fmt::format("{} [{}]", advice, text);
 }
 
 }  // namespace tool

@@ -58,7 +58,7 @@ void InitTrace();
 // level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
 std::vector<std::string> TakeTrace(int maxLevel);
 
-// The cause of a failure, then what the user can do about one of the store's.
+// The cause of a failure and what the user can do about it, then the store's own text.
 std::string Explain(const std::exception& failure);
 
 }  // namespace tool

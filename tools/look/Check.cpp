@@ -1,7 +1,10 @@
 // check.
+#include <fmt/ranges.h>
+
 #include <algorithm>
 #include <array>
 #include <filesystem>
+#include <set>
 
 #include "md5/MD5.h"
 #include "tools/Json.h"
@@ -96,6 +99,17 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
     if (file.head.state == FileHead::State::kDamaged)
       faults.push_back({file.path, 0, std::nullopt, 0, "damaged header"});
   }
+  if (isStore)
+    for (const auto& [file, text] : FindSwapped(files))
+      faults.push_back({files[file].path, 0, std::nullopt, 0, text});
+  int32_t newest = format::kSequenceReset;
+  for (size_t i = 0; isStore && i < files.size(); i += 2)
+    if (files[i].IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
+  for (size_t i = 0; isStore && i < files.size(); i += 2)
+    if (files[i].head.state != FileHead::State::kMissing &&
+        files[i].head.state != FileHead::State::kDamaged &&
+        IsLost(files[i], files[i + 1], i / 2, newest))
+      faults.push_back({files[i].path, 0, std::nullopt, 0, "lost, maybe the newest pack"});
   return faults;
 }
 
@@ -126,12 +140,18 @@ void SayUnchecked(const StoreView& view) {
       if (rest.kind != Rest::Kind::kZeros)
         Inform("{} behind the records of {} do not count: {}", Count(rest.size, "byte"), file.path,
                rest.what);
-    } else if (file.HasRecords() && file.head.state == FileHead::State::kSound) {
+    } else if (file.HasRecords() && file.head.state == FileHead::State::kSound &&
+               !view.IsNotShown(i)) {
       Inform("{} is of an older generation and was not checked", file.path);
     }
   }
   for (const std::string& path : UnfinishedRepacks(view))
     Inform("{} is of an unfinished repack and counts for nothing", path);
+}
+
+bool IsSetAside(const BlobFault& fault) {
+  const auto name = FileName::Parse(std::filesystem::path(fault.path).filename());
+  return name && name->IsSetAside();
 }
 
 void SayAdvice(const StoreView& view) {
@@ -149,8 +169,32 @@ Json FaultObject(const BlobFault& fault) {
   return object;
 }
 
+uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& view) {
+  std::set<blobring::Hash> hashes;
+  for (const std::string& path : paths)
+    for (const SalvagedRecord& record : Scan(path).records)
+      if (record.kind == SalvagedRecord::Kind::kBlob && view.Find(record.hash) == nullptr)
+        hashes.insert(record.hash);
+  return hashes.size();
+}
+
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
   std::vector<BlobFault> faults;
+  for (const size_t slot : view.notShown()) {
+    const std::string& pack = view.files()[2 * slot].path;
+    const SlotFile& journal = view.files()[2 * slot + 1];
+    std::vector<std::string> paths = {pack};
+    if (journal.head.state != FileHead::State::kMissing) paths.push_back(journal.path);
+    faults.push_back(
+        {pack, 0, std::nullopt, 0,
+         fmt::format("{} in {} are not in what is shown", Count(BlobsOnlyIn(paths, view), "blob"),
+                     fmt::join(paths, " and "))});
+  }
+  for (const std::string& path : FilesSetAside(view))
+    if (const uint64_t count = BlobsOnlyIn({path}, view); count != 0)
+      faults.push_back(
+          {path, 0, std::nullopt, 0,
+           fmt::format("set aside by a load, with {} that the store lacks", Count(count, "blob"))});
   for (size_t i = 0; i < view.files().size(); ++i)
     if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
       ScanDamaged(view, i, faults);
@@ -203,15 +247,22 @@ ExitStatus Check(const CheckOptions& options) {
                       {"sound", sound}});
   PrintText(text);
   for (const std::string& path : FilesSetAside(view))
-    Say("{} was set aside because it was damaged; what is lost may be in it, and `blobring salvage "
-        "{} NEW` reads it",
-        path, view.path());
+    if (std::none_of(faults.begin(), faults.end(),
+                     [&path](const BlobFault& fault) { return fault.path == path; }))
+      Inform("{} was set aside by a load; the store has all blobs in it", path);
   SayUnchecked(view);
-  Inform("checked {}, {}: {}", Count(view.blobs().size(), "blob"), HumanSize(view.liveBytes()),
-         !sound              ? "the store is damaged"
+  const bool isWhole = !view.damaged() && std::all_of(faults.begin(), faults.end(), IsSetAside);
+  Inform("checked {}, {}: {}{}", Count(view.blobs().size(), "blob"), HumanSize(view.liveBytes()),
+         !isWhole            ? "the store is damaged"
          : options.structure ? "every transaction is sound"
-                             : "every blob is sound");
-  if (!sound) SayAdvice(view);
+                             : "every blob is sound",
+         isWhole && !sound ? ", but others are only in what was set aside" : "");
+  if (!isWhole)
+    SayAdvice(view);
+  else if (!sound)
+    Say("`blobring salvage {0} NEW` copies them too into a new store, `blobring clean --delete "
+        "--force {0}` gives them up",
+        view.path());
   return sound ? kSuccess : kFault;
 }
 

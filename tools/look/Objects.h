@@ -23,7 +23,11 @@ struct BlobFault {
 };
 Json FaultObject(const BlobFault& fault);
 
-// Compares live blobs with their hashes, and looks into what is damaged.
+// The number of blobs in these files that the view does not show. Deleted ones count as well.
+uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& view);
+
+// Compares live blobs with their hashes, looks into what is damaged, and counts what is in files
+// that are not shown.
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo);
 
 }  // namespace tool

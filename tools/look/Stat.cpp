@@ -43,7 +43,11 @@ double ShareOfLimit(uint64_t bytes) {
 
 struct Facts {
   explicit Facts(const StoreView& theView) : view(theView), sizes(SizeClasses(view)) {
-    for (const SlotFile& file : view.files()) diskBytes += file.head.size;
+    for (const SlotFile& file : view.files()) {
+      diskBytes += file.head.size;
+      if (file.head.state == FileHead::State::kSound)
+        unusedBytes += file.head.size - file.head.header.endOffset;
+    }
     for (const std::string& path : FilesSetAside(view)) {
       diskBytes += ReadHead(path).size;
       setAside.push_back(path);
@@ -55,12 +59,19 @@ struct Facts {
   std::vector<SizeClass> sizes;
   std::vector<std::string> setAside;
   uint64_t diskBytes = 0;
+  uint64_t unusedBytes = 0;  // behind the records of the files
   uint64_t journalBytes = 0;
 };
 
 std::string_view NameOf(FileHead::State state) {
   constexpr std::array<std::string_view, 4> kNames = {"missing", "new", "sound", "damaged"};
   return kNames.at(static_cast<size_t>(state));
+}
+
+// A sound header says nothing of what is behind it.
+std::string StateOf(FileHead::State state) {
+  const bool isOfHeader = state == FileHead::State::kSound || state == FileHead::State::kDamaged;
+  return fmt::format("{}{}", isOfHeader ? "header " : "", NameOf(state));
 }
 
 std::string AsText(const Facts& facts) {
@@ -77,6 +88,7 @@ std::string AsText(const Facts& facts) {
                        view.slot() ? std::to_string(*view.slot()) : "-", view.sequence());
   text += fmt::format("blobs     {}\n", view.blobs().size()) + row("live", view.liveBytes()) +
           row("dead", view.deadBytes()) + row("disk", facts.diskBytes);
+  if (facts.unusedBytes != 0) text += row("unused", facts.unusedBytes);
   text += fmt::format("repack    gives back {}, writes {}, {} of the largest pack\n",
                       HumanSize(view.deadBytes()), HumanSize(view.repackedBytes()),
                       share(view.repackedBytes()));
@@ -96,13 +108,14 @@ std::string AsText(const Facts& facts) {
     text +=
         fmt::format("{:>10} - {:<10} {:>8}  {:>10}  {:#<{}}\n", sizes.from, sizes.to,
                     sizes.blobCount, HumanSize(sizes.bytes), "", 1 + 39 * sizes.blobCount / most);
-  text += "\nslot          size       in use  sequence   header  file\n";
+  text += "\nslot          size       in use  sequence  state           file\n";
   for (size_t i = 0; i < view.files().size(); ++i) {
     const FileHead& head = view.files()[i].head;
-    text += fmt::format("{:>4}{} {:>12} {:>12} {:>9} {:>8}  {}\n",
+    text += fmt::format("{:>4}{} {:>12} {:>12} {:>9}  {:<14}  {}{}\n",
                         view.isSingleFile() ? "-" : std::to_string(i / 2),
                         view.slot() == i / 2 ? '*' : ' ', head.size, head.header.endOffset,
-                        head.header.sequence, NameOf(head.state), view.files()[i].path);
+                        head.header.sequence, StateOf(head.state), view.files()[i].path,
+                        view.IsNotShown(i) ? ", not shown" : "");
   }
   return text;
 }
@@ -120,6 +133,7 @@ std::vector<Json> StatObjects(const StoreView& view) {
                {"live_bytes", view.liveBytes()},
                {"dead_bytes", view.deadBytes()},
                {"disk_bytes", facts.diskBytes},
+               {"unused_bytes", facts.unusedBytes},
                {"journal_bytes", facts.journalBytes},
                {"repacked_bytes", view.repackedBytes()},
                {"repack_fits", view.repackedBytes() <= format::kMaxFileSize},
@@ -154,6 +168,7 @@ Json FileObject(const StoreView& view, size_t index) {
           {"slot", view.isSingleFile() ? Json() : Json(index / 2)},
           {"kind", isPack ? "pack" : "journal"},
           {"current", isCurrent},
+          {"not_shown", view.IsNotShown(index)},
           {"size", file.head.size},
           {"header", NameOf(file.head.state)},
           {"sequence", file.head.header.sequence},

@@ -81,6 +81,30 @@ std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
   return found;
 }
 
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
+  SwappedFiles found;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const int32_t sequence = files[i].head.header.sequence;
+    if (files[i].head.state != State::kSound || sequence <= 0) continue;
+    const size_t slot = static_cast<size_t>(sequence) % (files.size() / 2);
+    if (slot != i / 2)
+      found.emplace_back(i,
+                         fmt::format("{} is of generation {}, which belongs to slot {}: it was "
+                                     "swapped with {}, or the store has other slots",
+                                     files[i].path, sequence, slot, files[2 * slot + i % 2].path));
+  }
+  return found;
+}
+
+bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest) {
+  const format::FileHeader& head = journal.head.header;
+  const bool isNew = pack.head.header.sequence == 0 && pack.head.header.recordCount == 0;
+  if (pack.head.state == State::kDamaged) return true;
+  if (journal.head.state == State::kDamaged) return isNew && slot != 0;
+  return head.recordCount != 0 &&
+         (head.sequence > newest || (isNew && head.sequence == format::kSequenceReset));
+}
+
 std::vector<std::string> FilesSetAside(const StoreView& view) {
   std::set<std::string> directories;
   if (!view.isSingleFile())
@@ -90,7 +114,7 @@ std::vector<std::string> FilesSetAside(const StoreView& view) {
   std::error_code ignored;
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory, ignored))
-      if (entry.path().filename().string().find(".kept-") != std::string::npos)
+      if (const auto name = FileName::Parse(entry.path().filename()); name && name->IsSetAside())
         paths.push_back(entry.path().string());
   std::sort(paths.begin(), paths.end());
   return paths;
@@ -134,6 +158,7 @@ StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
 
 void StoreView::Build(const StoreOptions& options) {
   current_.clear();
+  notShown_.clear();
   walked_.clear();
   opened_.clear();
   blobs_.clear();
@@ -161,6 +186,7 @@ void StoreView::Build(const StoreOptions& options) {
 void StoreView::ChooseGeneration() {
   const bool isUsed = std::any_of(files_.begin(), files_.end(),
                                   [](const SlotFile& file) { return file.HasRecords(); });
+  for (const auto& [file, text] : FindSwapped(files_)) findings_.push_back(text);
   std::vector<size_t> packs;
   for (size_t i = 0; i < files_.size(); ++i) {
     if (files_[i].head.state == State::kMissing && isUsed)
@@ -179,6 +205,10 @@ void StoreView::ChooseGeneration() {
                                                       walked.damage->offset, walked.damage->what)
                                         : files_[pack].path + ": the header is damaged");
       opened_.erase(pack);
+      notShown_.push_back(pack / 2);
+      if (notShown_.size() == 1 && files_[pack].head.state == State::kSound)
+        findings_.push_back("the newest generation, that of " + files_[pack].path +
+                            ", is not shown");
       continue;
     }
     if (sequence == format::kSequenceReset) break;  // emptied by a repack that did not end
@@ -192,24 +222,33 @@ void StoreView::ChooseGeneration() {
   findings_.push_back("no pack can be loaded");
 }
 
-// A pack that was cut to nothing, or has lost its header, does not say that it was the newest. Its
-// journal may: it takes the pack's sequence with the first commit, or still says that it was
-// emptied by a repack.
 void StoreView::FindLostPacks() {
-  for (size_t pack = 0; pack < files_.size(); pack += 2) {
-    const FileHead& head = files_[pack].head;
-    const format::FileHeader& journal = files_[pack + 1].head.header;
-    const bool isNew = head.header.sequence == 0 && head.header.recordCount == 0;
-    const bool isLost =
-        files_[pack + 1].head.state == State::kDamaged
-            ? isNew && pack != 0
-            : journal.recordCount != 0 && (journal.sequence > sequence_ ||
-                                           (isNew && journal.sequence == format::kSequenceReset));
-    const bool wasFound = isWalked(pack) && pack != current_.front();
-    if (!wasFound && (isLost || head.state == State::kDamaged))
-      findings_.push_back(files_[pack].path +
-                          " is damaged or lost: if it was the newest pack, what is shown is older");
+  for (size_t slot = 0; slot < slotCount(); ++slot) {
+    const SlotFile& pack = files_[2 * slot];
+    const bool isShown = 2 * slot == current_.front();
+    const bool isElsewhere = slot == slot_ && !isShown;  // under another name
+    if ((isWalked(2 * slot) && !isShown) || isElsewhere ||
+        !IsLost(pack, files_[2 * slot + 1], slot, sequence_))
+      continue;
+    notShown_.push_back(slot);
+    findings_.push_back(
+        pack.path +
+        (IsNewer(slot) ? " is damaged or lost: it was the newest pack, and what is shown is older"
+                       : " is damaged or lost: if it was the newest pack, what is shown is older"));
   }
+}
+
+bool StoreView::IsNotShown(size_t file) const {
+  return std::find(notShown_.begin(), notShown_.end(), file / 2) != notShown_.end();
+}
+
+// Whether the lost pack of a slot must have been newer than the one that is shown: its journal says
+// so, or there was no repack that can have written an older one.
+bool StoreView::IsNewer(size_t slot) const {
+  const SlotFile& journal = files_[2 * slot + 1];
+  if (journal.head.state == State::kSound && journal.head.header.sequence > sequence_) return true;
+  const auto age = (static_cast<uint64_t>(sequence_) + slotCount() - slot) % slotCount();
+  return age != 0 && static_cast<int64_t>(age) >= sequence_;
 }
 
 // Whether the header counts just what the file has.

@@ -50,6 +50,10 @@ class StoreView {
   int32_t sequence() const { return sequence_; }
   // What is current of files(): the pack and its journal, or the single file.
   const std::vector<size_t>& current() const { return current_; }
+  // The slots of generations that are newer than the current one, or may be, and cannot be shown:
+  // their packs are damaged or lost.
+  const std::vector<size_t>& notShown() const { return notShown_; }
+  bool IsNotShown(size_t file) const;
   // What was found in a file that was walked: those of current(), and damaged packs before them.
   const Walked& walked(size_t file) const { return walked_.at(file); }
   bool isWalked(size_t file) const { return walked_.count(file) != 0; }
@@ -83,6 +87,7 @@ class StoreView {
   void SortBlobs();
   bool HeadsChanged() const;
   void FindLostPacks();
+  bool IsNewer(size_t slot) const;
   bool CountsAll(size_t file) const;
   void Compact();
 
@@ -92,6 +97,7 @@ class StoreView {
   std::optional<size_t> slot_;
   int32_t sequence_ = 0;
   std::vector<size_t> current_;
+  std::vector<size_t> notShown_;
   std::map<size_t, Walked> walked_;
   mutable std::map<size_t, std::unique_ptr<SalvageFile>> opened_;
   std::vector<ViewedBlob> blobs_;
@@ -101,6 +107,16 @@ class StoreView {
   std::vector<std::string> notes_;  // no damage
   std::vector<Holder> holders_;
 };
+
+// Files with the sequence of another slot, by their index, and what to say of each: two names were
+// swapped, or the slots are others.
+using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
+
+// Whether the pack of a slot was cut to nothing, or has lost its header, where the newest of the
+// others is of this sequence. It does not say so itself; its journal may: it takes the pack's
+// sequence with the first commit, or still says that it was emptied by a repack.
+bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest);
 
 // Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
 std::vector<std::string> FilesSetAside(const StoreView& view);

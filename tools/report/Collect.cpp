@@ -80,7 +80,7 @@ class Collector {
       if (view_.isWalked(index))
         AddWalked(index, file, regions);
       else
-        AddOlder(slotFile, index % 2 == 0, file, regions);
+        AddUnread(index, file, regions);
       AddRest(file, view_.files()[index].head.header, IsCurrent(index), regions);
     }
     for (const Region& region : regions.list())
@@ -93,12 +93,12 @@ class Collector {
   }
 
   // What was committed of it; of a pack that a repack began, nothing.
-  static void AddOlder(const SlotFile& slotFile, bool isPack, const SalvageFile& file,
-                       Regions& regions) {
-    const format::FileHeader& header = slotFile.head.header;
-    const bool isBegun = isPack && header.sequence == format::kSequenceReset;
+  void AddUnread(size_t index, const SalvageFile& file, Regions& regions) const {
+    const format::FileHeader& header = view_.files()[index].head.header;
+    const bool isBegun = index % 2 == 0 && header.sequence == format::kSequenceReset;
     const uint64_t end = isBegun ? format::kFileHeaderSize : header.endOffset;
-    regions.AddUpTo(std::min(end, file.size()), State::kOlder);
+    regions.AddUpTo(std::min(end, file.size()),
+                    view_.IsNotShown(index) ? State::kUnloaded : State::kOlder);
   }
 
   void AddWalked(size_t index, SalvageFile& file, Regions& regions) {

@@ -56,6 +56,7 @@ const std::map<std::string, std::vector<Key>>& Types() {
         {"slot", Kind::kCount, true},
         {"kind", Kind::kText, false, {"pack", "journal"}},
         {"current", Kind::kFlag},
+        {"not_shown", Kind::kFlag},
         {"size", Kind::kCount},
         {"header", Kind::kText, false, {"sound", "new", "damaged", "missing"}},
         {"sequence", Kind::kInteger},

@@ -36,9 +36,12 @@ std::string SlotOf(const Json& file) {
   return file.at("slot").is_null() ? "" : Figure(file, "slot");
 }
 std::string CurrentMark(const Json& file) {
-  return file.at("current") == true ? "current" : "";
+  return file.at("current") == true ? "current" : file.at("not_shown") == true ? "not shown" : "";
 }
-std::string FileName(const Json& file) {
+std::string HeaderOf(const Json& file) {
+  return "header " + Text(file, "header");
+}
+std::string NameOf(const Json& file) {
   return Escaped(std::filesystem::path(file.at("path").get<std::string>()).filename().string());
 }
 
@@ -167,8 +170,8 @@ class Page {
     for (size_t i = 0; i + 1 < files.size(); i += 2) {
       const Json& pack = *files[i];
       const Json& journal = *files[i + 1];
-      rows += Row({SlotOf(pack), CurrentMark(pack), Signed(pack, "sequence"), Text(pack, "header"),
-                   Figure(pack, "size"), Text(journal, "header"), Figure(journal, "size")});
+      rows += Row({SlotOf(pack), CurrentMark(pack), Signed(pack, "sequence"), HeaderOf(pack),
+                   Figure(pack, "size"), HeaderOf(journal), Figure(journal, "size")});
     }
     return Table("slot-table", "Slots",
                  {"#Slot", "Current", "#Sequence", "Pack", "#Bytes", "Journal", "#Bytes"}, rows);
@@ -177,7 +180,7 @@ class Page {
   std::string FileTable() const {
     std::string rows;
     for (const Json* file : All("file"))
-      rows += Row({FileName(*file), SlotOf(*file), Text(*file, "kind"), CurrentMark(*file),
+      rows += Row({NameOf(*file), SlotOf(*file), Text(*file, "kind"), CurrentMark(*file),
                    Signed(*file, "sequence"), Text(*file, "header"), Figure(*file, "size"),
                    Figure(*file, "end_offset"), Text(*file, "path")});
     return Table(
@@ -195,7 +198,7 @@ class Page {
                                        Text(*region, "state"), Figure(*region, "live_bytes")});
     std::string tables;
     for (const Json* file : All("file")) {
-      const std::string caption = "Regions of " + FileName(*file);
+      const std::string caption = "Regions of " + NameOf(*file);
       tables +=
           fmt::format("<details><summary>{}</summary>{}</details>\n", caption,
                       Table("region-table", caption, {"#Begin", "#End", "#Bytes", "State", "#Live"},

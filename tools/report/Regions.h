@@ -13,7 +13,7 @@ enum class RegionState {
   kMixed,        // small pieces of the two
   kOlder,        // of a generation that is not current; the next repacks overwrite it
   kUncommitted,  // of a transaction or repack that did not end
-  kUnloaded,     // behind damage, so that a load does not get to it
+  kUnloaded,     // behind damage or of a newer generation, so that a load does not get to it
   kDamaged,
   kFree,
 };

@@ -60,11 +60,11 @@
 
   const drawSlots = (section) => {
     const rows = rowsOf(section.querySelector(".slot-table"));
-    const current = rows.find((row) => row[1] !== "");
+    const current = rows.find((row) => row[1] === "current");
     const stateOf = (row) => {
       const files = [row[3], row[5]];
-      if (files.includes("damaged") || files.includes("missing")) return "damaged";
-      if (row[1] !== "") return "live";
+      if (files.includes("header damaged") || files.includes("header missing")) return "damaged";
+      if (row[1] !== "") return row[1] === "current" ? "live" : "unloaded";
       return number(row[4]) + number(row[6]) <= 48 || number(row[2]) < 0 ? "free" : "older"; // headers alone
     };
     const few = rows.length <= 24;
@@ -73,7 +73,7 @@
         formatter: ({ dataIndex }) => {
           const [slot, isCurrent, sequence, pack, packBytes, journal, journalBytes] = rows[dataIndex];
           return tip(
-            `Slot ${slot}${isCurrent ? ", current" : ""}`, `sequence ${sequence}`,
+            `Slot ${slot}${isCurrent && `, ${isCurrent}`}`, `sequence ${sequence}`,
             `pack ${pack}, ${sizeText(number(packBytes))}`, `journal ${journal}, ${sizeText(number(journalBytes))}`,
           );
         },
@@ -187,9 +187,9 @@
       yAxis: {
         type: "category", inverse: true, data: files.map((file) => file[0]),
         axisLabel: {
-          color: (name, index) => (files[index] && files[index][3] ? "var(--ink)" : "var(--muted)"),
+          color: (name, index) => (files[index] && files[index][3] === "current" ? "var(--ink)" : "var(--muted)"),
           fontSize: 12, interval: 0, width: 90, overflow: "truncate",
-          formatter: (name, index) => (files[index][3] ? `▸ ${name}` : name),
+          formatter: (name, index) => (files[index][3] === "current" ? `▸ ${name}` : name),
         },
         axisLine: { show: false }, axisTick: { show: false },
       },
