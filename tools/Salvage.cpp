@@ -1,8 +1,10 @@
 // Copies blobs out of files on which a store can no longer be opened.
 #include <filesystem>
+#include <functional>
+#include <map>
 #include <optional>
-#include <regex>
 #include <set>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "tools/BatchWriter.h"
@@ -10,6 +12,7 @@
 #include "tools/Interrupt.h"
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
+#include "tools/look/StoreView.h"
 
 namespace tool {
 namespace {
@@ -17,6 +20,7 @@ namespace {
 namespace stdfs = std::filesystem;
 using Kind = SalvagedRecord::Kind;
 using HashSet = std::unordered_set<blobring::Hash>;
+using LiveBlobs = std::unordered_map<blobring::Hash, bool>;  // false: deleted
 
 struct SalvagedFile {
   std::string path;
@@ -25,6 +29,7 @@ struct SalvagedFile {
   std::string suffix;  // ".kept-M", ".new" or nothing
   SalvageScan scan = {};
   std::string failure = {};  // why the file cannot be opened, or nothing
+  bool isSound = false;      // as it was printed
 
   int32_t sequence() const { return scan.head.header.sequence; }
 };
@@ -32,22 +37,29 @@ struct SalvagedFile {
 struct SalvagedFiles {
   std::vector<SalvagedFile> files;
   std::vector<std::string> missing;  // named by the layout file
-  const SalvagedFile* newestPack = nullptr;
-  std::optional<HashSet> live;  // of the newest generation; nothing if that cannot be told
+  uint64_t slotCount = 1;
+  bool slotsAreKnown = false;                // from the layout file
+  const SalvagedFile* newestPack = nullptr;  // none if that cannot be told
+  bool newestIsSound = false;                // it and its journal
+  LiveBlobs isLive;
+
+  bool IsLive(const blobring::Hash& hash) const {
+    const auto at = isLive.find(hash);
+    return newestPack == nullptr || (at != isLive.end() && at->second);
+  }
 };
 
 void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& files) {
-  static const std::regex kForm(R"((0|[1-9][0-9]{0,8})\.(pak|jrn)(\.kept-[0-9]+|\.new)?)");
   std::error_code code;
   std::set<std::string> names;
   for (const auto& entry : stdfs::directory_iterator(directory, code))
     names.insert(entry.path().filename());
   if (code) throw Fault("cannot read the directory {}: {}", directory, code.message());
   for (const std::string& name : names) {
-    std::smatch match;
-    if (!std::regex_match(name, match, kForm)) continue;
+    const std::optional<FileName> parsed = FileName::Parse(name);
+    if (!parsed) continue;
     SalvagedFile& file = files.emplace_back(SalvagedFile{
-        fmt::format("{}/{}", directory, name), std::stoul(match[1]), match[2] == "pak", match[3]});
+        fmt::format("{}/{}", directory, name), parsed->slot, parsed->isPack, parsed->suffix});
     ThrowIfInterrupted();
     try {
       file.scan = Scan(file.path);
@@ -57,11 +69,74 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
   }
 }
 
-// The newest generation is the pack of the highest sequence with the journal of the slot that the
-// sequence selects. A damaged sequence must not make live blobs look deleted, so the pack's name
-// and the journals have to agree with it. Only what the headers count is applied, and only
-// deletions of complete transactions: a blob in doubt is live.
-void FindLive(uint64_t slotCount, SalvagedFiles& found) {
+// The files of one suffix in the order of their slots, each pack before its journal.
+std::vector<SlotFile> SlotsOf(const std::vector<SalvagedFile>& files, const std::string& suffix,
+                              uint64_t slotCount) {
+  std::vector<SlotFile> slots(2 * slotCount);
+  for (size_t i = 0; i < slots.size(); ++i)
+    slots[i].path = fmt::format("{}.{}", i / 2, i % 2 == 0 ? "pak" : "jrn");
+  for (const SalvagedFile& file : files)
+    if (file.suffix == suffix && file.failure.empty() && file.slot < slotCount)
+      slots[2 * file.slot + (file.isPack ? 0 : 1)] = {file.path, file.scan.head};
+  return slots;
+}
+
+// Says which files have each other's names, or else which packs are lost for all that their
+// journals tell. Returns whether there is none.
+bool PrintMisplaced(const SalvagedFiles& found) {
+  const std::vector<SlotFile> slots = SlotsOf(found.files, "", found.slotCount);
+  const auto swapped = found.slotsAreKnown ? FindSwapped(slots) : SwappedFiles();
+  for (const auto& [file, text] : swapped) Print("{}\n", text);
+  if (!swapped.empty()) return false;
+  int32_t newest = format::kSequenceReset;
+  for (size_t i = 0; i < slots.size(); i += 2)
+    if (slots[i].IsLoadable()) newest = std::max(newest, slots[i].head.header.sequence);
+  bool none = true;
+  for (size_t i = 0; i < slots.size(); i += 2) {
+    if (slots[i].head.state == FileHead::State::kMissing ||
+        !IsLost(slots[i], slots[i + 1], i / 2, newest))
+      continue;
+    Print("{}: damaged or lost, it may have been the newest pack\n", slots[i].path);
+    none = false;
+  }
+  return none;
+}
+
+// What to believe of the newest generation. It is the pack of the highest sequence with the journal
+// of the slot that the sequence selects. A damaged sequence must not make live blobs look deleted,
+// so the pack's name and the journals have to agree with it, and no other pack of those that belong
+// together may be one that was newer and is lost.
+bool IsNewestForCertain(const SalvagedFile& pack, const SalvagedFile* journal, uint64_t slotCount,
+                        const std::vector<SalvagedFile>& files) {
+  const uint64_t slot = static_cast<uint64_t>(pack.sequence()) % slotCount;
+  if (journal == nullptr || (pack.slot != slot && pack.sequence() != 0 && pack.suffix.empty()))
+    return false;
+  const std::vector<SlotFile> slots = SlotsOf(files, pack.suffix, slotCount);
+  for (uint64_t other = 0; other < slotCount; ++other) {
+    const SlotFile& otherPack = slots[2 * other];
+    const SlotFile& otherJournal = slots[2 * other + 1];
+    const int32_t sequence = otherJournal.head.header.sequence;
+    const bool isOfPack = sequence == pack.sequence() || sequence == format::kSequenceReset;
+    if (otherJournal.head.state == FileHead::State::kSound && !isOfPack &&
+        (other == slot || sequence > pack.sequence()))
+      return false;
+    if (other != pack.slot && (otherPack.head.state == FileHead::State::kMissing ||
+                               IsLost(otherPack, otherJournal, other, pack.sequence())))
+      return false;
+  }
+  return true;
+}
+
+// The last record of each hash decides. A broken record is one of a blob that was there.
+void Apply(const SalvageScan& scan, LiveBlobs& isLive) {
+  for (const SalvagedRecord& record : scan.records)
+    if (scan.IsCommitted(record) || scan.CountDiffers())
+      isLive[record.hash] = record.kind != Kind::kDelete;
+}
+
+// Only what the headers count is applied, and only deletions of complete transactions: a blob in
+// doubt is live.
+void FindLive(SalvagedFiles& found) {
   const SalvagedFile* pack = nullptr;
   for (const SalvagedFile& file : found.files) {
     if (!file.isPack || file.suffix == ".new" || !file.scan.IsSound() || file.sequence() < 0)
@@ -72,27 +147,34 @@ void FindLive(uint64_t slotCount, SalvagedFiles& found) {
       pack = &file;
   }
   if (pack == nullptr) return;
-  const uint64_t slot = static_cast<uint64_t>(pack->sequence()) % slotCount;
+  const uint64_t slot = static_cast<uint64_t>(pack->sequence()) % found.slotCount;
   const SalvagedFile* journal = nullptr;
-  bool agrees = pack->slot == slot || pack->sequence() == 0 || !pack->suffix.empty();
-  for (const SalvagedFile& file : found.files) {
-    if (file.isPack || file.suffix != pack->suffix || !file.failure.empty()) continue;
-    if (file.slot == slot) journal = &file;
-    const bool isOfPack =
-        file.sequence() == pack->sequence() || file.sequence() == format::kSequenceReset;
-    if (file.scan.IsSound() && !isOfPack)
-      agrees = agrees && file.slot != slot && file.sequence() < pack->sequence();
-  }
-  if (journal == nullptr || !agrees) return;
+  for (const SalvagedFile& file : found.files)
+    if (!file.isPack && file.suffix == pack->suffix && file.failure.empty() && file.slot == slot)
+      journal = &file;
+  if (!IsNewestForCertain(*pack, journal, found.slotCount, found.files)) return;
   found.newestPack = pack;
-  found.live.emplace();
-  for (const SalvageScan* scan : {&pack->scan, &journal->scan}) {
-    for (const SalvagedRecord& record : scan->records) {
-      if (!scan->IsCommitted(record) && !scan->CountDiffers()) continue;
-      if (record.kind == Kind::kBlob) found.live->insert(record.hash);
-      if (record.kind == Kind::kDelete) found.live->erase(record.hash);
-    }
-  }
+  found.newestIsSound = pack->isSound && journal->isSound;
+  const auto take = [&](const std::function<bool(const SalvagedFile&)>& isWanted) {
+    std::map<std::string, LiveBlobs> others;
+    for (const bool isPack : {true, false})
+      for (const SalvagedFile& file : found.files)
+        if (file.isPack == isPack && file.suffix != ".new" && &file != pack && &file != journal &&
+            isWanted(file))
+          Apply(file.scan,
+                others[file.suffix == pack->suffix ? std::to_string(file.slot) : file.path]);
+    for (const auto& [name, blobs] : others)
+      for (const auto& [hash, isLive] : blobs)
+        if (isLive) found.isLive[hash] = true;
+  };
+  // Where the newest generation is damaged, it may have had any blob of the older ones. What was
+  // set aside had to be left out by a load, and the end of a journal came after what is left of it.
+  const auto isOlder = [&](const SalvagedFile& file) { return file.suffix == pack->suffix; };
+  if (!found.newestIsSound) take(isOlder);
+  take([&](const SalvagedFile& file) { return !isOlder(file) && file.isPack; });
+  Apply(pack->scan, found.isLive);
+  Apply(journal->scan, found.isLive);
+  take([&](const SalvagedFile& file) { return !isOlder(file) && !file.isPack; });
 }
 
 bool LiesIn(const std::string& path, const std::string& directory) {
@@ -105,12 +187,12 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
   SalvagedFiles found;
   std::vector<std::string> directories = {options.directory};
   directories.insert(directories.end(), options.packDirs.begin(), options.packDirs.end());
-  uint64_t slotCount = 1;
   if (Layout::Exists(options.directory)) {
     try {
       const Layout layout = Layout::Read(options.directory);
-      slotCount = layout.slotCount();
-      for (size_t slot = 0; slot < slotCount; ++slot) {
+      found.slotCount = layout.slotCount();
+      found.slotsAreKnown = true;
+      for (size_t slot = 0; slot < found.slotCount; ++slot) {
         if (stdfs::exists(layout.PackDir(slot))) directories.push_back(layout.PackDir(slot));
         for (const std::string& path : {layout.PackPath(slot), layout.JournalPath(slot)})
           if (!stdfs::exists(path)) found.missing.push_back(path);
@@ -128,8 +210,8 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
       ScanDirectory(directory, found.files);
   if (found.files.empty()) throw Fault("{} holds no pack and no journal", options.directory);
   for (const SalvagedFile& file : found.files)
-    if (file.suffix.empty()) slotCount = std::max(slotCount, file.slot + 1);
-  FindLive(slotCount, found);
+    if (file.suffix.empty() || !found.slotsAreKnown)
+      found.slotCount = std::max(found.slotCount, file.slot + 1);
   return found;
 }
 
@@ -177,6 +259,14 @@ bool PrintFile(const SalvagedFile& file) {
   return sound;
 }
 
+uint64_t LiveCount(const SalvagedFiles& found) {
+  HashSet live;
+  for (const SalvagedFile& file : found.files)
+    for (const SalvagedRecord& record : file.scan.records)
+      if (record.kind == Kind::kBlob && found.IsLive(record.hash)) live.insert(record.hash);
+  return live.size();
+}
+
 struct Copied {
   HashSet hashes;
   uint64_t bytes = 0;
@@ -200,7 +290,7 @@ Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& sto
       if (record.kind != Kind::kBlob) continue;
       progress.Advance(record.blobSize);
       if (copied.hashes.contains(record.hash)) continue;
-      if (liveOnly && found.live && !found.live->contains(record.hash)) {
+      if (liveOnly && !found.IsLive(record.hash)) {
         copied.leftBehind.insert(record.hash);
         continue;
       }
@@ -232,9 +322,9 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
     open.reset();
     std::string text =
         fmt::format("recovered: {}, {} bytes", Count(copied.hashes.size(), "blob"), copied.bytes);
-    if (found.live) {
+    if (found.newestPack != nullptr) {
       const auto live = std::erase_if(
-          copied.hashes, [&](const blobring::Hash& hash) { return found.live->contains(hash); });
+          copied.hashes, [&](const blobring::Hash& hash) { return found.IsLive(hash); });
       text += fmt::format("; {} live, {} not live", live, copied.hashes.size());
     }
     if (!copied.leftBehind.empty())
@@ -258,13 +348,19 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
 ExitStatus Salvage(const SalvageOptions& options) {
   if (stdfs::exists(options.store) && !stdfs::is_empty(options.store))
     throw UsageError("{} exists and is not an empty directory; nothing was written", options.store);
-  const SalvagedFiles found = ScanAll(options);
+  SalvagedFiles found = ScanAll(options);
   bool sound = found.missing.empty();
-  for (const SalvagedFile& file : found.files) sound = PrintFile(file) && sound;
+  for (SalvagedFile& file : found.files) {
+    file.isSound = PrintFile(file);
+    sound = sound && file.isSound;
+  }
+  FindLive(found);
   for (const std::string& path : found.missing) Print("{}: missing\n", path);
-  if (found.live)
-    Print("newest generation: {}, sequence {}, {} found\n", found.newestPack->path,
-          found.newestPack->sequence(), Count(found.live->size(), "live blob"));
+  sound = PrintMisplaced(found) && sound;
+  if (found.newestPack != nullptr)
+    Print("newest generation: {}, sequence {}, {} found{}\n", found.newestPack->path,
+          found.newestPack->sequence(), Count(LiveCount(found), "live blob"),
+          found.newestIsSound ? "" : "; it is damaged, so blobs of older ones count as well");
   else
     Print("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
   if (!options.dryRun) sound = MakeStore(found, options) && sound;
