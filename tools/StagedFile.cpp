@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <random>
+#include <regex>
 #include <set>
 #include <utility>
 
@@ -27,11 +29,7 @@ void RemoveLeftovers(int directory) {
   if (listing == nullptr) return;
   while (const dirent* entry = ::readdir(listing)) {
     const std::string name = entry->d_name;
-    if (!name.starts_with(".blobring-") || !name.ends_with(".tmp")) continue;
-    const Fd file(
-        ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    if (file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
-      ::unlinkat(directory, name.c_str(), 0);
+    if (IsAbandoned(directory, name)) ::unlinkat(directory, name.c_str(), 0);
   }
   ::closedir(listing);
 }
@@ -41,15 +39,29 @@ bool IsLinked(int fd) {
   return ::fstat(fd, &status) == 0 && status.st_nlink != 0;
 }
 
+std::string TemporaryName() {
+  std::random_device random;
+  return fmt::format(".blobring-{:08x}{:08x}{:08x}{:08x}.tmp", random(), random(), random(),
+                     random());
+}
+
 }  // namespace
+
+bool IsAbandoned(int directory, const std::string& name) {
+  static const std::regex kForm(R"(\.blobring-[0-9a-f]{32}\.tmp)");
+  if (!std::regex_match(name, kForm)) return false;
+  const Fd file(::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status = {};
+  return file.valid() && ::fstat(file.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+         ::flock(file.get(), LOCK_EX | LOCK_NB) == 0;
+}
 
 StagedFile::StagedFile(int directory, std::string name, std::string shownName)
     : directory_(directory), name_(std::move(name)), shownName_(std::move(shownName)) {
   RemoveLeftovers(directory_);
-  static unsigned serial = 0;
   // A file that was removed before it was locked was taken for a leftover.
   do {
-    temporaryName_ = fmt::format(".blobring-{}-{}.tmp", ::getpid(), serial++);
+    temporaryName_ = TemporaryName();
     file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                         0666));
     if (!file_.valid() && errno != EEXIST) ThrowErrno("write " + shownName_);

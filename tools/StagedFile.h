@@ -11,6 +11,10 @@ namespace tool {
 
 enum class Existing { kKeep, kReplace };
 
+// Whether a directory has this entry and it is the temporary file of a killed process: a name that
+// nobody else chooses, and no process has it locked.
+bool IsAbandoned(int directory, const std::string& name);
+
 // Written under a temporary name beside the final one, with the mode of the file that it is to
 // replace. Unless Publish() was reached, the destructor removes the temporary file; what a killed
 // process left behind is removed by the next one that stages a file in the same directory.

@@ -6,13 +6,12 @@
 #include <algorithm>
 #include <filesystem>
 #include <optional>
-#include <regex>
 #include <set>
 
 #include "tools/Commands.h"
 #include "tools/Json.h"
-#include "tools/SalvageScan.h"
-#include "tools/look/StoreView.h"
+#include "tools/StagedFile.h"
+#include "tools/look/Objects.h"
 
 namespace tool {
 namespace {
@@ -37,17 +36,11 @@ std::string_view WhatIs(Kind kind) {
 
 // Nothing for files that are not leftovers.
 std::optional<Kind> KindOf(const stdfs::path& path) {
-  static const std::regex kForm(R"((?:0|[1-9][0-9]{0,8})\.(?:pak|jrn)(\.kept-[0-9]+|\.new))");
   const std::string name = path.filename().string();
-  if (name.starts_with(".blobring-") && name.ends_with(".tmp")) {
-    // The process that writes it has it locked.
-    const Fd file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    const bool isFree = file.valid() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0;
-    return isFree ? std::optional(Kind::kTemporary) : std::nullopt;
-  }
-  std::smatch match;
-  if (!std::regex_match(name, match, kForm)) return std::nullopt;
-  return match[1] == ".new" ? Kind::kRepack : Kind::kSetAside;
+  if (IsAbandoned(OpenDirectory(path.parent_path()).get(), name)) return Kind::kTemporary;
+  const std::optional<FileName> parsed = FileName::Parse(name);
+  if (!parsed || parsed->suffix.empty()) return std::nullopt;
+  return parsed->IsSetAside() ? Kind::kSetAside : Kind::kRepack;
 }
 
 std::vector<Leftover> Find(const Layout& layout) {
@@ -65,23 +58,17 @@ std::vector<Leftover> Find(const Layout& layout) {
   return found;
 }
 
-uint64_t BlobsOnlyIn(const std::string& path, const StoreView& view) {
-  std::set<blobring::Hash> hashes;
-  for (const SalvagedRecord& record : Scan(path).records)
-    if (record.kind == SalvagedRecord::Kind::kBlob && view.Find(record.hash) == nullptr)
-      hashes.insert(record.hash);
-  return hashes.size();
-}
-
 }  // namespace
 
 ExitStatus Clean(const CleanOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
   const bool isRemoving = options.remove && !options.dryRun;
   std::vector<Leftover> found;
+  bool isDamaged = false;
   {
     const StoreView view({layout.store(), 0, {}, false});
-    if (view.damaged() && isRemoving)
+    isDamaged = view.damaged();
+    if (isDamaged && isRemoving)
       throw Fault("the store {} is damaged, what was set aside may be needed; nothing was removed",
                   layout.store());
     // Locked, but not for changes: opening a damaged store for them is what sets files aside.
@@ -89,7 +76,7 @@ ExitStatus Clean(const CleanOptions& options) {
     if (isRemoving) lock.emplace(options.at, Access::kLook);
     found = Find(layout);
     for (Leftover& leftover : found) {
-      if (leftover.kind == Kind::kSetAside) leftover.onlyHere = BlobsOnlyIn(leftover.path, view);
+      if (leftover.kind == Kind::kSetAside) leftover.onlyHere = BlobsOnlyIn({leftover.path}, view);
       if (!isRemoving || (leftover.onlyHere != 0 && !options.force)) continue;
       if (::unlink(leftover.path.c_str()) != 0) ThrowErrno("remove " + leftover.path);
       leftover.removed = true;
@@ -98,8 +85,10 @@ ExitStatus Clean(const CleanOptions& options) {
   std::string text;
   uint64_t bytes = 0;
   uint64_t removedCount = 0;
+  uint64_t neededCount = 0;  // have blobs that the store does not have
   for (const Leftover& leftover : found) {
     bytes += leftover.size;
+    neededCount += leftover.onlyHere != 0 ? 1 : 0;
     removedCount += leftover.removed ? 1 : 0;
     if (consoleOptions.json)
       text += JsonLine({{"type", "leftover"},
@@ -116,10 +105,16 @@ ExitStatus Clean(const CleanOptions& options) {
               : fmt::format(", {} that the store does not have", Count(leftover.onlyHere, "blob")));
   }
   PrintText(text);
-  Inform("{}, {}{}", Count(found.size(), "file"), HumanSize(bytes),
-         isRemoving      ? fmt::format("; {} removed", removedCount)
-         : found.empty() ? ""
-                         : "; --delete removes them");
+  std::string outcome;
+  if (isRemoving)
+    outcome = fmt::format("; {} removed", removedCount);
+  else if (isDamaged)
+    outcome = "; the store is damaged, so --delete would remove none";
+  else if (!found.empty())
+    outcome = fmt::format("; --delete removes {}", found.size() - neededCount);
+  if (!isRemoving && !isDamaged && neededCount != 0)
+    outcome += fmt::format(", with --force all {}", found.size());
+  Inform("{}, {}{}", Count(found.size(), "file"), HumanSize(bytes), outcome);
   if (found.empty()) return kNothing;
   if (!isRemoving || removedCount == found.size()) return kSuccess;
   Say("what has blobs that the store does not have was kept: `blobring salvage` copies them into a "
