@@ -44,6 +44,29 @@ class TargetTree {
     file.Publish(existing);
   }
 
+  const std::string& root() const { return root_; }
+
+  // What is there under the name.
+  enum class Found { kNothing, kOther, kSame };
+  static Found Find(const std::string& root, const stdfs::path& name, const ViewedBlob& blob,
+                    Buffer& buffer) {
+    std::error_code ignored;
+    stdfs::path at = root;
+    const stdfs::path normal = name.lexically_normal();
+    for (const stdfs::path& part : normal.parent_path())
+      if (stdfs::is_symlink(at /= part, ignored)) return Found::kNothing;  // Write() says so
+    const std::string path = fmt::format("{}/{}", root, normal.string());
+    if (!stdfs::exists(stdfs::symlink_status(path, ignored))) return Found::kNothing;
+    if (stdfs::file_size(path, ignored) != blob.size) return Found::kOther;
+    try {
+      const std::string_view bytes = ReadRegularFile(path, buffer).bytes;
+      const bool isSame = blobring::Hash::of(std::as_bytes(std::span(bytes))) == blob.hash;
+      return isSame ? Found::kSame : Found::kOther;
+    } catch (const Fault&) {
+      return Found::kOther;
+    }
+  }
+
   // Makes everything written survive a power cut. Throws Fault.
   void Sync() const {
     if (::syncfs(rootFd_.get()) != 0) ThrowErrno("flush " + root_);
@@ -81,42 +104,85 @@ class TargetTree {
   Fd parentFd_;
 };
 
-// Restores one file and counts it, or says why not. Returns its bytes.
-uint64_t Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer,
-                 TargetTree& target, Existing existing, uint64_t& fileCount) {
+struct Totals {
+  uint64_t fileCount = 0;  // restored
+  uint64_t byteCount = 0;
+  uint64_t sameCount = 0;    // were there already
+  uint64_t absentCount = 0;  // the store has no such blob
+  uint64_t keptCount = 0;    // another file has the name
+  uint64_t failureCount = 0;
+
+  bool IsWhole() const { return absentCount + keptCount + failureCount == 0; }
+};
+
+// Restores one file and counts it, or says why not.
+void Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer, TargetTree& target,
+             Existing existing, Totals& totals) {
+  using Found = TargetTree::Found;
+  const ViewedBlob* const blob = view.Find(entry.hash);
+  if (blob == nullptr) {
+    ++totals.absentCount;
+    return Say("{}: {} has no blob {}", entry.name, view.path(), entry.hash.text());
+  }
+  const Found found = TargetTree::Find(target.root(), entry.name, *blob, buffer);
+  if (found == Found::kSame) {
+    ++totals.sameCount;
+    return;
+  }
+  if (found == Found::kOther && existing == Existing::kKeep) {
+    ++totals.keptCount;
+    return Say("{}: it exists with other contents and was kept", entry.name);
+  }
   std::string what = entry.name + ": ";
   try {
-    const ViewedBlob* found = view.Find(entry.hash);
-    if (found == nullptr) throw Fault("{} has no blob {}", view.path(), entry.hash.text());
-    const std::string_view blob = view.Read(*found, buffer);
+    const std::string_view bytes = view.Read(*blob, buffer);
     what.clear();  // the target's messages name the file themselves
-    target.Write(entry.name, blob, existing);
-    ++fileCount;
-    return blob.size();
+    target.Write(entry.name, bytes, existing);
+    ++totals.fileCount;
+    totals.byteCount += bytes.size();
   } catch (const Fault& fault) {
+    ++totals.failureCount;
     Say("{}{}", what, fault.what());
-    return 0;
   }
+}
+
+void SayTotals(const Totals& totals, double seconds) {
+  Inform("restored {}, {}, in {:.1f} s{}", Count(totals.fileCount, "file"),
+         HumanSize(totals.byteCount), seconds,
+         totals.sameCount == 0
+             ? ""
+             : fmt::format("; {} there already", Count(totals.sameCount, "file")));
+  if (totals.keptCount != 0)
+    Say("{} kept; --force replaces files that exist", Count(totals.keptCount, "other file"));
+  if (totals.absentCount != 0)
+    Say("{} not restored: the store does not have the contents", Count(totals.absentCount, "file"));
+  if (totals.failureCount != 0)
+    Say("{} not restored, see above", Count(totals.failureCount, "file"));
 }
 
 ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEntry>& entries,
                              const ExportOptions& options) {
+  using Found = TargetTree::Found;
   bool all = true;
   std::string text;
+  Buffer buffer;
   for (const ManifestEntry& entry : entries) {
     const std::string path =
         (stdfs::path(options.directory) / stdfs::path(entry.name).lexically_normal()).string();
-    std::error_code ignored;
+    const ViewedBlob* const blob = view.Find(entry.hash);
+    const Found found = blob == nullptr
+                            ? Found::kNothing
+                            : TargetTree::Find(options.directory, entry.name, *blob, buffer);
     std::string obstacle;
-    if (view.Find(entry.hash) == nullptr)
+    if (blob == nullptr)
       obstacle = fmt::format("{} has no blob {}", view.path(), entry.hash.text());
-    else if (!options.force && stdfs::exists(stdfs::symlink_status(path, ignored)))
-      obstacle = "it exists and would be kept";
+    else if (!options.force && found == Found::kOther)
+      obstacle = "it exists with other contents and would be kept";
     all = all && obstacle.empty();
-    if (obstacle.empty())
-      text += path + "\n";
-    else
+    if (!obstacle.empty())
       Say("{}: {}", path, obstacle);
+    else if (found != Found::kSame)
+      text += path + "\n";
   }
   PrintText(text);
   return all && !view.damaged() ? kSuccess : kFault;
@@ -141,26 +207,22 @@ ExitStatus Export(const ExportOptions& options) {
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
   Buffer buffer;
-  uint64_t byteCount = 0;
-  uint64_t fileCount = 0;
+  Totals totals;
   Progress progress("restoring", entries.size());
   try {
     for (const ManifestEntry& entry : entries) {
-      const uint64_t size = Restore(view, entry, buffer, target, existing, fileCount);
-      byteCount += size;
-      progress.Advance(size);
+      const uint64_t before = totals.byteCount;
+      Restore(view, entry, buffer, target, existing, totals);
+      progress.Advance(totals.byteCount - before);
     }
   } catch (const Interrupted&) {
     target.Sync();
-    throw Interrupted("interrupted: {} of {} restored", fileCount, Count(entries.size(), "file"));
+    throw Interrupted("interrupted: {} of {} restored", totals.fileCount,
+                      Count(entries.size(), "file"));
   }
   target.Sync();
-  Inform("restored {}, {}, in {:.1f} s", Count(fileCount, "file"), HumanSize(byteCount),
-         progress.Elapsed());
-  if (fileCount == entries.size()) return view.damaged() ? kFault : kSuccess;
-  Say("{} not restored{}", Count(entries.size() - fileCount, "file"),
-      options.force ? "" : "; --force replaces files that exist");
-  return kFault;
+  SayTotals(totals, progress.Elapsed());
+  return totals.IsWhole() && !view.damaged() ? kSuccess : kFault;
 }
 
 }  // namespace tool
