@@ -67,20 +67,26 @@ void CommandLine::AddPackDirs(CLI::App& command, std::vector<std::string>& packD
 void CommandLine::AddHelpCommands() {
   CLI::App& help = *app_.add_subcommand("help", "print the help of a command");
   help.group("About");
-  help.add_option("COMMAND", helpFor_, "the command; without one, the list of all");
+  help.add_option("COMMAND", helpFor_, "the commands; without one, the list of all");
   help.callback([this] {
     run_ = [this] {
       const CLI::App* command = &app_;
       std::string above;
+      std::string text;
       for (const std::string& name : helpFor_) {
-        above += (above.empty() ? "" : " ") + command->get_name();
-        try {
-          command = command->get_subcommand(name);
-        } catch (const CLI::OptionNotFound&) {
-          throw UsageError("there is no command \"{}\"; `blobring --help` lists them", name);
+        const auto isNamed = [&name](const CLI::App* sub) { return sub->check_name(name); };
+        if (command->get_subcommands(isNamed).empty() && command != &app_) {
+          text += command->help(above) + "\n";
+          command = &app_;
+          above.clear();
         }
+        const auto found = command->get_subcommands(isNamed);
+        if (found.empty())
+          throw UsageError("there is no command \"{}\"; `blobring --help` lists them", name);
+        above += (above.empty() ? "" : " ") + command->get_name();
+        command = found.front();
       }
-      PrintText(command->help(above));
+      PrintText(text + command->help(above));
       return kSuccess;
     };
   });

@@ -114,9 +114,11 @@ ExitStatus Log(const LogOptions& options) {
     if (text.size() > kPrintAt) PrintText(std::exchange(text, {}));
   }
   PrintText(text);
-  const SlotFile& first = view.files()[view.current().front()];
-  Inform("{} in {}; what came before is in {} since its repack",
-         Count(transactions.size(), "transaction"), view.files()[journal].path, first.path);
+  const bool isRepacked = view.current().size() == 2 && view.sequence() > 0;
+  Inform("{} in {}{}", Count(transactions.size(), "transaction"), view.files()[journal].path,
+         isRepacked ? fmt::format("; what came before its repack is in {}",
+                                  view.files()[view.current().front()].path)
+                    : "");
   return status;
 }
 
