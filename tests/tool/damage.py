@@ -15,6 +15,12 @@ def zero(path, begin, end):
     change(path, begin, bytes(end - begin))
 
 
+def swap(a, b):
+    os.rename(a, "t")
+    os.rename(b, a)
+    os.rename("t", b)
+
+
 def flip(path, blob, offset):  # from where the blob's data begins
     change(path, pathlib.Path(path).read_bytes().index(blob) + offset)
 
@@ -39,7 +45,10 @@ DAMAGE = (
     ("the journal's header", lambda: change("s/1.jrn", 0, b"\xff" * 24), {}),
     ("the journal's count", lambda: change("s/1.jrn", 4, b"\xff\xff\xff\x7f"), {}),
     ("the newest pack lost", lambda: os.remove("s/1.pak"), {}),
-    ("the newest pack cut to nothing", lambda: os.truncate("s/1.pak", 0), {"salvage": 0}),
+    ("the newest pack cut to nothing", lambda: os.truncate("s/1.pak", 0), {}),
+    ("the packs swapped", lambda: swap("s/0.pak", "s/1.pak"), {}),
+    ("all swapped", lambda: [swap("s/0.pak", "s/1.pak"), swap("s/0.jrn", "s/1.jrn")], {}),
+    ("a deleted blob set aside", lambda: shutil.copy("s/1.jrn", "s/1.jrn.kept-1"), {}),
     ("the pack cut", lambda: os.truncate("s/1.pak", 3000), {}),
     ("the journal lost", lambda: os.remove("s/1.jrn"), {}),
     ("the older journal lost", lambda: os.remove("s/0.jrn"), {}),
@@ -82,7 +91,7 @@ def every_command():
         view, before = View("s", torn=options.get("torn", False)), tree("s")
         try:
             gives_out(view)
-            is_clean = view.check()[-1]["sound"] and all(f.is_sound(False) for f in view.files)
+            is_clean = not view.damaged and all(blob[4] for blob in view.blobs.values()) and all(f.is_sound(False) for f in view.files)
             tool("salvage", "s", "salvaged", status=options.get("salvage", int(not is_clean)))
             same(shown("salvaged"), recoverable(), "salvage")
             tool("check", "salvaged", status=0)
@@ -94,10 +103,10 @@ def every_command():
 
 def gives_out(view):
     look(view)
-    faulty = int(not view.check()[-1]["sound"])
+    faulty = int(view.damaged or not all(blob[4] for blob in view.blobs.values()))
     sound = {hash for hash, blob in view.blobs.items() if blob[4]}
     verdicts = {hash: "ok" if hash in sound else "damaged" if hash in view.blobs else "missing" for hash in [*HASHES, WRONG]}
-    headers = [f.path for f in view.files if f.state in ("damaged", "missing")]
+    headers = [f.path for f in view.quick()]
     same([o["file"] for o in tool("check", "--quick", "--json", "s", status=int(bool(headers))).objects], headers, "check --quick")
     answers = (b"%d\n%s" % (len(CONTENTS[hash]), CONTENTS[hash]) if word == "ok" else word.encode() for hash, word in verdicts.items())
     wanted = b"".join(b"%s %s\n" % (hash.hex().encode(), answer) for hash, answer in zip(verdicts, answers))
@@ -155,6 +164,11 @@ def salvage_rows():
         ("a commit", more, {six, four}, True, None),
         ("a commit that did not reach the header", lambda: more(is_counted=False), {six}, True, None),
         ("a commit that does not match its digest", lambda: more(digest=bytes(16)), {six}, True, None),
+        ("the newest pack lost", lambda: os.truncate(pak, 0), set(), True, None),
+        ("the newest pack without a header", lambda: zero(pak, 0, 24), set(), True, None),
+        ("a blob of the newest pack damaged", lambda: flip(pak, BLOBS[4], 100), {six}, True, None),
+        ("the packs swapped", lambda: swap("s/0.pak", pak), set(), True, None),
+        ("the journal set aside", lambda: pathlib.Path("s/1.jrn.kept-1").write_bytes(file(0, 1, transaction(ID, store(ID, BLOBS[6])))), set(), True, None),
         ("the same pack set aside", lambda: shutil.copy(pak, "s/1.pak.kept-1"), {six}, True, None),
         ("a sequence that does not agree", lambda: change(pak, 12, b"\4\0\0\0"), set(), True, None),
         ("a record's head", lambda: flip(pak, BLOBS[2], -36), {HASHES[2]}, False, None),

@@ -241,6 +241,7 @@ class View:
     def __init__(self, path, slots=2, torn=False):
         self.path, self.torn, self.single = str(path), torn, os.path.isfile(path)
         self.files = [File(f"{path}/{k}.{kind}") for k in range(slots) for kind in ("pak", "jrn")] if not self.single else [File(path)]
+        self.not_shown = []  # slots
         self.slot, self.sequence, self.current, self.walked, self.blobs = None, 0, [0], [0], {}  # blobs: (size, id, file, offset, sound)
         self.damaged = not self.files[0].is_sound(False) if self.single else self.choose()
         for index in self.current:
@@ -256,6 +257,7 @@ class View:
         used = any(f.state == "damaged" or f.end_offset > 24 for f in self.files)
         damaged = used and any(not f.exists for f in self.files)
         self.current, self.walked = [], []
+        damaged = damaged or any(self.swapped())
         packs = [k for k in range(0, len(self.files), 2) if self.files[k].exists]
         for index in sorted(packs, key=lambda k: -self.files[k].sequence):
             found = self.files[index]
@@ -263,21 +265,41 @@ class View:
             if found.damage is None and (found.transactions or found.counts_all()):
                 break
             damaged = True
+            self.not_shown.append(index // 2)
         else:
             return True
         if found.sequence == -1:
             return True
         self.sequence, self.slot, self.current = found.sequence, found.sequence % (len(self.files) // 2), [index]
         for k in range(0, len(self.files), 2):
-            lost, journal = self.files[k : k + 2]
-            fresh = (lost.sequence, lost.count) == (0, 0)
-            newer = journal.count != 0 and (journal.sequence > self.sequence or fresh and journal.sequence == -1)
-            damaged = damaged or (k not in self.walked or k == index) and (newer or lost.state == "damaged")
+            elsewhere = k == 2 * self.slot != index
+            if not elsewhere and (k not in self.walked or k == index) and self.is_lost(k, self.sequence):
+                self.not_shown.append(k // 2)
+        damaged = damaged or bool(self.not_shown)
         if self.files[2 * self.slot + 1].exists:
             self.current.append(2 * self.slot + 1)
             self.walked.append(2 * self.slot + 1)
             damaged = damaged or not self.torn and not self.files[self.current[1]].counts_all()
         return damaged
+
+    def swapped(self):
+        """Files whose sequence is another slot's."""
+        slots = len(self.files) // 2
+        return [f for k, f in enumerate(self.files) if f.state == "sound" and f.sequence > 0 and f.sequence % slots != k // 2]
+
+    def is_lost(self, k, newest):
+        """Whether the pack has lost its header, or is empty where there was a repack, as its journal says."""
+        pack, journal = self.files[k : k + 2]
+        fresh = (pack.sequence, pack.count) == (0, 0)
+        if "damaged" in (pack.state, journal.state):
+            return pack.state == "damaged" or fresh and k != 0
+        return journal.count != 0 and (journal.sequence > newest or fresh and journal.sequence == -1)
+
+    def quick(self):
+        """What the headers alone tell: the files at fault."""
+        newest = max((f.sequence for f in self.files[::2] if f.state in ("sound", "new")), default=-1)
+        lost = [f for k, f in enumerate(self.files) if k % 2 == 0 and f.state in ("sound", "new") and self.is_lost(k, newest)]
+        return [f for f in self.files if f.state in ("damaged", "missing")] + self.swapped() + lost
 
     def others(self, *parts):
         names = os.listdir(self.path) if not self.single else []
@@ -291,7 +313,7 @@ class View:
         f = self.files[index]
         kind = ("journal", "pack")[f.mode == 1] if self.single else ("pack", "journal")[index % 2]
         return dict(type="file", path=f.path, slot=None if self.single else index // 2, kind=kind, current=index in self.current,
-                    size=f.size, header=f.state, sequence=f.sequence, records=f.count, end_offset=f.end_offset)
+                    not_shown=index // 2 in self.not_shown, size=f.size, header=f.state, sequence=f.sequence, records=f.count, end_offset=f.end_offset)
 
     def stat(self):
         repacked = 24 + (56 + 36 * len(self.blobs) + self.live if self.blobs else 0)
@@ -307,6 +329,7 @@ class View:
         stat = dict(type="stat", store=self.path, slots=0 if self.single else len(self.files) // 2, current=self.slot, sequence=self.sequence,
                     blobs=len(self.blobs), live_bytes=self.live, dead_bytes=used - min(used, repacked + 24),
                     disk_bytes=sum(f.size for f in self.files) + sum(map(os.path.getsize, aside)),
+                    unused_bytes=sum(f.size - f.end_offset for f in self.files if f.state == "sound"),
                     journal_bytes=self.files[self.current[1]].end if len(self.current) == 2 else 0, repacked_bytes=repacked,
                     repack_fits=True, max_file_bytes=MAX_FILE, damaged=self.damaged, findings=self.damaged, open_in=[], set_aside=aside,
                     unfinished_repacks=sorted(emptied + self.others(".pak.new")), sizes=list(classes.values()))
@@ -354,7 +377,8 @@ class View:
         return objects
 
     def faults(self, blobs_too=True):
-        found = []
+        found = [(self.files[2 * slot].path, 0, None, 0) for slot in self.not_shown]
+        found += [(f.path, 0, None, 0) for f in map(File, self.others(".kept-")) if any(r[1] and r[3] not in self.blobs for r in f.records())]
         for f in (self.files[index] for index in sorted(self.walked)):
             if f.damage is not None and not self.torn:
                 hit = [(f.path, r[0], r[3].hex(), r[4]) for r in f.beyond() if r[0] >= f.damage and not r[5]]

@@ -20,7 +20,7 @@ def spans(view, index, faults):
     if f.state == "damaged" and not current:
         return [(0, f.size, "damaged")]
     at = 24 if index % 2 == 0 and f.sequence == -1 else min(f.end_offset, f.size)
-    found = [(0, at, "older")]
+    found = [(0, at, "unloaded" if index // 2 in view.not_shown else "older")]
     if index in view.walked:
         found, end, at = [(0, 24, "live" if current else "unloaded")], min(f.end_offset, f.size), f.end
         for r in f.records():
@@ -98,13 +98,13 @@ def tables_of(objects):
     files, regions, bins, tables = of("file"), of("region"), of("transaction_bin"), {}
     for f in files:
         own = [r | {"bytes": r["end"] - r["begin"]} for r in regions if r["file"] == f["path"]]
-        f |= {"current": "current" if f["current"] else "", "slot": "" if f["slot"] is None else f["slot"], "path": visible(f["path"])}
+        f |= {"current": "current" if f["current"] else "not shown" if f["not_shown"] else "", "head": f"header {f['header']}", "slot": "" if f["slot"] is None else f["slot"], "path": visible(f["path"])}
         f["name"] = os.path.basename(f["path"])
         tables[f"Regions of {f['name']}"] = [row(r, "begin end bytes state live_bytes") for r in own]
     for b in bins:
         b["ids"] = span(b["first_id"], b["last_id"])
         b["times"] = span(b["first_time"], b["last_time"]) if b["first_time"] and b["last_time"] else ""
-    slots = [row(p, "slot current sequence header size") + row(j, "header size") for p, j in zip(files[::2], files[1::2])]
+    slots = [row(p, "slot current sequence head size") + row(j, "head size") for p, j in zip(files[::2], files[1::2])]
     return tables | {
         "Slots": slots,
         "Files": [row(f, "name slot kind current sequence header size end_offset path") for f in files],
