@@ -182,9 +182,10 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
   std::vector<BlobFault> faults;
   for (const size_t slot : view.notShown()) {
     const std::string& pack = view.files()[2 * slot].path;
-    const SlotFile& journal = view.files()[2 * slot + 1];
-    std::vector<std::string> paths = {pack};
-    if (journal.head.state != FileHead::State::kMissing) paths.push_back(journal.path);
+    std::vector<std::string> paths;
+    for (const size_t file : {2 * slot, 2 * slot + 1})
+      if (view.files()[file].head.state != FileHead::State::kMissing)
+        paths.push_back(view.files()[file].path);
     faults.push_back(
         {pack, 0, std::nullopt, 0,
          fmt::format("{} in {} are not in what is shown", Count(BlobsOnlyIn(paths, view), "blob"),
