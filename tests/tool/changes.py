@@ -124,12 +124,19 @@ def disturbed():
         force = ["--force"] if command[0] in ("export", "import") and "--force" not in command else []
         for what, counted, times in (("kill", WRITES, 6), (errno.EIO, WRITES, 4), (errno.ENOSPC, WRITES, 3), ("interrupt", TRANSFERS, 4)):
             last = sum(name in counted for name in names)
-            for at in sorted({1 + (last - 1) * k // (times - 1) for k in range(times)}):
+            points, told = {1 + (last - 1) * k // (times - 1) for k in range(times)}, what != "interrupt"
+            for at in sorted(points if told else {max(1, last - k) for k in (12, 9, 6, 5, 4, 3)}):  # when it is at work
                 renew()
                 result = tool(*command, calls={"CALLS": counted, "CALLS_AT": at, "CALLS_DO": what})
                 say = f"{command}, {what} at call {at} of {last}: status {result.status}\n{result.err}"
                 same(result.status in {"kill": (-signal.SIGKILL, 0), "interrupt": (130, 0)}.get(what, (0, 1)), True, say)
                 same((bool(holds(result)), View("s").damaged, View("t").damaged), (True, False, False), f"what holds after {say}")
+                claim = re.search(r"interrupted: (\d*)", result.err)
+                told = told or claim is not None
+                if claim and command[0] == "import":
+                    same(int(claim[1]), len(ls("s") - S), say)
+                if claim and command[0] == "put":
+                    same(ls("s") - S, hashes(result.out), say)
                 if command[0] == "salvage":  # which is begun anew
                     shutil.rmtree("out", ignore_errors=True)
                 left = temporary()
@@ -143,6 +150,7 @@ def disturbed():
                 if left and command[0] != "init":
                     tool(*command, *force)
                     same(temporary(), set(), f"what is left by the run after {say}")
+            same(told or command[0] not in ("put", "import", "rm", "repack"), True, f"{command}: an interrupt says what was done")
 
 
 # Statuses of commands in such a directory. A status of 2 says that nothing was changed.
