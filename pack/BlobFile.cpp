@@ -386,7 +386,7 @@ bool BlobFile::Load(Entries& out) {
         "BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
         header.endOffset, length, path);
   Replayed replayed = Replay(file, header, length, loadProgress).Run();
-  loaded = {replayed.count, replayed.end, 0, replayed.lastIsTorn, replayed.wholeBehind};
+  loaded = {replayed.count, replayed.end, 0, replayed.rest};
   for (const BlobFileEntry& entry : replayed.entries)
     loaded.largest = std::max(loaded.largest, entry.size);
   out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),

@@ -20,6 +20,7 @@
 // No locks: one caller at a time. Sizes and offsets are bytes, 32 bits.
 #pragma once
 
+#include <algorithm>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <span>
@@ -33,6 +34,7 @@
 #include "pack/Hash.h"
 #include "pack/ProgressCall.h"
 #include "pack/RecordWriter.h"
+#include "pack/TornCommit.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 
@@ -160,11 +162,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
   // What the last Load found. LoadedAll: exactly what the header counts. LastIsTorn: all but the
-  // last transaction, which was cut off by a power failure or damaged since. WholeBehind: damage
-  // with a whole transaction behind it.
+  // last transaction, of which a power cut can have left what there is (TornCommit.h). WholeBehind:
+  // damage with a whole transaction behind it. MissingRecords: what the header counts more.
   BLOBRING_HIDDEN bool LoadedAll() const;
-  BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.lastIsTorn; }
-  BLOBRING_HIDDEN bool WholeBehind() const { return loaded.wholeBehind; }
+  BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.rest.isTorn; }
+  BLOBRING_HIDDEN bool WholeBehind() const { return loaded.rest.wholeBehind; }
+  BLOBRING_HIDDEN std::uint32_t MissingRecords() const {
+    return header.recordCount - std::min(loaded.count, header.recordCount);
+  }
   // Where the last whole transaction ends, and where the records that the header counts end: at the
   // end of the file if the header cannot be believed.
   BLOBRING_HIDDEN std::uint32_t LoadedEnd() const { return loaded.end; }
@@ -201,8 +206,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::uint32_t count = 0;
     std::uint32_t end = format::kFileHeaderSize;
     std::uint32_t largest = 0;  // blob, bytes
-    bool lastIsTorn = false;
-    bool wholeBehind = false;
+    torn::Verdict rest;
   };
 
   BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,

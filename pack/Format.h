@@ -20,6 +20,12 @@ constexpr std::uint32_t kStartSize = kOpHeaderSize + kBlockSize;
 constexpr std::uint32_t kEndSize = kOpHeaderSize;
 constexpr std::uint32_t kLeastTransaction = kStartSize + kDeleteSize + kEndSize;
 
+// After so many commits, a journal makes blank space ahead of itself, so many bytes. Transactions
+// of up to so many records take one flush there.
+constexpr std::uint32_t kCommitsBeforeBlank = 32;
+constexpr std::uint32_t kBlankAhead = 64 * 1024;
+constexpr std::uint32_t kMostRecordsInBlank = 10;
+
 // Positions are signed 32 bits at the platform.
 constexpr std::uint32_t kMaxFileSize = 0x7FFFFFFF;
 

@@ -10,9 +10,7 @@ using format::TransactionBlock;
 
 namespace {
 
-constexpr std::uint32_t kCommitsBeforeBlank = 32;
-constexpr std::uint32_t kBlankAhead = 64 * 1024;
-constexpr std::uint32_t kLeastBlank = kBlankAhead / 2;  // less than this is refilled
+constexpr std::uint32_t kLeastBlank = format::kBlankAhead / 2;  // less than this is refilled
 
 }  // namespace
 
@@ -60,6 +58,7 @@ void RecordWriter::Begin(long long id) {
   gather.Append(record, sizeof record);
   gather.Digested(sizeof record);
   beganInBlank = header.endOffset >= blankBegin;
+  countBefore = header.recordCount;
 
   block = TransactionBlock{};
   blockOffset = header.endOffset + format::kOpHeaderSize;
@@ -145,18 +144,20 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
   next = header;
   next.endOffset = gather.End();
   next.recordCount += 1;
-  const bool isInBlank = beganInBlank && next.endOffset <= blankEnd;  // [C2]
+  const bool isInBlank = beganInBlank && next.endOffset <= blankEnd &&
+                         next.recordCount - countBefore <= format::kMostRecordsInBlank;  // [C2]
   zerosEnd = isInBlank ? blankEnd : next.endOffset;
   const std::uint32_t size = next.endOffset - (blockOffset - format::kOpHeaderSize);
-  if (isJournal && commitCount >= kCommitsBeforeBlank && size <= kLeastBlank)
+  if (isJournal && commitCount >= format::kCommitsBeforeBlank && size <= kLeastBlank)
     MakeBlankAhead(next.endOffset);
   return !isInBlank;
 }
 
 // [C5] A failure costs a flush in later commits and nothing else.
 void RecordWriter::MakeBlankAhead(std::uint32_t end) noexcept {
-  static unsigned char zeros[kBlankAhead];  // never written; const would put it into the file
-  const std::uint32_t until = std::min(end + kBlankAhead, format::kMaxFileSize);
+  static unsigned char
+      zeros[format::kBlankAhead];  // never written; const would put it into the file
+  const std::uint32_t until = std::min(end + format::kBlankAhead, format::kMaxFileSize);
   if (!mayMakeBlank || zerosEnd >= until || zerosEnd - end >= kLeastBlank) return;
   hasMadeBlank = true;
   try {

@@ -6,12 +6,13 @@
 //   C1  A header on disk never counts a record that is not there. The records
 //       are flushed before the header is written, and the header is flushed
 //       before the commit is acknowledged: two flushes.
-//   C2  One flush is enough if the transaction lies in blank space: bytes
+//   C2  One flush is enough if the transaction has at most 10 records and lies in blank space:
+//   bytes
 //       that this object filled with zeros and flushed, and in which nothing
 //       has been written since. A sector that does not reach the disk is then
-//       still zeros, which a load tells from records, and the load goes back to the
-//       transactions before. Bytes past the end of a file are never taken for blank: after a power
-//       cut a file system may show anything there.
+//       still zeros, which a load tells from records (TornCommit.h), and the load goes back to
+//       the transactions before. Bytes past the end of a file are never taken for blank: after a
+//       power cut a file system may show anything there.
 //   C3  A write that fails may have reached the disk. It ends the blank space
 //       as far as it was meant to go, and so does a transaction that is cancelled.
 //   C4  A commit that fails leaves its transaction open, and what it wrote may
@@ -97,6 +98,7 @@ class RecordWriter {
   std::uint32_t blankEnd = 0;
   std::uint32_t zerosEnd = 0;     // what blankEnd becomes with the commit
   bool beganInBlank = false;      // of the open transaction; a failed write ends it
+  std::uint32_t countBefore = 0;  // the records before it
   std::uint32_t commitCount = 0;  // since Restart
   bool hasMadeBlank = false;      // or tried to
   bool mayMakeBlank = true;       // until that fails

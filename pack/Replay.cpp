@@ -18,7 +18,6 @@ constexpr std::uint32_t kPieceSize = 48 * 1024;
 constexpr std::uint32_t kLookAhead = 32 * 1024;
 constexpr std::uint32_t kDigestBlock = 64;
 
-constexpr std::uint32_t kEmptyTransaction = format::kStartSize + format::kEndSize;
 constexpr std::int32_t kLeastRecords = 3;  // of a transaction
 
 }  // namespace
@@ -218,6 +217,7 @@ bool Replay::Take(Member& member) {
                           std::make_move_iterator(entries.end()));
   }
   MarkWhole(static_cast<std::uint32_t>(found) + 2, member.end + format::kEndSize);
+  ++result.transactionCount;
   return true;
 }
 
@@ -265,6 +265,7 @@ bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
         record);
   result.entries.push_back(EntryOf(head, start, 0));
   MarkWhole(1, end + head.size);
+  result.transactionCount = 0;
   return true;
 }
 
@@ -283,57 +284,12 @@ bool Replay::HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned 
   return std::memcmp(digest, wanted, sizeof digest) == 0;
 }
 
-// A commit that a power cut tore is the last transaction that the header counts. What is not whole
-// is taken for that unless something shows that it is not the last: its own length, or a whole
-// transaction behind it that ends where the header says.
 void Replay::JudgeRest() {
-  const std::uint32_t start = result.end;
-  const std::uint32_t end = header.endOffset;
-  if (remaining <= 0 || end < start || end - start < format::kLeastTransaction) return;
-  result.wholeBehind = WholeTransactionEndsAt(end);
-  if (result.wholeBehind) return;
-  result.lastIsTorn = true;
-  if (length - start < format::kStartSize) return;
-  const unsigned char* const bytes = window.Read(start, format::kStartSize);
-  const TransactionBlock block = TransactionBlock::Decode(bytes + format::kOpHeaderSize);
-  if (OpHeader::Decode(bytes).op == format::kOpStartTransaction && block.length != 0)
-    result.lastIsTorn = block.length == end - start - kEmptyTransaction;
-}
-
-bool Replay::WholeTransactionEndsAt(std::uint32_t end) {
-  if (end > length || OpHeader::Decode(window.Read(end - format::kEndSize, format::kEndSize)).op !=
-                          format::kOpEndTransaction)
-    return false;
-  // A start record says how far it is to the end: what merely looks like one seldom does. The
-  // budget is for files that are made to look so at every place.
-  std::uint64_t budget = 2 * std::uint64_t{end - result.end};
-  std::uint32_t at = result.end + 1;
-  while (end - at >= format::kLeastTransaction) {
-    const std::span<const unsigned char> held = window.From(at, format::kStartSize);
-    const std::size_t places = std::min<std::size_t>(held.size() - format::kStartSize,
-                                                     end - at - format::kLeastTransaction) +
-                               1;
-    std::size_t i = 0;
-    while (i < places &&
-           !IsStartWithLength(held.data() + i,
-                              end - (at + static_cast<std::uint32_t>(i)) - kEmptyTransaction))
-      ++i;
-    at += static_cast<std::uint32_t>(i);
-    if (i == places) continue;
-    const TransactionBlock block =
-        TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
-    if (block.length > budget) return false;
-    budget -= block.length;
-    if (HasDigest(at + format::kStartSize, block.length, block.digest)) return true;
-    ++at;
-  }
-  return false;
-}
-
-bool Replay::IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted) {
-  return bytes[0] == format::kOpStartTransaction &&
-         OpHeader::Decode(bytes).op == format::kOpStartTransaction &&
-         TransactionBlock::Decode(bytes + format::kOpHeaderSize).length == wanted;
+  if (remaining <= 0) return;
+  result.rest = torn::Judge(
+      {length, result.transactionCount, result.end, header.endOffset,
+       static_cast<std::uint32_t>(remaining)},
+      [this](std::uint32_t offset, std::uint32_t least) { return window.From(offset, least); });
 }
 
 bool Replay::MissingRecords(std::int32_t wanted) const {

@@ -19,6 +19,7 @@
 #include "pack/BlobFile.h"
 #include "pack/FileWindow.h"
 #include "pack/RecordParser.h"
+#include "pack/TornCommit.h"
 #include "platform/Trace.h"
 
 // Thrown if a file ends inside a record or a transaction. The text is that of the read of a single
@@ -31,13 +32,11 @@ class CutShort : public Failure {
 struct Replayed {
   BlobFile::Entries entries;                    // of whole transactions, in the order of the file
   std::uint32_t count = 0;                      // of the records that are whole
+  std::uint32_t transactionCount = 0;           // whole, behind the last lone record
   std::uint32_t end = format::kFileHeaderSize;  // where they end
   bool damaged = false;                         // not all of what the header counts is whole
   std::optional<CutShort> cutShort;             // damaged: the file ends too early
-  // About the part that is not whole: it can only be the last transaction that the header counts; a
-  // whole transaction follows it.
-  bool lastIsTorn = false;
-  bool wholeBehind = false;
+  torn::Verdict rest;                           // on the part that is not whole
 };
 
 class Replay {
@@ -79,8 +78,6 @@ class Replay {
   bool HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned char* wanted);
   void MarkWhole(std::uint32_t recordCount, std::uint32_t end);
   void JudgeRest();
-  bool WholeTransactionEndsAt(std::uint32_t end);
-  static bool IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted);
   void Report(std::uint32_t size);
 
   bool MissingRecords(std::int32_t wanted) const;

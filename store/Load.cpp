@@ -157,12 +157,15 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   if (!sound || !journal.LoadedAll()) {
     const bool isTorn = !sound && journal.LastIsTorn();
     damaged = damaged || !isTorn;
-    if (isTorn)
-      trace::engine.WriteWarnV(
-          "BlobController::Load the last transaction of %s was cut off by a power failure, or "
-          "damaged since: the store "
-          "is as it was before it",
-          journal.path);
+    if (isTorn) {
+      trace::engine.WriteWarnV("BlobController::Load %s: %s", journal.path, torn::kText);
+    } else {
+      const std::uint32_t missing = journal.MissingRecords();
+      trace::engine.WriteErrorV(
+          "BlobController::Load %s is damaged: %d records that its header counts are not there, of "
+          "at most %d transactions",
+          journal.path, missing, static_cast<std::uint32_t>(torn::MostTransactions(missing)));
+    }
     // Whole transactions stay, in the index and on disk, and the next one follows them: over what
     // the damage left.
     if (!readOnly && SetAside(journal)) journal.KeepLoaded(seq);

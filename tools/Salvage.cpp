@@ -12,6 +12,7 @@
 #include "tools/Interrupt.h"
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
+#include "tools/look/FileWalk.h"
 #include "tools/look/StoreView.h"
 
 namespace tool {
@@ -232,30 +233,42 @@ bool PrintFile(const SalvagedFile& file) {
     Print("  header: {}\n", sound ? "new, no records" : "damaged");
   Print("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
         Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
-  const auto note = [&](bool isCommitted, const std::string& line) {
-    Print("  {}{}\n", line, isCommitted ? "" : " (leftover, not in use)");
-    sound = sound && !isCommitted;
+  // Under the header of a journal that was set aside there is only a part of it.
+  Walked walked;
+  if (file.suffix.empty() && (scan.incompleteTransactions != 0 || scan.CountDiffers())) {
+    SalvageFile opened(file.path);
+    walked = Walk(opened, scan.head, {});
+  }
+  const uint64_t soundEnd = walked.lastIsTorn ? walked.end : scan.committedEnd;
+  const auto note = [&](uint64_t at, const std::string& line) {
+    Print("  {}{}\n", line,
+          at < soundEnd            ? ""
+          : at < scan.committedEnd ? " (of the incomplete transaction)"
+                                   : " (leftover, not in use)");
+    sound = sound && at >= soundEnd;
   };
   const auto noteRanges = [&](const Ranges& ranges, std::string_view what) {
     for (const auto& [begin, end] : ranges)
-      note(begin < scan.committedEnd,
-           fmt::format("{:#x}-{:#x}: {}, {}", begin, end, Count(end - begin, "byte"), what));
+      note(begin, fmt::format("{:#x}-{:#x}: {}, {}", begin, end, Count(end - begin, "byte"), what));
   };
-  if (scan.incompleteTransactions != 0)
-    note(true, Count(scan.incompleteTransactions, "incomplete transaction"));
-  // Under the header of a journal that was set aside there is only a part of it.
-  if (scan.CountDiffers() && file.suffix.empty())
-    note(true, "the header counts other records than were found");
+  if (walked.damage) {
+    Print("  {:#x}: {}\n", walked.damage->offset, walked.damage->what);
+    sound = sound && walked.lastIsTorn;
+  }
+  if (scan.incompleteTransactions != 0 && !walked.lastIsTorn)
+    note(0, Count(scan.incompleteTransactions, "incomplete transaction"));
+  if (scan.CountDiffers() && file.suffix.empty() && !walked.damage)
+    note(0, "the header counts other records than were found");
   noteRanges(scan.unreadable, "cannot be read from the disk");
   noteRanges(scan.noRecord, "no record");
   for (const SalvagedRecord& record : scan.records)
     if (record.kind == Kind::kBroken)
-      note(scan.IsCommitted(record),
+      note(scan.IsCommitted(record) ? record.offset : scan.committedEnd,
            fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(),
                        Count(record.blobSize, "byte"),
                        record.end() > scan.head.size ? "runs past the end of the file"
                                                      : "does not match its hash"));
-  if (scan.stoppedProbing) note(true, "too much looks like a record: some places were not tried");
+  if (scan.stoppedProbing) note(0, "too much looks like a record: some places were not tried");
   return sound;
 }
 

@@ -166,7 +166,7 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
  *                            before the damage          copied to k.jrn.kept-N
  *                                                       first (damaged = 1)
  *   a journal whose last     1: all before it           1: all before it; the rest
- *   transaction is torn                                 is copied to k.jrn.kept-N
+ *   transaction may be torn                             is copied to k.jrn.kept-N
  *   no usable pack           0: all files erased        1: empty; all files renamed
  *                                                       to *.kept-N (damaged = 1)
  *   a pack that ends inside  0: all files erased        1: the next older one

@@ -17,6 +17,7 @@
 // A number before steps in parentheses repeats them: 3( S +4 E ).
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <optional>
 
@@ -35,6 +36,12 @@ struct Workload {
   int slots = 2;
   bool keep = false;
   std::vector<Step> steps;
+  // Nothing but power cuts and killed processes happens to the files.
+  bool IsSound() const {
+    return std::all_of(steps.begin(), steps.end(), [](const Step& step) {
+      return step.kind != 'J' && step.kind != 'T' && step.kind != 'P';
+    });
+  }
 };
 std::vector<Workload> Scripts();
 Workload RandomWorkload(std::uint64_t seed);

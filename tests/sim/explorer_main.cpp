@@ -12,6 +12,7 @@
 #include <cstring>
 #include <set>
 
+#include "tests/sim/LostTail.h"
 #include "tests/sim/PowerCut.h"
 #include "tests/support/SimDiagnostics.h"
 
@@ -116,6 +117,14 @@ int main(int argc, char** argv) {
   std::printf("%llu distinct disks after a power cut at %llu moments\n",
               static_cast<unsigned long long>(cut.states()),
               static_cast<unsigned long long>(cut.moments()));
+
+  try {
+    const unsigned torn = argc > 3 ? 1 : explore::TryLostTails(seed, isBrief ? 2000 : 20000);
+    std::printf("%u of the tails that were lost fit a power cut\n", torn);
+    if (torn == 0) Report("no lost tail fits a power cut");
+  } catch (const explore::Violation& violation) {
+    Report(violation.text);
+  }
 
   // A disk that lies about a flush of a commit, that of the records or that of the header, stands
   // for a store that leaves it out: the explorer must notice.

@@ -98,27 +98,6 @@ TEST(Load, ALostNewestPackIsDamageAndNoRepackEmptiesItsSlotWithoutACopy) {
   }
 }
 
-// Of three transactions one is not whole. The last was torn by a power failure, for all that the
-// file can tell; any other is damage, even where its start is lost.
-TEST(Load, OnlyATornLastTransactionIsNoDamage) {
-  for (const int torn : {2, 3}) {
-    const std::string good = Journal(3);
-    const std::size_t start = Journal(torn - 1).size();
-    for (const std::string& bytes :
-         {With(good, start, std::string(40, '\0')), With(good, start, "\5"),
-          With(good, start + 16, std::string(24, '\0')), With(good, start + 80, "X")}) {
-      FreshMachine();
-      SetFile("/s/0.jrn", bytes);
-      const OpenedStore store(1, Policy::Keep);
-      SCOPED_TRACE(Diagnostics().Text());
-      EXPECT_EQ(StatisticsOf(store.index).damaged, torn == 2);
-      EXPECT_EQ(store.All().size(), static_cast<std::size_t>(torn - 1));
-      EXPECT_EQ(FileBytes("/s/0.jrn.kept-1"), bytes.substr(0, 24) + bytes.substr(start));
-      EXPECT_TRUE(store.Commit(9, {"after"}));
-    }
-  }
-}
-
 // Before a load, slot 0's journal takes a change, and only if the load will find it there.
 TEST(Load, AChangeBeforeItIsFoundOrRefused) {
   for (const auto& [repacks, torn, taken] :

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "md5/MD5.h"
+#include "pack/TornCommit.h"
+#include "tools/Console.h"
 
 namespace tool {
 namespace {
@@ -66,7 +68,7 @@ class Walker {
     const std::optional<Damage> broken = std::move(broken_);
     Deliver();
     if (!walked_.damage) walked_.damage = broken;
-    if (walked_.damage && !isPack_) JudgeRest();
+    if (walked_.damage && remaining_ != 0) JudgeRest();
     return std::move(walked_);
   }
 
@@ -150,48 +152,24 @@ class Walker {
     walked_.end = single.end();
     ++walked_.recordCount;
     --remaining_;
+    transactionsBehindSingle_ = 0;
     if (options_.record) options_.record(single);
     return true;
   }
 
-  // A commit that a power cut tore is the last transaction that the header counts: its length says
-  // so, or is lost, and no whole transaction ends where the header says.
   void JudgeRest() {
-    const uint64_t start = walked_.end;
-    const uint64_t end = endOffset_;
-    if (remaining_ == 0 || end < start || end - start < format::kLeastTransaction) return;
-    if (WholeTransactionEndsAt(end)) return;
-    walked_.lastIsTorn = true;
-    if (limit_ - std::min(start, limit_) < format::kStartSize) return;
-    const auto bytes = file_.From(start, format::kStartSize);
-    const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
-    if (format::OpHeader::Decode(bytes.data()).op == format::kOpStartTransaction && length != 0)
-      walked_.lastIsTorn = length == end - start - format::kStartSize - format::kEndSize;
-  }
-
-  // Digests at most twice the bytes in question, whatever looks like a start record.
-  bool WholeTransactionEndsAt(uint64_t end) {
-    if (end > limit_ || OpAt(end - format::kEndSize) != format::kOpEndTransaction) return false;
-    uint64_t budget = 2 * (end - walked_.end);
-    for (uint64_t at = walked_.end + 1; at + format::kLeastTransaction <= end; ++at) {
-      const auto window = file_.From(at, format::kStartSize);
-      const auto* const found = static_cast<const unsigned char*>(
-          std::memchr(window.data(), format::kOpStartTransaction, window.size()));
-      at +=
-          static_cast<uint64_t>(found == nullptr ? std::ssize(window) - 1 : found - window.data());
-      if (found == nullptr || at + format::kLeastTransaction > end) continue;
-      const auto bytes = file_.From(at, format::kStartSize);
-      const auto block = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]);
-      if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction ||
-          block.length != end - at - format::kStartSize - format::kEndSize)
-        continue;
-      if (block.length > budget) return false;
-      budget -= block.length;
-      if (file_.Digest(at + format::kStartSize, block.length).bytes() ==
-          std::to_array(block.digest))
-        return true;
-    }
-    return false;
+    walked_.missingRecords = remaining_;
+    const torn::Rest rest = {limit_, transactionsBehindSingle_, walked_.end, endOffset_,
+                             remaining_};
+    walked_.lastIsTorn = !isPack_ && torn::Judge(rest, [this](uint32_t offset, uint32_t least) {
+                                       return file_.From(offset, least);
+                                     }).isTorn;
+    if (walked_.lastIsTorn)
+      walked_.damage->what = torn::kText;
+    else
+      walked_.damage->what += fmt::format(
+          "; {} that the header counts are not there, of at most {}", Count(remaining_, "record"),
+          Count(torn::MostTransactions(remaining_), "transaction"));
   }
 
   // Digests what is pending and hands over what is whole.
@@ -212,6 +190,7 @@ class Walker {
       walked_.end = transaction.end;
       walked_.recordCount += transaction.recordCount();
       ++walked_.transactionCount;
+      ++transactionsBehindSingle_;
       remaining_ -= transaction.recordCount();
       if (options_.transaction) options_.transaction(transaction);
       if (options_.record)
@@ -242,6 +221,7 @@ class Walker {
   const bool isPack_;          // of one transaction, which nothing can tear
   uint64_t remaining_;         // records that the header counts behind what was delivered
   uint64_t pendingCount_ = 0;  // records of what is pending
+  uint64_t transactionsBehindSingle_ = 0;
   std::vector<Pending> pending_;
   std::optional<Damage> broken_;
   Walked walked_;

@@ -46,10 +46,12 @@ struct Walked {
   uint64_t end = format::kFileHeaderSize;  // of the whole transactions
   uint64_t recordCount = 0;                // in them
   uint64_t transactionCount = 0;
-  std::optional<Damage> damage;  // where the records break off before the header's count does
+  // Where the records break off before the header's count does, and how many are missing.
+  std::optional<Damage> damage;
   // Damage: the transaction, where all that is wrong with it is that it does not match its digest.
   std::optional<WalkedTransaction> mismatched;
-  bool lastIsTorn = false;  // damage of a journal: a power cut can have left it
+  uint64_t missingRecords = 0;  // that the header counts and that are not whole there
+  bool lastIsTorn = false;      // a power cut can have left this of the last commit (TornCommit.h)
 };
 
 struct WalkOptions {

@@ -100,7 +100,7 @@ class Inspector {
       return true;
     }
     if (walked.mismatched) PrintTransaction(file, *walked.mismatched, "wrong");
-    if (walked.damage) PrintDamage(file, *walked.damage, walked.lastIsTorn);
+    if (walked.damage) PrintDamage(file, walked);
     if (head.state == FileHead::State::kSound || !walked.damage) PrintRest(file, head, walked);
     return !walked.damage || walked.lastIsTorn;
   }
@@ -176,7 +176,8 @@ class Inspector {
                 state);
   }
 
-  void PrintDamage(SalvageFile& file, const Damage& damage, bool isTorn) {
+  void PrintDamage(SalvageFile& file, const Walked& walked) {
+    const Damage& damage = *walked.damage;
     const SalvageScan scan = Scan(path_);
     uint64_t soundBeyond = 0;
     for (const SalvagedRecord& record : scan.records) {
@@ -190,11 +191,11 @@ class Inspector {
                            {"file", path_},
                            {"offset", damage.offset},
                            {"what", damage.what},
-                           {"torn", isTorn},
+                           {"torn", walked.lastIsTorn},
+                           {"missing_records", walked.missingRecords},
                            {"sound_beyond", soundBeyond}}));
-    Line("  {} at {}: {}; {} beyond {} sound",
-         isTorn ? "the last transaction was cut off" : "damaged", damage.offset, damage.what,
-         Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
+    Line("  {} at {}: {}; {} beyond {} sound", walked.lastIsTorn ? "incomplete" : "damaged",
+         damage.offset, damage.what, Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
   }
 
   void PrintRest(SalvageFile& file, const FileHead& head, const Walked& walked) {

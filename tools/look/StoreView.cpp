@@ -268,9 +268,7 @@ void StoreView::TakeJournal(size_t journal) {
   if (!walked.damage && CountsAll(journal)) return;
   if (walked.lastIsTorn)
     notes_.push_back(
-        fmt::format("the last transaction of {} was cut off at {}, a power failure interrupted its "
-                    "commit; nothing that was committed is lost",
-                    file.path, walked.damage->offset));
+        fmt::format("{} at {}: {}", file.path, walked.damage->offset, walked.damage->what));
   else if (walked.damage)
     findings_.push_back(fmt::format("{} is damaged at {}: {}", file.path, walked.damage->offset,
                                     walked.damage->what));
