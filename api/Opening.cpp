@@ -9,6 +9,7 @@
 #include "fs/FileSystem.h"
 #include "fs/KeptFile.h"
 #include "pack/BlobFile.h"
+#include "pack/NewFile.h"
 #include "platform/Failure.h"
 
 namespace api {
@@ -45,14 +46,14 @@ SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   header.endOffset = format::kFileHeaderSize;
   unsigned char fresh[format::kFileHeaderSize];
   header.Encode(fresh);
-  const bool isZeros = std::all_of(bytes, bytes + length, [](auto byte) { return byte == 0; });
-  if ((isZeros && size == length) || std::memcmp(bytes, fresh, length) == 0) return file;
+  if (format::WasCutOff(bytes, size, mode) || std::memcmp(bytes, fresh, length) == 0) return file;
   header = format::FileHeader::Decode(bytes);
   file.isUsed = true;
   file.isOurs = header.version == format::kVersion && header.mode <= BlobFile::Pack;
   if (file.isOurs) file.sequence = header.sequence;
   const bool isPlausible = header.mode <= BlobFile::Pack &&
                            header.endOffset >= format::kFileHeaderSize && header.endOffset <= size;
+  const bool isZeros = std::all_of(bytes, bytes + length, [](auto byte) { return byte == 0; });
   file.isForeign = header.version != format::kVersion && !isPlausible && !isZeros;
   return file;
 }

@@ -4,6 +4,7 @@
 #include <iterator>
 #include <utility>
 
+#include "pack/NewFile.h"
 #include "pack/Replay.h"
 #include "platform/Trace.h"
 
@@ -61,16 +62,12 @@ void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned
   file.open(path, access, disposition, FILE_ATTRIBUTE_NORMAL);
 }
 
-// A file that a power cut caught while it was created: nothing was ever committed to it.
 bool BlobFile::IsNew(std::uint32_t length) {
   if (length > format::kFileHeaderSize) return false;
-  unsigned char fresh[format::kFileHeaderSize];
-  header.Encode(fresh);
   unsigned char bytes[format::kFileHeaderSize] = {};
   file.seek(0);
   file.read(reinterpret_cast<char*>(bytes), length);
-  if (std::all_of(bytes, bytes + length, [](unsigned char byte) { return byte == 0; })) return true;
-  return length < format::kFileHeaderSize && std::equal(bytes, bytes + length, fresh);
+  return format::WasCutOff(bytes, length, mode);
 }
 
 void BlobFile::Init(std::string filePath, BlobFileMode fileMode, unsigned int) {
@@ -441,7 +438,8 @@ void BlobFile::CutToRecords() noexcept {
   try {
     if (state == State::InTransaction) CancelTransaction();  // closing abandons it
     if (!cutOnClose && !writer.HasMadeBlank()) return;
-    if (LengthOf(file) > header.endOffset) file.truncate(header.endOffset);
+    const std::uint32_t end = std::max(header.endOffset, loaded.end);
+    if (LengthOf(file) > end) file.truncate(end);
   } catch (const std::exception& e) {
     trace::pack.notes.WriteWarnV("BlobFile: %s is longer than its records and cannot be cut: %s",
                                  path.c_str(), e.what());

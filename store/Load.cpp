@@ -66,8 +66,8 @@ void BlobController::LoadFiles() {
     if (!LoadNewestPack(entries)) throw Failure(FailureCode::Damaged, "no valid Pak files");
   }
   LoadJournal(entries);
-  for (const BlobFilePtr& pack : packFiles) Secure(*pack);
-  Secure(*curJournal);
+  for (const Files* files : {&packFiles, &journalFiles})
+    for (const BlobFilePtr& file : *files) Secure(*file);
   if (hasInvalid) blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   loaded = true;
 }

@@ -14,7 +14,9 @@ constexpr std::size_t kKeptEntries = 4096;
 }  // namespace
 
 bool BlobController::InDoubt() const {
-  return (curJournal && curJournal->InDoubt()) || (curPack && curPack->InDoubt());
+  const auto isInDoubt = [](const BlobFilePtr& file) { return file->InDoubt(); };
+  return std::any_of(packFiles.begin(), packFiles.end(), isInDoubt) ||
+         std::any_of(journalFiles.begin(), journalFiles.end(), isInDoubt);
 }
 
 void BlobController::RefuseChanges(FailureCode code, const char* reason) {

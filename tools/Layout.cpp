@@ -12,6 +12,7 @@
 #include <regex>
 #include <set>
 
+#include "pack/NewFile.h"
 #include "tools/Console.h"
 #include "tools/Error.h"
 #include "tools/Files.h"
@@ -40,23 +41,6 @@ std::string RecordedDir(const std::string& store, const std::string& dir) {
   return absolute;
 }
 
-// See docs/format.md.
-bool IsNew(const unsigned char* bytes, uint64_t fileSize) {
-  if (fileSize > format::kFileHeaderSize) return false;
-  if (std::all_of(bytes, bytes + fileSize, [](unsigned char byte) { return byte == 0; }))
-    return true;
-  if (fileSize == format::kFileHeaderSize) return false;
-  for (const uint32_t mode : {0U, 1U}) {
-    std::array<unsigned char, format::kFileHeaderSize> fresh;
-    format::FileHeader header;
-    header.mode = mode;
-    header.endOffset = format::kFileHeaderSize;
-    header.Encode(fresh.data());
-    if (std::equal(bytes, bytes + fileSize, fresh.begin())) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 FileHead ReadHead(const std::string& path) {
@@ -72,7 +56,7 @@ FileHead ReadHead(const std::string& path) {
 
 FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
   FileHead head = {State::kDamaged, fileSize, format::FileHeader::Decode(bytes)};
-  if (IsNew(bytes, fileSize))
+  if (format::WasCutOff(bytes, fileSize, 0) || format::WasCutOff(bytes, fileSize, 1))
     head.state = State::kNew;
   else if (head.header.endOffset >= format::kFileHeaderSize && head.header.endOffset <= fileSize &&
            static_cast<int32_t>(head.header.recordCount) >= 0)

@@ -51,7 +51,7 @@ TEST(Load, KeepsAStoreWithoutAUsablePack) {
   }
 }
 
-// The damage is in the journal or in its copy, whichever flush fails.
+// The damage is in the journal or in its copy, whichever flush fails; no change follows then.
 TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
   const std::string journal = With(Journal(3), Journal(1).size() + 80, "X");
   bool failed = true;
@@ -59,10 +59,15 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
     FreshMachine();
     SetFile("/s/0.pak", JournalBytes(1).Bytes());
     SetFile("/s/0.jrn", journal);
+    SetFile("/s/1.pak", JournalBytes(1).Bytes());
+    SetFile("/s/1.jrn", JournalBytes().Bytes());
     sim::Files().FailCallOf(sim::Call::FlushFileBuffers, n, sim::Fault::Error);
-    { const OpenedStore store(1, Policy::Keep); }
-    failed = sim::Files().fired() > 0;
-    sim::Files().Heal();
+    {
+      const OpenedStore store(2, Policy::Keep);
+      failed = sim::Files().fired() > 0;
+      sim::Files().Heal();
+      EXPECT_NE(store.Commit(9, {"after"}), failed) << "flush " << n;
+    }
     const auto isKept = [&] {
       return FileBytes("/s/0.jrn.kept-1") ==
              journal.substr(0, 24) + journal.substr(Journal(1).size());
@@ -73,6 +78,16 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
     EXPECT_TRUE(FileBytes("/s/0.jrn") == journal || isKept()) << "flush " << n;
     EXPECT_TRUE(OpenedStore(1, Policy::Keep).Has("blob1"));
   }
+}
+
+// By its count a pack is read behind its endOffset, and nothing of that is cut off.
+TEST(Repack, LeavesTheOlderPackAsItWasRead) {
+  FreshMachine();
+  const std::string pack =
+      JournalBytes(1).Transaction(0, {StoreRecord(1, "packed")}).End(100).Bytes();
+  SetFile("/s/0.pak", pack);
+  EXPECT_EQ(BCRepack(OpenedStore(2, Policy::Keep).index), 1);
+  EXPECT_EQ(FileBytes("/s/0.pak"), pack);
 }
 
 // Its journal shows that it existed, with a commit in the session of the repack or in a later one.

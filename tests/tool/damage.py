@@ -32,6 +32,16 @@ def wrong_hashes():
     put_files("s", _1pak=file(1, 1, transaction(0, *stores)), _1jrn=journal)
 
 
+def zero_last():
+    zero("s/1.jrn", *File("s/1.jrn").transactions[-1][:2])
+
+
+def torn_commit():
+    """The last of many commits is zeros, as a power cut can leave it."""
+    put_files("s", _1jrn=file(0, 1, *(transaction(ID + n, store(ID + n, BLOBS[8])) for n in range(34))))
+    zero_last()
+
+
 DAMAGE = (
     ("nothing", lambda: None, {}),
     ("a blob of the pack", lambda: flip("s/1.pak", BLOBS[4], 100), {}),
@@ -39,7 +49,8 @@ DAMAGE = (
     ("a blob of the journal", lambda: flip("s/1.jrn", BLOBS[7], 100), {}),
     ("a digest in the journal", lambda: change("s/1.jrn", 50), {}),
     ("the older journal", lambda: change("s/0.jrn", 50), {}),
-    ("the last commit torn", lambda: zero("s/1.jrn", *File("s/1.jrn").transactions[-1][:2]), {"torn": True}),
+    ("the last commit lost", zero_last, {}),
+    ("the last commit torn", torn_commit, {"torn": True}),
     ("the newest pack's header", lambda: zero("s/1.pak", 0, 24), {}),
     ("the newest pack's end offset", lambda: change("s/1.pak", 23), {}),
     ("the journal's header", lambda: change("s/1.jrn", 0, b"\xff" * 24), {}),

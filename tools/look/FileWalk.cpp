@@ -158,7 +158,6 @@ class Walker {
   }
 
   void JudgeRest() {
-    walked_.missingRecords = remaining_;
     const torn::Rest rest = {limit_, transactionsBehindSingle_, walked_.end, endOffset_,
                              remaining_};
     walked_.lastIsTorn = !isPack_ && torn::Judge(rest, [this](uint32_t offset, uint32_t least) {

@@ -50,8 +50,7 @@ struct Walked {
   std::optional<Damage> damage;
   // Damage: the transaction, where all that is wrong with it is that it does not match its digest.
   std::optional<WalkedTransaction> mismatched;
-  uint64_t missingRecords = 0;  // that the header counts and that are not whole there
-  bool lastIsTorn = false;      // a power cut can have left this of the last commit (TornCommit.h)
+  bool lastIsTorn = false;  // a power cut can have left this of the last commit (TornCommit.h)
 };
 
 struct WalkOptions {

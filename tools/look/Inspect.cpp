@@ -192,7 +192,6 @@ class Inspector {
                            {"offset", damage.offset},
                            {"what", damage.what},
                            {"torn", walked.lastIsTorn},
-                           {"missing_records", walked.missingRecords},
                            {"sound_beyond", soundBeyond}}));
     Line("  {} at {}: {}; {} beyond {} sound", walked.lastIsTorn ? "incomplete" : "damaged",
          damage.offset, damage.what, Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
