@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tests/sim/Session.h"
+#include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 
 namespace explore {
@@ -15,123 +16,88 @@ using sim::Bytes;
 constexpr std::size_t kSector = 512;
 const std::string kJournalPath = "/s/0.jrn";
 
+struct Record {
+  std::size_t begin, data, end;
+};
 struct Journal {
   Bytes bytes;
+  std::vector<Record> records;
   std::vector<std::size_t> ends{test::kHeaderSize};  // of each transaction
 };
+
+// With space that was blanked, as a killed process leaves it.
+Journal MakeJournal(Random& random) {
+  Journal journal;
+  test::JournalBytes made;
+  const auto add = [&](std::size_t head, std::size_t size) {
+    const std::size_t begin =
+        journal.records.empty() ? test::kHeaderSize : journal.records.back().end;
+    journal.records.push_back({begin, begin + head, begin + head + size});
+  };
+  std::string last = "0";
+  for (unsigned id = 1, count = 20 + random.Below(50); id <= count; ++id) {
+    std::vector<std::string> records;
+    add(test::kStartSize, 0);
+    for (unsigned n = 1 + random.Below(3); n > 0; --n) {
+      std::string blob;
+      for (unsigned size = random.Below(2) * 1200 + random.Below(120); blob.size() < size;)
+        blob.push_back(static_cast<char>(random.Next()));
+      records.push_back(n == 2 ? test::DeleteRecord(id, last) : test::StoreRecord(id, blob));
+      add(n == 2 ? test::kDeleteSize : test::kStoreSize, n == 2 ? 0 : blob.size());
+      last = blob;
+    }
+    add(test::kOpSize, 0);
+    made.Transaction(id, records);
+    journal.ends.push_back(journal.records.back().end);
+  }
+  journal.bytes = made.Bytes() + Bytes(4096, '\0');
+  return journal;
+}
 
 bool IsZero(const Bytes& bytes, std::size_t from, std::size_t to) {
   return bytes.find_first_not_of('\0', from) >= std::min(to, bytes.size());
 }
 
-// The process is killed, so that the journal keeps the space that it blanked.
-Journal MakeJournal(Random& random) {
-  test::FreshMachine();
-  test::OpenedStore store(1, test::OpenedStore::Policy::Keep);
-  Journal journal;
-  std::string last = "0";
-  for (unsigned id = 1, count = 20 + random.Below(50); id <= count; ++id) {
-    Require(store.Start(id), "a transaction cannot be started");
-    for (unsigned n = 1 + random.Below(3); n > 0; --n) {
-      std::string blob;
-      for (unsigned size = random.Below(2) * 1200 + random.Below(120); blob.size() < size;)
-        blob.push_back(static_cast<char>(random.Next()));
-      Require(n == 2 ? store.Delete(last) || true : store.Store(blob), "a blob cannot be stored");
-      last = blob;
+// Whether the transaction that begins at `start`, where what is whole of `bad` ends, may be torn.
+bool MayBeTorn(const Journal& journal, const Bytes& bad, std::size_t start) {
+  const Bytes& good = journal.bytes;
+  const std::size_t end = journal.ends.back(), block = start + 16,
+                    blockEnd = start + test::kStartSize;
+  const auto first = std::ranges::lower_bound(journal.records, start, {}, &Record::begin);
+  const std::vector<Record> records(first, journal.records.end());
+  const auto whole = std::ranges::lower_bound(journal.ends, start) - journal.ends.begin();
+  if (bad.size() < end || whole < 33 || records.size() > 10 || end - start > 65536)
+    return false;        // T1 to T3
+  Bytes lost(end, ' ');  // an x for each byte that may have been lost, by T4
+  const auto lose = [&lost](std::size_t from, std::size_t to) {
+    if (from < to) lost.replace(from, to - from, to - from, 'x');
+  };
+  for (std::size_t from = start, to = 0; from < end; from = to) {
+    to = std::min(end, from - from % kSector + kSector);
+    const std::size_t part = std::max(from, block), partEnd = std::min(to, blockEnd);
+    if (part < partEnd && !IsZero(bad, part, partEnd)) continue;
+    lose(part, partEnd);
+    for (const Record& record : records)
+      if (const std::size_t at = std::max(from, record.begin); IsZero(bad, at, to)) lose(at, to);
+  }
+  bool isFollowed = true, isAnyLost = false;
+  for (const Record& record : records) {  // T5
+    const bool isEnd = &record == &records.back(), isStart = &record == &records.front();
+    isFollowed = isFollowed && (isStart || lost.find('x', record.begin) >= record.data);
+    const bool dataIsLost = lost.find('x', record.data) < record.end;
+    for (std::size_t at = record.begin; at < record.end; ++at) {
+      if (bad[at] == good[at]) continue;
+      // Ids, hashes and the digest itself cannot be compared once something is lost.
+      const std::size_t in = at - record.begin;
+      const bool isSize = isStart ? in >= 20 && in < 24 : in >= test::kDeleteSize;
+      const bool isKey = in >= 8 && at < record.data && !isSize;
+      if (lost[at] != 'x' && (isFollowed || isEnd) && !(dataIsLost && at >= record.data) && !isKey)
+        return false;
+      isAnyLost = isAnyLost || lost[at] == 'x' || (at >= block && at < blockEnd);
     }
-    Require(store.End(id), "a commit fails");
-    const std::size_t end = test::Get32(test::FileBytes(kJournalPath), 20);
-    if (end > journal.ends.back()) journal.ends.push_back(end);
   }
-  journal.bytes = test::FileBytes(kJournalPath);
-  sim::Files().Kill();
-  return journal;
+  return isAnyLost;
 }
-
-// Of the records that a journal has from `start` on, the places where they begin and, of stores,
-// where the data does.
-struct Record {
-  std::size_t begin, data, end;
-};
-std::vector<Record> RecordsFrom(const Bytes& bytes, std::size_t start, std::size_t end) {
-  std::vector<Record> records;
-  for (std::size_t at = start; at < end; at = records.back().end) {
-    const std::uint32_t op = test::Get32(bytes, at);
-    const std::size_t head = op == test::kStoreOp    ? test::kStoreSize
-                             : op == test::kDeleteOp ? test::kDeleteSize
-                             : op == test::kStartOp  ? test::kStartSize
-                                                     : test::kOpSize;
-    const std::size_t size = op == test::kStoreOp ? test::Get32(bytes, at + test::kDeleteSize) : 0;
-    records.push_back({at, at + head, at + head + size});
-  }
-  return records;
-}
-
-class Tail {
- public:
-  Tail(const Journal& journal, const Bytes& found, std::size_t wholeEnd)
-      : good(journal.bytes),
-        bad(found),
-        start(wholeEnd),
-        end(journal.ends.back()),
-        transactions(std::find(journal.ends.begin(), journal.ends.end(), start) -
-                     journal.ends.begin()),
-        records(RecordsFrom(good, start, end)) {}
-
-  bool MayBeTorn() const {
-    if (bad.size() < end || transactions < 33 || records.size() > 10 || end - start > 65536)
-      return false;  // T1 to T3
-    bool isFollowed = true, isAnyLost = false;
-    for (const Record& record : records) {
-      const bool isEnd = &record == &records.back(), isStart = &record == &records.front();
-      const bool headIsLost = HasLost(record.begin, record.data);
-      const bool dataIsLost = HasLost(record.data, record.end);
-      isFollowed = isFollowed && (isStart || !headIsLost);
-      for (std::size_t at = record.begin; at < record.end; ++at) {
-        // Ids, hashes and the digest itself cannot be compared once something is lost.
-        const std::size_t in = at - record.begin;
-        const bool isSize = isStart ? in >= 20 && in < 24 : in >= test::kDeleteSize;
-        const bool isKey = in >= 8 && at < record.data && !isSize;
-        const bool isUnknown =
-            (!isFollowed && !isEnd) || (dataIsLost && at >= record.data) || isKey;
-        isAnyLost = isAnyLost || (bad[at] != good[at] && (IsLost(at) || InBlock(at)));
-        if (bad[at] != good[at] && !IsLost(at) && !isUnknown && !(InBlock(at) && !HasBlock(at)))
-          return false;
-      }
-    }
-    return isAnyLost;
-  }
-
- private:
-  std::size_t PartBegin(std::size_t at) const { return std::max(start, at - at % kSector); }
-  std::size_t PartEnd(std::size_t at) const { return std::min(end, at - at % kSector + kSector); }
-  bool InBlock(std::size_t at) const { return at >= start + 16 && at < start + test::kStartSize; }
-  // Whether the sector of this byte has a part of the finished block.
-  bool HasBlock(std::size_t at) const {
-    const std::size_t from = std::max(PartBegin(at), start + 16);
-    const std::size_t to = std::min(PartEnd(at), start + test::kStartSize);
-    return from < to && !IsZero(bad, from, to);
-  }
-  bool IsLost(std::size_t at) const {
-    if (HasBlock(at)) return false;
-    if (IsZero(bad, PartBegin(at), PartEnd(at))) return true;
-    return std::any_of(records.begin(), records.end(), [&](const Record& record) {
-      return record.begin > PartBegin(at) && record.begin <= at &&
-             IsZero(bad, record.begin, PartEnd(at));
-    });
-  }
-  bool HasLost(std::size_t from, std::size_t to) const {
-    for (std::size_t at = from; at < to; ++at)
-      if (IsLost(at)) return true;
-    return false;
-  }
-
-  const Bytes& good;
-  const Bytes& bad;
-  const std::size_t start, end;       // of what is not whole
-  const std::ptrdiff_t transactions;  // before it
-  const std::vector<Record> records;
-};
 
 Bytes Change(const Journal& journal, Random& random) {
   Bytes bytes = journal.bytes;
@@ -184,9 +150,8 @@ unsigned TryLostTails(std::uint64_t seed, unsigned tails) {
     const bool isSame =
         bytes.compare(0, journal.ends.back(), journal.bytes, 0, journal.ends.back()) == 0;
     if (isDamaged ? !isSame : statistics.journalBytes == journal.ends.back()) continue;
-    const Tail tail(journal, bytes, statistics.journalBytes);
     if (!isDamaged) ++torn;
-    if (!isDamaged && tail.MayBeTorn()) continue;
+    if (!isDamaged && MayBeTorn(journal, bytes, statistics.journalBytes)) continue;
     throw Violation{"tail " + std::to_string(n) +
                     (isDamaged ? ": a whole journal is called damaged"
                                : ": what was lost passes for a power cut")};
