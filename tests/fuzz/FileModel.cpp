@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <optional>
 
 #include "tests/support/JournalBytes.h"
 
@@ -58,9 +59,7 @@ struct Reader {
       if (count < 0 || rest.empty()) return End::Damaged;
       --count;
       if (rest.size() >= test::kOpSize && Get32(rest, 0) == test::kStartOp) {
-        bool goesOn = false;
-        const End end = Transaction(goesOn);
-        if (!goesOn) return end;
+        if (const std::optional<End> end = Transaction()) return *end;
       } else {
         const auto [state, size, change] = ReadRecord(rest);
         if (state == Record::NoHead) return End::CutShort;
@@ -75,7 +74,8 @@ struct Reader {
     return End::Clean;
   }
 
-  End Transaction(bool& goesOn) {
+  // How the reading ends, unless it goes on behind the transaction.
+  std::optional<End> Transaction() {
     if (rest.size() < test::kStartSize) return End::CutShort;
     const std::uint32_t length = Get32(rest, 20);
     const test::HashBytes digest = HashAt(rest, 24);
@@ -102,8 +102,7 @@ struct Reader {
     if (Get32(rest, 0) != test::kEndOp) return End::Damaged;
     rest.remove_prefix(test::kOpSize);
     changes.insert(changes.end(), pending.begin(), pending.end());
-    goesOn = true;
-    return End::Clean;
+    return std::nullopt;
   }
 };
 

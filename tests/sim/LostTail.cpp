@@ -1,10 +1,8 @@
-#include "tests/sim/LostTail.h"
-
 #include <algorithm>
 #include <string>
 #include <vector>
 
-#include "tests/sim/Session.h"
+#include "tests/sim/PowerCut.h"
 #include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 

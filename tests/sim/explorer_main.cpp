@@ -12,7 +12,6 @@
 #include <cstring>
 #include <set>
 
-#include "tests/sim/LostTail.h"
 #include "tests/sim/PowerCut.h"
 #include "tests/support/SimDiagnostics.h"
 
