@@ -77,6 +77,7 @@ TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
     sim::Files().Restart();
     EXPECT_TRUE(FileBytes("/s/0.jrn") == journal || isKept()) << "flush " << n;
     EXPECT_TRUE(OpenedStore(1, Policy::Keep).Has("blob1"));
+    EXPECT_EQ(StatisticsOf(OpenedStore(1, Policy::Keep).index).damaged, 0) << "said again";
   }
 }
 
@@ -174,13 +175,12 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
     std::size_t blob;
     std::uint32_t at;  // in the record
     std::string bytes;
-    const char* reason;
-  } rows[] = {{0, 36, "X", "BlobPair Read failed"},
-              {5, 0, "\1", "the record is not the blob's"},
-              {8, 32, "\377", "BlobPair::Read : too large size"},
-              {9, 32, "\1", "BlobFile::GetBlob() /s/0.jrn at "},
-              {11, 0, StoreRecord(7, "xxxx11"), "BlobFile::GetBlob() /s/0.jrn at "},
-              {299, 36, "X", "BlobPair Read failed"}};
+  } rows[] = {{0, 36, "X"},
+              {5, 0, "\1"},
+              {8, 32, "\377"},
+              {9, 32, "\1"},
+              {11, 0, StoreRecord(7, "xxxx11")},
+              {299, 36, "X"}};
   sim::Disk& disk = sim::Files().disk;
   for (const auto& row : rows)
     disk.Write(disk.Lookup("/s/0.jrn"), offsets[row.blob] + row.at, row.bytes.data(),
@@ -190,20 +190,19 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   EXPECT_EQ(Diagnostics().lines.back(), "error   BlobController::Fsck() storage is corrupted");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.blob);
-    const HashBytes hash = HashOf(blobs[row.blob]);
-    const std::string size = std::to_string(blobs[row.blob].size()),
+    const std::string& blob = blobs[row.blob];
+    const std::string size = std::to_string(blob.size()),
                       offset = std::to_string(offsets[row.blob]);
-    const std::string place = "Fsck: Blob Entry :hash=" + TextOf(hash) + " transId=7 size=" + size +
-                              " offset=" + offset + " count = ";
-    EXPECT_NE(Diagnostics().Text().find(place), std::string::npos);
-    EXPECT_EQ(Fetched(store.index, blobs[row.blob]), BLOBRING_FAILED);
+    EXPECT_NE(
+        Diagnostics().Text().find("Fsck: Blob Entry :hash=" + TextOf(HashOf(blob)) +
+                                  " transId=7 size=" + size + " offset=" + offset + " count = "),
+        std::string::npos);
+    EXPECT_EQ(Fetched(store.index, blob), BLOBRING_FAILED);
     EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_DAMAGED);
-    EXPECT_NE(LastErrorOf(store.index)
-                  .find("file /s/0.jrn offset " + offset + " size " + size + ": " + row.reason),
-              std::string::npos)
-        << LastErrorOf(store.index);
-    EXPECT_TRUE(store.Commit(8, {blobs[row.blob]}));
-    EXPECT_EQ(Fetched(store.index, blobs[row.blob]), BLOBRING_FETCHED) << "stored again";
+    EXPECT_NE(LastErrorOf(store.index).find("offset " + offset + " size " + size),
+              std::string::npos);
+    EXPECT_TRUE(store.Commit(8, {blob}));
+    EXPECT_EQ(Fetched(store.index, blob), BLOBRING_FETCHED) << "stored again";
   }
   const std::uint64_t length = StatisticsOf(store.index).journalBytes;
   EXPECT_TRUE(store.Commit(9, blobs) && BCFsck(store.index) == 1);
@@ -236,24 +235,6 @@ TEST(Repack, NamesABlobOfAWrongHashWhichCanBeHealed) {
     EXPECT_TRUE((heals ? store.Store("right") : store.Delete("right")) && store.End(2));
     EXPECT_EQ(BCRepack(store.index), 1);
     EXPECT_EQ(store.Has("right"), heals);
-  }
-}
-
-TEST(Repack, ARenameThatFailsIsSaidAndBlamesNoBlob) {
-  for (const sim::Fault fault : {sim::Fault::Error, sim::Fault::DoneButFailed}) {
-    FreshMachine();
-    {
-      const OpenedStore store;
-      ASSERT_TRUE(store.Commit(1, {"blob"}));
-      sim::Files().FailCallOf(sim::Call::MoveFile, 1, fault);
-      EXPECT_EQ(BCRepack(store.index), 0);
-      EXPECT_EQ(Diagnostics().Text().find("corrupt"), std::string::npos);
-      EXPECT_EQ(
-          LastErrorOf(store.index).find("the system refused a call: FileSystem::MoveFile error"),
-          0U);
-      EXPECT_FALSE(Exists("/s/0.pak.new"));
-    }
-    EXPECT_TRUE(OpenedStore().Has("blob"));
   }
 }
 

@@ -47,7 +47,6 @@ class JournalBytes {
   JournalBytes& Transaction(std::int64_t id, const std::vector<std::string>& records,
                             std::optional<std::int64_t> endId = std::nullopt);
   JournalBytes& Raw(std::string_view bytes) { return body_ += bytes, *this; }  // not counted
-  JournalBytes& Counting(std::uint32_t more) { return count_ += more, *this; }
   JournalBytes& Count(std::uint32_t exactly) { return count_ = exactly, *this; }
   JournalBytes& End(std::uint32_t offset) { return end_ = offset, *this; }  // not the right one
 
