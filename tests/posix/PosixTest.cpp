@@ -264,23 +264,9 @@ TEST_F(Posix, FilesOpenMoveAndGoOnlyWhereTheyMay) {
           {"delete link"}});  // although what it leads to is held
   EXPECT_EQ(Contents("b") + Contents("held"), "aheld");
   CloseHandle(held);
-}
-
-TEST_F(Posix, APositionMovesAndEndsTheFile) {
-  const HANDLE file = Open("a");
-  ASSERT_TRUE(Write(file, "0123456789"));
-  EXPECT_EQ(Seek(file, -6, FILE_CURRENT), 4U);
-  EXPECT_EQ(Read(file, 100), "456789") << "short at the end";
-  EXPECT_EQ(Seek(file, 12), 12U);
-  EXPECT_EQ(GetFileSize(file, nullptr), 10U);
-  EXPECT_EQ(SetEndOfFile(file), 1);
-  EXPECT_EQ(Contents("a"), "0123456789\0\0"s);
-  ASSERT_EQ(truncate("a", (off_t{1} << 32) + 5), 0);
-  EXPECT_EQ(GetFileSize(file, nullptr), INVALID_FILE_SIZE) << "not taken for 5 bytes";
-  CloseHandle(file);
   for (int i = 0; i < 5000; ++i) {
     const HANDLE other = Open("b");
-    EXPECT_NE(other, file) << "a closed handle comes back later";
+    EXPECT_NE(other, held) << "a closed handle comes back later";
     CloseHandle(other);
   }
 }
@@ -443,7 +429,7 @@ TEST_F(Posix, AForkedChildFindsNoLockAndTakesNoneAway) {
     WIN32_FIND_DATAW entry;
     return FindClose(FindFirstFileW(u"./*.*", &entry)) + CloseHandle(INVALID_HANDLE_VALUE);
   };
-  const HANDLE held = Open("a"), closed = Open("b");
+  const HANDLE held = Open("a");
   std::thread threads[3];
   for (std::thread& thread : threads)
     thread = std::thread([&] {
@@ -460,14 +446,6 @@ TEST_F(Posix, AForkedChildFindsNoLockAndTakesNoneAway) {
   isOver = true;
   for (std::thread& thread : threads) thread.join();
   Expect({{"open a", ERROR_SHARING_VIOLATION}});
-  int end[2];
-  ASSERT_EQ(pipe(end), 0);
-  const pid_t child = fork();
-  if (child == 0) _exit(read(end[0], end, 1) == 1 ? 0 : 1);
-  CloseHandle(closed);
-  Expect({{"open b"}});
-  EXPECT_EQ(write(end[1], "x", 1), 1);
-  waitpid(child, nullptr, 0);
   CloseHandle(held);
 }
 
@@ -528,15 +506,11 @@ TEST_F(Posix, UnloadingGivesEverythingBack) {
     EXPECT_EQ(dlclose(library), 0);
     EXPECT_EQ(InChild([] { return 0; }), 0) << "a fork after it";
   };
-  const auto mappings = [] { return std::ranges::count(Contents("/proc/self/maps"), '\n'); };
   const auto files = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
   for (int row = 0; row < 20; ++row) use(row);  // until malloc's caches are full
-  const auto mappingsBefore = mappings();
   const auto filesBefore = files();
   const std::size_t heapBefore = mallinfo2().uordblks;
   for (int row = 0; row < 40; ++row) use(row);
-  // One a round would be 40; a sanitizer's allocator takes some.
-  EXPECT_LT(mappings(), mappingsBefore + 20);
   EXPECT_EQ(files(), filesBefore);
   EXPECT_LT(mallinfo2().uordblks, heapBefore + 1000);  // 25 bytes a round
 }
