@@ -53,7 +53,7 @@ int main() {
   const std::string texts[] = {
       Index{{name, name}, {{{}, 0, 100, 7}, {{}, 1, 0x7fffff00, 100}}}.Encode(),
       EncodeTomb({PackKey(name), IndexKey(name)}), RemoteConfig{"0a"}.Encode(),
-      Snapshot{"now", "", true, 5, 2, std::vector<blobring::Hash>(2)}.Encode()};
+      Snapshot{"now", "", "", true, 5, 2, std::vector<blobring::Hash>(2)}.Encode()};
   const std::string pieces[] = {"-1", "1", "3",  "9223372036854775807", "1e30", " ",
                                 "/",  "[", "\n", "\xff\xff\xff\xff"};
   for (int n = 0; n < 100'000; ++n) {
