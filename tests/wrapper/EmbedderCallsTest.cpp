@@ -46,9 +46,6 @@ TEST(EmbedderCalls, LastErrorBelongsToItsStore) {
   char cut[6] = "-----";
   EXPECT_EQ(BCLastError(first, cut, 5) + BCLastError(first, nullptr, 0), 2 * 19);
   EXPECT_STREQ(cut, "BCPu");
-  EXPECT_EQ(BCDelete(4711, hash.data()), 0);
-  EXPECT_EQ(LastErrorOf(4711), "BCDelete: no store has the index = 4711");
-  EXPECT_EQ(BCLastErrorCode(-1), BLOBRING_ERROR_NO_STORE);
   // The cause comes first; a text that is too long loses its end.
   const long long id = 1;
   for (unsigned char i = 0; i < 50; ++i) BCPut(first, &i, 1, hash.data());
