@@ -19,7 +19,7 @@ std::string TextOf(const HashBytes& hash) {
 sim::SimFiles& FreshMachine() {
   sim::SimFiles& files = sim::Files();
   files.Reset();
-  for (const char* directory : {"/s", "/p", "/a", "/b", "/c"}) files.disk.MakeDirectory(directory);
+  files.disk.directories = {"/s", "/p", "/a", "/b", "/c"};
   sim::Memory().RefuseAlloc(0);
   sim::Memory().RefuseFree(0);
   sim::Diagnostics().Clear();

@@ -154,7 +154,7 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*,
   const Fault fault = machine.Begin(Call::CreateFile, !present);
   if (fault == Fault::Error) return refused(ERROR_ACCESS_DENIED);
   if (fault == Fault::Busy) return refused(ERROR_SHARING_VIOLATION);
-  if (!machine.disk.HasDirectory(directory)) return refused(ERROR_PATH_NOT_FOUND);
+  if (!machine.disk.directories.contains(directory)) return refused(ERROR_PATH_NOT_FOUND);
   if (present && disposition == CREATE_NEW) return refused(ERROR_FILE_EXISTS);
   if (!present && disposition == OPEN_EXISTING) return refused(ERROR_FILE_NOT_FOUND);
   if (present && access != 0 && machine.IsHeld(inode)) return refused(ERROR_SHARING_VIOLATION);

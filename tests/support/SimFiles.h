@@ -55,12 +55,9 @@ class SimFiles {
   Disk disk;
   std::string currentDirectory = "";
 
-  // Fails the n-th call from now, 1 being the next, or the n-th of one kind; with fromThenOn every
+  // Fails the n-th call from now, of one kind or of any, 1 being the next; with fromThenOn every
   // later one too. 0: none.
-  void FailCall(std::uint64_t n, Fault fault, bool fromThenOn = false) {
-    plan_ = {n, fault, fromThenOn, std::nullopt};
-  }
-  void FailCallOf(Call kind, std::uint64_t n, Fault fault, bool fromThenOn = false) {
+  void FailCallOf(std::optional<Call> kind, std::uint64_t n, Fault fault, bool fromThenOn = false) {
     plan_ = {n, fault, fromThenOn, kind};
   }
   // Fails the next write to the start of a file.
