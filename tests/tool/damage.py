@@ -102,7 +102,7 @@ def every_command():
         view, before = View("s", torn=options.get("torn", False)), tree("s")
         try:
             gives_out(view)
-            is_clean = not view.damaged and all(blob[4] for blob in view.blobs.values()) and all(f.is_sound(False) for f in view.files)
+            is_clean = not view.damaged and all(blob[4] for blob in view.blobs.values()) and all(f.is_sound(view.torn) for f in view.files)
             tool("salvage", "s", "salvaged", status=options.get("salvage", int(not is_clean)))
             same(shown("salvaged"), recoverable(), "salvage")
             tool("check", "salvaged", status=0)
