@@ -21,7 +21,7 @@ inline bool WasCutOff(const unsigned char* bytes, std::uint64_t size, std::uint3
   fresh.Encode(wanted);
   if (size < kFileHeaderSize) return std::equal(bytes, bytes + size, wanted);
   const FileHeader header = FileHeader::Decode(bytes);
-  return header.version != kVersion || header.mode > 1;
+  return header.version != kVersion && (header.mode > 1 || header.endOffset != kFileHeaderSize);
 }
 
 }  // namespace format

@@ -235,7 +235,8 @@ bool PrintFile(const SalvagedFile& file) {
         Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
   // Under the header of a journal that was set aside there is only a part of it.
   Walked walked;
-  if (file.suffix.empty() && (scan.incompleteTransactions != 0 || scan.CountDiffers())) {
+  if (!file.isPack && file.suffix.empty() &&
+      (scan.incompleteTransactions != 0 || scan.CountDiffers())) {
     SalvageFile opened(file.path);
     walked = Walk(opened, scan.head, {});
   }

@@ -50,7 +50,7 @@ DAMAGE = (
     ("a digest in the journal", lambda: change("s/1.jrn", 50), {}),
     ("the older journal", lambda: change("s/0.jrn", 50), {}),
     ("the last commit lost", zero_last, {}),
-    ("the last commit torn", torn_commit, {"torn": True}),
+    ("the last commit torn", torn_commit, {"torn": True, "salvage": 0}),
     ("the newest pack's header", lambda: zero("s/1.pak", 0, 24), {}),
     ("the newest pack's end offset", lambda: change("s/1.pak", 23), {}),
     ("the journal's header", lambda: change("s/1.jrn", 0, b"\xff" * 24), {}),

@@ -165,7 +165,7 @@ class Walker {
                                      }).isTorn;
     if (walked_.lastIsTorn)
       walked_.damage->what = torn::kText;
-    else
+    else if (!isPack_)
       walked_.damage->what += fmt::format(
           "; {} that the header counts are not there, of at most {}", Count(remaining_, "record"),
           Count(torn::MostTransactions(remaining_), "transaction"));
