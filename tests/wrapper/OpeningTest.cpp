@@ -92,6 +92,7 @@ TEST(Opening, RefusesBeforeItTouchesAFileOrOpensWhatTheFilesAgreeWith) {
       {"2+1", {.readOnly = true}, kNone, "2 slots, 1 blobs, read-only"},
       // Damage is shown rather than moved aside.
       {"2+0 ~0.jrn", {.readOnly = true}, kNone, "2 slots, 0 blobs, read-only, damaged"},
+      {"2+0 2+1 ~1.pak", {.readOnly = true}, kNone, "2 slots, 1 blobs, read-only, damaged"},
       {"2+1 1.pak=", {.eraseDamaged = true}, kNone, "2 slots, 0 blobs"},
       {"1+0 -0.jrn 0.jrn.kept-1=", {.slots = 1}, kRefused, "/s/0.jrn is missing"},
       {"1+0 -0.jrn 0.jrn.kept-0=", {.slots = 1}, kNone, "1 slots, 0 blobs"},
