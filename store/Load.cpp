@@ -162,8 +162,8 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     } else {
       const std::uint32_t missing = journal.MissingRecords();
       trace::engine.WriteErrorV(
-          "BlobController::Load %s is damaged: %d records that its header counts are not there, of "
-          "at most %d transactions",
+          "BlobController::Load %s is damaged: %d records that its header counts, of at most %d "
+          "transactions, are not there whole",
           journal.path, missing, static_cast<std::uint32_t>(torn::MostTransactions(missing)));
     }
     // Whole transactions stay, in the index and on disk, and the next one follows them: over what

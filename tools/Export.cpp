@@ -104,7 +104,7 @@ class TargetTree {
   Fd parentFd_;
 };
 
-struct Totals {
+struct ExportTotals {
   uint64_t fileCount = 0;  // restored
   uint64_t byteCount = 0;
   uint64_t sameCount = 0;    // were there already
@@ -117,7 +117,7 @@ struct Totals {
 
 // Restores one file and counts it, or says why not.
 void Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer, TargetTree& target,
-             Existing existing, Totals& totals) {
+             Existing existing, ExportTotals& totals) {
   using Found = TargetTree::Found;
   const ViewedBlob* const blob = view.Find(entry.hash);
   if (blob == nullptr) {
@@ -146,7 +146,7 @@ void Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer, 
   }
 }
 
-void SayTotals(const Totals& totals, double seconds) {
+void SayTotals(const ExportTotals& totals, double seconds) {
   Inform("restored {}, {}, in {:.1f} s{}", Count(totals.fileCount, "file"),
          HumanSize(totals.byteCount), seconds,
          totals.sameCount == 0
@@ -207,7 +207,7 @@ ExitStatus Export(const ExportOptions& options) {
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
   Buffer buffer;
-  Totals totals;
+  ExportTotals totals;
   Progress progress("restoring", entries.size());
   try {
     for (const ManifestEntry& entry : entries) {

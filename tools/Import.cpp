@@ -94,7 +94,7 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
   return tree;
 }
 
-struct Totals {
+struct ImportTotals {
   uint64_t fileCount = 0;
   uint64_t byteCount = 0;
   uint64_t newCount = 0;  // blobs that the store did not have
@@ -121,7 +121,7 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
 
 // Stores one file and counts it. Nothing in a file can throw here, only the store.
 void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& buffer,
-                BatchWriter& writer, Totals& totals) {
+                BatchWriter& writer, ImportTotals& totals) {
   const std::string path = tree.PathOf(file);
   SourceFile source;
   try {
@@ -145,7 +145,7 @@ void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& bu
   totals.byteCount += source.bytes.size();
 }
 
-void SayTotals(const SourceTree& tree, const Totals& totals, double seconds) {
+void SayTotals(const SourceTree& tree, const ImportTotals& totals, double seconds) {
   Inform("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
          HumanSize(totals.byteCount), seconds);
   Inform("{} stored, {}; {} had contents that the store holds already, which saved {}",
@@ -200,7 +200,7 @@ ExitStatus Import(const ImportOptions& options) {
                                options.filter, options.verbose);
   if (options.dryRun) return SayWhatIsNew(tree, options.at);
   std::string lines;
-  Totals totals;
+  ImportTotals totals;
   Progress progress("importing", tree.files.size(), tree.byteCount);
   try {
     OpenStore open(options.at, Access::kChange);

@@ -167,8 +167,8 @@ class Walker {
       walked_.damage->what = torn::kText;
     else if (!isPack_)
       walked_.damage->what += fmt::format(
-          "; {} that the header counts are not there, of at most {}", Count(remaining_, "record"),
-          Count(torn::MostTransactions(remaining_), "transaction"));
+          "; {} that the header counts, of at most {}, are not there whole",
+          Count(remaining_, "record"), Count(torn::MostTransactions(remaining_), "transaction"));
   }
 
   // Digests what is pending and hands over what is whole.

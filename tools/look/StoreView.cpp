@@ -21,7 +21,7 @@ namespace stdfs = std::filesystem;
 using State = FileHead::State;
 
 // Repacks of another process overwrite what is being read.
-constexpr int kMostAttempts = 10;
+constexpr int kMostReadings = 10;
 constexpr auto kRetryAfter = std::chrono::milliseconds(20);
 constexpr size_t kLeastCompacted = size_t{1} << 16;
 
@@ -137,7 +137,7 @@ StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   std::error_code ignored;
   isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);
   bool isStale = true;
-  for (int attempt = 0; isStale && attempt < kMostAttempts; ++attempt) {
+  for (int attempt = 0; isStale && attempt < kMostReadings; ++attempt) {
     if (attempt != 0) std::this_thread::sleep_for(kRetryAfter);
     Build(options);
     // What looks like damage may be a write in progress.

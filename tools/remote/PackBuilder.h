@@ -11,6 +11,7 @@
 namespace tool::remote {
 
 constexpr uint64_t kPackSize = uint64_t{16} * 1024 * 1024;  // what packs aim at; bytes
+constexpr size_t kPacksInIndex = 64;  // that a push or a prune publishes at a time
 
 struct BuiltPack {
   std::string name;  // MD5-NONCE

@@ -15,7 +15,6 @@ namespace {
 
 constexpr double kMostDead = 0.4;  // of a pack; beyond, its live blobs move to another
 constexpr uint64_t kMaxBatch = uint64_t{256} << 20;  // bytes that temporary files hold at a time
-constexpr size_t kPacksInIndex = 64;
 constexpr size_t kManySmallIndexes = 32;
 constexpr size_t kSmallIndex = 16;  // packs
 constexpr int kMostLooks = 3;

@@ -21,7 +21,6 @@
 namespace tool::remote {
 namespace {
 
-constexpr size_t kPacksInIndex = 64;
 constexpr int kMostIdleRounds = 3;
 constexpr size_t kMaxMessage = 1000;
 

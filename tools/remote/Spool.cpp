@@ -12,7 +12,7 @@
 namespace tool::remote {
 namespace {
 
-constexpr size_t kPiece = size_t{1} << 20;
+constexpr size_t kCopied = size_t{1} << 20;
 
 }  // namespace
 
@@ -60,7 +60,7 @@ size_t Spool::Read(uint64_t offset, char* out, size_t size) const {
 
 blobring::Hash Spool::Digest() const {
   MD5 digest;
-  Buffer buffer(kPiece);
+  Buffer buffer(kCopied);
   for (uint64_t at = 0; at < size_;) {
     const size_t n = Read(at, buffer.data(), buffer.size());
     if (n == 0) throw Fault("a temporary file was cut");
