@@ -155,8 +155,8 @@ bool RecordWriter::WriteEnd(long long id, FileHeader& next) {
 
 // [C5] A failure costs a flush in later commits and nothing else.
 void RecordWriter::MakeBlankAhead(std::uint32_t end) noexcept {
-  static unsigned char
-      zeros[format::kBlankAhead];  // never written; const would put it into the file
+  // Never written; const would put it into the file.
+  static unsigned char zeros[format::kBlankAhead];
   const std::uint32_t until = std::min(end + format::kBlankAhead, format::kMaxFileSize);
   if (!mayMakeBlank || zerosEnd >= until || zerosEnd - end >= kLeastBlank) return;
   hasMadeBlank = true;

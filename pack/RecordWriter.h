@@ -6,13 +6,13 @@
 //   C1  A header on disk never counts a record that is not there. The records
 //       are flushed before the header is written, and the header is flushed
 //       before the commit is acknowledged: two flushes.
-//   C2  One flush is enough if the transaction has at most 10 records and lies in blank space:
-//   bytes
-//       that this object filled with zeros and flushed, and in which nothing
-//       has been written since. A sector that does not reach the disk is then
-//       still zeros, which a load tells from records (TornCommit.h), and the load goes back to
-//       the transactions before. Bytes past the end of a file are never taken for blank: after a
-//       power cut a file system may show anything there.
+//   C2  One flush is enough if the transaction has at most 10 records and lies
+//       in blank space: bytes that this object filled with zeros and flushed, and
+//       in which nothing has been written since. A sector that does not reach the
+//       disk is then still zeros, which a load tells from records (TornCommit.h),
+//       and the load goes back to the transactions before. Bytes past the end of a
+//       file are never taken for blank: after a power cut a file system may show
+//       anything there.
 //   C3  A write that fails may have reached the disk. It ends the blank space
 //       as far as it was meant to go, and so does a transaction that is cancelled.
 //   C4  A commit that fails leaves its transaction open, and what it wrote may

@@ -32,7 +32,7 @@ void BlobStoreBase::operator delete(void* p) noexcept(false) {
 }
 
 void pooled::ThrowNoMemory() {
-  throw kNoMemory;
+  throw Failure(kNoMemory);
 }
 
 void* pooled::Acquire(std::size_t size, unsigned pool, unsigned tag) {

@@ -31,6 +31,7 @@ struct SalvagedFile {
   SalvageScan scan = {};
   std::string failure = {};  // why the file cannot be opened, or nothing
   bool isSound = false;      // as it was printed
+  bool lastIsTorn = false;   // the same
 
   int32_t sequence() const { return scan.head.header.sequence; }
 };
@@ -216,11 +217,11 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
   return found;
 }
 
-// Prints a paragraph about a file. Returns whether it is sound.
-bool PrintFile(const SalvagedFile& file) {
+// Prints a paragraph about a file, and notes whether it is sound.
+void PrintFile(SalvagedFile& file) {
   if (!file.failure.empty()) {
     Print("{}\n  {}\n", file.path, file.failure);
-    return false;
+    return;
   }
   const SalvageScan& scan = file.scan;
   const format::FileHeader& header = scan.head.header;
@@ -270,7 +271,8 @@ bool PrintFile(const SalvagedFile& file) {
                        record.end() > scan.head.size ? "runs past the end of the file"
                                                      : "does not match its hash"));
   if (scan.stoppedProbing) note(0, "too much looks like a record: some places were not tried");
-  return sound;
+  file.isSound = sound;
+  file.lastIsTorn = walked.lastIsTorn;
 }
 
 uint64_t LiveCount(const SalvagedFiles& found) {
@@ -364,9 +366,11 @@ ExitStatus Salvage(const SalvageOptions& options) {
     throw UsageError("{} exists and is not an empty directory; nothing was written", options.store);
   SalvagedFiles found = ScanAll(options);
   bool sound = found.missing.empty();
+  bool isTorn = false;
   for (SalvagedFile& file : found.files) {
-    file.isSound = PrintFile(file);
+    PrintFile(file);
     sound = sound && file.isSound;
+    isTorn = isTorn || file.lastIsTorn;
   }
   FindLive(found);
   for (const std::string& path : found.missing) Print("{}: missing\n", path);
@@ -378,7 +382,9 @@ ExitStatus Salvage(const SalvageOptions& options) {
   else
     Print("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
   if (!options.dryRun) sound = MakeStore(found, options) && sound;
-  Print("{}\n", sound ? "no damage was found" : "damage was found, see above");
+  Print("{}\n", !sound   ? "damage was found, see above"
+                : isTorn ? "one commit is incomplete, see above; no other damage was found"
+                         : "no damage was found");
   return sound ? kSuccess : kFault;
 }
 

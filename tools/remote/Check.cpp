@@ -56,7 +56,7 @@ class Checker {
         indexed.insert(key);
         const std::string fault = remote_.FaultIn(packs_, index.packs[i], sizes[i]);
         if (!fault.empty() && !isTombed && tombs_.keys.count(key) == 0)
-          faults.insert(key + " " + fault);
+          faults.insert(fmt::format("{} {}", key, fault));
       }
     }
     findings_.insert(findings_.end(), faults.begin(), faults.end());
