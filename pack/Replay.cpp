@@ -258,7 +258,7 @@ bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
   if (head.size > length - end)
     return Corrupt("BlobFile::Load corruption, record runs past the end of the file id=%d file=%s",
                    record);
-  if (record.op == format::kOpStore && !HasDigest(end, head.size, head.hash))
+  if (record.op == format::kOpStore && !torn::HasDigest(Bytes(), end, head.size, head.hash))
     return Corrupt(
         "BlobFile::Load corruption, record outside a transaction does not match its hash id=%d "
         "file=%s",
@@ -269,27 +269,15 @@ bool Replay::TakeSingle(std::uint32_t start, const OpHeader& record) {
   return true;
 }
 
-bool Replay::HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned char* wanted) {
-  MD5 md5;
-  while (size > 0) {
-    const std::span<const unsigned char> piece = window.From(offset, 1);
-    const std::uint32_t n = std::min(size, static_cast<std::uint32_t>(piece.size()));
-    md5.update(piece.data(), n);
-    offset += n;
-    size -= n;
-  }
-  md5.finalize();
-  unsigned char digest[format::kDigestSize];
-  md5.raw_digest(digest);
-  return std::memcmp(digest, wanted, sizeof digest) == 0;
+torn::Source Replay::Bytes() {
+  return [this](std::uint32_t offset, std::uint32_t least) { return window.From(offset, least); };
 }
 
 void Replay::JudgeRest() {
   if (remaining <= 0) return;
-  result.rest = torn::Judge(
-      {length, result.transactionCount, result.end, header.endOffset,
-       static_cast<std::uint32_t>(remaining)},
-      [this](std::uint32_t offset, std::uint32_t least) { return window.From(offset, least); });
+  result.rest = torn::Judge({length, result.transactionCount, result.end, header.endOffset,
+                             static_cast<std::uint32_t>(remaining)},
+                            Bytes());
 }
 
 bool Replay::MissingRecords(std::int32_t wanted) const {

@@ -75,7 +75,7 @@ class Replay {
   bool Take(Member& member);
   bool EndStandsAt(std::uint32_t offset, std::int32_t left);
   bool TakeSingle(std::uint32_t start, const format::OpHeader& record);
-  bool HasDigest(std::uint32_t offset, std::uint32_t size, const unsigned char* wanted);
+  torn::Source Bytes();
   void MarkWhole(std::uint32_t recordCount, std::uint32_t end);
   void JudgeRest();
   void Report(std::uint32_t size);

@@ -13,13 +13,6 @@ using format::TransactionBlock;
 
 namespace torn {
 
-namespace {
-
-constexpr std::uint32_t kSectorSize = 512;
-constexpr std::uint32_t kEmptyTransaction = format::kStartSize + format::kEndSize;
-constexpr std::uint32_t kIdOffset = 8;    // in an op header
-constexpr std::uint32_t kSizeKnown = 34;  // with these bytes of a store record, as T3 limits it
-
 bool HasDigest(const Source& source, std::uint32_t offset, std::uint32_t size,
                const unsigned char* wanted) {
   MD5 md5;
@@ -35,6 +28,13 @@ bool HasDigest(const Source& source, std::uint32_t offset, std::uint32_t size,
   md5.raw_digest(digest);
   return std::memcmp(digest, wanted, sizeof digest) == 0;
 }
+
+namespace {
+
+constexpr std::uint32_t kSectorSize = 512;
+constexpr std::uint32_t kEmptyTransaction = format::kStartSize + format::kEndSize;
+constexpr std::uint32_t kIdOffset = 8;    // in an op header
+constexpr std::uint32_t kSizeKnown = 34;  // with these bytes of a store record, as T3 limits it
 
 // Whether records of `size` bytes in all can be so many.
 bool CanHold(std::uint32_t size, std::uint64_t records) {

@@ -43,6 +43,10 @@ struct Rest {
 using Source =
     std::function<std::span<const unsigned char>(std::uint32_t offset, std::uint32_t least)>;
 
+// Whether these bytes, which are in the file, have this digest.
+bool HasDigest(const Source& source, std::uint32_t offset, std::uint32_t size,
+               const unsigned char* wanted);
+
 struct Verdict {
   bool isTorn = false;
   bool wholeBehind = false;  // damage with a whole transaction behind it, at the end

@@ -12,7 +12,7 @@ namespace tool {
 enum class Existing { kKeep, kReplace };
 
 // Whether a directory has this entry and it is the temporary file of a killed process: a name that
-// nobody else chooses, and no process has it locked.
+// no one else chooses, and no process has it locked.
 bool IsAbandoned(int directory, const std::string& name);
 
 // Written under a temporary name beside the final one, with the mode of the file that it is to
