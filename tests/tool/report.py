@@ -201,10 +201,11 @@ def in_a_browser():
         print("no browser to look with: scripts/install-report, and chromium")
         sys.exit(77)
     base(HOSTILE)
+    damaged = pathlib.Path(f"{HOSTILE}/1.jrn").read_bytes().index(BLOBS[7]) + 100
     for faults in ("0", "1"):
         tool("report", HOSTILE, "-o", "page.html", "--check", status=int(faults))
         subprocess.run(["node", f"{SOURCES}/report_page.mjs", modules, os.path.abspath("page.html"), faults], check=True)
-        change(f"{HOSTILE}/1.jrn", pathlib.Path(f"{HOSTILE}/1.jrn").read_bytes().index(BLOBS[7]) + 100)
+        change(f"{HOSTILE}/1.jrn", damaged)
 
 
 START_DIRECTORY, SOURCES = os.getcwd(), os.path.dirname(os.path.abspath(__file__))
