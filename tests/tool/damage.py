@@ -3,7 +3,7 @@ given out, the rest is, and nothing that could be had before is gone afterwards.
 
 A row of DAMAGE goes through every command, and through the report: a name, what is done to the store
 of model.base() in "s", and what the model cannot tell from the bytes: "torn", if a power cut can have
-left it (no damage then); "salvage", the status of a salvage that is not 1 although there is damage."""
+left it (no damage then); "salvage", the status of a salvage where the files of the slots do not tell."""
 
 from model import *
 
@@ -60,6 +60,7 @@ DAMAGE = (
     ("the packs swapped", lambda: swap("s/0.pak", "s/1.pak"), {}),
     ("all swapped", lambda: [swap("s/0.pak", "s/1.pak"), swap("s/0.jrn", "s/1.jrn")], {}),
     ("a deleted blob set aside", lambda: shutil.copy("s/1.jrn", "s/1.jrn.kept-1"), {}),
+    ("zeros set aside", lambda: pathlib.Path("s/1.jrn.kept-1").write_bytes(file(0, 1, end=90000) + bytes(70000)), {"salvage": 1}),
     ("the pack cut", lambda: os.truncate("s/1.pak", 3000), {}),
     ("the journal lost", lambda: os.remove("s/1.jrn"), {}),
     ("the older journal lost", lambda: os.remove("s/0.jrn"), {}),

@@ -378,7 +378,7 @@ class View:
 
     def faults(self, blobs_too=True):
         found = [(self.files[2 * slot].path, 0, None, 0) for slot in self.not_shown]
-        found += [(f.path, 0, None, 0) for f in map(File, self.others(".kept-")) if any(r[1] and r[3] not in self.blobs for r in f.records())]
+        found += [(f.path, 0, None, 0) for f in map(File, self.others(".kept-")) if any(r[1] and r[3] not in self.blobs for r in f.records()) or not f.records() and f.size > 24 + 2**16]
         for f in (self.files[index] for index in sorted(self.walked)):
             if f.damage is not None and not self.torn:
                 hit = [(f.path, r[0], r[3].hex(), r[4]) for r in f.beyond() if r[0] >= f.damage and not r[5]]
@@ -412,7 +412,7 @@ def look(view, *arguments):
         (["ls"], view.ls(), view.damaged),
         (["stat"], view.stat(), view.damaged),
         (["log", "-p"], view.log(), view.damaged),
-        (["inspect", "--records"], view.inspect(), not all(f.is_sound(view.torn) for f in view.files)),
+        (["inspect", "--records"], view.inspect(), not all(f.is_sound(view.torn) for f in [*view.files, *map(File, view.others(".kept-"))])),
         (["check"], check, not check[-1]["sound"]),
         (["check", "--structure"], structure, not structure[-1]["sound"]),
     ):

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "md5/MD5.h"
+#include "pack/Format.h"
 #include "tools/Json.h"
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
@@ -178,6 +179,33 @@ uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& vie
   return hashes.size();
 }
 
+namespace {
+
+// Bytes of a file that was set aside in which there is no record.
+uint64_t BytesWithoutRecord(const std::string& path) {
+  const SalvageScan scan = Scan(path);
+  uint64_t size = 0;
+  for (const Ranges* ranges : {&scan.noRecord, &scan.unreadable})
+    for (const auto& [begin, end] : *ranges)
+      if (begin < scan.committedEnd) size += std::min(end, scan.committedEnd) - begin;
+  return size;
+}
+
+// More than a power cut leaves of one commit (TornCommit.h) was lost, if only from an older
+// generation.
+std::string FaultInSetAside(const std::string& path, const StoreView& view) {
+  if (const uint64_t count = BlobsOnlyIn({path}, view); count != 0)
+    return fmt::format("set aside by a load, with {} that the store lacks", Count(count, "blob"));
+  const uint64_t size = BytesWithoutRecord(path);
+  if (size <= format::kBlankAhead) return "";
+  return fmt::format(
+      "set aside by a load, with {} in which there is no record: what they held is "
+      "not known",
+      Count(size, "byte"));
+}
+
+}  // namespace
+
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
   std::vector<BlobFault> faults;
   for (const size_t slot : view.notShown()) {
@@ -192,10 +220,8 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
                      fmt::join(paths, " and "))});
   }
   for (const std::string& path : FilesSetAside(view))
-    if (const uint64_t count = BlobsOnlyIn({path}, view); count != 0)
-      faults.push_back(
-          {path, 0, std::nullopt, 0,
-           fmt::format("set aside by a load, with {} that the store lacks", Count(count, "blob"))});
+    if (const std::string what = FaultInSetAside(path, view); !what.empty())
+      faults.push_back({path, 0, std::nullopt, 0, what});
   for (size_t i = 0; i < view.files().size(); ++i)
     if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
       ScanDamaged(view, i, faults);
@@ -250,14 +276,18 @@ ExitStatus Check(const CheckOptions& options) {
   for (const std::string& path : FilesSetAside(view))
     if (std::none_of(faults.begin(), faults.end(),
                      [&path](const BlobFault& fault) { return fault.path == path; }))
-      Inform("{} was set aside by a load; the store has all blobs in it", path);
+      Inform("{} was set aside by a load; the store has all blobs {}", path,
+             BytesWithoutRecord(path) == 0
+                 ? "in it"
+                 : "that can be read in it. For the rest, a power cut interrupted a commit, or it "
+                   "was lost later");
   SayUnchecked(view);
   const bool isWhole = !view.damaged() && std::all_of(faults.begin(), faults.end(), IsSetAside);
   Inform("checked {}, {}: {}{}", Count(view.blobs().size(), "blob"), HumanSize(view.liveBytes()),
          !isWhole            ? "the store is damaged"
          : options.structure ? "every transaction is sound"
                              : "every blob is sound",
-         isWhole && !sound ? ", but others are only in what was set aside" : "");
+         isWhole && !sound ? ", but there is more in what was set aside" : "");
   if (!isWhole)
     SayAdvice(view);
   else if (!sound)
