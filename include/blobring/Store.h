@@ -119,11 +119,11 @@ using Progress = std::function<bool(Operation operation, std::uint64_t done, std
 
 // How a store is opened, see BCOptions.
 struct Options {
-  // 0: the slots that the store has; two for a new one, or one for each pack directory.
+  // 0: those of blobring.conf; without that file two, or one for each pack directory.
   unsigned slots = 0;
-  // One for each slot. Empty: those of the store; its own directory for a new one.
+  // One for each slot. Empty: those of blobring.conf, or else the store's own directory.
   std::vector<std::filesystem::path> packDirectories = {};
-  // True: a store that cannot be read is erased and starts empty.
+  // True: a store that cannot be read is erased. This opening fails; the next one starts empty.
   bool eraseDamaged = false;
   // Of the load.
   Progress progress = {};

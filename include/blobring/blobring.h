@@ -83,8 +83,8 @@ typedef int BCProgress(void* context, int operation, uint64_t done, uint64_t tot
 /* How BCOpen opens a store. 0 or null stands for the default. */
 typedef struct BCOptions {
   uint32_t size;               /* sizeof(BCOptions) */
-  uint32_t slotCount;          /* default: the store's own; 2 for a new one */
-  const char* const* packDirs; /* slotCount pack directories; default: the store's own */
+  uint32_t slotCount;          /* default: that of blobring.conf, or else 2 */
+  const char* const* packDirs; /* of each slot; default: those of blobring.conf, or path */
   int eraseDamaged;            /* 1: BLOBRING_DAMAGE_ERASE; default: BLOBRING_DAMAGE_KEEP */
   BCProgress* progress;        /* as BCSetProgress, the load included */
   void* progressContext;
