@@ -16,6 +16,7 @@ import tempfile
 from struct import pack, unpack_from
 
 TOOL, CALLS = (os.path.abspath(argument) for argument in sys.argv[1:3])
+PRELOADED = {"LD_PRELOAD": os.path.basename(CALLS), "LD_LIBRARY_PATH": os.path.dirname(CALLS)}  # it may have blanks
 os.environ.update(LC_ALL="C.UTF-8", TZ="UTC")
 MAX_FILE = 2**31 - 1
 START, END = pack("<I", 2), pack("<I", 3)
@@ -96,7 +97,7 @@ def fail(text):
 def tool(*arguments, stdin=b"", status=None, calls=None, **options):
     """calls: settings of calls.c for this run. status None: any that is documented."""
     if calls is not None:
-        options["env"] = os.environ | {"LD_PRELOAD": CALLS} | {key: str(value) for key, value in calls.items()}
+        options["env"] = os.environ | PRELOADED | {key: str(value) for key, value in calls.items()}
     words = [a if isinstance(a, bytes) else os.fsencode(str(a)) for a in arguments]
     done = subprocess.run([TOOL, *words], input=stdin, capture_output=True, timeout=300, **options)
     done.out, done.err, done.status = done.stdout, done.stderr.decode(errors="replace"), done.returncode

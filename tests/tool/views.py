@@ -126,7 +126,7 @@ def beside_repacks():
             for at in itertools.count(1):
                 shutil.rmtree("s", ignore_errors=True)
                 shutil.copytree("fresh", "s")
-                calls = {"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": f"{TOOL} repack -q s && {TOOL} repack -q s"}
+                calls = {"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": f"'{TOOL}' repack -q s && '{TOOL}' repack -q s"}
                 got = tool(*command.split(), calls=calls)
                 view = View("s", slots)
                 wanted = {"ls": view.ls(), "check": view.check()}
