@@ -190,8 +190,7 @@ void AddWorkingCommands(CommandLine& line) {
                   "blobring clean --delete /data/store"},
                  Clean);
     CommandLine::AddStore(command, options.at, Access::kChange);
-    command.add_flag("--delete", options.remove,
-                     "remove them, but for files with blobs that the store does not have");
+    command.add_flag("--delete", options.remove, "remove them, but for files that check names");
     command.add_flag("--force", options.force, "with --delete: remove those as well");
     command.add_flag("--dry-run", options.dryRun, "remove nothing");
   }

@@ -160,9 +160,9 @@ REFUSED = f"""
 2:export s slash x|rm s|rm s {FOUR} --not-in m|rm s --not-in nothing|rm s --not-in m nothing|rm s --not-in gone|rm s --not-in m one-space
 2:copy s t|salvage s t|salvage s s/x|verify s m --write m|repack --if-dead 101% s
 1:init m|ls tree|put s absent|put s tree|import s absent -m x|get absent {FOUR}|export s through in|export s gone x|rm s --not-in absent
-1:sync s absent|salvage tree x|clean kept --delete|clean broken --delete --force|export s m there|verify s broken.chk|verify s absent|diff s t
+1:sync s absent|salvage tree x|clean kept --delete|clean lost --delete|clean broken --delete --force|export s m there|verify s broken.chk|verify s absent|diff s t
 4:ls s {'0' * 32}|rm s {'0' * 32}|copy s t {'0' * 32}|clean s|verify s gone --write x|verify s nothing|repack --if-dead 90% s
-0:help ls|init s|sync s s|clean kept --delete --force|repack --if-dead 1% s|diff s m
+0:help ls|init s|sync s s|clean kept --delete --force|clean lost --delete --force|repack --if-dead 1% s|diff s m
 4:rm s {FOUR} {'0' * 32}"""
 
 
@@ -177,6 +177,8 @@ def refused():
     os.symlink("../tree", "fresh/in/link")
     shutil.copytree("fresh/t", "fresh/kept")
     shutil.copy("fresh/s/1.jrn", "fresh/kept/0.jrn.kept-1")  # of which the store has nothing
+    shutil.copytree("fresh/t", "fresh/lost")
+    pathlib.Path("fresh/lost/0.jrn.kept-1").write_bytes(file(0, 0, end=90000) + bytes(70000))
     shutil.copytree("fresh/s", "fresh/broken")
     change("fresh/broken/1.jrn", 50)
     make_tree("fresh", {"broken/0.pak.new": b""} | {f"there/{name}": b"mine" for name in EXPORTED})

@@ -191,6 +191,8 @@ uint64_t BytesWithoutRecord(const std::string& path) {
   return size;
 }
 
+}  // namespace
+
 // More than a power cut leaves of one commit (TornCommit.h) was lost, if only from an older
 // generation.
 std::string FaultInSetAside(const std::string& path, const StoreView& view) {
@@ -203,8 +205,6 @@ std::string FaultInSetAside(const std::string& path, const StoreView& view) {
       "not known",
       Count(size, "byte"));
 }
-
-}  // namespace
 
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
   std::vector<BlobFault> faults;

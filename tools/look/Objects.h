@@ -26,6 +26,10 @@ Json FaultObject(const BlobFault& fault);
 // The number of blobs in these files that the view does not show. Deleted ones count as well.
 uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& view);
 
+// What `check` says of a file that a load set aside; empty if it holds nothing more than the store
+// has, or what a power cut leaves of a commit.
+std::string FaultInSetAside(const std::string& path, const StoreView& view);
+
 // Compares live blobs with their hashes, looks into what is damaged, and counts what is in files
 // that are not shown.
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo);

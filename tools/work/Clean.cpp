@@ -24,7 +24,8 @@ struct Leftover {
   std::string path;
   Kind kind;
   uint64_t size = 0;
-  uint64_t onlyHere = 0;  // blobs that the store does not have
+  uint64_t onlyHere = 0;   // blobs that the store does not have
+  std::string fault = {};  // what `check` says of it
   bool removed = false;
 };
 
@@ -76,8 +77,11 @@ ExitStatus Clean(const CleanOptions& options) {
     if (isRemoving) lock.emplace(options.at, Access::kLook);
     found = Find(layout);
     for (Leftover& leftover : found) {
-      if (leftover.kind == Kind::kSetAside) leftover.onlyHere = BlobsOnlyIn({leftover.path}, view);
-      if (!isRemoving || (leftover.onlyHere != 0 && !options.force)) continue;
+      if (leftover.kind == Kind::kSetAside) {
+        leftover.onlyHere = BlobsOnlyIn({leftover.path}, view);
+        leftover.fault = FaultInSetAside(leftover.path, view);
+      }
+      if (!isRemoving || (!leftover.fault.empty() && !options.force)) continue;
       if (::unlink(leftover.path.c_str()) != 0) ThrowErrno("remove " + leftover.path);
       leftover.removed = true;
     }
@@ -85,24 +89,23 @@ ExitStatus Clean(const CleanOptions& options) {
   std::string text;
   uint64_t bytes = 0;
   uint64_t removedCount = 0;
-  uint64_t neededCount = 0;  // have blobs that the store does not have
+  uint64_t neededCount = 0;  // of which `check` says something
   for (const Leftover& leftover : found) {
     bytes += leftover.size;
-    neededCount += leftover.onlyHere != 0 ? 1 : 0;
+    neededCount += leftover.fault.empty() ? 0 : 1;
     removedCount += leftover.removed ? 1 : 0;
+    const std::string_view what =
+        leftover.fault.empty() ? WhatIs(leftover.kind) : std::string_view(leftover.fault);
     if (consoleOptions.json)
       text += JsonLine({{"type", "leftover"},
                         {"path", leftover.path},
                         {"size", leftover.size},
-                        {"what", WhatIs(leftover.kind)},
+                        {"what", what},
                         {"blobs_only_here", leftover.onlyHere},
+                        {"needs_force", !leftover.fault.empty()},
                         {"removed", leftover.removed}});
     else
-      text += fmt::format(
-          "{} ({}): {}{}\n", leftover.path, HumanSize(leftover.size), WhatIs(leftover.kind),
-          leftover.onlyHere == 0
-              ? ""
-              : fmt::format(", {} that the store does not have", Count(leftover.onlyHere, "blob")));
+      text += fmt::format("{} ({}): {}\n", leftover.path, HumanSize(leftover.size), what);
   }
   PrintText(text);
   std::string outcome;
@@ -117,8 +120,8 @@ ExitStatus Clean(const CleanOptions& options) {
   Inform("{}, {}{}", Count(found.size(), "file"), HumanSize(bytes), outcome);
   if (found.empty()) return kNothing;
   if (!isRemoving || removedCount == found.size()) return kSuccess;
-  Say("what has blobs that the store does not have was kept: `blobring salvage` copies them into a "
-      "new store, --force removes it");
+  Say("kept what may hold all that is left of some blobs: `blobring salvage` copies what can be "
+      "read into a new store, --force removes it");
   return kFault;
 }
 
