@@ -107,6 +107,18 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
                                 std::uint32_t& size);
 
+  // Fetch of at most kMostWanted blobs, in the order in which they lie and many digests at a time.
+  // Those that are not right so far are fetched by themselves. Takes up to 1.1 MiB of memory while
+  // it runs. Throws "Unable to allocate memory".
+  static constexpr std::size_t kMostWanted = 256;
+  struct Wanted {
+    unsigned char* buffer;
+    std::uint32_t capacity;
+    std::uint32_t size = 0;  // set as by Fetch
+    Fetched result = Fetched::Failed;
+  };
+  BLOBRING_HIDDEN void FetchMany(const Hash* hashes, Wanted* wanted, std::size_t count);
+
   // Opens a transaction and abandons pending changes.
   bool StartTransaction(long long id);
 

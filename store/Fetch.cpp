@@ -1,8 +1,13 @@
 // BlobController: fetching for callers that ask before they know, and what a store tells about
 // itself.
+#include <algorithm>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <tuple>
+#include <utility>
 
+#include "pack/BatchReader.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -34,6 +39,48 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
         Text("BlobController::Fetch() hash ", hash.toString(), " file ", entry.file->path,
              " offset ", entry.offset, " size ", size, ": ", e.what()));
     return Fetched::Failed;
+  }
+}
+
+void BlobController::FetchMany(const Hash* hashes, Wanted* wanted, std::size_t count) {
+  struct Place {
+    const BlobFile::BlobFileEntry* entry;
+    std::size_t number;  // in wanted
+  };
+  Place places[kMostWanted];
+  std::size_t found = 0;
+  std::uint64_t bytes = 0;
+  if (loaded) blobs.Prefetch(hashes, count);
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto blob = std::as_const(blobs).Find(hashes[i]);
+    const bool fits = blob != blobs.end() && blob->second.size <= wanted[i].capacity;
+    if (!fits) wanted[i].result = Fetch(hashes[i], nullptr, wanted[i].capacity, wanted[i].size);
+    if (!fits) continue;
+    places[found++] = {&blob->second, i};
+    bytes += blob->second.size;
+  }
+  std::sort(places, places + found, [](const Place& a, const Place& b) {
+    return a.entry->file != b.entry->file ? a.entry->file < b.entry->file
+                                          : a.entry->offset < b.entry->offset;
+  });
+  BatchReader batch(0, bytes, found);
+  for (std::size_t first = 0; first < found;) {
+    batch.Clear();
+    std::size_t next = first;
+    while (next < found && batch.Add(hashes[places[next].number], *places[next].entry)) ++next;
+    batch.Verify();
+    next = std::max(next, first + 1);  // one that no buffer holds goes straight to the caller's
+    for (std::size_t i = 0; first < next; ++first, ++i) {
+      const Hash& hash = hashes[places[first].number];
+      Wanted& item = wanted[places[first].number];
+      if (i < batch.Count() && batch.IsSound(i)) {
+        item.size = places[first].entry->size;
+        item.result = Fetched::Read;
+        if (item.size > 0) std::memcpy(item.buffer, batch.Data(i), item.size);
+      } else {
+        item.result = Fetch(hash, item.buffer, item.capacity, item.size);
+      }
+    }
   }
 }
 

@@ -291,11 +291,11 @@ BLOBRING_API int BCRepack(int index);
 BLOBRING_API int BCGetSize(int index, unsigned char* hash);
 BLOBRING_API int BCGetSizeInt(int index, unsigned char* hash);
 
-/* Results of BCGet and BCFetch. */
+/* Results of BCGet, BCFetch and BCFetchMany. */
 #define BLOBRING_FETCHED 0
 #define BLOBRING_NOT_FOUND 1
 #define BLOBRING_FAILED 2
-#define BLOBRING_TOO_SMALL 3 /* of BCFetch alone */
+#define BLOBRING_TOO_SMALL 3 /* never of BCGet */
 
 /*
  * Copies a committed blob into `buffer` and checks it against its hash.
@@ -318,6 +318,25 @@ BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer,
  */
 BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity,
                          int* size);
+
+/* A blob for BCFetchMany, which fills in size and result. */
+typedef struct BCFetchItem {
+  unsigned char hash[BLOBRING_HASH_SIZE];
+  unsigned char* buffer;
+  int capacity; /* bytes at buffer */
+  int size;     /* as *size of BCFetch */
+  int result;   /* as that of BCFetch */
+} BCFetchItem;
+
+/*
+ * BCFetch of `count` blobs. Reads them in the order in which they lie,
+ * neighbours at once, and digests many at a time: with dozens of blobs or more
+ * that takes less than half the time. Each item has its own result, whatever
+ * happens to the others. Buffers must not overlap. Takes up to 1.1 MiB of memory
+ * until it returns. Returns how many items have BLOBRING_FETCHED; 0 also when
+ * the call fails, with BLOBRING_FAILED in every item.
+ */
+BLOBRING_API int BCFetchMany(int index, BCFetchItem* items, int count);
 
 /*
  * Writes the first committed hash after `after` in ascending byte order to

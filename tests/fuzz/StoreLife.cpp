@@ -173,8 +173,12 @@ class Life {
     Require(store->Hashes() == hashes, "the enumeration gives every blob");
     Require((BCFsck(store->index) == 1) == (Unsound() == index.end()),
             "the check finds what is wrong and nothing else");
-    for (const auto& [hash, blob] : index)
+    const auto many = test::FetchMany(store->index, hashes);
+    for (std::size_t i = 0; const auto& [hash, blob] : index) {
+      Require(many[i++] == (blob.sound ? std::optional(blob.data) : std::nullopt),
+              "each blob of many is right or fails alone");
       if (blob.sound) Require(store->GetBy(hash) == blob.data, "a blob can be read");
+    }
     EndStep();
   }
 

@@ -1,6 +1,7 @@
 // The exported calls: results, warnings, events and numeric records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <functional>
 
@@ -23,6 +24,8 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   const int i = store.index, none = 1 << 20;
   unsigned char hash[16] = {}, data[1] = {};
   BCBlob blobs[2] = {{data, 1, {}}, {nullptr, 1, {}}};
+  BCFetchItem items[4] = {
+      {{}, data, 1, 7, 0}, {{}, nullptr, 1, 7, 0}, {{}, data, -1, 7, 0}, {{}, data, 0, 7, 0}};
   const long long id = 1;
   const char* const noDirectory = nullptr;
   const BCOptions small = {offsetof(BCOptions, mustExist) - 1, 0, nullptr, 0, nullptr, {}, 0, 0},
@@ -51,6 +54,8 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
       {BCStore(none, nullptr, nullptr, -1), 0, "BCStore: no store has the index = 1048576"},
       {BCCheck(none), -2, "BCCheck: no store has the index = 1048576"},
       {BCNextHash(none, nullptr, hash), -1, "BCNextHash: no store has the index = 1048576"},
+      {BCFetchMany(none, items, 2), 0, "BCFetchMany: no store has the index = 1048576"},
+      {BCFetchMany(i, nullptr, 2), 0, "BCFetchMany: items is null"},
       {BCDispose(none), 1, "BCDispose with index = 1048576"},
   };
   for (std::size_t r = 0; r < std::size(rows); ++r) {
@@ -58,12 +63,20 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
     EXPECT_EQ(Diagnostics().lines.at(r).find("warning " + rows[r].warning), 0U);
   }
   EXPECT_EQ(size, 0);
+  EXPECT_TRUE(items[0].result == BLOBRING_FAILED && items[1].size == 0 && items[2].size == 7);
   EXPECT_EQ(FileBytes("/s/0.jrn"), before);
   EXPECT_EQ(sim::Files().disk.Lookup("/s/1.pak"), sim::kNoInode);
   Diagnostics().Clear();
   EXPECT_EQ(BCPutMany(i, blobs, 2), 1) << "what comes before the invalid one is stored";
   EXPECT_EQ(Diagnostics().Text(), "warning BCPutMany: data is null\n");
   EXPECT_EQ(BCEndTransaction(i, &id) + BCGetAllBlobHashesReset(i), 2);
+  for (BCFetchItem& item : items) std::copy_n(blobs[0].hash, 16, item.hash);
+  EXPECT_EQ(BCFetchMany(i, items, 4), 1);
+  for (int k = 0; k < 4; ++k) {
+    constexpr int kResults[] = {BLOBRING_FETCHED, BLOBRING_FAILED, BLOBRING_FAILED,
+                                BLOBRING_TOO_SMALL};
+    EXPECT_TRUE(items[k].result == kResults[k] && items[k].size == (k % 3 == 0 ? 1 : 0)) << k;
+  }
 }
 
 TEST(Calls, EveryCallLeavesItsEventsAndRecords) {

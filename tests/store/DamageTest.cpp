@@ -185,6 +185,12 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   for (const auto& row : rows)
     disk.Write(disk.Lookup("/s/0.jrn"), offsets[row.blob] + row.at, row.bytes.data(),
                static_cast<std::uint32_t>(row.bytes.size()));
+  std::vector<HashBytes> hashes = {HashOf("absent"), HashOf(blobs[7])};
+  for (const std::string& blob : blobs) hashes.push_back(HashOf(blob));
+  std::vector<std::optional<std::string>> expected = {std::nullopt, blobs[7]};
+  expected.insert(expected.end(), blobs.begin(), blobs.end());
+  for (const auto& row : rows) expected[2 + row.blob].reset();
+  EXPECT_EQ(FetchMany(store.index, hashes), expected);
   Diagnostics().Clear();
   EXPECT_EQ(BCFsck(store.index), 0);
   EXPECT_EQ(Diagnostics().lines.back(), "error   BlobController::Fsck() storage is corrupted");

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 
 namespace test {
@@ -53,6 +54,25 @@ std::string LastErrorOf(int index) {
   char text[1024];
   BCLastError(index, text, sizeof text);
   return text;
+}
+
+std::vector<std::optional<std::string>> FetchMany(int index, const std::vector<HashBytes>& hashes) {
+  std::vector<BCFetchItem> items(hashes.size());
+  std::vector<std::string> buffers(hashes.size());
+  for (std::size_t i = 0; i < hashes.size(); ++i) {
+    HashBytes hash = hashes[i];
+    buffers[i].resize(static_cast<std::size_t>(std::max(BCGetSize(index, hash.data()), 0)), '.');
+    std::copy(hash.begin(), hash.end(), items[i].hash);
+    items[i].buffer = reinterpret_cast<unsigned char*>(buffers[i].data());
+    items[i].capacity = static_cast<int>(buffers[i].size());
+  }
+  const int count = BCFetchMany(index, items.data(), static_cast<int>(items.size()));
+  std::vector<std::optional<std::string>> read(items.size());
+  for (std::size_t i = 0; i < items.size(); ++i)
+    if (items[i].result == BLOBRING_FETCHED && items[i].size == items[i].capacity)
+      read[i] = std::move(buffers[i]);
+  EXPECT_EQ(count, std::count_if(read.begin(), read.end(), [](auto& r) { return r.has_value(); }));
+  return read;
 }
 
 blobring::Error ErrorOf(const std::function<void()>& call) {

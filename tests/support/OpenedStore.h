@@ -31,6 +31,8 @@ void SetFile(const std::string& path, std::string_view bytes);
 
 BCStatistics StatisticsOf(int index);
 std::string LastErrorOf(int index);
+// What one BCFetchMany gives for each hash: the blob; nothing unless it is BLOBRING_FETCHED.
+std::vector<std::optional<std::string>> FetchMany(int index, const std::vector<HashBytes>& hashes);
 // What a call of the wrapper fails with; "none" when it does not.
 blobring::Error ErrorOf(const std::function<void()>& call);
 

@@ -1,0 +1,188 @@
+// The exported functions that read a store.
+#include <blobring/blobring.h>
+
+#include <algorithm>
+#include <cstddef>
+
+#include "api/Call.h"
+#include "platform/Trace.h"
+
+using api::Call;
+using api::Word;
+
+int BCGetSizeInt(int index, unsigned char* hash) {
+  Call call("BCGetSize", index);
+  if (!call.Has("hash", hash)) return BLOBRING_SIZE_FAILED;
+  return call.Catch({"BCGetSize threw an exception:", 0x0F000276}, BLOBRING_SIZE_FAILED, [&] {
+    trace::WriteHashEvent(trace::kEventGetSize, hash);
+    call.NoteIfNotLoaded();
+    return call.Store().GetBlobSize(api::ToHash(hash));
+  });
+}
+
+int BCGetSize(int index, unsigned char* hash) {
+  return BCGetSizeInt(index, hash);
+}
+
+int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
+  Call call("BCGet", index);
+  if (!call.Has("hash", hash) || !call.HasBytes("buffer", buffer, "size", size))
+    return BLOBRING_FAILED;
+  return call.Catch({"BCGet threw an exception:", 0x0F000278, hash}, BLOBRING_FAILED, [&] {
+    BlobPair pair = api::PairOf(hash, buffer, size);
+    trace::WriteHashEvent(trace::kEventGet, hash);
+    const bool found = call.Store().GetBlob(pair);
+    if (found && pair.buffer.size == Word(size)) return BLOBRING_FETCHED;
+    // A caller that asks for what is not there, or by another size, has lost track of its store.
+    call.NoteIfNotLoaded();
+    trace::api.CaughtWarnV(
+        Failure(found ? FailureCode::Argument : FailureCode::NotFound), "%s",
+        Text("GetBlob assert error: buffer size = ", pair.buffer.size, " request size = ", size));
+    call.Store().Fsck();
+    call.End();
+    RaiseException(trace::kFaultCode, 0, 0, nullptr);
+    return found ? BLOBRING_FETCHED : BLOBRING_NOT_FOUND;
+  });
+}
+
+int BCGet(int index, unsigned char* hash, unsigned char* buffer, int size) {
+  return BCGetInt(index, hash, buffer, size);
+}
+
+namespace {
+
+using Fetched = BlobController::Fetched;
+
+// As the two calls below report it.
+int ResultOf(Fetched fetched, std::uint32_t blobSize, int& size) {
+  const bool isThere = fetched == Fetched::Read || fetched == Fetched::TooSmall;
+  size = isThere ? static_cast<int>(blobSize) : 0;
+  switch (fetched) {
+    case Fetched::Read:
+      return BLOBRING_FETCHED;
+    case Fetched::TooSmall:
+      return BLOBRING_TOO_SMALL;
+    case Fetched::NotFound:
+      return BLOBRING_NOT_FOUND;
+    case Fetched::Failed:
+      break;
+  }
+  return BLOBRING_FAILED;
+}
+
+// Fetches at most kMostWanted blobs. Returns how many.
+int FetchGroup(Call& call, BCFetchItem* items, std::size_t count) {
+  Hash hashes[BlobController::kMostWanted];
+  BlobController::Wanted wanted[BlobController::kMostWanted];
+  BCFetchItem* valid[BlobController::kMostWanted];
+  std::size_t n = 0;
+  for (BCFetchItem* item = items; item != items + count; ++item) {
+    trace::WriteHashEvent(trace::kEventGet, item->hash);
+    if (!call.HasBytes("buffer", item->buffer, "capacity", item->capacity)) continue;
+    hashes[n] = api::ToHash(item->hash);
+    wanted[n] = {item->buffer, Word(item->capacity)};
+    valid[n++] = item;
+  }
+  call.Store().FetchMany(hashes, wanted, n);
+  int fetched = 0;
+  for (std::size_t i = 0; i < n; ++i) {
+    valid[i]->result = ResultOf(wanted[i].result, wanted[i].size, valid[i]->size);
+    fetched += valid[i]->result == BLOBRING_FETCHED ? 1 : 0;
+  }
+  return fetched;
+}
+
+}  // namespace
+
+int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size) {
+  if (size != nullptr) *size = 0;
+  Call call("BCFetch", index);
+  if (!call.Has("hash", hash) || !call.Has("size", size) ||
+      !call.HasBytes("buffer", buffer, "capacity", capacity))
+    return BLOBRING_FAILED;
+  return call.Catch({"BCFetch threw an exception:"}, BLOBRING_FAILED, [&] {
+    trace::WriteHashEvent(trace::kEventGet, hash);
+    std::uint32_t blobSize = 0;
+    const Fetched fetched = call.Store().Fetch(api::ToHash(hash), buffer, Word(capacity), blobSize);
+    return ResultOf(fetched, blobSize, *size);
+  });
+}
+
+int BCFetchMany(int index, BCFetchItem* items, int count) {
+  const auto end = static_cast<std::size_t>(std::max(count, 0));
+  for (std::size_t i = 0; items != nullptr && i < end; ++i) {
+    items[i].size = 0;
+    items[i].result = BLOBRING_FAILED;
+  }
+  Call call("BCFetchMany", index);
+  if (end == 0 || !call.Has("items", items)) return 0;
+  int fetched = 0;
+  call.Catch({"BCFetchMany threw an exception:"}, 0, [&] {
+    for (std::size_t at = 0; at < end; at += BlobController::kMostWanted)
+      fetched += FetchGroup(call, items + at, std::min(BlobController::kMostWanted, end - at));
+    return 1;
+  });
+  return fetched;
+}
+
+int BCNextHash(int index, const unsigned char* after, unsigned char* next) {
+  Call call("BCNextHash", index);
+  if (!call.Has("next", next)) return -1;
+  if (!call.Store().IsLoaded()) {
+    call.Refuse(FailureCode::Closed, "the store is not loaded");
+    return -1;
+  }
+  if (after == nullptr) return call.Store().NextHashAfter(nullptr, next);
+  const Hash from = api::ToHash(after);
+  return call.Store().NextHashAfter(&from, next);
+}
+
+int BCGetAllBlobHashesResetInt(int index) {
+  Call call("BCGetAllBlobHashesReset", index);
+  if (!call) return 0;
+  return call.Catch({"BCGetAllBlobHashesReset thew an exception:", 0x0F00027F}, 0, [&] {
+    RTTrace_1(0x2F00027E, Word(index));
+    trace::WriteEvent(trace::kEventEnumerateReset, 0);
+    call.NoteIfNotLoaded();
+    return call.Store().ResetHashCursor();
+  });
+}
+
+int BCGetAllBlobHashesReset(int index) {
+  return BCGetAllBlobHashesResetInt(index);
+}
+
+int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
+  Call call("BCGetAllBlobHashes", index);
+  if (!call.Has("hash", hash)) return 0;
+  return call.Catch({"BCGetAllBlobHashes threw an exception", 0x0F000282}, 0, [&] {
+    RTTrace_2(0x4F000281, Word(index), Word(traceArg));
+    trace::WriteEvent(trace::kEventEnumerate, 0);
+    call.NoteIfNotLoaded();
+    return call.Store().NextHash(hash);
+  });
+}
+
+int BCFsck(int index) {
+  const Call call("BCFsck", index);
+  if (!call) return 0;
+  trace::api.notes.WriteWarnV("BCFsck index = %d", index);
+  call.NoteIfNotLoaded();
+  return Call::Pass([&] { return call.Store().Fsck(); });
+}
+
+int BCCheck(int index) {
+  Call call("BCCheck", index);
+  if (!call) return BLOBRING_CHECK_FAILED;
+  return call.Catch({"BCCheck threw an exception:"}, BLOBRING_CHECK_FAILED, [&] {
+    switch (call.Store().Check()) {
+      case BlobController::Checked::Sound:
+        return BLOBRING_CHECK_SOUND;
+      case BlobController::Checked::Faulty:
+        return BLOBRING_CHECK_FAULTY;
+      case BlobController::Checked::Stopped:
+        break;
+    }
+    return BLOBRING_CHECK_STOPPED;
+  });
+}
