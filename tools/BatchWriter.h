@@ -3,13 +3,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "blobring/Store.h"
+#include "tools/Files.h"
 
 namespace tool {
 
@@ -29,9 +32,18 @@ class BatchWriter {
   BatchWriter(blobring::Store& store, std::string& committedLines,
               WhenFull whenFull = WhenFull::kFail);
 
-  // Stores a blob, after a commit when enough has come together. Messages call it `name`. One that
-  // the store has is read and compared, and written again if it cannot be read. Throws Fault, after
-  // an attempt to commit what was added before; also if the store has another blob of this hash.
+  // A blob, and what messages call it.
+  struct Item {
+    std::string_view data;
+    std::string name;
+  };
+
+  // Stores blobs, after a commit when enough has come together, and tells `added` of each in turn.
+  // Those that the store has are read and compared, and written again if they cannot be read.
+  // Throws Fault, after an attempt to commit what was added before; also if the store has another
+  // blob of the same hash. Some MiB at a time are fast and bounded in memory.
+  using OnAdded = std::function<void(const Item&, const Added&)>;
+  void AddMany(std::span<const Item> items, const OnAdded& added);
   Added Add(std::string_view data, const std::string& name);
 
   // A line about the blob added last.
@@ -49,8 +61,10 @@ class BatchWriter {
   void Commit();
 
  private:
-  void MakeRoom(uint64_t blobSize);
-  bool Holds(const blobring::Hash& hash, std::string_view data, const std::string& name);
+  void MakeRoom(std::span<const Item> items);
+  size_t AddSome(std::span<const Item> items, const OnAdded& added, size_t& at);
+  void ReadPresent(std::vector<BCFetchItem>& present);
+  bool Holds(const BCFetchItem& present, const Item& item);
 
   blobring::Store& store_;
   std::string& committedLines_;
@@ -62,7 +76,7 @@ class BatchWriter {
   WhenFull whenFull_;
   uint64_t journalBytes_ = 0;  // at least what is in the journal, if whenFull_ is kRepack
   std::string pendingLines_;
-  std::vector<std::byte> present_;  // a blob that the store has
+  Buffer present_;  // blobs that the store has
 };
 
 // For blobring::Transaction: a repack orders blobs by it, and the time does.

@@ -119,31 +119,67 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
   return ids;
 }
 
-// Stores one file and counts it. Nothing in a file can throw here, only the store.
-void ImportFile(const SourceTree& tree, const SourceTree::File& file, Buffer& buffer,
-                BatchWriter& writer, ImportTotals& totals) {
-  const std::string path = tree.PathOf(file);
-  SourceFile source;
-  try {
-    source = ReadRegularFile(path, buffer);
-  } catch (const Fault& fault) {
-    ++totals.failureCount;
-    return Say("{}", fault.what());
+// Stores files some at a time, and counts them. Nothing in a file can throw here, only the store.
+class Importer {
+ public:
+  Importer(const SourceTree& tree, BatchWriter& writer, ImportTotals& totals)
+      : tree_(tree), writer_(writer), totals_(totals) {
+    bytes_.reserve(kMaxBytes);
   }
-  if (source.changed) {
-    ++totals.changedCount;
-    Say("{} changed while it was read; stored as it was read last", path);
+
+  void Add(const SourceTree::File& file) {
+    const std::string path = tree_.PathOf(file);
+    SourceFile source;
+    try {
+      source = ReadRegularFile(path, buffer_);
+    } catch (const Fault& fault) {
+      ++totals_.failureCount;
+      return Say("{}", fault.what());
+    }
+    if (source.changed) {
+      ++totals_.changedCount;
+      Say("{} changed while it was read; stored as it was read last", path);
+    }
+    const size_t size = source.bytes.size();
+    if (items_.size() == kMaxFiles || size > kMaxBytes - bytes_.size()) Flush();
+    std::string_view bytes = source.bytes;
+    if (size <= kMaxBytes) {
+      bytes_ += bytes;
+      bytes = std::string_view(bytes_).substr(bytes_.size() - size);
+    }
+    items_.push_back({bytes, path});
+    names_.push_back(file.name);
+    if (size > kMaxBytes) Flush();
   }
-  const BatchWriter::Added added = writer.Add(source.bytes, path);
-  // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
-  writer.AddLine(ManifestLine({added.hash, "./" + file.name}));
-  if (added.isNew) {
-    ++totals.newCount;
-    totals.newBytes += source.bytes.size();
+
+  // REQUIRES: called at the end.
+  void Flush() {
+    auto name = names_.begin();
+    writer_.AddMany(items_, [&](const BatchWriter::Item& item, const BatchWriter::Added& added) {
+      // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
+      writer_.AddLine(ManifestLine({added.hash, "./" + *name++}));
+      totals_.newCount += added.isNew ? 1 : 0;
+      totals_.newBytes += added.isNew ? item.data.size() : 0;
+      ++totals_.fileCount;
+      totals_.byteCount += item.data.size();
+    });
+    items_.clear();
+    names_.clear();
+    bytes_.clear();
   }
-  ++totals.fileCount;
-  totals.byteCount += source.bytes.size();
-}
+
+ private:
+  static constexpr size_t kMaxFiles = 256;
+  static constexpr size_t kMaxBytes = size_t{1024} * 1024;
+
+  const SourceTree& tree_;
+  BatchWriter& writer_;
+  ImportTotals& totals_;
+  Buffer buffer_;
+  std::string bytes_;  // of files up to kMaxBytes
+  std::vector<BatchWriter::Item> items_;
+  std::vector<std::string> names_;
+};
 
 void SayTotals(const SourceTree& tree, const ImportTotals& totals, double seconds) {
   Inform("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
@@ -204,13 +240,14 @@ ExitStatus Import(const ImportOptions& options) {
   Progress progress("importing", tree.files.size(), tree.byteCount);
   try {
     OpenStore open(options.at, Access::kChange);
-    Buffer buffer;
     BatchWriter writer(open.store, lines);
+    Importer importer(tree, writer, totals);
     try {
       for (const SourceTree::File& file : tree.files) {
-        ImportFile(tree, file, buffer, writer, totals);
+        importer.Add(file);
         progress.Advance(file.size);
       }
+      importer.Flush();
       writer.Commit();
     } catch (const Interrupted&) {
       writer.CommitInterrupted();
