@@ -7,17 +7,8 @@
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 
-namespace {
-
-// Changes that a transaction may hold before its list has to grow.
-constexpr std::size_t kReservedEntries = 50;
-
-}  // namespace
-
 BlobController::BlobController(std::string storeDirectory)
-    : path(std::move(storeDirectory)), openerProcess(GetCurrentProcessId()) {
-  pendingEntries.reserve(kReservedEntries);
-}
+    : path(std::move(storeDirectory)), openerProcess(GetCurrentProcessId()) {}
 
 BlobController::~BlobController() = default;
 
@@ -53,8 +44,8 @@ bool BlobController::AddPackDir(std::string dir) {
 
 void BlobController::RequireSlotsOpen() const {
   RequireOpener();
-  if (refusal == FailureCode::Closed) throw Failure(refusal, refusalReason);
-  if (loaded || firstSlotIsCurrent)
+  if (state == State::Closed) throw Failure(refusal.code, refusal.reason);
+  if (state != State::Attached)
     throw Failure(FailureCode::Refused, "the store is in use, its slots are fixed");
 }
 
@@ -96,8 +87,8 @@ bool BlobController::GetBlob(BlobPair& blob) {
 }
 
 bool BlobController::Close() {
-  enumerating = false;
-  loaded = false;
+  hashCursor.reset();
+  state = State::Closed;
   RefuseChanges(FailureCode::Closed,
                 "the store is closed, no change is accepted until it is opened again");
   blobs.Clear();
@@ -126,12 +117,14 @@ bool BlobController::Shutdown(bool) {
 }
 
 bool BlobController::DeleteFiles() {
-  enumerating = false;
-  loaded = false;
-  if (!packFiles.empty())
+  hashCursor.reset();
+  state = State::Attached;
+  if (!packFiles.empty()) {
+    state = State::Closed;
     RefuseChanges(
         FailureCode::Closed,
         "the files of the store were erased, no change is accepted until it is opened again");
+  }
   try {
     for (const BlobFilePtr& pack : packFiles) pack->file.erase();
     for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
@@ -144,20 +137,18 @@ bool BlobController::DeleteFiles() {
 }
 
 void BlobController::ExpectChanges(const Hash* hashes, std::size_t count) noexcept {
-  pendingByHash.Reserve(pendingByHash.size() + count);
   blobs.Prefetch(hashes, count);
-  pendingByHash.Prefetch(hashes, count);
+  pending.Expect(hashes, count);
 }
 
 int BlobController::ResetHashCursor() {
   hashCursor = blobs.begin();
-  enumerating = true;
   return static_cast<int>(blobs.size());
 }
 
 bool BlobController::NextHash(unsigned char* hash) {
-  if (!enumerating || hashCursor == blobs.end()) return false;
-  std::memcpy(hash, hashCursor->first.Bytes(), Hash::kSize);
-  ++hashCursor;
+  if (!hashCursor || *hashCursor == blobs.end()) return false;
+  std::memcpy(hash, (*hashCursor)->first.Bytes(), Hash::kSize);
+  ++*hashCursor;
   return true;
 }

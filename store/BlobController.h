@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@
 #include "platform/BlobAllocator.h"
 #include "platform/Failure.h"
 #include "store/BlobIndex.h"
+#include "store/PendingChanges.h"
 
 // What a load does with files that it cannot read.
 enum class DamagePolicy {
@@ -184,12 +186,37 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   };
   BLOBRING_HIDDEN Statistics GetStatistics() const;
 
-  BLOBRING_HIDDEN bool IsLoaded() const { return loaded; }
+  BLOBRING_HIDDEN bool IsLoaded() const { return state == State::Loaded; }
 
   // Oldest transaction first, then by hash: the order of a repacked pack.
   static bool sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b);
 
  private:
+  // How far a store has come. Reads are answered in Loaded, changes in Changed and Loaded unless
+  // there is a Refusal.
+  //
+  //                  first change
+  //   ┌▶ Attached ──────────────────▶ Changed
+  //   │     │ └──────────┬──────────────┘ │
+  //   │     │            │ Load           │ Close, DeleteFiles, a failure of
+  //   │     │            ▼                │ GetBlob, Repack or an erasing Load
+  //   └─────┼───────── Loaded             │
+  //    Load │            │                ▼
+  //  fails  └────────────┴────────────▶ Closed
+  enum class State {
+    Attached,  // slots may be added
+    Changed,   // before a load: slot 0 is the one that a load would choose, and takes changes
+    Loaded,    // the index shows the newest generation
+    Closed,    // for good
+  };
+
+  // Why no change is accepted. ReadOnly lasts until the store is closed, what a load could not do
+  // until the next load.
+  struct Refusal {
+    FailureCode code = FailureCode::None;  // None: changes are accepted
+    const char* reason = "";
+  };
+
   // Of the blobs in the index, in bytes.
   struct Sizes {
     std::uint32_t largest = 0;
@@ -212,8 +239,6 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN void KeepSlot(std::uint32_t slot) const;
   BLOBRING_HIDDEN void Secure(BlobFile& file) const;
   BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
-  BLOBRING_HIDDEN void ApplyPending() noexcept;
-  BLOBRING_HIDDEN void ShrinkPending() noexcept;
   BLOBRING_HIDDEN const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
@@ -253,24 +278,16 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // An entry is valid until a read finds the blob damaged or in no current file. During a load the
   // mark says that the files have the blob.
   BlobIndex blobs;
-  BlobIndex::iterator hashCursor;    // meaningful while enumerating
-  BlobFile::Entries pendingEntries;  // of the open transaction, in order
-
-  // The last pending change to each hash. Its nodes become those of the index at the commit, which
-  // therefore needs no memory.
-  BlobIndex pendingByHash;
+  std::optional<BlobIndex::iterator> hashCursor;  // while hashes are enumerated
+  PendingChanges pending;                         // of the open transaction
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   ProgressCall progress;
-  bool enumerating = false;
+  State state = State::Attached;
+  Refusal refusal;
+  std::string lossReason;   // what a load could not keep, and why; a refusal may point to it
   bool hasInvalid = false;  // during a load: the index may hold what the store does not
-  bool loaded = false;
-  bool firstSlotIsCurrent = false;  // found before a change to a store that is not loaded
   bool damaged = false;
   bool readOnly = false;
-  // Why no change is accepted; None: changes are.
-  FailureCode refusal = FailureCode::None;
-  const char* refusalReason = "";
-  std::string lossReason;  // what a load could not keep, and why
   const DWORD openerProcess;
 };
 

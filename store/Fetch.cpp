@@ -14,7 +14,7 @@
 
 BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
                                               std::uint32_t capacity, std::uint32_t& size) {
-  if (!loaded) {
+  if (state != State::Loaded) {
     trace::engine.CaughtWarnV(Failure(FailureCode::Closed),
                               "BlobController::Fetch() the store is not loaded");
     return Fetched::Failed;
@@ -50,7 +50,7 @@ void BlobController::FetchMany(const Hash* hashes, Wanted* wanted, std::size_t c
   Place places[kMostWanted];
   std::size_t found = 0;
   std::uint64_t bytes = 0;
-  if (loaded) blobs.Prefetch(hashes, count);
+  if (state == State::Loaded) blobs.Prefetch(hashes, count);
   for (std::size_t i = 0; i < count; ++i) {
     const auto blob = std::as_const(blobs).Find(hashes[i]);
     const bool fits = blob != blobs.end() && blob->second.size <= wanted[i].capacity;
@@ -94,7 +94,7 @@ bool BlobController::NextHashAfter(const Hash* after, unsigned char* next) const
 BlobController::Statistics BlobController::GetStatistics() const {
   const Sizes sizes = SizesOf();
   return {
-      .loaded = loaded,
+      .loaded = state == State::Loaded,
       .inDoubt = InDoubt(),
       .damaged = damaged,
       .readOnly = readOnly,
@@ -103,7 +103,7 @@ BlobController::Statistics BlobController::GetStatistics() const {
       .blobCount = blobs.size(),
       .liveBytes = sizes.total,
       .largestBlob = sizes.largest,
-      .pendingCount = pendingEntries.size(),
+      .pendingCount = pending.size(),
       .packBytes = curPack ? curPack->header.endOffset : 0,
       .journalBytes = curJournal ? curJournal->header.endOffset : 0,
       .repackedBytes = blobs.empty() ? format::kFileHeaderSize : RepackedSize(sizes),

@@ -44,7 +44,7 @@ bool BlobController::Fsck() {
 
 BlobController::Checked BlobController::Check() {
   if (checkRunning) throw Failure(FailureCode::Refused, "a check is running");
-  if (!loaded) throw Failure(FailureCode::Closed, "the store is not loaded");
+  if (state != State::Loaded) throw Failure(FailureCode::Closed, "the store is not loaded");
   return CheckAll(progress);
 }
 

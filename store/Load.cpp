@@ -14,23 +14,22 @@ bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b
 bool BlobController::Load() {
   try {
     RequireOpener();
-    if (refusal == FailureCode::Closed) throw Failure(refusal, refusalReason);
+    if (state == State::Closed) throw Failure(refusal.code, refusal.reason);
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(e, "BlobController::Load refused, every file is left as it is: %s",
                                e.what());
     return false;
   }
-  enumerating = false;
-  firstSlotIsCurrent = false;
-  loaded = false;
+  hashCursor.reset();
+  state = State::Attached;
   damaged = false;
-  if (refusal != FailureCode::ReadOnly) refusal = FailureCode::None;
+  if (refusal.code != FailureCode::ReadOnly) refusal = {};
   try {
     LoadFiles();
   } catch (const std::exception& e) {
     trace::NoteCause(e);
     if (damagePolicy == DamagePolicy::Keep || readOnly) {
-      if (refusal == FailureCode::None)
+      if (refusal.code == FailureCode::None)
         RefuseChanges(FailureCode::Refused,
                       "the load has failed, no change is accepted until one succeeds");
       blobs.Clear();
@@ -43,7 +42,7 @@ bool BlobController::Load() {
     DeleteFiles();
     return false;
   }
-  return loaded;
+  return state == State::Loaded;
 }
 
 void BlobController::LoadFiles() {
@@ -69,7 +68,7 @@ void BlobController::LoadFiles() {
   for (const Files* files : {&packFiles, &journalFiles})
     for (const BlobFilePtr& file : *files) Secure(*file);
   if (hasInvalid) blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
-  loaded = true;
+  state = State::Loaded;
 }
 
 // Highest sequence first, equal ones in the order of their slots. A pack of sequence -1 was emptied

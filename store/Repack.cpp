@@ -70,10 +70,10 @@ std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
 // Throws why not.
 void BlobController::RequireRepackable() const {
   if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
-  if (!loaded && refusal == FailureCode::None)
+  if (state != State::Loaded && refusal.code == FailureCode::None)
     throw Failure(FailureCode::Closed, "the store is not loaded");
   RequireChangeable();
-  if (!pendingEntries.empty())
+  if (!pending.empty())
     throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
   if (RepackedSize(SizesOf()) > format::kMaxFileSize)
     throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
@@ -102,7 +102,7 @@ bool BlobController::Repack() {
     trace::engine.CaughtErrorV(e, "BlobController::Repack() refused: %s", e.what());
     return false;
   }
-  enumerating = false;
+  hashCursor.reset();
   BlobFilePtr unfinished;
   try {
     seq += 1;

@@ -5,14 +5,6 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-namespace {
-
-constexpr std::size_t kReservedEntries = 50;
-// A list that one large transaction made longer is not kept for small ones.
-constexpr std::size_t kKeptEntries = 4096;
-
-}  // namespace
-
 bool BlobController::InDoubt() const {
   const auto isInDoubt = [](const BlobFilePtr& file) { return file->InDoubt(); };
   return std::any_of(packFiles.begin(), packFiles.end(), isInDoubt) ||
@@ -21,9 +13,8 @@ bool BlobController::InDoubt() const {
 
 void BlobController::RefuseChanges(FailureCode code, const char* reason) {
   // Says more than what comes later, until the store is closed.
-  if (refusal == FailureCode::ReadOnly && code != FailureCode::Closed) return;
-  refusal = code;
-  refusalReason = reason;
+  if (refusal.code == FailureCode::ReadOnly && code != FailureCode::Closed) return;
+  refusal = {code, reason};
 }
 
 void BlobController::RequireOpener() const {
@@ -33,7 +24,7 @@ void BlobController::RequireOpener() const {
 }
 
 void BlobController::RequireChangeable() const {
-  if (refusal != FailureCode::None) throw Failure(refusal, refusalReason);
+  if (refusal.code != FailureCode::None) throw Failure(refusal.code, refusal.reason);
   if (!curJournal) throw Failure(FailureCode::Refused, "the store has no slot");
   RequireOpener();
   if (InDoubt())
@@ -45,25 +36,23 @@ void BlobController::RequireChangeable() const {
 // A commit before a load is lost if the load then chooses another slot, or cuts it off with what
 // stands before it in the journal.
 void BlobController::RequireFirstSlotCurrent() {
-  if (loaded || firstSlotIsCurrent) return;
+  if (state != State::Attached) return;
   BlobFile& newest = **std::min_element(packFiles.begin(), packFiles.end(), sortBySequence);
   const std::int32_t sequence = newest.header.sequence;
   BlobFile::Entries entries;
-  firstSlotIsCurrent =
-      sequence >= 0 && static_cast<std::uint32_t>(sequence) % packFiles.size() == 0 &&
-      LoadPack(newest, entries) && curJournal->Load(entries) && curJournal->LoadedAll();
-  if (firstSlotIsCurrent) return;
-  throw Failure(FailureCode::Refused,
-                "the store is not loaded, and a load may not find what slot 0 takes");
+  if (sequence < 0 || static_cast<std::uint32_t>(sequence) % packFiles.size() != 0 ||
+      !LoadPack(newest, entries) || !curJournal->Load(entries) || !curJournal->LoadedAll())
+    throw Failure(FailureCode::Refused,
+                  "the store is not loaded, and a load may not find what slot 0 takes");
+  state = State::Changed;
 }
 
 // The record of a hash once the open transaction commits: the pending change, or what the index
 // has. Null without either.
 const BlobFile::BlobFileEntry* BlobController::Latest(Hash const& hash) const {
-  const auto pending = pendingByHash.Find(hash);
-  if (pending != pendingByHash.end()) {
-    const std::int32_t op = pending->second.op;
-    if (op == format::kOpStore || op == format::kOpDelete) return &pending->second;
+  if (const BlobFile::BlobFileEntry* last = pending.Find(hash)) {
+    const std::int32_t op = last->op;
+    if (op == format::kOpStore || op == format::kOpDelete) return last;
     trace::engine.WriteWarnV("BlobController::Store() unsupported operation op=%d", op);
   }
   const auto found = blobs.Find(hash);
@@ -75,32 +64,23 @@ bool BlobController::BlobExists(Hash const& hash) const {
   return latest != nullptr && latest->op == format::kOpStore;
 }
 
-// Writes one change and notes it as pending; write fills in the entry. All memory is obtained
-// first, so that a record that has been written is also known. Throws what writing throws; the
-// transaction is then as before.
+// Writes one change and adds it to the pending ones; write fills in the entry. Throws what writing
+// throws; the transaction is then as before.
 template <class Write>
 bool BlobController::Change(Hash const& hash, Write write) {
   RequireFirstSlotCurrent();
-  if (pendingEntries.size() == pendingEntries.capacity())
-    pendingEntries.reserve(std::max(kReservedEntries, 2 * pendingEntries.capacity()));
-  bool isNew = false;
-  const BlobIndex::iterator pending = pendingByHash.FindOrMake(hash, isNew);
-
-  const bool isFirst = pendingEntries.empty();
-  try {
-    if (isFirst) curJournal->BeginTransaction(transactionId);
-    BlobFile::BlobFileEntry entry;
-    entry.hash = hash;
-    entry.transactionId = transactionId;
-    write(entry);
-    pending->second = entry;
-    pendingEntries.push_back(std::move(entry));
-    return true;
-  } catch (...) {
-    if (isNew) pendingByHash.Erase(hash);
-    if (isFirst) curJournal->CancelTransaction();
-    throw;
-  }
+  const bool isFirst = pending.empty();
+  pending.Add(hash, [&](BlobFile::BlobFileEntry& entry) {
+    try {
+      if (isFirst) curJournal->BeginTransaction(transactionId);
+      entry.transactionId = transactionId;
+      write(entry);
+    } catch (...) {
+      if (isFirst) curJournal->CancelTransaction();
+      throw;
+    }
+  });
+  return true;
 }
 
 template <class Write>
@@ -166,17 +146,16 @@ bool BlobController::Delete(Hash const& hash) {
 
 // What was written lies past the journal's committed end, where the next transaction goes.
 void BlobController::AbandonPending() {
-  if (pendingEntries.empty()) return;
+  if (pending.empty()) return;
   if (curJournal) curJournal->CancelTransaction();
-  pendingEntries.clear();
-  pendingByHash.Clear();
+  pending.Clear();
 }
 
 bool BlobController::StartTransaction(long long id) {
   try {
     transactionId = id;
     AbandonPending();
-    if (refusal == FailureCode::Closed || InDoubt()) RequireChangeable();
+    if (state == State::Closed || InDoubt()) RequireChangeable();
     return true;
   } catch (const std::exception& e) {
     trace::engine.CaughtWarnV(
@@ -188,8 +167,8 @@ bool BlobController::StartTransaction(long long id) {
 
 bool BlobController::EndTransaction(long long id) {
   try {
-    if (refusal == FailureCode::Closed) RequireChangeable();
-    if (pendingEntries.empty()) return true;
+    if (state == State::Closed) RequireChangeable();
+    if (pending.empty()) return true;
     RequireChangeable();
     curJournal->EndTransaction(id);
   } catch (const std::exception& e) {
@@ -198,43 +177,8 @@ bool BlobController::EndTransaction(long long id) {
         static_cast<int>(id), e.what());
     return false;
   }
-  ApplyPending();
+  // Past the commit point: the changes are on disk and must take effect.
+  hashCursor.reset();
+  pending.ApplyTo(blobs);
   return true;
-}
-
-// Past the commit point: the changes are on disk and must take effect. For each hash its last
-// change decides; a blob that is stored again takes the place of the one that was deleted before.
-void BlobController::ApplyPending() noexcept {
-  enumerating = false;
-  const auto isStore = [](const BlobFile::BlobFileEntry& entry) {
-    return entry.op == format::kOpStore;
-  };
-  const auto stores = std::count_if(pendingEntries.begin(), pendingEntries.end(), isStore);
-  blobs.Reserve(blobs.size() + static_cast<std::size_t>(stores));
-  pendingByHash.TakeAll([this](BlobIndex::Handle change) {
-    const std::int32_t op = change->blob.second.op;
-    switch (op) {
-      case format::kOpStore:
-        blobs.Insert(std::move(change));
-        break;
-      case format::kOpDelete:
-        blobs.Erase(change->blob.first);
-        break;
-      default:
-        trace::engine.WriteErrorV("BlobController::EndTransaction unknown operation %d", op);
-    }
-  });
-  pendingEntries.clear();
-  if (pendingEntries.capacity() > kKeptEntries) ShrinkPending();
-}
-
-// Gives a long list's memory back and keeps the room that every transaction has; where there is
-// none, the next change finds some.
-void BlobController::ShrinkPending() noexcept {
-  BlobFile::Entries().swap(pendingEntries);
-  try {
-    pendingEntries.reserve(kReservedEntries);
-  } catch (const std::exception& e) {
-    trace::engine.WriteWarnV("%s", e.what());
-  }
 }
