@@ -4,19 +4,20 @@
 #include <cstring>
 #include <optional>
 
-#include "api/Layout.h"
 #include "fs/File.h"
 #include "fs/FileSystem.h"
-#include "fs/KeptFile.h"
 #include "pack/BlobFile.h"
-#include "pack/NewFile.h"
+#include "pack/KeptFile.h"
+#include "pack/format/Conf.h"
+#include "pack/format/FileNames.h"
+#include "pack/format/Generation.h"
+#include "pack/format/Headers.h"
 #include "platform/Failure.h"
 
 namespace api {
 
 namespace {
 
-constexpr std::uint32_t kDefaultSlots = 2;
 // Slots beyond the last that are looked for. Those of a store are contiguous.
 constexpr std::uint32_t kSlotsAhead = 16;
 constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // 1000 lines of twice PATH_MAX
@@ -24,6 +25,7 @@ constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // 1000 lines of twic
 // A pack or journal as its first bytes show it.
 struct SlotFile {
   std::string path;
+  bool isPack = false;
   bool exists = false;
   bool isOurs = true;      // a store can have written it
   bool isForeign = false;  // nor is it one that a store wrote and that was damaged since
@@ -32,7 +34,7 @@ struct SlotFile {
 };
 
 SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
-  SlotFile file{path, FileSystem::Exists(path)};
+  SlotFile file{path, mode == BlobFile::Pack, FileSystem::Exists(path)};
   if (!file.exists) return file;
   FileReader reader;
   reader.open(path);
@@ -41,18 +43,14 @@ SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   unsigned char bytes[format::kFileHeaderSize] = {};
   reader.read(reinterpret_cast<char*>(bytes), length);
 
-  format::FileHeader header;  // of a file that was created and not used
-  header.mode = mode;
-  header.endOffset = format::kFileHeaderSize;
   unsigned char fresh[format::kFileHeaderSize];
-  header.Encode(fresh);
+  format::FreshHeader(mode).Encode(fresh);
   if (format::WasCutOff(bytes, size, mode) || std::memcmp(bytes, fresh, length) == 0) return file;
-  header = format::FileHeader::Decode(bytes);
+  const auto header = format::FileHeader::Decode(bytes);
   file.isUsed = true;
-  file.isOurs = header.version == format::kVersion && header.mode <= BlobFile::Pack;
+  file.isOurs = format::IsOurs(header);
   if (file.isOurs) file.sequence = header.sequence;
-  const bool isPlausible = header.mode <= BlobFile::Pack &&
-                           header.endOffset >= format::kFileHeaderSize && header.endOffset <= size;
+  const bool isPlausible = header.mode <= BlobFile::Pack && format::EndsWithin(header, size);
   const bool isZeros = std::all_of(bytes, bytes + length, [](auto byte) { return byte == 0; });
   file.isForeign = header.version != format::kVersion && !isPlausible && !isZeros;
   return file;
@@ -74,8 +72,8 @@ struct Slots {
 Slots InspectAll(const std::string& directory, const std::vector<std::string>& packDirs) {
   Slots slots;
   for (std::size_t slot = 0; slot < packDirs.size(); ++slot) {
-    slots.packs.push_back(Inspect(Text(packDirs[slot], "/", slot, ".pak"), BlobFile::Pack));
-    slots.journals.push_back(Inspect(Text(directory, "/", slot, ".jrn"), BlobFile::Journal));
+    slots.packs.push_back(Inspect(format::PackPath(packDirs[slot], slot), BlobFile::Pack));
+    slots.journals.push_back(Inspect(format::JournalPath(directory, slot), BlobFile::Journal));
   }
   return slots;
 }
@@ -92,14 +90,14 @@ void RequireOurs(const Slots& slots, bool hasLayout) {
 void RequireTheseSlots(const std::string& directory, const Slots& slots) {
   const auto count = static_cast<std::uint32_t>(slots.packs.size());
   for (std::uint32_t slot = count; slot < count + kSlotsAhead; ++slot) {
-    const std::string journal = Text(directory, "/", slot, ".jrn");
+    const std::string journal = format::JournalPath(directory, slot);
     if (FileSystem::Exists(journal))
       throw Failure(FailureCode::Argument, journal, " belongs to a store of more than ", count,
                     " slots");
   }
   for (std::uint32_t slot = 0; slot < count; ++slot) {
     for (const SlotFile* file : {&slots.packs[slot], &slots.journals[slot]}) {
-      if (file->sequence > 0 && static_cast<std::uint32_t>(file->sequence) % count != slot)
+      if (file->sequence > 0 && format::SlotOf(file->sequence, count) != slot)
         throw Failure(FailureCode::Argument, file->path, " has generation ", file->sequence,
                       ", which a store of ", count, " slots has elsewhere");
     }
@@ -117,7 +115,7 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, bool m
     throw Failure(FailureCode::NoStore, "there is no store in ", directory);
   const bool journalUsed = std::any_of(slots.journals.begin(), slots.journals.end(), isUsed);
   const SlotFile* const missing = slots.First([&](const SlotFile& f) {
-    const bool needsPack = journalUsed && f.path.ends_with(".pak");
+    const bool needsPack = journalUsed && f.isPack;
     return !f.exists && (needsPack || !kept::IsMovedAside(f.path));
   });
   if (missing == nullptr) return;
@@ -162,13 +160,14 @@ std::string AbsoluteDirectory(const std::string& given) {
 // The directories that the layout file names, with which the options must agree.
 std::vector<std::string> RecordedDirs(const std::string& directory, const std::string& conf,
                                       const std::string& text, const BCOptions& options) {
-  std::vector<std::string> packDirs = layout::Parse(conf, text);
+  auto [packDirs, error] = format::Conf::Parse(conf, text);
+  if (!error.empty()) throw Failure(FailureCode::Damaged, error);
   if (options.slotCount != 0 && options.slotCount != packDirs.size())
     throw Failure(FailureCode::Argument, conf, " names ", packDirs.size(), " slots, not ",
                   options.slotCount);
   for (std::size_t slot = 0; slot < packDirs.size(); ++slot) {
     std::string& dir = packDirs[slot];
-    if (dir == layout::kOwnDirectory) dir = directory;
+    if (dir == format::Conf::kOwnDirectory) dir = directory;
     const char* const given = options.packDirs != nullptr ? options.packDirs[slot] : dir.c_str();
     if (AbsoluteDirectory(given) != AbsoluteDirectory(dir))
       throw Failure(FailureCode::Argument, conf, " has the pack of slot ", slot, " in ", dir,
@@ -178,10 +177,11 @@ std::vector<std::string> RecordedDirs(const std::string& directory, const std::s
 }
 
 std::vector<std::string> GivenDirs(const std::string& directory, const BCOptions& options) {
-  const std::uint32_t slotCount = options.slotCount != 0 ? options.slotCount : kDefaultSlots;
-  if (slotCount > layout::kMaxSlots)
+  const std::uint32_t slotCount =
+      options.slotCount != 0 ? options.slotCount : format::kDefaultSlots;
+  if (slotCount > format::kMaxSlots)
     throw Failure(FailureCode::Argument, "slotCount = ", slotCount, ", a store has at most ",
-                  layout::kMaxSlots);
+                  format::kMaxSlots);
   if (options.packDirs == nullptr) return {slotCount, directory};
   return {options.packDirs, options.packDirs + slotCount};
 }
@@ -189,7 +189,7 @@ std::vector<std::string> GivenDirs(const std::string& directory, const BCOptions
 }  // namespace
 
 std::vector<std::string> SlotsToOpen(const std::string& directory, const BCOptions& options) {
-  const std::string conf = directory + "/" + layout::kFileName;
+  const std::string conf = directory + "/" + format::Conf::kFileName;
   const std::optional<std::string> text = ReadLayout(conf);
   std::vector<std::string> packDirs =
       text ? RecordedDirs(directory, conf, *text, options) : GivenDirs(directory, options);

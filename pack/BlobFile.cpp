@@ -4,8 +4,8 @@
 #include <iterator>
 #include <utility>
 
-#include "pack/NewFile.h"
 #include "pack/Replay.h"
+#include "pack/format/Headers.h"
 #include "platform/Trace.h"
 
 using format::FileHeader;
@@ -52,9 +52,7 @@ void BlobFile::Open(const std::string& filePath, BlobFileMode fileMode, unsigned
   file.close();
   path = filePath;
   mode = fileMode;
-  header = FileHeader{};
-  header.mode = fileMode;
-  header.endOffset = format::kFileHeaderSize;
+  header = format::FreshHeader(fileMode);
   state = State::Clean;
   committedIsSound = false;
   cutOnClose = false;
@@ -103,7 +101,7 @@ void BlobFile::InitReadOnly(const std::string& filePath, BlobFileMode fileMode) 
 }
 
 bool BlobFile::HeaderIsSound() const {
-  return header.endOffset >= format::kFileHeaderSize && header.endOffset <= LengthOf(file);
+  return format::EndsWithin(header, LengthOf(file));
 }
 
 void BlobFile::ReadHeader() {

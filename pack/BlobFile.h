@@ -30,11 +30,11 @@
 #include "fs/File.h"
 #include "md5/MD5.h"
 #include "pack/BlobPair.h"
-#include "pack/Format.h"
 #include "pack/Hash.h"
 #include "pack/ProgressCall.h"
 #include "pack/RecordWriter.h"
-#include "pack/TornCommit.h"
+#include "pack/format/Format.h"
+#include "pack/format/TornCommit.h"
 #include "platform/BlobAllocator.h"
 #include "platform/BlobStoreBase.h"
 

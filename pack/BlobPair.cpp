@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "md5/MD5.h"
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "platform/Trace.h"
 
 namespace {

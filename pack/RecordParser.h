@@ -6,7 +6,7 @@
 #include <span>
 
 #include "pack/BlobFile.h"
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 
 // The entry of a record that lies at offset.
 BlobFile::BlobFileEntry EntryOf(const format::RecordHead& record, std::uint32_t offset,

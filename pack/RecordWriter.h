@@ -31,8 +31,8 @@
 
 #include "fs/File.h"
 #include "md5/MD5.h"
-#include "pack/Format.h"
 #include "pack/GatherBuffer.h"
+#include "pack/format/Format.h"
 
 class RecordWriter {
  public:

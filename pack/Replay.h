@@ -19,7 +19,7 @@
 #include "pack/BlobFile.h"
 #include "pack/FileWindow.h"
 #include "pack/RecordParser.h"
-#include "pack/TornCommit.h"
+#include "pack/format/TornCommit.h"
 #include "platform/Trace.h"
 
 // Thrown if a file ends inside a record or a transaction. The text is that of the read of a single

@@ -4,6 +4,7 @@
 
 #include <stdexcept>
 
+#include "pack/format/FileNames.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 
@@ -18,7 +19,7 @@ void BlobController::SetReadOnly() {
 }
 
 bool BlobController::AddPackDir(std::string dir) {
-  const std::string slot = std::to_string(packFiles.size());
+  const std::size_t slot = packFiles.size();
   packFiles.reserve(packFiles.size() + 1);
   journalFiles.reserve(journalFiles.size() + 1);
 
@@ -32,8 +33,8 @@ bool BlobController::AddPackDir(std::string dir) {
     }
     return opened;
   };
-  const BlobFilePtr pack = open(dir + "/" + slot + ".pak", BlobFile::Pack);
-  const BlobFilePtr journal = open(path + "/" + slot + ".jrn", BlobFile::Journal);
+  const BlobFilePtr pack = open(format::PackPath(dir, slot), BlobFile::Pack);
+  const BlobFilePtr journal = open(format::JournalPath(path, slot), BlobFile::Journal);
 
   packFiles.push_back(pack);
   journalFiles.push_back(journal);

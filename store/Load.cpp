@@ -1,14 +1,15 @@
 // BlobController: rebuilding the index when a store is opened.
 #include <algorithm>
 
-#include "fs/KeptFile.h"
+#include "pack/KeptFile.h"
 #include "pack/Replay.h"
+#include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
 bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b) {
-  return a->header.sequence > b->header.sequence;
+  return format::IsNewer(a->header.sequence, b->header.sequence);
 }
 
 bool BlobController::Load() {
@@ -113,22 +114,13 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
   }
 }
 
-// A pack that was cut to nothing, or whose header was lost, does not say that it was the newest.
-// Its journal may: it takes the pack's sequence with a commit in the session of the repack, and
-// keeps the mark of having been emptied by one otherwise. What such a journal holds rests on blobs
-// that are not there. A journal without a header that can be believed tells only that there was a
-// repack, and that only in a slot that begins with one.
 void BlobController::FindLostPack() {
   if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
   for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
     BlobFile& pack = *packFiles[slot];
-    const format::FileHeader& journal = journalFiles[slot]->header;
-    const bool isNew = pack.header.sequence == 0 && pack.header.recordCount == 0;
+    const BlobFile& journal = *journalFiles[slot];
     const bool isLost =
-        journalFiles[slot]->IsDamaged()
-            ? isNew && slot != 0
-            : journal.recordCount != 0 &&
-                  (journal.sequence > seq || (isNew && journal.sequence == format::kSequenceReset));
+        format::IsPackLost(pack.header, journal.header, journal.IsDamaged(), slot, seq);
     if (!isLost && !pack.IsDamaged()) continue;
     damaged = true;
     if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
@@ -141,7 +133,7 @@ void BlobController::FindLostPack() {
 }
 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
-  curJournal = journalFiles[static_cast<std::uint32_t>(seq) % packFiles.size()];
+  curJournal = journalFiles[format::SlotOf(seq, static_cast<std::uint32_t>(packFiles.size()))];
   BlobFile& journal = *curJournal;
   entries.clear();
   journal.SetProgress(&progress);

@@ -11,17 +11,15 @@
 #include <string>
 
 #include "fs/FileSystem.h"
-#include "fs/KeptFile.h"
 #include "pack/BatchReader.h"
+#include "pack/KeptFile.h"
+#include "pack/format/FileNames.h"
+#include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
 namespace {
-
-// Of the file that a repack in place writes. What has the name when a repack begins was left by one
-// that was interrupted, or put there by someone else: it goes.
-constexpr const char* kNewSuffix = ".new";
 
 // Leaves a repack that the embedder stopped. No std::exception: it is no failure.
 struct Stopped {};
@@ -37,6 +35,7 @@ void DropUnfinished(boost::shared_ptr<BlobFile>& file, bool isSlot) {
     } else if (file->file.IsOpen()) {
       const std::string path = file->path;
       file.reset();  // a file that is open cannot be deleted
+      // What has this name was left by a repack that was interrupted, or put there by someone else.
       FileSystem::RemoveLeftover(path);
     }
   } catch (const std::exception& e) {
@@ -92,10 +91,11 @@ bool BlobController::Repack() {
   try {
     RequireRepackable();
     const std::uint32_t slot =
-        static_cast<std::uint32_t>(seq + 1) % static_cast<std::uint32_t>(packFiles.size());
+        format::SlotOf(seq + 1, static_cast<std::uint32_t>(packFiles.size()));
     if (IsCurrent(slot)) {
       RequireInPlace(*packFiles[slot]);
-      FileSystem::RemoveLeftover(packFiles[slot]->path + kNewSuffix);
+      // What has this name was left by a repack that was interrupted, or put there by someone else.
+      FileSystem::RemoveLeftover(format::NewPath(packFiles[slot]->path));
     }
     KeepSlot(slot);
   } catch (const std::exception& e) {
@@ -106,7 +106,7 @@ bool BlobController::Repack() {
   BlobFilePtr unfinished;
   try {
     seq += 1;
-    repackSlot = static_cast<std::uint32_t>(seq) % static_cast<std::uint32_t>(packFiles.size());
+    repackSlot = format::SlotOf(seq, static_cast<std::uint32_t>(packFiles.size()));
     if (IsCurrent(repackSlot)) {
       RepackInPlace(unfinished);
     } else {
@@ -166,7 +166,7 @@ void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
   const BlobFilePtr old = packFiles[repackSlot];
   const BlobFilePtr journal = journalFiles[repackSlot];
   unfinished = MakePooled<BlobFile>();
-  unfinished->Create(old->path + kNewSuffix, BlobFile::Pack);
+  unfinished->Create(format::NewPath(old->path), BlobFile::Pack);
   unfinished->SetSequence(seq);
   const BlobFile::Entries copied = CopyBlobs(unfinished);
   if (journal != curJournal) journal->Reset();

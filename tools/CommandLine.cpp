@@ -44,7 +44,7 @@ void CommandLine::AddStore(CLI::App& command, StoreOptions& at, Access access, c
   if (access == Access::kLook) {
     command.add_option("--slots", at.slotCount, "slots of a store without blobring.conf")
         ->type_name("N")
-        ->check(CLI::Range(1U, layout::kMaxSlots));
+        ->check(CLI::Range(1U, format::kMaxSlots));
     AddPackDirs(command, at.packDirs, "where its packs are; repeated, for the slots in turn");
     return;
   }

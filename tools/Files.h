@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 
 namespace tool {
 

@@ -9,10 +9,8 @@
 #include <array>
 #include <cerrno>
 #include <filesystem>
-#include <regex>
 #include <set>
 
-#include "pack/NewFile.h"
 #include "tools/Console.h"
 #include "tools/Error.h"
 #include "tools/Files.h"
@@ -22,9 +20,6 @@ namespace tool {
 namespace {
 
 namespace stdfs = std::filesystem;
-using State = FileHead::State;
-
-constexpr size_t kDefaultSlots = 2;
 
 // As the file has it, so that the store opens from any working directory and can be moved together
 // with the packs that lie in it.
@@ -35,7 +30,7 @@ std::string RecordedDir(const std::string& store, const std::string& dir) {
     return text;
   };
   std::string absolute = canonical(dir);
-  if (absolute == canonical(store)) return layout::kOwnDirectory;
+  if (absolute == canonical(store)) return format::Conf::kOwnDirectory;
   if (absolute.find('\n') != std::string::npos)
     throw UsageError("a pack directory cannot have a newline in its name");
   return absolute;
@@ -54,46 +49,19 @@ FileHead ReadHead(const std::string& path) {
   return FileHead::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
 }
 
-FileHead FileHead::Judge(const unsigned char* bytes, uint64_t fileSize) {
-  FileHead head = {State::kDamaged, fileSize, format::FileHeader::Decode(bytes)};
-  if (format::WasCutOff(bytes, fileSize, 0) || format::WasCutOff(bytes, fileSize, 1))
-    head.state = State::kNew;
-  else if (head.header.endOffset >= format::kFileHeaderSize && head.header.endOffset <= fileSize &&
-           static_cast<int32_t>(head.header.recordCount) >= 0)
-    head.state = State::kSound;
-  return head;
-}
-
-std::optional<FileName> FileName::Parse(const std::string& name) {
-  static const std::regex kForm(R"((0|[1-9][0-9]{0,8})\.(pak|jrn)(\.kept-[0-9]+|\.new)?)");
-  std::smatch match;
-  if (!std::regex_match(name, match, kForm)) return std::nullopt;
-  return FileName{std::stoul(match[1]), match[2] == "pak", match[3]};
-}
-
-bool SlotFile::IsLoadable() const {
-  return head.state == State::kNew ||
-         (head.header.version == format::kVersion && head.header.mode <= 1 &&
-          head.header.sequence >= 0 && static_cast<int32_t>(head.header.recordCount) >= 0);
-}
-
-bool SlotFile::HasRecords() const {
-  return head.state == State::kDamaged || head.header.endOffset > format::kFileHeaderSize;
-}
-
 Layout::Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs)
     : store_(std::move(store)) {
-  if (slotCount == 0) slotCount = std::max(kDefaultSlots, packDirs.size());
+  if (slotCount == 0) slotCount = std::max<size_t>(format::kDefaultSlots, packDirs.size());
   if (slotCount < packDirs.size())
     throw UsageError("{} pack directories are more than {} slots can use", packDirs.size(),
                      slotCount);
   for (size_t slot = 0; slot < slotCount; ++slot)
-    packDirs_.push_back(packDirs.empty() ? layout::kOwnDirectory
+    packDirs_.push_back(packDirs.empty() ? format::Conf::kOwnDirectory
                                          : RecordedDir(store_, packDirs[slot % packDirs.size()]));
 }
 
 std::string Layout::ConfPath(const std::string& store) {
-  return fmt::format("{}/{}", store, layout::kFileName);
+  return fmt::format("{}/{}", store, format::Conf::kFileName);
 }
 
 bool Layout::Exists(const std::string& store) {
@@ -104,45 +72,41 @@ bool Layout::Exists(const std::string& store) {
 Layout Layout::Read(const std::string& store) {
   if (!Exists(store))
     throw Fault("{} is not a store: it has no {}; `blobring init {}` makes one", store,
-                layout::kFileName, store);
+                format::Conf::kFileName, store);
   Buffer buffer;
   Layout read(store);
-  read.packDirs_ = layout::Parse(ConfPath(store), ReadRegularFile(ConfPath(store), buffer).bytes);
+  auto [packDirs, error] =
+      format::Conf::Parse(ConfPath(store), ReadRegularFile(ConfPath(store), buffer).bytes);
+  if (!error.empty()) throw Fault("{}", error);
+  read.packDirs_ = std::move(packDirs);
   return read;
 }
 
 size_t Layout::CountJournals(const std::string& store) {
   size_t count = 0;
-  for (size_t slot = 0; slot < layout::kMaxSlots; ++slot)
-    if (stdfs::exists(fmt::format("{}/{}.jrn", store, slot))) count = slot + 1;
+  for (size_t slot = 0; slot < format::kMaxSlots; ++slot)
+    if (stdfs::exists(format::JournalPath(store, slot))) count = slot + 1;
   return count;
 }
 
 void Layout::Write() const {
-  std::string text = fmt::format(
-      "# The slots of this store, in their order: slot k has its pack k.pak in the directory named "
-      "and its\n"
-      "# journal k.jrn here. Other slots, or another order, would hide what is stored.\n"
-      "{}\n",
-      layout::kFirstLine);
-  for (const std::string& dir : packDirs_) text += fmt::format("{}{}\n", layout::kSlotWord, dir);
   const Fd directory = OpenDirectory(store_);
-  StagedFile file(directory.get(), layout::kFileName, ConfPath(store_));
-  file.Write(text);
+  StagedFile file(directory.get(), format::Conf::kFileName, ConfPath(store_));
+  file.Write(format::Conf{packDirs_}.Text());
   file.Sync();
   file.Publish(Existing::kReplace);
 }
 
 std::string Layout::PackDir(size_t slot) const {
-  return packDirs_.at(slot) == layout::kOwnDirectory ? store_ : packDirs_.at(slot);
+  return packDirs_.at(slot) == format::Conf::kOwnDirectory ? store_ : packDirs_.at(slot);
 }
 
 std::string Layout::PackPath(size_t slot) const {
-  return fmt::format("{}/{}.pak", PackDir(slot), slot);
+  return format::PackPath(PackDir(slot), slot);
 }
 
 std::string Layout::JournalPath(size_t slot) const {
-  return fmt::format("{}/{}.jrn", store_, slot);
+  return format::JournalPath(store_, slot);
 }
 
 std::vector<SlotFile> Layout::ReadFiles() const {

@@ -1,5 +1,5 @@
 // The slots of a store as the tool writes them down and shows them, and what their files say about
-// themselves. api/Layout.h has the form of blobring.conf. Nothing here takes a lock.
+// themselves. Nothing here takes a lock.
 #pragma once
 
 #include <cstdint>
@@ -8,49 +8,20 @@
 #include <utility>
 #include <vector>
 
-#include "api/Layout.h"
-#include "pack/Format.h"
+#include "pack/format/Conf.h"
+#include "pack/format/FileNames.h"
+#include "pack/format/Headers.h"
 
 namespace tool {
 
-// The head of a pack or journal.
-struct FileHead {
-  enum class State {
-    kMissing,
-    kNew,      // empty, or cut off while it was created
-    kSound,    // the header can be what a commit wrote
-    kDamaged,  // it cannot
-  };
-
-  // `bytes`: the first kFileHeaderSize of the file, zeros past its end.
-  static FileHead Judge(const unsigned char* bytes, uint64_t fileSize);
-
-  State state = State::kMissing;
-  uint64_t size = 0;  // of the file, bytes
-  format::FileHeader header;
-};
+using FileHead = format::Head;
 
 // The head of a file; kMissing if there is none. Throws Fault if it cannot be read.
 FileHead ReadHead(const std::string& path);
 
-// What the name of a store's file says, such as 3.pak, 0.jrn.kept-2 or 1.pak.new.
-struct FileName {
-  static std::optional<FileName> Parse(const std::string& name);  // nothing for other names
-
-  bool IsSetAside() const { return suffix.starts_with(".kept-"); }
-
-  uint64_t slot = 0;
-  bool isPack = false;
-  std::string suffix;  // ".kept-M", ".new" or nothing
-};
-
 struct SlotFile {
   std::string path;
   FileHead head;
-
-  // A pack with such a header may yet be loaded.
-  bool IsLoadable() const;
-  bool HasRecords() const;
 };
 
 class Layout {

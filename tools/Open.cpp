@@ -26,7 +26,7 @@ void RequireLoadable(const Layout& layout) {
     throw Fault("{}; nothing was changed. Give the files their names back", swapped[0].second);
   bool isUsed = false;
   for (size_t i = 0; i < files.size(); i += 2) {
-    if (files[i].IsLoadable()) return;
+    if (files[i].head.IsLoadable()) return;
     isUsed = isUsed || files[i].head.state != FileHead::State::kMissing;
   }
   const FileHead& head = files.front().head;

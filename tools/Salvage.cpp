@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "pack/format/Generation.h"
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
 #include "tools/Interrupt.h"
@@ -25,9 +26,7 @@ using LiveBlobs = std::unordered_map<blobring::Hash, bool>;  // false: deleted
 
 struct SalvagedFile {
   std::string path;
-  uint64_t slot;
-  bool isPack;
-  std::string suffix;  // ".kept-M", ".new" or nothing
+  format::FileName name;
   SalvageScan scan = {};
   std::string failure = {};  // why the file cannot be opened, or nothing
   bool isSound = false;      // as it was printed
@@ -58,10 +57,10 @@ void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& file
     names.insert(entry.path().filename());
   if (code) throw Fault("cannot read the directory {}: {}", directory, code.message());
   for (const std::string& name : names) {
-    const std::optional<FileName> parsed = FileName::Parse(name);
+    const std::optional<format::FileName> parsed = format::FileName::Parse(name);
     if (!parsed) continue;
-    SalvagedFile& file = files.emplace_back(SalvagedFile{
-        fmt::format("{}/{}", directory, name), parsed->slot, parsed->isPack, parsed->suffix});
+    SalvagedFile& file =
+        files.emplace_back(SalvagedFile{fmt::format("{}/{}", directory, name), *parsed});
     ThrowIfInterrupted();
     try {
       file.scan = Scan(file.path);
@@ -76,10 +75,10 @@ std::vector<SlotFile> SlotsOf(const std::vector<SalvagedFile>& files, const std:
                               uint64_t slotCount) {
   std::vector<SlotFile> slots(2 * slotCount);
   for (size_t i = 0; i < slots.size(); ++i)
-    slots[i].path = fmt::format("{}.{}", i / 2, i % 2 == 0 ? "pak" : "jrn");
+    slots[i].path = i % 2 == 0 ? format::PackName(i / 2) : format::JournalName(i / 2);
   for (const SalvagedFile& file : files)
-    if (file.suffix == suffix && file.failure.empty() && file.slot < slotCount)
-      slots[2 * file.slot + (file.isPack ? 0 : 1)] = {file.path, file.scan.head};
+    if (file.name.suffix == suffix && file.failure.empty() && file.name.slot < slotCount)
+      slots[2 * file.name.slot + (file.name.isPack ? 0 : 1)] = {file.path, file.scan.head};
   return slots;
 }
 
@@ -92,7 +91,7 @@ bool PrintMisplaced(const SalvagedFiles& found) {
   if (!swapped.empty()) return false;
   int32_t newest = format::kSequenceReset;
   for (size_t i = 0; i < slots.size(); i += 2)
-    if (slots[i].IsLoadable()) newest = std::max(newest, slots[i].head.header.sequence);
+    if (slots[i].head.IsLoadable()) newest = std::max(newest, slots[i].head.header.sequence);
   bool none = true;
   for (size_t i = 0; i < slots.size(); i += 2) {
     if (slots[i].head.state == FileHead::State::kMissing ||
@@ -110,10 +109,11 @@ bool PrintMisplaced(const SalvagedFiles& found) {
 // together may be one that was newer and is lost.
 bool IsNewestForCertain(const SalvagedFile& pack, const SalvagedFile* journal, uint64_t slotCount,
                         const std::vector<SalvagedFile>& files) {
-  const uint64_t slot = static_cast<uint64_t>(pack.sequence()) % slotCount;
-  if (journal == nullptr || (pack.slot != slot && pack.sequence() != 0 && pack.suffix.empty()))
+  const uint64_t slot = format::SlotOf(pack.sequence(), static_cast<uint32_t>(slotCount));
+  if (journal == nullptr ||
+      (pack.name.slot != slot && pack.sequence() != 0 && pack.name.IsOfSlot()))
     return false;
-  const std::vector<SlotFile> slots = SlotsOf(files, pack.suffix, slotCount);
+  const std::vector<SlotFile> slots = SlotsOf(files, pack.name.suffix, slotCount);
   for (uint64_t other = 0; other < slotCount; ++other) {
     const SlotFile& otherPack = slots[2 * other];
     const SlotFile& otherJournal = slots[2 * other + 1];
@@ -122,8 +122,8 @@ bool IsNewestForCertain(const SalvagedFile& pack, const SalvagedFile* journal, u
     if (otherJournal.head.state == FileHead::State::kSound && !isOfPack &&
         (other == slot || sequence > pack.sequence()))
       return false;
-    if (other != pack.slot && (otherPack.head.state == FileHead::State::kMissing ||
-                               IsLost(otherPack, otherJournal, other, pack.sequence())))
+    if (other != pack.name.slot && (otherPack.head.state == FileHead::State::kMissing ||
+                                    IsLost(otherPack, otherJournal, other, pack.sequence())))
       return false;
   }
   return true;
@@ -141,18 +141,20 @@ void Apply(const SalvageScan& scan, LiveBlobs& isLive) {
 void FindLive(SalvagedFiles& found) {
   const SalvagedFile* pack = nullptr;
   for (const SalvagedFile& file : found.files) {
-    if (!file.isPack || file.suffix == ".new" || !file.scan.IsSound() || file.sequence() < 0)
+    if (!file.name.isPack || file.name.IsUnfinished() || !file.scan.IsSound() ||
+        file.sequence() < 0)
       continue;
     // Of two with the same sequence, the one that was not set aside.
-    if (pack == nullptr ||
-        std::pair(pack->sequence(), file.suffix) < std::pair(file.sequence(), pack->suffix))
+    if (pack == nullptr || std::pair(pack->sequence(), file.name.suffix) <
+                               std::pair(file.sequence(), pack->name.suffix))
       pack = &file;
   }
   if (pack == nullptr) return;
-  const uint64_t slot = static_cast<uint64_t>(pack->sequence()) % found.slotCount;
+  const uint64_t slot = format::SlotOf(pack->sequence(), static_cast<uint32_t>(found.slotCount));
   const SalvagedFile* journal = nullptr;
   for (const SalvagedFile& file : found.files)
-    if (!file.isPack && file.suffix == pack->suffix && file.failure.empty() && file.slot == slot)
+    if (!file.name.isPack && file.name.suffix == pack->name.suffix && file.failure.empty() &&
+        file.name.slot == slot)
       journal = &file;
   if (!IsNewestForCertain(*pack, journal, found.slotCount, found.files)) return;
   found.newestPack = pack;
@@ -161,22 +163,25 @@ void FindLive(SalvagedFiles& found) {
     std::map<std::string, LiveBlobs> others;
     for (const bool isPack : {true, false})
       for (const SalvagedFile& file : found.files)
-        if (file.isPack == isPack && file.suffix != ".new" && &file != pack && &file != journal &&
-            isWanted(file))
+        if (file.name.isPack == isPack && !file.name.IsUnfinished() && &file != pack &&
+            &file != journal && isWanted(file))
           Apply(file.scan,
-                others[file.suffix == pack->suffix ? std::to_string(file.slot) : file.path]);
+                others[file.name.suffix == pack->name.suffix ? std::to_string(file.name.slot)
+                                                             : file.path]);
     for (const auto& [name, blobs] : others)
       for (const auto& [hash, isLive] : blobs)
         if (isLive) found.isLive[hash] = true;
   };
   // Where the newest generation is damaged, it may have had any blob of the older ones. What was
   // set aside had to be left out by a load, and the end of a journal came after what is left of it.
-  const auto isOlder = [&](const SalvagedFile& file) { return file.suffix == pack->suffix; };
+  const auto isOlder = [&](const SalvagedFile& file) {
+    return file.name.suffix == pack->name.suffix;
+  };
   if (!found.newestIsSound) take(isOlder);
-  take([&](const SalvagedFile& file) { return !isOlder(file) && file.isPack; });
+  take([&](const SalvagedFile& file) { return !isOlder(file) && file.name.isPack; });
   Apply(pack->scan, found.isLive);
   Apply(journal->scan, found.isLive);
-  take([&](const SalvagedFile& file) { return !isOlder(file) && !file.isPack; });
+  take([&](const SalvagedFile& file) { return !isOlder(file) && !file.name.isPack; });
 }
 
 bool LiesIn(const std::string& path, const std::string& directory) {
@@ -212,8 +217,8 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
       ScanDirectory(directory, found.files);
   if (found.files.empty()) throw Fault("{} holds no pack and no journal", options.directory);
   for (const SalvagedFile& file : found.files)
-    if (file.suffix.empty() || !found.slotsAreKnown)
-      found.slotCount = std::max(found.slotCount, file.slot + 1);
+    if (file.name.IsOfSlot() || !found.slotsAreKnown)
+      found.slotCount = std::max(found.slotCount, file.name.slot + 1);
   return found;
 }
 
@@ -236,7 +241,7 @@ void PrintFile(SalvagedFile& file) {
         Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
   // Under the header of a journal that was set aside there is only a part of it.
   Walked walked;
-  if (!file.isPack && file.suffix.empty() &&
+  if (!file.name.isPack && file.name.IsOfSlot() &&
       (scan.incompleteTransactions != 0 || scan.CountDiffers())) {
     SalvageFile opened(file.path);
     walked = Walk(opened, scan.head, {});
@@ -259,7 +264,7 @@ void PrintFile(SalvagedFile& file) {
   }
   if (scan.incompleteTransactions != 0 && !walked.lastIsTorn)
     note(0, Count(scan.incompleteTransactions, "incomplete transaction"));
-  if (scan.CountDiffers() && file.suffix.empty() && !walked.damage)
+  if (scan.CountDiffers() && file.name.IsOfSlot() && !walked.damage)
     note(0, "the header counts other records than were found");
   noteRanges(scan.unreadable, "cannot be read from the disk");
   noteRanges(scan.noRecord, "no record");

@@ -32,7 +32,7 @@ void AddWorkingCommands(CommandLine& line) {
     CommandLine::AddStore(command, at, Access::kCreate);
     command.add_option("--slots", at.slotCount, "slots, each a pack and a journal (default 2)")
         ->type_name("N")
-        ->check(CLI::Range(1U, layout::kMaxSlots));
+        ->check(CLI::Range(1U, format::kMaxSlots));
     CommandLine::AddPackDirs(command, at.packDirs,
                              "where packs go instead; repeated, for the slots in turn");
   }

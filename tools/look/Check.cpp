@@ -7,7 +7,7 @@
 #include <set>
 
 #include "md5/MD5.h"
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/Json.h"
 #include "tools/SalvageScan.h"
 #include "tools/look/Commands.h"
@@ -91,7 +91,7 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
     files = {{at.directory, ReadHead(at.directory)}};
   count = files.size();
   const bool isUsed = !isStore || std::any_of(files.begin(), files.end(), [](const SlotFile& file) {
-    return file.HasRecords();
+    return file.head.IsUsed();
   });
   std::vector<BlobFault> faults;
   for (const SlotFile& file : files) {
@@ -105,7 +105,7 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
       faults.push_back({files[file].path, 0, std::nullopt, 0, text});
   int32_t newest = format::kSequenceReset;
   for (size_t i = 0; isStore && i < files.size(); i += 2)
-    if (files[i].IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
+    if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
   for (size_t i = 0; isStore && i < files.size(); i += 2)
     if (files[i].head.state != FileHead::State::kMissing &&
         files[i].head.state != FileHead::State::kDamaged &&
@@ -141,7 +141,7 @@ void SayUnchecked(const StoreView& view) {
       if (rest.kind != Rest::Kind::kZeros)
         Inform("{} behind the records of {} do not count: {}", Count(rest.size, "byte"), file.path,
                rest.what);
-    } else if (file.HasRecords() && file.head.state == FileHead::State::kSound &&
+    } else if (file.head.IsUsed() && file.head.state == FileHead::State::kSound &&
                !view.IsNotShown(i)) {
       Inform("{} is of an older generation and was not checked", file.path);
     }
@@ -151,7 +151,7 @@ void SayUnchecked(const StoreView& view) {
 }
 
 bool IsSetAside(const BlobFault& fault) {
-  const auto name = FileName::Parse(std::filesystem::path(fault.path).filename());
+  const auto name = format::FileName::Parse(std::filesystem::path(fault.path).filename().string());
   return name && name->IsSetAside();
 }
 

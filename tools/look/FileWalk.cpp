@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "md5/MD5.h"
-#include "pack/TornCommit.h"
+#include "pack/format/TornCommit.h"
 #include "tools/Console.h"
 
 namespace tool {

@@ -26,7 +26,8 @@ class Inspector {
   bool Run() {
     const FileHead head = ReadHead(path_);
     const bool isMissing = head.state == FileHead::State::kMissing;
-    if (isMissing && path_.ends_with(".pak.new")) return true;  // a repack has ended meanwhile
+    const auto name = format::FileName::Parse(stdfs::path(path_).filename().string());
+    if (isMissing && name && name->IsUnfinished()) return true;  // a repack has ended meanwhile
     PrintHead(head);
     bool sound = head.state != FileHead::State::kDamaged && !isMissing;
     if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged) {
@@ -53,8 +54,7 @@ class Inspector {
   }
 
   void PrintHead(const FileHead& head) {
-    constexpr std::array<std::string_view, 4> kStates = {"missing", "new", "sound", "damaged"};
-    const std::string_view state = kStates.at(static_cast<size_t>(head.state));
+    const std::string_view state = format::NameOf(head.state);
     const format::FileHeader& header = head.header;
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "file"},
@@ -238,9 +238,8 @@ std::vector<std::string> FilesOf(const std::string& path) {
   }
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory, ignored)) {
-      const std::string name = entry.path().filename().string();
-      if (name.find(".kept-") != std::string::npos || name.ends_with(".pak.new"))
-        paths.push_back(entry.path().string());
+      const auto name = format::FileName::Parse(entry.path().filename().string());
+      if (name && !name->IsOfSlot()) paths.push_back(entry.path().string());
     }
   return paths;
 }

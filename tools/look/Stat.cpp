@@ -63,15 +63,10 @@ struct Facts {
   uint64_t journalBytes = 0;
 };
 
-std::string_view NameOf(FileHead::State state) {
-  constexpr std::array<std::string_view, 4> kNames = {"missing", "new", "sound", "damaged"};
-  return kNames.at(static_cast<size_t>(state));
-}
-
 // A sound header says nothing of what is behind it.
 std::string StateOf(FileHead::State state) {
   const bool isOfHeader = state == FileHead::State::kSound || state == FileHead::State::kDamaged;
-  return fmt::format("{}{}", isOfHeader ? "header " : "", NameOf(state));
+  return fmt::format("{}{}", isOfHeader ? "header " : "", format::NameOf(state));
 }
 
 std::string AsText(const Facts& facts) {
@@ -170,7 +165,7 @@ Json FileObject(const StoreView& view, size_t index) {
           {"current", isCurrent},
           {"not_shown", view.IsNotShown(index)},
           {"size", file.head.size},
-          {"header", NameOf(file.head.state)},
+          {"header", format::NameOf(file.head.state)},
           {"sequence", file.head.header.sequence},
           {"records", file.head.header.recordCount},
           {"end_offset", file.head.header.endOffset}};

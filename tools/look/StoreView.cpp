@@ -12,6 +12,7 @@
 #include <sstream>
 #include <thread>
 
+#include "pack/format/Generation.h"
 #include "tools/Error.h"
 
 namespace tool {
@@ -86,7 +87,7 @@ SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
   for (size_t i = 0; i < files.size(); ++i) {
     const int32_t sequence = files[i].head.header.sequence;
     if (files[i].head.state != State::kSound || sequence <= 0) continue;
-    const size_t slot = static_cast<size_t>(sequence) % (files.size() / 2);
+    const uint32_t slot = format::SlotOf(sequence, static_cast<uint32_t>(files.size() / 2));
     if (slot != i / 2)
       found.emplace_back(i,
                          fmt::format("{} is of generation {}, which belongs to slot {}: it was "
@@ -97,12 +98,9 @@ SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
 }
 
 bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest) {
-  const format::FileHeader& head = journal.head.header;
-  const bool isNew = pack.head.header.sequence == 0 && pack.head.header.recordCount == 0;
-  if (pack.head.state == State::kDamaged) return true;
-  if (journal.head.state == State::kDamaged) return isNew && slot != 0;
-  return head.recordCount != 0 &&
-         (head.sequence > newest || (isNew && head.sequence == format::kSequenceReset));
+  return pack.head.state == State::kDamaged ||
+         format::IsPackLost(pack.head.header, journal.head.header,
+                            journal.head.state == State::kDamaged, slot, newest);
 }
 
 std::vector<std::string> FilesSetAside(const StoreView& view) {
@@ -114,7 +112,8 @@ std::vector<std::string> FilesSetAside(const StoreView& view) {
   std::error_code ignored;
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory, ignored))
-      if (const auto name = FileName::Parse(entry.path().filename()); name && name->IsSetAside())
+      if (const auto name = format::FileName::Parse(entry.path().filename().string());
+          name && name->IsSetAside())
         paths.push_back(entry.path().string());
   std::sort(paths.begin(), paths.end());
   return paths;
@@ -128,7 +127,8 @@ std::vector<std::string> UnfinishedRepacks(const StoreView& view) {
     if (pack.head.header.sequence == format::kSequenceReset &&
         pack.head.size > format::kFileHeaderSize)
       paths.push_back(pack.path);
-    if (stdfs::exists(pack.path + ".new", ignored)) paths.push_back(pack.path + ".new");
+    if (stdfs::exists(format::NewPath(pack.path), ignored))
+      paths.push_back(format::NewPath(pack.path));
   }
   return paths;
 }
@@ -185,7 +185,7 @@ void StoreView::Build(const StoreOptions& options) {
 // Packs by falling sequence, equal ones in the order of their slots, as a load tries them.
 void StoreView::ChooseGeneration() {
   const bool isUsed = std::any_of(files_.begin(), files_.end(),
-                                  [](const SlotFile& file) { return file.HasRecords(); });
+                                  [](const SlotFile& file) { return file.head.IsUsed(); });
   for (const auto& [file, text] : FindSwapped(files_)) findings_.push_back(text);
   std::vector<size_t> packs;
   for (size_t i = 0; i < files_.size(); ++i) {
@@ -194,7 +194,7 @@ void StoreView::ChooseGeneration() {
     if (files_[i].head.state != State::kMissing && i % 2 == 0) packs.push_back(i);
   }
   std::stable_sort(packs.begin(), packs.end(), [this](size_t a, size_t b) {
-    return files_[a].head.header.sequence > files_[b].head.header.sequence;
+    return format::IsNewer(files_[a].head.header.sequence, files_[b].head.header.sequence);
   });
   for (const size_t pack : packs) {
     const int32_t sequence = files_[pack].head.header.sequence;
@@ -213,7 +213,7 @@ void StoreView::ChooseGeneration() {
     }
     if (sequence == format::kSequenceReset) break;  // emptied by a repack that did not end
     sequence_ = sequence;
-    slot_ = static_cast<uint32_t>(sequence) % slotCount();
+    slot_ = format::SlotOf(sequence, static_cast<uint32_t>(slotCount()));
     current_ = {pack};
     FindLostPacks();
     return TakeJournal(2 * *slot_ + 1);

@@ -113,9 +113,8 @@ class StoreView {
 using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
 SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
 
-// Whether the pack of a slot was cut to nothing, or has lost its header, where the newest of the
-// others is of this sequence. It does not say so itself; its journal may: it takes the pack's
-// sequence with the first commit, or still says that it was emptied by a repack.
+// Whether the pack of a slot is damaged or lost (format::IsPackLost), where the newest of the
+// others is of this sequence.
 bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest);
 
 // Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.

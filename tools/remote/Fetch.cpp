@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <tuple>
 
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/Console.h"
 #include "tools/look/FileWalk.h"
 

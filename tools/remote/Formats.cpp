@@ -7,7 +7,7 @@
 #include <sstream>
 #include <tuple>
 
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/Error.h"
 #include "tools/Json.h"
 #include "tools/remote/Objects.h"

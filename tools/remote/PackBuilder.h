@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "md5/MD5.h"
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/remote/Formats.h"
 #include "tools/remote/Spool.h"
 

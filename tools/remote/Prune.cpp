@@ -3,7 +3,7 @@
 // Takes no lock; several at once are harmless. The rules are those of Remote.h.
 #include <algorithm>
 
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/Console.h"
 #include "tools/Json.h"
 #include "tools/remote/Commands.h"

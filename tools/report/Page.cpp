@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 #include "tools/Console.h"
 #include "tools/report/Assets.h"
 #include "tools/report/Html.h"

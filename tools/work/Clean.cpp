@@ -39,8 +39,8 @@ std::string_view WhatIs(Kind kind) {
 std::optional<Kind> KindOf(const stdfs::path& path) {
   const std::string name = path.filename().string();
   if (IsAbandoned(OpenDirectory(path.parent_path()).get(), name)) return Kind::kTemporary;
-  const std::optional<FileName> parsed = FileName::Parse(name);
-  if (!parsed || parsed->suffix.empty()) return std::nullopt;
+  const std::optional<format::FileName> parsed = format::FileName::Parse(name);
+  if (!parsed || parsed->IsOfSlot()) return std::nullopt;
   return parsed->IsSetAside() ? Kind::kSetAside : Kind::kRepack;
 }
 

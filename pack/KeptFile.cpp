@@ -1,10 +1,11 @@
-#include "fs/KeptFile.h"
+#include "pack/KeptFile.h"
 
 #include <algorithm>
 #include <optional>
 #include <vector>
 
 #include "fs/FileSystem.h"
+#include "pack/format/FileNames.h"
 #include "platform/BlobAllocator.h"
 
 namespace kept {
@@ -13,14 +14,10 @@ namespace {
 
 constexpr unsigned kPieceSize = 64 * 1024;
 
-std::string NameOf(const std::string& path, unsigned number) {
-  return path + ".kept-" + std::to_string(number);
-}
-
 // Empty when all of them are taken.
 std::string FreeName(const std::string& path, unsigned limit) {
   for (unsigned n = 1; n <= limit; ++n) {
-    std::string name = NameOf(path, n);
+    std::string name = format::KeptPath(path, n);
     if (!FileSystem::Exists(name)) return name;
   }
   return {};
@@ -40,22 +37,22 @@ void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
 }  // namespace
 
 void MoveAside(const std::string& path) {
-  FileSystem::MoveFileW(path, NameOf(path, 0));
+  FileSystem::MoveFileW(path, format::KeptPath(path, 0));
 }
 
 bool IsMovedAside(const std::string& path) {
-  return FileSystem::Exists(NameOf(path, 0));
+  return FileSystem::Exists(format::KeptPath(path, 0));
 }
 
 bool HasCopy(const std::string& path) {
-  return FileSystem::Exists(NameOf(path, 1));
+  return FileSystem::Exists(format::KeptPath(path, 1));
 }
 
 std::string NumberMoved(const std::string& path) {
   if (!IsMovedAside(path)) return {};
   std::string name = FreeName(path, kMaxCopies);
   if (name.empty()) throw Failure(FailureCode::Io, "kept::NumberMoved no name left for " + path);
-  FileSystem::MoveFileW(NameOf(path, 0), name);
+  FileSystem::MoveFileW(format::KeptPath(path, 0), name);
   return name;
 }
 

@@ -1,11 +1,11 @@
-#include "pack/TornCommit.h"
+#include "pack/format/TornCommit.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 
 #include "md5/MD5.h"
-#include "pack/Format.h"
+#include "pack/format/Format.h"
 
 using format::OpHeader;
 using format::RecordHead;

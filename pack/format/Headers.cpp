@@ -1,0 +1,61 @@
+#include "pack/format/Headers.h"
+
+#include <algorithm>
+
+namespace format {
+
+FileHeader FreshHeader(std::uint32_t mode) {
+  FileHeader fresh;
+  fresh.mode = mode;
+  fresh.endOffset = kFileHeaderSize;
+  return fresh;
+}
+
+bool WasCutOff(const unsigned char* bytes, std::uint64_t size, std::uint32_t mode) {
+  if (size > kFileHeaderSize) return false;
+  if (std::all_of(bytes, bytes + size, [](unsigned char byte) { return byte == 0; })) return true;
+  unsigned char wanted[kFileHeaderSize];
+  FreshHeader(mode).Encode(wanted);
+  if (size < kFileHeaderSize) return std::equal(bytes, bytes + size, wanted);
+  const FileHeader header = FileHeader::Decode(bytes);
+  return header.version != kVersion && (header.mode > 1 || header.endOffset != kFileHeaderSize);
+}
+
+bool EndsWithin(const FileHeader& header, std::uint64_t size) {
+  return header.endOffset >= kFileHeaderSize && header.endOffset <= size;
+}
+
+bool IsOurs(const FileHeader& header) {
+  return header.version == kVersion && header.mode <= 1;
+}
+
+Head Head::Judge(const unsigned char* bytes, std::uint64_t fileSize) {
+  Head head = {State::kDamaged, fileSize, FileHeader::Decode(bytes)};
+  if (WasCutOff(bytes, fileSize, 0) || WasCutOff(bytes, fileSize, 1))
+    head.state = State::kNew;
+  else if (EndsWithin(head.header, fileSize) &&
+           static_cast<std::int32_t>(head.header.recordCount) >= 0)
+    head.state = State::kSound;
+  return head;
+}
+
+bool Head::IsLoadable() const {
+  return state == State::kNew || (IsOurs(header) && header.sequence >= 0 &&
+                                  static_cast<std::int32_t>(header.recordCount) >= 0);
+}
+
+const char* NameOf(Head::State state) {
+  switch (state) {
+    case Head::State::kMissing:
+      return "missing";
+    case Head::State::kNew:
+      return "new";
+    case Head::State::kSound:
+      return "sound";
+    case Head::State::kDamaged:
+      break;
+  }
+  return "damaged";
+}
+
+}  // namespace format
