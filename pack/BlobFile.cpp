@@ -1,7 +1,6 @@
 #include "pack/BlobFile.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 #include "pack/Replay.h"
@@ -373,6 +372,12 @@ void BlobFile::RequireBlob(const BlobPair& read, unsigned int offset, const Hash
 }
 
 bool BlobFile::Load(Entries& out) {
+  const bool isWhole = LoadRecords(out);
+  if (!loaded.cutShort.empty()) throw Failure(FailureCode::Damaged, loaded.cutShort);
+  return isWhole;
+}
+
+bool BlobFile::LoadRecords(Entries& out) {
   ReadHeader();
   loaded = Loaded{};
   const std::uint32_t length = LengthOf(file);
@@ -380,18 +385,21 @@ bool BlobFile::Load(Entries& out) {
     trace::pack.WriteWarnV(
         "BlobFile::Load corruption, header endOffset=%d of a file of %d bytes file=%s",
         header.endOffset, length, path);
-  Replayed replayed = Replay(file, header, length, loadProgress).Run();
-  loaded = {replayed.count, replayed.end, 0, replayed.rest};
-  for (const BlobFileEntry& entry : replayed.entries)
-    loaded.largest = std::max(loaded.largest, entry.size);
-  out.insert(out.end(), std::make_move_iterator(replayed.entries.begin()),
-             std::make_move_iterator(replayed.entries.end()));
+  const std::size_t before = out.size();
+  const format::ReadResult found =
+      Replay(file, header, length, loadProgress).Run(out, mode, loaded.rest);
+  loaded.count = static_cast<std::uint32_t>(found.recordCount);
+  loaded.end = static_cast<std::uint32_t>(found.end);
+  for (std::size_t i = before; i < out.size(); ++i)
+    loaded.largest = std::max(loaded.largest, out[i].size);
+  if (found.broken.IsInside())
+    loaded.cutShort = File::ShortRead(found.broken.wanted, found.broken.got, ERROR_SUCCESS).what();
   // A header that counts none whole of the records that it covers is damage as well, though a load
   // can go by it.
-  if (state == State::Clean && (replayed.damaged || (loaded.count == 0 && !LoadedAll())))
+  const bool isDamaged = static_cast<bool>(found.broken);
+  if (state == State::Clean && (isDamaged || (loaded.count == 0 && !LoadedAll())))
     state = State::Damaged;
-  if (replayed.cutShort) throw CutShort(*replayed.cutShort);
-  return !replayed.damaged;
+  return !isDamaged;
 }
 
 bool BlobFile::LoadedAll() const {

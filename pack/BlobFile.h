@@ -155,8 +155,12 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
   // Replays the committed records and appends their entries to out, whole transactions only. False,
   // after a message, when the file is damaged; out then holds what came before the damage. Throws
-  // CutShort when the file ends inside a record or a transaction, and what File throws.
+  // what File throws: where the file ends inside a record or a transaction, as its read does.
   bool Load(Entries& out);
+
+  // The same, but such an end is one of the damages. CutShort() is then the text of the read.
+  BLOBRING_HIDDEN bool LoadRecords(Entries& out);
+  BLOBRING_HIDDEN const std::string& CutShort() const { return loaded.cutShort; }
 
   // Load reports its progress to it, in bytes.
   BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
@@ -207,6 +211,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::uint32_t end = format::kFileHeaderSize;
     std::uint32_t largest = 0;  // blob, bytes
     torn::Verdict rest;
+    std::string cutShort;
   };
 
   BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,

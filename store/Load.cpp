@@ -2,7 +2,6 @@
 #include <algorithm>
 
 #include "pack/KeptFile.h"
-#include "pack/Replay.h"
 #include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
@@ -103,15 +102,13 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
 bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const {
   const bool keeps = damagePolicy == DamagePolicy::Keep || readOnly;
   pack.SetProgress(&progress);
-  try {
-    const bool sound = pack.Load(entries);
-    progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
-    return sound && (!keeps || !pack.IsDamaged() || !entries.empty());
-  } catch (const CutShort& e) {
-    if (!keeps) throw;
-    trace::engine.WriteWarnV("%s", e.what());
+  const bool sound = keeps ? pack.LoadRecords(entries) : pack.Load(entries);
+  if (!pack.CutShort().empty()) {
+    trace::engine.WriteWarnV("%s", pack.CutShort());
     return false;
   }
+  progress.Stops(ProgressCall::kLoad, pack.header.endOffset, pack.header.endOffset);
+  return sound && (!keeps || !pack.IsDamaged() || !entries.empty());
 }
 
 void BlobController::FindLostPack() {
@@ -137,12 +134,8 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
   BlobFile& journal = *curJournal;
   entries.clear();
   journal.SetProgress(&progress);
-  bool sound = false;
-  try {
-    sound = journal.Load(entries);
-  } catch (const CutShort& e) {
-    trace::engine.WriteWarnV("%s", e.what());
-  }
+  const bool sound = journal.LoadRecords(entries);
+  if (!journal.CutShort().empty()) trace::engine.WriteWarnV("%s", journal.CutShort());
   if (!sound)
     trace::engine.WriteWarnV("BlobController::Load journal file corrupt %s", journal.path);
   if (!sound || !journal.LoadedAll()) {

@@ -1,6 +1,7 @@
 // BlobController: the open transaction, from its first change to its commit.
 #include <algorithm>
 
+#include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -40,7 +41,7 @@ void BlobController::RequireFirstSlotCurrent() {
   BlobFile& newest = **std::min_element(packFiles.begin(), packFiles.end(), sortBySequence);
   const std::int32_t sequence = newest.header.sequence;
   BlobFile::Entries entries;
-  if (sequence < 0 || static_cast<std::uint32_t>(sequence) % packFiles.size() != 0 ||
+  if (sequence < 0 || format::SlotOf(sequence, static_cast<std::uint32_t>(packFiles.size())) != 0 ||
       !LoadPack(newest, entries) || !curJournal->Load(entries) || !curJournal->LoadedAll())
     throw Failure(FailureCode::Refused,
                   "the store is not loaded, and a load may not find what slot 0 takes");

@@ -54,8 +54,9 @@ SalvageFile::SalvageFile(const std::string& path)
 
 void SalvageFile::Read(uint64_t offset, unsigned char* to, size_t size) {
   if (size == 0) return;  // `to` may be null
-  if (offset >= windowBegin_ && offset + size <= windowBegin_ + window_.size())
-    std::copy_n(&window_[offset - windowBegin_], size, to);
+  const auto held = Held(offset);
+  if (held.size() >= size)
+    std::copy_n(held.begin(), size, to);
   else
     ReadFromDisk(offset, to, size);
 }
@@ -86,19 +87,24 @@ void SalvageFile::ReadFromDisk(uint64_t offset, unsigned char* to, size_t size) 
   }
 }
 
-std::span<const unsigned char> SalvageFile::From(uint64_t offset, size_t wanted) {
-  if (offset < windowBegin_ || std::min(offset + wanted, size_) > windowBegin_ + window_.size()) {
+std::span<const unsigned char> SalvageFile::Held(uint64_t offset) const {
+  if (offset < windowBegin_ || offset - windowBegin_ >= window_.size()) return {};
+  return std::span(window_).subspan(offset - windowBegin_);
+}
+
+std::span<const unsigned char> SalvageFile::From(uint64_t offset, uint64_t least) {
+  if (Held(offset).size() < std::min(least, size_ - offset)) {
     windowBegin_ = offset - offset % kBlockSize;
     window_.resize(std::min<uint64_t>(kWindowSize, size_ - windowBegin_));
     ReadFromDisk(windowBegin_, window_.data(), window_.size());
   }
-  return std::span(window_).subspan(offset - windowBegin_);
+  return Held(offset);
 }
 
 blobring::Hash SalvageFile::Digest(uint64_t offset, uint64_t size) {
   MD5 md5;
   for (const uint64_t end = offset + size; offset < end;) {
-    const auto window = From(offset);
+    const auto window = From(offset, 1);
     const auto part = static_cast<uint32_t>(std::min<uint64_t>(end - offset, window.size()));
     md5.update(window.data(), part);
     offset += part;

@@ -1,5 +1,4 @@
-// A possibly damaged file on a possibly failing disk, opened for reading only. pack/'s FileWindow
-// is not for this: it holds the file exclusively, and ends at the first error.
+// A possibly damaged file on a possibly failing disk, opened for reading only.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "blobring/Store.h"
+#include "pack/format/ByteSource.h"
 #include "tools/Files.h"
 
 namespace tool {
@@ -23,7 +23,7 @@ Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end);
 
 // Reads with pread(2): a mapping would kill the process if the file was cut short meanwhile. Blocks
 // that cannot be read, or are gone, read as zeros and are noted.
-class SalvageFile {
+class SalvageFile final : public format::ByteSource {
  public:
   // Throws Fault if the file cannot be opened or is not a regular file.
   explicit SalvageFile(const std::string& path);
@@ -31,13 +31,12 @@ class SalvageFile {
   uint64_t size() const { return size_; }
   const Ranges& unreadable() const { return unreadable_; }
 
+  uint64_t Length() const override { return size_; }
+  std::span<const unsigned char> Held(uint64_t offset) const override;
+  // Digest() moves the window as well.
+  std::span<const unsigned char> From(uint64_t offset, uint64_t least) override;
   // Past the end of the file there are zeros.
-  void Read(uint64_t offset, unsigned char* to, size_t size);
-
-  // The buffered bytes from offset on: at least `wanted`, up to 4096, unless the file ends before.
-  // They remain valid until the next call of this or Digest().
-  // REQUIRES: offset < size().
-  std::span<const unsigned char> From(uint64_t offset, size_t wanted = 1);
+  void Read(uint64_t offset, unsigned char* to, size_t size) override;
 
   // The MD5 digest of a part of the file. REQUIRES: it lies within size().
   blobring::Hash Digest(uint64_t offset, uint64_t size);

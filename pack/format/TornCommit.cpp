@@ -13,11 +13,11 @@ using format::TransactionBlock;
 
 namespace torn {
 
-bool HasDigest(const Source& source, std::uint32_t offset, std::uint32_t size,
+bool HasDigest(format::ByteSource& source, std::uint64_t offset, std::uint32_t size,
                const unsigned char* wanted) {
   MD5 md5;
   while (size > 0) {
-    const std::span<const unsigned char> piece = source(offset, 1);
+    const std::span<const unsigned char> piece = source.From(offset, 1);
     const std::uint32_t n = std::min(size, static_cast<std::uint32_t>(piece.size()));
     md5.update(piece.data(), n);
     offset += n;
@@ -46,7 +46,7 @@ bool CanHold(std::uint32_t size, std::uint64_t records) {
 // Holds one transaction against T4 and T5.
 class Transaction {
  public:
-  Transaction(const Rest& rest, const Source& bytes)
+  Transaction(const Rest& rest, format::ByteSource& bytes)
       : source(bytes),
         begin(static_cast<std::uint32_t>(rest.begin)),
         end(static_cast<std::uint32_t>(rest.end)),
@@ -71,7 +71,7 @@ class Transaction {
     const std::uint32_t sector = at - at % kSectorSize;
     part.begin = std::max(begin, sector);
     part.end = std::min(end, sector + kSectorSize);
-    const auto bytes = source(part.begin, part.end - part.begin).first(part.end - part.begin);
+    const auto bytes = source.From(part.begin, part.end - part.begin).first(part.end - part.begin);
     part.zerosBegin = part.end;
     while (part.zerosBegin > part.begin && bytes[part.zerosBegin - 1 - part.begin] == 0)
       --part.zerosBegin;
@@ -96,7 +96,7 @@ class Transaction {
   // Whether the bytes at `at` are these, but for what is lost.
   bool Are(std::uint32_t at, std::span<const unsigned char> wanted) {
     std::array<unsigned char, format::kOpHeaderSize> bytes;
-    std::copy_n(source(at, static_cast<std::uint32_t>(wanted.size())).begin(), wanted.size(),
+    std::copy_n(source.From(at, static_cast<std::uint32_t>(wanted.size())).begin(), wanted.size(),
                 bytes.begin());
     for (std::uint32_t i = 0; i < wanted.size(); ++i) {
       if (bytes[i] == wanted[i]) continue;
@@ -107,7 +107,7 @@ class Transaction {
   }
 
   bool StartFits() {
-    const auto bytes = source(begin, format::kStartSize);
+    const auto bytes = source.From(begin, format::kStartSize);
     id = OpHeader::Decode(bytes.data()).transactionId;
     std::array<unsigned char, format::kBlockSize> block;
     std::copy_n(bytes.begin() + format::kOpHeaderSize, block.size(), block.begin());
@@ -144,7 +144,7 @@ class Transaction {
       if (MayBeLostFrom(at) && RestFits(at, left)) return isLost = bodyIsLost = true;
       if (bodyEnd - at < format::kDeleteSize) return false;
       std::array<unsigned char, format::kStoreHeadSize> bytes;
-      std::copy_n(source(at, bytes.size()).begin(), bytes.size(), bytes.begin());
+      std::copy_n(source.From(at, bytes.size()).begin(), bytes.size(), bytes.begin());
       const RecordHead head = RecordHead::Decode(bytes.data());
       const bool isStore = head.op.op == format::kOpStore;
       if (!isStore && head.op.op != format::kOpDelete) return false;
@@ -196,7 +196,7 @@ class Transaction {
 
   bool Matches() const { return HasDigest(source, body, bodyEnd - body, digest.data()); }
 
-  const Source& source;
+  format::ByteSource& source;
   const std::uint32_t begin, end, body, bodyEnd;
   const std::uint64_t records;  // without start and end
   Part part;
@@ -215,8 +215,8 @@ bool IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted) {
 }
 
 // Whether a whole transaction that begins behind `at` ends at `end`.
-bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, const Source& source) {
-  if (OpHeader::Decode(source(end - format::kEndSize, format::kEndSize).data()).op !=
+bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, format::ByteSource& source) {
+  if (OpHeader::Decode(source.From(end - format::kEndSize, format::kEndSize).data()).op !=
       format::kOpEndTransaction)
     return false;
   // A start record says how far it is to the end: what merely looks like one seldom does. The
@@ -224,7 +224,7 @@ bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, const Source& s
   std::uint64_t budget = 2 * std::uint64_t{end - at};
   ++at;
   while (end - at >= format::kLeastTransaction) {
-    const std::span<const unsigned char> held = source(at, format::kStartSize);
+    const std::span<const unsigned char> held = source.From(at, format::kStartSize);
     const std::size_t places = std::min<std::size_t>(held.size() - format::kStartSize,
                                                      end - at - format::kLeastTransaction) +
                                1;
@@ -247,7 +247,7 @@ bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, const Source& s
 
 }  // namespace
 
-Verdict Judge(const Rest& rest, const Source& source) {
+Verdict Judge(const Rest& rest, format::ByteSource& source) {
   const bool isThere = rest.end <= rest.fileSize && rest.end <= format::kMaxFileSize;  // T1
   if (!isThere || rest.begin > rest.end || rest.end - rest.begin < format::kLeastTransaction)
     return {};

@@ -20,8 +20,8 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <span>
+
+#include "pack/format/ByteSource.h"
 
 namespace torn {
 
@@ -38,13 +38,8 @@ struct Rest {
   std::uint64_t records;            // that the header counts from there on
 };
 
-// At least `least` (up to 4096) bytes of the file from offset on, unless it ends before. They
-// remain valid until the next call.
-using Source =
-    std::function<std::span<const unsigned char>(std::uint32_t offset, std::uint32_t least)>;
-
 // Whether these bytes, which are in the file, have this digest.
-bool HasDigest(const Source& source, std::uint32_t offset, std::uint32_t size,
+bool HasDigest(format::ByteSource& source, std::uint64_t offset, std::uint32_t size,
                const unsigned char* wanted);
 
 struct Verdict {
@@ -52,7 +47,7 @@ struct Verdict {
   bool wholeBehind = false;  // damage with a whole transaction behind it, at the end
 };
 // Digests at most four times as many bytes as there are. Throws what the source throws.
-Verdict Judge(const Rest& rest, const Source& source);
+Verdict Judge(const Rest& rest, format::ByteSource& source);
 
 // So many transactions may be lost with these records; 1 may always be.
 constexpr std::uint64_t MostTransactions(std::uint64_t records) {

@@ -81,7 +81,7 @@ class Inspector {
     WalkOptions walk;
     walk.digest = !options_.noDigest && options_.transaction.empty();
     bool skipRecords = false;
-    walk.transaction = [&](const WalkedTransaction& transaction) {
+    walk.transaction = [&](const format::Transaction& transaction) {
       skipRecords = !IsWanted(transaction);
       if (skipRecords) return;
       PrintTransaction(file, transaction, "ok");
@@ -112,45 +112,44 @@ class Inspector {
            now.header.recordCount != before.header.recordCount;
   }
 
-  bool IsWanted(const WalkedTransaction& transaction) const {
-    return options_.transaction.empty() || options_.transaction == std::to_string(transaction.id) ||
+  bool IsWanted(const format::Transaction& transaction) const {
+    return options_.transaction.empty() ||
+           options_.transaction == std::to_string(transaction.start.transactionId) ||
            options_.transaction == std::to_string(transaction.offset);
   }
 
-  void PrintTransaction(SalvageFile& file, const WalkedTransaction& transaction,
+  void PrintTransaction(SalvageFile& file, const format::Transaction& transaction,
                         std::string digest) {
     if (options_.noDigest) digest = "not computed";
     if (!options_.noDigest && !options_.transaction.empty() && !MatchesDigest(file, transaction)) {
       digest = "wrong";
       digestOk_ = false;
     }
-    const std::optional<std::string> time = TimeOf(transaction.id);
+    const std::optional<std::string> time = TimeOf(transaction.start.transactionId);
     if (!std::exchange(tableBegun_, true) && !consoleOptions.json)
       Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  digest", "offset", "transaction", "time",
            "stores", "deletes", "bytes");
     if (!consoleOptions.json)
       return Line("  {:>10} {:>20} {:20} {:>8} {:>8} {:>12}  {}", transaction.offset,
-                  transaction.id, time.value_or("-"), transaction.storeCount,
-                  transaction.deleteCount, transaction.end - transaction.offset, digest);
+                  transaction.start.transactionId, time.value_or("-"), transaction.storeCount,
+                  transaction.deleteCount, transaction.End() - transaction.offset, digest);
     Json object = {{"type", "transaction"},
                    {"file", path_},
                    {"offset", transaction.offset},
-                   {"id", transaction.id},
+                   {"id", transaction.start.transactionId},
                    {"time", nullptr},
                    {"stores", transaction.storeCount},
                    {"deletes", transaction.deleteCount},
-                   {"bytes", transaction.end - transaction.offset},
+                   {"bytes", transaction.End() - transaction.offset},
                    {"blob_bytes", transaction.blobBytes},
                    {"digest", options_.noDigest ? Json() : Json(digest)}};
     if (time) object["time"] = *time;
     Add(JsonLine(object));
   }
 
-  static bool MatchesDigest(SalvageFile& file, const WalkedTransaction& transaction) {
-    std::array<unsigned char, format::kBlockSize> bytes;
-    file.Read(transaction.offset + format::kOpHeaderSize, bytes.data(), bytes.size());
-    return file.Digest(transaction.bodyOffset(), transaction.bodySize()).bytes() ==
-           std::to_array(format::TransactionBlock::Decode(bytes.data()).digest);
+  static bool MatchesDigest(SalvageFile& file, const format::Transaction& transaction) {
+    return file.Digest(transaction.BodyOffset(), transaction.block.length).bytes() ==
+           std::to_array(transaction.block.digest);
   }
 
   void PrintRecord(const WalkedRecord& record, std::string_view state) {

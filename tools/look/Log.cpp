@@ -15,31 +15,32 @@ namespace {
 
 namespace stdfs = std::filesystem;
 
-void AddChanges(const StoreView& view, size_t journal, const WalkedTransaction& transaction,
+void AddChanges(const StoreView& view, size_t journal, const format::Transaction& transaction,
                 std::string& text) {
-  VisitRecords(view.file(journal), transaction.bodyOffset(), transaction.end - format::kEndSize,
-               [&](const WalkedRecord& record) {
-                 if (consoleOptions.json) {
-                   Json change = {{"type", "change"},
-                                  {"transaction", transaction.id},
-                                  {"change", record.isStore ? "added" : "removed"},
-                                  {"hash", record.hash.text()}};
-                   if (record.isStore) change["size"] = record.blobSize;
-                   text += JsonLine(change);
-                 } else if (record.isStore) {
-                   text += fmt::format("  + {} {}\n", record.hash.text(), record.blobSize);
-                 } else {
-                   text += fmt::format("  - {}\n", record.hash.text());
-                 }
-                 return true;
-               });
+  format::VisitRecords(view.file(journal), transaction.BodyOffset(), transaction.BodyEnd(),
+                       [&](const format::Record& read) {
+                         const WalkedRecord record(read);
+                         if (consoleOptions.json) {
+                           Json change = {{"type", "change"},
+                                          {"transaction", transaction.start.transactionId},
+                                          {"change", record.isStore ? "added" : "removed"},
+                                          {"hash", record.hash.text()}};
+                           if (record.isStore) change["size"] = record.blobSize;
+                           text += JsonLine(change);
+                         } else if (record.isStore) {
+                           text += fmt::format("  + {} {}\n", record.hash.text(), record.blobSize);
+                         } else {
+                           text += fmt::format("  - {}\n", record.hash.text());
+                         }
+                         return true;
+                       });
 }
 
-std::string TransactionLine(const WalkedTransaction& transaction, bool stat) {
-  const std::optional<std::string> time = TimeOf(transaction.id);
+std::string TransactionLine(const format::Transaction& transaction, bool stat) {
+  const std::optional<std::string> time = TimeOf(transaction.start.transactionId);
   if (consoleOptions.json) {
     Json object = {{"type", "transaction"},
-                   {"id", transaction.id},
+                   {"id", transaction.start.transactionId},
                    {"time", nullptr},
                    {"offset", transaction.offset},
                    {"added", transaction.storeCount},
@@ -48,7 +49,8 @@ std::string TransactionLine(const WalkedTransaction& transaction, bool stat) {
     if (time) object["time"] = *time;
     return JsonLine(object);
   }
-  const std::string line = fmt::format("{} {}", transaction.id, time.value_or("-"));
+  const std::string line =
+      fmt::format("{} {}", transaction.start.transactionId, time.value_or("-"));
   if (!stat)
     return fmt::format("{} +{} -{}\n", line, transaction.storeCount, transaction.deleteCount);
   return fmt::format("{}  {} added, {}; {} removed\n", line, Count(transaction.storeCount, "blob"),
@@ -96,18 +98,18 @@ ExitStatus Log(const LogOptions& options) {
   const size_t journal = view.current().back();
   const std::optional<int64_t> since =
       options.since.empty() ? std::nullopt : std::optional(ParseId(options.since));
-  std::vector<WalkedTransaction> transactions;
+  std::vector<format::Transaction> transactions;
   WalkOptions walk;
   walk.digest = false;  // the view has done so
   const uint64_t end = view.walked(journal).end;
-  walk.transaction = [&](const WalkedTransaction& transaction) {
-    if (transaction.end <= end && (!since || transaction.id > *since))
+  walk.transaction = [&](const format::Transaction& transaction) {
+    if (transaction.End() <= end && (!since || transaction.start.transactionId > *since))
       transactions.push_back(transaction);
   };
   Walk(view.file(journal), view.files()[journal].head, walk);
   std::reverse(transactions.begin(), transactions.end());
   std::string text;
-  for (const WalkedTransaction& transaction : transactions) {
+  for (const format::Transaction& transaction : transactions) {
     ThrowIfInterrupted();
     text += TransactionLine(transaction, options.stat || options.patch);
     if (options.patch) AddChanges(view, journal, transaction, text);

@@ -13,7 +13,7 @@ using Kind = Rest::Kind;
 
 bool IsZero(SalvageFile& file, uint64_t at) {
   while (at < file.size()) {
-    const auto window = file.From(at);
+    const auto window = file.From(at, 1);
     if (std::any_of(window.begin(), window.end(), [](unsigned char byte) { return byte != 0; }))
       return false;
     at += window.size();
@@ -79,7 +79,8 @@ Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
   uint64_t transactionCount = 0;
   for (std::optional<Found> found = first; found; ++transactionCount) {
     ThrowIfInterrupted();
-    VisitRecords(file, found->body, found->bodyEnd, [&](const WalkedRecord& each) {
+    format::VisitRecords(file, found->body, found->bodyEnd, [&](const format::Record& read) {
+      const WalkedRecord each(read);
       if (each.hash == blobring::Hash()) return false;  // zeros read as stores of nothing
       record(each, isOlder ? "stale" : "uncommitted");
       ++count;

@@ -281,8 +281,8 @@ Walked StoreView::Take(size_t index) {
   auto& opened = opened_[index];
   opened = std::make_unique<SalvageFile>(files_[index].path);
   WalkOptions options;
-  options.transaction = [this](const WalkedTransaction& transaction) {
-    const uint64_t more = transaction.recordCount();
+  options.transaction = [this](const format::Transaction& transaction) {
+    const uint64_t more = transaction.RecordCount();
     if (blobs_.capacity() - blobs_.size() >= more) return;
     Compact();
     blobs_.reserve(blobs_.size() + more + blobs_.size() / 4);
@@ -293,9 +293,7 @@ Walked StoreView::Take(size_t index) {
   };
   const FileHead& head = files_[index].head;
   Progress progress("reading " + files_[index].path, 0);
-  uint64_t digested = 0;
-  options.progress = [&](uint64_t bytes) {
-    digested += bytes;
+  options.progress = [&](uint64_t digested) {
     progress.ShowBytes(digested, std::max<uint64_t>(digested, head.header.endOffset));
   };
   Walked walked;
