@@ -295,6 +295,25 @@ int BCDelete(int index, unsigned char* hash) {
   return BCDeleteInt(index, hash);
 }
 
+int BCDeleteMany(int index, const unsigned char (*bytes)[BLOBRING_HASH_SIZE], int count) {
+  Call call("BCDeleteMany", index);
+  if (count <= 0 || !call.Has("hashes", bytes)) return 0;
+  int deleted = 0;
+  call.Catch({"BCDeleteMany threw an exception:", 0x0F000274}, 0, [&] {
+    Hash hashes[kPutGroup];
+    for (; deleted < count; ++deleted) {
+      const int i = deleted % kPutGroup;
+      const int ahead = i == 0 ? std::min(kPutGroup, count - deleted) : 0;
+      for (int k = 0; k < ahead; ++k) hashes[k] = api::ToHash(bytes[deleted + k]);
+      call.Store().ExpectChanges(hashes, static_cast<std::size_t>(ahead));
+      trace::WriteHashEvent(trace::kEventDelete, hashes[i].Bytes());
+      if (!call.Store().GatherDelete(hashes[i])) break;
+    }
+    return 1;
+  });
+  return deleted;
+}
+
 int BCRepack(int index) {
   const Call call("BCRepack", index);
   if (!call) return BLOBRING_NOT_REPACKED;

@@ -125,16 +125,31 @@ int BCFetchMany(int index, BCFetchItem* items, int count) {
   return fetched;
 }
 
-int BCNextHash(int index, const unsigned char* after, unsigned char* next) {
-  Call call("BCNextHash", index);
+namespace {
+
+using HashBytes = unsigned char[BLOBRING_HASH_SIZE];
+
+int NextHashes(Call& call, const unsigned char* after, HashBytes* next, int capacity) {
   if (!call.Has("next", next)) return -1;
   if (!call.Store().IsLoaded()) {
     call.Refuse(FailureCode::Closed, "the store is not loaded");
     return -1;
   }
-  if (after == nullptr) return call.Store().NextHashAfter(nullptr, next);
+  if (after == nullptr) return call.Store().NextHashesAfter(nullptr, next, capacity);
   const Hash from = api::ToHash(after);
-  return call.Store().NextHashAfter(&from, next);
+  return call.Store().NextHashesAfter(&from, next, capacity);
+}
+
+}  // namespace
+
+int BCNextHash(int index, const unsigned char* after, unsigned char* next) {
+  Call call("BCNextHash", index);
+  return NextHashes(call, after, reinterpret_cast<HashBytes*>(next), 1);
+}
+
+int BCNextHashes(int index, const unsigned char* after, HashBytes* next, int capacity) {
+  Call call("BCNextHashes", index);
+  return NextHashes(call, after, next, capacity);
 }
 
 int BCGetAllBlobHashesResetInt(int index) {

@@ -276,6 +276,10 @@ void BlobFile::Gather(BlobFileEntry& entry, const BlobPair& blob) {
   Append(entry, format::kOpStore, blob.hash, blob.buffer, kMaxGatheredPut);
 }
 
+void BlobFile::GatherDelete(BlobFileEntry& entry) {
+  Append(entry, format::kOpDelete, entry.hash, RawBuffer{}, kMaxGatheredPut);
+}
+
 bool BlobFile::Store(BlobFileEntry& entry, const BlobPair& blob) {
   AppendNow(entry, format::kOpStore, blob.hash, blob.buffer);
   return true;

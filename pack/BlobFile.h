@@ -104,9 +104,11 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Appends a delete record for entry.hash; sets op and offset.
   bool Delete(BlobFileEntry& entry);
 
-  // StartTransaction and Store, but the records may stay in memory until the next call that writes.
+  // StartTransaction, Store and Delete, but the records may stay in memory until the next call that
+  // writes.
   BLOBRING_HIDDEN void BeginTransaction(long long id);
   BLOBRING_HIDDEN void Gather(BlobFileEntry& entry, const BlobPair& blob);
+  BLOBRING_HIDDEN void GatherDelete(BlobFileEntry& entry);
 
   // Adds data to another digest and, side by side with it, the waiting records to the transaction's
   // own.

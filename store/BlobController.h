@@ -80,8 +80,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Store(BlobPair const& blob);
   bool Delete(Hash const& hash);
 
-  // Store, but the record may stay in memory until the next change or the commit.
+  // Store and Delete, but the record may stay in memory until the next change or the commit.
   BLOBRING_HIDDEN bool Gather(BlobPair const& blob);
+  BLOBRING_HIDDEN bool GatherDelete(Hash const& hash);
 
   // Computes the hash of a blob and gathers it. Digests blob and waiting records side by side,
   // which takes about as long as the blob alone.
@@ -164,9 +165,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   int ResetHashCursor();
   bool NextHash(unsigned char* hash);
 
-  // Writes the first hash after `after`, or the first of all if that is null, to next (16 bytes).
-  // Returns false if there is none.
-  BLOBRING_HIDDEN bool NextHashAfter(const Hash* after, unsigned char* next) const;
+  // Writes the first hashes after `after`, or the first of all if that is null, to next. Returns
+  // how many: fewer than `capacity` if there are no more.
+  BLOBRING_HIDDEN int NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize],
+                                      int capacity) const;
 
   struct Statistics {
     bool loaded;
@@ -242,6 +244,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BLOBRING_HIDDEN const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   template <class Write>
   BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
+  template <class Write>
+  BLOBRING_HIDDEN bool DeleteWith(Hash const& hash, Write write);
   template <class Write>
   BLOBRING_HIDDEN bool StoreWith(BlobPair const& blob, Write write);
   BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const char* reason);

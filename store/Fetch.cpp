@@ -84,11 +84,13 @@ void BlobController::FetchMany(const Hash* hashes, Wanted* wanted, std::size_t c
   }
 }
 
-bool BlobController::NextHashAfter(const Hash* after, unsigned char* next) const {
-  const BlobIndex::const_iterator blob = after == nullptr ? blobs.begin() : blobs.After(*after);
-  if (blob == blobs.end()) return false;
-  std::memcpy(next, blob->first.Bytes(), Hash::kSize);
-  return true;
+int BlobController::NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize],
+                                    int capacity) const {
+  int count = 0;
+  for (auto blob = after == nullptr ? blobs.begin() : blobs.After(*after);
+       count < capacity && blob != blobs.end(); ++blob)
+    std::memcpy(next[count++], blob->first.Bytes(), Hash::kSize);
+  return count;
 }
 
 BlobController::Statistics BlobController::GetStatistics() const {

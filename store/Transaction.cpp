@@ -132,17 +132,26 @@ bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& ha
   return Gather(blob);
 }
 
-bool BlobController::Delete(Hash const& hash) {
+template <class Write>
+bool BlobController::DeleteWith(Hash const& hash, Write write) {
   try {
     RequireChangeable();
     if (!BlobExists(hash)) return true;
-    return Change(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->Delete(entry); });
+    return Change(hash, write);
   } catch (const std::exception& e) {
     trace::engine.CaughtWarnV(e,
                               "BlobController::Delete threw an exception hash = %s exception = %s",
                               hash.toString(), e.what());
     return false;
   }
+}
+
+bool BlobController::Delete(Hash const& hash) {
+  return DeleteWith(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->Delete(entry); });
+}
+
+bool BlobController::GatherDelete(Hash const& hash) {
+  return DeleteWith(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->GatherDelete(entry); });
 }
 
 // What was written lies past the journal's committed end, where the next transaction goes.

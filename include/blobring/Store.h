@@ -18,10 +18,10 @@
 #error "blobring/Store.h needs C++20"
 #endif
 
+#include <blobring/Hash.h>
 #include <blobring/blobring.h>
 
 #include <array>
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -33,79 +33,12 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 namespace blobring {
-
-// What failed, and the store's text of the failure, which begins with the cause.
-class Error : public std::runtime_error {
- public:
-  Error(const std::string& text, int code) : std::runtime_error(text), code_(code) {}
-
-  // BLOBRING_ERROR_...
-  int code() const noexcept { return code_; }
-
- private:
-  int code_;
-};
-
-// The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered bytewise, as a store
-// enumerates.
-class Hash {
- public:
-  static constexpr std::size_t kSize = BLOBRING_HASH_SIZE;
-
-  // 16 zeros.
-  constexpr Hash() = default;
-  explicit constexpr Hash(const std::array<std::uint8_t, kSize>& digest) : bytes_(digest) {}
-
-  // Returns the hash of a blob with these contents. Throws Error for 4 GiB or more.
-  static Hash of(std::span<const std::byte> data);
-
-  // Takes 32 hexadecimal digits of either case. Returns nothing for other texts.
-  static constexpr std::optional<Hash> parse(std::string_view text) {
-    if (text.size() != 2 * kSize) return std::nullopt;
-    Hash hash;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-      const int digit = digitValue(text[i]);
-      if (digit < 0) return std::nullopt;
-      hash.bytes_[i / 2] = static_cast<std::uint8_t>(hash.bytes_[i / 2] << 4 | digit);
-    }
-    return hash;
-  }
-
-  // Returns 32 hexadecimal digits, lower case.
-  std::string text() const {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const std::uint8_t byte : bytes_) {
-      text += kDigits[byte >> 4];
-      text += kDigits[byte & 15];
-    }
-    return text;
-  }
-
-  constexpr const std::array<std::uint8_t, kSize>& bytes() const { return bytes_; }
-  std::uint8_t* data() { return bytes_.data(); }
-  const std::uint8_t* data() const { return bytes_.data(); }
-
-  // NOLINTNEXTLINE(modernize-use-nullptr): clang-tidy 14 means the 0 of the generated code
-  friend constexpr auto operator<=>(const Hash&, const Hash&) = default;
-
- private:
-  static constexpr int digitValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  }
-
-  std::array<std::uint8_t, kSize> bytes_{};
-};
 
 enum class Operation {
   Load = BLOBRING_LOADING,
@@ -222,8 +155,16 @@ class Store {
   // Deletes a blob if it is present; commits as put does.
   inline void erase(const Hash& hash);
 
-  // Iterates over the committed hashes in ascending order. The store may change meanwhile: changes
-  // behind the iterator go unnoticed.
+  // put, get and erase of many, faster than one by one. In an open transaction, the changes before
+  // one that fails are pending; without one, all or none are committed. getMany gives the blobs in
+  // the order of their hashes, nothing for those that are absent, and takes memory for all of them.
+  inline std::vector<Hash> putMany(std::span<const std::span<const std::byte>> blobs);
+  inline std::vector<std::optional<std::vector<std::byte>>> getMany(
+      std::span<const Hash> hashes) const;
+  inline void eraseMany(std::span<const Hash> hashes);
+
+  // Iterates over the committed hashes in ascending order, which it obtains a few hundred at a
+  // time. The store may change meanwhile: the iterator may not notice.
   class HashIterator {
    public:
     using iterator_category = std::input_iterator_tag;
@@ -234,12 +175,12 @@ class Store {
     using reference = const Hash&;
 
     HashIterator() = default;
-    explicit HashIterator(int index) : index_(index) { advance(nullptr); }
-    reference operator*() const { return hash_; }
-    pointer operator->() const { return &hash_; }
+    explicit HashIterator(int index) : index_(index) { obtain(nullptr); }
+    reference operator*() const { return (*hashes_)[at_]; }
+    pointer operator->() const { return &**this; }
     HashIterator& operator++() {
-      const Hash before = hash_;
-      advance(before.data());
+      const Hash before = **this;
+      if (++at_ == hashes_->size()) obtain(before.data());
       return *this;
     }
     HashIterator operator++(int) {
@@ -248,19 +189,25 @@ class Store {
       return before;
     }
     friend bool operator==(const HashIterator& a, const HashIterator& b) {
-      return a.atEnd_ == b.atEnd_ && (a.atEnd_ || (a.index_ == b.index_ && a.hash_ == b.hash_));
+      if (!a.hashes_ || !b.hashes_) return a.hashes_ == b.hashes_;
+      return a.index_ == b.index_ && *a == *b;
     }
 
    private:
-    void advance(const std::uint8_t* before) {
-      const int found = BCNextHash(index_, before, hash_.data());
+    void obtain(const std::uint8_t* before) {
+      constexpr int kAtATime = 256;
+      const auto next = std::make_shared<std::vector<Hash>>(kAtATime);
+      const int found =
+          BCNextHashes(index_, before, reinterpret_cast<Digest*>(next->data()), kAtATime);
       if (found < 0) throw failure("hashes", index_);
-      atEnd_ = found == 0;
+      next->resize(static_cast<std::size_t>(found));
+      hashes_ = found == 0 ? nullptr : next;
+      at_ = 0;
     }
 
     int index_ = -1;
-    bool atEnd_ = true;
-    Hash hash_;
+    std::shared_ptr<const std::vector<Hash>> hashes_;  // null at the end
+    std::size_t at_ = 0;
   };
   class HashRange {
    public:
@@ -316,6 +263,8 @@ class Store {
 
  private:
   friend class Transaction;
+  using Digest = unsigned char[BLOBRING_HASH_SIZE];
+  static_assert(sizeof(Hash) == sizeof(Digest));
 
   // Calls a Progress from the C callback, which no exception may leave.
   struct Watch {
@@ -351,6 +300,20 @@ class Store {
 
   static const unsigned char* bytesOf(std::span<const std::byte> data) {
     return reinterpret_cast<const unsigned char*>(data.data());
+  }
+
+  // The calls take int.
+  static int sizeOf(std::span<const std::byte> data) {
+    if (data.size() <= static_cast<std::size_t>(std::numeric_limits<int>::max()))
+      return static_cast<int>(data.size());
+    throw Error("blobring: put: a blob of " + std::to_string(data.size()) + " bytes is too large",
+                BLOBRING_ERROR_ARGUMENT);
+  }
+  template <class Item>
+  static int countOf(std::span<Item> items) {
+    if (items.size() <= static_cast<std::size_t>(std::numeric_limits<int>::max()))
+      return static_cast<int>(items.size());
+    throw Error("blobring: more than 2147483647 blobs", BLOBRING_ERROR_ARGUMENT);
   }
 
   static std::string lastFailure(int index) {
@@ -418,46 +381,68 @@ inline void Store::take(Store& other) noexcept {
 }
 
 inline Hash Store::put(std::span<const std::byte> data) {
-  if (data.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
-    throw Error("blobring: put: a blob of " + std::to_string(data.size()) + " bytes is too large",
-                BLOBRING_ERROR_ARGUMENT);
+  const int size = sizeOf(data);
   std::optional<Transaction> own;
   if (open_ == nullptr) own.emplace(*this);
   Hash hash;
-  if (BCPut(index_, bytesOf(data), static_cast<int>(data.size()), hash.data()) != 1)
-    throw failure("put", index_);
+  if (BCPut(index_, bytesOf(data), size, hash.data()) != 1) throw failure("put", index_);
   if (own) own->commit();
   return hash;
+}
+
+inline std::vector<Hash> Store::putMany(std::span<const std::span<const std::byte>> blobs) {
+  std::vector<BCBlob> items;
+  items.reserve(blobs.size());
+  for (const std::span<const std::byte> blob : blobs)
+    items.push_back({bytesOf(blob), sizeOf(blob), {}});
+  std::optional<Transaction> own;
+  if (open_ == nullptr) own.emplace(*this);
+  if (BCPutMany(index_, items.data(), countOf(blobs)) != countOf(blobs))
+    throw failure("put", index_);
+  if (own) own->commit();
+  std::vector<Hash> hashes;
+  hashes.reserve(items.size());
+  for (const BCBlob& item : items) hashes.emplace_back(std::to_array(item.hash));
+  return hashes;
+}
+
+// The sizes first, then the blobs.
+inline std::vector<std::optional<std::vector<std::byte>>> Store::getMany(
+    std::span<const Hash> hashes) const {
+  std::vector<BCFetchItem> items(hashes.size());
+  std::vector<std::optional<std::vector<std::byte>>> blobs(hashes.size());
+  for (std::size_t i = 0; i < items.size(); ++i)
+    std::memcpy(items[i].hash, hashes[i].data(), Hash::kSize);
+  const int count = countOf(hashes);
+  BCFetchMany(index_, items.data(), count);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (items[i].result != BLOBRING_TOO_SMALL) continue;
+    blobs[i].emplace(static_cast<std::size_t>(items[i].size));
+    items[i].buffer = reinterpret_cast<unsigned char*>(blobs[i]->data());
+    items[i].capacity = items[i].size;
+  }
+  BCFetchMany(index_, items.data(), count);
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (items[i].result == BLOBRING_FAILED) throw failure("get " + hashes[i].text(), index_);
+    if (items[i].result == BLOBRING_FETCHED && !blobs[i]) blobs[i].emplace();  // an empty blob
+  }
+  return blobs;
 }
 
 inline void Store::erase(const Hash& hash) {
+  eraseMany({&hash, 1});
+}
+
+inline void Store::eraseMany(std::span<const Hash> hashes) {
   std::optional<Transaction> own;
   if (open_ == nullptr) own.emplace(*this);
-  Hash copy = hash;
-  if (BCDelete(index_, copy.data()) != 1) throw failure("erase " + hash.text(), index_);
+  const int count = countOf(hashes);
+  const int erased = BCDeleteMany(index_, reinterpret_cast<const Digest*>(hashes.data()), count);
+  if (erased != count)
+    throw failure("erase " + hashes[static_cast<std::size_t>(erased)].text(), index_);
   if (own) own->commit();
 }
 
-inline Hash Hash::of(std::span<const std::byte> data) {
-  if (data.size() > std::numeric_limits<unsigned>::max())
-    throw Error("blobring: hash of 4 GiB or more", BLOBRING_ERROR_ARGUMENT);
-  Hash hash;
-  if (BCMD5ChkSumInt(reinterpret_cast<const unsigned char*>(data.data()),
-                     static_cast<unsigned>(data.size()), hash.data()) != 1)
-    throw Error("blobring: the digest cannot be computed", BCLastErrorCode(-1));
-  return hash;
-}
-
 }  // namespace blobring
-
-template <>
-struct std::hash<blobring::Hash> {
-  // Digests are evenly distributed; the first bytes will do.
-  std::size_t operator()(const blobring::Hash& key) const noexcept {
-    std::size_t value = 0;
-    std::memcpy(&value, key.data(), sizeof value);
-    return value;
-  }
-};
 
 #endif

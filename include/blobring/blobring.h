@@ -257,6 +257,14 @@ BLOBRING_API int BCPutMany(int index, BCBlob* blobs, int count);
 BLOBRING_API int BCDelete(int index, unsigned char* hash);
 BLOBRING_API int BCDeleteInt(int index, unsigned char* hash);
 
+/*
+ * BCDelete of `count` blobs, whose records are gathered as those of BCPut.
+ * Stops at the first that fails. Returns how many before it are deleted or not
+ * present.
+ */
+BLOBRING_API int BCDeleteMany(int index, const unsigned char (*hashes)[BLOBRING_HASH_SIZE],
+                              int count);
+
 /* Results of BCRepack. */
 #define BLOBRING_REPACKED 1
 #define BLOBRING_NOT_REPACKED 0
@@ -345,6 +353,14 @@ BLOBRING_API int BCFetchMany(int index, BCFetchItem* items, int count);
  * is none; -1 on failure.
  */
 BLOBRING_API int BCNextHash(int index, const unsigned char* after, unsigned char* next);
+
+/*
+ * Writes the first `capacity` committed hashes after `after`, or of all when
+ * that is null, in ascending byte order to `next`, in which `after` may lie.
+ * Returns how many: fewer than `capacity` when there are no more; -1 on failure.
+ */
+BLOBRING_API int BCNextHashes(int index, const unsigned char* after,
+                              unsigned char (*next)[BLOBRING_HASH_SIZE], int capacity);
 
 /*
  * Starts an enumeration of the committed blobs. Returns their number; 0 on

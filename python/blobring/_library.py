@@ -62,6 +62,18 @@ class Blob(ctypes.Structure):
     ]
 
 
+class Item(ctypes.Structure):
+    """BCFetchItem."""
+
+    _fields_ = [
+        ("hash", ctypes.c_ubyte * 16),
+        ("buffer", ctypes.c_void_p),
+        ("capacity", ctypes.c_int),
+        ("size", ctypes.c_int),
+        ("result", ctypes.c_int),
+    ]
+
+
 class RawStatistics(ctypes.Structure):
     """BCStatistics."""
 
@@ -95,10 +107,11 @@ def _load() -> ctypes.CDLL:
         "BCEndTransaction": (number, transaction_id),
         "BCAbandonTransaction": (number,),
         "BCPutMany": (number, ctypes.POINTER(Blob), number),
-        "BCDelete": (number, text),
+        "BCDeleteMany": (number, text, number),
         "BCRepack": (number,),
         "BCFetch": (number, text, pointer, number, ctypes.POINTER(number)),
-        "BCNextHash": (number, text, text),
+        "BCFetchMany": (number, ctypes.POINTER(Item), number),
+        "BCNextHashes": (number, text, text, number),
         "BCCheck": (number,),
         "BCGetStatistics": (number, ctypes.POINTER(RawStatistics)),
         "BCLastError": (number, text, number),

@@ -60,6 +60,7 @@ class StoreTest(unittest.TestCase):
                 now.update(zip(map(Hash.of, many), many))
             else:
                 (store.__delitem__ if kind == 2 and key in model else store.discard)(key)
+                store.discard_many(iter([key, ABSENT]))
                 now.pop(key, None)
 
         for kind in rng.choices(range(8), k=150):
@@ -94,6 +95,7 @@ class StoreTest(unittest.TestCase):
                 self.assertEqual(seen[-1], (store.statistics().journal_bytes,) * 2)
             sizes = {key: len(model[key]) for key in sorted(model)}
             self.assertEqual({key: store.size(key) for key in store}, sizes)
+            self.assertEqual(list(store.get_many([ABSENT, *model])), [None, *model.values()])
             found = store.statistics()
             self.assertEqual((found.blob_count, found.live_bytes, found.sequence, found.slot_count),
                              (len(sizes), sum(sizes.values()), repacks, 2))
@@ -198,7 +200,8 @@ class StoreTest(unittest.TestCase):
         journal = self.path / "0.jrn"
         journal.write_bytes(journal.read_bytes().replace(b"damage me", b"damaged!!"))
         with self.assertLogs("blobring", "ERROR"):
-            self.raises(blobring.DamagedError, lambda: store.get(damaged), store.check)
+            self.raises(blobring.DamagedError, lambda: store.get(damaged), store.check,
+                        lambda: list(store.get_many([sound, damaged])))
         self.assertEqual(store[sound], b"sound")
         self.raises(blobring.DamagedError, store.repack)  # the library closes the store
         self.assertFalse(store.statistics().loaded)

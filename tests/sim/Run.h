@@ -5,7 +5,8 @@
 // between them:
 //   S   start a transaction          E   end it           R   repack
 //   +n  store blob n                 *n  the same by BCPut, which finds the hash
-//   -n  delete blob n                G   read everything and check
+//   -n  delete blob n                ~n  the same by BCDeleteMany
+//   G   read everything and check
 //   F   end it, which fails as its header is written
 //   O   dispose and open again
 //   K   the process is killed; open again

@@ -54,6 +54,8 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
       {BCStore(none, nullptr, nullptr, -1), 0, "BCStore: no store has the index = 1048576"},
       {BCCheck(none), -2, "BCCheck: no store has the index = 1048576"},
       {BCNextHash(none, nullptr, hash), -1, "BCNextHash: no store has the index = 1048576"},
+      {BCNextHashes(i, nullptr, nullptr, 1), -1, "BCNextHashes: next is null"},
+      {BCDeleteMany(i, nullptr, 1), 0, "BCDeleteMany: hashes is null"},
       {BCFetchMany(none, items, 2), 0, "BCFetchMany: no store has the index = 1048576"},
       {BCFetchMany(i, nullptr, 2), 0, "BCFetchMany: items is null"},
       {BCDispose(none), 1, "BCDispose with index = 1048576"},

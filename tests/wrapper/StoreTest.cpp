@@ -1,7 +1,9 @@
 // The C++ wrapper, and through it the calls for embedders, as a program uses them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <iterator>
+#include <ranges>
 #include <type_traits>
 
 #include "tests/support/OpenedStore.h"
@@ -54,6 +56,36 @@ TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
   EXPECT_EQ(Text(store.get(store.put(""))), "");
   EXPECT_EQ(store.get(Hash(), room), std::nullopt);
   EXPECT_EQ(sim::Files().sleptMs + sim::Diagnostics().raised.size(), 0U);
+}
+
+// The last blob is larger than what a batch is read into.
+TEST(Store, ManyAtOnceAreWhatTheyAreOneByOne) {
+  FreshMachine();
+  Store store("/s");
+  std::vector<std::string> blobs = {"", std::string(2'000'000, 'x')};
+  while (blobs.size() < 700) blobs.push_back("blob " + std::to_string(blobs.size()));
+  std::vector<std::span<const std::byte>> bytes;
+  for (const std::string& blob : blobs) bytes.push_back(std::as_bytes(std::span(blob)));
+  std::vector<Hash> hashes = store.putMany(bytes);
+  std::vector<Hash> sorted = hashes;
+  std::sort(sorted.begin(), sorted.end());
+  EXPECT_TRUE(std::ranges::equal(store.hashes(), sorted));
+  hashes.push_back(Hash());
+  blobs.emplace_back("absent");
+  const auto read = store.getMany(hashes);
+  for (std::size_t i = 0; i < read.size(); ++i) EXPECT_EQ(Text(read[i]), blobs[i]);
+  sim::Disk& disk = sim::Files().disk;
+  disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36 + 36, "X", 1);
+  const blobring::Error error = ErrorOf([&] { store.getMany(hashes); });
+  EXPECT_EQ(error.code(), BLOBRING_ERROR_DAMAGED);
+  EXPECT_NE(std::string(error.what()).find("get " + hashes[1].text()), std::string::npos);
+  store.eraseMany(std::span(sorted).first(400));
+  EXPECT_TRUE(std::ranges::equal(store.hashes(), std::span(sorted).subspan(400)));
+  {
+    const Transaction change(store);
+    store.eraseMany(sorted);
+    EXPECT_EQ(store.stats().pendingChanges, 300U);
+  }
 }
 
 TEST(Store, MovesWithItsOpenTransaction) {

@@ -1,5 +1,6 @@
 // rm.
 #include <set>
+#include <vector>
 
 #include "tools/BatchWriter.h"
 #include "tools/Commands.h"
@@ -49,10 +50,10 @@ ExitStatus Remove(const RemoveOptions& options) {
   OpenStore open(options.at, Access::kChange);
   if (!chosen.blobs.empty()) {
     blobring::Transaction change(open.store, TransactionId());
-    for (const ViewedBlob* blob : chosen.blobs) {
-      if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
-      open.store.erase(blob->hash);
-    }
+    std::vector<blobring::Hash> hashes;
+    for (const ViewedBlob* blob : chosen.blobs) hashes.push_back(blob->hash);
+    open.store.eraseMany(hashes);
+    if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
     change.commit();
   }
   const size_t slotCount = open.layout.slotCount();
