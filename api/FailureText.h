@@ -1,6 +1,6 @@
-// The last failure: its cause in a few words, unless the lines say it, then the lines of the last
-// call that traced any, joined by line ends, and its code. The first lines are kept where there is
-// no room for all, since the cause comes before what followed from it.
+// What the last failing call traced, one line per message, behind its cause in a few words unless
+// the lines say it, and its error code. If there is no room for all, the first lines are kept: the
+// cause comes before its consequences.
 //
 // Every open store has one, and every thread, for calls without a store. A call says at its start
 // whose it is.
@@ -20,7 +20,7 @@ class FailureText {
   // Starts a call. The text stays until the call has something to say.
   void Begin() { startsOver = true; }
   void Add(std::string_view line);
-  // Counts once in a call: the first code is the cause's.
+  // Keeps the first code of a call; later ones are consequences.
   void SetCode(FailureCode failureCode);
 
   std::string_view Text() const;

@@ -14,7 +14,7 @@ template <class... Pieces>
   Fail(GetLastError(), text);
 }
 
-// SetFilePointer, whose one result that means failure may also be a position.
+// SetFilePointer. 0xFFFFFFFF is ambiguous: failure, or a position.
 unsigned MovePointer(HANDLE handle, unsigned distance, DWORD method, const char* operation) {
   const DWORD reached = SetFilePointer(handle, static_cast<LONG>(distance), nullptr, method);
   if (reached == INVALID_SET_FILE_POINTER) {

@@ -52,7 +52,7 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   // well. Throws as FileSystem::ReplaceFileW does.
   BLOBRING_HIDDEN void replace(const std::string& target);
 
-  // Whether a path leads to this open file just now.
+  // True if the path currently names this open file.
   BLOBRING_HIDDEN bool isAt(const std::string& otherPath) const;
 
   // Makes what was written survive a power cut. True without a platform call for a file that was

@@ -72,8 +72,8 @@ class BLOBRING_EXPORT FileSystem {
   static void ReadDirectory(const std::string& dir, NarrowPaths& out, const std::string& pattern);
 
   // MD5 of the bytes from the file's position to its end, which is where the position is left: raw,
-  // or as the text of MD5::hex_digest, replacing out. A limit from 1 to 511 makes the pieces read
-  // that small; it bounds nothing. They throw what File throws.
+  // or as the text of MD5::hex_digest, replacing out. `limit` is the read size (1 to
+  // 511; otherwise 512), not a bound on the bytes digested. They throw what File throws.
   static void GetFileChksum(File& f, Hash& out, unsigned limit);
   static void GetFileChksum(File& f, std::string& out);
   static void GetFileChksum(std::string path, std::string& out);

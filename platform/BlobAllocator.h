@@ -8,7 +8,7 @@
 #include "platform/BlobStoreBase.h"
 #include "platform/Failure.h"
 
-// What the tag of a block says that it is for.
+// Allocation tags, by container.
 enum BlobTag : unsigned {
   kTagPathList = 31064065,
   kTagIndex = 31064068,
@@ -44,8 +44,8 @@ class BlobAllocator {
   friend bool operator==(const BlobAllocator&, const BlobAllocator&) { return true; }
 };
 
-// For memory that helps but is not needed. Resizes a vector to wanted elements or, where there is
-// no memory for them, to the most of wanted/2, wanted/4, ... that there is, at least `least`.
+// Best-effort resize to `wanted` elements: if memory is short, to wanted/2, wanted/4, ..., but at
+// least `least`.
 // Throws Failure("Unable to allocate memory") when not even these can be had.
 template <class Vector>
 void ResizeOrSmaller(Vector& vector, std::size_t wanted, std::size_t least) {

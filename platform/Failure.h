@@ -61,7 +61,7 @@ inline FailureCode FailureOf(DWORD systemCode) {
 
 namespace trace {
 
-// Both are defined in api/, where a call knows whose failure it is.
+// Both are defined in api/, which knows the store of the call that the thread is in.
 
 // Adds a line to the failure text of the call that the thread is in.
 void Note(const char* line);

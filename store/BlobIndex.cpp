@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kSmallestDirectory = 64;
 constexpr std::size_t kMaxBlobsPerBucket = 2;
 
-// Buckets for so many blobs, a power of two.
+// Buckets for this many blobs, a power of two.
 std::size_t BucketsFor(std::size_t blobs) {
   const std::size_t wanted = std::bit_ceil((blobs + kMaxBlobsPerBucket - 1) / kMaxBlobsPerBucket);
   return wanted < kSmallestDirectory ? 2 : wanted;
@@ -30,7 +30,7 @@ void BlobIndex::Disposer::operator()(Node* node) const noexcept {
   NodeAllocator().deallocate(node, 1);
 }
 
-// Where the process was placed in memory is what the author of a file cannot know.
+// Seeded from an address, which the author of a hostile file cannot predict (ASLR).
 BlobIndex::BlobIndex()
     : random(static_cast<std::uint32_t>(
                  (reinterpret_cast<std::uintptr_t>(this) * 0x9E3779B97F4A7C15ULL) >> 32) |
@@ -169,8 +169,7 @@ BlobIndex::Node* BlobIndex::Flatten(Node* root) {
   return first;
 }
 
-// Deals the nodes out to as many buckets as so many blobs want; leaves all as it is where there is
-// no memory.
+// Rehashes into the bucket count for `blobs` blobs. Leaves the index unchanged if memory is short.
 void BlobIndex::Resize(std::size_t blobs) noexcept {
   const std::size_t wanted = BucketsFor(blobs);
   const std::size_t present = LastBucket() + 1;

@@ -127,7 +127,7 @@ class BlobIndex {
     Forget();
   }
 
-  // Grows the directory for so many blobs in all, if there is memory.
+  // Grows the directory for `blobs` blobs in all, if there is memory.
   void Reserve(std::size_t blobs) noexcept;
 
   // Starts to bring what look-ups of these hashes will read into the processor's caches.
@@ -155,8 +155,8 @@ class BlobIndex {
     return static_cast<std::size_t>(hash.Prefix() >> shift);
   }
   std::size_t LastBucket() const { return static_cast<std::size_t>(~std::uint64_t{0} >> shift); }
-  // The empty statement keeps g++ from taking functions that do nothing else for functions that do
-  // nothing.
+  // The empty statement keeps g++ from treating prefetch-only functions as pure and dropping the
+  // calls.
   static void Fetch(const void* address) {
     __builtin_prefetch(address);
     asm volatile("");

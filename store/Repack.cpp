@@ -76,8 +76,8 @@ void BlobController::RequireRepackable() const {
     throw Failure(FailureCode::Refused, "changes are pending, end the transaction first");
   if (RepackedSize(SizesOf()) > format::kMaxFileSize)
     throw Failure(FailureCode::Full, "the blobs do not fit into one pack of 2147483647 bytes");
-  // No store writes one. A pack that was only emptied, of sequence -1, would be taken for newer,
-  // and one step on is that number itself.
+  // A store never writes a negative sequence. From -2 the next pack would get -1, which means
+  // "emptied"; from any other, an emptied pack (-1) would look newer.
   if (seq < 0) throw Failure(FailureCode::Refused, "the sequence number of the pack is negative");
   if (seq == std::numeric_limits<std::int32_t>::max())
     throw Failure(FailureCode::Refused, "the sequence numbers are used up");
@@ -154,11 +154,11 @@ void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
   unfinished.reset();
 
   PointTo(copied);
-  // The older generation too: it holds nothing behind its records.
+  // On close, cut the previous generation's files to their records as well.
   curPack->CutOnClose();
   curJournal->CutOnClose();
   curPack = pack;
-  curPack->UpdateHeader();
+  curPack->UpdateHeader();  // once more; the pack is in doubt if this flush fails
   curJournal = journal;
 }
 

@@ -52,9 +52,9 @@ ExitStatus Init(const StoreOptions& options) {
   if (Layout::Exists(options.directory)) {
     const Layout present = Layout::Read(options.directory);
     if ((options.slotCount != 0 || !options.packDirs.empty()) && !wanted.SameSlots(present))
-      throw UsageError("{} is a store with {} already; that cannot be changed", options.directory,
+      throw UsageError("{} already exists with {}; slots cannot be changed", options.directory,
                        present.Description());
-    Inform("{} is a store with {} already; nothing was changed", options.directory,
+    Inform("{} already exists with {}; nothing was changed", options.directory,
            present.Description());
     return kSuccess;
   }

@@ -32,7 +32,7 @@ Fd OpenToRead(const std::string& path, int flags) {
   return fd;
 }
 
-// Everything up to the end of the file, which seems to have `size` bytes.
+// Everything up to the end of the file, whose size was last reported as `size`.
 std::string_view ReadToEnd(int fd, uint64_t size, Buffer& buffer, const std::string& path) {
   uint64_t done = 0;
   for (;;) {

@@ -39,7 +39,7 @@ std::optional<std::string> Unescaped(std::string_view text) {
   return name;
 }
 
-// "MD5 (name) = hash", as BSD's md5(1) and md5sum --tag have it: as the other form has it.
+// Rewrites "MD5 (name) = hash", the form of BSD's md5(1) and md5sum --tag, to the GNU form.
 std::string Reordered(std::string_view line) {
   constexpr std::string_view kBegin = "MD5 (";
   constexpr std::string_view kMiddle = ") = ";
@@ -87,7 +87,7 @@ std::string_view BytesOf(const blobring::Hash& digest) {
   return {reinterpret_cast<const char*>(digest.data()), blobring::Hash::kSize};
 }
 
-// As the 16 bytes of a digest are, but for one in two million.
+// True for almost every digest (all but one in two million).
 bool BeginsWithBinary(std::string_view file) {
   const std::string_view begin = file.substr(0, blobring::Hash::kSize);
   return std::any_of(begin.begin(), begin.end(),

@@ -59,7 +59,7 @@ bool IsAbandoned(int directory, const std::string& name) {
 StagedFile::StagedFile(int directory, std::string name, std::string shownName)
     : directory_(directory), name_(std::move(name)), shownName_(std::move(shownName)) {
   RemoveLeftovers(directory_);
-  // A file that was removed before it was locked was taken for a leftover.
+  // Another process may remove the file before we lock it; then try the next name.
   do {
     temporaryName_ = TemporaryName();
     file_ = Fd(::openat(directory_, temporaryName_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,

@@ -19,7 +19,7 @@
  * other call on a store.
  * Callbacks: a sink or progress function of the host's may call BCLastError,
  * BCLastErrorCode and the functions of host.h, nothing else. A call on a store
- * from there is refused; FilterException alone is not.
+ * from there is refused. Only FilterException is allowed.
  * Processes: one process at a time has a store open. In a child of fork, every
  * change and load of a store that the parent opened is refused; see
  * docs/embedding.md.
@@ -31,8 +31,8 @@
  * Errors: results are int. Every failure leaves a message on the trace, a text
  * (BCLastError) and a code (BCLastErrorCode). A call marked "throws" lets a C++
  * exception derived from std::exception reach the caller; C callers must not
- * use it. All others return the failure value that they name, also for an
- * index that no store has and for a null pointer.
+ * use it. All other calls return their documented failure value; an unknown
+ * index or null pointer is a failure.
  */
 #ifndef BLOBRING_BLOBRING_H
 #define BLOBRING_BLOBRING_H
@@ -130,7 +130,7 @@ BLOBRING_API int BCInitialize(const char16_t* path);
 /*
  * Adds a slot: the k-th call opens or creates the pack `dir`/k.pak and the
  * journal k.jrn in the store's directory, both exclusively.
- * REQUIRES: the same slots in the same order as every time before.
+ * REQUIRES: the same slots in the same order on every open.
  * Returns 1; 0, with nothing opened, for a path that BCInitialize would refuse
  * and for a store that is loaded, closed or has taken a change. Throws
  * std::runtime_error when a file cannot be opened, created or flushed, after

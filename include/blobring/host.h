@@ -109,7 +109,7 @@ BLOBRING_API void BlobringHostSetExceptionHandler(BlobringHostExceptionHandler* 
 
 /* ---- Memory --------------------------------------------------------------- */
 
-/* At most so many pairs of pool and tag are told apart; the rest is one. */
+/* Distinct (pool, tag) pairs that are tracked; all others share one account. */
 #define BLOBRING_HOST_MEMORY_ACCOUNT_COUNT 64
 #define BLOBRING_HOST_MEMORY_OTHERS 0xFFFFFFFFU
 

@@ -22,7 +22,7 @@ from blobring.hash import Hash
 _Path = str | bytes | os.PathLike[str] | os.PathLike[bytes]
 _Progress = Callable[[int, int], object]
 
-# put_many hands over so many blobs or bytes at a time.
+# put_many hands over at most this many blobs or bytes at a time.
 _BATCH_COUNT = 256
 _BATCH_BYTES = 4 * 1024 * 1024
 

@@ -23,7 +23,7 @@ ExitStatus Report(const ReportOptions& options) {
     throw UsageError("report takes either a store or --from-json");
   const bool isToTerminal = options.output.empty() || options.output == "-";
   if (!consoleOptions.json && isToTerminal && ::isatty(STDOUT_FILENO) == 1)
-    throw UsageError("a page is nothing for a terminal: name a file with -o");
+    throw UsageError("will not write HTML to a terminal; use -o FILE");
   Output output(options.output, Existing::kReplace);
   const Document document = options.fromJson.empty() ? Collect(options.at, options.check)
                                                      : ReadDocument(options.fromJson);
