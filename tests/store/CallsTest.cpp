@@ -106,11 +106,11 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
 
   using Words = std::vector<std::uint32_t>;
   Words kinds;
-  for (const Words& event : Diagnostics().events) kinds.push_back(event[2]);
+  for (const Words& event : Diagnostics().Events()) kinds.push_back(event[2]);
   EXPECT_EQ(kinds, (Words{14, 1, 1, 10, 2, 8, 3, 5, 6, 12, 13, 7, 3, 9}));
   const std::uint32_t ring = g_BlobControllerRingBuffer;
-  EXPECT_EQ(Diagnostics().events.at(4), (Words{ring, 1, 2, 2, 0, 0, 0}));
-  EXPECT_EQ(Diagnostics().events.at(5),
+  EXPECT_EQ(Diagnostics().Events().at(4), (Words{ring, 1, 2, 2, 0, 0, 0}));
+  EXPECT_EQ(Diagnostics().Events().at(5),
             (Words{ring, 1, 8, 0x90015098, 0x3CD24FB0, 0xD6963F7D, 0x28E17F72}));
   EXPECT_NE(ring, 0U);
 
@@ -124,7 +124,7 @@ TEST(Calls, EveryCallLeavesItsEventsAndRecords) {
       ofHash(0x4F00026E),     ofHash(0x4F00026F),     {0x2F00027E, index}, {0x4F000281, index, 77},
       ofHash(0x4F00026D),     {0x4F00027C, index, 2}, {0x2F000269, index}, {0x2F00026A, index, 1},
       {0x0F000283, index, 1}};
-  EXPECT_EQ(Diagnostics().records, expected);
+  EXPECT_EQ(Diagnostics().Records(), expected);
   EXPECT_EQ(OpenedStore().index, i + 1) << "no index comes back";
 }
 
@@ -139,8 +139,8 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   std::string buffer(9, '.');
   EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 9), 0);
   EXPECT_EQ(buffer, "four.....");
-  EXPECT_TRUE(Diagnostics().HasWarning("GetBlob assert error: buffer size = 4 request size = 9"));
-  EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Fsck number of blobs = 2"));
+  EXPECT_TRUE(Diagnostics().Has("warning GetBlob assert error: buffer size = 4 request size = 9"));
+  EXPECT_TRUE(Diagnostics().Has("warning BlobController::Fsck number of blobs = 2"));
   Diagnostics().onRaise = [&] { EXPECT_EQ(BCGetSize(store.index, absent.data()), -1); };
   EXPECT_EQ(BCGet(store.index, absent.data(), Bytes(buffer), 9), 1);
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_NOT_FOUND);
@@ -151,8 +151,7 @@ TEST(Calls, AFetchByAnotherSizeOrOfWhatIsNotThereChecksAndRaises) {
   EXPECT_EQ(BCGet(store.index, hash.data(), Bytes(buffer), 3), 2);
   EXPECT_EQ(sim::Files().sleptMs - slept, 1000U);
   EXPECT_TRUE(
-      Diagnostics().HasWarning("BCGet threw an exception:std::exception hash=" + TextOf(hash)));
-  EXPECT_EQ(Diagnostics().lastFormat, "%s") << "composed, and so verbatim";
+      Diagnostics().Has("warning BCGet threw an exception:std::exception hash=" + TextOf(hash)));
   EXPECT_EQ(BCGetAllBlobHashes(store.index, hash.data(), 0), 0);
   EXPECT_EQ(BCGetSize(store.index, hash.data()), -1);
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_CLOSED);

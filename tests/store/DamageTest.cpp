@@ -40,7 +40,7 @@ TEST(Load, KeepsAStoreWithoutAUsablePack) {
       EXPECT_TRUE(store.All().empty());
       EXPECT_NE(store.loaded, failed);
       EXPECT_NE(store.Commit(1, {"fresh"}), failed);
-      EXPECT_NE(Diagnostics().HasError("BlobController::Load /s/0.pak is kept as /s/0.pak.kept-2"),
+      EXPECT_NE(Diagnostics().Has("error BlobController::Load /s/0.pak is kept as /s/0.pak.kept-2"),
                 failed);
     }
     EXPECT_EQ(blobring::Store("/s", {.slots = 1}).stats().blobCount, failed ? 0U : 1U);
@@ -193,7 +193,7 @@ TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
   EXPECT_EQ(FetchMany(store.index, hashes), expected);
   Diagnostics().Clear();
   EXPECT_EQ(BCFsck(store.index), 0);
-  EXPECT_EQ(Diagnostics().lines.back(), "error   BlobController::Fsck() storage is corrupted");
+  EXPECT_EQ(Diagnostics().lines.back(), "error BlobController::Fsck() storage is corrupted");
   for (const auto& row : rows) {
     SCOPED_TRACE(row.blob);
     const std::string& blob = blobs[row.blob];
@@ -246,14 +246,14 @@ TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
     EXPECT_EQ(store.Has("bbbb"), row.stopsWith == nullptr) << "a failure closes it";
     EXPECT_TRUE(row.slots == 1 || FileBytes("/s/0.jrn") == before) << "the old generation stays";
     if (row.stopsWith != nullptr) {
-      EXPECT_TRUE(Diagnostics().HasError("/s/0.jrn, 64, 4"));
+      EXPECT_TRUE(Diagnostics().Has("error /s/0.jrn, 64, 4"));
       EXPECT_NE(text.find(row.stopsWith), std::string::npos);
       EXPECT_NE(text.find("hash " + TextOf(HashOf("aaaa")) + " file /s/0.jrn offset 64"),
                 text.npos);
       continue;
     }
-    EXPECT_TRUE(Diagnostics().HasWarning("BlobController::Repack() GetBlob failed on hash " +
-                                         TextOf(HashOf("aaaa")) + " size 4"));
+    EXPECT_TRUE(Diagnostics().Has("warning BlobController::Repack() GetBlob failed on hash " +
+                                  TextOf(HashOf("aaaa")) + " size 4"));
     disk.Write(disk.Lookup("/s/0.jrn"), 64, "\0", 1);
     EXPECT_EQ(BCFsck(store.index), row.slots == 1) << "an old file is no place for a blob";
     EXPECT_EQ(StatisticsOf(store.index).blobCount, row.slots == 1 ? 1U : 2U);

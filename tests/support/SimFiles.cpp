@@ -4,8 +4,6 @@
 #include <map>
 #include <utility>
 
-#include "tests/support/SimDiagnostics.h"
-
 namespace sim {
 
 SimFiles& Files() {
@@ -312,9 +310,5 @@ DWORD GetCurrentThreadId() {
 }
 DWORD GetCurrentProcessId() {
   return 1;
-}
-void RaiseException(DWORD code, DWORD, DWORD, const std::uintptr_t*) {
-  sim::Diagnostics().raised.push_back(code);
-  if (sim::Diagnostics().onRaise) sim::Diagnostics().onRaise();
 }
 }

@@ -97,7 +97,7 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   sim::Diagnostics().Clear();
   BCCheck(store.index);
   EXPECT_EQ(inside.results, (std::vector<int>{1, 1, 0}));
-  EXPECT_EQ(sim::Diagnostics().records.back().at(0), 0x0F000262U);
+  EXPECT_EQ(sim::Diagnostics().Records().back().at(0), 0x0F000262U);
 }
 
 }  // namespace
