@@ -16,7 +16,6 @@
 #include <thread>
 
 #include "fs/FileSystem.h"
-#include "pack/BlobFile.h"
 
 namespace {
 
@@ -121,34 +120,6 @@ TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(Store(root / "a", {.slots = 1}).stats().blobCount, 3U);
-}
-
-// And a journal keeps room for 64 transactions of one delete.
-TEST_F(OnDisk, AFileEndsBelow2GiB) {
-  constexpr std::uint32_t kEnd = 0x7FFFFFFFU - 64 * (40 + 32 + 16);
-  constexpr std::uint32_t kStart = kEnd - (40 + 37 + 16);  // room for one blob of one byte
-  const std::string journal = root / "a/0.jrn";
-  { const Store fresh(root / "a", {.slots = 1}); }
-  fs::resize_file(journal, kStart);
-  std::fstream file(journal, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(20);
-  for (unsigned shift = 0; shift < 32; shift += 8) file.put(static_cast<char>(kStart >> shift));
-  file.close();
-  BlobFile store;
-  store.Init(journal, BlobFile::Journal, 0);
-  BlobFile::BlobFileEntry entry;
-  unsigned char data[] = {'a', 'b'};
-  BlobPair blob;
-  blob.buffer = {data, 2};
-  store.BeginTransaction(0);
-  EXPECT_THROW(store.Gather(entry, blob), Failure) << "with the end record it would be too long";
-  blob.buffer.size = 1;
-  store.Gather(entry, blob);
-  EXPECT_THROW(store.Gather(entry, blob), Failure);
-  EXPECT_TRUE(store.EndTransaction(0)) << "what was written is committed";
-  EXPECT_EQ(fs::file_size(journal), kEnd);
-  store.BeginTransaction(0);
-  EXPECT_TRUE(store.Delete(entry) && store.EndTransaction(0));
 }
 
 // A write past the process's limit would bring a signal (SIGXFSZ) that ends it.

@@ -287,20 +287,25 @@ def failing_files():
     same(waiting.communicate(b"input")[0].decode().split(), [md5(read("f2")).hex(), md5(b"input").hex()], "put that waited")
 
 
-# A copy into a journal with no room: it repacks the store and goes on. The file is nearly all holes.
+# A journal with room for an empty blob, and for what deletes: puts are refused, a copy repacks the
+# store and goes on. The file is nearly all holes.
 def full_journal():
-    blob, goal = bytes(64 << 20), MAX_FILE - 70000
+    blob, room = bytes(64 << 20), MAX_FILE - 64 * 88 - 92
     one = transaction(ID, store(ID, blob), delete(ID, md5(blob)))
-    count = goal // len(one)
-    last = transaction(ID, store(ID, blob[: goal % len(one)]))
+    count, rest = divmod(room - 24 - 92, len(one))
+    last = transaction(ID, store(ID, blob[:rest]))
     for name in ("s", "t"):
         tool("init", name, status=0)
     with open("t/0.jrn", "wb") as journal:
-        journal.write(file(0, 0, count=4 * count + 3, end=24 + count * len(one) + len(last)))
+        journal.write(file(0, 0, count=4 * count + 3, end=room))
         for each in [one] * count + [last]:
             journal.write(each[:100])
             journal.seek(len(each) - 200, os.SEEK_CUR)
             journal.write(each[-100:])
+    tool("put", "t", stdin=b"1", status=1)
+    tool("put", "t", stdin=b"", status=0)
+    same(os.path.getsize("t/0.jrn"), room + 92, "the end of a full journal")
+    tool("rm", "t", md5(b"").hex(), status=0)
     more = b"more" * 25000
     tool("put", "s", stdin=more, status=0)
     tool("sync", "s", "t", status=0)
