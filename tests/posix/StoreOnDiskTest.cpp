@@ -4,11 +4,9 @@
 #include <blobring/host.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -120,19 +118,6 @@ TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
   ASSERT_EQ(waitpid(child, &status, 0), child);
   EXPECT_EQ(status, 0);
   EXPECT_EQ(Store(root / "a", {.slots = 1}).stats().blobCount, 3U);
-}
-
-// A write past the process's limit would bring a signal (SIGXFSZ) that ends it.
-TEST_F(OnDisk, ALimitOfFileSizesIsReportedAndForgottenOnceThereIsRoom) {
-  Store store(root / "a");
-  rlimit before{};
-  getrlimit(RLIMIT_FSIZE, &before);
-  rlimit limit = before;
-  limit.rlim_cur = 300000;
-  setrlimit(RLIMIT_FSIZE, &limit);
-  EXPECT_THROW(store.put(std::string(600000, 'x')), blobring::Error);
-  setrlimit(RLIMIT_FSIZE, &before);
-  EXPECT_TRUE(store.contains(store.put(std::string(600000, 'x'))));
 }
 
 TEST_F(OnDisk, ListsAndDeletesTrees) {
