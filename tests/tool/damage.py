@@ -42,6 +42,15 @@ def torn_commit():
     zero_last()
 
 
+def put_journal(tail, head=b""):
+    """The journal's records behind another header, and what follows them: made of the last of them."""
+    journal = File("s/1.jrn")
+    begin, end, *_ = journal.transactions[-1]
+    put_files("s", _1jrn=(head or journal.data[:24]) + journal.data[24:end] + tail(journal.data[begin:end]))
+
+
+STARTED = begun(5) + store(5, BLOBS[6])
+
 DAMAGE = (
     ("nothing", lambda: None, {}),
     ("a blob of the pack", lambda: flip("s/1.pak", BLOBS[4], 100), {}),
@@ -67,6 +76,17 @@ DAMAGE = (
     ("the journal cut", lambda: os.truncate("s/1.jrn", 1000), {}),
     ("no pack", lambda: put_files("s", _0pak=b"\xff" * 100, _1pak=b"\xff" * 100), {}),
     ("wrong hashes", wrong_hashes, {}),
+    # Sound, with something behind the records that count, or with a repack that has begun.
+    ("bytes behind the end", lambda: put_journal(lambda last: b"\7" * 100), {}),
+    ("an unfinished transaction", lambda: put_journal(lambda last: STARTED + bytes(30)), {}),
+    ("an unfinished transaction that was whole", lambda: put_journal(lambda last: last[:-20]), {}),
+    ("an uncommitted transaction", lambda: put_journal(lambda last: last), {}),
+    ("transactions of an older generation", lambda: put_journal(lambda last: last + last), {}),
+    ("an emptied journal", lambda: put_journal(lambda last: b"", file(0, -1)), {}),
+    ("a repack begun", lambda: put_files("s", _0pak=file(1, -1) + STARTED), {}),
+    ("one that is all but done", lambda: put_files("s", _0pak=file(1, -1) + transaction(0, store(0, BLOBS[0]))), {}),
+    ("one that left no record", lambda: put_files("s", _0pak=file(1, -1) + bytes(500)), {}),
+    ("one with its end offset", lambda: put_files("s", _0pak=file(1, -1, end=109) + STARTED), {}),
     ("files set aside", lambda: [shutil.copy("s/0.jrn", "s/0.jrn.kept-1"), pathlib.Path("s/notes").write_text("mine")], {}),
 )
 

@@ -158,11 +158,6 @@ def of_large_and_hostile_stores():
     deletions = [transaction(2000 + k, delete(2000 + k, md5(b"%09d" % (k * 3)))) for k in range(1500)]
     put_files("many", _0pak=file(1, 0, transaction(0, *stores)), _0jrn=file(0, 0, *deletions))
     check_report(View("many"))
-    base("s")  # and a repack that has begun over an older generation
-    started = begun(0) + stores[0]
-    for data in (file(1, -1) + transaction(0, *stores[:3]), file(1, -1) + started, file(1, -1) + bytes(500), file(1, -1, end=109) + started):
-        put_files("s", _0pak=data)
-        check_report(View("s"))
 
 
 REFUSED = (  # what the message says, and a document in which this is replaced

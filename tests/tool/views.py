@@ -1,5 +1,5 @@
 """What looking commands say of stores that are sound. A row for an option or an argument belongs into
-rows_of_arguments(), a state of a file's end into leftovers(), a key of --json into model.py."""
+rows_of_arguments(), a key of --json into model.py, a state of a file into damage.py."""
 
 import fcntl
 import itertools
@@ -14,6 +14,9 @@ def by_hand():
     base("s")
     for path in ("s", "s/1.pak", "s/1.jrn", "s/0.jrn"):
         look(View(path))
+    tool("init", "one", "--slots", "1", status=0)
+    shutil.copy("s/1.pak", "one/0.pak.new")  # of a repack
+    look(View("one", 1))
     os.remove("s/blobring.conf")  # as a device has it
     look(View("s"), "--slots", "2")
     os.mkdir("packs")
@@ -69,37 +72,6 @@ def rows_of_arguments():
     same(got.out.split(b"\n"), wanted.split(b"\n"), "get --batch")
 
 
-# What lies behind the records that count: a sound journal, changed so.
-def leftovers():
-    base("s")
-    journal = File("s/1.jrn")
-    body, (begin, end, *_) = journal.data[: journal.end], journal.transactions[-1]
-    whole, started = body[begin:end], begun(5) + store(5, b"unfinished")
-    for kind, data in (
-        ("zeros", body + bytes(5000)),
-        ("leftovers", body + b"\7" * 100),
-        ("unfinished_transaction", body + started + bytes(30)),
-        ("unfinished_transaction", body + whole[:-20]),
-        ("uncommitted_transaction", body + whole),
-        ("older_generation", body + whole + whole),
-        ("older_generation", file(0, -1) + body[24:]),
-        ("unfinished_repack", file(1, -1) + started),
-    ):
-        pathlib.Path("f").write_bytes(data)
-        same(File("f").rest()[0], kind, "the model itself")
-        look(View("f"))
-    put_files("s", _0pak=file(1, -1) + started)  # a repack has begun
-    look(View("s"))
-    tool("init", "one", "--slots", "1", status=0)
-    shutil.copy("s/1.pak", "one/0.pak.new")
-    look(View("one", 1))
-    for k in (4, 9, 8):  # and what the tool itself makes of it
-        tool("put", "one", stdin=BLOBS[k], status=0)
-        tool("rm", "one", HASHES[4].hex()[:8])
-        tool("repack", "one", status=0)
-        look(View("one", 1))
-
-
 # More records than are kept without being compacted: deleted, stored again, and deleted for good.
 def many_records():
     blobs = [b"%05d" % k for k in range(70000)]
@@ -152,4 +124,4 @@ def held():
     same(tree("s") == before, True, "a store that another process has open changed")
 
 
-scenario(by_hand, rows_of_arguments, leftovers, many_records, beside_repacks, held)
+scenario(by_hand, rows_of_arguments, many_records, beside_repacks, held)
