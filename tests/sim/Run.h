@@ -13,7 +13,9 @@
 //   C   the power fails and what was not flushed is lost; open again
 //   Jn  damage the n-th last transaction of the journal; open again
 //   Tn  cut the journal off inside its n-th last transaction; open again
-//   P   damage the newest pack, if an older one is whole; open again
+//   Ln  damage the same, if there is any; load again without opening
+//   P   damage the newest pack, if an older one is whole or it is the only one; open again
+//   N   cut the newest pack off to nothing, if an older one is whole; open again
 //   X   remove all files; open again
 // A number before steps in parentheses repeats them: 3( S +4 E ).
 #pragma once
@@ -40,7 +42,8 @@ struct Workload {
   // Nothing but power cuts and killed processes happens to the files.
   bool IsSound() const {
     return std::all_of(steps.begin(), steps.end(), [](const Step& step) {
-      return step.kind != 'J' && step.kind != 'T' && step.kind != 'P';
+      return step.kind != 'J' && step.kind != 'T' && step.kind != 'P' && step.kind != 'L' &&
+             step.kind != 'N';
     });
   }
 };
@@ -103,6 +106,9 @@ class Run {
   bool Repack();
   bool ReadAll();
   bool Damage(const Step& step);
+  bool LoadAgain(const Step& step);
+  void ExpectKept(bool isAtWork) const;
+  static sim::Bytes Contents(const std::string& path);
   std::uint32_t JournalEnd() const;
   int CurrentSlot() const { return current_.sequence % workload_.slots; }
   void CheckDisk(sim::Disk disk, const char* when);
@@ -114,9 +120,11 @@ class Run {
   std::vector<Mask> allowed_{0};
   Mask shown_ = 0, working_ = 0;  // what this process must see, and once it ends its transaction
   bool changed_ = false, repackFailed_ = false;
-  bool inDoubt_ = false;  // a flush of a commit failed
-  bool failed_ = false;   // before the plan was last armed
-  bool erased_ = false;   // a load failed, and may have erased the store
+  bool inDoubt_ = false;             // a flush of a commit failed
+  bool failed_ = false;              // before the plan was last armed
+  bool erased_ = false;              // a load failed, and may have erased the store
+  bool repackHasFailed_ = false;     // so where its records are is not known
+  std::vector<sim::Bytes> damaged_;  // what must be kept
   long long transactionId_ = 0;
   int checked_ = 0;  // steps after which the disk was checked, from the failure on
   Generation current_;

@@ -10,77 +10,6 @@ namespace {
 using Policy = OpenedStore::Policy;
 using sim::Diagnostics;
 
-bool Exists(const std::string& path) {
-  return sim::Files().disk.Lookup(path) != sim::kNoInode;
-}
-
-std::string Journal(int transactions) {
-  JournalBytes bytes;
-  for (int id = 1; id <= transactions; ++id)
-    bytes.Transaction(id, {StoreRecord(id, "blob" + std::to_string(id))});
-  return bytes.Bytes();
-}
-
-// A crash between two moves is a move that fails: no journal is ever left for a fresh pack to be
-// read with, and the next process opens what it finds.
-TEST(Load, KeepsAStoreWithoutAUsablePack) {
-  const std::string good = JournalBytes(1).Transaction(0, {StoreRecord(1, "packed")}).Bytes(),
-                    pack = With(good, 24 + 40 + 36, "X"), journal = Journal(1);
-  bool failed = true;
-  for (std::uint64_t n = 1; failed; ++n) {
-    SCOPED_TRACE(n);
-    FreshMachine();
-    SetFile("/s/0.pak", pack);
-    SetFile("/s/0.jrn", journal);
-    SetFile("/s/0.pak.kept-1", "kept earlier");
-    sim::Files().FailCallOf(sim::Call::MoveFile, n, sim::Fault::Error);
-    {
-      const OpenedStore store(1, Policy::Keep);
-      failed = sim::Files().fired() > 0;
-      EXPECT_TRUE(store.All().empty());
-      EXPECT_NE(store.loaded, failed);
-      EXPECT_NE(store.Commit(1, {"fresh"}), failed);
-      EXPECT_NE(Diagnostics().Has("error BlobController::Load /s/0.pak is kept as /s/0.pak.kept-2"),
-                failed);
-    }
-    EXPECT_EQ(blobring::Store("/s", {.slots = 1}).stats().blobCount, failed ? 0U : 1U);
-    EXPECT_EQ(FileBytes("/s/0.pak.kept-1"), "kept earlier");
-    EXPECT_EQ(FileBytes("/s/0.pak.kept-2"), pack);
-    EXPECT_EQ(FileBytes("/s/0.jrn.kept-1"), journal);
-    EXPECT_FALSE(Exists("/s/0.jrn.kept-0") || Exists("/s/0.pak.kept-0"));
-  }
-}
-
-// The damage is in the journal or in its copy, whichever flush fails; no change follows then.
-TEST(Load, ADamagedJournalIsRepairedOnlyOnceItsCopyIsOnDisk) {
-  const std::string journal = With(Journal(3), Journal(1).size() + 80, "X");
-  bool failed = true;
-  for (std::uint64_t n = 1; failed; ++n) {
-    FreshMachine();
-    SetFile("/s/0.pak", JournalBytes(1).Bytes());
-    SetFile("/s/0.jrn", journal);
-    SetFile("/s/1.pak", JournalBytes(1).Bytes());
-    SetFile("/s/1.jrn", JournalBytes().Bytes());
-    sim::Files().FailCallOf(sim::Call::FlushFileBuffers, n, sim::Fault::Error);
-    {
-      const OpenedStore store(2, Policy::Keep);
-      failed = sim::Files().fired() > 0;
-      sim::Files().Heal();
-      EXPECT_NE(store.Commit(9, {"after"}), failed) << "flush " << n;
-    }
-    const auto isKept = [&] {
-      return FileBytes("/s/0.jrn.kept-1") ==
-             journal.substr(0, 24) + journal.substr(Journal(1).size());
-    };
-    EXPECT_TRUE(!Exists("/s/0.jrn.kept-1") || isKept()) << "half a copy, flush " << n;
-    sim::Files().CutPower();
-    sim::Files().Restart();
-    EXPECT_TRUE(FileBytes("/s/0.jrn") == journal || isKept()) << "flush " << n;
-    EXPECT_TRUE(OpenedStore(1, Policy::Keep).Has("blob1"));
-    EXPECT_EQ(StatisticsOf(OpenedStore(1, Policy::Keep).index).damaged, 0) << "said again";
-  }
-}
-
 // By its count a pack is read behind its endOffset, and nothing of that is cut off.
 TEST(Repack, LeavesTheOlderPackAsItWasRead) {
   FreshMachine();
@@ -89,29 +18,6 @@ TEST(Repack, LeavesTheOlderPackAsItWasRead) {
   SetFile("/s/0.pak", pack);
   EXPECT_EQ(BCRepack(OpenedStore(2, Policy::Keep).index), 1);
   EXPECT_EQ(FileBytes("/s/0.pak"), pack);
-}
-
-// Its journal shows that it existed, with a commit in the session of the repack or in a later one.
-TEST(Load, ALostNewestPackIsDamageAndNoRepackEmptiesItsSlotWithoutACopy) {
-  for (const std::size_t length : {0U, 24U}) {
-    for (const bool reopened : {false, true}) {
-      SCOPED_TRACE(testing::Message() << length << (reopened ? ", reopened" : ""));
-      FreshMachine();
-      {
-        const OpenedStore store(2);
-        ASSERT_TRUE(store.Commit(1, {"old"}) && BCRepack(store.index) == 1);
-        ASSERT_TRUE(reopened || store.Commit(2, {"new"}));
-      }
-      ASSERT_TRUE(!reopened || OpenedStore(2).Commit(2, {"new"}));
-      SetFile("/s/1.pak", std::string(length, '\0'));
-      const OpenedStore store(2, Policy::Keep);
-      EXPECT_EQ(StatisticsOf(store.index).damaged, 1);
-      const std::string journal = FileBytes("/s/1.jrn");
-      EXPECT_TRUE(store.Has("old"));
-      ASSERT_EQ(BCRepack(store.index), 1);
-      EXPECT_EQ(FileBytes("/s/1.jrn.kept-1"), journal);
-    }
-  }
 }
 
 // Before a load, slot 0's journal takes a change, and only if the load will find it there.
@@ -134,22 +40,6 @@ TEST(Load, AChangeBeforeItIsFoundOrRefused) {
     EXPECT_EQ(store.Has("early"), taken);
     EXPECT_EQ(store.Has("old"), !torn);
   }
-}
-
-TEST(Load, ASecondOneShowsWhatTheFilesHoldOrNothing) {
-  FreshMachine();
-  SetFile("/s/0.jrn", Journal(3));
-  const OpenedStore store(1, Policy::Keep);
-  EXPECT_EQ(store.Hashes().size(), 3U);
-  sim::Files().FailCallOf(sim::Call::ReadFile, 1, sim::Fault::Error);
-  EXPECT_EQ(BCLoad(store.index), 0);
-  EXPECT_TRUE(store.Hashes().empty());
-  EXPECT_EQ(BCLoad(store.index), 1);
-  EXPECT_EQ(store.Hashes().size(), 3U);
-  sim::Disk& disk = sim::Files().disk;
-  disk.Write(disk.Lookup("/s/0.jrn"), Journal(1).size() + 80, "X", 1);
-  EXPECT_EQ(BCLoad(store.index), 1);
-  EXPECT_EQ(store.All(), std::vector<std::string>{"blob1"});
 }
 
 int Fetched(int index, const std::string& blob) {
