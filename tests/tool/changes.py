@@ -137,6 +137,9 @@ def disturbed():
                     same(int(claim[1]), len(ls("s") - S), say)
                 if claim and command[0] == "put":
                     same(ls("s") - S, hashes(result.out), say)
+                if command[0] == "rm" and "interrupted" in result.err:
+                    same(ls("s"), S, say)
+                    told = True
                 if command[0] == "salvage":  # which is begun anew
                     shutil.rmtree("out", ignore_errors=True)
                 left = temporary()
