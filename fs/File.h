@@ -40,20 +40,20 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
 
   // Reads at most n bytes. Returns how many there were before the end of the file or an error, and
   // sets the platform's code.
-  BLOBRING_HIDDEN unsigned readSome(unsigned char* buf, unsigned n, DWORD& code) const;
+  unsigned readSome(unsigned char* buf, unsigned n, DWORD& code) const;
 
   // What read() throws when only `got` of n bytes are there.
-  BLOBRING_HIDDEN static Failure ShortRead(unsigned n, unsigned got, DWORD code);
+  static Failure ShortRead(unsigned n, unsigned got, DWORD code);
 
   // Makes the file `length` bytes long. Leaves the position there.
-  BLOBRING_HIDDEN void truncate(unsigned length);
+  void truncate(unsigned length);
 
   // Renames this open file in one step over the file at target, which this process may have open as
   // well. Throws as FileSystem::ReplaceFileW does.
-  BLOBRING_HIDDEN void replace(const std::string& target);
+  void replace(const std::string& target);
 
   // True if the path currently names this open file.
-  BLOBRING_HIDDEN bool isAt(const std::string& otherPath) const;
+  bool isAt(const std::string& otherPath) const;
 
   // Makes what was written survive a power cut. True without a platform call for a file that was
   // opened for reading; false when it failed or is closed.
@@ -73,8 +73,8 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   bool IsOpen() const { return isOpen; }
 
  private:
-  BLOBRING_HIDDEN void GuardHandle() const;
-  BLOBRING_HIDDEN void RequireOpen(const char* operation) const;
+  void GuardHandle() const;
+  void RequireOpen(const char* operation) const;
 
   HANDLE handle;
   bool isOpen;

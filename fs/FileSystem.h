@@ -28,11 +28,11 @@ class BLOBRING_EXPORT FileSystem {
 
   // The path, made absolute with the current directory, so that a later change of it leads no file
   // elsewhere. Throws std::runtime_error.
-  BLOBRING_HIDDEN static std::string AbsolutePath(const std::string& path);
+  static std::string AbsolutePath(const std::string& path);
 
   // False if there is no such file. True if there is one, even if another opener has it, and if the
   // platform cannot tell.
-  BLOBRING_HIDDEN static bool Exists(const std::string& path);
+  static bool Exists(const std::string& path);
 
   // Opens a file that no other opener holds. Throws std::runtime_error with the path and the
   // platform's code.
@@ -46,14 +46,14 @@ class BLOBRING_EXPORT FileSystem {
 
   // The same, in one step over a file that has the target's name. This process may have both open.
   // After a failure either file may have the name after a power cut.
-  BLOBRING_HIDDEN static bool ReplaceFileW(const std::string& from, const std::string& to);
+  static bool ReplaceFileW(const std::string& from, const std::string& to);
 
   // Deletes a file; false, after a warning, when that fails.
   static bool Remove(std::u16string path);
   static bool Remove(std::string path);
 
   // Deletes a file, or a link but not what it leads to, if there is one. Throws std::runtime_error.
-  BLOBRING_HIDDEN static void RemoveLeftover(const std::string& path);
+  static void RemoveLeftover(const std::string& path);
 
   // The platform's result; the narrow form drops it.
   static BOOL CreateDirectoryW(const std::u16string& path);

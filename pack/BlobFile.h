@@ -76,14 +76,14 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void Init(std::string filePath, BlobFileMode fileMode, unsigned int reserved);
 
   // Creates the file, which must not exist, empty and with sequence -1, flushed.
-  BLOBRING_HIDDEN void Create(const std::string& filePath, BlobFileMode fileMode);
+  void Create(const std::string& filePath, BlobFileMode fileMode);
 
   // Gives the open file another name in one step, whatever has it.
-  BLOBRING_HIDDEN void Replace(const std::string& target);
+  void Replace(const std::string& target);
 
   // Opens an existing file for reading only. An empty or cut-off one counts as one with a fresh
   // header.
-  BLOBRING_HIDDEN void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);
+  void InitReadOnly(const std::string& filePath, BlobFileMode fileMode);
 
   void ReadHeader();
 
@@ -106,13 +106,13 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
   // StartTransaction, Store and Delete, but the records may stay in memory until the next call that
   // writes.
-  BLOBRING_HIDDEN void BeginTransaction(long long id);
-  BLOBRING_HIDDEN void Gather(BlobFileEntry& entry, const BlobPair& blob);
-  BLOBRING_HIDDEN void GatherDelete(BlobFileEntry& entry);
+  void BeginTransaction(long long id);
+  void Gather(BlobFileEntry& entry, const BlobPair& blob);
+  void GatherDelete(BlobFileEntry& entry);
 
   // Adds data to another digest and, side by side with it, the waiting records to the transaction's
   // own.
-  BLOBRING_HIDDEN void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
+  void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
     writer.DigestBeside(other, data, size);
   }
 
@@ -121,13 +121,13 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   bool EndTransaction(long long id);
 
   // Forgets what was written since the last commit.
-  BLOBRING_HIDDEN void CancelTransaction();
+  void CancelTransaction();
 
   // Sets the pack generation; it reaches the disk with the next header.
-  BLOBRING_HIDDEN void SetSequence(std::int32_t sequence) { header.sequence = sequence; }
+  void SetSequence(std::int32_t sequence) { header.sequence = sequence; }
 
   // Commits the header alone, with what SetSequence gave it.
-  BLOBRING_HIDDEN void CommitHeader();
+  void CommitHeader();
 
   // Reads the store record at offset into blob, whose buffer must hold it. Sets the pair's hash to
   // the record's: a caller that wants a certain blob compares. False, after a message, when there
@@ -142,18 +142,17 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::uint32_t asked;
     std::uint32_t code;
   };
-  BLOBRING_HIDDEN bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
-                                BlobPair::Patience patience);
+  bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+                BlobPair::Patience patience);
 
   // Throws if the record that was read is not that of the wanted blob, of wantedSize bytes.
-  BLOBRING_HIDDEN void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
-                                   std::uint32_t wantedSize) const;
+  void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
+                   std::uint32_t wantedSize) const;
 
-  BLOBRING_HIDDEN RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes,
-                                       std::uint32_t size);
+  RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
 
   // GetBlob, with or without waiting for a size that does not fit.
-  BLOBRING_HIDDEN bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
+  bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
 
   // Replays the committed records and appends their entries to out, whole transactions only. False,
   // after a message, when the file is damaged; out then holds what came before the damage. Throws
@@ -161,44 +160,44 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   bool Load(Entries& out);
 
   // The same, but such an end is one of the damages. CutShort() is then the text of the read.
-  BLOBRING_HIDDEN bool LoadRecords(Entries& out);
-  BLOBRING_HIDDEN const std::string& CutShort() const { return loaded.cutShort; }
+  bool LoadRecords(Entries& out);
+  const std::string& CutShort() const { return loaded.cutShort; }
 
   // Load reports its progress to it, in bytes.
-  BLOBRING_HIDDEN void SetProgress(const ProgressCall* call) { loadProgress = call; }
+  void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
   // What the last Load found. LoadedAll: exactly what the header counts. LastIsTorn: all but the
   // last transaction, of which a power cut can have left what there is (TornCommit.h). WholeBehind:
   // damage with a whole transaction behind it. MissingRecords: what the header counts more.
-  BLOBRING_HIDDEN bool LoadedAll() const;
-  BLOBRING_HIDDEN bool LastIsTorn() const { return loaded.rest.isTorn; }
-  BLOBRING_HIDDEN bool WholeBehind() const { return loaded.rest.wholeBehind; }
-  BLOBRING_HIDDEN std::uint32_t MissingRecords() const {
+  bool LoadedAll() const;
+  bool LastIsTorn() const { return loaded.rest.isTorn; }
+  bool WholeBehind() const { return loaded.rest.wholeBehind; }
+  std::uint32_t MissingRecords() const {
     return header.recordCount - std::min(loaded.count, header.recordCount);
   }
   // Where the last whole transaction ends, and where the records that the header counts end: at the
   // end of the file if the header cannot be believed.
-  BLOBRING_HIDDEN std::uint32_t LoadedEnd() const { return loaded.end; }
-  BLOBRING_HIDDEN std::uint32_t CoveredEnd() const;
+  std::uint32_t LoadedEnd() const { return loaded.end; }
+  std::uint32_t CoveredEnd() const;
 
   // Makes the header count exactly what the last Load found, so that the next transaction follows
   // it. The sequence is for a header that cannot be believed, of which nothing is kept. On failure
   // the file is in doubt.
-  BLOBRING_HIDDEN void KeepLoaded(std::int32_t sequence);
+  void KeepLoaded(std::int32_t sequence);
 
   // Flushes what an earlier opener may have left unflushed. On failure returns false and the file
   // is in doubt.
-  BLOBRING_HIDDEN bool Secure();
+  bool Secure();
 
   // Cuts off what lies behind the records, if the file is sound and CutOnClose was called, blank
   // space was made, or a write or transaction came to nothing. Call it before closing the file.
-  BLOBRING_HIDDEN void CutToRecords() noexcept;
-  BLOBRING_HIDDEN void CutOnClose() { cutOnClose = true; }
+  void CutToRecords() noexcept;
+  void CutOnClose() { cutOnClose = true; }
 
-  BLOBRING_HIDDEN State GetState() const { return state; }
-  BLOBRING_HIDDEN bool InDoubt() const { return state == State::InDoubt; }
-  BLOBRING_HIDDEN bool IsDamaged() const { return state == State::Damaged; }
-  BLOBRING_HIDDEN void MarkDamaged() { state = State::Damaged; }
+  State GetState() const { return state; }
+  bool InDoubt() const { return state == State::InDoubt; }
+  bool IsDamaged() const { return state == State::Damaged; }
+  void MarkDamaged() { state = State::Damaged; }
 
   format::FileHeader header;  // ahead of the disk while a transaction is open
   format::TransactionBlock block;
@@ -216,21 +215,20 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::string cutShort;
   };
 
-  BLOBRING_HIDDEN void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,
-                            unsigned disposition);
-  BLOBRING_HIDDEN bool IsNew(std::uint32_t length);
-  BLOBRING_HIDDEN bool HeaderIsSound() const;
-  BLOBRING_HIDDEN void RequireNotInDoubt() const;
-  BLOBRING_HIDDEN void RequireWritable();
-  BLOBRING_HIDDEN void RequireRoom(const format::RecordHead& record) const;
-  BLOBRING_HIDDEN void Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
-                              const RawBuffer& data, std::uint32_t mostGathered);
-  BLOBRING_HIDDEN void AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
-                                 const RawBuffer& data);
-  BLOBRING_HIDDEN void WriteHeader(const format::FileHeader& next);
-  BLOBRING_HIDDEN void Rewrite(const format::FileHeader& next);
-  BLOBRING_HIDDEN bool PutCommittedHeader();
-  [[noreturn]] BLOBRING_HIDDEN void ThrowNotFlushed(const char* what, std::uint32_t code) const;
+  void Open(const std::string& filePath, BlobFileMode fileMode, unsigned access,
+            unsigned disposition);
+  bool IsNew(std::uint32_t length);
+  bool HeaderIsSound() const;
+  void RequireNotInDoubt() const;
+  void RequireWritable();
+  void RequireRoom(const format::RecordHead& record) const;
+  void Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash, const RawBuffer& data,
+              std::uint32_t mostGathered);
+  void AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash, const RawBuffer& data);
+  void WriteHeader(const format::FileHeader& next);
+  void Rewrite(const format::FileHeader& next);
+  bool PutCommittedHeader();
+  [[noreturn]] void ThrowNotFlushed(const char* what, std::uint32_t code) const;
 
   format::FileHeader committed;  // as it is on disk, if it is sound
   BlobFileMode mode = Journal;   // what Init was told, whatever the file says

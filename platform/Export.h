@@ -3,4 +3,3 @@
 #pragma once
 
 #define BLOBRING_EXPORT __attribute__((visibility("default")))
-#define BLOBRING_HIDDEN __attribute__((visibility("hidden")))

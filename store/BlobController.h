@@ -53,7 +53,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   BlobController& operator=(const BlobController&) = delete;
 
   // Opens files for reading only; nothing on disk is ever changed. Call it before AddPackDir.
-  BLOBRING_HIDDEN void SetReadOnly();
+  void SetReadOnly();
 
   // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's directory, and creates
   // them if they are missing. Throws what BlobFile::Init throws; nothing has been added then.
@@ -61,7 +61,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Throws a Failure if slots can no longer be added: the store is loaded or closed, has been
   // changed before a load, or was opened by another process.
-  BLOBRING_HIDDEN void RequireSlotsOpen() const;
+  void RequireSlotsOpen() const;
 
   // Rebuilds the index from the newest pack that reads cleanly and its slot's journal. Under
   // DamagePolicy::Erase, returns false and erases all files if there is no such pack or reading
@@ -81,15 +81,15 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Delete(Hash const& hash);
 
   // Store and Delete, but the record may stay in memory until the next change or the commit.
-  BLOBRING_HIDDEN bool Gather(BlobPair const& blob);
-  BLOBRING_HIDDEN bool GatherDelete(Hash const& hash);
+  bool Gather(BlobPair const& blob);
+  bool GatherDelete(Hash const& hash);
 
   // Computes the hash of a blob and gathers it. Digests blob and waiting records side by side,
   // which takes about as long as the blob alone.
-  BLOBRING_HIDDEN bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
+  bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
   // Announces changes to these hashes, a few dozen at a time, to make their look-ups faster.
-  BLOBRING_HIDDEN void ExpectChanges(const Hash* hashes, std::size_t count) noexcept;
+  void ExpectChanges(const Hash* hashes, std::size_t count) noexcept;
 
   // Whether the store will hold the blob once the open transaction commits.
   bool BlobExists(Hash const& hash) const;
@@ -107,8 +107,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // match its hash, or the store is not loaded; the buffer's bytes are undefined. Never checks or
   // closes the store and never waits.
   enum class Fetched { Read, NotFound, Failed, TooSmall };
-  BLOBRING_HIDDEN Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
-                                std::uint32_t& size);
+  Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
+                std::uint32_t& size);
 
   // Fetch of at most kMostWanted blobs, in the order in which they lie and many digests at a time.
   // Those that are not right so far are fetched by themselves. Takes up to 1.1 MiB of memory while
@@ -120,13 +120,13 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
     std::uint32_t size = 0;  // set as by Fetch
     Fetched result = Fetched::Failed;
   };
-  BLOBRING_HIDDEN void FetchMany(const Hash* hashes, Wanted* wanted, std::size_t count);
+  void FetchMany(const Hash* hashes, Wanted* wanted, std::size_t count);
 
   // Opens a transaction and abandons pending changes.
   bool StartTransaction(long long id);
 
   // Abandons pending changes.
-  BLOBRING_HIDDEN void AbandonPending();
+  void AbandonPending();
 
   // Commits: on disk first, then in the index, where nothing can fail.
   bool EndTransaction(long long id);
@@ -142,15 +142,15 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool Fsck();
 
   // For a check that a jump has left: the next one on this thread runs again.
-  BLOBRING_HIDDEN static void ForgetCheck() noexcept;
+  static void ForgetCheck() noexcept;
 
   // Fsck with progress. Stopped: no fault so far. Throws also if a check is running or the store is
   // not loaded.
   enum class Checked { Sound, Faulty, Stopped };
-  BLOBRING_HIDDEN Checked Check();
+  Checked Check();
 
   // The progress callback of Load, Check and Repack. The caller owns its context.
-  BLOBRING_HIDDEN void SetProgress(const ProgressCall& call) { progress = call; }
+  void SetProgress(const ProgressCall& call) { progress = call; }
 
   // Clears the index and closes all files; false if one did not close. No change is accepted from
   // then on, even if a file is still open.
@@ -167,8 +167,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Writes the first hashes after `after`, or the first of all if that is null, to next. Returns
   // how many: fewer than `capacity` if there are no more.
-  BLOBRING_HIDDEN int NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize],
-                                      int capacity) const;
+  int NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize], int capacity) const;
 
   struct Statistics {
     bool loaded;
@@ -186,9 +185,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
     std::uint64_t journalBytes;
     std::uint64_t repackedBytes;  // what a repack would leave as the pack
   };
-  BLOBRING_HIDDEN Statistics GetStatistics() const;
+  Statistics GetStatistics() const;
 
-  BLOBRING_HIDDEN bool IsLoaded() const { return state == State::Loaded; }
+  bool IsLoaded() const { return state == State::Loaded; }
 
   // Oldest transaction first, then by hash: the order of a repacked pack.
   static bool sortByTransaction(BlobFile::BlobFileEntry const& a, BlobFile::BlobFileEntry const& b);
@@ -230,45 +229,45 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
     }
   };
 
-  BLOBRING_HIDDEN void LoadFiles();
-  BLOBRING_HIDDEN bool LoadNewestPack(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
-  BLOBRING_HIDDEN void FindLostPack();
-  BLOBRING_HIDDEN void LoadJournal(BlobFile::Entries& entries);
-  BLOBRING_HIDDEN bool SetAside(BlobFile& journal);
-  BLOBRING_HIDDEN void MoveFilesAside();
-  BLOBRING_HIDDEN static void NumberMoved(const BlobFile& file);
-  BLOBRING_HIDDEN void KeepSlot(std::uint32_t slot) const;
-  BLOBRING_HIDDEN void Secure(BlobFile& file) const;
-  BLOBRING_HIDDEN void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
-  BLOBRING_HIDDEN const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
+  void LoadFiles();
+  bool LoadNewestPack(BlobFile::Entries& entries);
+  bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
+  void FindLostPack();
+  void LoadJournal(BlobFile::Entries& entries);
+  bool SetAside(BlobFile& journal);
+  void MoveFilesAside();
+  static void NumberMoved(const BlobFile& file);
+  void KeepSlot(std::uint32_t slot) const;
+  void Secure(BlobFile& file) const;
+  void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
+  const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   template <class Write>
-  BLOBRING_HIDDEN bool Change(Hash const& hash, Write write);
+  bool Change(Hash const& hash, Write write);
   template <class Write>
-  BLOBRING_HIDDEN bool DeleteWith(Hash const& hash, Write write);
+  bool DeleteWith(Hash const& hash, Write write);
   template <class Write>
-  BLOBRING_HIDDEN bool StoreWith(BlobPair const& blob, Write write);
-  BLOBRING_HIDDEN void RefuseChanges(FailureCode code, const char* reason);
-  BLOBRING_HIDDEN void RequireOpener() const;
-  BLOBRING_HIDDEN void RequireChangeable() const;
-  BLOBRING_HIDDEN void RequireFirstSlotCurrent();
-  BLOBRING_HIDDEN bool InDoubt() const;
-  BLOBRING_HIDDEN void RequireRepackable() const;
-  BLOBRING_HIDDEN bool IsCurrent(std::uint32_t slot) const;
-  BLOBRING_HIDDEN void RepackIntoNextSlot(BlobFilePtr& unfinished);
-  BLOBRING_HIDDEN void RepackInPlace(BlobFilePtr& unfinished);
-  BLOBRING_HIDDEN BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
-  BLOBRING_HIDDEN static bool TakeForCopy(BatchReader& batch, std::size_t i,
-                                          const BlobFile::Entries& entries, std::size_t number);
-  BLOBRING_HIDDEN static void RequireInPlace(const BlobFile& pack);
-  BLOBRING_HIDDEN void PointTo(const BlobFile::Entries& copied);
-  BLOBRING_HIDDEN bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
-  BLOBRING_HIDDEN static bool CheckBlob(BatchReader& batch, std::size_t i,
-                                        BlobFile::BlobFileEntry const& entry, int position);
-  BLOBRING_HIDDEN Sizes SizesOf() const;
-  BLOBRING_HIDDEN std::uint64_t RepackedSize(const Sizes& sizes) const;
-  BLOBRING_HIDDEN Checked CheckAll(const ProgressCall& call);
-  BLOBRING_HIDDEN void CheckAfterFailure();
+  bool StoreWith(BlobPair const& blob, Write write);
+  void RefuseChanges(FailureCode code, const char* reason);
+  void RequireOpener() const;
+  void RequireChangeable() const;
+  void RequireFirstSlotCurrent();
+  bool InDoubt() const;
+  void RequireRepackable() const;
+  bool IsCurrent(std::uint32_t slot) const;
+  void RepackIntoNextSlot(BlobFilePtr& unfinished);
+  void RepackInPlace(BlobFilePtr& unfinished);
+  BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
+  static bool TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
+                          std::size_t number);
+  static void RequireInPlace(const BlobFile& pack);
+  void PointTo(const BlobFile::Entries& copied);
+  bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
+  static bool CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry,
+                        int position);
+  Sizes SizesOf() const;
+  std::uint64_t RepackedSize(const Sizes& sizes) const;
+  Checked CheckAll(const ProgressCall& call);
+  void CheckAfterFailure();
 
   std::int32_t seq = 0;  // of the current pack; -1 while none has been found
   Files packFiles;       // of each slot
