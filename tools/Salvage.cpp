@@ -89,18 +89,10 @@ bool PrintMisplaced(const SalvagedFiles& found) {
   const auto swapped = found.slotsAreKnown ? FindSwapped(slots) : SwappedFiles();
   for (const auto& [file, text] : swapped) Print("{}\n", text);
   if (!swapped.empty()) return false;
-  int32_t newest = format::kSequenceReset;
-  for (size_t i = 0; i < slots.size(); i += 2)
-    if (slots[i].head.IsLoadable()) newest = std::max(newest, slots[i].head.header.sequence);
-  bool none = true;
-  for (size_t i = 0; i < slots.size(); i += 2) {
-    if (slots[i].head.state == FileHead::State::kMissing ||
-        !IsLost(slots[i], slots[i + 1], i / 2, newest))
-      continue;
-    Print("{}: damaged or lost, it may have been the newest pack\n", slots[i].path);
-    none = false;
-  }
-  return none;
+  const std::vector<size_t> lost = LostPacks(slots);
+  for (const size_t file : lost)
+    Print("{}: damaged or lost, it may have been the newest pack\n", slots[file].path);
+  return lost.empty();
 }
 
 // What to believe of the newest generation. It is the pack of the highest sequence with the journal

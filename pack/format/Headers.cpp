@@ -44,18 +44,4 @@ bool Head::IsLoadable() const {
                                   static_cast<std::int32_t>(header.recordCount) >= 0);
 }
 
-const char* NameOf(Head::State state) {
-  switch (state) {
-    case Head::State::kMissing:
-      return "missing";
-    case Head::State::kNew:
-      return "new";
-    case Head::State::kSound:
-      return "sound";
-    case Head::State::kDamaged:
-      break;
-  }
-  return "damaged";
-}
-
 }  // namespace format

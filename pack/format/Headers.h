@@ -46,6 +46,9 @@ struct Head {
 };
 
 // As people read them: "missing", "new", "sound" or "damaged".
-const char* NameOf(Head::State state);
+inline const char* NameOf(Head::State state) {
+  constexpr const char* kNames[] = {"missing", "new", "sound", "damaged"};
+  return kNames[static_cast<int>(state)];
+}
 
 }  // namespace format

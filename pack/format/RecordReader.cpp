@@ -239,7 +239,6 @@ bool RecordReader::Take(const Lane& lane) {
   result.remaining -= found + 2;
   result.recordCount += transaction.RecordCount();
   result.end = transaction.End();
-  ++result.transactionCount;
   ++result.transactionsAtEnd;
   return true;
 }

@@ -76,8 +76,7 @@ struct Break {
 struct ReadResult {
   std::uint64_t end = kFileHeaderSize;  // of the whole transactions
   std::uint64_t recordCount = 0;        // in them
-  std::uint64_t transactionCount = 0;   // whole
-  std::uint64_t transactionsAtEnd = 0;  // of these, behind the last record outside any
+  std::uint64_t transactionsAtEnd = 0;  // whole ones, behind the last record outside any
   std::int64_t remaining = 0;           // records that the header counts more
   std::int64_t leftOut = 0;             // of a transaction in which the count ends
   Break broken;

@@ -100,17 +100,12 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
     if (file.head.state == FileHead::State::kDamaged)
       faults.push_back({file.path, 0, std::nullopt, 0, "damaged header"});
   }
-  if (isStore)
-    for (const auto& [file, text] : FindSwapped(files))
-      faults.push_back({files[file].path, 0, std::nullopt, 0, text});
-  int32_t newest = format::kSequenceReset;
-  for (size_t i = 0; isStore && i < files.size(); i += 2)
-    if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
-  for (size_t i = 0; isStore && i < files.size(); i += 2)
-    if (files[i].head.state != FileHead::State::kMissing &&
-        files[i].head.state != FileHead::State::kDamaged &&
-        IsLost(files[i], files[i + 1], i / 2, newest))
-      faults.push_back({files[i].path, 0, std::nullopt, 0, "lost, maybe the newest pack"});
+  if (!isStore) return faults;
+  for (const auto& [file, text] : FindSwapped(files))
+    faults.push_back({files[file].path, 0, std::nullopt, 0, text});
+  for (const size_t file : LostPacks(files))
+    if (files[file].head.state != FileHead::State::kDamaged)
+      faults.push_back({files[file].path, 0, std::nullopt, 0, "lost, maybe the newest pack"});
   return faults;
 }
 

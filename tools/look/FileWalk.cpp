@@ -18,12 +18,12 @@ class Listener final : public format::ReadListener {
     if (options_.record)
       format::VisitRecords(file_, transaction.BodyOffset(), transaction.BodyEnd(),
                            [this](const format::Record& record) {
-                             options_.record(WalkedRecord(record));
+                             options_.record(record);
                              return true;
                            });
   }
   void OnSingle(const format::Record& record) override {
-    if (options_.record) options_.record(WalkedRecord(record));
+    if (options_.record) options_.record(record);
   }
   void OnDigested(uint64_t end) override {
     if (options_.progress) options_.progress(end);
@@ -75,15 +75,14 @@ Walked Walk(SalvageFile& file, const FileHead& head, const WalkOptions& options)
   Listener listener(file, options);
   format::RecordReader reader(file, head.header, listener,
                               options.digest ? Digests::kCompare : Digests::kIgnore);
-  const format::ReadResult found = reader.Run();
-  Walked walked = {found.end, found.recordCount, found.transactionCount, {}, found.mismatched};
-  if (!found.broken) return walked;
-  const Break& broken = found.beneath ? found.beneath : found.broken;
+  Walked walked = {reader.Run(), {}};
+  if (!walked.broken) return walked;
+  const Break& broken = walked.beneath ? walked.beneath : walked.broken;
   walked.damage = Damage{broken.offset, std::string(WordsFor(broken))};
   const bool isPack = head.header.mode == 1;  // of one transaction, which nothing can tear
-  if (isPack || found.remaining <= 0) return walked;
+  if (isPack || walked.remaining <= 0) return walked;
   walked.lastIsTorn = reader.JudgeRest().isTorn;
-  const auto missing = static_cast<uint64_t>(found.remaining);
+  const auto missing = static_cast<uint64_t>(walked.remaining);
   if (walked.lastIsTorn)
     walked.damage->what = torn::kText;
   else

@@ -87,7 +87,7 @@ class Inspector {
       PrintTransaction(file, transaction, "ok");
     };
     if (options_.records)
-      walk.record = [&](const WalkedRecord& record) {
+      walk.record = [&](const format::Record& record) {
         if (!skipRecords) PrintRecord(record, "committed");
       };
     const Walked walked = Walk(file, head, walk);
@@ -152,27 +152,26 @@ class Inspector {
            std::to_array(transaction.block.digest);
   }
 
-  void PrintRecord(const WalkedRecord& record, std::string_view state) {
+  void PrintRecord(const format::Record& record, std::string_view state) {
+    const char* const op = record.IsStore() ? "store" : "delete";
+    const std::string hash = HashOf(record).text();
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "record"},
                            {"file", path_},
                            {"offset", record.offset},
-                           {"op", record.isStore ? "store" : "delete"},
-                           {"id", record.transactionId},
-                           {"hash", record.hash.text()},
-                           {"size", record.blobSize},
+                           {"op", op},
+                           {"id", record.op.transactionId},
+                           {"hash", hash},
+                           {"size", record.size},
                            {"state", state}}));
-    Line("    {:>10} {:6} {} {:>10} {:>20} {}", record.offset, record.isStore ? "store" : "delete",
-         record.hash.text(), record.blobSize, record.transactionId, state);
+    Line("    {:>10} {:6} {} {:>10} {:>20} {}", record.offset, op, hash, record.size,
+         record.op.transactionId, state);
   }
 
-  void PrintScanned(SalvageFile& file, const SalvagedRecord& record, std::string_view state) {
-    std::array<unsigned char, format::kOpHeaderSize> op;
-    file.Read(record.offset, op.data(), op.size());
-    const bool isStore = record.kind != SalvagedRecord::Kind::kDelete;
-    PrintRecord({record.offset, format::OpHeader::Decode(op.data()).transactionId, record.hash,
-                 isStore, record.blobSize},
-                state);
+  void PrintScanned(SalvageFile& file, uint64_t offset, std::string_view state) {
+    std::array<unsigned char, format::kStoreHeadSize> head;
+    file.Read(offset, head.data(), head.size());
+    PrintRecord({format::RecordHead::Decode(head.data()), offset}, state);
   }
 
   void PrintDamage(SalvageFile& file, const Walked& walked) {
@@ -183,7 +182,8 @@ class Inspector {
       if (record.offset < damage.offset || !scan.IsCommitted(record)) continue;
       const bool isSound = record.kind != SalvagedRecord::Kind::kBroken;
       soundBeyond += isSound ? 1 : 0;
-      if (options_.records || !isSound) PrintScanned(file, record, isSound ? "sound" : "damaged");
+      if (options_.records || !isSound)
+        PrintScanned(file, record.offset, isSound ? "sound" : "damaged");
     }
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "damage"},
@@ -200,7 +200,7 @@ class Inspector {
     const bool isSound = head.state == FileHead::State::kSound;
     const uint64_t at = isSound ? head.header.endOffset : walked.end;
     const Rest rest =
-        RestOf(file, head.header, at, [this](const WalkedRecord& record, std::string_view state) {
+        RestOf(file, head.header, at, [this](const format::Record& record, std::string_view state) {
           if (options_.records) PrintRecord(record, state);
         });
     if (rest.size == 0) return;
@@ -229,17 +229,10 @@ class Inspector {
 std::vector<std::string> FilesOf(const std::string& path) {
   std::error_code ignored;
   if (!stdfs::is_directory(path, ignored)) return {path};
+  const std::vector<SlotFile> files = LayoutOf({path, 0, {}, false}, Access::kLook).ReadFiles();
   std::vector<std::string> paths;
-  std::set<std::string> directories;
-  for (const SlotFile& file : LayoutOf({path, 0, {}, false}, Access::kLook).ReadFiles()) {
-    paths.push_back(file.path);
-    directories.insert(stdfs::path(file.path).parent_path().string());
-  }
-  for (const std::string& directory : directories)
-    for (const auto& entry : stdfs::directory_iterator(directory, ignored)) {
-      const auto name = format::FileName::Parse(entry.path().filename().string());
-      if (name && !name->IsOfSlot()) paths.push_back(entry.path().string());
-    }
+  for (const SlotFile& file : files) paths.push_back(file.path);
+  for (const std::string& leftover : LeftoversBeside(files)) paths.push_back(leftover);
   return paths;
 }
 

@@ -18,19 +18,18 @@ namespace stdfs = std::filesystem;
 void AddChanges(const StoreView& view, size_t journal, const format::Transaction& transaction,
                 std::string& text) {
   format::VisitRecords(view.file(journal), transaction.BodyOffset(), transaction.BodyEnd(),
-                       [&](const format::Record& read) {
-                         const WalkedRecord record(read);
+                       [&](const format::Record& record) {
                          if (consoleOptions.json) {
                            Json change = {{"type", "change"},
                                           {"transaction", transaction.start.transactionId},
-                                          {"change", record.isStore ? "added" : "removed"},
-                                          {"hash", record.hash.text()}};
-                           if (record.isStore) change["size"] = record.blobSize;
+                                          {"change", record.IsStore() ? "added" : "removed"},
+                                          {"hash", HashOf(record).text()}};
+                           if (record.IsStore()) change["size"] = record.size;
                            text += JsonLine(change);
-                         } else if (record.isStore) {
-                           text += fmt::format("  + {} {}\n", record.hash.text(), record.blobSize);
+                         } else if (record.IsStore()) {
+                           text += fmt::format("  + {} {}\n", HashOf(record).text(), record.size);
                          } else {
-                           text += fmt::format("  - {}\n", record.hash.text());
+                           text += fmt::format("  - {}\n", HashOf(record).text());
                          }
                          return true;
                        });

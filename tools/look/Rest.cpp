@@ -55,7 +55,7 @@ std::string_view NameOf(Rest::Kind kind) {
 }
 
 Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
-            const std::function<void(const WalkedRecord&, std::string_view)>& record) {
+            const std::function<void(const format::Record&, std::string_view)>& record) {
   if (at >= file.size()) return {};
   const uint64_t size = file.size() - at;
   if (IsZero(file, at)) return {Kind::kZeros, size, "zeros"};
@@ -79,9 +79,8 @@ Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
   uint64_t transactionCount = 0;
   for (std::optional<Found> found = first; found; ++transactionCount) {
     ThrowIfInterrupted();
-    format::VisitRecords(file, found->body, found->bodyEnd, [&](const format::Record& read) {
-      const WalkedRecord each(read);
-      if (each.hash == blobring::Hash()) return false;  // zeros read as stores of nothing
+    format::VisitRecords(file, found->body, found->bodyEnd, [&](const format::Record& each) {
+      if (HashOf(each) == blobring::Hash()) return false;  // zeros read as stores of nothing
       record(each, isOlder ? "stale" : "uncommitted");
       ++count;
       return true;

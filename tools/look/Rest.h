@@ -31,6 +31,6 @@ std::string_view NameOf(Rest::Kind kind);
 // The rest from `at` on. `record` is called for each record of a transaction that begins there, and
 // of those that follow it, with its state: "uncommitted", or "stale" of an older generation.
 Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
-            const std::function<void(const WalkedRecord&, std::string_view)>& record);
+            const std::function<void(const format::Record&, std::string_view)>& record);
 
 }  // namespace tool

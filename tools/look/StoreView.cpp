@@ -103,19 +103,38 @@ bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t 
                             journal.head.state == State::kDamaged, slot, newest);
 }
 
-std::vector<std::string> FilesSetAside(const StoreView& view) {
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
+  int32_t newest = format::kSequenceReset;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
+  std::vector<size_t> lost;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].head.state != State::kMissing && IsLost(files[i], files[i + 1], i / 2, newest))
+      lost.push_back(i);
+  return lost;
+}
+
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files) {
   std::set<std::string> directories;
-  if (!view.isSingleFile())
-    for (const SlotFile& file : view.files())
-      directories.insert(stdfs::path(file.path).parent_path().string());
+  for (const SlotFile& file : files)
+    directories.insert(stdfs::path(file.path).parent_path().string());
   std::vector<std::string> paths;
   std::error_code ignored;
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory, ignored))
       if (const auto name = format::FileName::Parse(entry.path().filename().string());
-          name && name->IsSetAside())
+          name && !name->IsOfSlot())
         paths.push_back(entry.path().string());
   std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+std::vector<std::string> FilesSetAside(const StoreView& view) {
+  if (view.isSingleFile()) return {};
+  std::vector<std::string> paths = LeftoversBeside(view.files());
+  std::erase_if(paths, [](const std::string& path) {
+    return !format::FileName::Parse(stdfs::path(path).filename().string())->IsSetAside();
+  });
   return paths;
 }
 
@@ -287,9 +306,9 @@ Walked StoreView::Take(size_t index) {
     Compact();
     blobs_.reserve(blobs_.size() + more + blobs_.size() / 4);
   };
-  options.record = [this, index](const WalkedRecord& record) {
-    blobs_.push_back({record.hash, record.blobSize, static_cast<uint32_t>(record.offset),
-                      static_cast<uint32_t>(index), !record.isStore, record.transactionId});
+  options.record = [this, index](const format::Record& record) {
+    blobs_.push_back({HashOf(record), record.size, static_cast<uint32_t>(record.offset),
+                      static_cast<uint32_t>(index), !record.IsStore(), record.op.transactionId});
   };
   const FileHead& head = files_[index].head;
   Progress progress("reading " + files_[index].path, 0);

@@ -117,6 +117,12 @@ SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
 // others is of this sequence.
 bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest);
 
+// The packs that are there and lost for all that the headers tell, by their index.
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files);
+
+// What loads and repacks have left in the directories of these files.
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files);
+
 // Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
 std::vector<std::string> FilesSetAside(const StoreView& view);
 

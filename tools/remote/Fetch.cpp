@@ -115,15 +115,15 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
   Buffer buffer;
   uint64_t damagedCount = 0;
   WalkOptions options;
-  options.record = [&](const WalkedRecord& record) {
-    if (!record.isStore) return;
-    Grow(buffer, record.blobSize);
-    const size_t size = file.Read(record.dataOffset(), buffer.data(), record.blobSize);
-    if (DigestOf({buffer.data(), size}) != record.hash)
+  options.record = [&](const format::Record& record) {
+    if (!record.IsStore()) return;
+    Grow(buffer, record.size);
+    const size_t size = file.Read(record.DataOffset(), buffer.data(), record.size);
+    if (DigestOf({buffer.data(), size}) != HashOf(record))
       ++damagedCount;
     else
       pack.index.places.push_back(
-          {record.hash, 0, static_cast<uint32_t>(record.offset), record.blobSize});
+          {HashOf(record), 0, static_cast<uint32_t>(record.offset), record.size});
   };
   const Walked walked = Walk(salvage, head, options);
   pack.index.Sort();

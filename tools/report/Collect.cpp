@@ -110,15 +110,15 @@ class Collector {
     regions.AddUpTo(format::kFileHeaderSize, whole);
     WalkOptions options;
     options.digest = false;
-    options.record = [&](const WalkedRecord& record) {
-      if (record.end() > walked.end) return;  // behind damage that only a digest shows
+    options.record = [&](const format::Record& record) {
+      if (record.End() > walked.end) return;  // behind damage that only a digest shows
       ThrowIfInterrupted();
       if (isCurrent) Count(record);
       if (faults.contains(record.offset)) {
         regions.AddUpTo(record.offset, whole);
-        regions.AddUpTo(record.end(), State::kDamaged);
+        regions.AddUpTo(record.End(), State::kDamaged);
       } else {
-        regions.AddUpTo(record.end(), !isCurrent              ? State::kUnloaded
+        regions.AddUpTo(record.End(), !isCurrent              ? State::kUnloaded
                                       : IsLive(index, record) ? State::kLive
                                                               : State::kDead);
       }
@@ -135,8 +135,8 @@ class Collector {
     regions.AddUpTo(end, State::kUnloaded);
   }
 
-  bool IsLive(size_t index, const WalkedRecord& record) const {
-    const ViewedBlob* const blob = record.isStore ? view_.Find(record.hash) : nullptr;
+  bool IsLive(size_t index, const format::Record& record) const {
+    const ViewedBlob* const blob = record.IsStore() ? view_.Find(HashOf(record)) : nullptr;
     return blob != nullptr && blob->file == index && blob->offset == record.offset;
   }
 
@@ -145,7 +145,7 @@ class Collector {
     using Kind = Rest::Kind;
     const uint64_t begin = regions.end();
     uint64_t end = begin;
-    const auto extend = [&end](const WalkedRecord& record, auto) { end = record.end(); };
+    const auto extend = [&end](const format::Record& record, auto) { end = record.End(); };
     const Kind kind = RestOf(file, header, begin, extend).kind;
     // What an older file left behind may look like a transaction whose header was not written.
     if (kind == Kind::kUnfinished || kind == Kind::kUnfinishedRepack ||
@@ -156,17 +156,17 @@ class Collector {
     regions.AddUpTo(file.size(), last == Kind::kZeros ? State::kFree : State::kOlder);
   }
 
-  void Count(const WalkedRecord& record) {
-    Totals& totals = totals_[record.transactionId];
-    if (record.isStore) {
+  void Count(const format::Record& record) {
+    Totals& totals = totals_[record.op.transactionId];
+    if (record.IsStore()) {
       ++totals.stores;
-      totals.storedBytes += record.blobSize;
-      if (view_.Find(record.hash) == nullptr) deadSizes_[record.hash] = record.blobSize;
+      totals.storedBytes += record.size;
+      if (view_.Find(HashOf(record)) == nullptr) deadSizes_[HashOf(record)] = record.size;
       return;
     }
     ++totals.deletes;
-    const ViewedBlob* const stored = view_.Find(record.hash);
-    totals.deletedBytes += stored != nullptr ? stored->size : deadSizes_[record.hash];
+    const ViewedBlob* const stored = view_.Find(HashOf(record));
+    totals.deletedBytes += stored != nullptr ? stored->size : deadSizes_[HashOf(record)];
   }
 
   void AddTransactions() {
