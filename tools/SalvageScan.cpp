@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "pack/format/RecordReader.h"
 #include "tools/Console.h"
 
 namespace tool {
@@ -33,7 +34,8 @@ struct Candidate {
   blobring::Hash hash() const { return blobring::Hash(std::to_array(head.hash)); }
 };
 
-class Scanner {
+// Follows with the reader that a load uses what that finds whole, and then what is behind it.
+class Scanner final : format::ReadListener {
  public:
   Scanner(const std::string& path, SalvageFile& file, SalvageScan& scan)
       : file_(file), scan_(scan), progress_("scanning " + path, 0) {}
@@ -41,7 +43,8 @@ class Scanner {
   void Run() {
     const uint64_t size = file_.size();
     const uint64_t begin = std::min<uint64_t>(size, format::kFileHeaderSize);
-    for (uint64_t at = begin; (at = Follow(at, size)) < size;) {
+    uint64_t at = format::RecordReader(file_, scan_.head.header, *this).Run().end;
+    while ((at = Follow(at, size)) < size) {
       const uint64_t next = at < scan_.committedEnd ? scan_.committedEnd : size;
       at = transaction_ > at ? std::min(next, transaction_) : next;
     }
@@ -51,6 +54,31 @@ class Scanner {
   }
 
  private:
+  void OnTransaction(size_t /*lane*/, const format::Transaction& transaction) override {
+    AddStructure(transaction.offset, format::kStartSize);
+    format::VisitRecords(file_, transaction.BodyOffset(), transaction.BodyEnd(),
+                         [this](const format::Record& record) {
+                           OnSingle(record);
+                           return true;
+                         });
+    AddStructure(transaction.BodyEnd(), format::kEndSize);
+    AddTransaction(transaction.offset, transaction.End());
+  }
+  void OnSingle(const format::Record& record) override {
+    const Candidate found = {record, {}, record.End() - record.offset};
+    if (record.IsStore()) {
+      TakeBlob(record.offset, found);
+    } else {
+      AddStructure(record.offset, found.size);
+      AddDelete(record.offset, found);
+    }
+  }
+  void OnDigested(uint64_t end) override { progress_.ShowBytes(end, file_.size()); }
+  unsigned char* Lend(size_t size) override {
+    lent_.resize(size);
+    return lent_.data();
+  }
+
   Candidate At(uint64_t at) const {
     constexpr std::array<uint64_t, 4> kSizes = {format::kStoreHeadSize, format::kDeleteSize,
                                                 format::kStartSize, format::kEndSize};
@@ -108,12 +136,27 @@ class Scanner {
   }
 
   void FollowStructure(uint64_t at, const Candidate& record, uint64_t limit) {
-    Add(known_, at, at + record.size);
-    if (at + record.size <= scan_.committedEnd) ++scan_.recordCount;
+    AddStructure(at, record.size);
     if (record.op() == format::kOpStartTransaction) StartTransaction(at, record, limit);
     if (record.op() != format::kOpDelete) return;
+    if (at < completeEnd_)
+      AddDelete(at, record);
+    else
+      ++scan_.deletions;
+  }
+
+  void AddStructure(uint64_t at, uint64_t size) {
+    Add(known_, at, at + size);
+    if (at + size <= scan_.committedEnd) ++scan_.recordCount;
+  }
+  void AddDelete(uint64_t at, const Candidate& record) {
     ++scan_.deletions;
-    if (at < completeEnd_) scan_.records.push_back({at, 0, Kind::kDelete, record.hash()});
+    scan_.records.push_back({at, 0, Kind::kDelete, record.hash()});
+  }
+  void AddTransaction(uint64_t begin, uint64_t end) {
+    completeEnd_ = end;
+    Add(verified_, begin, end);
+    ++scan_.completeTransactions;
   }
 
   // Transactions do not nest; without that rule, false ones could make the time grow with the
@@ -124,12 +167,8 @@ class Scanner {
     if (at >= transaction_ && end + format::kEndSize <= limit &&
         At(end).op() == format::kOpEndTransaction) {
       transaction_ = end;
-      if (file_.Digest(body, record.block.length).bytes() == std::to_array(record.block.digest)) {
-        completeEnd_ = end + format::kEndSize;
-        Add(verified_, at, completeEnd_);
-        ++scan_.completeTransactions;
-        return;
-      }
+      if (file_.Digest(body, record.block.length).bytes() == std::to_array(record.block.digest))
+        return AddTransaction(at, end + format::kEndSize);
     }
     if (at < scan_.committedEnd) ++scan_.incompleteTransactions;
   }
@@ -200,6 +239,7 @@ class Scanner {
   SalvageFile& file_;
   SalvageScan& scan_;
   Progress progress_;
+  std::vector<unsigned char> lent_;
   Ranges known_;     // all records but broken ones
   Ranges verified_;  // those that match a hash or their transaction's digest
   // Of the last transaction, where its end record lies; of the last complete one, its end.

@@ -48,10 +48,10 @@ struct SalvageScan {
   }
 };
 
-// Follows the records from the header on; where they break off, from the end of the transaction and
-// from the end that the header gives. Only then tries every offset in the gaps between what has
-// been verified, and follows what that finds. A blob is believed for its hash alone, a transaction
-// for its digest.
+// Follows the records from the header on as a load does; where they break off, those behind, then
+// those from the end of the transaction and from the end that the header gives. Only then tries
+// every offset in the gaps between what has been verified, and follows what that finds. A blob is
+// believed for its hash alone, a transaction for its digest.
 //
 // Following digests a byte once for its blob and once for its transaction. Probing digests in vain
 // at most a multiple of the gap's size, so no contents make the time grow with the square of the
