@@ -3,7 +3,7 @@
 //
 // A script is the number of slots, a "k" where damaged files are kept, a colon and steps, blanks
 // between them:
-//   S   start a transaction          E   end it           R   repack
+//   S   start a transaction          E   end it           R   repack, R1 one that is stopped
 //   +n  store blob n                 *n  the same by BCPut, which finds the hash
 //   -n  delete blob n                ~n  the same by BCDeleteMany
 //   G   read everything and check
@@ -103,7 +103,7 @@ class Run {
   bool Do(const Step& step);
   void Change(const Step& step);
   bool End();
-  bool Repack();
+  bool Repack(bool isStopped);
   bool ReadAll();
   bool Damage(const Step& step);
   bool LoadAgain(const Step& step);
