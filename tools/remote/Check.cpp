@@ -37,7 +37,7 @@ class Checker {
     http.SetTick([&] { progress.Show(http.requests(), http.bytesReceived()); });
     names_ = remote_.NamesOf(remote_.objects.List("snapshots/"));
     tombs_ = remote_.ReadTombs();
-    indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
+    indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"));
     packs_ = remote_.objects.List("packs/");
     for (const auto& [key, object] : packs_.objects)
       if (NameIn(key).empty()) Find("{} is no pack's name", key);
@@ -76,8 +76,9 @@ class Checker {
       const Snapshot& snapshot = *read;
       uint64_t missing = 0;
       std::string example;
+      PlacesOf placesOf(all);
       for (const blobring::Hash& hash : snapshot.hashes) {
-        if (!PlacesOf(all, hash).empty()) continue;
+        if (!placesOf(hash).empty()) continue;
         if (missing++ == 0) example = hash.text();
       }
       if (missing != 0)
@@ -155,8 +156,9 @@ class Checker {
   void ComparePack(const std::string& key, const Spool& spool, const std::vector<Place>& places) {
     const PackContents pack = ReadPack(key, spool);
     findings_.insert(findings_.end(), pack.findings.begin(), pack.findings.end());
+    PlacesOf placesOf(pack.index);
     for (const Place& place : places) {
-      const auto found = PlacesOf(pack.index, place.hash);
+      const auto found = placesOf(place.hash);
       if (std::any_of(found.begin(), found.end(),
                       [&place](const Place& other) { return other.offset == place.offset; }))
         continue;

@@ -122,9 +122,7 @@ void Index::Add(const Index& other) {
 }
 
 void Index::Sort() {
-  std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
-    return std::tie(a.hash, a.pack, a.offset) < std::tie(b.hash, b.pack, b.offset);
-  });
+  if (!std::is_sorted(places.begin(), places.end())) std::sort(places.begin(), places.end());
 }
 
 std::string Index::Encode() const {
@@ -177,14 +175,16 @@ Index Index::Decode(std::string_view bytes, const std::string& name) {
       throw damaged("a place");
     in += kPlaceSize;
   }
+  if (!std::is_sorted(index.places.begin(), index.places.end())) throw damaged("its order");
   return index;
 }
 
 std::vector<uint64_t> Index::PackSizes() const {
-  std::vector<uint64_t> sizes(packs.size());
+  if (!sizes.empty()) return sizes;
+  std::vector<uint64_t> found(packs.size());
   for (const Place& place : places)
-    sizes[place.pack] = std::max<uint64_t>(sizes[place.pack], place.end() + format::kEndSize);
-  return sizes;
+    found[place.pack] = std::max<uint64_t>(found[place.pack], place.end() + format::kEndSize);
+  return found;
 }
 
 std::string Snapshot::Encode() const {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "blobring/Store.h"
@@ -50,6 +51,9 @@ struct Place {
 
   uint32_t dataOffset() const;
   uint32_t end() const { return dataOffset() + size; }
+  friend bool operator<(const Place& a, const Place& b) {
+    return std::tie(a.hash, a.pack, a.offset) < std::tie(b.hash, b.pack, b.offset);
+  }
 };
 
 // An index: packs, and the places in them in ascending order of hashes.
@@ -59,6 +63,7 @@ struct Place {
 struct Index {
   std::vector<std::string> packs;
   std::vector<Place> places;
+  std::vector<uint64_t> sizes;  // of the packs, where places were left out; else they follow
 
   // Adds another index.
   void Add(const Index& other);

@@ -16,9 +16,7 @@ namespace stdfs = std::filesystem;
 std::optional<std::string> ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) return std::nullopt;
-  std::ostringstream bytes;
-  bytes << file.rdbuf();
-  return std::move(bytes).str();
+  return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 // Flushed, unless it is a mere copy.

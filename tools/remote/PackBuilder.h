@@ -11,7 +11,12 @@
 namespace tool::remote {
 
 constexpr uint64_t kPackSize = uint64_t{16} * 1024 * 1024;  // what packs aim at; bytes
-constexpr size_t kPacksInIndex = 64;  // that a push or a prune publishes at a time
+// What a push or a prune publishes in one index, which a reader has in memory.
+constexpr size_t kPacksInIndex = 64;
+constexpr size_t kPlacesInIndex = 500'000;
+inline bool IsFull(const Index& index) {
+  return index.packs.size() >= kPacksInIndex || index.places.size() >= kPlacesInIndex;
+}
 
 struct BuiltPack {
   std::string name;  // MD5-NONCE

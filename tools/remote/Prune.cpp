@@ -23,7 +23,6 @@ constexpr uint64_t kPackOverhead =   // bytes of a pack that are no records
     format::kFileHeaderSize + format::kStartSize + format::kEndSize;
 
 using Keys = std::set<std::string>;
-using Hashes = std::vector<blobring::Hash>;
 
 class Pruner {
  public:
@@ -107,7 +106,7 @@ class Pruner {
   void Look() {
     for (int look = 1;; ++look) {
       tombs_ = remote_.ReadTombs();
-      indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"), {}, nullptr);
+      indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"));
       packs_ = remote_.objects.List("packs/");
       ReadSnapshots();
       Judge();
@@ -145,15 +144,13 @@ class Pruner {
       for (const auto& [key, name] : names)
         if (forgotten_.count(key) == 0 && broken.count(key) == 0) kept.push_back(name);
       keptCount_ = kept.size();
-      needed_.clear();
+      Union<blobring::Hash> needed;
       Keys read;
       remote_.ReadSnapshots(kept, [&](const std::string& key, const Snapshot& snapshot) {
         read.insert(key);
-        Hashes all;
-        std::set_union(needed_.begin(), needed_.end(), snapshot.hashes.begin(),
-                       snapshot.hashes.end(), std::back_inserter(all));
-        needed_ = std::move(all);
+        needed.Add(snapshot.hashes);
       });
+      needed_ = needed.Take();
       isWhole = read.size() == kept.size();
       for (const SnapshotName& name : kept)
         if (read.count(name.Key()) == 0) broken.insert(name.Key());
@@ -197,18 +194,19 @@ class Pruner {
     // Of several copies the one whose pack has most that is needed: what an earlier prune copied
     // and did not come to mark is not copied again.
     std::vector<uint64_t> most(usable_.packs.size());  // bytes of records
+    PlacesOf usable(usable_);
+    PlacesOf dying(tombed_);
     for (const blobring::Hash& hash : needed_)
-      for (const Place& place : PlacesOf(usable_, hash))
-        most[place.pack] += place.end() - place.offset;
+      for (const Place& place : usable(hash)) most[place.pack] += place.end() - place.offset;
     const auto isWorse = [&](const Place& a, const Place& b) {
       return most[a.pack] * sizes[b.pack] < most[b.pack] * sizes[a.pack];
     };
     std::vector<uint64_t> needed(usable_.packs.size());
     std::vector<Place> chosen;
     for (const blobring::Hash& hash : needed_) {
-      const auto places = PlacesOf(usable_, hash);
+      const auto places = usable(hash);
       if (places.empty()) {
-        const auto tombed = PlacesOf(tombed_, hash);
+        const auto tombed = dying(hash);
         if (!tombed.empty()) rescued_.push_back(tombed[0]);
         continue;
       }
@@ -232,7 +230,7 @@ class Pruner {
       Mark(key);
     }
     for (const Place& place : chosen) {
-      const auto copies = PlacesOf(usable_, place.hash);
+      const auto copies = usable(place.hash);
       if (goes[place.pack])
         moved_.push_back(place);
       else if (std::any_of(copies.begin(), copies.end(),
@@ -309,13 +307,21 @@ class Pruner {
     parts["old"] = Merge(indexes_, [&](const std::string& pack, uint64_t size) {
       return Stays(pack, size) && named.count(pack) == 0;
     });
-    const Index all = Merge(parts, [](const std::string&, uint64_t) { return true; });
-    for (size_t begin = 0; begin < all.packs.size(); begin += kPacksInIndex) {
-      const Keys here(all.packs.begin() + static_cast<ptrdiff_t>(begin),
-                      all.packs.begin() + static_cast<ptrdiff_t>(
-                                              std::min(all.packs.size(), begin + kPacksInIndex)));
-      Publish(Merge({{"", all}},
-                    [&here](const std::string& pack, uint64_t) { return here.count(pack) != 0; }));
+    std::map<std::string, size_t> placeCounts;  // of packs
+    for (const auto& [name, index] : parts) {
+      std::vector<size_t> counts(index.packs.size());
+      for (const Place& place : index.places) ++counts[place.pack];
+      for (size_t i = 0; i < counts.size(); ++i) placeCounts[index.packs[i]] += counts[i];
+    }
+    for (auto at = placeCounts.begin(); at != placeCounts.end();) {
+      Keys here;
+      for (size_t count = 0;
+           at != placeCounts.end() && here.size() < kPacksInIndex && count < kPlacesInIndex; ++at) {
+        here.insert(at->first);
+        count += at->second;
+      }
+      Publish(
+          Merge(parts, [&](const std::string& pack, uint64_t) { return here.count(pack) != 0; }));
     }
   }
 
@@ -348,9 +354,11 @@ class Pruner {
   }
 
   uint64_t CountMissing(const Index* fresh = nullptr) const {
+    PlacesOf inUsable(usable_);
+    PlacesOf inTombed(tombed_);
+    PlacesOf inFresh(fresh != nullptr ? *fresh : tombed_);
     const auto isMissing = [&](const blobring::Hash& hash) {
-      return PlacesOf(usable_, hash).empty() && PlacesOf(tombed_, hash).empty() &&
-             (fresh == nullptr || PlacesOf(*fresh, hash).empty());
+      return inUsable(hash).empty() && inTombed(hash).empty() && inFresh(hash).empty();
     };
     return static_cast<uint64_t>(std::count_if(needed_.begin(), needed_.end(), isMissing));
   }
@@ -376,8 +384,7 @@ class Pruner {
       if (BootSeconds() - start < static_cast<double>(remote_.config.pushSeconds) / 32)
         most = std::min(kMaxBatch, 2 * most);
       // From then on it is not lost when this prune does not come to its end.
-      if (fresh.packs.size() >= kPacksInIndex || BootSeconds() > halfTime_)
-        Publish(std::exchange(fresh, Index()));
+      if (IsFull(fresh) || BootSeconds() > halfTime_) Publish(std::exchange(fresh, Index()));
     }
     ShowRequests();
   }
@@ -434,9 +441,9 @@ class Pruner {
   Tombs tombs_;
   Remote::Indexes indexes_;
   Listing packs_;
-  Hashes needed_;  // by the snapshots that stay; ascending
-  Index usable_;   // of packs that are there and that no tomb names
-  Index tombed_;   // of those that one names
+  std::vector<blobring::Hash> needed_;  // by the snapshots that stay; ascending
+  Index usable_;                        // of packs that are there and that no tomb names
+  Index tombed_;                        // of those that one names
 
   Keys distrusted_;             // packs that do not hold what an index says
   Keys forgotten_;              // snapshots

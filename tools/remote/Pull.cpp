@@ -55,13 +55,14 @@ class Puller {
     std::vector<blobring::Hash> missing = Missing(chosen_.snapshot.hashes);
     doneCount_ = chosen_.snapshot.hashes.size() - missing.size();
     for (int attempt = 0; attempt < kMostAttempts && !missing.empty(); ++attempt) {
-      const Remote::Indexes indexes =
-          remote_.ReadIndexes(remote_.objects.List("index/"), {}, &state_);
+      const Listing indexes = remote_.objects.List("index/");
       const Listing packs = remote_.objects.List("packs/");
-      index_ = Merge(indexes, [&](const std::string& pack, uint64_t size) {
-        if (!remote_.FaultIn(packs, pack, size).empty()) badPacks_.insert(pack);
-        return true;  // a blob that is nowhere else may be whole there
-      });
+      index_ = remote_.FindPlaces(indexes, {}, state_, missing,
+                                  [&](const std::string& pack, uint64_t size) {
+                                    if (!remote_.FaultIn(packs, pack, size).empty())
+                                      badPacks_.insert(pack);
+                                    return true;  // a blob that is nowhere else may be whole there
+                                  });
       Fetch(
           remote_, index_, Places(missing),
           [this](const FetchedBlob& blob) {
@@ -92,8 +93,9 @@ class Puller {
   // Where to read each from: rather not from a pack that was found bad.
   std::vector<Place> Places(const std::vector<blobring::Hash>& hashes) const {
     std::vector<Place> places;
+    PlacesOf placesOf(index_);
     for (const blobring::Hash& hash : hashes) {
-      const auto found = PlacesOf(index_, hash);
+      const auto found = placesOf(hash);
       if (found.empty()) continue;
       const auto good = std::find_if(found.begin(), found.end(), [this](const Place& place) {
         return badPacks_.count(index_.packs[place.pack]) == 0;
@@ -104,7 +106,7 @@ class Puller {
   }
 
   void Name(const blobring::Hash& hash) const {
-    const auto found = PlacesOf(index_, hash);
+    const auto found = PlacesOf(index_)(hash);
     if (found.empty())
       Say("the snapshot {} names the blob {}, which no index has", chosen_.name.Short(),
           hash.text());

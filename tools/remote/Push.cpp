@@ -118,13 +118,15 @@ class Pusher {
     fresh_ = Index();
     builder_ = PackBuilder();
     const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
-    const Remote::Indexes indexes =
-        remote_.ReadIndexes(remote_.objects.List("index/"), tombs.keys, &state_);
+    const Listing indexes = remote_.objects.List("index/");
     const Listing packs = remote_.objects.List("packs/");
     const auto isUsable = [&](const std::string& pack, uint64_t size) {
       return tombs.keys.count(PackKey(pack)) == 0 && remote_.FaultIn(packs, pack, size).empty();
     };
-    const Index present = Merge(indexes, isUsable);
+    std::vector<blobring::Hash> wanted;
+    for (const ViewedBlob& blob : view_->blobs()) wanted.push_back(blob.hash);
+    const Index present = remote_.FindPlaces(indexes, tombs.keys, state_, wanted, isUsable);
+    PlacesOf placesOf(present);
     const std::set<blobring::Hash> pending = TakeUpPending(isUsable, present);
 
     Snapshot snapshot;
@@ -138,7 +140,7 @@ class Pusher {
     bool isThrough = true;
     for (const ViewedBlob* blob : blobs_) {
       if (damaged_.count(blob->hash) != 0) continue;
-      if (PlacesOf(present, blob->hash).empty() && pending.count(blob->hash) == 0) {
+      if (placesOf(blob->hash).empty() && pending.count(blob->hash) == 0) {
         mayUpload = mayUpload && BootSeconds() - start <= limit / 2;
         isThrough = isThrough && mayUpload;
         if (!mayUpload || !Upload(*blob)) continue;
@@ -209,7 +211,7 @@ class Pusher {
     }
     if (builder_.IsFullFor(blob.size)) Send();
     builder_.Add(blob.hash, blob.transactionId, data);
-    if (fresh_.packs.size() >= kPacksInIndex) Publish();
+    if (IsFull(fresh_)) Publish();
     return true;
   }
 

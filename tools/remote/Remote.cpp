@@ -12,6 +12,59 @@ namespace {
 
 constexpr int kMostReads = 3;  // of an object that does not match its digest
 constexpr uint64_t kHeaderBytes = 16384;
+constexpr uint64_t kMaxUnderWay = uint64_t{16} << 20;  // bytes of answers that are held in memory
+
+// See Merge.
+class Merger {
+ public:
+  // With `wanted`, which ascends, places of those alone.
+  explicit Merger(const Remote::UsePack& use, const std::vector<blobring::Hash>* wanted = nullptr)
+      : use_(use), wanted_(wanted) {}
+
+  void Add(const Index& index) {
+    std::vector<std::optional<uint32_t>> renumbered;
+    const std::vector<uint64_t> sizes = index.PackSizes();
+    for (const std::string& pack : index.packs) {
+      const uint64_t size = sizes[renumbered.size()];
+      if (!use_(pack, size)) {
+        renumbered.emplace_back();
+        continue;
+      }
+      const auto number = static_cast<uint32_t>(all_.packs.size());
+      const auto [at, isNew] = numbers_.emplace(pack, number);
+      if (isNew) all_.packs.push_back(pack);
+      if (isNew) all_.sizes.push_back(size);
+      all_.sizes[at->second] = std::max(all_.sizes[at->second], size);
+      renumbered.emplace_back(at->second);
+    }
+    std::vector<Place> places;
+    size_t next = 0;
+    for (Place place : index.places) {
+      if (wanted_ != nullptr) {
+        while (next < wanted_->size() && (*wanted_)[next] < place.hash) ++next;
+        if (next == wanted_->size()) break;
+        if ((*wanted_)[next] != place.hash) continue;
+      }
+      if (!renumbered[place.pack]) continue;
+      place.pack = *renumbered[place.pack];
+      places.push_back(place);
+    }
+    if (!std::is_sorted(places.begin(), places.end())) std::sort(places.begin(), places.end());
+    places_.Add(std::move(places));
+  }
+
+  Index Finish() {
+    all_.places = places_.Take();
+    return std::move(all_);
+  }
+
+ private:
+  const Remote::UsePack& use_;
+  const std::vector<blobring::Hash>* wanted_;
+  Index all_;
+  std::map<std::string, uint32_t> numbers_;  // of packs
+  Union<Place> places_;
+};
 
 }  // namespace
 
@@ -86,7 +139,10 @@ void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
   }
   for (int attempt = 1; !left.empty(); ++attempt) {
     std::map<std::string, Expected> damaged;
+    uint64_t underWay = 0;  // bytes
     for (const auto& [key, expected] : left) {
+      if ((underWay += expected.size) > kMaxUnderWay) objects.http().Finish();
+      if (underWay > kMaxUnderWay) underWay = expected.size;
       const auto done = [&, key = key, expected = expected](Reply& reply) {
         if (reply.status == 404) return;
         if (DigestOf(reply.body) == expected.digest) {
@@ -106,8 +162,9 @@ void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
   }
 }
 
-Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
-                                    const LocalState* state) {
+void Remote::TakeIndexes(const Listing& listing, const std::set<std::string>& skip,
+                         const std::function<void(const std::string&, Index&)>& take,
+                         const LocalState* state) {
   std::map<std::string, Expected> toRead;
   std::set<blobring::Hash> listed;
   for (const auto& [key, object] : listing.objects) {
@@ -119,13 +176,30 @@ Remote::Indexes Remote::ReadIndexes(const Listing& listing, const std::set<std::
     listed.insert(DigestIn(name));
     if (skip.count(key) == 0) toRead[key] = {DigestIn(name), object.size};
   }
-  Indexes indexes;
-  const auto take = [&indexes](const std::string& key, const std::string& bytes) {
-    indexes[NameIn(key)] = Index::Decode(bytes, key);
+  const auto decode = [&take](const std::string& key, const std::string& bytes) {
+    Index index = Index::Decode(bytes, key);
+    take(NameIn(key), index);
   };
-  ReadAll(toRead, take, state, kIndexCopies);
+  ReadAll(toRead, decode, state, kIndexCopies);
   if (state != nullptr) state->DropCopiesBut(kIndexCopies, listed);
+}
+
+Remote::Indexes Remote::ReadIndexes(const Listing& listing) {
+  Indexes indexes;
+  TakeIndexes(
+      listing, {},
+      [&indexes](const std::string& name, Index& index) { indexes[name] = std::move(index); },
+      nullptr);
   return indexes;
+}
+
+Index Remote::FindPlaces(const Listing& listing, const std::set<std::string>& skip,
+                         const LocalState& state, const std::vector<blobring::Hash>& wanted,
+                         const UsePack& use) {
+  Merger merger(use, &wanted);
+  TakeIndexes(
+      listing, skip, [&merger](const std::string&, Index& index) { merger.Add(index); }, &state);
+  return merger.Finish();
 }
 
 std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) {
@@ -191,44 +265,26 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
   return headers;
 }
 
-Index Merge(const Remote::Indexes& indexes,
-            const std::function<bool(const std::string&, uint64_t)>& use) {
-  Index all;
-  std::map<std::string, uint32_t> numbers;
-  for (const auto& [name, index] : indexes) {
-    std::vector<std::optional<uint32_t>> renumbered;
-    const std::vector<uint64_t> sizes = index.PackSizes();
-    for (const std::string& pack : index.packs) {
-      if (!use(pack, sizes[renumbered.size()])) {
-        renumbered.emplace_back();
-        continue;
-      }
-      const auto [at, isNew] = numbers.emplace(pack, static_cast<uint32_t>(all.packs.size()));
-      if (isNew) all.packs.push_back(pack);
-      renumbered.emplace_back(at->second);
-    }
-    for (Place place : index.places) {
-      if (!renumbered[place.pack]) continue;
-      place.pack = *renumbered[place.pack];
-      all.places.push_back(place);
-    }
-  }
-  all.Sort();
-  const auto key = [](const Place& place) {
-    return std::tie(place.hash, place.pack, place.offset);
-  };
-  all.places.erase(std::unique(all.places.begin(), all.places.end(),
-                               [&key](const Place& a, const Place& b) { return key(a) == key(b); }),
-                   all.places.end());
-  return all;
+Index Merge(const Remote::Indexes& indexes, const Remote::UsePack& use) {
+  Merger merger(use);
+  for (const auto& [name, index] : indexes) merger.Add(index);
+  return merger.Finish();
 }
 
-std::span<const Place> PlacesOf(const Index& index, const blobring::Hash& hash) {
+std::span<const Place> PlacesOf::operator()(const blobring::Hash& hash) {
+  if (at_ != 0 && !(places_[at_ - 1].hash < hash)) at_ = 0;  // they did not ascend
+  size_t step = 1;
+  while (at_ + step < places_.size() && places_[at_ + step].hash < hash) {
+    at_ += step;
+    step *= 2;
+  }
   const auto begin = std::lower_bound(
-      index.places.begin(), index.places.end(), hash,
+      places_.begin() + static_cast<ptrdiff_t>(at_),
+      places_.begin() + static_cast<ptrdiff_t>(std::min(at_ + step + 1, places_.size())), hash,
       [](const Place& place, const blobring::Hash& wanted) { return place.hash < wanted; });
   auto end = begin;
-  while (end != index.places.end() && end->hash == hash) ++end;
+  while (end != places_.end() && end->hash == hash) ++end;
+  at_ = static_cast<size_t>(begin - places_.begin());
   return {begin, end};
 }
 

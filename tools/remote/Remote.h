@@ -20,7 +20,10 @@
 //   R9  Before a prune marks a copy of a blob that is needed, it reads the one that stays.
 #pragma once
 
+#include <algorithm>
 #include <functional>
+#include <iterator>
+#include <span>
 
 #include "tools/remote/LocalState.h"
 #include "tools/remote/Objects.h"
@@ -53,12 +56,17 @@ class Remote {
   // for one that can.
   std::string FaultIn(const Listing& packs, const std::string& pack, uint64_t size) const;
 
+  // Whether a pack is to be used, whose size an index gives.
+  using UsePack = std::function<bool(const std::string& pack, uint64_t size)>;
   using Indexes = std::map<std::string, Index>;  // by name
 
-  // The indexes of a listing, except those that `skip` names by their keys. Copies are taken from
-  // and kept in `state`, if there is one. What cannot be read is rejected, here and below.
-  Indexes ReadIndexes(const Listing& listing, const std::set<std::string>& skip,
-                      const LocalState* state);
+  // The indexes of a listing. What cannot be read is rejected, here and below.
+  Indexes ReadIndexes(const Listing& listing);
+  // Where blobs lie, by the indexes of a listing, except those that `skip` names by their keys.
+  // `wanted` is ascending. One index at a time is in memory; copies are kept in `state`.
+  Index FindPlaces(const Listing& listing, const std::set<std::string>& skip,
+                   const LocalState& state, const std::vector<blobring::Hash>& wanted,
+                   const UsePack& use);
 
   std::map<std::string, SnapshotName> NamesOf(const Listing& snapshots);  // by key
   // By Last-Modified; numbers and names decide within one moment of it.
@@ -76,6 +84,9 @@ class Remote {
     blobring::Hash digest;
     uint64_t size = 0;
   };
+  void TakeIndexes(const Listing& listing, const std::set<std::string>& skip,
+                   const std::function<void(const std::string& name, Index& index)>& take,
+                   const LocalState* state);
   // Objects, by key, that are compared with their digests. `take` is called for each that is there,
   // and rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
   void ReadAll(const std::map<std::string, Expected>& wanted,
@@ -87,13 +98,46 @@ class Remote {
   }
 };
 
-// All indexes as one, sorted, each pack and place once: of the packs that `use` accepts, which is
-// given their sizes as each index has them.
-Index Merge(const Remote::Indexes& indexes,
-            const std::function<bool(const std::string& pack, uint64_t size)>& use);
+// Sorted sequences as one, each element once. Those of like length are merged first: an element is
+// moved log n times.
+template <class T>
+class Union {
+ public:
+  void Add(std::vector<T> part) {
+    parts_.push_back(std::move(part));
+    while (parts_.size() > 1 && parts_.end()[-2].size() <= 2 * parts_.back().size()) Join();
+  }
+  std::vector<T> Take() {
+    while (parts_.size() > 1) Join();
+    return parts_.empty() ? std::vector<T>() : std::exchange(parts_, {}).front();
+  }
 
-// The places of a blob in a sorted index.
-std::span<const Place> PlacesOf(const Index& index, const blobring::Hash& hash);
+ private:
+  void Join() {
+    std::vector<T> all;
+    std::vector<T>& a = parts_.end()[-2];
+    all.reserve(a.size() + parts_.back().size());
+    std::set_union(a.begin(), a.end(), parts_.back().begin(), parts_.back().end(),
+                   std::back_inserter(all));
+    a = std::move(all);
+    parts_.pop_back();
+  }
+  std::vector<std::vector<T>> parts_;
+};
+
+// All indexes as one, sorted, each pack and place once: of the packs that `use` accepts.
+Index Merge(const Remote::Indexes& indexes, const Remote::UsePack& use);
+
+// The places of one blob after another in a sorted index: quick where their hashes ascend.
+class PlacesOf {
+ public:
+  explicit PlacesOf(const Index& index) : places_(index.places) {}
+  std::span<const Place> operator()(const blobring::Hash& hash);
+
+ private:
+  const std::vector<Place>& places_;
+  size_t at_ = 0;
+};
 
 // "24h", "90s", "30m", "7d" in seconds. Throws UsageError.
 int64_t DurationOf(const std::string& text);
