@@ -6,10 +6,10 @@
 #include <cstring>
 
 #include "api/Call.h"
-#include "api/Opening.h"
 #include "fs/FileSystem.h"
 #include "md5/MD5.h"
 #include "platform/Trace.h"
+#include "store/Opening.h"
 
 using api::Call;
 using api::Word;
@@ -89,7 +89,12 @@ int BCOpen(const char* directory, const BCOptions* given) {
       !ReadOptions(call, given, options))
     return -1;
   std::vector<std::string> packDirs;
-  const auto find = [&] { return packDirs = api::SlotsToOpen(directory, options), 1; };
+  const auto find = [&] {
+    packDirs =
+        SlotsToOpen(directory, {options.slotCount, options.packDirs, options.eraseDamaged != 0,
+                                options.mustExist != 0, options.readOnly != 0});
+    return 1;
+  };
   if (call.Catch({"BCOpen: "}, 0, find) == 0) return -1;
   int index = -1;
   const auto open = [&] { return Open(call, directory, options, packDirs, index); };

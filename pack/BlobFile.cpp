@@ -438,7 +438,7 @@ void BlobFile::KeepLoaded(std::int32_t sequence) {
   }
 }
 
-bool BlobFile::Secure() {
+bool BlobFile::MakeDurable() {
   if (!file.flush()) state = State::InDoubt;
   return !InDoubt();
 }

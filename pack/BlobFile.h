@@ -187,7 +187,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
   // Flushes what an earlier opener may have left unflushed. On failure returns false and the file
   // is in doubt.
-  bool Secure();
+  bool MakeDurable();
 
   // Cuts off what lies behind the records, if the file is sound and CutOnClose was called, blank
   // space was made, or a write or transaction came to nothing. Call it before closing the file.

@@ -4,12 +4,11 @@
 
 #include <stdexcept>
 
-#include "pack/format/FileNames.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 
 BlobController::BlobController(std::string storeDirectory)
-    : path(std::move(storeDirectory)), openerProcess(GetCurrentProcessId()) {}
+    : slots(std::move(storeDirectory)), openerProcess(GetCurrentProcessId()) {}
 
 BlobController::~BlobController() = default;
 
@@ -19,27 +18,7 @@ void BlobController::SetReadOnly() {
 }
 
 bool BlobController::AddPackDir(std::string dir) {
-  const std::size_t slot = packFiles.size();
-  packFiles.reserve(packFiles.size() + 1);
-  journalFiles.reserve(journalFiles.size() + 1);
-
-  const auto open = [this](const std::string& file, BlobFile::BlobFileMode mode) {
-    BlobFilePtr opened = MakePooled<BlobFile>();
-    if (readOnly) {
-      opened->InitReadOnly(file, mode);
-    } else {
-      opened->Init(file, mode, 0);
-      NumberMoved(*opened);
-    }
-    return opened;
-  };
-  const BlobFilePtr pack = open(format::PackPath(dir, slot), BlobFile::Pack);
-  const BlobFilePtr journal = open(format::JournalPath(path, slot), BlobFile::Journal);
-
-  packFiles.push_back(pack);
-  journalFiles.push_back(journal);
-  if (!curPack) curPack = pack;
-  if (!curJournal) curJournal = journal;
+  slots.Add(dir, readOnly);
   return true;
 }
 
@@ -93,13 +72,9 @@ bool BlobController::Close() {
   RefuseChanges(FailureCode::Closed,
                 "the store is closed, no change is accepted until it is opened again");
   blobs.Clear();
-  if (!readOnly && GetCurrentProcessId() == openerProcess) {
-    for (const BlobFilePtr& pack : packFiles) pack->CutToRecords();
-    for (const BlobFilePtr& journal : journalFiles) journal->CutToRecords();
-  }
+  if (!readOnly && GetCurrentProcessId() == openerProcess) slots.CutToRecords();
   try {
-    for (const BlobFilePtr& pack : packFiles) pack->file.close();
-    for (const BlobFilePtr& journal : journalFiles) journal->file.close();
+    slots.Close();
   } catch (const std::exception& e) {
     trace::engine.CaughtWarnV(e, "BlobController::Close() threw an exception %s", e.what());
     return false;
@@ -120,15 +95,14 @@ bool BlobController::Shutdown(bool) {
 bool BlobController::DeleteFiles() {
   hashCursor.reset();
   state = State::Attached;
-  if (!packFiles.empty()) {
+  if (!slots.empty()) {
     state = State::Closed;
     RefuseChanges(
         FailureCode::Closed,
         "the files of the store were erased, no change is accepted until it is opened again");
   }
   try {
-    for (const BlobFilePtr& pack : packFiles) pack->file.erase();
-    for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
+    slots.Erase();
   } catch (const std::runtime_error& e) {
     trace::engine.CaughtErrorV(e, "BlobController::DeleteFiles() threw an exception %s", e.what());
     return false;

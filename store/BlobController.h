@@ -29,6 +29,7 @@
 #include "platform/Failure.h"
 #include "store/BlobIndex.h"
 #include "store/PendingChanges.h"
+#include "store/Slots.h"
 
 // What a load does with files that it cannot read.
 enum class DamagePolicy {
@@ -41,9 +42,6 @@ class BatchReader;
 class BLOBRING_EXPORT BlobController : public BlobStoreBase {
  public:
   using BlobFilePtr = boost::shared_ptr<BlobFile>;
-  using Files =
-      std::vector<BlobFilePtr,
-                  BlobAllocator<BlobFilePtr, TesselMemoryManager::kContainerPool, kTagFiles>>;
 
   // Does not touch the directory. Throws "Unable to allocate memory".
   explicit BlobController(std::string storeDirectory);
@@ -232,13 +230,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   void LoadFiles();
   bool LoadNewestPack(BlobFile::Entries& entries);
   bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
-  void FindLostPack();
   void LoadJournal(BlobFile::Entries& entries);
   bool SetAside(BlobFile& journal);
-  void MoveFilesAside();
-  static void NumberMoved(const BlobFile& file);
-  void KeepSlot(std::uint32_t slot) const;
-  void Secure(BlobFile& file) const;
   void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   template <class Write>
@@ -251,9 +244,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   void RequireOpener() const;
   void RequireChangeable() const;
   void RequireFirstSlotCurrent();
-  bool InDoubt() const;
   void RequireRepackable() const;
-  bool IsCurrent(std::uint32_t slot) const;
   void RepackIntoNextSlot(BlobFilePtr& unfinished);
   void RepackInPlace(BlobFilePtr& unfinished);
   BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
@@ -270,12 +261,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   void CheckAfterFailure();
 
   std::int32_t seq = 0;  // of the current pack; -1 while none has been found
-  Files packFiles;       // of each slot
-  Files journalFiles;
-  BlobFilePtr curPack;
-  BlobFilePtr curJournal;
+  Slots slots;
   std::uint32_t repackSlot = 0;  // of the last repack
-  std::string path;              // the store's directory
   std::int64_t transactionId = 0;
 
   // An entry is valid until a read finds the blob damaged or in no current file. During a load the
@@ -293,6 +280,3 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool readOnly = false;
   const DWORD openerProcess;
 };
-
-// Highest header sequence first.
-bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b);

@@ -97,17 +97,17 @@ BlobController::Statistics BlobController::GetStatistics() const {
   const Sizes sizes = SizesOf();
   return {
       .loaded = state == State::Loaded,
-      .inDoubt = InDoubt(),
+      .inDoubt = slots.InDoubt(),
       .damaged = damaged,
       .readOnly = readOnly,
       .sequence = seq,
-      .slotCount = static_cast<std::uint32_t>(packFiles.size()),
+      .slotCount = slots.size(),
       .blobCount = blobs.size(),
       .liveBytes = sizes.total,
       .largestBlob = sizes.largest,
       .pendingCount = pending.size(),
-      .packBytes = curPack ? curPack->header.endOffset : 0,
-      .journalBytes = curJournal ? curJournal->header.endOffset : 0,
+      .packBytes = slots.CurPack() ? slots.CurPack()->header.endOffset : 0,
+      .journalBytes = slots.CurJournal() ? slots.CurJournal()->header.endOffset : 0,
       .repackedBytes = blobs.empty() ? format::kFileHeaderSize : RepackedSize(sizes),
   };
 }

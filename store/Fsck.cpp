@@ -88,12 +88,14 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
 
 // Whether a blob lies in one of the current files.
 bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const {
-  if (entry.file && (entry.file == curPack || entry.file == curJournal)) return true;
+  if (entry.file && (entry.file == slots.CurPack() || entry.file == slots.CurJournal()))
+    return true;
   const std::string file = PathOf(entry.file);
-  if (entry.file && (file == PathOf(curPack) || file == PathOf(curJournal))) return true;
+  if (entry.file && (file == PathOf(slots.CurPack()) || file == PathOf(slots.CurJournal())))
+    return true;
   trace::engine.WriteErrorV(
       "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s", hash.toString(),
-      file, PathOf(curPack), PathOf(curJournal));
+      file, PathOf(slots.CurPack()), PathOf(slots.CurJournal()));
   return false;
 }
 

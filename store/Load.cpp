@@ -7,10 +7,6 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b) {
-  return format::IsNewer(a->header.sequence, b->header.sequence);
-}
-
 bool BlobController::Load() {
   try {
     RequireOpener();
@@ -57,16 +53,19 @@ void BlobController::LoadFiles() {
     if (damagePolicy == DamagePolicy::Erase) {
       DeleteFiles();
       trace::engine.CaughtErrorV(
-          Failure(packFiles.empty() ? FailureCode::Refused : FailureCode::Damaged),
+          Failure(slots.empty() ? FailureCode::Refused : FailureCode::Damaged),
           "BlobController::Load no valid Pak files, reseting all files.  All data is lost");
       return;
     }
-    MoveFilesAside();
+    if (slots.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
+    trace::engine.WriteErrorV(
+        "BlobController::Load no valid Pak files, every file is kept under a new name, the store "
+        "goes on empty");
+    slots.MoveAside();
     if (!LoadNewestPack(entries)) throw Failure(FailureCode::Damaged, "no valid Pak files");
   }
   LoadJournal(entries);
-  for (const Files* files : {&packFiles, &journalFiles})
-    for (const BlobFilePtr& file : *files) Secure(*file);
+  slots.MakeDurable();
   if (hasInvalid) blobs.EraseIf([](const BlobIndex::Entry& entry) { return !entry.valid; });
   state = State::Loaded;
 }
@@ -74,12 +73,7 @@ void BlobController::LoadFiles() {
 // Highest sequence first, equal ones in the order of their slots. A pack of sequence -1 was emptied
 // by a repack and never completed: what it holds is nothing that this store would count.
 bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
-  Files packs;
-  packs.reserve(packFiles.size());
-  for (const BlobFilePtr& pack : packFiles)
-    packs.insert(std::upper_bound(packs.begin(), packs.end(), pack, sortBySequence), pack);
-
-  for (const BlobFilePtr& pack : packs) {
+  for (const BlobFilePtr& pack : slots.NewestFirst()) {
     entries.clear();
     if (!LoadPack(*pack, entries)) {
       damaged = true;
@@ -88,10 +82,10 @@ bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
       continue;
     }
     if (pack->header.sequence == format::kSequenceReset) return false;
-    curPack = pack;
+    slots.SetCurPack(pack);
     Apply(entries, pack);
     seq = pack->header.sequence;
-    FindLostPack();
+    if (damagePolicy == DamagePolicy::Keep || readOnly) damaged = slots.MarkLost(seq) || damaged;
     return true;
   }
   return false;
@@ -111,27 +105,9 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
   return sound && (!keeps || !pack.IsDamaged() || !entries.empty());
 }
 
-void BlobController::FindLostPack() {
-  if (damagePolicy == DamagePolicy::Erase && !readOnly) return;
-  for (std::size_t slot = 0; slot < journalFiles.size(); ++slot) {
-    BlobFile& pack = *packFiles[slot];
-    const BlobFile& journal = *journalFiles[slot];
-    const bool isLost =
-        format::IsPackLost(pack.header, journal.header, journal.IsDamaged(), slot, seq);
-    if (!isLost && !pack.IsDamaged()) continue;
-    damaged = true;
-    if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
-    pack.MarkDamaged();
-    trace::engine.WriteErrorV(
-        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
-        "generation is shown",
-        pack.path);
-  }
-}
-
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
-  curJournal = journalFiles[format::SlotOf(seq, static_cast<std::uint32_t>(packFiles.size()))];
-  BlobFile& journal = *curJournal;
+  slots.SetCurJournal(slots.Of(seq));
+  BlobFile& journal = *slots.CurJournal();
   entries.clear();
   journal.SetProgress(&progress);
   const bool sound = journal.LoadRecords(entries);
@@ -154,7 +130,7 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
     // the damage left.
     if (!readOnly && SetAside(journal)) journal.KeepLoaded(seq);
   }
-  Apply(entries, curJournal);
+  Apply(entries, slots.CurJournal());
   progress.Stops(ProgressCall::kLoad, journal.header.endOffset, journal.header.endOffset);
 }
 
@@ -188,15 +164,6 @@ bool BlobController::SetAside(BlobFile& journal) {
   }
 }
 
-// A process may have died between writing this file and flushing it. What is read from memory here
-// must be on disk before anything is built on it: a pack before commits to its journal, a journal's
-// header before records are written over what an older header counts.
-void BlobController::Secure(BlobFile& file) const {
-  if (file.Secure()) return;
-  trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
-                            file.path);
-}
-
 void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) {
   bool isNew = false;
   blobs.Reserve(blobs.size() + entries.size());
@@ -217,32 +184,4 @@ void BlobController::Apply(BlobFile::Entries& entries, const BlobFilePtr& file) 
         trace::engine.WriteWarnV("BlobController::Load invalid BlobFile operation");
     }
   }
-}
-
-// Moves every file aside and goes on with fresh ones. Journals first: a journal is never left
-// beside a fresh pack, which a load would take for its own. If the process dies half way, the next
-// one finds the files that have no number yet, and then either moves the packs that are left or
-// finds the store empty.
-void BlobController::MoveFilesAside() {
-  if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
-  trace::engine.WriteErrorV(
-      "BlobController::Load no valid Pak files, every file is kept under a new name, the store "
-      "goes on empty");
-  for (const Files* files : {&journalFiles, &packFiles}) {
-    for (const BlobFilePtr& file : *files) {
-      file->file.close();
-      kept::MoveAside(file->path);
-    }
-  }
-  for (const BlobFilePtr& pack : packFiles) pack->Init(pack->path, BlobFile::Pack, 0);
-  for (const BlobFilePtr& journal : journalFiles)
-    journal->Init(journal->path, BlobFile::Journal, 0);
-  for (const Files* files : {&journalFiles, &packFiles})
-    for (const BlobFilePtr& file : *files) NumberMoved(*file);
-}
-
-void BlobController::NumberMoved(const BlobFile& file) {
-  const std::string name = kept::NumberMoved(file.path);
-  if (!name.empty())
-    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path, name);
 }

@@ -12,7 +12,6 @@
 
 #include "fs/FileSystem.h"
 #include "pack/BatchReader.h"
-#include "pack/KeptFile.h"
 #include "pack/format/FileNames.h"
 #include "pack/format/Generation.h"
 #include "platform/Failure.h"
@@ -68,7 +67,7 @@ std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
 
 // Throws why not.
 void BlobController::RequireRepackable() const {
-  if (packFiles.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
+  if (slots.empty()) throw Failure(FailureCode::Refused, "the store has no slot");
   if (state != State::Loaded && refusal.code == FailureCode::None)
     throw Failure(FailureCode::Closed, "the store is not loaded");
   RequireChangeable();
@@ -83,21 +82,18 @@ void BlobController::RequireRepackable() const {
     throw Failure(FailureCode::Refused, "the sequence numbers are used up");
 }
 
-bool BlobController::IsCurrent(std::uint32_t slot) const {
-  return packFiles[slot] == curPack || journalFiles[slot] == curJournal;
-}
-
 bool BlobController::Repack() {
   try {
     RequireRepackable();
-    const std::uint32_t slot =
-        format::SlotOf(seq + 1, static_cast<std::uint32_t>(packFiles.size()));
-    if (IsCurrent(slot)) {
-      RequireInPlace(*packFiles[slot]);
+    const std::uint32_t slot = slots.Of(seq + 1);
+    if (slots.IsCurrent(slot)) {
+      RequireInPlace(*slots.Pack(slot));
       // What has this name was left by a repack that was interrupted, or put there by someone else.
-      FileSystem::RemoveLeftover(format::NewPath(packFiles[slot]->path));
+      FileSystem::RemoveLeftover(format::NewPath(slots.Pack(slot)->path));
     }
-    KeepSlot(slot);
+    // The slot may hold what the load had to pass over, or did not look at: a pack that has lost
+    // its header does not say that it is the newest.
+    if (damagePolicy == DamagePolicy::Keep) slots.CopyDamaged(slot);
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(e, "BlobController::Repack() refused: %s", e.what());
     return false;
@@ -106,8 +102,8 @@ bool BlobController::Repack() {
   BlobFilePtr unfinished;
   try {
     seq += 1;
-    repackSlot = format::SlotOf(seq, static_cast<std::uint32_t>(packFiles.size()));
-    if (IsCurrent(repackSlot)) {
+    repackSlot = slots.Of(seq);
+    if (slots.IsCurrent(repackSlot)) {
       RepackInPlace(unfinished);
     } else {
       RepackIntoNextSlot(unfinished);
@@ -115,9 +111,10 @@ bool BlobController::Repack() {
     return true;
   } catch (const Stopped&) {
     seq -= 1;
-    journalFiles[repackSlot]->SetSequence(
-        journalFiles[repackSlot] == curJournal ? seq : format::kSequenceReset);
-    DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
+    slots.Journal(repackSlot)
+        ->SetSequence(slots.Journal(repackSlot) == slots.CurJournal() ? seq
+                                                                      : format::kSequenceReset);
+    DropUnfinished(unfinished, unfinished == slots.Pack(repackSlot));
     trace::engine.CaughtWarnV(Failure(FailureCode::Refused),
                               "BlobController::Repack() stopped: the store is open and as it was");
     return false;
@@ -125,26 +122,14 @@ bool BlobController::Repack() {
     trace::engine.CaughtErrorV(e, "BlobController::Repack() threw an exception %s", e.what());
   }
   CheckAfterFailure();
-  DropUnfinished(unfinished, unfinished == packFiles[repackSlot]);
+  DropUnfinished(unfinished, unfinished == slots.Pack(repackSlot));
   Close();
   return false;
 }
 
-// The slot that is next may hold what the load had to pass over, or what it did not look at: a pack
-// that has lost its header does not say that it is the newest. No repack empties it before both
-// files have been copied.
-void BlobController::KeepSlot(std::uint32_t slot) const {
-  if (!packFiles[slot]->IsDamaged() || damagePolicy != DamagePolicy::Keep) return;
-  for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
-    const std::string copy = kept::CopyAside(file->file, 0, 0, file->file.size(), kept::kMaxCopies);
-    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file->path,
-                              copy);
-  }
-}
-
 void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
-  const BlobFilePtr pack = packFiles[repackSlot];
-  const BlobFilePtr journal = journalFiles[repackSlot];
+  const BlobFilePtr pack = slots.Pack(repackSlot);
+  const BlobFilePtr journal = slots.Journal(repackSlot);
   pack->Reset();
   journal->Reset();
   pack->SetSequence(seq);
@@ -155,35 +140,34 @@ void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
 
   PointTo(copied);
   // On close, cut the previous generation's files to their records as well.
-  curPack->CutOnClose();
-  curJournal->CutOnClose();
-  curPack = pack;
-  curPack->UpdateHeader();  // once more; the pack is in doubt if this flush fails
-  curJournal = journal;
+  slots.CurPack()->CutOnClose();
+  slots.CurJournal()->CutOnClose();
+  slots.SetCurPack(pack);
+  pack->UpdateHeader();  // once more; the pack is in doubt if this flush fails
+  slots.SetCurJournal(repackSlot);
 }
 
 void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
-  const BlobFilePtr old = packFiles[repackSlot];
-  const BlobFilePtr journal = journalFiles[repackSlot];
+  const BlobFilePtr old = slots.Pack(repackSlot);
+  const BlobFilePtr journal = slots.Journal(repackSlot);
   unfinished = MakePooled<BlobFile>();
   unfinished->Create(format::NewPath(old->path), BlobFile::Pack);
   unfinished->SetSequence(seq);
   const BlobFile::Entries copied = CopyBlobs(unfinished);
-  if (journal != curJournal) journal->Reset();
+  if (journal != slots.CurJournal()) journal->Reset();
   RequireInPlace(*old);
   // Both stay open: no other opener gets either, and after a failure the old pack is there to read.
   unfinished->Replace(old->path);
   const BlobFilePtr fresh = unfinished;
   unfinished.reset();
-  packFiles[repackSlot] = fresh;
-  curPack = fresh;
+  slots.ReplacePack(repackSlot, fresh);
 
   PointTo(copied);
   // A blob that could not be copied went with the old pack.
   blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
-  if (journal == curJournal) journal->Reset();
+  if (journal == slots.CurJournal()) journal->Reset();
   journal->SetSequence(seq);
-  curJournal = journal;
+  slots.SetCurJournal(repackSlot);
 }
 
 // A directory that was renamed since the store was opened has taken the pack with it. What its path

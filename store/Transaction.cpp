@@ -6,12 +6,6 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-bool BlobController::InDoubt() const {
-  const auto isInDoubt = [](const BlobFilePtr& file) { return file->InDoubt(); };
-  return std::any_of(packFiles.begin(), packFiles.end(), isInDoubt) ||
-         std::any_of(journalFiles.begin(), journalFiles.end(), isInDoubt);
-}
-
 void BlobController::RefuseChanges(FailureCode code, const char* reason) {
   // Says more than what comes later, until the store is closed.
   if (refusal.code == FailureCode::ReadOnly && code != FailureCode::Closed) return;
@@ -26,9 +20,9 @@ void BlobController::RequireOpener() const {
 
 void BlobController::RequireChangeable() const {
   if (refusal.code != FailureCode::None) throw Failure(refusal.code, refusal.reason);
-  if (!curJournal) throw Failure(FailureCode::Refused, "the store has no slot");
+  if (!slots.CurJournal()) throw Failure(FailureCode::Refused, "the store has no slot");
   RequireOpener();
-  if (InDoubt())
+  if (slots.InDoubt())
     throw Failure(FailureCode::InDoubt,
                   "a flush has failed, no change is accepted until the store is disposed of and "
                   "opened again");
@@ -38,11 +32,11 @@ void BlobController::RequireChangeable() const {
 // stands before it in the journal.
 void BlobController::RequireFirstSlotCurrent() {
   if (state != State::Attached) return;
-  BlobFile& newest = **std::min_element(packFiles.begin(), packFiles.end(), sortBySequence);
+  BlobFile& newest = *slots.NewestFirst().front();
   const std::int32_t sequence = newest.header.sequence;
   BlobFile::Entries entries;
-  if (sequence < 0 || format::SlotOf(sequence, static_cast<std::uint32_t>(packFiles.size())) != 0 ||
-      !LoadPack(newest, entries) || !curJournal->Load(entries) || !curJournal->LoadedAll())
+  if (sequence < 0 || slots.Of(sequence) != 0 || !LoadPack(newest, entries) ||
+      !slots.CurJournal()->Load(entries) || !slots.CurJournal()->LoadedAll())
     throw Failure(FailureCode::Refused,
                   "the store is not loaded, and a load may not find what slot 0 takes");
   state = State::Changed;
@@ -73,11 +67,11 @@ bool BlobController::Change(Hash const& hash, Write write) {
   const bool isFirst = pending.empty();
   pending.Add(hash, [&](BlobFile::BlobFileEntry& entry) {
     try {
-      if (isFirst) curJournal->BeginTransaction(transactionId);
+      if (isFirst) slots.CurJournal()->BeginTransaction(transactionId);
       entry.transactionId = transactionId;
       write(entry);
     } catch (...) {
-      if (isFirst) curJournal->CancelTransaction();
+      if (isFirst) slots.CurJournal()->CancelTransaction();
       throw;
     }
   });
@@ -96,7 +90,7 @@ bool BlobController::StoreWith(BlobPair const& blob, Write write) {
     }
     return Change(blob.hash, [&](BlobFile::BlobFileEntry& entry) {
       write(entry);
-      entry.file = curJournal;
+      entry.file = slots.CurJournal();
       entry.valid = true;
     });
   } catch (const std::exception& e) {
@@ -107,17 +101,19 @@ bool BlobController::StoreWith(BlobPair const& blob, Write write) {
 }
 
 bool BlobController::Store(BlobPair const& blob) {
-  return StoreWith(blob, [&](BlobFile::BlobFileEntry& entry) { curJournal->Store(entry, blob); });
+  return StoreWith(blob,
+                   [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Store(entry, blob); });
 }
 
 bool BlobController::Gather(BlobPair const& blob) {
-  return StoreWith(blob, [&](BlobFile::BlobFileEntry& entry) { curJournal->Gather(entry, blob); });
+  return StoreWith(
+      blob, [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Gather(entry, blob); });
 }
 
 bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& hash) {
   MD5 key;
-  if (curJournal) {
-    curJournal->DigestBeside(key, data, size);
+  if (slots.CurJournal()) {
+    slots.CurJournal()->DigestBeside(key, data, size);
   } else {
     key.update(data, size);
   }
@@ -147,17 +143,19 @@ bool BlobController::DeleteWith(Hash const& hash, Write write) {
 }
 
 bool BlobController::Delete(Hash const& hash) {
-  return DeleteWith(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->Delete(entry); });
+  return DeleteWith(hash,
+                    [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Delete(entry); });
 }
 
 bool BlobController::GatherDelete(Hash const& hash) {
-  return DeleteWith(hash, [&](BlobFile::BlobFileEntry& entry) { curJournal->GatherDelete(entry); });
+  return DeleteWith(
+      hash, [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->GatherDelete(entry); });
 }
 
 // What was written lies past the journal's committed end, where the next transaction goes.
 void BlobController::AbandonPending() {
   if (pending.empty()) return;
-  if (curJournal) curJournal->CancelTransaction();
+  if (slots.CurJournal()) slots.CurJournal()->CancelTransaction();
   pending.Clear();
 }
 
@@ -165,7 +163,7 @@ bool BlobController::StartTransaction(long long id) {
   try {
     transactionId = id;
     AbandonPending();
-    if (state == State::Closed || InDoubt()) RequireChangeable();
+    if (state == State::Closed || slots.InDoubt()) RequireChangeable();
     return true;
   } catch (const std::exception& e) {
     trace::engine.CaughtWarnV(
@@ -180,7 +178,7 @@ bool BlobController::EndTransaction(long long id) {
     if (state == State::Closed) RequireChangeable();
     if (pending.empty()) return true;
     RequireChangeable();
-    curJournal->EndTransaction(id);
+    slots.CurJournal()->EndTransaction(id);
   } catch (const std::exception& e) {
     trace::engine.CaughtWarnV(
         e, "BlobController::EndTransaction() threw an exception transactionId %d exception %s",

@@ -1,4 +1,4 @@
-#include "api/Opening.h"
+#include "store/Opening.h"
 
 #include <algorithm>
 #include <cstring>
@@ -13,8 +13,6 @@
 #include "pack/format/Generation.h"
 #include "pack/format/Headers.h"
 #include "platform/Failure.h"
-
-namespace api {
 
 namespace {
 
@@ -56,7 +54,7 @@ SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
   return file;
 }
 
-struct Slots {
+struct SlotsOnDisk {
   std::vector<SlotFile> packs;
   std::vector<SlotFile> journals;
 
@@ -69,8 +67,8 @@ struct Slots {
   }
 };
 
-Slots InspectAll(const std::string& directory, const std::vector<std::string>& packDirs) {
-  Slots slots;
+SlotsOnDisk InspectAll(const std::string& directory, const std::vector<std::string>& packDirs) {
+  SlotsOnDisk slots;
   for (std::size_t slot = 0; slot < packDirs.size(); ++slot) {
     slots.packs.push_back(Inspect(format::PackPath(packDirs[slot], slot), BlobFile::Pack));
     slots.journals.push_back(Inspect(format::JournalPath(directory, slot), BlobFile::Journal));
@@ -80,14 +78,14 @@ Slots InspectAll(const std::string& directory, const std::vector<std::string>& p
 
 // A file of the layout may be damaged; it is the load that deals with it. But what no store can
 // have written may be another's, and a link may have led here.
-void RequireOurs(const Slots& slots, bool hasLayout) {
+void RequireOurs(const SlotsOnDisk& slots, bool hasLayout) {
   const auto isStrange = [&](const SlotFile& f) { return hasLayout ? f.isForeign : !f.isOurs; };
   if (const SlotFile* file = slots.First(isStrange))
     throw Failure(FailureCode::Refused, file->path, " is not a file of a store");
 }
 
 // Without a layout file, the files themselves must agree with the slots.
-void RequireTheseSlots(const std::string& directory, const Slots& slots) {
+void RequireTheseSlots(const std::string& directory, const SlotsOnDisk& slots) {
   const auto count = static_cast<std::uint32_t>(slots.packs.size());
   for (std::uint32_t slot = count; slot < count + kSlotsAhead; ++slot) {
     const std::string journal = format::JournalPath(directory, slot);
@@ -107,7 +105,7 @@ void RequireTheseSlots(const std::string& directory, const Slots& slots) {
 // A new store's files are created in order, each flushed, before anything is committed: where that
 // was interrupted, the last ones are missing and the rest is unused. A load that moves all files
 // aside says so by a name.
-void RequireNoneMissing(const std::string& directory, const Slots& slots, bool mustExist,
+void RequireNoneMissing(const std::string& directory, const SlotsOnDisk& slots, bool mustExist,
                         bool hasLayout) {
   const auto isUsed = [](const SlotFile& f) { return f.isUsed; };
   const auto exists = [](const SlotFile& f) { return f.exists; };
@@ -130,7 +128,7 @@ void RequireNoneMissing(const std::string& directory, const Slots& slots, bool m
                   "; is the disk that holds it mounted?");
 }
 
-void RequireNewestPack(const Slots& slots) {
+void RequireNewestPack(const SlotsOnDisk& slots) {
   const auto older = [](const SlotFile& a, const SlotFile& b) { return a.sequence < b.sequence; };
   const SlotFile& pack = *std::max_element(slots.packs.begin(), slots.packs.end(), older);
   const SlotFile& journal = *std::max_element(slots.journals.begin(), slots.journals.end(), older);
@@ -159,7 +157,7 @@ std::string AbsoluteDirectory(const std::string& given) {
 
 // The directories that the layout file names, with which the options must agree.
 std::vector<std::string> RecordedDirs(const std::string& directory, const std::string& conf,
-                                      const std::string& text, const BCOptions& options) {
+                                      const std::string& text, const OpenOptions& options) {
   auto [packDirs, error] = format::Conf::Parse(conf, text);
   if (!error.empty()) throw Failure(FailureCode::Damaged, error);
   if (options.slotCount != 0 && options.slotCount != packDirs.size())
@@ -176,7 +174,7 @@ std::vector<std::string> RecordedDirs(const std::string& directory, const std::s
   return packDirs;
 }
 
-std::vector<std::string> GivenDirs(const std::string& directory, const BCOptions& options) {
+std::vector<std::string> GivenDirs(const std::string& directory, const OpenOptions& options) {
   const std::uint32_t slotCount =
       options.slotCount != 0 ? options.slotCount : format::kDefaultSlots;
   if (slotCount > format::kMaxSlots)
@@ -188,18 +186,16 @@ std::vector<std::string> GivenDirs(const std::string& directory, const BCOptions
 
 }  // namespace
 
-std::vector<std::string> SlotsToOpen(const std::string& directory, const BCOptions& options) {
+std::vector<std::string> SlotsToOpen(const std::string& directory, const OpenOptions& options) {
   const std::string conf = directory + "/" + format::Conf::kFileName;
   const std::optional<std::string> text = ReadLayout(conf);
   std::vector<std::string> packDirs =
       text ? RecordedDirs(directory, conf, *text, options) : GivenDirs(directory, options);
-  const Slots slots = InspectAll(directory, packDirs);
-  if (!text || options.readOnly == 0) RequireOurs(slots, text.has_value());
+  const SlotsOnDisk slots = InspectAll(directory, packDirs);
+  if (!text || !options.readOnly) RequireOurs(slots, text.has_value());
   if (!text) RequireTheseSlots(directory, slots);
-  const bool mustExist = options.mustExist != 0 || options.readOnly != 0;
+  const bool mustExist = options.mustExist || options.readOnly;
   RequireNoneMissing(directory, slots, mustExist, text.has_value());
-  if (options.readOnly == 0 && options.eraseDamaged == 0) RequireNewestPack(slots);
+  if (!options.readOnly && !options.eraseDamaged) RequireNewestPack(slots);
   return packDirs;
 }
-
-}  // namespace api

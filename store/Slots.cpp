@@ -1,0 +1,139 @@
+#include "store/Slots.h"
+
+#include <algorithm>
+
+#include "pack/KeptFile.h"
+#include "pack/format/FileNames.h"
+#include "platform/Failure.h"
+#include "platform/Trace.h"
+
+namespace {
+
+void NumberMoved(const BlobFile& file) {
+  const std::string name = kept::NumberMoved(file.path);
+  if (!name.empty())
+    trace::engine.WriteErrorV("BlobController::Load %s is kept as %s", file.path, name);
+}
+
+}  // namespace
+
+bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b) {
+  return format::IsNewer(a->header.sequence, b->header.sequence);
+}
+
+void Slots::Add(const std::string& packDir, bool readOnly) {
+  const std::uint32_t slot = size();
+  packFiles.reserve(packFiles.size() + 1);
+  journalFiles.reserve(journalFiles.size() + 1);
+
+  const auto open = [readOnly](const std::string& file, BlobFile::BlobFileMode mode) {
+    BlobFilePtr opened = MakePooled<BlobFile>();
+    if (readOnly) {
+      opened->InitReadOnly(file, mode);
+    } else {
+      opened->Init(file, mode, 0);
+      NumberMoved(*opened);
+    }
+    return opened;
+  };
+  const BlobFilePtr pack = open(format::PackPath(packDir, slot), BlobFile::Pack);
+  const BlobFilePtr journal = open(format::JournalPath(path, slot), BlobFile::Journal);
+
+  packFiles.push_back(pack);
+  journalFiles.push_back(journal);
+  if (!curPack) curPack = pack;
+  if (!curJournal) curJournal = journal;
+}
+
+bool Slots::IsCurrent(std::uint32_t slot) const {
+  return packFiles[slot] == curPack || journalFiles[slot] == curJournal;
+}
+
+void Slots::ReplacePack(std::uint32_t slot, const BlobFilePtr& pack) {
+  packFiles[slot] = pack;
+  curPack = pack;
+}
+
+Slots::Files Slots::NewestFirst() const {
+  Files packs;
+  packs.reserve(packFiles.size());
+  for (const BlobFilePtr& pack : packFiles)
+    packs.insert(std::upper_bound(packs.begin(), packs.end(), pack, sortBySequence), pack);
+  return packs;
+}
+
+bool Slots::MarkLost(std::int32_t newest) {
+  bool damaged = false;
+  for (std::uint32_t slot = 0; slot < size(); ++slot) {
+    BlobFile& pack = *packFiles[slot];
+    const BlobFile& journal = *journalFiles[slot];
+    const bool isLost =
+        format::IsPackLost(pack.header, journal.header, journal.IsDamaged(), slot, newest);
+    if (!isLost && !pack.IsDamaged()) continue;
+    damaged = true;
+    if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
+    pack.MarkDamaged();
+    trace::engine.WriteErrorV(
+        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
+        "generation is shown",
+        pack.path);
+  }
+  return damaged;
+}
+
+bool Slots::InDoubt() const {
+  const auto isInDoubt = [](const BlobFilePtr& file) { return file->InDoubt(); };
+  return std::any_of(packFiles.begin(), packFiles.end(), isInDoubt) ||
+         std::any_of(journalFiles.begin(), journalFiles.end(), isInDoubt);
+}
+
+void Slots::CopyDamaged(std::uint32_t slot) const {
+  if (!packFiles[slot]->IsDamaged()) return;
+  for (BlobFile* file : {packFiles[slot].get(), journalFiles[slot].get()}) {
+    const std::string copy = kept::CopyAside(file->file, 0, 0, file->file.size(), kept::kMaxCopies);
+    trace::engine.WriteErrorV("BlobController: %s is damaged, a copy is kept as %s", file->path,
+                              copy);
+  }
+}
+
+// Journals first: a journal is never left beside a fresh pack, which a load would take for its own.
+// If the process dies half way, the next one finds the files that have no number yet, and then
+// either moves the packs that are left or finds the store empty.
+void Slots::MoveAside() {
+  for (const Files* files : {&journalFiles, &packFiles}) {
+    for (const BlobFilePtr& file : *files) {
+      file->file.close();
+      kept::MoveAside(file->path);
+    }
+  }
+  for (const BlobFilePtr& pack : packFiles) pack->Init(pack->path, BlobFile::Pack, 0);
+  for (const BlobFilePtr& journal : journalFiles)
+    journal->Init(journal->path, BlobFile::Journal, 0);
+  for (const Files* files : {&journalFiles, &packFiles})
+    for (const BlobFilePtr& file : *files) NumberMoved(*file);
+}
+
+void Slots::MakeDurable() {
+  for (const Files* files : {&packFiles, &journalFiles}) {
+    for (const BlobFilePtr& file : *files) {
+      if (file->MakeDurable()) continue;
+      trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
+                                file->path);
+    }
+  }
+}
+
+void Slots::CutToRecords() noexcept {
+  for (const BlobFilePtr& pack : packFiles) pack->CutToRecords();
+  for (const BlobFilePtr& journal : journalFiles) journal->CutToRecords();
+}
+
+void Slots::Close() {
+  for (const BlobFilePtr& pack : packFiles) pack->file.close();
+  for (const BlobFilePtr& journal : journalFiles) journal->file.close();
+}
+
+void Slots::Erase() {
+  for (const BlobFilePtr& pack : packFiles) pack->file.erase();
+  for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
+}
