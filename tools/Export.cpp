@@ -5,6 +5,8 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <set>
+#include <span>
 
 #include "tools/Commands.h"
 #include "tools/Manifest.h"
@@ -115,36 +117,75 @@ struct ExportTotals {
   bool IsWhole() const { return absentCount + keptCount + failureCount == 0; }
 };
 
-// Restores one file and counts it, or says why not.
-void Restore(const StoreView& view, const ManifestEntry& entry, Buffer& buffer, TargetTree& target,
-             Existing existing, ExportTotals& totals) {
-  using Found = TargetTree::Found;
-  const ViewedBlob* const blob = view.Find(entry.hash);
-  if (blob == nullptr) {
-    ++totals.absentCount;
-    return Say("{}: {} has no blob {}", entry.name, view.path(), entry.hash.text());
+// Restores files some at a time, and counts them or says why not.
+class Restorer {
+ public:
+  Restorer(const StoreView& view, TargetTree& target, Existing existing, ExportTotals& totals)
+      : view_(view), target_(target), existing_(existing), totals_(totals) {}
+
+  void Add(const ManifestEntry& entry) {
+    using Found = TargetTree::Found;
+    const ViewedBlob* const blob = view_.Find(entry.hash);
+    if (blob == nullptr) {
+      ++totals_.absentCount;
+      return Say("{}: {} has no blob {}", entry.name, view_.path(), entry.hash.text());
+    }
+    // A name that comes again is there by then.
+    const std::string path = stdfs::path(entry.name).lexically_normal().string();
+    if (bytes_ + blob->size > kMaxBytes || paths_.size() == kMaxFiles || paths_.contains(path))
+      Flush();
+    const Found found = TargetTree::Find(target_.root(), entry.name, *blob, buffer_);
+    if (found == Found::kSame) {
+      ++totals_.sameCount;
+      return;
+    }
+    if (found == Found::kOther && existing_ == Existing::kKeep) {
+      ++totals_.keptCount;
+      return Say("{}: it exists with other contents and was kept", entry.name);
+    }
+    bytes_ += blob->size;
+    paths_.insert(path);
+    names_.push_back(entry.name);
+    blobs_.push_back(blob);
   }
-  const Found found = TargetTree::Find(target.root(), entry.name, *blob, buffer);
-  if (found == Found::kSame) {
-    ++totals.sameCount;
-    return;
+
+  // REQUIRES: called at the end.
+  void Flush() {
+    auto name = names_.begin();
+    for (std::span<const ViewedBlob* const> rest = blobs_; !rest.empty();)
+      for (const ReadBlob& read : view_.ReadSome(rest, buffer_)) Write(*name++, read);
+    bytes_ = 0;
+    paths_.clear();
+    names_.clear();
+    blobs_.clear();
   }
-  if (found == Found::kOther && existing == Existing::kKeep) {
-    ++totals.keptCount;
-    return Say("{}: it exists with other contents and was kept", entry.name);
+
+ private:
+  static constexpr size_t kMaxFiles = 256;
+  static constexpr uint64_t kMaxBytes = uint64_t{4} * 1024 * 1024;
+
+  void Write(const std::string& name, const ReadBlob& read) {
+    try {
+      if (read.fault) throw Fault("{}: {}", name, read.fault->what());
+      target_.Write(name, read.bytes, existing_);
+      ++totals_.fileCount;
+      totals_.byteCount += read.bytes.size();
+    } catch (const Fault& fault) {
+      ++totals_.failureCount;
+      Say("{}", fault.what());
+    }
   }
-  std::string what = entry.name + ": ";
-  try {
-    const std::string_view bytes = view.Read(*blob, buffer);
-    what.clear();  // the target's messages name the file themselves
-    target.Write(entry.name, bytes, existing);
-    ++totals.fileCount;
-    totals.byteCount += bytes.size();
-  } catch (const Fault& fault) {
-    ++totals.failureCount;
-    Say("{}{}", what, fault.what());
-  }
-}
+
+  const StoreView& view_;
+  TargetTree& target_;
+  const Existing existing_;
+  ExportTotals& totals_;
+  Buffer buffer_;
+  uint64_t bytes_ = 0;  // of the blobs that wait
+  std::set<std::string> paths_;
+  std::vector<std::string> names_;
+  std::vector<const ViewedBlob*> blobs_;
+};
 
 void SayTotals(const ExportTotals& totals, double seconds) {
   Inform("restored {}, {}, in {:.1f} s{}", Count(totals.fileCount, "file"),
@@ -206,15 +247,16 @@ ExitStatus Export(const ExportOptions& options) {
   if (options.dryRun) return SayWhatIsRestored(view, entries, options);
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;
-  Buffer buffer;
   ExportTotals totals;
+  Restorer restorer(view, target, existing, totals);
   Progress progress("restoring", entries.size());
   try {
     for (const ManifestEntry& entry : entries) {
       const uint64_t before = totals.byteCount;
-      Restore(view, entry, buffer, target, existing, totals);
+      restorer.Add(entry);
       progress.Advance(totals.byteCount - before);
     }
+    restorer.Flush();
   } catch (const Interrupted&) {
     target.Sync();
     throw Interrupted("interrupted: {} of {} restored", totals.fileCount,

@@ -91,22 +91,22 @@ ExitStatus Get(const GetOptions& options) {
   bool sound = !view.damaged();
   bool allThere = true;
   bool allGood = true;
+  std::vector<const ViewedBlob*> blobs;
   for (const std::string& name : names) {
-    ThrowIfInterrupted();
-    std::string_view bytes;
     try {
-      bytes = view.Read(Named(view, name), buffer);
-    } catch (const UsageError&) {
-      throw;
-    } catch (const Interrupted&) {
-      throw;
-    } catch (const Failure& failure) {
-      Say("{}", failure.what());
-      (failure.status() == kNothing ? allThere : allGood) = false;
-      continue;
+      blobs.push_back(&Named(view, name));
+    } catch (const NothingFound& nothing) {
+      Say("{}", nothing.what());
+      allThere = false;
     }
-    out.Write(bytes);
   }
+  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty(); ThrowIfInterrupted())
+    for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
+      if (!read.fault) out.Write(read.bytes);
+      if (!read.fault) continue;
+      Say("{}", read.fault->what());
+      allGood = false;
+    }
   if (allThere && allGood) out.Finish();
   if (!allGood || !sound) return kFault;
   return allThere ? kSuccess : kNothing;

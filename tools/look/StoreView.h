@@ -5,10 +5,12 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "tools/Error.h"
 #include "tools/Open.h"
 #include "tools/look/FileWalk.h"
 
@@ -23,6 +25,12 @@ struct ViewedBlob {
   int64_t transactionId = 0;
 
   uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeadSize; }
+};
+
+struct ReadBlob {
+  const ViewedBlob* blob;
+  std::string_view bytes;
+  std::optional<Fault> fault;  // what StoreView::Read throws for it
 };
 
 // A process that has one of the files open.
@@ -72,6 +80,10 @@ class StoreView {
 
   // The blob, in the buffer. Throws Fault if it does not match its hash.
   std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
+
+  // Reads blobs from the first of `rest` on, which then begins behind them: 4 MiB, or one. They lie
+  // in the buffer, in the order that they have in `rest`. Digests many at a time.
+  std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer) const;
 
   SalvageFile& file(size_t index) const { return *opened_.at(index); }
 

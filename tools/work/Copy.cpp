@@ -39,27 +39,30 @@ bool SayWhatIsMissing(const std::vector<const ViewedBlob*>& blobs, const StoreOp
 // Returns whether all could be read.
 bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blobs,
                const StoreOptions& target) {
-  uint64_t totalBytes = 0;
-  for (const ViewedBlob* blob : blobs) totalBytes += blob->size;
   bool all = true;
   std::string unused;
   Buffer buffer;
   OpenStore to(target, Access::kChange);
   BatchWriter writer(to.store, unused, BatchWriter::WhenFull::kRepack);
-  Progress progress("copying", blobs.size(), totalBytes);
+  std::vector<const ViewedBlob*> absent;
+  uint64_t bytes = 0;
+  for (const ViewedBlob* blob : blobs) {
+    if (SizeOf(to.store, blob->hash)) continue;
+    absent.push_back(blob);
+    bytes += blob->size;
+  }
+  Progress progress("copying", absent.size(), bytes);
   try {
-    for (const ViewedBlob* blob : blobs) {
-      progress.Advance(blob->size);
-      if (SizeOf(to.store, blob->hash)) continue;
-      std::string_view bytes;
-      try {
-        bytes = from.Read(*blob, buffer);
-      } catch (const Fault& fault) {
+    for (std::span<const ViewedBlob* const> rest = absent; !rest.empty();) {
+      std::vector<BatchWriter::Item> items;
+      for (const ReadBlob& read : from.ReadSome(rest, buffer)) {
+        progress.Advance(read.blob->size);
+        if (!read.fault) items.push_back({read.bytes, read.blob->hash.text()});
+        if (!read.fault) continue;
         all = false;
-        Say("{}", fault.what());
-        continue;
+        Say("{}", read.fault->what());
       }
-      writer.Add(bytes, blob->hash.text());
+      writer.AddMany(items, [](const auto&, const auto&) {});
     }
     writer.Commit();
   } catch (const Interrupted&) {
