@@ -16,7 +16,6 @@ using Quantity = double Sample::*;
 constexpr const char* kFlush =
     "A commit is a flush. A log is shorter than our records and has no header to rewrite.";
 constexpr const char* kOneStream = "A pack is one transaction, and so one stream of MD5.";
-constexpr const char* kDelete = "BCDelete writes each record at once; the peers write a batch.";
 constexpr const char* kNodes = "Opening makes a node of the index for each blob; peers have none.";
 constexpr const char* kMd5 = "MD5 is nearly all of it, for every store.";
 constexpr const char* kRecord =
@@ -34,7 +33,6 @@ const std::map<std::string, std::string> kReasons = {
     {"small.fetch-unverified", "We compare every blob with its key; MD5 is most of a fetch."},
     {"small.enumerate",
      "SQLite walks the pages of an index of keys; we follow a node for each blob."},
-    {"small.compact", kDelete},
     {"small.open", kNodes},
     {"many.open", kNodes},
     {"small.reopen", kOneStream},

@@ -36,6 +36,11 @@ class Store {
   // Copies a blob that exists into out.
   virtual void Get(const Key& key, std::string& out) = 0;
 
+  // The same for many; a store may have something faster. REQUIRES: out has as many.
+  virtual void GetMany(std::span<const Key> keys, std::span<std::string> out) {
+    for (std::size_t i = 0; i < keys.size(); ++i) Get(keys[i], out[i]);
+  }
+
   // The size of a blob in bytes; -1 if there is none.
   virtual std::int64_t SizeOf(const Key& key) = 0;
 

@@ -88,30 +88,36 @@ Step PutStep(std::string id, std::string title, BlobsPtr blobs, std::size_t perT
           .putBytes = blobs->TotalSize()};
 }
 
-Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count,
-               bool verified) {
+Step FetchStep(std::string id, std::string title, BlobsPtr blobs, std::size_t count, bool verified,
+               std::size_t perCall = 1) {
   const auto keys = std::make_shared<const std::vector<Key>>(PickedKeys(*blobs, count, 11));
-  return {.id = std::move(id),
-          .title = std::move(title),
-          .run =
-              [=](Store& store) {
-                const bool compare = verified && !store.Verifies();
-                std::string out;
-                for (const Key& key : *keys) {
-                  store.Get(key, out);
-                  const Blob got(reinterpret_cast<const unsigned char*>(out.data()), out.size());
-                  if (compare) Require(DigestOf(got) == key, "fetch", "comparing a digest");
-                }
-              },
-          .limit =
-              [=](const auto&) {
-                std::vector<unsigned char> out;
-                for (std::size_t i = 0; i < count; ++i) {
-                  const Blob blob = blobs->All()[i * 7919 % blobs->Count()];
-                  out.assign(blob.begin(), blob.end());
-                  if (verified) DigestOf(out);
-                }
-              }};
+  return {
+      .id = std::move(id),
+      .title = std::move(title),
+      .run =
+          [=](Store& store) {
+            const bool compare = verified && !store.Verifies();
+            std::vector<std::string> out(perCall);
+            InTransactions(std::span(*keys), perCall, [&](std::span<const Key> some) {
+              if (perCall == 1)
+                store.Get(some[0], out[0]);
+              else
+                store.GetMany(some, std::span(out).first(some.size()));
+              for (std::size_t i = 0; compare && i < some.size(); ++i) {
+                const auto* bytes = reinterpret_cast<const unsigned char*>(out[i].data());
+                Require(DigestOf({bytes, out[i].size()}) == some[i], "fetch", "comparing a digest");
+              }
+            });
+          },
+      .limit =
+          [=](const auto&) {
+            std::vector<unsigned char> out;
+            for (std::size_t i = 0; i < count; ++i) {
+              const Blob blob = blobs->All()[i * 7919 % blobs->Count()];
+              out.assign(blob.begin(), blob.end());
+              if (verified) DigestOf(out);
+            }
+          }};
 }
 
 // The blobs before first have been deleted.
@@ -168,7 +174,8 @@ Scenario SmallBlobs(std::size_t divisor) {
        OpenStep("small.open", "open, every blob verified, 1 KiB", blobs),
        FetchStep("small.fetch", fmt::format("{} random verified fetches, 1 KiB", reads), blobs,
                  reads, true),
-       FetchStep("small.fetch-unverified", "the same; peers verify nothing", blobs, reads, false),
+       FetchStep("small.fetch-many", "the same, 64 a call", blobs, reads, true, 64),
+       FetchStep("small.fetch-unverified", "one a call; peers verify nothing", blobs, reads, false),
        SizesStep("small.sizes", fmt::format("{} sizes, half of them absent", reads), blobs, reads),
        {.id = "small.enumerate",
         .title = fmt::format("enumerate {} keys", count),
@@ -187,6 +194,9 @@ Scenario MediumBlobs(std::size_t divisor) {
       5,
       {PutStep("medium.put", fmt::format("{} x 64 KiB, 100 a commit", blobs->Count()), blobs, 100),
        OpenStep("medium.open", "open, every blob verified, 64 KiB", blobs),
+       FetchStep("medium.fetch-many",
+                 fmt::format("{} random verified fetches, 64 KiB, 64 a call", 4 * blobs->Count()),
+                 blobs, 4 * blobs->Count(), true, 64),
        {.id = "medium.check",
         .title = "check every blob, 64 KiB",
         .run = [](Store& store) { store.CheckDigests(); },
@@ -238,6 +248,7 @@ Scenario ManyBlobs(std::size_t divisor) {
            OpenStep("many.open", "open, every blob verified, 128 B", blobs),
            FetchStep("many.fetch", fmt::format("{} random verified fetches, 128 B", reads), blobs,
                      reads, true),
+           FetchStep("many.fetch-many", "the same, 64 a call", blobs, reads, true, 64),
            SizesStep("many.sizes", fmt::format("{} sizes among them, half absent", reads), blobs,
                      reads)}};
 }

@@ -16,6 +16,9 @@ unsigned char* Bytes(const Key& key) {
   return const_cast<unsigned char*>(key.data());
 }
 
+using RawKey = unsigned char[BLOBRING_HASH_SIZE];
+static_assert(sizeof(Key) == sizeof(RawKey));
+
 class BlobringStore final : public Store {
  public:
   explicit BlobringStore(std::string directory) : path(std::move(directory)) {}
@@ -51,7 +54,9 @@ class BlobringStore final : public Store {
 
   void Delete(std::span<const Key> keys) override {
     RequireOne(BCStartTransaction(index, &++id), "BCStartTransaction");
-    for (const Key& key : keys) RequireOne(BCDelete(index, Bytes(key)), "BCDelete");
+    const int count = static_cast<int>(keys.size());
+    Require(BCDeleteMany(index, reinterpret_cast<const RawKey*>(keys.data()), count) == count,
+            "Blobring", "BCDeleteMany");
     RequireOne(BCEndTransaction(index, &id), "BCEndTransaction");
   }
 
@@ -68,15 +73,38 @@ class BlobringStore final : public Store {
     out.resize(static_cast<std::size_t>(size));
   }
 
+  void GetMany(std::span<const Key> keys, std::span<std::string> out) override {
+    items.resize(keys.size());
+    const auto fetch = [&] {
+      for (std::size_t i = 0; i < items.size(); ++i) {
+        std::copy(keys[i].begin(), keys[i].end(), items[i].hash);
+        items[i].buffer = reinterpret_cast<unsigned char*>(out[i].data());
+        items[i].capacity = static_cast<int>(out[i].size());
+      }
+      const int fetched = BCFetchMany(index, items.data(), static_cast<int>(items.size()));
+      for (std::size_t i = 0; i < items.size(); ++i)
+        out[i].resize(static_cast<std::size_t>(items[i].size));
+      return fetched == static_cast<int>(items.size());
+    };
+    Require(fetch() || fetch(), "Blobring", "BCFetchMany");
+  }
+
   std::int64_t SizeOf(const Key& key) override { return BCGetSize(index, Bytes(key)); }
 
   void ForEach(bool withData, const Visitor& visit) override {
-    Key key;
-    std::string data;
-    BCGetAllBlobHashesReset(index);
-    while (BCGetAllBlobHashes(index, key.data(), 0) == 1) {
-      if (withData) Get(key, data);
-      visit(key, {reinterpret_cast<const unsigned char*>(data.data()), data.size()});
+    constexpr int kAtOnce = 256;
+    std::vector<Key> keys(kAtOnce);
+    std::vector<std::string> data(kAtOnce);
+    const auto next = [&](const Key* after) {
+      return BCNextHashes(index, after == nullptr ? nullptr : after->data(),
+                          reinterpret_cast<RawKey*>(keys.data()), kAtOnce);
+    };
+    for (int count = next(nullptr); count > 0;
+         count = next(&keys[static_cast<std::size_t>(count) - 1])) {
+      const auto found = std::span(keys).first(static_cast<std::size_t>(count));
+      if (withData) GetMany(found, std::span(data).first(found.size()));
+      for (std::size_t i = 0; i < found.size(); ++i)
+        visit(found[i], {reinterpret_cast<const unsigned char*>(data[i].data()), data[i].size()});
     }
   }
 
@@ -93,6 +121,7 @@ class BlobringStore final : public Store {
   int index = -1;
   long long id = 0;
   std::vector<BCBlob> batch;
+  std::vector<BCFetchItem> items;
 };
 
 }  // namespace
@@ -100,7 +129,8 @@ class BlobringStore final : public Store {
 Contender Blobring() {
   return {"Blobring",
           std::string(BLOBRING_VERSION) +
-              ": `BCOpen` with its defaults, `BCPutMany` (`BCPut` for single commits)",
+              ": `BCOpen` with its defaults, `BCPutMany` (`BCPut` for single commits), "
+              "`BCDeleteMany`, `BCNextHashes`",
           [](const std::filesystem::path& directory) -> std::unique_ptr<Store> {
             return std::make_unique<BlobringStore>(directory);
           }};
