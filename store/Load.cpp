@@ -135,8 +135,8 @@ void BlobController::LoadJournal(BlobFile::Entries& entries) {
 }
 
 // Leaves a copy of what a journal is about to lose: its header and what the header covers behind
-// the whole transactions. False where that cannot be: the journal is then left as it is and changes
-// are refused. A store that erases keeps only damage that has a whole transaction behind it.
+// the whole transactions. Returns false, with changes refused and the journal left as it is, if no
+// copy can be made. Under DamagePolicy::Erase copies only damage that a whole transaction follows.
 bool BlobController::SetAside(BlobFile& journal) {
   constexpr unsigned kMostCopies = 16;
   if (damagePolicy == DamagePolicy::Erase && !journal.WholeBehind()) return true;

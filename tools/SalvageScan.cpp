@@ -218,8 +218,8 @@ class Scanner final : format::ReadListener {
     return false;
   }
 
-  // Sorts the records and drops the broken ones that are none: they have been found whole, or lie
-  // beside a record, since a wrong size can lead to a place that looks like one.
+  // Sorts the records and drops false positives: broken records since found whole, or overlapping a
+  // verified one, since a wrong size can lead to a place that looks like a record.
   void FinishRecords() {
     std::vector<SalvagedRecord>& records = scan_.records;
     std::erase_if(records, [&](const SalvagedRecord& record) {

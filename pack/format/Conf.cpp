@@ -5,17 +5,13 @@ namespace format {
 namespace {
 
 constexpr std::string_view kFirstLine = "blobring 1";
+constexpr const char* kWantedFirst = "\"blobring 1\"";
+constexpr const char* kWantedSlot = "\"slot .\" or \"slot \" and an absolute directory";
 constexpr std::string_view kSlotWord = "slot ";
 constexpr std::string_view kRemark =
     "# The slots of this store, in their order: slot k has its pack k.pak in the directory named "
     "and its\n"
     "# journal k.jrn here. Other slots, or another order, would hide what is stored.\n";
-
-std::string Joined(std::initializer_list<std::string_view> pieces) {
-  std::string text;
-  for (const std::string_view piece : pieces) text += piece;
-  return text;
-}
 
 }  // namespace
 
@@ -30,10 +26,8 @@ Conf Conf::Parse(const std::string& path, std::string_view text) {
         line.starts_with(kSlotWord) ? line.substr(kSlotWord.size()) : std::string_view();
     const bool isSlot = dir == kOwnDirectory || dir.starts_with('/');
     if (isFirst ? line != kFirstLine : !isSlot) {
-      const std::string wanted = isFirst ? Joined({"\"", kFirstLine, "\""})
-                                         : "\"slot .\" or \"slot \" and an absolute directory";
-      conf.error = Joined(
-          {path, " line ", std::to_string(number), ": wanted ", wanted, ", found \"", line, "\""});
+      conf.error = path + " line " + std::to_string(number) + ": wanted " +
+                   (isFirst ? kWantedFirst : kWantedSlot) + ", found \"" + std::string(line) + "\"";
       return conf;
     }
     if (!isFirst) conf.packDirs.emplace_back(dir);
@@ -41,14 +35,14 @@ Conf Conf::Parse(const std::string& path, std::string_view text) {
   }
   if (conf.packDirs.empty()) conf.error = path + " names no slot";
   if (conf.packDirs.size() > kMaxSlots)
-    conf.error = Joined({path, " names ", std::to_string(conf.packDirs.size()),
-                         " slots, a store has at most ", std::to_string(kMaxSlots)});
+    conf.error = path + " names " + std::to_string(conf.packDirs.size()) +
+                 " slots, a store has at most " + std::to_string(kMaxSlots);
   return conf;
 }
 
 std::string Conf::Text() const {
-  std::string text = Joined({kRemark, kFirstLine, "\n"});
-  for (const std::string& dir : packDirs) text += Joined({kSlotWord, dir, "\n"});
+  std::string text = std::string(kRemark).append(kFirstLine).append("\n");
+  for (const std::string& dir : packDirs) text.append(kSlotWord).append(dir).append("\n");
   return text;
 }
 

@@ -35,7 +35,7 @@ struct Head {
   // whichever it is.
   static Head Judge(const unsigned char* bytes, std::uint64_t fileSize);
 
-  // A pack with such a header may yet be loaded.
+  // False if the header alone rules out a load.
   bool IsLoadable() const;
   // Whether it may have records.
   bool IsUsed() const { return state == State::kDamaged || header.endOffset > kFileHeaderSize; }

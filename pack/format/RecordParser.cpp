@@ -15,7 +15,7 @@ std::uint64_t RecordParser::Skip(std::uint64_t most) {
 bool RecordParser::Fill(std::span<const unsigned char>& bytes) {
   bytes = bytes.subspan(static_cast<std::size_t>(Skip(bytes.size())));
   while (!bytes.empty()) {
-    const std::size_t take = std::min<std::size_t>(Wanted(), bytes.size());
+    const std::size_t take = std::min<std::size_t>(wanted - filled, bytes.size());
     std::memcpy(head + filled, bytes.data(), take);
     filled += static_cast<std::uint32_t>(take);
     position += take;

@@ -38,18 +38,14 @@ class RecordParser {
 
   // Of the next byte.
   std::uint64_t Position() const { return position; }
-  // Bytes that are wanted before there is something to tell.
-  std::uint32_t Wanted() const { return wanted - filled; }
 
   // True at a record that no transaction holds. It is parsed no further.
   bool FoundBadRecord() const { return foundBadRecord; }
   const OpHeader& BadRecord() const { return record.op; }
-  // Where the record begins that is not, or not yet, complete: where all records end if AtBoundary.
+  // Of the record that is not complete yet; at a boundary, of the next one.
   std::uint64_t RecordOffset() const { return dataLeft > 0 ? lastOffset : record.offset; }
   // True between two records.
   bool AtBoundary() const { return filled == 0 && dataLeft == 0; }
-  // True in the data of a record.
-  bool InData() const { return dataLeft > 0; }
 
  private:
   // Whether a head is complete.

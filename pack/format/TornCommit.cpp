@@ -219,8 +219,8 @@ bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, format::ByteSou
   if (OpHeader::Decode(source.From(end - format::kEndSize, format::kEndSize).data()).op !=
       format::kOpEndTransaction)
     return false;
-  // A start record says how far it is to the end: what merely looks like one seldom does. The
-  // budget is for files that are made to look so at every place.
+  // Random bytes that decode as a start record rarely have a length that ends exactly at `end`.
+  // The budget bounds the work for files forged to match everywhere.
   std::uint64_t budget = 2 * std::uint64_t{end - at};
   ++at;
   while (end - at >= format::kLeastTransaction) {
