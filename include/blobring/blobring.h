@@ -8,6 +8,7 @@
  *   BCOpen(dir, options) -> index
  *   BCStartTransaction, BCPut, BCDelete ..., BCEndTransaction
  *   BCFetch, BCNextHash, BCCheck, BCRepack, BCGetStatistics
+ *   BCPutMany, BCDeleteMany, BCFetchMany, BCNextHashes: many blobs a call
  *   BCDispose(index)
  *
  * A device's process opens a store in steps: BCInitialize, BCAddPackDir for

@@ -416,6 +416,7 @@ std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& re
   }
   // As they lie; neighbours in one call, with what is between them.
   std::vector<ReadBlob*> order;
+  order.reserve(read.size());
   for (ReadBlob& each : read) order.push_back(&each);
   std::sort(order.begin(), order.end(), [](const ReadBlob* a, const ReadBlob* b) {
     return std::tie(a->blob->file, a->blob->offset) < std::tie(b->blob->file, b->blob->offset);
