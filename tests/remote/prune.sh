@@ -62,7 +62,11 @@ for key, data in ("packs/%s/%s.pak" % (name[:2], name), pack), ("index/%s-012345
     open(os.path.basename(key), "wb").write(data)
     print(key)
 PY
-while read -r key; do s3 "/lies/$key" -T "$(basename "$key")"; done <lies
+while read -r key; do for remote in lies lied; do s3 "/$remote/$key" -T "$(basename "$key")"; done; done <lies
+blobring remote init -q s3://fleet/lied --push-within 3s --grace 5s
+same "$(blobring push -q --json one s3://fleet/lied 2>said | field blobs)" 100
+grep -q "packs/.* does not hold what an index says" said
+gives s3://fleet/lied one
 sleep 7
 # Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1

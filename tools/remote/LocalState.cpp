@@ -91,6 +91,23 @@ void LocalState::DropCopiesBut(const std::string& kind,
   }
 }
 
+Index LocalState::Known() const {
+  for (const std::string& name : NamesIn(remote_ + "/" + kKnownPlaces)) {
+    const auto digest = blobring::Hash::parse(name);
+    const auto bytes = digest ? ReadCopy(kKnownPlaces, *digest) : std::nullopt;
+    if (bytes) return Index::Decode(*bytes, name);
+  }
+  return {};
+}
+
+void LocalState::KeepKnown(Index known) const {
+  known.Sort();
+  const std::string bytes = known.Encode();
+  const blobring::Hash digest = DigestOf(bytes);
+  KeepCopy(kKnownPlaces, digest, bytes);
+  DropCopiesBut(kKnownPlaces, {digest});
+}
+
 std::map<std::string, Index> LocalState::Pending() const {
   std::map<std::string, Index> pending;
   for (const std::string& name : NamesIn(remote_ + "/pending")) {

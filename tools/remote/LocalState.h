@@ -5,6 +5,7 @@
 //   id                     of the store, in the names of its snapshots
 //   REMOTEID/index/MD5     copies of indexes, which never change
 //   REMOTEID/snapshot/MD5  a copy of the last snapshot that was pulled
+//   REMOTEID/known/MD5     an index of places that this store has uploaded, or read and compared
 //   REMOTEID/pending/NAME  the index of one pack that was uploaded and that no index names yet
 #pragma once
 
@@ -19,6 +20,7 @@ namespace tool::remote {
 
 inline constexpr char kIndexCopies[] = "index";
 inline constexpr char kSnapshotCopies[] = "snapshot";
+inline constexpr char kKnownPlaces[] = "known";
 
 class LocalState {
  public:
@@ -34,6 +36,9 @@ class LocalState {
   void KeepCopy(const std::string& kind, const blobring::Hash& digest,
                 std::string_view bytes) const;
   void DropCopiesBut(const std::string& kind, const std::set<blobring::Hash>& digests) const;
+
+  Index Known() const;
+  void KeepKnown(Index known) const;  // best effort
 
   std::map<std::string, Index> Pending() const;
   void KeepPending(const std::string& pack, const Index& index) const;

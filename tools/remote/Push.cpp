@@ -15,14 +15,15 @@
 #include "tools/Json.h"
 #include "tools/look/StoreView.h"
 #include "tools/remote/Commands.h"
+#include "tools/remote/Fetch.h"
 #include "tools/remote/PackBuilder.h"
-#include "tools/remote/Remote.h"
 
 namespace tool::remote {
 namespace {
 
 constexpr int kMostIdleRounds = 3;
 constexpr size_t kMaxMessage = 1000;
+constexpr uint64_t kMaxCompared = uint64_t{64} << 20;  // bytes, before they are remembered
 
 // From front to back of each file.
 std::vector<const ViewedBlob*> InFileOrder(const StoreView& view) {
@@ -125,7 +126,9 @@ class Pusher {
     };
     std::vector<blobring::Hash> wanted;
     for (const ViewedBlob& blob : view_->blobs()) wanted.push_back(blob.hash);
-    const Index present = remote_.FindPlaces(indexes, tombs.keys, state_, wanted, isUsable);
+    known_ = Believe(remote_.FindPlaces(indexes, tombs.keys, state_, wanted, isUsable),
+                     start + limit / 2);
+    const Index present = known_;
     PlacesOf placesOf(present);
     const std::set<blobring::Hash> pending = TakeUpPending(isUsable, present);
 
@@ -168,6 +171,47 @@ class Pusher {
       return false;
     }
     return isThrough;
+  }
+
+  // A place is believed when this store has uploaded it, or has read it once, blob and all [R10].
+  Index Believe(Index found, double until) {
+    const Index known = state_.Known();
+    PlacesOf knownOf(known);
+    std::vector<Place> unread;
+    std::vector<Place> believed;
+    for (auto at = found.places.begin(); at != found.places.end();) {
+      const auto end = std::find_if(at, found.places.end(),
+                                    [&at](const Place& place) { return place.hash != at->hash; });
+      const auto same = knownOf(at->hash);
+      const auto own = std::find_if(at, end, [&](const Place& place) {
+        return std::any_of(same.begin(), same.end(), [&](const Place& other) {
+          return other.offset == place.offset && other.size == place.size &&
+                 known.packs[other.pack] == found.packs[place.pack];
+        });
+      });
+      (own != end ? believed : unread).push_back(own != end ? *own : *at);
+      at = end;
+    }
+    found.places = std::move(believed);
+    if (!unread.empty())
+      Inform("comparing {} that others have pushed", Count(unread.size(), "blob"));
+    std::sort(unread.begin(), unread.end(), [](const Place& a, const Place& b) {
+      return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
+    });
+    for (auto at = unread.begin(); at != unread.end() && BootSeconds() < until;) {
+      std::vector<Place> batch;
+      for (uint64_t bytes = 0; at != unread.end() && bytes < kMaxCompared; bytes += at++->size)
+        batch.push_back(*at);
+      std::set<std::string> bad;
+      Fetch(
+          remote_, found, std::move(batch),
+          [&found](const FetchedBlob& blob) { found.places.push_back(blob.place); }, bad);
+      for (const std::string& pack : bad)
+        remote_.Reject(PackKey(pack) + " does not hold what an index says");
+      state_.KeepKnown(found);
+    }
+    found.Sort();
+    return found;
   }
 
   // What is kept beside a store can be lost; what is listed says which number was the last.
@@ -230,6 +274,8 @@ class Pusher {
   // Uploads an index of the packs that were acknowledged.
   void Publish() {
     fresh_.Sort();
+    known_.Add(fresh_);
+    state_.KeepKnown(known_);
     const std::string bytes = fresh_.Encode();
     const std::vector<std::string> packs = std::exchange(fresh_, Index()).packs;
     const blobring::Hash digest = DigestOf(bytes);
@@ -249,6 +295,7 @@ class Pusher {
   Buffer buffer_;
   PackBuilder builder_;
   Index fresh_;  // packs that no index names yet
+  Index known_;  // places that are believed
   SnapshotName snapshot_;
   bool isPartial_ = false;
   bool mayUpload_ = true;   // packs in the next round: false after one that lapsed

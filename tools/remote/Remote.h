@@ -18,6 +18,7 @@
 //       index and its name give it. While a blob that a snapshot needs has no such copy, a prune
 //       forgets, marks and deletes nothing.
 //   R9  Before a prune marks a copy of a blob that is needed, it reads the one that stays.
+//   R10 A push relies on a copy that another store has uploaded only after it has read it once.
 #pragma once
 
 #include <algorithm>
