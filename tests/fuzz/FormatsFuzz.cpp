@@ -51,7 +51,7 @@ int main() {
   const auto next = [&random](size_t below) { return random() % below; };
   const std::string name = std::string(32, 'a') + "-" + std::string(16, 'b');
   const std::string texts[] = {
-      Index{{name, name}, {{{}, 0, 100, 7}, {{}, 1, 0x7fffff00, 100}}}.Encode(),
+      Index{{name, name}, {{{}, 0, 100, 7}, {{}, 1, 0x7fffff00, 100}}, {}}.Encode(),
       EncodeTomb({PackKey(name), IndexKey(name)}), RemoteConfig{"0a"}.Encode(),
       Snapshot{"now", "", "", true, 5, 2, std::vector<blobring::Hash>(2)}.Encode()};
   const std::string pieces[] = {"-1", "1", "3",  "9223372036854775807", "1e30", " ",
