@@ -132,9 +132,10 @@ def disturbed():
                 same(result.status in {"kill": (-signal.SIGKILL, 0), "interrupt": (130, 0)}.get(what, (0, 1)), True, say)
                 same((bool(holds(result)), View("s").damaged, View("t").damaged), (True, False, False), f"what holds after {say}")
                 claim = re.search(r"interrupted: (\d*)", result.err)
+                copied = {"import": ls("s") - S, "copy": ls("t"), "sync": ls("t")}.get(command[0])
                 told = told or claim is not None
-                if claim and command[0] == "import":
-                    same(int(claim[1]), len(ls("s") - S), say)
+                if claim and copied is not None:
+                    same(int(claim[1]), len(copied), say)
                 if claim and command[0] == "put":
                     same(ls("s") - S, hashes(result.out), say)
                 if command[0] == "rm" and "interrupted" in result.err:
@@ -192,6 +193,12 @@ def refused():
             tool(*command.split(), status=int(status))
             if status != "0" and "0" * 32 not in command or status == "2":
                 same({name: data for name, data in tree(".").items() if not name.startswith("fresh/")} == before, True, f"{command}: nothing changes")
+    names = [f"u/.blobring-{k * 32}.tmp" for k in "ab"]  # of a live process, and of one that is gone
+    make_tree(".", dict.fromkeys(names, b""))
+    with open(names[0]) as live:
+        fcntl.flock(live, fcntl.LOCK_EX)
+        tool("clean", "u", "--delete", status=0)
+    same([os.path.exists(name) for name in names], [True, False], "temporary files after clean")
     same((ls("s"), os.path.exists("kept/0.jrn.kept-1")), (S - {HASHES[4]}, True), "rm of what is there and what is not")
 
 
