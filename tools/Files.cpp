@@ -85,6 +85,15 @@ void MakeDirectory(const std::string& path) {
       ThrowErrno("flush the directory " + directory.string());
 }
 
+void CreateAsClosedAs(const std::string& path) {
+  struct stat status = {};
+  if (::stat(path.c_str(), &status) != 0) return;
+  mode_t closed = ::umask(077);
+  if ((status.st_mode & S_IRGRP) == 0) closed |= S_IRWXG;
+  if ((status.st_mode & S_IROTH) == 0) closed |= S_IRWXO;
+  ::umask(closed);
+}
+
 Fd OpenDirectory(const std::string& path) {
   Fd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd.valid()) ThrowErrno("open the directory " + path);

@@ -49,6 +49,10 @@ std::optional<FileId> IdOf(const std::string& path);  // follows symbolic links
 // in them, so the directories that hold them are flushed.
 void MakeDirectory(const std::string& path);
 
+// Of what this process creates from now on, group and others get no rights if the file gives them
+// none to read it.
+void CreateAsClosedAs(const std::string& path);
+
 // Opens a directory. Throws Fault.
 Fd OpenDirectory(const std::string& path);
 

@@ -231,6 +231,7 @@ ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
 
 ExitStatus Import(const ImportOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
+  CreateAsClosedAs(layout.JournalPath(0));
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
   const SourceTree tree = List(options.directory, Excluded(layout, options.manifest, out),
                                options.filter, options.verbose);

@@ -22,6 +22,7 @@ same "$(field blobs <a.json) $(field requests <a.json)" "0 6"
 same "$(blobring push -q --json b "$url" | field blobs)" 1000
 same "$(blobring push -q --json c "$url" | field blobs)" 1000
 same "$(blobring remote ls "$url" | wc -l)" 4
+same "$(find a/remote -perm /077)" ""
 expect 0 "  first$" remote ls "$url"
 expect 0 "nothing is wrong" remote check "$url" --read-data
 gives "$url" c
@@ -29,6 +30,15 @@ gives "$url" a "$(cat a/remote/id)"
 has back a
 blobring sync -q a "$url" >/dev/null
 has a c
+
+same "$(blobring remote ls "$url" --older-than 1d)" ""
+blobring push -q b "$url" --cache other >/dev/null
+sleep 2
+expect 1 "^$(cat other/id)/" remote ls "$url" --older-than 1s
+same "$(wc -l <expect.out)" 4
+expect 0 "1 snapshot forgotten" remote forget "$url" "$(cat other/id)"
+expect 4 "has no snapshot" remote forget "$url" "$(cat other/id)"
+expect 0 "[1-9] would be forgotten" remote prune "$url" --keep-daily 1 --keep-weekly 2 --dry-run
 
 # What lies beside a store is lost, and its id written back: its numbers go on.
 id=$(cat a/remote/id)

@@ -21,8 +21,16 @@ ExitStatus InitRemote(const InitOptions& options);
 
 struct ListOptions {
   RemoteOptions remote;
+  std::string olderThan;  // a duration: only the last snapshots of stores, if they are older
 };
+// kFault if there is one of these.
 ExitStatus ListRemote(const ListOptions& options);
+
+struct ForgetOptions {
+  RemoteOptions remote;
+  std::string store;  // an id
+};
+ExitStatus Forget(const ForgetOptions& options);
 
 struct PushOptions {
   StoreOptions at;
@@ -54,6 +62,8 @@ ExitStatus CheckRemote(const CheckOptions& options);
 struct PruneOptions {
   RemoteOptions remote;
   uint32_t keepLast = 0;   // of each store; 0: not said
+  uint32_t keepDaily = 0;  // of so many days that have one, the last one
+  uint32_t keepWeekly = 0;
   std::string keepWithin;  // a duration
   bool dryRun = false;
 };

@@ -42,7 +42,9 @@ std::vector<std::string> NamesIn(const std::string& directory) {
 
 LocalState::LocalState(const std::string& store, const std::string& cache,
                        const std::string& remoteId)
-    : directory_(cache.empty() ? store + "/remote" : cache), remote_(directory_ + "/" + remoteId) {}
+    : directory_(cache.empty() ? store + "/remote" : cache), remote_(directory_ + "/" + remoteId) {
+  CreateAsClosedAs(store + "/0.jrn");
+}
 
 std::string LocalState::StoreId() {
   const std::string path = directory_ + "/id";

@@ -162,19 +162,31 @@ class Pruner {
   // followed. Without options all whole ones stay.
   void ChooseSnapshots(const Listing& listing, const std::map<std::string, Snapshot>& headers) {
     forgotten_.clear();
-    std::map<std::string, uint64_t> wholeCount;  // of each store, newer than the one looked at
+    struct Kept {
+      uint64_t newer = 0;  // whole ones, than the one looked at
+      std::set<int64_t> days;
+      std::set<int64_t> weeks;
+    };
+    std::map<std::string, Kept> kept;  // of each store
+    const bool hasRule = keepWithin_ >= 0 || options_.keepLast != 0 || options_.keepDaily != 0 ||
+                         options_.keepWeekly != 0;
     for (const SnapshotName& name : remote_.NewestFirst(listing)) {
       const std::string key = name.Key();
       const auto header = headers.find(key);
       if (header == headers.end()) continue;
-      uint64_t& newer = wholeCount[name.store];
-      const bool isYoung =
-          keepWithin_ >= 0 && listing.date - listing.objects.at(key).modified <= keepWithin_;
-      const bool isLast = options_.keepLast != 0 && newer < options_.keepLast;
-      const bool hasRule = keepWithin_ >= 0 || options_.keepLast != 0;
-      if (header->second.isPartial ? newer != 0 : hasRule && !isYoung && !isLast)
-        forgotten_.insert(key);
-      if (!header->second.isPartial) ++newer;
+      Kept& of = kept[name.store];
+      if (header->second.isPartial) {
+        if (of.newer != 0) forgotten_.insert(key);
+        continue;
+      }
+      const int64_t modified = listing.objects.at(key).modified;
+      const int64_t day = modified / 86400;
+      const bool isYoung = keepWithin_ >= 0 && listing.date - modified <= keepWithin_;
+      const bool isLast = of.newer++ < options_.keepLast;
+      const bool isDaily = of.days.size() < options_.keepDaily && of.days.insert(day).second;
+      const bool isWeekly =  // from Monday on, as 1970 began with a Thursday
+          of.weeks.size() < options_.keepWeekly && of.weeks.insert((day + 3) / 7).second;
+      if (hasRule && !isYoung && !isLast && !isDaily && !isWeekly) forgotten_.insert(key);
     }
   }
 

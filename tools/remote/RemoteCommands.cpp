@@ -58,10 +58,21 @@ ExitStatus InitRemote(const InitOptions& options) {
 
 ExitStatus ListRemote(const ListOptions& options) {
   Remote remote(options.remote);
+  const int64_t most = options.olderThan.empty() ? -1 : DurationOf(options.olderThan);
   const Listing listing = remote.objects.List("snapshots/");
   const std::map<std::string, SnapshotName> names = remote.NamesOf(listing);
+  const std::map<std::string, Snapshot> headers = remote.ReadHeaders(names);
+  // Of each store the last whole one, or the first partial one: since when there is none.
+  std::map<std::string, std::string> last;
+  for (const SnapshotName& name : remote.NewestFirst(listing)) {
+    const auto header = headers.find(name.Key());
+    std::string& key = last[name.store];
+    if (header != headers.end() && (key.empty() || headers.at(key).isPartial)) key = header->first;
+  }
   std::string text;
-  for (const auto& [key, snapshot] : remote.ReadHeaders(names)) {
+  for (const auto& [key, snapshot] : headers) {
+    const int64_t age = std::max<int64_t>(0, listing.date - listing.objects.at(key).modified);
+    if (most >= 0 && (age <= most || last[names.at(key).store] != key)) continue;
     if (consoleOptions.json) {
       Json json;
       json["type"] = "snapshot";
@@ -70,19 +81,36 @@ ExitStatus ListRemote(const ListOptions& options) {
       json["sequence"] = names.at(key).sequence;
       json["time"] = snapshot.time;
       json["host"] = snapshot.host;
+      json["age_seconds"] = age;
       json["blobs"] = snapshot.count;
       json["bytes"] = snapshot.bytes;
       json["partial"] = snapshot.isPartial;
       json["message"] = snapshot.message;
       text += JsonLine(json);
     } else {
-      text += fmt::format("{}  {}  {}  {:>10}  {:>10}{}{}{}\n", names.at(key).Short(),
-                          Printable(snapshot.host), Printable(snapshot.time), snapshot.count,
+      text += fmt::format("{}  {}  {}  {:>3}d {:02}:{:02}  {:>10}  {:>10}{}{}{}\n",
+                          names.at(key).Short(), Printable(snapshot.host), Printable(snapshot.time),
+                          age / 86400, age / 3600 % 24, age / 60 % 60, snapshot.count,
                           HumanSize(snapshot.bytes), snapshot.isPartial ? "  partial" : "",
                           snapshot.message.empty() ? "" : "  ", Printable(snapshot.message));
     }
   }
   PrintText(text);
+  return most >= 0 && !text.empty() ? kFault : kSuccess;
+}
+
+ExitStatus Forget(const ForgetOptions& options) {
+  if (!IsStoreId(options.store))
+    throw UsageError("\"{}\" is no store's id, 16 hexadecimal digits", options.store);
+  Remote remote(options.remote);
+  std::vector<std::string> keys;
+  for (const auto& [key, name] :
+       remote.NamesOf(remote.objects.List("snapshots/" + options.store + "/")))
+    keys.push_back(key);
+  if (keys.empty()) throw NothingFound("the store {} has no snapshot there", options.store);
+  remote.objects.Delete(keys);
+  Inform("{} forgotten; what no other needs goes with the next prunes",
+         Count(keys.size(), "snapshot"));
   return kSuccess;
 }
 
@@ -172,9 +200,25 @@ void AddRemoteCommands(CommandLine& line) {
   {
     auto [command, options] = line.Add(
         Group::kLook,
-        {"remote ls", "list the snapshots of a remote", "", "blobring remote ls s3://fleet/all"},
+        {"remote ls", "list the snapshots of a remote",
+         "Shows name, machine, time, age, blobs and their size. With --older-than, of each store "
+         "the last whole snapshot, or the first if none is whole, if it is older; the status is 1 "
+         "if there is one.",
+         "blobring remote ls s3://fleet/all --older-than 3d"},
         remote::ListRemote);
     remote::AddUrl(command, options.remote);
+    command.add_option("--older-than", options.olderThan, "stores whose last one is older")
+        ->type_name("TIME");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"remote forget", "forget all snapshots of a store that is gone",
+                  "The next prunes delete what no other snapshot needs.",
+                  "blobring remote forget s3://fleet/all 2144b8a1a2c442e4"},
+                 remote::Forget);
+    remote::AddUrl(command, options.remote);
+    command.add_option("STOREID", options.store, "see remote ls")->required();
   }
   {
     auto [command, options] = line.Add(
@@ -191,11 +235,17 @@ void AddRemoteCommands(CommandLine& line) {
       Group::kWork,
       {"remote prune", "forget snapshots, and delete what none needs",
        "What is to go is marked first, and deleted by a prune that runs after the time of grace. "
-       "Without --keep-last and --keep-within all whole snapshots stay.",
+       "A snapshot stays if one of the options keeps it; without any, all whole ones stay.",
        "blobring remote prune s3://fleet/all --keep-last 7 --keep-within 30d"},
       remote::Prune);
   remote::AddUrl(command, options.remote);
   command.add_option("--keep-last", options.keepLast, "snapshots to keep of each store")
+      ->type_name("N")
+      ->check(CLI::Range(1U, 1000000U));
+  command.add_option("--keep-daily", options.keepDaily, "of so many days the last one of each")
+      ->type_name("N")
+      ->check(CLI::Range(1U, 1000000U));
+  command.add_option("--keep-weekly", options.keepWeekly, "of so many weeks the last one of each")
       ->type_name("N")
       ->check(CLI::Range(1U, 1000000U));
   command.add_option("--keep-within", options.keepWithin, "keep those that are younger")
