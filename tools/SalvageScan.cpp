@@ -65,7 +65,8 @@ class Scanner final : format::ReadListener {
     AddTransaction(transaction.offset, transaction.End());
   }
   void OnSingle(const format::Record& record) override {
-    const Candidate found = {record, {}, record.End() - record.offset};
+    const format::RecordHead& head = record;
+    const Candidate found = {head, {}, record.End() - record.offset};
     if (record.IsStore()) {
       TakeBlob(record.offset, found);
     } else {

@@ -231,6 +231,7 @@ std::vector<std::string> FilesOf(const std::string& path) {
   if (!stdfs::is_directory(path, ignored)) return {path};
   const std::vector<SlotFile> files = LayoutOf({path, 0, {}, false}, Access::kLook).ReadFiles();
   std::vector<std::string> paths;
+  paths.reserve(files.size());
   for (const SlotFile& file : files) paths.push_back(file.path);
   for (const std::string& leftover : LeftoversBeside(files)) paths.push_back(leftover);
   return paths;
