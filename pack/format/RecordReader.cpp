@@ -180,10 +180,10 @@ void RecordReader::Digest() {
     if (pieces == nullptr) laneCount = 1;  // through the window
   }
   std::array<MD5Message, kMost> messages;
-  unsigned char* piece = pieces;
+  std::size_t used = 0;
   for (std::size_t i = 0; i < laneCount; ++i) {
-    lanes[i].piece = piece;
-    piece += lanes[i].pieceSize;
+    lanes[i].piece = laneCount > 1 ? pieces + used : nullptr;
+    used += lanes[i].pieceSize;
     messages[i] = {nullptr, 0, lanes[i].digest, &lanes[i]};
   }
   digested = lanes[0].at;
