@@ -5,9 +5,9 @@
 #include <csignal>
 #include <exception>
 
-#include "tools/CommandLine.h"
-#include "tools/Console.h"
-#include "tools/Interrupt.h"
+#include "tools/base/Console.h"
+#include "tools/base/Interrupt.h"
+#include "tools/command/CommandLine.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <random>
 
-#include "tools/Error.h"
+#include "tools/base/Error.h"
 #include "tools/remote/Formats.h"
 
 namespace tool::remote {

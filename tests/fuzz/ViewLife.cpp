@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "tests/fuzz/FileModel.h"
-#include "tools/look/StoreView.h"
+#include "tools/view/StoreView.h"
 
 namespace fuzz {
 

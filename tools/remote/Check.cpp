@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <random>
 
-#include "tools/Console.h"
-#include "tools/Json.h"
+#include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
 

@@ -1,8 +1,8 @@
 // The commands that work on a remote.
 #pragma once
 
-#include "tools/Commands.h"
-#include "tools/Error.h"
+#include "tools/base/Error.h"
+#include "tools/command/Commands.h"
 #include "tools/remote/Connection.h"
 
 namespace CLI {

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <map>
 
-#include "tools/Error.h"
+#include "tools/base/Error.h"
 
 namespace tool::remote {
 namespace {

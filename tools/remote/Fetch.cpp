@@ -4,8 +4,8 @@
 #include <tuple>
 
 #include "pack/format/Format.h"
-#include "tools/Console.h"
-#include "tools/look/FileWalk.h"
+#include "tools/base/Console.h"
+#include "tools/view/FileWalk.h"
 
 namespace tool::remote {
 namespace {

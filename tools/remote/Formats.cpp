@@ -8,8 +8,8 @@
 #include <tuple>
 
 #include "pack/format/Format.h"
-#include "tools/Error.h"
-#include "tools/Json.h"
+#include "tools/base/Error.h"
+#include "tools/base/Json.h"
 #include "tools/remote/Objects.h"
 
 namespace tool::remote {

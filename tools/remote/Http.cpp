@@ -5,9 +5,9 @@
 #include <ctime>
 #include <thread>
 
-#include "tools/Console.h"
-#include "tools/Error.h"
-#include "tools/Interrupt.h"
+#include "tools/base/Console.h"
+#include "tools/base/Error.h"
+#include "tools/base/Interrupt.h"
 
 namespace tool::remote {
 namespace {

@@ -4,8 +4,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "tools/Error.h"
-#include "tools/StagedFile.h"
+#include "tools/base/Error.h"
+#include "tools/base/StagedFile.h"
 #include "tools/remote/Objects.h"
 
 namespace tool::remote {

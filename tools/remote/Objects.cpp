@@ -4,7 +4,7 @@
 #include <cctype>
 #include <ctime>
 
-#include "tools/Error.h"
+#include "tools/base/Error.h"
 
 namespace tool::remote {
 namespace {

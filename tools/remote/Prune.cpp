@@ -4,8 +4,8 @@
 #include <algorithm>
 
 #include "pack/format/Format.h"
-#include "tools/Console.h"
-#include "tools/Json.h"
+#include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
 #include "tools/remote/PackBuilder.h"

@@ -1,11 +1,11 @@
 // pull: the blobs of a snapshot that a store lacks.
 #include <algorithm>
 
-#include "tools/BatchWriter.h"
-#include "tools/Console.h"
-#include "tools/Json.h"
+#include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
+#include "tools/work/BatchWriter.h"
 
 namespace tool::remote {
 namespace {

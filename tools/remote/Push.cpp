@@ -11,12 +11,12 @@
 #include <climits>
 #include <ctime>
 
-#include "tools/Console.h"
-#include "tools/Json.h"
-#include "tools/look/StoreView.h"
+#include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
 #include "tools/remote/PackBuilder.h"
+#include "tools/view/StoreView.h"
 
 namespace tool::remote {
 namespace {

@@ -4,8 +4,8 @@
 #include <span>
 #include <tuple>
 
-#include "tools/Console.h"
-#include "tools/Error.h"
+#include "tools/base/Console.h"
+#include "tools/base/Error.h"
 
 namespace tool::remote {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "md5/MD5.h"
-#include "tools/Error.h"
+#include "tools/base/Error.h"
 
 namespace tool::remote {
 namespace {

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "blobring/Store.h"
-#include "tools/Files.h"
+#include "tools/base/Files.h"
 
 namespace tool::remote {
 

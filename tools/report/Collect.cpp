@@ -4,11 +4,11 @@
 #include <chrono>
 #include <map>
 
-#include "tools/Interrupt.h"
-#include "tools/look/Naming.h"
-#include "tools/look/Objects.h"
-#include "tools/look/Rest.h"
+#include "tools/base/Interrupt.h"
 #include "tools/report/Regions.h"
+#include "tools/view/Naming.h"
+#include "tools/view/Objects.h"
+#include "tools/view/Rest.h"
 
 namespace tool {
 namespace {

@@ -1,8 +1,8 @@
 // Gathers what a report says.
 #pragma once
 
-#include "tools/Open.h"
 #include "tools/report/Document.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 

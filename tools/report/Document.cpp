@@ -8,8 +8,8 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "tools/Error.h"
-#include "tools/Files.h"
+#include "tools/base/Error.h"
+#include "tools/base/Files.h"
 
 namespace tool {
 namespace {

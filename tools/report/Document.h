@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/Json.h"
+#include "tools/base/Json.h"
 
 namespace tool {
 

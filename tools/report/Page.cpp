@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "pack/format/Format.h"
-#include "tools/Console.h"
+#include "tools/base/Console.h"
 #include "tools/report/Assets.h"
 #include "tools/report/Html.h"
 

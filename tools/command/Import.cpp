@@ -1,0 +1,270 @@
+// A tree of files into a store.
+#include <fts.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <set>
+
+#include "tools/base/Interrupt.h"
+#include "tools/base/StagedFile.h"
+#include "tools/command/Commands.h"
+#include "tools/view/StoreView.h"
+#include "tools/work/BatchWriter.h"
+#include "tools/work/Manifest.h"
+
+namespace tool {
+namespace {
+
+// The regular files of a tree.
+struct SourceTree {
+  struct File {
+    std::string name;   // below the root, without "./"
+    uint64_t size = 0;  // when it was listed, bytes
+  };
+
+  std::string root;
+  std::vector<File> files;  // in the order of their names' bytes, component by component
+  uint64_t byteCount = 0;
+  // Left out.
+  uint64_t symbolicLinkCount = 0;
+  uint64_t specialFileCount = 0;  // sockets, pipes and devices
+  uint64_t excludedCount = 0;
+  uint64_t filteredCount = 0;
+  uint64_t unreadableCount = 0;  // lstat(2) or opendir(3) failed; each was named
+
+  std::string PathOf(const File& file) const { return root + "/" + file.name; }
+};
+
+int ByName(const FTSENT** a, const FTSENT** b) {
+  return std::strcmp((*a)->fts_name, (*b)->fts_name);
+}
+
+// Lists the tree below `directory`, which may itself be a symbolic link. Says what is left out if
+// `verbose`. Throws Fault when `directory` cannot be read.
+SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
+                const NameFilter& filter, bool verbose) {
+  SourceTree tree;
+  tree.root = directory;
+  std::string root = directory;
+  char* roots[] = {root.data(), nullptr};
+  const std::unique_ptr<FTS, int (*)(FTS*)> walk(
+      ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName), ::fts_close);
+  if (!walk) ThrowErrno("read " + directory);
+  const auto nameOf = [&root](const std::string& path) {
+    return path.substr(path.find_first_not_of('/', root.size()));
+  };
+  errno = 0;
+  for (; FTSENT* entry = ::fts_read(walk.get()); errno = 0) {
+    const std::string path = entry->fts_path;
+    const struct stat& status = *entry->fts_statp;
+    const auto leaveOut = [&](std::string_view why, uint64_t& count) {
+      ++count;
+      if (verbose) Say("left out {}: {}", path, why);
+    };
+    const int kind = entry->fts_info;
+    if (entry->fts_level == 0 && kind != FTS_D && kind != FTS_DP) {
+      errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
+      ThrowErrno("read " + directory);
+    }
+    ThrowIfInterrupted();
+    if (kind == FTS_D && entry->fts_level != 0 && filter.Excludes(nameOf(path))) {
+      leaveOut("not asked for", tree.filteredCount);
+      ::fts_set(walk.get(), entry, FTS_SKIP);
+    } else if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
+      ++tree.unreadableCount;
+      Say("cannot read {}: {}", path, std::strerror(entry->fts_errno));
+    } else if (kind == FTS_SL || kind == FTS_SLNONE) {
+      leaveOut("a symbolic link", tree.symbolicLinkCount);
+    } else if (kind == FTS_DEFAULT) {
+      leaveOut("not a regular file", tree.specialFileCount);
+    } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
+      leaveOut("the store's or the manifest", tree.excludedCount);
+    } else if (kind == FTS_F && !filter.Takes(nameOf(path))) {
+      leaveOut("not asked for", tree.filteredCount);
+    } else if (kind == FTS_F) {
+      const auto size = static_cast<uint64_t>(status.st_size);
+      tree.files.push_back({nameOf(path), size});
+      tree.byteCount += size;
+    }
+  }
+  if (errno != 0) ThrowErrno("read " + directory);
+  return tree;
+}
+
+struct ImportTotals {
+  uint64_t fileCount = 0;
+  uint64_t byteCount = 0;
+  uint64_t newCount = 0;  // blobs that the store did not have
+  uint64_t newBytes = 0;
+  uint64_t failureCount = 0;
+  uint64_t changedCount = 0;
+};
+
+// What must not be imported: the store's files, the manifest, standard output.
+std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, const Output& out) {
+  std::set<FileId> ids;
+  const auto add = [&ids](const std::optional<FileId>& id) {
+    if (id) ids.insert(*id);
+  };
+  add(out.stagedId());
+  if (!manifest.empty()) add(IdOf(manifest));
+  add(IdOf(Layout::ConfPath(layout.store())));
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot) {
+    add(IdOf(layout.PackPath(slot)));
+    add(IdOf(layout.JournalPath(slot)));
+  }
+  return ids;
+}
+
+// Stores files some at a time, and counts them. Nothing in a file can throw here, only the store.
+class Importer {
+ public:
+  Importer(const SourceTree& tree, BatchWriter& writer, ImportTotals& totals)
+      : tree_(tree), writer_(writer), totals_(totals) {
+    bytes_.reserve(kMaxBytes);
+  }
+
+  void Add(const SourceTree::File& file) {
+    const std::string path = tree_.PathOf(file);
+    SourceFile source;
+    try {
+      source = ReadRegularFile(path, buffer_);
+    } catch (const Fault& fault) {
+      ++totals_.failureCount;
+      return Say("{}", fault.what());
+    }
+    if (source.changed) {
+      ++totals_.changedCount;
+      Say("{} changed while it was read; stored as it was read last", path);
+    }
+    const size_t size = source.bytes.size();
+    if (items_.size() == kMaxFiles || size > kMaxBytes - bytes_.size()) Flush();
+    std::string_view bytes = source.bytes;
+    if (size <= kMaxBytes) {
+      bytes_ += bytes;
+      bytes = std::string_view(bytes_).substr(bytes_.size() - size);
+    }
+    items_.push_back({bytes, path});
+    names_.push_back(file.name);
+    if (size > kMaxBytes) Flush();
+  }
+
+  // REQUIRES: called at the end.
+  void Flush() {
+    auto name = names_.begin();
+    writer_.AddMany(items_, [&](const BatchWriter::Item& item, const BatchWriter::Added& added) {
+      // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
+      writer_.AddLine(ManifestLine({added.hash, "./" + *name++}));
+      totals_.newCount += added.isNew ? 1 : 0;
+      totals_.newBytes += added.isNew ? item.data.size() : 0;
+      ++totals_.fileCount;
+      totals_.byteCount += item.data.size();
+    });
+    items_.clear();
+    names_.clear();
+    bytes_.clear();
+  }
+
+ private:
+  static constexpr size_t kMaxFiles = 256;
+  static constexpr size_t kMaxBytes = size_t{1024} * 1024;
+
+  const SourceTree& tree_;
+  BatchWriter& writer_;
+  ImportTotals& totals_;
+  Buffer buffer_;
+  std::string bytes_;  // of files up to kMaxBytes
+  std::vector<BatchWriter::Item> items_;
+  std::vector<std::string> names_;
+};
+
+void SayTotals(const SourceTree& tree, const ImportTotals& totals, double seconds) {
+  Inform("imported {}, {}, in {:.1f} s", Count(totals.fileCount, "file"),
+         HumanSize(totals.byteCount), seconds);
+  Inform("{} stored, {}; {} had contents that the store holds already, which saved {}",
+         Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
+         Count(totals.fileCount - totals.newCount, "file"),
+         HumanSize(totals.byteCount - totals.newBytes));
+  if (tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount != 0)
+    Inform("left out: {}, {}, {} of the store or the manifest",
+           Count(tree.symbolicLinkCount, "symbolic link"),
+           Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
+  if (tree.filteredCount != 0)
+    Inform("not asked for: {}", Count(tree.filteredCount, "file or directory"));
+  const uint64_t failed = totals.failureCount + tree.unreadableCount;
+  if (failed != 0)
+    Say("{} could not be stored and {} not in the manifest",
+        failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are");
+}
+
+ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
+  const StoreView view({at.directory, 0, {}, false});
+  std::set<blobring::Hash> added;
+  uint64_t bytes = 0;
+  uint64_t failureCount = tree.unreadableCount;
+  std::string text;
+  Buffer buffer;
+  Progress progress("reading", tree.files.size(), tree.byteCount);
+  for (const SourceTree::File& file : tree.files) {
+    progress.Advance(file.size);
+    try {
+      const std::string_view data = ReadRegularFile(tree.PathOf(file), buffer).bytes;
+      const blobring::Hash hash = blobring::Hash::of(std::as_bytes(std::span(data)));
+      if (view.Find(hash) != nullptr || !added.insert(hash).second) continue;
+      bytes += data.size();
+      text += ManifestLine({hash, "./" + file.name});
+    } catch (const Fault& fault) {
+      ++failureCount;
+      Say("{}", fault.what());
+    }
+  }
+  PrintText(text);
+  Inform("{} of {} would be stored, {}", Count(added.size(), "new blob"),
+         Count(tree.files.size(), "file"), HumanSize(bytes));
+  return failureCount == 0 && !view.damaged() ? kSuccess : kFault;
+}
+
+}  // namespace
+
+ExitStatus Import(const ImportOptions& options) {
+  const Layout layout = LayoutOf(options.at, Access::kChange);
+  CreateAsClosedAs(layout.JournalPath(0));
+  Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
+  const SourceTree tree = List(options.directory, Excluded(layout, options.manifest, out),
+                               options.filter, options.verbose);
+  if (options.dryRun) return SayWhatIsNew(tree, options.at);
+  std::string lines;
+  ImportTotals totals;
+  Progress progress("importing", tree.files.size(), tree.byteCount);
+  try {
+    OpenStore open(options.at, Access::kChange);
+    BatchWriter writer(open.store, lines);
+    Importer importer(tree, writer, totals);
+    try {
+      for (const SourceTree::File& file : tree.files) {
+        importer.Add(file);
+        progress.Advance(file.size);
+      }
+      importer.Flush();
+      writer.Commit();
+    } catch (const Interrupted&) {
+      writer.CommitInterrupted();
+    }
+  } catch (...) {
+    const auto taken = std::count(lines.begin(), lines.end(), '\n');
+    if (totals.fileCount != 0 && !IsInterrupted())
+      Say("{} of {} are stored; when the import is run again, they are not stored twice", taken,
+          Count(tree.files.size(), "file"));
+    if (!out.isFile()) out.Write(lines);
+    throw;
+  }
+  out.Write(lines);
+  out.Finish();
+  SayTotals(tree, totals, progress.Elapsed());
+  return totals.failureCount + totals.changedCount + tree.unreadableCount == 0 ? kSuccess : kFault;
+}
+
+}  // namespace tool

@@ -1,0 +1,125 @@
+#include "tools/view/Layout.h"
+
+#include <fcntl.h>
+#include <fmt/ranges.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <filesystem>
+#include <set>
+
+#include "tools/base/Console.h"
+#include "tools/base/Error.h"
+#include "tools/base/Files.h"
+#include "tools/base/StagedFile.h"
+
+namespace tool {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+// As the file has it, so that the store opens from any working directory and can be moved together
+// with the packs that lie in it.
+std::string RecordedDir(const std::string& store, const std::string& dir) {
+  const auto canonical = [](const std::string& path) {
+    std::string text = stdfs::weakly_canonical(stdfs::absolute(path));
+    if (text.size() > 1 && text.ends_with('/')) text.pop_back();
+    return text;
+  };
+  std::string absolute = canonical(dir);
+  if (absolute == canonical(store)) return format::Conf::kOwnDirectory;
+  if (absolute.find('\n') != std::string::npos)
+    throw UsageError("a pack directory cannot have a newline in its name");
+  return absolute;
+}
+
+}  // namespace
+
+FileHead ReadHead(const std::string& path) {
+  const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.valid() && errno == ENOENT) return {};
+  struct stat status = {};
+  std::array<unsigned char, format::kFileHeaderSize> bytes = {};
+  if (!fd.valid() || ::pread(fd.get(), bytes.data(), bytes.size(), 0) < 0 ||
+      ::fstat(fd.get(), &status) != 0)
+    ThrowErrno("read " + path);
+  return FileHead::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
+}
+
+Layout::Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs)
+    : store_(std::move(store)) {
+  if (slotCount == 0) slotCount = std::max<size_t>(format::kDefaultSlots, packDirs.size());
+  if (slotCount < packDirs.size())
+    throw UsageError("{} pack directories are more than {} slots can use", packDirs.size(),
+                     slotCount);
+  for (size_t slot = 0; slot < slotCount; ++slot)
+    packDirs_.push_back(packDirs.empty() ? format::Conf::kOwnDirectory
+                                         : RecordedDir(store_, packDirs[slot % packDirs.size()]));
+}
+
+std::string Layout::ConfPath(const std::string& store) {
+  return fmt::format("{}/{}", store, format::Conf::kFileName);
+}
+
+bool Layout::Exists(const std::string& store) {
+  std::error_code code;
+  return stdfs::exists(ConfPath(store), code);
+}
+
+Layout Layout::Read(const std::string& store) {
+  if (!Exists(store))
+    throw Fault("{} is not a store: it has no {}; `blobring init {}` makes one", store,
+                format::Conf::kFileName, store);
+  Buffer buffer;
+  Layout read(store);
+  auto [packDirs, error] =
+      format::Conf::Parse(ConfPath(store), ReadRegularFile(ConfPath(store), buffer).bytes);
+  if (!error.empty()) throw Fault("{}", error);
+  read.packDirs_ = std::move(packDirs);
+  return read;
+}
+
+size_t Layout::CountJournals(const std::string& store) {
+  size_t count = 0;
+  for (size_t slot = 0; slot < format::kMaxSlots; ++slot)
+    if (stdfs::exists(format::JournalPath(store, slot))) count = slot + 1;
+  return count;
+}
+
+void Layout::Write() const {
+  const Fd directory = OpenDirectory(store_);
+  StagedFile file(directory.get(), format::Conf::kFileName, ConfPath(store_));
+  file.Write(format::Conf{packDirs_}.Text());
+  file.Sync();
+  file.Publish(Existing::kReplace);
+}
+
+std::string Layout::PackDir(size_t slot) const {
+  return packDirs_.at(slot) == format::Conf::kOwnDirectory ? store_ : packDirs_.at(slot);
+}
+
+std::string Layout::PackPath(size_t slot) const {
+  return format::PackPath(PackDir(slot), slot);
+}
+
+std::string Layout::JournalPath(size_t slot) const {
+  return format::JournalPath(store_, slot);
+}
+
+std::vector<SlotFile> Layout::ReadFiles() const {
+  std::vector<SlotFile> files;
+  for (size_t slot = 0; slot < slotCount(); ++slot)
+    for (const std::string& path : {PackPath(slot), JournalPath(slot)})
+      files.push_back({path, ReadHead(path)});
+  return files;
+}
+
+std::string Layout::Description() const {
+  const std::set<std::string> dirs(packDirs_.begin(), packDirs_.end());
+  return fmt::format("{}, packs in {}", Count(slotCount(), "slot"), fmt::join(dirs, " and "));
+}
+
+}  // namespace tool

@@ -1,0 +1,460 @@
+#include "tools/view/StoreView.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "md5/MD5.h"
+#include "pack/format/Generation.h"
+#include "tools/base/Error.h"
+
+namespace tool {
+namespace {
+
+namespace stdfs = std::filesystem;
+using State = FileHead::State;
+
+// Repacks of another process overwrite what is being read.
+constexpr int kMostReadings = 10;
+constexpr auto kRetryAfter = std::chrono::milliseconds(20);
+constexpr size_t kLeastCompacted = size_t{1} << 16;
+
+constexpr uint64_t kReadAtOnce = uint64_t{4} * 1024 * 1024;
+constexpr size_t kMostReadAtOnce = 4096;  // blobs
+constexpr uint64_t kMostBetween = 512;    // bytes that are read rather than skipped
+
+bool SameHead(const FileHead& a, const FileHead& b) {
+  return a.state == b.state && a.header.recordCount == b.header.recordCount &&
+         a.header.sequence == b.header.sequence && a.header.endOffset == b.header.endOffset;
+}
+
+// What was read of a file stays as it was while its journal grows.
+bool IsOrHasGrown(const FileHead& before, const FileHead& now) {
+  const format::FileHeader& a = before.header;
+  const format::FileHeader& b = now.header;
+  return SameHead(before, now) || ((a.sequence == b.sequence || a.recordCount == 0) &&
+                                   b.mode == 0 && now.state == State::kSound &&
+                                   b.recordCount >= a.recordCount && b.endOffset >= a.endOffset);
+}
+
+// The numbers of /proc/locks are those of the file system, which some report otherwise in stat(2):
+// a descriptor of the process decides then.
+bool HasOpen(const std::string& pid, const FileId& id) {
+  std::error_code code;
+  for (const auto& entry : stdfs::directory_iterator("/proc/" + pid + "/fd", code))
+    if (IdOf(entry.path().string()) == id) return true;
+  return false;
+}
+
+}  // namespace
+
+std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
+  std::vector<FileId> ids;
+  for (const std::string& path : paths)
+    if (const std::optional<FileId> id = IdOf(path)) ids.push_back(*id);
+  std::map<int64_t, Holder> holders;
+  std::ifstream locks("/proc/locks");
+  // "1: FLOCK  ADVISORY  WRITE 4711 08:01:1234 0 EOF"
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream words(line);
+    std::string number, kind, mode, type, pid, file;
+    if (!(words >> number >> kind >> mode >> type >> pid >> file) || kind != "FLOCK") continue;
+    unsigned majorNumber = 0;
+    unsigned minorNumber = 0;
+    unsigned long long inode = 0;
+    if (std::sscanf(file.c_str(), "%x:%x:%llu", &majorNumber, &minorNumber, &inode) != 3) continue;
+    for (const FileId& id : ids) {
+      if (id.second != inode ||
+          (id.first != makedev(majorNumber, minorNumber) && !HasOpen(pid, id)))
+        continue;
+      Holder& holder = holders[std::atoll(pid.c_str())];
+      holder.pid = std::atoll(pid.c_str());
+      std::ifstream name("/proc/" + pid + "/comm");
+      std::getline(name, holder.command);
+    }
+  }
+  std::vector<Holder> found;
+  found.reserve(holders.size());
+  for (auto& [pid, holder] : holders) found.push_back(std::move(holder));
+  return found;
+}
+
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
+  SwappedFiles found;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const int32_t sequence = files[i].head.header.sequence;
+    if (files[i].head.state != State::kSound || sequence <= 0) continue;
+    const uint32_t slot = format::SlotOf(sequence, static_cast<uint32_t>(files.size() / 2));
+    if (slot != i / 2)
+      found.emplace_back(i,
+                         fmt::format("{} is of generation {}, which belongs to slot {}: it was "
+                                     "swapped with {}, or the store has other slots",
+                                     files[i].path, sequence, slot, files[2 * slot + i % 2].path));
+  }
+  return found;
+}
+
+bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest) {
+  return pack.head.state == State::kDamaged ||
+         format::IsPackLost(pack.head.header, journal.head.header,
+                            journal.head.state == State::kDamaged, slot, newest);
+}
+
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
+  int32_t newest = format::kSequenceReset;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
+  std::vector<size_t> lost;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].head.state != State::kMissing && IsLost(files[i], files[i + 1], i / 2, newest))
+      lost.push_back(i);
+  return lost;
+}
+
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files) {
+  std::set<std::string> directories;
+  for (const SlotFile& file : files)
+    directories.insert(stdfs::path(file.path).parent_path().string());
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (const std::string& directory : directories)
+    for (const auto& entry : stdfs::directory_iterator(directory, ignored))
+      if (const auto name = format::FileName::Parse(entry.path().filename().string());
+          name && !name->IsOfSlot())
+        paths.push_back(entry.path().string());
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
+std::vector<std::string> FilesSetAside(const StoreView& view) {
+  if (view.isSingleFile()) return {};
+  std::vector<std::string> paths = LeftoversBeside(view.files());
+  std::erase_if(paths, [](const std::string& path) {
+    return !format::FileName::Parse(stdfs::path(path).filename().string())->IsSetAside();
+  });
+  return paths;
+}
+
+std::vector<std::string> UnfinishedRepacks(const StoreView& view) {
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (size_t i = 0; i < view.files().size() && !view.isSingleFile(); i += 2) {
+    const SlotFile& pack = view.files()[i];
+    if (pack.head.header.sequence == format::kSequenceReset &&
+        pack.head.size > format::kFileHeaderSize)
+      paths.push_back(pack.path);
+    if (stdfs::exists(format::NewPath(pack.path), ignored))
+      paths.push_back(format::NewPath(pack.path));
+  }
+  return paths;
+}
+
+StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
+  std::error_code ignored;
+  isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);
+  bool isStale = true;
+  for (int attempt = 0; isStale && attempt < kMostReadings; ++attempt) {
+    if (attempt != 0) std::this_thread::sleep_for(kRetryAfter);
+    Build(options);
+    // What looks like damage may be a write in progress.
+    const bool isDoubtful = !findings_.empty() || !notes_.empty();
+    isStale = IsStale() || (isDoubtful && HeadsChanged());
+  }
+  std::vector<std::string> paths;
+  for (const SlotFile& file : files_) paths.push_back(file.path);
+  holders_ = HoldersOf(paths);
+  for (const Holder& holder : holders_)
+    Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid, holder.command);
+  if (isStale)
+    throw FailureOf<kHeld>("{} changed each time it was read: another process is at work on it",
+                           path_);
+  for (const std::string& text : findings_) Say("{}", text);
+  for (const std::string& text : notes_) Say("{}", text);
+}
+
+void StoreView::Build(const StoreOptions& options) {
+  current_.clear();
+  notShown_.clear();
+  walked_.clear();
+  opened_.clear();
+  blobs_.clear();
+  compactedSize_ = 0;
+  findings_.clear();
+  notes_.clear();
+  slot_.reset();
+  if (isSingleFile_) {
+    files_ = {SlotFile{path_, ReadHead(path_)}};
+    if (files_[0].head.state == State::kDamaged)
+      findings_.push_back(path_ + ": the header is damaged");
+    current_ = {0};
+    const Walked walked = Take(0);
+    if (walked.damage)
+      findings_.push_back(fmt::format("{} is damaged at {}: {}", path_, walked.damage->offset,
+                                      walked.damage->what));
+  } else {
+    files_ = LayoutOf(options, Access::kLook).ReadFiles();
+    ChooseGeneration();
+  }
+  SortBlobs();
+}
+
+// Packs by falling sequence, equal ones in the order of their slots, as a load tries them.
+void StoreView::ChooseGeneration() {
+  const bool isUsed = std::any_of(files_.begin(), files_.end(),
+                                  [](const SlotFile& file) { return file.head.IsUsed(); });
+  for (const auto& [file, text] : FindSwapped(files_)) findings_.push_back(text);
+  std::vector<size_t> packs;
+  for (size_t i = 0; i < files_.size(); ++i) {
+    if (files_[i].head.state == State::kMissing && isUsed)
+      findings_.push_back(files_[i].path + " is missing");
+    if (files_[i].head.state != State::kMissing && i % 2 == 0) packs.push_back(i);
+  }
+  std::stable_sort(packs.begin(), packs.end(), [this](size_t a, size_t b) {
+    return format::IsNewer(files_[a].head.header.sequence, files_[b].head.header.sequence);
+  });
+  for (const size_t pack : packs) {
+    const int32_t sequence = files_[pack].head.header.sequence;
+    blobs_.clear();
+    const Walked walked = Take(pack);
+    if (walked.damage || (walked.recordCount == 0 && !CountsAll(pack))) {
+      findings_.push_back(walked.damage ? fmt::format("{} is damaged at {}: {}", files_[pack].path,
+                                                      walked.damage->offset, walked.damage->what)
+                                        : files_[pack].path + ": the header is damaged");
+      opened_.erase(pack);
+      notShown_.push_back(pack / 2);
+      if (notShown_.size() == 1 && files_[pack].head.state == State::kSound)
+        findings_.push_back("the newest generation, that of " + files_[pack].path +
+                            ", is not shown");
+      continue;
+    }
+    if (sequence == format::kSequenceReset) break;  // emptied by a repack that did not end
+    sequence_ = sequence;
+    slot_ = format::SlotOf(sequence, static_cast<uint32_t>(slotCount()));
+    current_ = {pack};
+    FindLostPacks();
+    return TakeJournal(2 * *slot_ + 1);
+  }
+  blobs_.clear();
+  findings_.push_back("no pack can be loaded");
+}
+
+void StoreView::FindLostPacks() {
+  for (size_t slot = 0; slot < slotCount(); ++slot) {
+    const SlotFile& pack = files_[2 * slot];
+    const bool isShown = 2 * slot == current_.front();
+    const bool isElsewhere = slot == slot_ && !isShown;  // under another name
+    if ((isWalked(2 * slot) && !isShown) || isElsewhere ||
+        !IsLost(pack, files_[2 * slot + 1], slot, sequence_))
+      continue;
+    notShown_.push_back(slot);
+    findings_.push_back(
+        pack.path +
+        (IsNewer(slot) ? " is damaged or lost: it was the newest pack, and what is shown is older"
+                       : " is damaged or lost: if it was the newest pack, what is shown is older"));
+  }
+}
+
+bool StoreView::IsNotShown(size_t file) const {
+  return std::find(notShown_.begin(), notShown_.end(), file / 2) != notShown_.end();
+}
+
+// Whether the lost pack of a slot must have been newer than the one that is shown: its journal says
+// so, or there was no repack that can have written an older one.
+bool StoreView::IsNewer(size_t slot) const {
+  const SlotFile& journal = files_[2 * slot + 1];
+  if (journal.head.state == State::kSound && journal.head.header.sequence > sequence_) return true;
+  const auto age = (static_cast<uint64_t>(sequence_) + slotCount() - slot) % slotCount();
+  return age != 0 && static_cast<int64_t>(age) >= sequence_;
+}
+
+// Whether the header counts just what the file has.
+bool StoreView::CountsAll(size_t file) const {
+  const FileHead& head = files_[file].head;
+  const Walked& walked = walked_.at(file);
+  return head.state == State::kNew ||
+         (head.state == State::kSound && walked.recordCount == head.header.recordCount &&
+          walked.end == head.header.endOffset);
+}
+
+void StoreView::TakeJournal(size_t journal) {
+  const SlotFile& file = files_[journal];
+  if (file.head.state == State::kMissing) return;
+  current_.push_back(journal);
+  const Walked walked = Take(journal);
+  if (!walked.damage && CountsAll(journal)) return;
+  if (walked.lastIsTorn)
+    notes_.push_back(
+        fmt::format("{} at {}: {}", file.path, walked.damage->offset, walked.damage->what));
+  else if (walked.damage)
+    findings_.push_back(fmt::format("{} is damaged at {}: {}", file.path, walked.damage->offset,
+                                    walked.damage->what));
+  else
+    findings_.push_back(file.path + ": the header does not count what the file has");
+}
+
+// Walks a file and adds its records to blobs_.
+Walked StoreView::Take(size_t index) {
+  auto& opened = opened_[index];
+  opened = std::make_unique<SalvageFile>(files_[index].path);
+  WalkOptions options;
+  options.transaction = [this](const format::Transaction& transaction) {
+    const uint64_t more = transaction.RecordCount();
+    if (blobs_.capacity() - blobs_.size() >= more) return;
+    Compact();
+    blobs_.reserve(blobs_.size() + more + blobs_.size() / 4);
+  };
+  options.record = [this, index](const format::Record& record) {
+    blobs_.push_back({HashOf(record), record.size, static_cast<uint32_t>(record.offset),
+                      static_cast<uint32_t>(index), !record.IsStore(), record.op.transactionId});
+  };
+  const FileHead& head = files_[index].head;
+  Progress progress("reading " + files_[index].path, 0);
+  options.progress = [&](uint64_t digested) {
+    progress.ShowBytes(digested, std::max<uint64_t>(digested, head.header.endOffset));
+  };
+  Walked walked;
+  if (head.state != State::kNew) walked = Walk(*opened, head, options);
+  walked_[index] = walked;
+  return walked;
+}
+
+// A journal may have stored and deleted far more than is live.
+void StoreView::Compact() {
+  if (blobs_.size() < kLeastCompacted || blobs_.size() / 2 < compactedSize_) return;
+  SortBlobs();
+  compactedSize_ = blobs_.size();
+}
+
+// The last record of each hash decides. The journal comes behind the pack, whatever their slots.
+void StoreView::SortBlobs() {
+  std::sort(blobs_.begin(), blobs_.end(), [](const ViewedBlob& a, const ViewedBlob& b) {
+    return std::tuple(a.hash, a.file % 2, a.offset) < std::tuple(b.hash, b.file % 2, b.offset);
+  });
+  size_t kept = 0;
+  liveBytes_ = 0;
+  for (size_t i = 0; i < blobs_.size(); ++i) {
+    const bool isLast = i + 1 == blobs_.size() || blobs_[i].hash != blobs_[i + 1].hash;
+    if (!isLast || blobs_[i].isDeletion) continue;
+    blobs_[kept++] = blobs_[i];
+    liveBytes_ += blobs_[i].size;
+  }
+  blobs_.resize(kept);
+}
+
+bool StoreView::IsStale() const {
+  return std::any_of(current_.begin(), current_.end(), [this](size_t file) {
+    return !IsOrHasGrown(files_[file].head, ReadHead(files_[file].path));
+  });
+}
+
+bool StoreView::HeadsChanged() const {
+  return std::any_of(files_.begin(), files_.end(), [](const SlotFile& file) {
+    return !SameHead(ReadHead(file.path), file.head);
+  });
+}
+
+const ViewedBlob* StoreView::Find(const blobring::Hash& hash) const {
+  const auto found = std::lower_bound(
+      blobs_.begin(), blobs_.end(), hash,
+      [](const ViewedBlob& blob, const blobring::Hash& wanted) { return blob.hash < wanted; });
+  return found != blobs_.end() && found->hash == hash ? &*found : nullptr;
+}
+
+uint64_t StoreView::repackedBytes() const {
+  if (blobs_.empty()) return format::kFileHeaderSize;
+  return format::kFileHeaderSize + format::kStartSize + format::kEndSize +
+         blobs_.size() * uint64_t{format::kStoreHeadSize} + liveBytes_;
+}
+
+// The journal of a repacked store is a header alone.
+uint64_t StoreView::deadBytes() const {
+  uint64_t used = 0;
+  for (const size_t file : current_) used += walked_.count(file) != 0 ? walked_.at(file).end : 0;
+  return used - std::min(used, repackedBytes() + format::kFileHeaderSize);
+}
+
+std::string_view StoreView::Read(const ViewedBlob& blob, Buffer& buffer) const {
+  Grow(buffer, blob.size);
+  const std::span bytes(buffer.data(), blob.size);
+  opened_.at(blob.file)->Read(blob.dataOffset(), reinterpret_cast<unsigned char*>(bytes.data()),
+                              bytes.size());
+  if (blobring::Hash::of(std::as_bytes(bytes)) != blob.hash) {
+    const std::string& file = files_[blob.file].path;
+    if (IsStale())
+      throw Fault("{} changed while the blob {} was read; try again", file, blob.hash.text());
+    throw Fault("cannot read the blob {}: it does not match its hash in {} at {}", blob.hash.text(),
+                file, blob.offset);
+  }
+  return {bytes.data(), bytes.size()};
+}
+
+std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& rest,
+                                          Buffer& buffer) const {
+  std::vector<ReadBlob> read;
+  uint64_t bytes = 0;
+  for (const ViewedBlob* blob : rest) {
+    if (!read.empty() && (bytes + blob->size > kReadAtOnce || read.size() == kMostReadAtOnce))
+      break;
+    read.push_back({blob, {}, {}});
+    bytes += blob->size + kMostBetween;
+  }
+  rest = rest.subspan(read.size());
+  try {
+    Grow(buffer, bytes);
+  } catch (const Fault& fault) {
+    for (ReadBlob& each : read) each.fault = fault;
+    return read;
+  }
+  // As they lie; neighbours in one call, with what is between them.
+  std::vector<ReadBlob*> order;
+  order.reserve(read.size());
+  for (ReadBlob& each : read) order.push_back(&each);
+  std::sort(order.begin(), order.end(), [](const ReadBlob* a, const ReadBlob* b) {
+    return std::tie(a->blob->file, a->blob->offset) < std::tie(b->blob->file, b->blob->offset);
+  });
+  char* at = buffer.data();
+  for (auto first = order.begin(); first != order.end();) {
+    const uint64_t start = (*first)->blob->dataOffset();
+    uint64_t end = start;
+    auto next = first;
+    for (; next != order.end() && (*next)->blob->file == (*first)->blob->file; ++next) {
+      const uint64_t from = (*next)->blob->dataOffset();
+      if (from < end || from - end > kMostBetween) break;
+      (*next)->bytes = {at + (from - start), (*next)->blob->size};
+      end = from + (*next)->blob->size;
+    }
+    opened_.at((*first)->blob->file)
+        ->Read(start, reinterpret_cast<unsigned char*>(at), end - start);
+    at += end - start;
+    first = next;
+  }
+  std::vector<std::array<uint8_t, format::kHashSize>> digests(read.size());
+  std::vector<MD5Message> messages;
+  for (size_t i = 0; i < read.size(); ++i)
+    messages.push_back({reinterpret_cast<const uint8_t*>(read[i].bytes.data()),
+                        read[i].bytes.size(), digests[i].data()});
+  DigestMany(messages.data(), messages.size());
+  for (size_t i = 0; i < read.size(); ++i) {
+    if (blobring::Hash(digests[i]) == read[i].blob->hash) continue;
+    try {
+      Buffer again;
+      Read(*read[i].blob, again);
+      std::copy_n(again.data(), read[i].bytes.size(),
+                  buffer.data() + (read[i].bytes.data() - buffer.data()));
+    } catch (const Fault& fault) {
+      read[i].fault = fault;
+    }
+  }
+  return read;
+}
+
+}  // namespace tool

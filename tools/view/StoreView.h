@@ -1,0 +1,148 @@
+// A store as its files show it: read without a lock, a layout file or write access, while another
+// process may be changing it.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/base/Error.h"
+#include "tools/view/FileWalk.h"
+#include "tools/work/Open.h"
+
+namespace tool {
+
+struct ViewedBlob {
+  blobring::Hash hash;
+  uint32_t size = 0;        // bytes
+  uint32_t offset = 0;      // of its record
+  uint32_t file = 0;        // index into StoreView::files()
+  bool isDeletion = false;  // never so in StoreView::blobs()
+  int64_t transactionId = 0;
+
+  uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeadSize; }
+};
+
+struct ReadBlob {
+  const ViewedBlob* blob;
+  std::string_view bytes;
+  std::optional<Fault> fault;  // what StoreView::Read throws for it
+};
+
+// A process that has one of the files open.
+struct Holder {
+  int64_t pid = 0;
+  std::string command;  // may be empty
+};
+
+class StoreView {
+ public:
+  // Looks at a directory, or at a single pack or journal. Finds the generation that a load would
+  // choose, digests its transactions, and lists its blobs. Says what is wrong with it and that
+  // another process may be changing it. Throws Fault or UsageError as LayoutOf does, and a failure
+  // of status kHeld if the store was repacked each time it was read.
+  // Memory: 40 bytes for each blob, at most 2.5 times as much while it reads, and about 3 MiB.
+  explicit StoreView(const StoreOptions& options);
+
+  const std::string& path() const { return path_; }
+  size_t slotCount() const { return files_.size() / 2; }         // 0: a single file
+  const std::vector<SlotFile>& files() const { return files_; }  // each pack before its journal
+  bool isSingleFile() const { return isSingleFile_; }
+
+  // The current generation. Nothing when no pack can be loaded, or for a single file.
+  std::optional<size_t> slot() const { return slot_; }
+  int32_t sequence() const { return sequence_; }
+  // What is current of files(): the pack and its journal, or the single file.
+  const std::vector<size_t>& current() const { return current_; }
+  // The slots of generations that are newer than the current one, or may be, and cannot be shown:
+  // their packs are damaged or lost.
+  const std::vector<size_t>& notShown() const { return notShown_; }
+  bool IsNotShown(size_t file) const;
+  // What was found in a file that was walked: those of current(), and damaged packs before them.
+  const Walked& walked(size_t file) const { return walked_.at(file); }
+  bool isWalked(size_t file) const { return walked_.count(file) != 0; }
+
+  // The live blobs in ascending order of their hashes.
+  const std::vector<ViewedBlob>& blobs() const { return blobs_; }
+  uint64_t liveBytes() const { return liveBytes_; }  // of their data
+  const ViewedBlob* Find(const blobring::Hash& hash) const;
+
+  // What a repack would write, and what it would leave behind. Bytes.
+  uint64_t repackedBytes() const;
+  uint64_t deadBytes() const;
+
+  // Whether another process may have overwritten what this view shows. Commits do not do that.
+  bool IsStale() const;
+
+  // The blob, in the buffer. Throws Fault if it does not match its hash.
+  std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
+
+  // Reads blobs from the first of `rest` on, which then begins behind them: 4 MiB, or one. They lie
+  // in the buffer, in the order that they have in `rest`. Digests many at a time.
+  std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer) const;
+
+  SalvageFile& file(size_t index) const { return *opened_.at(index); }
+
+  bool damaged() const { return !findings_.empty(); }
+  const std::vector<std::string>& findings() const { return findings_; }
+  const std::vector<Holder>& holders() const { return holders_; }
+
+ private:
+  void Build(const StoreOptions& options);
+  void ChooseGeneration();
+  void TakeJournal(size_t file);
+  Walked Take(size_t file);
+  void SortBlobs();
+  bool HeadsChanged() const;
+  void FindLostPacks();
+  bool IsNewer(size_t slot) const;
+  bool CountsAll(size_t file) const;
+  void Compact();
+
+  std::string path_;
+  bool isSingleFile_ = false;
+  std::vector<SlotFile> files_;
+  std::optional<size_t> slot_;
+  int32_t sequence_ = 0;
+  std::vector<size_t> current_;
+  std::vector<size_t> notShown_;
+  std::map<size_t, Walked> walked_;
+  mutable std::map<size_t, std::unique_ptr<SalvageFile>> opened_;
+  std::vector<ViewedBlob> blobs_;
+  size_t compactedSize_ = 0;  // of blobs_ when it was last compacted
+  uint64_t liveBytes_ = 0;
+  std::vector<std::string> findings_;
+  std::vector<std::string> notes_;  // no damage
+  std::vector<Holder> holders_;
+};
+
+// Files with the sequence of another slot, by their index, and what to say of each: two names were
+// swapped, or the slots are others.
+using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
+
+// Whether the pack of a slot is damaged or lost (format::IsPackLost), where the newest of the
+// others is of this sequence.
+bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest);
+
+// The packs that are there and lost for all that the headers tell, by their index.
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files);
+
+// What loads and repacks have left in the directories of these files.
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files);
+
+// Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
+std::vector<std::string> FilesSetAside(const StoreView& view);
+
+// What repacks that did not end have left: k.pak.new, or a pack that was emptied and still has
+// bytes.
+std::vector<std::string> UnfinishedRepacks(const StoreView& view);
+
+// The processes that hold a lock on one of the files, from /proc/locks.
+std::vector<Holder> HoldersOf(const std::vector<std::string>& paths);
+
+}  // namespace tool

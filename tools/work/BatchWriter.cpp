@@ -1,0 +1,157 @@
+#include "tools/work/BatchWriter.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include "tools/base/Console.h"
+#include "tools/base/Error.h"
+#include "tools/work/Open.h"
+
+namespace tool {
+namespace {
+
+// Enough blobs to make the cost of a commit nothing, few enough that an interrupted import has lost
+// little.
+constexpr size_t kMaxBlobs = 1000;
+constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
+
+// What is in a journal moves to a pack before this. The last MiB is left to the store.
+constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 1024;
+
+}  // namespace
+
+long long TransactionId() {
+  return std::chrono::duration_cast<std::chrono::microseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, WhenFull whenFull)
+    : store_(store), committedLines_(committedLines), whenFull_(whenFull) {
+  if (whenFull == WhenFull::kRepack) journalBytes_ = store.stats().journalBytes;
+}
+
+void BatchWriter::MakeRoom(std::span<const Item> items) {
+  uint64_t bytes = format::kStartSize + format::kEndSize;
+  for (const Item& item : items) bytes += format::kStoreHeadSize + item.data.size();
+  if (journalBytes_ > format::kFileHeaderSize && journalBytes_ + bytes > kMaxJournalBytes) {
+    Commit();
+    Progress progress("repacking", store_.stats().blobCount);
+    store_.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
+      progress.Show(done);
+      return true;
+    });
+    journalBytes_ = format::kFileHeaderSize;
+  }
+  journalBytes_ += bytes;
+}
+
+BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name) {
+  Added result{};
+  const Item item{data, name};
+  AddMany({&item, 1}, [&result](const Item&, const Added& added) { result = added; });
+  return result;
+}
+
+void BatchWriter::AddMany(std::span<const Item> items, const OnAdded& added) {
+  if (whenFull_ == WhenFull::kRepack) MakeRoom(items);
+  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
+  if (!transaction_) transaction_.emplace(store_, TransactionId());
+  size_t at = 0;
+  try {
+    while (at < items.size())
+      // What stopped it, the same blob says by itself.
+      if (AddSome(items.subspan(at), added, at) == 0) store_.put(items[at].data);
+  } catch (const std::runtime_error& error) {
+    const std::string reason = Explain(error);  // before the commit has one of its own
+    try {
+      Commit();
+    } catch (const blobring::Error& second) {
+      Say("{}", Explain(second));
+    }
+    throw Fault("cannot store {}: {}", items[at].name, reason);
+  }
+}
+
+// Stores blobs up to the first that fails, and returns how many. Moves `at` on with each.
+size_t BatchWriter::AddSome(std::span<const Item> items, const OnAdded& added, size_t& at) {
+  std::vector<BCBlob> blobs(items.size());
+  for (size_t i = 0; i < items.size(); ++i)
+    blobs[i] = {reinterpret_cast<const unsigned char*>(items[i].data.data()),
+                static_cast<int>(items[i].data.size()),
+                {}};
+  const int stored = BCPutMany(store_.index(), blobs.data(), static_cast<int>(blobs.size()));
+  std::vector<BCFetchItem> present(static_cast<size_t>(stored));
+  for (size_t i = 0; i < present.size(); ++i)
+    std::copy(std::begin(blobs[i].hash), std::end(blobs[i].hash), present[i].hash);
+  ReadPresent(present);
+  for (size_t i = 0; i < present.size(); ++i, ++at) {
+    const Item& item = items[i];
+    const blobring::Hash hash(std::to_array(present[i].hash));
+    const bool isNew = !Holds(present[i], item) && pending_.insert(hash).second;
+    if (isNew) pendingBytes_ += item.data.size();
+    added(item, {hash, isNew});
+  }
+  return present.size();
+}
+
+// Asks for the sizes first, so that memory is taken for what is there alone.
+void BatchWriter::ReadPresent(std::vector<BCFetchItem>& present) {
+  const auto fetch = [&] {
+    return BCFetchMany(store_.index(), present.data(), static_cast<int>(present.size()));
+  };
+  fetch();
+  size_t bytes = 0;
+  for (const BCFetchItem& item : present) bytes += static_cast<size_t>(item.size);
+  if (bytes == 0) return;
+  Grow(present_, bytes);
+  auto* buffer = reinterpret_cast<unsigned char*>(present_.data());
+  for (BCFetchItem& item : present) {
+    item.buffer = std::exchange(buffer, buffer + item.size);
+    item.capacity = item.size;
+  }
+  fetch();
+}
+
+// Whether the blob was committed before this transaction. The store takes back what it says of a
+// blob that it could not read, so that the second put writes it.
+bool BatchWriter::Holds(const BCFetchItem& present, const Item& item) {
+  if (present.result == BLOBRING_NOT_FOUND) return false;
+  const blobring::Hash hash(std::to_array(present.hash));
+  std::string_view bytes(reinterpret_cast<const char*>(present.buffer),
+                         static_cast<size_t>(present.size));
+  std::optional<std::vector<std::byte>> again;
+  if (present.result != BLOBRING_FETCHED) {
+    try {
+      again = store_.get(hash);
+    } catch (const blobring::Error& error) {
+      Say("the store's copy of {} cannot be read and is replaced: {}", item.name, Explain(error));
+      store_.put(item.data);
+      return false;
+    }
+    bytes = {reinterpret_cast<const char*>(again->data()), again->size()};
+  }
+  if (bytes != item.data)
+    throw Fault("the store has other contents with the same MD5 digest, {}", hash.text());
+  return true;
+}
+
+void BatchWriter::Commit() {
+  if (transaction_) transaction_->commit();
+  transaction_.reset();
+  committedCount_ += pending_.size();
+  committedBytes_ += pendingBytes_;
+  pending_.clear();
+  pendingBytes_ = 0;
+  committedLines_ += std::exchange(pendingLines_, {});
+}
+
+void BatchWriter::CommitInterrupted() {
+  Commit();
+  throw Interrupted("interrupted: {} committed, {}; run it again to go on",
+                    Count(committedCount_, "new blob"), HumanSize(committedBytes_));
+}
+
+}  // namespace tool

@@ -1,0 +1,162 @@
+#include "tools/work/Open.h"
+
+#include <algorithm>
+#include <map>
+#include <regex>
+#include <utility>
+
+#include "blobring/host.h"
+#include "tools/base/Error.h"
+#include "tools/base/Interrupt.h"
+#include "tools/view/StoreView.h"
+
+namespace tool {
+namespace {
+
+constexpr size_t kMaxTraceLines = 1000;
+
+std::vector<std::pair<int, std::string>> traced;  // level and text
+
+// Opening a store without any pack that can be loaded, for a change, moves all its files aside.
+// That is refused where the headers alone show it. So are files under each other's names, of which
+// a repack would overwrite the wrong ones.
+void RequireLoadable(const Layout& layout) {
+  const std::vector<SlotFile> files = layout.ReadFiles();
+  if (const auto swapped = FindSwapped(files); !swapped.empty())
+    throw Fault("{}; nothing was changed. Give the files their names back", swapped[0].second);
+  bool isUsed = false;
+  for (size_t i = 0; i < files.size(); i += 2) {
+    if (files[i].head.IsLoadable()) return;
+    isUsed = isUsed || files[i].head.state != FileHead::State::kMissing;
+  }
+  const FileHead& head = files.front().head;
+  if (isUsed)
+    throw Fault(
+        "no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
+        "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; "
+        "or restore a backup",
+        files.front().path, head.header.sequence, head.header.endOffset, head.size, layout.store());
+}
+
+blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access) {
+  blobring::Options raw;
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot)
+    raw.packDirectories.emplace_back(layout.PackDir(slot));
+  raw.eraseDamaged = options.eraseDamaged;
+  raw.mustExist = access != Access::kCreate;
+  raw.readOnly = access == Access::kLook;
+  Progress progress("opening " + layout.store(), 0);
+  raw.progress = [&progress](blobring::Operation, uint64_t done, uint64_t total) {
+    if (!IsInterrupted()) progress.ShowBytes(done, total);  // a load cannot be stopped
+    return true;
+  };
+  if (!raw.readOnly && !raw.eraseDamaged) RequireLoadable(layout);
+  const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
+  TakeTrace(BLOBRING_HOST_WARNING);
+  const auto sayTrace = [] {
+    for (const std::string& line : TakeTrace(BLOBRING_HOST_WARNING)) Say("{}", line);
+  };
+  try {
+    blobring::Store store(layout.store(), raw);
+    sayTrace();
+    ThrowIfInterrupted();
+    return store;
+  } catch (const blobring::Error& error) {
+    const bool isErased = hasFiles && Layout::CountJournals(layout.store()) == 0;
+    if (isErased || error.code() == BLOBRING_ERROR_DAMAGED) sayTrace();
+    if (!isErased) throw;
+  }
+  Say("the store {} was erased and is empty now", layout.store());
+  raw.mustExist = false;
+  return blobring::Store(layout.store(), raw);
+}
+
+// The cause in a sentence and what a user can do; nothing where the text itself says it.
+std::string_view AdviceFor(const std::string& text, int code) {
+  if (code == BLOBRING_ERROR_HELD)
+    return "another process has the store open; wait until it is done and try again";
+  if (text.find("no room for") != std::string::npos)
+    return "the journal is full; run `blobring repack` and try again, what was committed is safe";
+  // Codes of the Win32 API reference.
+  constexpr std::string_view kFull =
+      "the disk is full; free some space and try again, what was committed is safe";
+  static const std::map<int, std::string_view> kAdvice = {
+      {4, "too many files are open; raise the limit (ulimit -n)"},
+      {5, "permission is denied; look at the owner and mode of the store's files"},
+      {8, "memory is short"},
+      {19, "the file system is read-only"},
+      {39, kFull},
+      {112, kFull},
+      {223, "a file may not grow further; look at the limit on file sizes (ulimit -f)"},
+      {1117, "the disk reports an error; look at the system's log"},
+  };
+  static const std::regex kSystemCode("GetLastError[^0-9]*([0-9]{1,9})");
+  std::smatch match;
+  if (std::regex_search(text, match, kSystemCode))
+    if (const auto advice = kAdvice.find(std::stoi(match[1])); advice != kAdvice.end())
+      return advice->second;
+  return {};
+}
+
+}  // namespace
+
+Layout LayoutOf(const StoreOptions& options, Access access) {
+  const std::string& store = options.directory;
+  const bool isSaid = options.slotCount != 0 || !options.packDirs.empty();
+  if (access == Access::kCreate) return Layout(store, options.slotCount, options.packDirs);
+  if (access != Access::kLook || (!isSaid && Layout::Exists(store))) return Layout::Read(store);
+  const size_t slotCount =
+      options.slotCount != 0 ? options.slotCount : Layout::CountJournals(store);
+  if (slotCount == 0) return Layout::Read(store);  // which says that there is no store
+  Layout said(store, slotCount, options.packDirs);
+  if (Layout::Exists(store) && !said.SameSlots(Layout::Read(store)))
+    throw UsageError("{} has {}", store, Layout::Read(store).Description());
+  return said;
+}
+
+OpenStore::OpenStore(const StoreOptions& options, Access access)
+    : layout(LayoutOf(options, access)),
+      store(Open(options, layout, access)),
+      damaged(store.stats().damaged != 0) {
+  if (damaged && access == Access::kChange && !options.eraseDamaged)
+    throw Fault(
+        "the store {0} is damaged (see above) and takes no changes while this is reported: "
+        "`blobring salvage {0} NEW` copies all that can be read into a new store; or restore a "
+        "backup, or go on with what is shown by `blobring repack --force {0}`",
+        layout.store());
+}
+
+std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash) {
+  const int size = BCGetSize(store.index(), hash.data());
+  if (size == BLOBRING_SIZE_FAILED)
+    throw Fault("cannot look up {}: {}", hash.text(), store.lastFailure());
+  return size < 0 ? std::nullopt : std::optional<size_t>(size);
+}
+
+void InitTrace() {
+  BlobringHostSetTraceSink(
+      [](void* /*context*/, int level, const char* /*source*/, const char* text) {
+        if (traced.size() < kMaxTraceLines) traced.emplace_back(level, text);
+      },
+      nullptr);
+}
+
+std::vector<std::string> TakeTrace(int maxLevel) {
+  std::vector<std::string> lines;
+  for (auto& [level, text] : std::exchange(traced, {}))
+    if (level <= maxLevel) lines.push_back(std::move(text));
+  return lines;
+}
+
+std::string Explain(const std::exception& failure) {
+  constexpr std::string_view kPrefix = "blobring: ";
+  std::string text = failure.what();
+  const auto* error = dynamic_cast<const blobring::Error*>(&failure);
+  if (error == nullptr) return text;
+  if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
+  const std::string_view advice = AdviceFor(text, error->code());
+  text.erase(std::min(text.find('\n'), text.size()));
+  return advice.empty() ? text : fmt::format("{} [{}]", advice, text);
+}
+
+}  // namespace tool

@@ -1,0 +1,64 @@
+// A store opened for one command.
+#pragma once
+
+#include <cstddef>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "blobring/Store.h"
+#include "tools/base/Console.h"
+#include "tools/base/Files.h"
+#include "tools/view/Layout.h"
+
+namespace tool {
+
+// What a command line says about a store.
+struct StoreOptions {
+  std::string directory;
+  std::size_t slotCount = 0;          // 0: not said
+  std::vector<std::string> packDirs;  // of the slots in turn
+  bool eraseDamaged = false;
+};
+
+enum class Access {
+  kLook,           // changes no file; needs no blobring.conf
+  kChange,         // refused when the store is damaged, unless that is to be erased
+  kChangeDamaged,  // never refused for damage
+  kCreate,         // makes files that are missing
+};
+
+// The slots: as blobring.conf has them; without one, for kLook, as the options and the files say.
+// Throws Fault, or UsageError where the two disagree.
+Layout LayoutOf(const StoreOptions& options, Access access);
+
+// The store's files are this process's as long as it lives, so messages wait until it is closed,
+// and nothing else must be waited for or printed meanwhile.
+class OpenStore {
+  HeldMessages heldMessages_;  // outlives the store
+
+ public:
+  // Says what loading reports. Throws blobring::Error, Fault or UsageError.
+  OpenStore(const StoreOptions& options, Access access);
+
+  Layout layout;
+  blobring::Store store;
+  bool damaged;  // the newest generation is not whole
+};
+
+// The size of a committed blob; nothing if there is none. Reads no file.
+std::optional<size_t> SizeOf(const blobring::Store& store, blobring::Hash hash);
+
+// Sends the library's messages to the tool, not to standard error. Once, at start.
+void InitTrace();
+
+// Returns the messages since the last call, at most the first 1000, and forgets them. Up to this
+// level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
+std::vector<std::string> TakeTrace(int maxLevel);
+
+// The cause of a failure and what the user can do about it, then the store's own text.
+std::string Explain(const std::exception& failure);
+
+}  // namespace tool
