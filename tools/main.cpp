@@ -5,9 +5,11 @@
 #include <csignal>
 #include <exception>
 
+#include "blobring/Store.h"
 #include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
-#include "tools/command/CommandLine.h"
+#include "tools/command/Commands.h"
+#include "tools/work/Open.h"
 
 namespace {
 
@@ -23,10 +25,15 @@ tool::ExitStatus Run(int argc, char** argv) {
       "Keeps files by the MD5 digest of their contents in a store on the local file system.",
       "blobring");
   tool::CommandLine line(app);
-  tool::AddLookingCommands(line);
-  tool::AddReportCommand(line);
-  tool::AddWorkingCommands(line);
-  tool::AddRemoteCommands(line);
+  using namespace tool;
+  // clang-format off
+  for (const auto add : {  // in the order of the help
+           AddList, AddGet, AddLog, AddDiff, AddStat, AddInspect, AddCheck, AddReport,
+           AddInit, AddPut, AddRemove, AddImport, AddExport, AddRepack, AddSalvage, AddVerify, AddCopy, AddClean,
+           remote::AddPush, remote::AddPull,
+           remote::AddInit, remote::AddList, remote::AddForget, remote::AddCheck, remote::AddPrune})
+    add(line);
+  // clang-format on
   return line.Run(argc, argv);
 }
 

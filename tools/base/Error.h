@@ -60,6 +60,11 @@ class UsageError : public FailureOf<kUsage> {
   using FailureOf::FailureOf;
 };
 
+// What is meant by the request fits several.
+class Ambiguous : public UsageError {
+  using UsageError::UsageError;
+};
+
 // What was asked for is not there.
 class NothingFound : public FailureOf<kNothing> {
   using FailureOf::FailureOf;

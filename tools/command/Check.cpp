@@ -1,85 +1,24 @@
 // check.
-#include <fmt/ranges.h>
-
 #include <algorithm>
-#include <array>
 #include <filesystem>
-#include <set>
 
-#include "md5/MD5.h"
-#include "pack/format/Format.h"
+#include "tools/base/Console.h"
 #include "tools/base/Json.h"
-#include "tools/command/Looking.h"
-#include "tools/view/Objects.h"
+#include "tools/command/Commands.h"
+#include "tools/view/Faults.h"
 #include "tools/view/Rest.h"
-#include "tools/view/SalvageScan.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
 
-constexpr size_t kBatchBytes = size_t{4} * 1024 * 1024;
-constexpr size_t kBatchBlobs = 4096;
-constexpr int kMostAttempts = 5;
-
-// Many blobs, digested side by side.
-class BlobBatch {
- public:
-  BlobBatch(const StoreView& view, std::vector<BlobFault>& faults) : view_(view), faults_(faults) {}
-
-  void Add(const ViewedBlob& blob) {
-    if (blob.size >= kBatchBytes) return Judge(blob, Digest(blob));
-    if (bytes_.size() + blob.size > kBatchBytes || blobs_.size() == kBatchBlobs) Finish();
-    const size_t at = bytes_.size();
-    bytes_.resize(at + blob.size);
-    view_.file(blob.file).Read(blob.dataOffset(), bytes_.data() + at, blob.size);
-    blobs_.push_back(&blob);
-  }
-
-  void Finish() {
-    std::vector<std::array<uint8_t, format::kHashSize>> digests(blobs_.size());
-    std::vector<MD5Message> messages;
-    const uint8_t* at = bytes_.data();
-    for (size_t i = 0; i < blobs_.size(); ++i) {
-      messages.push_back({at, blobs_[i]->size, digests[i].data()});
-      at += blobs_[i]->size;
-    }
-    DigestMany(messages.data(), messages.size());
-    for (size_t i = 0; i < blobs_.size(); ++i) Judge(*blobs_[i], blobring::Hash(digests[i]));
-    blobs_.clear();
-    bytes_.clear();
-  }
-
- private:
-  blobring::Hash Digest(const ViewedBlob& blob) const {
-    return view_.file(blob.file).Digest(blob.dataOffset(), blob.size);
-  }
-
-  void Judge(const ViewedBlob& blob, const blobring::Hash& digest) {
-    if (digest != blob.hash)
-      faults_.push_back({view_.files()[blob.file].path, blob.offset, blob.hash, blob.size,
-                         "does not match its hash"});
-  }
-
-  const StoreView& view_;
-  std::vector<BlobFault>& faults_;
-  std::vector<const ViewedBlob*> blobs_;
-  std::vector<uint8_t> bytes_;
+struct CheckOptions {
+  StoreOptions at;
+  bool structure = false;  // digests of transactions alone
+  bool quick = false;      // headers alone
 };
 
-// What was hit where a file does not read cleanly.
-void ScanDamaged(const StoreView& view, size_t index, std::vector<BlobFault>& faults) {
-  const std::string& path = view.files()[index].path;
-  const Damage& damage = *view.walked(index).damage;
-  const SalvageScan scan = Scan(path);
-  bool isNamed = false;
-  for (const SalvagedRecord& record : scan.records) {
-    if (record.kind != SalvagedRecord::Kind::kBroken || record.offset < damage.offset) continue;
-    isNamed = true;
-    faults.push_back({path, record.offset, record.hash, record.blobSize,
-                      "does not match its hash, or is cut off"});
-  }
-  if (!isNamed) faults.push_back({path, damage.offset, std::nullopt, 0, damage.what});
-}
+constexpr int kMostAttempts = 5;
 
 std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   std::vector<SlotFile> files;
@@ -156,86 +95,6 @@ void SayAdvice(const StoreView& view) {
       view.path());
 }
 
-}  // namespace
-
-Json FaultObject(const BlobFault& fault) {
-  Json object = {{"type", "fault"}, {"file", fault.path}, {"offset", fault.offset},
-                 {"hash", nullptr}, {"size", fault.size}, {"what", fault.what}};
-  if (fault.hash) object["hash"] = fault.hash->text();
-  return object;
-}
-
-uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& view) {
-  std::set<blobring::Hash> hashes;
-  for (const std::string& path : paths)
-    for (const SalvagedRecord& record : Scan(path).records)
-      if (record.kind == SalvagedRecord::Kind::kBlob && view.Find(record.hash) == nullptr)
-        hashes.insert(record.hash);
-  return hashes.size();
-}
-
-namespace {
-
-// Bytes of a file that was set aside in which there is no record.
-uint64_t BytesWithoutRecord(const std::string& path) {
-  const SalvageScan scan = Scan(path);
-  uint64_t size = 0;
-  for (const Ranges* ranges : {&scan.noRecord, &scan.unreadable})
-    for (const auto& [begin, end] : *ranges)
-      if (begin < scan.committedEnd) size += std::min(end, scan.committedEnd) - begin;
-  return size;
-}
-
-}  // namespace
-
-// More than a power cut leaves of one commit (TornCommit.h) was lost, if only from an older
-// generation.
-std::string FaultInSetAside(const std::string& path, const StoreView& view) {
-  if (const uint64_t count = BlobsOnlyIn({path}, view); count != 0)
-    return fmt::format("set aside by a load, with {} that the store lacks", Count(count, "blob"));
-  const uint64_t size = BytesWithoutRecord(path);
-  if (size <= format::kBlankAhead) return "";
-  return fmt::format(
-      "set aside by a load, with {} in which there is no record: what they held is "
-      "not known",
-      Count(size, "byte"));
-}
-
-std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
-  std::vector<BlobFault> faults;
-  for (const size_t slot : view.notShown()) {
-    const std::string& pack = view.files()[2 * slot].path;
-    std::vector<std::string> paths;
-    for (const size_t file : {2 * slot, 2 * slot + 1})
-      if (view.files()[file].head.state != FileHead::State::kMissing)
-        paths.push_back(view.files()[file].path);
-    faults.push_back(
-        {pack, 0, std::nullopt, 0,
-         fmt::format("{} in {} are not in what is shown", Count(BlobsOnlyIn(paths, view), "blob"),
-                     fmt::join(paths, " and "))});
-  }
-  for (const std::string& path : FilesSetAside(view))
-    if (const std::string what = FaultInSetAside(path, view); !what.empty())
-      faults.push_back({path, 0, std::nullopt, 0, what});
-  for (size_t i = 0; i < view.files().size(); ++i)
-    if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
-      ScanDamaged(view, i, faults);
-  if (!blobsToo) return faults;
-  std::vector<const ViewedBlob*> blobs;
-  for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
-  std::sort(blobs.begin(), blobs.end(), [](const auto* a, const auto* b) {
-    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
-  });
-  Progress progress("checking", blobs.size(), view.liveBytes());
-  BlobBatch batch(view, faults);
-  for (const ViewedBlob* blob : blobs) {
-    batch.Add(*blob);
-    progress.Advance(blob->size);
-  }
-  batch.Finish();
-  return faults;
-}
-
 ExitStatus Check(const CheckOptions& options) {
   if (options.quick) return CheckHeaders(options.at);
   std::optional<StoreView> opened(options.at);
@@ -290,6 +149,26 @@ ExitStatus Check(const CheckOptions& options) {
         "--force {0}` gives them up",
         view.path());
   return sound ? kSuccess : kFault;
+}
+
+}  // namespace
+
+ExitStatus CheckStore(const std::string& directory) {
+  return Check({{directory}});
+}
+
+void AddCheck(CommandLine& line) {
+  for (const char* name : {"check", "fsck"}) {
+    auto [command, options] =
+        line.Add(Group::kLook,
+                 {name, "check every transaction and every blob",
+                  "A line for each fault: the file, the place, and the blob that was hit.",
+                  std::string("blobring ") + name + " /data/store"},
+                 Check);
+    CommandLine::AddStore(command, options.at, Access::kLook);
+    command.add_flag("--structure", options.structure, "digests of transactions alone");
+    command.add_flag("--quick", options.quick, "headers alone");
+  }
 }
 
 }  // namespace tool

@@ -8,40 +8,50 @@
 #include <optional>
 #include <set>
 
+#include "tools/base/Console.h"
 #include "tools/base/Json.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
-#include "tools/view/Objects.h"
+#include "tools/view/Faults.h"
+#include "tools/view/StoreView.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 namespace {
 
 namespace stdfs = std::filesystem;
 
-enum class Kind { kTemporary, kSetAside, kRepack };
+struct CleanOptions {
+  StoreOptions at;
+  bool remove = false;
+  bool force = false;   // also files that were set aside and hold what the store does not have
+  bool dryRun = false;  // only list, whatever `remove` is
+};
+
+enum class LeftoverKind { kTemporary, kSetAside, kRepack };
 
 struct Leftover {
   std::string path;
-  Kind kind;
+  LeftoverKind kind;
   uint64_t size = 0;
   uint64_t onlyHere = 0;   // blobs that the store does not have
   std::string fault = {};  // what `check` says of it
   bool removed = false;
 };
 
-std::string_view WhatIs(Kind kind) {
-  return kind == Kind::kTemporary  ? "temporary file of a killed command"
-         : kind == Kind::kSetAside ? "part of a damaged store, set aside"
-                                   : "repack that did not finish";
+std::string_view WhatIs(LeftoverKind kind) {
+  return kind == LeftoverKind::kTemporary  ? "temporary file of a killed command"
+         : kind == LeftoverKind::kSetAside ? "part of a damaged store, set aside"
+                                           : "repack that did not finish";
 }
 
 // Nothing for files that are not leftovers.
-std::optional<Kind> KindOf(const stdfs::path& path) {
+std::optional<LeftoverKind> KindOf(const stdfs::path& path) {
   const std::string name = path.filename().string();
-  if (IsAbandoned(OpenDirectory(path.parent_path()).get(), name)) return Kind::kTemporary;
+  if (IsAbandoned(OpenDirectory(path.parent_path()).get(), name)) return LeftoverKind::kTemporary;
   const std::optional<format::FileName> parsed = format::FileName::Parse(name);
   if (!parsed || parsed->IsOfSlot()) return std::nullopt;
-  return parsed->IsSetAside() ? Kind::kSetAside : Kind::kRepack;
+  return parsed->IsSetAside() ? LeftoverKind::kSetAside : LeftoverKind::kRepack;
 }
 
 std::vector<Leftover> Find(const Layout& layout) {
@@ -51,7 +61,7 @@ std::vector<Leftover> Find(const Layout& layout) {
   for (const std::string& directory : directories)
     for (const auto& entry : stdfs::directory_iterator(directory)) {
       if (!entry.is_regular_file()) continue;
-      if (const std::optional<Kind> kind = KindOf(entry.path()))
+      if (const std::optional<LeftoverKind> kind = KindOf(entry.path()))
         found.push_back({entry.path().string(), *kind, entry.file_size()});
     }
   std::sort(found.begin(), found.end(),
@@ -59,15 +69,16 @@ std::vector<Leftover> Find(const Layout& layout) {
   return found;
 }
 
-}  // namespace
-
+// Lists, or removes, what killed commands left and what was set aside. Returns kNothing if there is
+// nothing, kFault if a file that was to go stays. Throws Fault, with nothing removed, if the store
+// is damaged: what was set aside may be needed.
 ExitStatus Clean(const CleanOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
   const bool isRemoving = options.remove && !options.dryRun;
   std::vector<Leftover> found;
   bool isDamaged = false;
   {
-    const StoreView view({layout.store(), 0, {}, false});
+    const StoreView view({layout.store()});
     isDamaged = view.damaged();
     if (isDamaged && isRemoving)
       throw Fault("the store {} is damaged, what was set aside may be needed; nothing was removed",
@@ -77,7 +88,7 @@ ExitStatus Clean(const CleanOptions& options) {
     if (isRemoving) lock.emplace(options.at, Access::kLook);
     found = Find(layout);
     for (Leftover& leftover : found) {
-      if (leftover.kind == Kind::kSetAside) {
+      if (leftover.kind == LeftoverKind::kSetAside) {
         leftover.onlyHere = BlobsOnlyIn({leftover.path}, view);
         leftover.fault = FaultInSetAside(leftover.path, view);
       }
@@ -123,6 +134,22 @@ ExitStatus Clean(const CleanOptions& options) {
   Say("kept what may hold all that is left of some blobs: `blobring salvage` copies what can be "
       "read into a new store, --force removes it");
   return kFault;
+}
+
+}  // namespace
+
+void AddClean(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"clean", "list what killed commands left, and what was set aside",
+                "Temporary files, copies of damaged files that the store set aside, and repacks "
+                "that did not finish.",
+                "blobring clean --delete /data/store"},
+               Clean);
+  CommandLine::AddStore(command, options.at, Access::kChange);
+  command.add_flag("--delete", options.remove, "remove them, but for files that check names");
+  command.add_flag("--force", options.force, "with --delete: remove those as well");
+  command.add_flag("--dry-run", options.dryRun, "remove nothing");
 }
 
 }  // namespace tool

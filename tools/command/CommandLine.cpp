@@ -1,5 +1,6 @@
 #include "tools/command/CommandLine.h"
 
+#include "blobring/blobring.h"
 #include "tools/base/Console.h"
 #include "tools/base/Files.h"
 #include "tools/command/Help.h"
@@ -62,6 +63,18 @@ void CommandLine::AddPackDirs(CLI::App& command, std::vector<std::string>& packD
       ->type_name("DIR")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+}
+
+void CommandLine::AddFilter(CLI::App& command, NameFilter& filter) {
+  const auto add = [&command](const char* name, std::vector<std::string>& patterns,
+                              const char* help) {
+    command.add_option(name, patterns, help)
+        ->type_name("PATTERN")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  };
+  add("--include", filter.include, "only files that match, or lie in a directory that does");
+  add("--exclude", filter.exclude, "no files that match, or lie in a directory that does");
 }
 
 void CommandLine::AddHelpCommands() {

@@ -9,7 +9,8 @@
 #include <vector>
 
 #include "tools/base/Error.h"
-#include "tools/work/Open.h"
+#include "tools/view/Layout.h"
+#include "tools/work/NameFilter.h"
 
 namespace tool {
 
@@ -44,6 +45,7 @@ class CommandLine {
   // blobring.conf; one that changes takes --on-damage.
   static void AddStore(CLI::App& command, StoreOptions& at, Access access,
                        const char* name = "STORE");
+  static void AddFilter(CLI::App& command, NameFilter& filter);
   static void AddPackDirs(CLI::App& command, std::vector<std::string>& packDirs, const char* help);
 
   // Parses the command line and runs the command. Throws what the command throws, and UsageError.
@@ -59,11 +61,5 @@ class CommandLine {
   std::string generated_;
   std::function<ExitStatus()> run_;
 };
-
-// The groups of commands.
-void AddLookingCommands(CommandLine& line);
-void AddWorkingCommands(CommandLine& line);
-void AddReportCommand(CommandLine& line);
-void AddRemoteCommands(CommandLine& line);
 
 }  // namespace tool

@@ -1,12 +1,23 @@
 // copy and sync.
 #include <algorithm>
 
+#include "tools/base/Console.h"
 #include "tools/command/Commands.h"
+#include "tools/remote/Commands.h"
 #include "tools/view/Naming.h"
+#include "tools/view/StoreView.h"
 #include "tools/work/BatchWriter.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 namespace {
+
+struct CopyOptions {
+  std::string from;  // a store, or a pack or journal
+  StoreOptions to;
+  std::vector<std::string> hashes;  // all blobs without any
+  bool dryRun = false;
+};
 
 NamedBlobs Chosen(const StoreView& from, const std::vector<std::string>& names) {
   NamedBlobs chosen = Named(from, names);
@@ -21,7 +32,7 @@ NamedBlobs Chosen(const StoreView& from, const std::vector<std::string>& names) 
 
 // Returns whether the target is sound.
 bool SayWhatIsMissing(const std::vector<const ViewedBlob*>& blobs, const StoreOptions& target) {
-  const StoreView to({target.directory, 0, {}, false});
+  const StoreView to({target.directory});
   std::string text;
   uint64_t bytes = 0;
   uint64_t count = 0;
@@ -73,17 +84,71 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
   return all;
 }
 
-}  // namespace
-
+// Copies blobs that the other store does not have. Its journal is repacked when it is full. A blob
+// that cannot be read or is not there is named; the others go on. Returns kFault for damage,
+// kNothing if one is not there.
 ExitStatus Copy(const CopyOptions& options) {
   LayoutOf(options.to, Access::kChange);  // before the source is read
   const std::vector<std::string> names = HashArguments(options.hashes);
-  const StoreView from({options.from, 0, {}, false});
+  const StoreView from({options.from});
   const NamedBlobs chosen = Chosen(from, names);
   const bool sound = options.dryRun ? SayWhatIsMissing(chosen.blobs, options.to)
                                     : CopyBlobs(from, chosen.blobs, options.to);
   if (!sound || from.damaged()) return kFault;
   return chosen.allThere ? kSuccess : kNothing;
+}
+
+struct SyncOptions : CopyOptions {
+  remote::RemoteOptions remote;
+};
+
+// A push and a pull, if `to` is a URL; as copy otherwise.
+ExitStatus Sync(const SyncOptions& options) {
+  if (!options.to.directory.starts_with("s3://")) return Copy(options);
+  if (options.dryRun) throw UsageError("--dry-run is for two stores alone");
+  remote::RemoteOptions remote = options.remote;
+  remote.url = options.to.directory;
+  StoreOptions at = options.to;
+  at.directory = options.from;
+  const ExitStatus pushed = remote::Push({at, remote, ""});
+  const ExitStatus pulled = remote::Pull({at, remote, "", true});
+  return pushed != kSuccess ? pushed : pulled;
+}
+
+}  // namespace
+
+void AddCopy(CommandLine& line) {
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"copy", "copy blobs from one store into another",
+                  "SRC is only looked at, and may be in use. DST is repacked when its journal is "
+                  "full.",
+                  "blobring copy /mnt/device /data/store 591785b7"},
+                 Copy);
+    command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
+    CommandLine::AddStore(command, options.to, Access::kChange, "DST");
+    command
+        .add_option("HASH", options.hashes,
+                    "the blobs' hashes, or at least 6 digits of each; - for standard input")
+        ->required();
+    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+  }
+  {
+    auto [command, options] =
+        line.Add(Group::kWork,
+                 {"sync", "copy what is missing from one store into another",
+                  "Deletes nothing. What was committed stays when the command is interrupted; the "
+                  "next run goes on from there. With a remote as DST, SRC is pushed, and then "
+                  "receives what the newest whole snapshot of another store has.",
+                  "blobring sync /mnt/device /data/store\n"
+                  "blobring sync /data/store s3://fleet/all"},
+                 Sync);
+    command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
+    CommandLine::AddStore(command, options.to, Access::kChange, "DST");
+    remote::AddOptions(command, options.remote);
+    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+  }
 }
 
 }  // namespace tool

@@ -8,6 +8,7 @@
 #include <set>
 #include <span>
 
+#include "tools/base/Console.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/view/StoreView.h"
@@ -17,6 +18,15 @@ namespace tool {
 namespace {
 
 namespace stdfs = std::filesystem;
+
+struct ExportOptions {
+  StoreOptions at;
+  std::string manifest;  // "-" for standard input
+  std::string directory;
+  bool force = false;   // replace files that exist
+  bool dryRun = false;  // print the names, write nothing
+  NameFilter filter;
+};
 
 // Whether a name stays below the directory it is taken from: relative, no "..", not the directory
 // itself. "./" and "//" mean nothing, as in open(2).
@@ -229,8 +239,10 @@ ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEn
   return all && !view.damaged() ? kSuccess : kFault;
 }
 
-}  // namespace
-
+// Restores what the manifest lists below the directory, every blob checked against its hash as it
+// is read. A file that cannot be restored is named and makes the result kFault; the others go on.
+// Throws UsageError, with nothing written, when any name in the manifest would lead out of the
+// directory.
 ExitStatus Export(const ExportOptions& options) {
   std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   std::erase_if(entries, [&options](const ManifestEntry& entry) {
@@ -265,6 +277,22 @@ ExitStatus Export(const ExportOptions& options) {
   target.Sync();
   SayTotals(totals, progress.Elapsed());
   return totals.IsWhole() && !view.damaged() ? kSuccess : kFault;
+}
+
+}  // namespace
+
+void AddExport(CommandLine& line) {
+  auto [command, options] = line.Add(Group::kWork,
+                                     {"export", "restore the files of a manifest", "",
+                                      "blobring export /data/store photos.md5 /tmp/photos"},
+                                     Export);
+  CommandLine::AddStore(command, options.at, Access::kLook);
+  command.add_option("MANIFEST", options.manifest, "what import wrote; - for standard input")
+      ->required();
+  command.add_option("DIR", options.directory, "where to; made if need be")->required();
+  command.add_flag("--force", options.force, "replace files that exist");
+  CommandLine::AddFilter(command, options.filter);
+  command.add_flag("--dry-run", options.dryRun, "print the names, write nothing");
 }
 
 }  // namespace tool

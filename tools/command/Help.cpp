@@ -13,7 +13,7 @@ namespace tool {
 namespace {
 
 // A command, or one below another: "remote ls".
-struct Named {
+struct NamedCommand {
   std::string name;
   const CLI::App* app;
 };
@@ -22,11 +22,11 @@ std::vector<const CLI::App*> Below(const CLI::App& app) {
   return app.get_subcommands([](const CLI::App*) { return true; });
 }
 
-std::vector<Named> CommandsOf(const CLI::App& app, const std::string& prefix = {}) {
-  std::vector<Named> commands;
+std::vector<NamedCommand> CommandsOf(const CLI::App& app, const std::string& prefix = {}) {
+  std::vector<NamedCommand> commands;
   for (const CLI::App* command : Below(app)) {
     const std::string name = prefix + command->get_name();
-    std::vector<Named> below = CommandsOf(*command, name + " ");
+    std::vector<NamedCommand> below = CommandsOf(*command, name + " ");
     if (below.empty()) below.push_back({name, command});
     commands.insert(commands.end(), below.begin(), below.end());
   }
@@ -144,7 +144,7 @@ bool IsCommon(const CLI::Option& option) {
   return option.get_group() == kCommonOptions || option.check_name("--help");
 }
 
-std::string ManualCommand(const Named& named) {
+std::string ManualCommand(const NamedCommand& named) {
   const auto [details, example] = DetailsAndExample(*named.app);
   std::string text = fmt::format(".SS {} \\fR[\\fIoption\\fR]...{}\n",
                                  Bold("blobring " + named.name), Italic(ArgumentsOf(*named.app)));
@@ -194,7 +194,7 @@ removes it.
 )";
 
 // What bash needs of a command: its options, those that take a value with its kind, its arguments.
-std::string BashCommand(const Named& named) {
+std::string BashCommand(const NamedCommand& named) {
   std::vector<std::string> options;
   std::vector<std::string> values;
   std::vector<std::string> arguments;
@@ -281,7 +281,7 @@ std::string ZshAction(const std::string& kind) {
   return kind.find('|') == std::string::npos ? "" : "(" + choices + ")";
 }
 
-std::string ZshCommand(const Named& named) {
+std::string ZshCommand(const NamedCommand& named) {
   std::string text = fmt::format("    '{}')\n      _arguments -S", named.name);
   for (const CLI::Option* option : OptionsOf(*named.app, false)) {
     const std::string kind = KindOf(*option);
@@ -352,13 +352,13 @@ std::string ManualPage(const CLI::App& app) {
       "Results go to standard output, everything else to standard error.\n.SH OPTIONS\n",
       BLOBRING_DATE, BLOBRING_VERSION, "keep files by the MD5 digest of their contents",
       Roff(app.get_description()));
-  const std::vector<Named> commands = CommandsOf(app);
+  const std::vector<NamedCommand> commands = CommandsOf(app);
   for (const CLI::Option* option : OptionsOf(*commands.front().app, false))
     if (option->get_group() == kCommonOptions) text += ManualOption(*option);
   text +=
       ".TP\n\\fB\\-\\-help\\fR\nPrint help; of a command, its options.\n"
       ".TP\n\\fB\\-\\-version\\fR\nPrint the version.\n.SH COMMANDS\n";
-  for (const Named& command : commands) text += ManualCommand(command);
+  for (const NamedCommand& command : commands) text += ManualCommand(command);
   text += ".SH EXIT STATUS\n";
   for (const StatusText& row : kStatusTexts)
     text += fmt::format(".TP\n.B {}\n{}.\n", static_cast<int>(row.status), Roff(row.meaning));
@@ -381,7 +381,7 @@ std::string BashCompletion(const CLI::App& app) {
           "    command+=\" ${{COMP_WORDS[2]}}\" first=3\n  fi\n",
           command->get_name(), NamesBelow(*command));
   text += "  case $command in\n";
-  for (const Named& command : CommandsOf(app)) text += BashCommand(command);
+  for (const NamedCommand& command : CommandsOf(app)) text += BashCommand(command);
   return text + std::string(kBashEnd);
 }
 
@@ -400,7 +400,7 @@ std::string ZshCompletion(const CLI::App& app) {
           "    shift words\n    (( CURRENT-- ))\n  fi\n",
           command->get_name(), ZshNames(*command));
   text += "  shift words\n  (( CURRENT-- ))\n  case $command in\n";
-  for (const Named& command : CommandsOf(app)) text += ZshCommand(command);
+  for (const NamedCommand& command : CommandsOf(app)) text += ZshCommand(command);
   return text + "  esac\n}\n\n_blobring \"$@\"\n";
 }
 

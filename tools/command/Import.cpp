@@ -8,15 +8,27 @@
 #include <memory>
 #include <set>
 
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/view/StoreView.h"
 #include "tools/work/BatchWriter.h"
 #include "tools/work/Manifest.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 namespace {
+
+struct ImportOptions {
+  StoreOptions at;
+  std::string directory;
+  std::string manifest;  // see Output; empty for standard output
+  bool force = false;    // replace a manifest that exists
+  bool verbose = false;  // name what is left out
+  bool dryRun = false;   // store nothing, write no manifest
+  NameFilter filter;
+};
 
 // The regular files of a tree.
 struct SourceTree {
@@ -201,7 +213,7 @@ void SayTotals(const SourceTree& tree, const ImportTotals& totals, double second
 }
 
 ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
-  const StoreView view({at.directory, 0, {}, false});
+  const StoreView view({at.directory});
   std::set<blobring::Hash> added;
   uint64_t bytes = 0;
   uint64_t failureCount = tree.unreadableCount;
@@ -227,8 +239,11 @@ ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
   return failureCount == 0 && !view.damaged() ? kSuccess : kFault;
 }
 
-}  // namespace
-
+// Stores every regular file below the directory, then writes the manifest. A file that cannot be
+// stored as it is (unreadable, too large) is named, left out of the manifest and makes the result
+// kFault; the others go on. A manifest file appears only when the import has come to its end; other
+// output has what was committed. Throws Fault or blobring::Error when the store itself fails; what
+// was committed by then stays, and a second run does not store it again.
 ExitStatus Import(const ImportOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
   CreateAsClosedAs(layout.JournalPath(0));
@@ -265,6 +280,29 @@ ExitStatus Import(const ImportOptions& options) {
   out.Finish();
   SayTotals(tree, totals, progress.Elapsed());
   return totals.failureCount + totals.changedCount + tree.unreadableCount == 0 ? kSuccess : kFault;
+}
+
+}  // namespace
+
+void AddImport(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"import", "store every regular file of a tree",
+                "The manifest has the form of md5sum(1). What was committed stays when the command "
+                "is interrupted; a second run does not store it again.",
+                "blobring import -m photos.md5 /data/store ~/photos"},
+               Import);
+  CommandLine::AddStore(command, options.at, Access::kChange);
+  command.add_option("DIR", options.directory, "the tree")->required();
+  command
+      .add_option("-m,--manifest", options.manifest,
+                  "where to write the manifest; standard output otherwise")
+      ->type_name("FILE");
+  command.add_flag("--force", options.force, "replace a manifest that exists");
+  command.add_flag("-v,--verbose", options.verbose, "name each file that is left out");
+  CommandLine::AddFilter(command, options.filter);
+  command.add_flag("--dry-run", options.dryRun,
+                   "print the manifest's lines for new contents, store nothing");
 }
 
 }  // namespace tool

@@ -4,9 +4,10 @@
 #include <filesystem>
 #include <set>
 
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/base/Json.h"
-#include "tools/command/Looking.h"
+#include "tools/command/Commands.h"
 #include "tools/view/Naming.h"
 #include "tools/view/Rest.h"
 #include "tools/view/SalvageScan.h"
@@ -15,6 +16,13 @@ namespace tool {
 namespace {
 
 namespace stdfs = std::filesystem;
+
+struct InspectOptions {
+  std::vector<std::string> paths;  // packs and journals, or stores for all of their files
+  std::string transaction;         // an id, or the offset of a start record; empty for all
+  bool records = false;
+  bool noDigest = false;
+};
 
 // Prints one file, in pieces: a file may have millions of records.
 class Inspector {
@@ -229,7 +237,7 @@ class Inspector {
 std::vector<std::string> FilesOf(const std::string& path) {
   std::error_code ignored;
   if (!stdfs::is_directory(path, ignored)) return {path};
-  const std::vector<SlotFile> files = LayoutOf({path, 0, {}, false}, Access::kLook).ReadFiles();
+  const std::vector<SlotFile> files = LayoutOf({path}, Access::kLook).ReadFiles();
   std::vector<std::string> paths;
   paths.reserve(files.size());
   for (const SlotFile& file : files) paths.push_back(file.path);
@@ -237,8 +245,7 @@ std::vector<std::string> FilesOf(const std::string& path) {
   return paths;
 }
 
-}  // namespace
-
+// Prints what lies in files, record by record if asked to.
 ExitStatus Inspect(const InspectOptions& options) {
   bool sound = true;
   bool found = options.transaction.empty();
@@ -252,6 +259,27 @@ ExitStatus Inspect(const InspectOptions& options) {
   }
   if (!found) throw NothingFound("there is no transaction {}", options.transaction);
   return sound ? kSuccess : kFault;
+}
+
+}  // namespace
+
+void AddInspect(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kLook,
+               {"inspect", "print what lies in packs and journals",
+                "The header, a line for each transaction, what lies behind the records that "
+                "count, and where damage begins.",
+                "blobring inspect --records store/0.jrn\n"
+                "blobring inspect --transaction 1764057600000000 /data/store"},
+               Inspect);
+  command.add_option("FILE", options.paths, "packs and journals, or stores for all their files")
+      ->required();
+  command.add_flag("--records", options.records, "print each record");
+  command
+      .add_option("--transaction", options.transaction,
+                  "only this one: its id, or its offset in the file")
+      ->type_name("TX");
+  command.add_flag("--no-digest", options.noDigest, "do not compute digests");
 }
 
 }  // namespace tool

@@ -1,15 +1,21 @@
-// ls, get, cat.
+// ls.
 #include <algorithm>
-#include <iostream>
 
-#include "tools/base/Interrupt.h"
+#include "tools/base/Console.h"
 #include "tools/base/Json.h"
-#include "tools/base/StagedFile.h"
-#include "tools/command/Looking.h"
+#include "tools/command/Commands.h"
 #include "tools/view/Naming.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
+
+struct ListOptions {
+  StoreOptions at;
+  std::vector<std::string> hashes;  // beginnings of hashes; all blobs without any
+  bool longForm = false;
+  std::string sort = "hash";  // or "size", "transaction"
+};
 
 std::vector<const ViewedBlob*> Chosen(const StoreView& view, const ListOptions& options) {
   std::vector<const ViewedBlob*> blobs;
@@ -30,36 +36,7 @@ std::vector<const ViewedBlob*> Chosen(const StoreView& view, const ListOptions& 
   return blobs;
 }
 
-// As git's cat-file --batch has it: "HASH SIZE", the bytes, a newline. What is not there, ambiguous
-// or damaged is said so behind the word that was asked for.
-ExitStatus AnswerBatch(const StoreView& view) {
-  Buffer buffer;
-  bool sound = !view.damaged();
-  for (std::string line; std::getline(std::cin, line); ThrowIfInterrupted()) {
-    std::string answer;
-    try {
-      const ViewedBlob& blob = Named(view, line);
-      const std::string_view bytes = view.Read(blob, buffer);
-      answer = fmt::format("{} {}\n", blob.hash.text(), bytes.size());
-      answer += bytes;
-    } catch (const NothingFound&) {
-      answer = line + " missing";
-    } catch (const UsageError& error) {
-      answer = line + (std::string_view(error.what()).find("ambiguous") == std::string_view::npos
-                           ? " missing"
-                           : " ambiguous");
-    } catch (const Fault& fault) {
-      Say("{}", fault.what());
-      answer = line + " damaged";
-      sound = false;
-    }
-    WriteAll(STDOUT_FILENO, answer + "\n", "to standard output");
-  }
-  return sound ? kSuccess : kFault;
-}
-
-}  // namespace
-
+// Prints hashes. Throws NothingFound if no blob begins with one that is asked for.
 ExitStatus List(const ListOptions& options) {
   const StoreView view(options.at);
   std::string text;
@@ -81,35 +58,22 @@ ExitStatus List(const ListOptions& options) {
   return view.damaged() ? kFault : kSuccess;
 }
 
-ExitStatus Get(const GetOptions& options) {
-  if (options.batch != options.hashes.empty()) throw UsageError("wanted either HASH or --batch");
-  const std::vector<std::string> names = HashArguments(options.hashes);
-  const StoreView view(options.at);
-  if (options.batch) return AnswerBatch(view);
-  Output out(options.output, Existing::kReplace);
-  Buffer buffer;
-  bool sound = !view.damaged();
-  bool allThere = true;
-  bool allGood = true;
-  std::vector<const ViewedBlob*> blobs;
-  for (const std::string& name : names) {
-    try {
-      blobs.push_back(&Named(view, name));
-    } catch (const NothingFound& nothing) {
-      Say("{}", nothing.what());
-      allThere = false;
-    }
-  }
-  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty(); ThrowIfInterrupted())
-    for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
-      if (!read.fault) out.Write(read.bytes);
-      if (!read.fault) continue;
-      Say("{}", read.fault->what());
-      allGood = false;
-    }
-  if (allThere && allGood) out.Finish();
-  if (!allGood || !sound) return kFault;
-  return allThere ? kSuccess : kNothing;
+}  // namespace
+
+void AddList(CommandLine& line) {
+  auto [command, options] = line.Add(
+      Group::kLook,
+      {"ls", "print the hashes of all blobs",
+       "Arguments choose the blobs whose hashes begin with them. With --long: hash, bytes, "
+       "and the id of the transaction that stored it.",
+       "blobring ls -l --sort size /data/store"},
+      List);
+  CommandLine::AddStore(command, options.at, Access::kLook);
+  command.add_option("HASH", options.hashes, "beginnings of hashes; - for standard input");
+  command.add_flag("-l,--long", options.longForm, "print sizes and transactions as well");
+  command.add_option("--sort", options.sort, "the order: largest or newest first")
+      ->type_name("BY")
+      ->check(CLI::IsMember({"hash", "size", "transaction"}));
 }
 
 }  // namespace tool

@@ -1,19 +1,23 @@
-// log and diff.
+// log.
 #include <algorithm>
-#include <filesystem>
-#include <map>
 #include <utility>
 
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/base/Json.h"
-#include "tools/command/Looking.h"
+#include "tools/command/Commands.h"
 #include "tools/view/Naming.h"
-#include "tools/work/Manifest.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
 
-namespace stdfs = std::filesystem;
+struct LogOptions {
+  StoreOptions at;
+  bool stat = false;
+  bool patch = false;
+  std::string since;  // transaction id: only larger ones
+};
 
 void AddChanges(const StoreView& view, size_t journal, const format::Transaction& transaction,
                 std::string& text) {
@@ -69,27 +73,7 @@ int64_t ParseId(const std::string& text) {
   return id;
 }
 
-// What a store, a single file or a manifest has: hashes and sizes, if they are known.
-std::map<blobring::Hash, std::optional<uint32_t>> ContentsOf(const std::string& path,
-                                                             bool& damaged) {
-  std::map<blobring::Hash, std::optional<uint32_t>> contents;
-  std::error_code ignored;
-  const bool isStore = stdfs::is_directory(path, ignored) ||
-                       path.find(".pak") != std::string::npos ||
-                       path.find(".jrn") != std::string::npos;
-  if (!isStore) {
-    for (const ManifestEntry& entry : ReadManifest(path)) contents[entry.hash] = std::nullopt;
-    return contents;
-  }
-  const StoreView view({path, 0, {}, false});
-  damaged = damaged || view.damaged();
-  for (const ViewedBlob& blob : view.blobs())
-    contents.emplace_hint(contents.end(), blob.hash, blob.size);
-  return contents;
-}
-
-}  // namespace
-
+// Prints the transactions of the journal, newest first.
 ExitStatus Log(const LogOptions& options) {
   const StoreView view(options.at);
   const ExitStatus status = view.damaged() ? kFault : kSuccess;
@@ -123,41 +107,21 @@ ExitStatus Log(const LogOptions& options) {
   return status;
 }
 
-ExitStatus Diff(const DiffOptions& options) {
-  bool damaged = false;
-  const auto a = ContentsOf(options.a, damaged);
-  const auto b = ContentsOf(options.b, damaged);
-  uint64_t onlyA = 0;
-  uint64_t onlyB = 0;
-  std::string text;
-  const auto add = [&text](bool isInA, const auto& entry) {
-    const auto& [hash, size] = entry;
-    if (consoleOptions.json) {
-      Json object = {{"type", "difference"}, {"only_in", isInA ? "a" : "b"}, {"hash", hash.text()}};
-      if (size) object["size"] = *size;
-      text += JsonLine(object);
-    } else {
-      text += fmt::format("{} {}{}\n", isInA ? '-' : '+', hash.text(),
-                          size ? " " + std::to_string(*size) : "");
-    }
-  };
-  auto inA = a.begin();
-  auto inB = b.begin();
-  while (inA != a.end() || inB != b.end()) {
-    if (inB == b.end() || (inA != a.end() && inA->first < inB->first)) {
-      ++onlyA;
-      add(true, *inA++);
-    } else if (inA == a.end() || inB->first < inA->first) {
-      ++onlyB;
-      add(false, *inB++);
-    } else {
-      ++inA;
-      ++inB;
-    }
-  }
-  PrintText(text);
-  Inform("{} only in {}, {} only in {}", Count(onlyA, "blob"), options.a, onlyB, options.b);
-  return damaged || onlyA + onlyB != 0 ? kFault : kSuccess;
+}  // namespace
+
+void AddLog(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kLook,
+               {"log", "print the transactions of the journal, newest first",
+                "A repack moves what it finds into the pack, as one transaction; the journal "
+                "begins again after it.",
+                "blobring log --stat /data/store"},
+               Log);
+  CommandLine::AddStore(command, options.at, Access::kLook);
+  command.add_flag("--stat", options.stat, "how much each added and removed");
+  command.add_flag("-p,--patch", options.patch, "what each added (+) and removed (-)");
+  command.add_option("--since", options.since, "only transactions with a larger id")
+      ->type_name("TX");
 }
 
 }  // namespace tool

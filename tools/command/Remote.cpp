@@ -1,14 +1,20 @@
-// The commands that work on a remote, for the command line; and the short ones among them.
+// push, pull and remote.
 #include "tools/remote/Remote.h"
 
 #include "tools/base/Console.h"
 #include "tools/base/Json.h"
-#include "tools/command/CommandLine.h"
+#include "tools/command/Commands.h"
 #include "tools/remote/Commands.h"
 
-namespace tool {
-namespace remote {
+namespace tool::remote {
 namespace {
+
+struct InitOptions {
+  RemoteOptions remote;
+  std::string pushWithin = "24h";
+  std::string grace = "72h";
+  bool createBucket = false;
+};
 
 // A remote whose ETags are no MD5 digests is checked by size alone.
 bool EtagIsMd5(Objects& objects) {
@@ -20,8 +26,6 @@ bool EtagIsMd5(Objects& objects) {
   if (!reply || reply->body != body) throw Fault("{} did not come back as it was stored", key);
   return reply->etag == DigestOf(body).text();
 }
-
-}  // namespace
 
 ExitStatus InitRemote(const InitOptions& options) {
   RemoteConfig config;
@@ -57,6 +61,12 @@ ExitStatus InitRemote(const InitOptions& options) {
   return kSuccess;
 }
 
+struct ListOptions {
+  RemoteOptions remote;
+  std::string olderThan;  // a duration: only the last snapshots of stores, if they are older
+};
+
+// kFault if there is one of these.
 ExitStatus ListRemote(const ListOptions& options) {
   Remote remote(options.remote);
   const int64_t most = options.olderThan.empty() ? -1 : DurationOf(options.olderThan);
@@ -100,6 +110,11 @@ ExitStatus ListRemote(const ListOptions& options) {
   return most >= 0 && !text.empty() ? kFault : kSuccess;
 }
 
+struct ForgetOptions {
+  RemoteOptions remote;
+  std::string store;  // an id
+};
+
 ExitStatus Forget(const ForgetOptions& options) {
   if (!IsStoreId(options.store))
     throw UsageError("\"{}\" is no store's id, 16 hexadecimal digits", options.store);
@@ -115,7 +130,21 @@ ExitStatus Forget(const ForgetOptions& options) {
   return kSuccess;
 }
 
-void AddRemoteOptions(CLI::App& command, RemoteOptions& remote) {
+void AddUrl(CLI::App& command, RemoteOptions& remote) {
+  command.add_option("URL", remote.url, "s3://BUCKET/PREFIX")->required();
+  AddOptions(command, remote);
+}
+
+void AddCache(CLI::App& command, RemoteOptions& remote) {
+  command
+      .add_option("--cache", remote.cache,
+                  "where the store's id and copies of indexes are kept; else STORE/remote")
+      ->type_name("DIR");
+}
+
+}  // namespace
+
+void AddOptions(CLI::App& command, RemoteOptions& remote) {
   command.add_option("--endpoint", remote.endpoint, "of the service; else AWS_ENDPOINT_URL")
       ->type_name("URL");
   command.add_option("--ca-file", remote.caFile, "certificates to trust; else AWS_CA_BUNDLE")
@@ -133,35 +162,22 @@ void AddRemoteOptions(CLI::App& command, RemoteOptions& remote) {
       ->check(CLI::Range(1U, 3600U));
 }
 
-namespace {
-
-void AddUrl(CLI::App& command, RemoteOptions& remote) {
-  command.add_option("URL", remote.url, "s3://BUCKET/PREFIX")->required();
-  AddRemoteOptions(command, remote);
+void AddPush(CommandLine& line) {
+  auto [command, options] = line.Add(
+      Group::kLook,
+      {"push", "upload what a remote lacks, and a snapshot",
+       "The store is only looked at, and may be in use. Deletes nothing. After an interruption "
+       "the next push goes on. Prints the name of the snapshot. Keys come from AWS_ACCESS_KEY_ID "
+       "and AWS_SECRET_ACCESS_KEY, or from ~/.aws/credentials.",
+       "blobring push /data/store s3://fleet/device-17"},
+      Push);
+  CommandLine::AddStore(command, options.at, Access::kLook);
+  AddUrl(command, options.remote);
+  AddCache(command, options.remote);
+  command.add_option("-m,--message", options.message, "kept in the snapshot")->type_name("TEXT");
 }
 
-void AddCache(CLI::App& command, RemoteOptions& remote) {
-  command
-      .add_option("--cache", remote.cache,
-                  "where the store's id and copies of indexes are kept; else STORE/remote")
-      ->type_name("DIR");
-}
-
-void AddTransfers(CommandLine& line) {
-  {
-    auto [command, options] = line.Add(
-        Group::kLook,
-        {"push", "upload what a remote lacks, and a snapshot",
-         "The store is only looked at, and may be in use. Deletes nothing. After an interruption "
-         "the next push goes on. Prints the name of the snapshot. Keys come from AWS_ACCESS_KEY_ID "
-         "and AWS_SECRET_ACCESS_KEY, or from ~/.aws/credentials.",
-         "blobring push /data/store s3://fleet/device-17"},
-        Push);
-    CommandLine::AddStore(command, options.at, Access::kLook);
-    AddUrl(command, options.remote);
-    AddCache(command, options.remote);
-    command.add_option("-m,--message", options.message, "kept in the snapshot")->type_name("TEXT");
-  }
+void AddPull(CommandLine& line) {
   auto [command, options] = line.Add(
       Group::kWork,
       {"pull", "download the blobs of a snapshot that a store lacks",
@@ -176,70 +192,70 @@ void AddTransfers(CommandLine& line) {
       ->type_name("NAME");
 }
 
-}  // namespace
-}  // namespace remote
+void AddInit(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"remote init", "make a place in an S3 service one to push to", "",
+                "blobring remote init s3://fleet/all --endpoint https://s3.example.org"},
+               InitRemote);
+  AddUrl(command, options.remote);
+  command
+      .add_option("--push-within", options.pushWithin,
+                  "how long a push may take until it starts over (default 24h)")
+      ->type_name("TIME");
+  command
+      .add_option("--grace", options.grace,
+                  "how long prune keeps what is to go, longer than that (default 72h)")
+      ->type_name("TIME");
+  command.add_flag("--create-bucket", options.createBucket, "make the bucket if need be");
+}
 
-void AddRemoteCommands(CommandLine& line) {
-  remote::AddTransfers(line);
-  {
-    auto [command, options] =
-        line.Add(Group::kWork,
-                 {"remote init", "make a place in an S3 service one to push to", "",
-                  "blobring remote init s3://fleet/all --endpoint https://s3.example.org"},
-                 remote::InitRemote);
-    remote::AddUrl(command, options.remote);
-    command
-        .add_option("--push-within", options.pushWithin,
-                    "how long a push may take until it starts over (default 24h)")
-        ->type_name("TIME");
-    command
-        .add_option("--grace", options.grace,
-                    "how long prune keeps what is to go, longer than that (default 72h)")
-        ->type_name("TIME");
-    command.add_flag("--create-bucket", options.createBucket, "make the bucket if need be");
-  }
-  {
-    auto [command, options] = line.Add(
-        Group::kLook,
-        {"remote ls", "list the snapshots of a remote",
-         "Shows name, machine, time, age, blobs and their size. With --older-than, of each store "
-         "the last whole snapshot, or the first if none is whole, if it is older; the status is 1 "
-         "if there is one.",
-         "blobring remote ls s3://fleet/all --older-than 3d"},
-        remote::ListRemote);
-    remote::AddUrl(command, options.remote);
-    command.add_option("--older-than", options.olderThan, "stores whose last one is older")
-        ->type_name("TIME");
-  }
-  {
-    auto [command, options] =
-        line.Add(Group::kWork,
-                 {"remote forget", "forget all snapshots of a store that is gone",
-                  "The next prunes delete what no other snapshot needs.",
-                  "blobring remote forget s3://fleet/all 2144b8a1a2c442e4"},
-                 remote::Forget);
-    remote::AddUrl(command, options.remote);
-    command.add_option("STOREID", options.store, "see remote ls")->required();
-  }
-  {
-    auto [command, options] = line.Add(
-        Group::kLook,
-        {"remote check", "compare packs with indexes, and snapshots with both",
-         "Without --read-data no pack is read: what is checked is what the service accepted.",
-         "blobring remote check s3://fleet/all --read-data=5%"},
-        remote::CheckRemote);
-    remote::AddUrl(command, options.remote);
-    command.add_flag("--read-data{100%}", options.readData,
-                     "read all packs, or with =N% that share of them, and compare all digests");
-  }
+void AddList(CommandLine& line) {
+  auto [command, options] = line.Add(
+      Group::kLook,
+      {"remote ls", "list the snapshots of a remote",
+       "Shows name, machine, time, age, blobs and their size. With --older-than, of each store "
+       "the last whole snapshot, or the first if none is whole, if it is older; the status is 1 "
+       "if there is one.",
+       "blobring remote ls s3://fleet/all --older-than 3d"},
+      ListRemote);
+  AddUrl(command, options.remote);
+  command.add_option("--older-than", options.olderThan, "stores whose last one is older")
+      ->type_name("TIME");
+}
+
+void AddForget(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"remote forget", "forget all snapshots of a store that is gone",
+                "The next prunes delete what no other snapshot needs.",
+                "blobring remote forget s3://fleet/all 2144b8a1a2c442e4"},
+               Forget);
+  AddUrl(command, options.remote);
+  command.add_option("STOREID", options.store, "see remote ls")->required();
+}
+
+void AddCheck(CommandLine& line) {
+  auto [command, options] = line.Add(
+      Group::kLook,
+      {"remote check", "compare packs with indexes, and snapshots with both",
+       "Without --read-data no pack is read: what is checked is what the service accepted.",
+       "blobring remote check s3://fleet/all --read-data=5%"},
+      CheckRemote);
+  AddUrl(command, options.remote);
+  command.add_flag("--read-data{100%}", options.readData,
+                   "read all packs, or with =N% that share of them, and compare all digests");
+}
+
+void AddPrune(CommandLine& line) {
   auto [command, options] = line.Add(
       Group::kWork,
       {"remote prune", "forget snapshots, and delete what none needs",
        "What is to go is marked first, and deleted by a prune that runs after the time of grace. "
        "A snapshot stays if one of the options keeps it; without any, all whole ones stay.",
        "blobring remote prune s3://fleet/all --keep-last 7 --keep-within 30d"},
-      remote::Prune);
-  remote::AddUrl(command, options.remote);
+      Prune);
+  AddUrl(command, options.remote);
   command.add_option("--keep-last", options.keepLast, "snapshots to keep of each store")
       ->type_name("N")
       ->check(CLI::Range(1U, 1000000U));
@@ -254,4 +270,4 @@ void AddRemoteCommands(CommandLine& line) {
   command.add_flag("--dry-run", options.dryRun, "say what would be done, change nothing");
 }
 
-}  // namespace tool
+}  // namespace tool::remote

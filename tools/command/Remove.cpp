@@ -2,14 +2,24 @@
 #include <set>
 #include <vector>
 
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/command/Commands.h"
 #include "tools/view/Naming.h"
+#include "tools/view/StoreView.h"
 #include "tools/work/BatchWriter.h"
 #include "tools/work/Manifest.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 namespace {
+
+struct RemoveOptions {
+  StoreOptions at;
+  std::vector<std::string> hashes;  // "-": those of standard input
+  std::vector<std::string> notIn;   // manifests: delete what none of them lists
+  bool dryRun = false;              // print the hashes, delete nothing
+};
 
 NamedBlobs NotIn(const StoreView& view, const std::vector<std::string>& manifests) {
   std::set<blobring::Hash> listed;
@@ -28,14 +38,16 @@ NamedBlobs NotIn(const StoreView& view, const std::vector<std::string>& manifest
   return chosen;
 }
 
-}  // namespace
-
+// Deletes blobs in one transaction. Those that the store does not have are named; the others go.
+// Returns kNothing if any is not there, or none is to go. Throws UsageError, with nothing changed,
+// for a manifest that lists nothing, or nothing that the store has: it is not the one that was
+// meant.
 ExitStatus Remove(const RemoveOptions& options) {
   if (options.hashes.empty() == options.notIn.empty())
     throw UsageError("wanted either HASH or --not-in MANIFEST");
   LayoutOf(options.at, Access::kChange);
   const std::vector<std::string> names = HashArguments(options.hashes);
-  const StoreView view({options.at.directory, 0, {}, false});
+  const StoreView view({options.at.directory});
   const NamedBlobs chosen = options.notIn.empty() ? Named(view, names) : NotIn(view, options.notIn);
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : chosen.blobs) bytes += blob->size;
@@ -61,6 +73,27 @@ ExitStatus Remove(const RemoveOptions& options) {
          Count(chosen.blobs.size(), "blob"), HumanSize(bytes),
          slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
   return status;
+}
+
+}  // namespace
+
+void AddRemove(CommandLine& line) {
+  auto [command, options] = line.Add(
+      Group::kWork,
+      {"rm", "delete blobs",
+       "All in one transaction. The space is free once `blobring repack` has gone through "
+       "all slots. A manifest that lists nothing, or nothing that the store has, is refused.",
+       "blobring rm /data/store 591785b794601e212b260e25925636fd\n"
+       "blobring rm --dry-run /data/store --not-in photos.md5 letters.md5"},
+      Remove);
+  CommandLine::AddStore(command, options.at, Access::kChange);
+  command.add_option("HASH", options.hashes,
+                     "the blobs' hashes, or at least 6 digits of each; - for standard input");
+  command
+      .add_option("--not-in", options.notIn,
+                  "delete every blob that none of these manifests lists; last on the line")
+      ->type_name("MANIFEST");
+  command.add_flag("--dry-run", options.dryRun, "print the hashes, delete nothing");
 }
 
 }  // namespace tool

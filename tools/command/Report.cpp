@@ -3,7 +3,7 @@
 
 #include "tools/base/Console.h"
 #include "tools/base/StagedFile.h"
-#include "tools/command/CommandLine.h"
+#include "tools/command/Commands.h"
 #include "tools/report/Collect.h"
 #include "tools/report/Page.h"
 
@@ -37,7 +37,7 @@ ExitStatus Report(const ReportOptions& options) {
 
 }  // namespace
 
-void AddReportCommand(CommandLine& line) {
+void AddReport(CommandLine& line) {
   auto [command, options] =
       line.Add(Group::kLook,
                {"report", "make a page that shows a store at a glance",

@@ -8,13 +8,14 @@
 #include <unordered_set>
 
 #include "pack/format/Generation.h"
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/command/Commands.h"
-#include "tools/command/Looking.h"
 #include "tools/view/FileWalk.h"
 #include "tools/view/SalvageScan.h"
 #include "tools/view/StoreView.h"
 #include "tools/work/BatchWriter.h"
+#include "tools/work/Open.h"
 
 namespace tool {
 namespace {
@@ -23,6 +24,14 @@ namespace stdfs = std::filesystem;
 using Kind = SalvagedRecord::Kind;
 using HashSet = std::unordered_set<blobring::Hash>;
 using LiveBlobs = std::unordered_map<blobring::Hash, bool>;  // false: deleted
+
+struct SalvageOptions {
+  std::string directory;
+  std::vector<std::string> packDirs;  // beside those that the directory's layout file names
+  std::string store;                  // the new store
+  bool liveOnly = false;
+  bool dryRun = false;  // report only
+};
 
 struct SalvagedFile {
   std::string path;
@@ -327,9 +336,9 @@ Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& sto
 
 // Returns whether all blobs are in the new store.
 bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
-  const StoreOptions at = {options.store, 0, {}, false};
+  const StoreOptions at = {options.store};
   try {
-    Init(at);
+    MakeStore(at);
     std::optional<OpenStore> open(std::in_place, at, Access::kChange);
     Copied copied = CopyBlobs(found, options.liveOnly, open->store);
     open.reset();
@@ -343,7 +352,7 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
     if (!copied.leftBehind.empty())
       text += fmt::format("; {} left behind", copied.leftBehind.size());
     Print("{}\n", text);
-    return Check({at}) == kSuccess && copied.complete;
+    return CheckStore(at.directory) == kSuccess && copied.complete;
   } catch (const Interrupted&) {
     throw Interrupted(
         "interrupted; {} holds what was committed until then, remove it before the next attempt",
@@ -356,8 +365,11 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
   }
 }
 
-}  // namespace
-
+// Reads the packs and journals of the directories, without locking or changing them, and puts every
+// blob that matches its hash into a new store, which is then checked. Prints a report to standard
+// output. Returns kFault if anything is damaged or was not copied. Throws UsageError if the new
+// store's directory is not empty or lies in one of the others; Fault if nothing was found, or the
+// new store cannot take the blobs: what was committed by then stays in it.
 ExitStatus Salvage(const SalvageOptions& options) {
   if (stdfs::exists(options.store) && !stdfs::is_empty(options.store))
     throw UsageError("{} exists and is not an empty directory; nothing was written", options.store);
@@ -383,6 +395,25 @@ ExitStatus Salvage(const SalvageOptions& options) {
                 : isTorn ? "one commit is incomplete, see above; no other damage was found"
                          : "no damage was found");
   return sound ? kSuccess : kFault;
+}
+
+}  // namespace
+
+void AddSalvage(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"salvage", "copy what can be read of damaged files into a new store", "",
+                "blobring salvage /mnt/device /data/rescued"},
+               Salvage);
+  command
+      .add_option("DIR", options.directory,
+                  "where the packs and journals are; nothing in it is changed")
+      ->required();
+  command.add_option("OUT", options.store, "the new store; must not exist or be empty")->required();
+  CommandLine::AddPackDirs(command, options.packDirs, "where packs are as well; may be repeated");
+  command.add_flag("--live-only", options.liveOnly,
+                   "leave deleted blobs behind, where that can be told");
+  command.add_flag("--dry-run", options.dryRun, "report what is there, make no store");
 }
 
 }  // namespace tool

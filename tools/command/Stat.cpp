@@ -1,67 +1,14 @@
 // stat.
 #include <algorithm>
-#include <array>
-#include <bit>
 
+#include "tools/base/Console.h"
 #include "tools/base/Json.h"
-#include "tools/command/Looking.h"
+#include "tools/command/Commands.h"
 #include "tools/view/Objects.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
-
-constexpr double kWarnFrom = 0.8;  // of the largest file
-
-// Blobs by size: 0, 1, 2 to 3, 4 to 7, and so on.
-struct SizeClass {
-  uint64_t from = 0;
-  uint64_t to = 0;  // inclusive
-  uint64_t blobCount = 0;
-  uint64_t bytes = 0;
-};
-
-std::vector<SizeClass> SizeClasses(const StoreView& view) {
-  std::array<SizeClass, 33> classes = {};
-  for (size_t i = 1; i < classes.size(); ++i) {
-    classes[i].from = uint64_t{1} << (i - 1);
-    classes[i].to = 2 * classes[i].from - 1;
-  }
-  for (const ViewedBlob& blob : view.blobs()) {
-    SizeClass& found = classes.at(std::bit_width(blob.size));
-    ++found.blobCount;
-    found.bytes += blob.size;
-  }
-  std::vector<SizeClass> used;
-  for (const SizeClass& found : classes)
-    if (found.blobCount != 0) used.push_back(found);
-  return used;
-}
-
-double ShareOfLimit(uint64_t bytes) {
-  return static_cast<double>(bytes) / format::kMaxFileSize;
-}
-
-struct Facts {
-  explicit Facts(const StoreView& theView) : view(theView), sizes(SizeClasses(view)) {
-    for (const SlotFile& file : view.files()) {
-      diskBytes += file.head.size;
-      if (file.head.state == FileHead::State::kSound)
-        unusedBytes += file.head.size - file.head.header.endOffset;
-    }
-    for (const std::string& path : FilesSetAside(view)) {
-      diskBytes += ReadHead(path).size;
-      setAside.push_back(path);
-    }
-    if (view.current().size() == 2) journalBytes = view.walked(view.current()[1]).end;
-  }
-
-  const StoreView& view;
-  std::vector<SizeClass> sizes;
-  std::vector<std::string> setAside;
-  uint64_t diskBytes = 0;
-  uint64_t unusedBytes = 0;  // behind the records of the files
-  uint64_t journalBytes = 0;
-};
 
 // A sound header says nothing of what is behind it.
 std::string StateOf(FileHead::State state) {
@@ -69,8 +16,8 @@ std::string StateOf(FileHead::State state) {
   return fmt::format("{}{}", isOfHeader ? "header " : "", format::NameOf(state));
 }
 
-std::string AsText(const Facts& facts) {
-  const StoreView& view = facts.view;
+// `stat` is the object of that name.
+std::string AsText(const StoreView& view, const Json& stat) {
   const auto row = [](std::string_view name, uint64_t bytes) {
     return fmt::format("{:<9} {} ({})\n", name, bytes, HumanSize(bytes));
   };
@@ -82,27 +29,30 @@ std::string AsText(const Facts& facts) {
     text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\n", view.slotCount(),
                        view.slot() ? std::to_string(*view.slot()) : "-", view.sequence());
   text += fmt::format("blobs     {}\n", view.blobs().size()) + row("live", view.liveBytes()) +
-          row("dead", view.deadBytes()) + row("disk", facts.diskBytes);
-  if (facts.unusedBytes != 0) text += row("unused", facts.unusedBytes);
+          row("dead", view.deadBytes()) + row("disk", stat["disk_bytes"]);
+  if (stat["unused_bytes"] != 0) text += row("unused", stat["unused_bytes"]);
   text += fmt::format("repack    gives back {}, writes {}, {} of the largest pack\n",
                       HumanSize(view.deadBytes()), HumanSize(view.repackedBytes()),
                       share(view.repackedBytes()));
   if (!view.isSingleFile())
-    text += fmt::format("journal   {} ({}), {} of the largest journal\n", facts.journalBytes,
-                        HumanSize(facts.journalBytes), share(facts.journalBytes));
+    text += fmt::format("journal   {} ({}), {} of the largest journal\n",
+                        stat["journal_bytes"].get<uint64_t>(), HumanSize(stat["journal_bytes"]),
+                        share(stat["journal_bytes"]));
   for (const Holder& holder : view.holders())
     text += fmt::format("open in   process {} ({})\n", holder.pid, holder.command);
-  for (const std::string& path : facts.setAside)
+  for (const std::string path : stat["set_aside"])
     text += fmt::format("set aside {} ({})\n", path, HumanSize(ReadHead(path).size));
-  for (const std::string& path : UnfinishedRepacks(view))
+  for (const std::string path : stat["unfinished_repacks"])
     text += fmt::format("leftover  {}, of an unfinished repack\n", path);
   uint64_t most = 1;
-  for (const SizeClass& sizes : facts.sizes) most = std::max(most, sizes.blobCount);
-  if (!facts.sizes.empty()) text += "\nbytes                     blobs  total\n";
-  for (const SizeClass& sizes : facts.sizes)
-    text +=
-        fmt::format("{:>10} - {:<10} {:>8}  {:>10}  {:#<{}}\n", sizes.from, sizes.to,
-                    sizes.blobCount, HumanSize(sizes.bytes), "", 1 + 39 * sizes.blobCount / most);
+  for (const Json& sizes : stat["sizes"]) most = std::max<uint64_t>(most, sizes["blobs"]);
+  if (!stat["sizes"].empty()) text += "\nbytes                     blobs  total\n";
+  for (const Json& sizes : stat["sizes"]) {
+    const uint64_t count = sizes["blobs"];
+    text += fmt::format("{:>10} - {:<10} {:>8}  {:>10}  {:#<{}}\n", sizes["from"].get<uint64_t>(),
+                        sizes["to"].get<uint64_t>(), count, HumanSize(sizes["bytes"]), "",
+                        1 + 39 * count / most);
+  }
   text += "\nslot          size       in use  sequence  state           file\n";
   for (size_t i = 0; i < view.files().size(); ++i) {
     const FileHead& head = view.files()[i].head;
@@ -115,69 +65,15 @@ std::string AsText(const Facts& facts) {
   return text;
 }
 
-}  // namespace
-
-std::vector<Json> StatObjects(const StoreView& view) {
-  const Facts facts(view);
-  Json stat = {{"type", "stat"},
-               {"store", view.path()},
-               {"slots", view.slotCount()},
-               {"current", nullptr},
-               {"sequence", view.sequence()},
-               {"blobs", view.blobs().size()},
-               {"live_bytes", view.liveBytes()},
-               {"dead_bytes", view.deadBytes()},
-               {"disk_bytes", facts.diskBytes},
-               {"unused_bytes", facts.unusedBytes},
-               {"journal_bytes", facts.journalBytes},
-               {"repacked_bytes", view.repackedBytes()},
-               {"repack_fits", view.repackedBytes() <= format::kMaxFileSize},
-               {"max_file_bytes", format::kMaxFileSize},
-               {"damaged", view.damaged()},
-               {"findings", view.findings()},
-               {"open_in", Json::array()},
-               {"set_aside", facts.setAside},
-               {"unfinished_repacks", UnfinishedRepacks(view)},
-               {"sizes", Json::array()}};
-  if (view.slot()) stat["current"] = *view.slot();
-  for (const Holder& holder : view.holders())
-    stat["open_in"].push_back({{"pid", holder.pid}, {"command", holder.command}});
-  for (const SizeClass& sizes : facts.sizes)
-    stat["sizes"].push_back({{"from", sizes.from},
-                             {"to", sizes.to},
-                             {"blobs", sizes.blobCount},
-                             {"bytes", sizes.bytes}});
-  std::vector<Json> objects = {stat};
-  for (size_t i = 0; i < view.files().size(); ++i) objects.push_back(FileObject(view, i));
-  return objects;
-}
-
-Json FileObject(const StoreView& view, size_t index) {
-  const SlotFile& file = view.files()[index];
-  const bool isCurrent =
-      std::find(view.current().begin(), view.current().end(), index) != view.current().end();
-  // A file that is missing or new does not say.
-  const bool isPack = view.isSingleFile() ? file.head.header.mode == 1 : index % 2 == 0;
-  return {{"type", "file"},
-          {"path", file.path},
-          {"slot", view.isSingleFile() ? Json() : Json(index / 2)},
-          {"kind", isPack ? "pack" : "journal"},
-          {"current", isCurrent},
-          {"not_shown", view.IsNotShown(index)},
-          {"size", file.head.size},
-          {"header", format::NameOf(file.head.state)},
-          {"sequence", file.head.header.sequence},
-          {"records", file.head.header.recordCount},
-          {"end_offset", file.head.header.endOffset}};
-}
-
+// Prints how full the store is, and a line for each of its files.
 ExitStatus Stat(const StoreOptions& options) {
   const StoreView view(options);
   std::string text;
+  const std::vector<Json> objects = StatObjects(view);
   if (consoleOptions.json)
-    for (const Json& object : StatObjects(view)) text += JsonLine(object);
+    for (const Json& object : objects) text += JsonLine(object);
   else
-    text = AsText(Facts(view));
+    text = AsText(view, objects.front());
   PrintText(text);
   if (view.repackedBytes() > format::kMaxFileSize)
     Say("the live blobs no longer fit into one pack: a repack is refused until some are deleted");
@@ -185,6 +81,16 @@ ExitStatus Stat(const StoreOptions& options) {
     Say("the live blobs fill {:.0f} % of the largest pack: plan for a second store",
         100 * ShareOfLimit(view.repackedBytes()));
   return view.damaged() ? kFault : kSuccess;
+}
+
+}  // namespace
+
+void AddStat(CommandLine& line) {
+  auto [command, at] = line.Add(
+      Group::kLook,
+      {"stat", "print how full the store and its files are", "", "blobring stat /data/store"},
+      Stat);
+  CommandLine::AddStore(command, at, Access::kLook);
 }
 
 }  // namespace tool

@@ -1,6 +1,7 @@
 // verify.
 #include <map>
 
+#include "tools/base/Console.h"
 #include "tools/base/Json.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
@@ -9,6 +10,14 @@
 
 namespace tool {
 namespace {
+
+struct VerifyOptions {
+  StoreOptions at;
+  std::vector<std::string> manifests;  // and checksum files, see ReadChecksums
+  std::string write;                   // a checksum file of all that was verified, if it is sound
+  bool force = false;
+  bool verbose = false;
+};
 
 enum class Verdict { kOk, kMissing, kDamaged };
 
@@ -28,8 +37,8 @@ Verdict Judge(const StoreView& view, const blobring::Hash& hash, Buffer& buffer)
   return Verdict::kOk;
 }
 
-}  // namespace
-
+// Whether the store has what manifests list, each blob compared with its hash. Returns kFault for
+// damage, kNothing if something is missing.
 ExitStatus Verify(const VerifyOptions& options) {
   std::vector<ManifestEntry> entries;
   for (const std::string& path : options.manifests) {
@@ -71,6 +80,25 @@ ExitStatus Verify(const VerifyOptions& options) {
     Say("{} was not written: not all is sound", options.write);
   }
   return !sound ? kFault : all ? kSuccess : kNothing;
+}
+
+}  // namespace
+
+void AddVerify(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kLook,
+               {"verify", "compare a store with manifests",
+                "Takes the lists of md5sum(1), with --tag or without, and checksum files: the 16 "
+                "bytes of an MD5 digest, then what they are the digest of. That is such a list, "
+                "as --write makes it, or else one blob. Names what is missing or damaged. With "
+                "--write, what was verified becomes a checksum file if all of it is sound.",
+                "blobring verify /data/store photos.md5"},
+               Verify);
+  CommandLine::AddStore(command, options.at, Access::kLook);
+  command.add_option("MANIFEST", options.manifests, "the lists; - for standard input")->required();
+  command.add_option("--write", options.write, "make a checksum file")->type_name("FILE");
+  command.add_flag("--force", options.force, "replace a checksum file that exists");
+  command.add_flag("-v,--verbose", options.verbose, "name what is sound as well");
 }
 
 }  // namespace tool

@@ -2,35 +2,10 @@
 #pragma once
 
 #include "tools/base/Error.h"
-#include "tools/command/Commands.h"
 #include "tools/remote/Connection.h"
-
-namespace CLI {
-class App;
-}
+#include "tools/view/Layout.h"
 
 namespace tool::remote {
-
-struct InitOptions {
-  RemoteOptions remote;
-  std::string pushWithin = "24h";
-  std::string grace = "72h";
-  bool createBucket = false;
-};
-ExitStatus InitRemote(const InitOptions& options);
-
-struct ListOptions {
-  RemoteOptions remote;
-  std::string olderThan;  // a duration: only the last snapshots of stores, if they are older
-};
-// kFault if there is one of these.
-ExitStatus ListRemote(const ListOptions& options);
-
-struct ForgetOptions {
-  RemoteOptions remote;
-  std::string store;  // an id
-};
-ExitStatus Forget(const ForgetOptions& options);
 
 struct PushOptions {
   StoreOptions at;
@@ -47,12 +22,6 @@ struct PullOptions {
 };
 ExitStatus Pull(const PullOptions& options);
 
-struct SyncOptions : CopyOptions {
-  RemoteOptions remote;
-};
-// Push and Pull, if `to` is a URL; Copy otherwise.
-ExitStatus Sync(const SyncOptions& options);
-
 struct CheckOptions {
   RemoteOptions remote;
   std::string readData;  // empty: no; "100%", "5%"
@@ -68,8 +37,5 @@ struct PruneOptions {
   bool dryRun = false;
 };
 ExitStatus Prune(const PruneOptions& options);
-
-// --endpoint and what else every command on a remote takes.
-void AddRemoteOptions(CLI::App& command, RemoteOptions& remote);
 
 }  // namespace tool::remote

@@ -6,6 +6,7 @@
 #include "tools/remote/Commands.h"
 #include "tools/remote/Fetch.h"
 #include "tools/work/BatchWriter.h"
+#include "tools/work/Open.h"
 
 namespace tool::remote {
 namespace {
@@ -181,18 +182,6 @@ ExitStatus Pull(const PullOptions& options) {
   if (missingCount == 0) return kSuccess;
   Say("{} of the snapshot could not be had", Count(missingCount, "blob"));
   return kFault;
-}
-
-ExitStatus Sync(const SyncOptions& options) {
-  if (!options.to.directory.starts_with("s3://")) return Copy(options);
-  if (options.dryRun) throw UsageError("--dry-run is for two stores alone");
-  RemoteOptions remote = options.remote;
-  remote.url = options.to.directory;
-  StoreOptions at = options.to;
-  at.directory = options.from;
-  const ExitStatus pushed = Push({at, remote, ""});
-  const ExitStatus pulled = Pull({at, remote, "", true});
-  return pushed != kSuccess ? pushed : pulled;
 }
 
 }  // namespace tool::remote

@@ -4,11 +4,14 @@
 #include <chrono>
 #include <map>
 
+#include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/report/Regions.h"
+#include "tools/view/Faults.h"
 #include "tools/view/Naming.h"
 #include "tools/view/Objects.h"
 #include "tools/view/Rest.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "tools/report/Document.h"
-#include "tools/work/Open.h"
+#include "tools/view/Layout.h"
 
 namespace tool {
 

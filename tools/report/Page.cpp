@@ -12,11 +12,10 @@
 #include "tools/base/Console.h"
 #include "tools/report/Assets.h"
 #include "tools/report/Html.h"
+#include "tools/view/Objects.h"
 
 namespace tool {
 namespace {
-
-constexpr double kWarnFrom = 0.8;  // of the largest file
 
 uint64_t Number(const Json& object, const char* key) {
   return object.at(key).get<uint64_t>();
@@ -53,9 +52,6 @@ std::string Time(const Json& object, const char* key) {
   return text;
 }
 
-double ShareOfLimit(uint64_t bytes) {
-  return static_cast<double>(bytes) / format::kMaxFileSize;
-}
 std::string Percent(uint64_t bytes) {
   return fmt::format("{:.1f}", 100 * ShareOfLimit(bytes));
 }

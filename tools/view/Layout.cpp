@@ -122,4 +122,18 @@ std::string Layout::Description() const {
   return fmt::format("{}, packs in {}", Count(slotCount(), "slot"), fmt::join(dirs, " and "));
 }
 
+Layout LayoutOf(const StoreOptions& options, Access access) {
+  const std::string& store = options.directory;
+  const bool isSaid = options.slotCount != 0 || !options.packDirs.empty();
+  if (access == Access::kCreate) return Layout(store, options.slotCount, options.packDirs);
+  if (access != Access::kLook || (!isSaid && Layout::Exists(store))) return Layout::Read(store);
+  const size_t slotCount =
+      options.slotCount != 0 ? options.slotCount : Layout::CountJournals(store);
+  if (slotCount == 0) return Layout::Read(store);  // which says that there is no store
+  Layout said(store, slotCount, options.packDirs);
+  if (Layout::Exists(store) && !said.SameSlots(Layout::Read(store)))
+    throw UsageError("{} has {}", store, Layout::Read(store).Description());
+  return said;
+}
+
 }  // namespace tool

@@ -65,4 +65,23 @@ class Layout {
   std::vector<std::string> packDirs_;  // absolute, or "." for the store's own
 };
 
+// What a command line says about a store.
+struct StoreOptions {
+  std::string directory;
+  size_t slotCount = 0;                    // 0: not said
+  std::vector<std::string> packDirs = {};  // of the slots in turn
+  bool eraseDamaged = false;
+};
+
+enum class Access {
+  kLook,           // changes no file; needs no blobring.conf
+  kChange,         // refused when the store is damaged, unless that is to be erased
+  kChangeDamaged,  // never refused for damage
+  kCreate,         // makes files that are missing
+};
+
+// The slots: as blobring.conf has them; without one, for kLook, as the options and the files say.
+// Throws Fault, or UsageError where the two disagree.
+Layout LayoutOf(const StoreOptions& options, Access access);
+
 }  // namespace tool

@@ -7,6 +7,7 @@
 #include <set>
 #include <sstream>
 
+#include "tools/base/Console.h"
 #include "tools/base/Error.h"
 
 namespace tool {
@@ -63,8 +64,8 @@ const ViewedBlob& Named(const StoreView& view, std::string_view digits) {
   std::vector<std::string> shown;
   for (size_t i = 0; i < std::min(found.size(), kMostShown); ++i)
     shown.push_back(found[i]->hash.text());
-  throw UsageError("{} is ambiguous, {} blobs begin with it: {}{}", digits, found.size(),
-                   fmt::join(shown, " "), found.size() > kMostShown ? " ..." : "");
+  throw Ambiguous("{} is ambiguous, {} blobs begin with it: {}{}", digits, found.size(),
+                  fmt::join(shown, " "), found.size() > kMostShown ? " ..." : "");
 }
 
 NamedBlobs Named(const StoreView& view, const std::vector<std::string>& names) {

@@ -16,7 +16,7 @@ std::vector<std::string> HashArguments(const std::vector<std::string>& arguments
 std::vector<const ViewedBlob*> Matching(const StoreView& view, std::string_view digits);
 
 // The one blob that a hash, or at least 6 digits of it, names. Throws UsageError if it names none
-// for its form, or several; NothingFound if there is no such blob.
+// for its form, Ambiguous if several; NothingFound if there is no such blob.
 const ViewedBlob& Named(const StoreView& view, std::string_view digits);
 
 // The blobs of several names in ascending order of their hashes, each once. Those that are not

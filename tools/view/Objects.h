@@ -9,29 +9,12 @@
 
 namespace tool {
 
+// From this share of the largest file on, users are warned.
+constexpr double kWarnFrom = 0.8;
+double ShareOfLimit(uint64_t bytes);
+
 // "stat", then a "file" for each of the store's files.
 std::vector<Json> StatObjects(const StoreView& view);
 Json FileObject(const StoreView& view, size_t index);
-
-// "fault": a blob of a current file that cannot be read, or a part of one that is damaged.
-struct BlobFault {
-  std::string path;
-  uint64_t offset = 0;
-  std::optional<blobring::Hash> hash;
-  uint64_t size = 0;
-  std::string what;
-};
-Json FaultObject(const BlobFault& fault);
-
-// The number of blobs in these files that the view does not show. Deleted ones count as well.
-uint64_t BlobsOnlyIn(const std::vector<std::string>& paths, const StoreView& view);
-
-// What `check` says of a file that a load set aside; empty if it holds nothing more than the store
-// has, or what a power cut leaves of a commit.
-std::string FaultInSetAside(const std::string& path, const StoreView& view);
-
-// Compares live blobs with their hashes, looks into what is damaged, and counts what is in files
-// that are not shown.
-std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo);
 
 }  // namespace tool

@@ -10,7 +10,7 @@
 namespace tool {
 namespace {
 
-using Kind = SalvagedRecord::Kind;
+using RecordKind = SalvagedRecord::Kind;
 
 // How much of its size a gap may cost in vain for each class of blob sizes: false large blobs must
 // not use up what small ones need.
@@ -105,7 +105,7 @@ class Scanner final : format::ReadListener {
   // Takes the blob of a store record if the data matches its hash.
   bool TakeBlob(uint64_t at, const Candidate& record) {
     if (file_.Digest(at + format::kStoreHeadSize, record.head.size) != record.hash()) return false;
-    scan_.records.push_back({at, record.head.size, Kind::kBlob, record.hash()});
+    scan_.records.push_back({at, record.head.size, RecordKind::kBlob, record.hash()});
     ++scan_.blobs;
     Add(verified_, at, at + record.size);
     return true;
@@ -132,7 +132,7 @@ class Scanner final : format::ReadListener {
   bool FollowStore(uint64_t at, const Candidate& record, uint64_t limit) {
     const bool goesOn = record.size <= limit - at && LooksLikeRecord(at + record.size);
     if (goesOn && TakeBlob(at, record)) return true;
-    scan_.records.push_back({at, record.head.size, Kind::kBroken, record.hash()});
+    scan_.records.push_back({at, record.head.size, RecordKind::kBroken, record.hash()});
     return goesOn;
   }
 
@@ -152,7 +152,7 @@ class Scanner final : format::ReadListener {
   }
   void AddDelete(uint64_t at, const Candidate& record) {
     ++scan_.deletions;
-    scan_.records.push_back({at, 0, Kind::kDelete, record.hash()});
+    scan_.records.push_back({at, 0, RecordKind::kDelete, record.hash()});
   }
   void AddTransaction(uint64_t begin, uint64_t end) {
     completeEnd_ = end;
@@ -224,7 +224,7 @@ class Scanner final : format::ReadListener {
   void FinishRecords() {
     std::vector<SalvagedRecord>& records = scan_.records;
     std::erase_if(records, [&](const SalvagedRecord& record) {
-      return record.kind == Kind::kBroken &&
+      return record.kind == RecordKind::kBroken &&
              (Contains(verified_, record.offset) || Contains(verified_, record.dataOffset() - 1));
     });
     std::sort(records.begin(), records.end(),
@@ -233,7 +233,7 @@ class Scanner final : format::ReadListener {
     records.erase(std::unique(records.begin(), records.end(), isSame), records.end());
     for (const SalvagedRecord& record : records) {
       Add(known_, record.offset, record.end());
-      if (record.kind != Kind::kDelete && scan_.IsCommitted(record)) ++scan_.recordCount;
+      if (record.kind != RecordKind::kDelete && scan_.IsCommitted(record)) ++scan_.recordCount;
     }
   }
 

@@ -15,6 +15,7 @@
 
 #include "md5/MD5.h"
 #include "pack/format/Generation.h"
+#include "tools/base/Console.h"
 #include "tools/base/Error.h"
 
 namespace tool {

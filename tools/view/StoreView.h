@@ -11,8 +11,9 @@
 #include <vector>
 
 #include "tools/base/Error.h"
+#include "tools/base/Files.h"
 #include "tools/view/FileWalk.h"
-#include "tools/work/Open.h"
+#include "tools/view/Layout.h"
 
 namespace tool {
 

@@ -15,25 +15,6 @@
 
 namespace tool {
 
-// What a command line says about a store.
-struct StoreOptions {
-  std::string directory;
-  std::size_t slotCount = 0;          // 0: not said
-  std::vector<std::string> packDirs;  // of the slots in turn
-  bool eraseDamaged = false;
-};
-
-enum class Access {
-  kLook,           // changes no file; needs no blobring.conf
-  kChange,         // refused when the store is damaged, unless that is to be erased
-  kChangeDamaged,  // never refused for damage
-  kCreate,         // makes files that are missing
-};
-
-// The slots: as blobring.conf has them; without one, for kLook, as the options and the files say.
-// Throws Fault, or UsageError where the two disagree.
-Layout LayoutOf(const StoreOptions& options, Access access);
-
 // The store's files are this process's as long as it lives, so messages wait until it is closed,
 // and nothing else must be waited for or printed meanwhile.
 class OpenStore {

@@ -1,0 +1,90 @@
+// diff.
+#include <filesystem>
+#include <map>
+
+#include "tools/base/Console.h"
+#include "tools/base/Json.h"
+#include "tools/command/Commands.h"
+#include "tools/view/StoreView.h"
+#include "tools/work/Manifest.h"
+
+namespace tool {
+namespace {
+
+struct DiffOptions {
+  std::string a;
+  std::string b;  // each a store, a pack or journal, or a manifest
+};
+
+// What a store, a single file or a manifest has: hashes and sizes, if they are known.
+std::map<blobring::Hash, std::optional<uint32_t>> ContentsOf(const std::string& path,
+                                                             bool& damaged) {
+  std::map<blobring::Hash, std::optional<uint32_t>> contents;
+  std::error_code ignored;
+  const bool isStore = std::filesystem::is_directory(path, ignored) ||
+                       path.find(".pak") != std::string::npos ||
+                       path.find(".jrn") != std::string::npos;
+  if (!isStore) {
+    for (const ManifestEntry& entry : ReadManifest(path)) contents[entry.hash] = std::nullopt;
+    return contents;
+  }
+  const StoreView view({path});
+  damaged = damaged || view.damaged();
+  for (const ViewedBlob& blob : view.blobs())
+    contents.emplace_hint(contents.end(), blob.hash, blob.size);
+  return contents;
+}
+
+// Prints what only one of the two has. Returns kFault if there is anything.
+ExitStatus Diff(const DiffOptions& options) {
+  bool damaged = false;
+  const auto a = ContentsOf(options.a, damaged);
+  const auto b = ContentsOf(options.b, damaged);
+  uint64_t onlyA = 0;
+  uint64_t onlyB = 0;
+  std::string text;
+  const auto add = [&text](bool isInA, const auto& entry) {
+    const auto& [hash, size] = entry;
+    if (consoleOptions.json) {
+      Json object = {{"type", "difference"}, {"only_in", isInA ? "a" : "b"}, {"hash", hash.text()}};
+      if (size) object["size"] = *size;
+      text += JsonLine(object);
+    } else {
+      text += fmt::format("{} {}{}\n", isInA ? '-' : '+', hash.text(),
+                          size ? " " + std::to_string(*size) : "");
+    }
+  };
+  auto inA = a.begin();
+  auto inB = b.begin();
+  while (inA != a.end() || inB != b.end()) {
+    if (inB == b.end() || (inA != a.end() && inA->first < inB->first)) {
+      ++onlyA;
+      add(true, *inA++);
+    } else if (inA == a.end() || inB->first < inA->first) {
+      ++onlyB;
+      add(false, *inB++);
+    } else {
+      ++inA;
+      ++inB;
+    }
+  }
+  PrintText(text);
+  Inform("{} only in {}, {} only in {}", Count(onlyA, "blob"), options.a, onlyB, options.b);
+  return damaged || onlyA + onlyB != 0 ? kFault : kSuccess;
+}
+
+}  // namespace
+
+void AddDiff(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kLook,
+               {"diff", "compare the blobs of two stores, or of a store and a manifest",
+                "What only SRC has is marked with -, what only DST has with +. The exit status is "
+                "1 if there is anything.",
+                "blobring diff /data/store /backup/store"},
+               Diff);
+  command.add_option("SRC", options.a, "a store, a pack or journal, or a manifest")->required();
+  command.add_option("DST", options.b, "another one")->required();
+}
+
+}  // namespace tool

@@ -1,0 +1,115 @@
+// get and cat.
+#include <iostream>
+
+#include "tools/base/Console.h"
+#include "tools/base/Interrupt.h"
+#include "tools/base/StagedFile.h"
+#include "tools/command/Commands.h"
+#include "tools/view/Naming.h"
+#include "tools/view/StoreView.h"
+
+namespace tool {
+namespace {
+
+struct GetOptions {
+  StoreOptions at;
+  std::vector<std::string> hashes;
+  std::string output;  // see Output; empty for standard output
+  bool batch = false;  // answer the hashes of standard input, one a line, as they come
+};
+
+// As git's cat-file --batch has it: "HASH SIZE", the bytes, a newline. What is not there, ambiguous
+// or damaged is said so behind the word that was asked for.
+ExitStatus AnswerBatch(const StoreView& view) {
+  Buffer buffer;
+  bool sound = !view.damaged();
+  for (std::string line; std::getline(std::cin, line); ThrowIfInterrupted()) {
+    std::string answer;
+    try {
+      const ViewedBlob& blob = Named(view, line);
+      const std::string_view bytes = view.Read(blob, buffer);
+      answer = fmt::format("{} {}\n", blob.hash.text(), bytes.size());
+      answer += bytes;
+    } catch (const NothingFound&) {
+      answer = line + " missing";
+    } catch (const Ambiguous&) {
+      answer = line + " ambiguous";
+    } catch (const UsageError&) {
+      answer = line + " missing";
+    } catch (const Fault& fault) {
+      Say("{}", fault.what());
+      answer = line + " damaged";
+      sound = false;
+    }
+    WriteAll(STDOUT_FILENO, answer + "\n", "to standard output");
+  }
+  return sound ? kSuccess : kFault;
+}
+
+// Writes blobs one after the other, each checked against its hash. Those that are damaged or absent
+// are named; the others go on. Returns kNothing if some are absent and all others sound.
+ExitStatus Get(const GetOptions& options) {
+  if (options.batch != options.hashes.empty()) throw UsageError("wanted either HASH or --batch");
+  const std::vector<std::string> names = HashArguments(options.hashes);
+  const StoreView view(options.at);
+  if (options.batch) return AnswerBatch(view);
+  Output out(options.output, Existing::kReplace);
+  Buffer buffer;
+  bool sound = !view.damaged();
+  bool allThere = true;
+  bool allGood = true;
+  std::vector<const ViewedBlob*> blobs;
+  for (const std::string& name : names) {
+    try {
+      blobs.push_back(&Named(view, name));
+    } catch (const NothingFound& nothing) {
+      Say("{}", nothing.what());
+      allThere = false;
+    }
+  }
+  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty(); ThrowIfInterrupted())
+    for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
+      if (!read.fault) out.Write(read.bytes);
+      if (!read.fault) continue;
+      Say("{}", read.fault->what());
+      allGood = false;
+    }
+  if (allThere && allGood) out.Finish();
+  if (!allGood || !sound) return kFault;
+  return allThere ? kSuccess : kNothing;
+}
+
+}  // namespace
+
+void AddGet(CommandLine& line) {
+  {
+    auto [command, options] = line.Add(
+        Group::kLook,
+        {"get", "write blobs to standard output or a file",
+         "With --batch, each line of standard input names a blob and is answered at once by its "
+         "hash, its size, a newline, the bytes and a newline; or by what was asked for and one of "
+         "the words missing, ambiguous, damaged.",
+         "blobring get /data/store 591785b7 -o report.pdf\n"
+         "blobring get --batch /data/store < hashes"},
+        Get);
+    CommandLine::AddStore(command, options.at, Access::kLook);
+    command.add_option("HASH", options.hashes,
+                       "the blobs' hashes, or at least 6 digits of each; - for standard input");
+    command
+        .add_option("-o,--output", options.output, "the file to write; one that exists is replaced")
+        ->type_name("FILE");
+    command.add_flag("--batch", options.batch, "answer standard input line by line");
+  }
+  {
+    auto [command, options] = line.Add(
+        Group::kLook,
+        {"cat", "write blobs to standard output", "", "blobring cat /data/store 591785b7"}, Get);
+    CommandLine::AddStore(command, options.at, Access::kLook);
+    command
+        .add_option("HASH", options.hashes,
+                    "the blobs' hashes, or at least 6 digits of each; - for standard input")
+        ->required();
+  }
+}
+
+}  // namespace tool

@@ -1,0 +1,81 @@
+// put.
+#include <filesystem>
+
+#include "tools/base/Console.h"
+#include "tools/base/Interrupt.h"
+#include "tools/command/Commands.h"
+#include "tools/work/BatchWriter.h"
+#include "tools/work/Open.h"
+
+namespace tool {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+struct PutOptions {
+  StoreOptions at;
+  std::vector<std::string> files;
+  bool dryRun = false;  // print the hashes, store nothing
+};
+
+// Stores files, "-" or none for standard input, and prints the hash of each. Files that cannot be
+// read are named; the others go on.
+ExitStatus Put(const PutOptions& options) {
+  const auto& [at, files, dryRun] = options;
+  LayoutOf(at, Access::kChange);  // before anything is waited for
+  std::string lines;              // of committed blobs
+  std::optional<OpenStore> open;
+  std::optional<BatchWriter> writer;
+  const auto close = [&] {
+    if (writer) writer->Commit();
+    writer.reset();
+    open.reset();
+  };
+  Buffer buffer;
+  bool all = true;
+  try {
+    for (const std::string& file : files.empty() ? std::vector<std::string>{"-"} : files) {
+      if (IsInterrupted()) throw Interrupted("interrupted: what was printed is committed");
+      std::error_code ignored;
+      if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
+      std::string_view bytes;
+      try {
+        bytes = ReadStream(file, buffer);
+      } catch (const Fault& fault) {
+        Say("{}", fault.what());
+        all = false;
+        continue;
+      }
+      if (dryRun) {
+        lines += blobring::Hash::of(std::as_bytes(std::span(bytes))).text() + "\n";
+        continue;
+      }
+      if (!open) open.emplace(at, Access::kChange);
+      if (!writer) writer.emplace(open->store, lines);
+      writer->AddLine(writer->Add(bytes, file).hash.text() + "\n");
+    }
+    close();
+  } catch (...) {
+    writer.reset();
+    open.reset();
+    PrintText(lines);
+    throw;
+  }
+  PrintText(lines);
+  return all ? kSuccess : kFault;
+}
+
+}  // namespace
+
+void AddPut(CommandLine& line) {
+  auto [command, options] =
+      line.Add(Group::kWork,
+               {"put", "store files and print their hashes", "",
+                "blobring put /data/store report.pdf\ndate | blobring put /data/store"},
+               Put);
+  CommandLine::AddStore(command, options.at, Access::kChange);
+  command.add_option("FILE", options.files, "files to store; standard input without any, or for -");
+  command.add_flag("--dry-run", options.dryRun, "print the hashes, store nothing");
+}
+
+}  // namespace tool
