@@ -247,6 +247,21 @@ int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut
   });
 }
 
+int BCStoreFrom(int index, const unsigned char* hash, uint64_t size, BCSource* source,
+                void* context) {
+  Call call("BCStoreFrom", index);
+  if (!call.Has("hash", hash) || !call.Has("source", reinterpret_cast<const void*>(source)))
+    return 0;
+  if (size > format::kMaxFileSize)
+    return call.Refuse(FailureCode::Argument,
+                       Text("size = ", size, " is more than a blob can have"));
+  return call.Catch({"BCStoreFrom threw an exception:", 0x0F000272, hash}, 0, [&] {
+    trace::WriteHashEvent(trace::kEventStore, hash);
+    PieceSource from(source, context, static_cast<std::uint32_t>(size));
+    return call.Store().StoreFrom(api::ToHash(hash), from);
+  });
+}
+
 namespace {
 
 constexpr int kPutGroup = 64;

@@ -53,7 +53,7 @@ namespace {
 
 using Fetched = BlobController::Fetched;
 
-// As the two calls below report it.
+// As the calls below report it.
 int ResultOf(Fetched fetched, std::uint32_t blobSize, int& size) {
   const bool isThere = fetched == Fetched::Read || fetched == Fetched::TooSmall;
   size = isThere ? static_cast<int>(blobSize) : 0;
@@ -64,6 +64,8 @@ int ResultOf(Fetched fetched, std::uint32_t blobSize, int& size) {
       return BLOBRING_TOO_SMALL;
     case Fetched::NotFound:
       return BLOBRING_NOT_FOUND;
+    case Fetched::Stopped:
+      return BLOBRING_STOPPED;
     case Fetched::Failed:
       break;
   }
@@ -105,6 +107,19 @@ int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int cap
     std::uint32_t blobSize = 0;
     const Fetched fetched = call.Store().Fetch(api::ToHash(hash), buffer, Word(capacity), blobSize);
     return ResultOf(fetched, blobSize, *size);
+  });
+}
+
+int BCRead(int index, const unsigned char* hash, BCSink* sink, void* context) {
+  Call call("BCRead", index);
+  if (!call.Has("hash", hash) || !call.Has("sink", reinterpret_cast<const void*>(sink)))
+    return BLOBRING_FAILED;
+  return call.Catch({"BCRead threw an exception:"}, BLOBRING_FAILED, [&] {
+    trace::WriteHashEvent(trace::kEventGet, hash);
+    int size = 0;
+    const Fetched fetched = call.Store().Read(api::ToHash(hash), {sink, context});
+    if (fetched == Fetched::Stopped) call.Refuse(FailureCode::Refused, "the sink has stopped it");
+    return ResultOf(fetched, 0, size);
   });
 }
 

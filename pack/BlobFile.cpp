@@ -233,27 +233,42 @@ bool BlobFile::StartTransaction(long long id) {
   return true;
 }
 
-void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
-                      const RawBuffer& data, std::uint32_t mostGathered) {
-  RecordHead record{{op, entry.transactionId}, {}, data.size};
+template <class Write>
+void BlobFile::AppendBy(Write write, BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                        std::uint32_t size) {
+  RecordHead record{{op, entry.transactionId}, {}, size};
   std::copy_n(hash.Bytes(), format::kHashSize, record.hash);
   RequireWritable();
   RequireRoom(record);
   entry.offset = header.endOffset;
   try {
-    writer.Append(record, data.data, mostGathered);
+    write(record);
   } catch (...) {
     cutOnClose = true;
     throw;
   }
   entry.op = op;
   if (op != format::kOpStore) return;
-  header.maxBlobSize = std::max(header.maxBlobSize, data.size);
-  block.maxBlobSize = std::max(block.maxBlobSize, data.size);
+  header.maxBlobSize = std::max(header.maxBlobSize, size);
+  block.maxBlobSize = std::max(block.maxBlobSize, size);
   entry.hash = hash;
-  entry.size = data.size;
+  entry.size = size;
   entry.ordinal = 0;
   entry.valid = true;
+}
+
+void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                      const RawBuffer& data, std::uint32_t mostGathered) {
+  const auto write = [&](const RecordHead& record) {
+    writer.Append(record, data.data, mostGathered);
+  };
+  AppendBy(write, entry, op, hash, data.size);
+}
+
+void BlobFile::StoreFrom(BlobFileEntry& entry, const Hash& hash, PieceSource& source,
+                         std::span<unsigned char> buffer) {
+  const auto write = [&](const RecordHead& record) { writer.AppendFrom(record, source, buffer); };
+  AppendBy(write, entry, format::kOpStore, hash, source.Left());
 }
 
 // Append, and the record is in the file when it returns.

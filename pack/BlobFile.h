@@ -110,6 +110,11 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void Gather(BlobFileEntry& entry, const BlobPair& blob);
   void GatherDelete(BlobFileEntry& entry);
 
+  // Store of a blob that comes from a source, through `buffer`. Throws also what the source throws
+  // and, when its bytes do not match the hash, Failure.
+  void StoreFrom(BlobFileEntry& entry, const Hash& hash, PieceSource& source,
+                 std::span<unsigned char> buffer);
+
   // Adds data to another digest and, side by side with it, the waiting records to the transaction's
   // own.
   void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size) {
@@ -222,6 +227,9 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void RequireNotInDoubt() const;
   void RequireWritable();
   void RequireRoom(const format::RecordHead& record) const;
+  template <class Write>
+  void AppendBy(Write write, BlobFileEntry& entry, std::int32_t op, const Hash& hash,
+                std::uint32_t size);
   void Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash, const RawBuffer& data,
               std::uint32_t mostGathered);
   void AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash, const RawBuffer& data);

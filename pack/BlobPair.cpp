@@ -30,11 +30,7 @@ BlobPair::~BlobPair() = default;
 bool BlobPair::isValid() const {
   MD5 md5;
   md5.update(buffer.data, buffer.size);
-  md5.finalize();
-  unsigned char digest[Hash::kSize];
-  md5.raw_digest(digest);
-  Hash computed;
-  computed.setHash(digest);
+  const Hash computed = Finish(md5);
   if (computed == hash) return true;
   trace::engine.WriteWarnV("Blob::isValid() is false : hash=%s expected=%s", computed.toString(),
                            hash.toString());

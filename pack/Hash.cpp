@@ -1,5 +1,7 @@
 #include "pack/Hash.h"
 
+#include "md5/MD5.h"
+
 Hash::Hash() : bytes{} {}
 
 void Hash::setHash(unsigned char* source) {
@@ -15,4 +17,13 @@ std::string Hash::toString() const {
     text.push_back(kDigits[byte & 0x0F]);
   }
   return text;
+}
+
+Hash Finish(MD5& md5) {
+  md5.finalize();
+  unsigned char digest[Hash::kSize];
+  md5.raw_digest(digest);
+  Hash hash;
+  hash.setHash(digest);
+  return hash;
 }

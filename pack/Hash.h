@@ -9,6 +9,8 @@
 
 #include "platform/Export.h"
 
+class MD5;
+
 class BLOBRING_EXPORT Hash {
  public:
   static constexpr std::size_t kSize = 16;
@@ -48,3 +50,6 @@ class BLOBRING_EXPORT Hash {
 
   unsigned char bytes[kSize];
 };
+
+// Ends the message and returns its digest.
+Hash Finish(MD5& md5);

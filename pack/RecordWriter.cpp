@@ -1,8 +1,10 @@
 #include "pack/RecordWriter.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "md5/MD5.h"
+#include "pack/Hash.h"
 
 using format::FileHeader;
 using format::OpHeader;
@@ -95,6 +97,53 @@ void RecordWriter::Append(const format::RecordHead& record, unsigned char* data,
   }
   header.endOffset += headSize + dataSize;
   header.recordCount += 1;
+}
+
+void RecordWriter::AppendFrom(const format::RecordHead& record, PieceSource& source,
+                              std::span<unsigned char> buffer) {
+  EmptyGathered();
+  try {
+    md5 = WriteFrom(record, source, buffer);
+  } catch (...) {
+    CutOff();
+    throw;
+  }
+  header.endOffset += format::kStoreHeadSize + record.size;
+  header.recordCount += 1;
+  gather.Restart(header.endOffset);
+}
+
+// Returns the transaction's digest with the record, whose data is digested for both in one pass.
+MD5 RecordWriter::WriteFrom(const format::RecordHead& record, PieceSource& source,
+                            std::span<unsigned char> buffer) {
+  unsigned char head[format::kStoreHeadSize];
+  std::uint32_t at = header.endOffset;
+  Write(at, head, record.Encode(head));
+  at += sizeof head;
+  MD5 whole = md5;
+  whole.update(head, sizeof head);
+  MD5 key;
+  while (source.Left() > 0) {
+    const auto piece = buffer.first(std::min<std::size_t>(source.Left(), buffer.size()));
+    const auto size = static_cast<std::uint32_t>(piece.size());
+    source.Read(piece);
+    UpdateBoth(key, piece.data(), size, whole, piece.data(), size);
+    Write(at, piece.data(), size);
+    at += size;
+  }
+  if (std::memcmp(Finish(key).Bytes(), record.hash, format::kHashSize) != 0)
+    throw Failure(FailureCode::Argument, "the data does not match the hash");
+  return whole;
+}
+
+// Gives back the space of a record that came to nothing. Where it lay is not blank any more [C3],
+// and neither is what lies past the end of a file [C2].
+void RecordWriter::CutOff() noexcept {
+  blankEnd = 0;
+  try {
+    file.truncate(header.endOffset);
+  } catch (const std::exception&) {  // the close tries again
+  }
 }
 
 void RecordWriter::TakeBack(const FileHeader& before) {

@@ -14,7 +14,8 @@
 //       file are never taken for blank: after a power cut a file system may show
 //       anything there.
 //   C3  A write that fails may have reached the disk. It ends the blank space
-//       as far as it was meant to go, and so does a transaction that is cancelled.
+//       as far as it was meant to go, and so does what is written and then
+//       taken back: a transaction that is cancelled, a record whose source fails.
 //   C4  A commit that fails leaves its transaction open, and what it wrote may
 //       stand there next to what the next attempt writes: that attempt takes two flushes.
 //   C5  Blank space is made only in a journal, from the 33rd commit since it was
@@ -32,6 +33,7 @@
 #include "fs/File.h"
 #include "md5/MD5.h"
 #include "pack/GatherBuffer.h"
+#include "pack/PieceCalls.h"
 #include "pack/format/Format.h"
 
 class RecordWriter {
@@ -52,6 +54,12 @@ class RecordWriter {
   // Gathers a store or delete record and counts it in the header. Data larger than mostGathered is
   // written from where it lies, after what was gathered.
   void Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered);
+
+  // Writes what is gathered, then a store record whose data comes from a source, through `buffer`,
+  // and counts it. Throws also what the source throws and, when its bytes do not match the record's
+  // hash, Failure; what had been written is then cut off.
+  void AppendFrom(const format::RecordHead& record, PieceSource& source,
+                  std::span<unsigned char> buffer);
 
   // Takes the last record back, which could not be written.
   void TakeBack(const format::FileHeader& before);
@@ -78,6 +86,9 @@ class RecordWriter {
 
  private:
   void Write(std::uint32_t offset, const unsigned char* bytes, std::uint32_t size);
+  MD5 WriteFrom(const format::RecordHead& record, PieceSource& source,
+                std::span<unsigned char> buffer);
+  void CutOff() noexcept;
   void DigestGathered();
   void EmptyGathered();
   void MakeBlankAhead(std::uint32_t end) noexcept;

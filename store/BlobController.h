@@ -24,6 +24,7 @@
 #include "pack/BlobFile.h"
 #include "pack/BlobPair.h"
 #include "pack/Hash.h"
+#include "pack/PieceCalls.h"
 #include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
 #include "platform/Failure.h"
@@ -86,6 +87,10 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // which takes about as long as the blob alone.
   bool Put(const unsigned char* data, std::uint32_t size, Hash& hash);
 
+  // Gather of a blob that comes from a source. Bytes that do not match the hash fail. The source is
+  // not read if the blob is present.
+  bool StoreFrom(Hash const& hash, PieceSource& source);
+
   // Announces changes to these hashes, a few dozen at a time, to make their look-ups faster.
   void ExpectChanges(const Hash* hashes, std::size_t count) noexcept;
 
@@ -104,9 +109,14 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // to the blob's size for Read and TooSmall. Failed, after a message: it cannot be read, does not
   // match its hash, or the store is not loaded; the buffer's bytes are undefined. Never checks or
   // closes the store and never waits.
-  enum class Fetched { Read, NotFound, Failed, TooSmall };
+  enum class Fetched { Read, NotFound, Failed, TooSmall, Stopped };
   Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
                 std::uint32_t& size);
+
+  // Hands a committed blob out in pieces, in memory that does not grow with it. Read: all of it was
+  // right. Stopped: the sink wants no more. The rest as Fetch. Throws what the sink throws, and
+  // "Unable to allocate memory".
+  Fetched Read(const Hash& hash, const PieceSink& sink);
 
   // Fetch of at most kMostWanted blobs, in the order in which they lie and many digests at a time.
   // Those that are not right so far are fetched by themselves. Takes up to 1.1 MiB of memory while
@@ -234,12 +244,16 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool SetAside(BlobFile& journal);
   void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
+  BlobFile::BlobFileEntry* FindLoaded(const char* operation, const Hash& hash, Fetched& absent);
+  static Fetched Unreadable(const char* operation, BlobFile::BlobFileEntry& entry,
+                            const std::exception& e);
   template <class Write>
   bool Change(Hash const& hash, Write write);
   template <class Write>
   bool DeleteWith(Hash const& hash, Write write);
-  template <class Write>
-  bool StoreWith(BlobPair const& blob, Write write);
+  template <class IsRight, class Write>
+  bool StoreWith(Hash const& hash, IsRight isRight, Write write);
+  Hash HashOf(const unsigned char* data, std::uint32_t size);
   void RefuseChanges(FailureCode code, const char* reason);
   void RequireOpener() const;
   void RequireChangeable() const;

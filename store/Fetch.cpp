@@ -8,20 +8,42 @@
 #include <utility>
 
 #include "pack/BatchReader.h"
+#include "pack/PieceReader.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
-                                              std::uint32_t capacity, std::uint32_t& size) {
+// The entry of a blob; null where there is none, and `absent` then says why.
+BlobFile::BlobFileEntry* BlobController::FindLoaded(const char* operation, const Hash& hash,
+                                                    Fetched& absent) {
+  absent = Fetched::Failed;
   if (state != State::Loaded) {
     trace::engine.CaughtWarnV(Failure(FailureCode::Closed),
-                              "BlobController::Fetch() the store is not loaded");
-    return Fetched::Failed;
+                              "BlobController::%s() the store is not loaded", operation);
+    return nullptr;
   }
+  absent = Fetched::NotFound;
   const auto found = blobs.Find(hash);
-  if (found == blobs.end()) return Fetched::NotFound;
-  BlobFile::BlobFileEntry& entry = found->second;
+  return found == blobs.end() ? nullptr : &found->second;
+}
+
+BlobController::Fetched BlobController::Unreadable(const char* operation,
+                                                   BlobFile::BlobFileEntry& entry,
+                                                   const std::exception& e) {
+  entry.valid = false;
+  trace::engine.CaughtErrorV(
+      e, "%s",
+      Text("BlobController::", operation, "() hash ", entry.hash.toString(), " file ",
+           entry.file->path, " offset ", entry.offset, " size ", entry.size, ": ", e.what()));
+  return Fetched::Failed;
+}
+
+BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
+                                              std::uint32_t capacity, std::uint32_t& size) {
+  Fetched absent;
+  BlobFile::BlobFileEntry* const found = FindLoaded("Fetch", hash, absent);
+  if (found == nullptr) return absent;
+  BlobFile::BlobFileEntry& entry = *found;
   size = entry.size;
   if (capacity < size) return Fetched::TooSmall;
   BlobPair pair;
@@ -33,12 +55,24 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
     entry.file->RequireBlob(pair, entry.offset, hash, size);
     return Fetched::Read;
   } catch (const std::exception& e) {
-    entry.valid = false;
-    trace::engine.CaughtErrorV(
-        e, "%s",
-        Text("BlobController::Fetch() hash ", hash.toString(), " file ", entry.file->path,
-             " offset ", entry.offset, " size ", size, ": ", e.what()));
-    return Fetched::Failed;
+    return Unreadable("Fetch", entry, e);
+  }
+}
+
+BlobController::Fetched BlobController::Read(const Hash& hash, const PieceSink& sink) {
+  Fetched absent;
+  BlobFile::BlobFileEntry* const entry = FindLoaded("Read", hash, absent);
+  if (entry == nullptr) return absent;
+  PieceReader reader(*entry->file, *entry);
+  for (;;) {
+    std::span<const unsigned char> piece;
+    try {
+      piece = reader.Next();
+    } catch (const std::exception& e) {
+      return Unreadable("Read", *entry, e);
+    }
+    if (piece.empty()) return Fetched::Read;
+    if (!sink.Takes(piece)) return Fetched::Stopped;
   }
 }
 

@@ -78,17 +78,18 @@ bool BlobController::Change(Hash const& hash, Write write) {
   return true;
 }
 
-template <class Write>
-bool BlobController::StoreWith(BlobPair const& blob, Write write) {
+// isRight is asked before the place of a damaged blob is taken.
+template <class IsRight, class Write>
+bool BlobController::StoreWith(Hash const& hash, IsRight isRight, Write write) {
   try {
     RequireChangeable();
-    const BlobFile::BlobFileEntry* present = Latest(blob.hash);
+    const BlobFile::BlobFileEntry* present = Latest(hash);
     if (present != nullptr && present->op == format::kOpStore) {
       if (present->valid) return true;
       // What cannot be read now may be readable later. Only the blob itself takes its place.
-      if (!blob.isValid()) throw Failure(FailureCode::Argument, "the data does not match the hash");
+      if (!isRight()) throw Failure(FailureCode::Argument, "the data does not match the hash");
     }
-    return Change(blob.hash, [&](BlobFile::BlobFileEntry& entry) {
+    return Change(hash, [&](BlobFile::BlobFileEntry& entry) {
       write(entry);
       entry.file = slots.CurJournal();
       entry.valid = true;
@@ -101,27 +102,50 @@ bool BlobController::StoreWith(BlobPair const& blob, Write write) {
 }
 
 bool BlobController::Store(BlobPair const& blob) {
-  return StoreWith(blob,
-                   [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Store(entry, blob); });
+  return StoreWith(
+      blob.hash, [&] { return blob.isValid(); },
+      [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Store(entry, blob); });
 }
 
 bool BlobController::Gather(BlobPair const& blob) {
   return StoreWith(
-      blob, [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Gather(entry, blob); });
+      blob.hash, [&] { return blob.isValid(); },
+      [&](BlobFile::BlobFileEntry& entry) { slots.CurJournal()->Gather(entry, blob); });
 }
 
-bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& hash) {
+// A blob that one piece holds is right before anything of it is written.
+bool BlobController::StoreFrom(Hash const& hash, PieceSource& source) {
+  const auto write = [&](BlobFile::BlobFileEntry& entry) {
+    PieceBuffer buffer(std::min(source.Left(), kPieceSize));
+    if (source.Left() > buffer.size()) {
+      slots.CurJournal()->StoreFrom(entry, hash, source, buffer);
+      return;
+    }
+    source.Read(buffer);
+    BlobPair blob;
+    blob.buffer = {buffer.data(), static_cast<std::uint32_t>(buffer.size())};
+    blob.hash = HashOf(blob.buffer.data, blob.buffer.size);
+    if (!(blob.hash == hash))
+      throw Failure(FailureCode::Argument, "the data does not match the hash");
+    slots.CurJournal()->Gather(entry, blob);
+  };
+  return StoreWith(
+      hash, [] { return true; }, write);
+}
+
+// Digests the records that wait beside the data.
+Hash BlobController::HashOf(const unsigned char* data, std::uint32_t size) {
   MD5 key;
   if (slots.CurJournal()) {
     slots.CurJournal()->DigestBeside(key, data, size);
   } else {
     key.update(data, size);
   }
-  key.finalize();
-  unsigned char raw[Hash::kSize];
-  key.raw_digest(raw);
-  hash.setHash(raw);
+  return Finish(key);
+}
 
+bool BlobController::Put(const unsigned char* data, std::uint32_t size, Hash& hash) {
+  hash = HashOf(data, size);
   BlobPair blob;
   blob.hash = hash;
   blob.buffer = {const_cast<unsigned char*>(data), size};  // only read

@@ -163,6 +163,23 @@ class Store {
       std::span<const Hash> hashes) const;
   inline void eraseMany(std::span<const Hash> hashes);
 
+  // A blob in pieces, in memory that does not grow with it. A sink gets the next bytes, which
+  // remain valid until it returns, and returns false to stop. A source writes the next bytes to the
+  // beginning of the buffer and returns how many, 0 when there are no more. Both may throw; the
+  // exception reaches the caller. Neither may call a store.
+  using Sink = std::function<bool(std::span<const std::byte> piece)>;
+  using Source = std::function<std::size_t(std::span<std::byte> buffer)>;
+
+  // Hands a committed blob to the sink. What the sink has got must not be used unless Whole is
+  // returned: a blob that is damaged throws after some of it was handed out. See BCRead.
+  enum class Read { Whole, Absent, Stopped };
+  inline Read read(const Hash& hash, const Sink& sink) const;
+
+  // Stores a blob of `size` bytes whose hash is known, as put does. The source is not called if the
+  // blob is present. Throws Error, and what the source throws; the transaction can then still be
+  // committed, without the blob. See BCStoreFrom.
+  inline void putFrom(const Hash& hash, std::uint64_t size, const Source& source);
+
   // Iterates over the committed hashes in ascending order, which it obtains a few hundred at a
   // time. The store may change meanwhile: the iterator may not notice.
   class HashIterator {
@@ -286,6 +303,26 @@ class Store {
     }
   };
 
+  // Calls a Sink or Source from the C callback. What it throws reaches the caller of the store.
+  template <class Function>
+  struct Guard {
+    const Function& function;
+    std::exception_ptr thrown;
+
+    template <class Piece>
+    std::size_t call(std::span<Piece> piece, std::size_t failed) noexcept {
+      try {
+        return function(piece);
+      } catch (...) {
+        thrown = std::current_exception();
+        return failed;
+      }
+    }
+    void rethrow() const {
+      if (thrown) std::rethrow_exception(thrown);
+    }
+  };
+
   template <class Call>
   int watched(const Progress& progress, bool& stopped, Call call) const {
     if (!progress) return call();
@@ -404,6 +441,42 @@ inline std::vector<Hash> Store::putMany(std::span<const std::span<const std::byt
   hashes.reserve(items.size());
   for (const BCBlob& item : items) hashes.emplace_back(std::to_array(item.hash));
   return hashes;
+}
+
+inline Store::Read Store::read(const Hash& hash, const Sink& sink) const {
+  Guard<Sink> guard{sink, nullptr};
+  const auto take = [](void* context, const unsigned char* data, int size) {
+    const std::span piece(reinterpret_cast<const std::byte*>(data), static_cast<std::size_t>(size));
+    return static_cast<Guard<Sink>*>(context)->call(piece, 0) == 0 ? 1 : 0;
+  };
+  const int result = BCRead(index_, hash.data(), take, &guard);
+  guard.rethrow();
+  switch (result) {
+    case BLOBRING_FETCHED:
+      return Read::Whole;
+    case BLOBRING_NOT_FOUND:
+      return Read::Absent;
+    case BLOBRING_STOPPED:
+      return Read::Stopped;
+    default:
+      throw failure("read " + hash.text(), index_);
+  }
+}
+
+inline void Store::putFrom(const Hash& hash, std::uint64_t size, const Source& source) {
+  std::optional<Transaction> own;
+  if (open_ == nullptr) own.emplace(*this);
+  Guard<Source> guard{source, nullptr};
+  const auto give = [](void* context, unsigned char* buffer, int capacity) {
+    constexpr auto kFailed = std::numeric_limits<std::size_t>::max();
+    const std::span room(reinterpret_cast<std::byte*>(buffer), static_cast<std::size_t>(capacity));
+    const std::size_t given = static_cast<Guard<Source>*>(context)->call(room, kFailed);
+    return given <= room.size() ? static_cast<int>(given) : -1;
+  };
+  const int stored = BCStoreFrom(index_, hash.data(), size, give, &guard);
+  guard.rethrow();
+  if (stored != 1) throw failure("put " + hash.text(), index_);
+  if (own) own->commit();
 }
 
 // The sizes first, then the blobs.

@@ -9,6 +9,7 @@
  *   BCStartTransaction, BCPut, BCDelete ..., BCEndTransaction
  *   BCFetch, BCNextHash, BCCheck, BCRepack, BCGetStatistics
  *   BCPutMany, BCDeleteMany, BCFetchMany, BCNextHashes: many blobs a call
+ *   BCStoreFrom, BCRead: a blob in pieces
  *   BCDispose(index)
  *
  * A device's process opens a store in steps: BCInitialize, BCAddPackDir for
@@ -18,9 +19,9 @@
  * stores may run on different threads. Calls on one store must not overlap.
  * Calls that open, dispose of or shut down a store must not overlap with any
  * other call on a store.
- * Callbacks: a sink or progress function of the host's may call BCLastError,
- * BCLastErrorCode and the functions of host.h, nothing else. A call on a store
- * from there is refused. Only FilterException is allowed.
+ * Callbacks: a sink, source or progress function of the host's may call
+ * BCLastError, BCLastErrorCode and the functions of host.h, nothing else. A call
+ * on a store from there is refused. Only FilterException is allowed.
  * Processes: one process at a time has a store open. In a child of fork, every
  * change and load of a store that the parent opened is refused; see
  * docs/embedding.md.
@@ -252,6 +253,31 @@ typedef struct BCBlob {
 BLOBRING_API int BCPutMany(int index, BCBlob* blobs, int count);
 
 /*
+ * Source of a blob. Writes the next bytes to `buffer`, at most `capacity`, which
+ * is 1 MiB or less. Returns how many, 1 or more; 0 when there are no more; a
+ * negative number on failure. An exception that leaves it ends BCStoreFrom: one
+ * derived from std::exception as a failure with its text, any other by reaching
+ * the caller.
+ */
+typedef int BCSource(void* context, unsigned char* buffer, int capacity);
+
+/*
+ * Stores a blob of `size` bytes, whose MD5 digest is `hash`, in pieces that it
+ * pulls from `source`, and gathers its record as BCPut. Takes up to 1 MiB of
+ * memory until it returns, however large the blob is. A blob that is present is
+ * not written again, as with BCStore, and the source is then not called; nor is
+ * it for a blob of 0 bytes. The source is asked for `size` bytes in all; what it
+ * has beyond these is not looked at.
+ * Returns 1 stored or present. On failure returns 0: the source failed or ended
+ * before, the bytes do not match the hash (BLOBRING_ERROR_ARGUMENT), or they
+ * cannot be written. The transaction is then as it was before the call and can
+ * be committed; what had been written of the blob is given back to the disk, at
+ * the latest when the store is closed.
+ */
+BLOBRING_API int BCStoreFrom(int index, const unsigned char* hash, uint64_t size, BCSource* source,
+                             void* context);
+
+/*
  * Deletes a blob, damaged or not. The record is in the journal when the call returns. Returns 1
  * deleted or not present. On failure returns 0, as BCStore.
  */
@@ -300,11 +326,12 @@ BLOBRING_API int BCRepack(int index);
 BLOBRING_API int BCGetSize(int index, unsigned char* hash);
 BLOBRING_API int BCGetSizeInt(int index, unsigned char* hash);
 
-/* Results of BCGet, BCFetch and BCFetchMany. */
+/* Results of BCGet, BCFetch, BCFetchMany and BCRead. */
 #define BLOBRING_FETCHED 0
 #define BLOBRING_NOT_FOUND 1
 #define BLOBRING_FAILED 2
-#define BLOBRING_TOO_SMALL 3 /* never of BCGet */
+#define BLOBRING_TOO_SMALL 3 /* of BCFetch and BCFetchMany */
+#define BLOBRING_STOPPED 4   /* of BCRead */
 
 /*
  * Copies a committed blob into `buffer` and checks it against its hash.
@@ -346,6 +373,26 @@ typedef struct BCFetchItem {
  * the call fails, with BLOBRING_FAILED in every item.
  */
 BLOBRING_API int BCFetchMany(int index, BCFetchItem* items, int count);
+
+/*
+ * Sink of a blob. Takes its next `size` bytes, 1 or more, which remain valid
+ * until it returns. Return 0 to go on and anything else to stop. An exception
+ * that leaves it ends BCRead: one derived from std::exception as a failure with
+ * its text, any other by reaching the caller.
+ */
+typedef int BCSink(void* context, const unsigned char* data, int size);
+
+/*
+ * Hands a committed blob to `sink` in pieces of at most 1 MiB, in order, and
+ * checks it against its hash. Takes up to 1 MiB of memory until it returns,
+ * however large the blob is. What the sink has got must not be used before
+ * BLOBRING_FETCHED says that it was right.
+ * Returns BLOBRING_FETCHED: all of it was handed out, none for a blob of 0
+ * bytes; BLOBRING_NOT_FOUND; BLOBRING_STOPPED, by the sink; BLOBRING_FAILED. Of a
+ * damaged blob the last piece is never handed out, so that one of at most 64 KiB
+ * is not handed out at all. Never closes the store and never waits.
+ */
+BLOBRING_API int BCRead(int index, const unsigned char* hash, BCSink* sink, void* context);
 
 /*
  * Writes the first committed hash after `after` in ascending byte order to

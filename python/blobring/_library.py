@@ -35,6 +35,9 @@ TRACE_SINK = ctypes.CFUNCTYPE(
     None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p
 )
 NO_PROGRESS = PROGRESS(0)  # a null pointer
+PIECE = ctypes.CFUNCTYPE(
+    ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int
+)  # BCSink and BCSource
 
 
 class Options(ctypes.Structure):
@@ -107,6 +110,8 @@ def _load() -> ctypes.CDLL:
         "BCEndTransaction": (number, transaction_id),
         "BCAbandonTransaction": (number,),
         "BCPutMany": (number, ctypes.POINTER(Blob), number),
+        "BCStoreFrom": (number, text, ctypes.c_uint64, PIECE, pointer),
+        "BCRead": (number, text, PIECE, pointer),
         "BCDeleteMany": (number, text, number),
         "BCRepack": (number,),
         "BCFetch": (number, text, pointer, number, ctypes.POINTER(number)),
@@ -196,28 +201,29 @@ _thread = threading.local()
 
 
 def refuse_in_callback() -> None:
-    """Raises RefusedError inside a progress callback.
+    """Raises RefusedError inside a callback.
 
     The library refuses such a call too. By then, the thread would wait for a lock.
     """
     if getattr(_thread, "in_callback", False):
-        raise errors.RefusedError("a progress callback must not call a store")
+        raise errors.RefusedError("a callback, such as of progress, must not call a store")
 
 
-class Watch:
-    """Calls a progress function from the library, keeps what it raises, and raises that at the end.
+class Callback:
+    """Calls a function from the library, keeps what it raises, and raises that at the end.
 
     The same goes for signal handlers, such as that of Ctrl-C: Python would run them where the
     callback is entered, and nothing there can catch what they raise.
     """
 
-    def __init__(self, progress: Callable[[int, int], object] | None) -> None:
-        self._progress = progress
+    def __init__(self, kind: Any, step: Callable[..., int], failed: int) -> None:
+        """step gets the arguments but for the context; failed is returned once it has raised."""
+        self._step, self._failed = step, failed
         self._raised: BaseException | None = None
         self._handlers: dict[int, Any] = {}
-        self.callback = PROGRESS(self._call)
+        self.callback = kind(self._call)
 
-    def __enter__(self) -> Watch:
+    def __enter__(self) -> Callback:
         if threading.current_thread() is threading.main_thread():
             for number in signal.valid_signals():
                 handler = signal.getsignal(number)
@@ -238,16 +244,57 @@ class Watch:
         except BaseException as raised:
             self._raised = raised
 
-    def _call(self, _context: int | None, _operation: int, done: int, total: int) -> int:
+    def _call(self, _context: int | None, *arguments: int) -> int:
+        result = self._failed
         try:
             _thread.in_callback = True
-            if self._progress is not None and self._raised is None:
-                self._progress(done, total)
+            if self._raised is None:
+                result = self._step(*arguments)
         except BaseException as raised:
             self._raised = raised
         finally:
             _thread.in_callback = False
-        return 0 if self._raised is None else 1
+        return result if self._raised is None else self._failed
+
+
+def watch(progress: Callable[[int, int], object] | None) -> Callback:
+    """Reports to a progress function, if there is one."""
+
+    def step(_operation: int, done: int, total: int) -> int:
+        if progress is not None:
+            progress(done, total)
+        return 0
+
+    return Callback(PROGRESS, step, 1)
+
+
+def sink(write: Callable[[bytes], int | None]) -> Callback:
+    """Hands pieces to the write of a binary file, which may take them bit by bit."""
+
+    def step(data: int, size: int) -> int:
+        piece = ctypes.string_at(data, size)
+        while piece:
+            written = write(piece)
+            if written is None:
+                raise BlockingIOError("the file takes nothing at the moment")
+            piece = piece[written:]
+        return 0
+
+    return Callback(PIECE, step, 1)
+
+
+def source(read: Callable[[int], bytes | None]) -> Callback:
+    """Takes pieces from the read of a binary file."""
+
+    def step(buffer: int, capacity: int) -> int:
+        piece = read(capacity)
+        if piece is None:
+            raise BlockingIOError("the file has nothing at the moment")
+        if len(piece) <= capacity:
+            ctypes.memmove(buffer, piece, len(piece))
+        return len(piece)
+
+    return Callback(PIECE, step, -1)
 
 
 # ---- Messages ----

@@ -3,7 +3,9 @@
 from __future__ import annotations
 
 import ctypes
+import hashlib
 import inspect
+import mmap
 import os
 import sys
 import threading
@@ -13,7 +15,7 @@ from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from contextlib import ExitStack, contextmanager
 from itertools import accumulate, islice
 from types import FrameType
-from typing import NamedTuple
+from typing import BinaryIO, NamedTuple
 
 from blobring import _library, errors
 from blobring._library import Buffer, calls, failure
@@ -111,7 +113,8 @@ class Store(Mapping[Hash, bytes]):
     Threads: any thread may use a store. Calls on one store wait for each other; opening and closing
     wait for the calls on all stores. Changes wait for another thread's transaction, reads do not.
     Tasks of one event loop cannot wait for each other like that: see transaction().
-    A progress callback or a signal handler must not use a store.
+    A progress callback, the methods of a file that a store reads or writes, and a signal handler
+    must not use a store.
     Processes: one process at a time has a store open. In a child of fork it can be read and closed;
     every change raises RefusedError.
     """
@@ -164,7 +167,7 @@ class Store(Mapping[Hash, bytes]):
         self._changer: int | None = None  # the thread that holds it
         self._owner: FrameType | None = None  # whose changes belong to the transaction
         try:
-            with _alone(), _library.Watch(progress) as watch:
+            with _alone(), _library.watch(progress) as watch:
                 if progress is not None:
                     options.progress = watch.callback
                 index = calls.BCOpen(_path(directory), options)
@@ -248,6 +251,38 @@ class Store(Mapping[Hash, bytes]):
                     raise failures[0]
                 yield None if item.result == _library.NOT_FOUND else blob.raw
             waiting = waiting[count:]
+
+    def copy_to(self, key: bytes, file: BinaryIO) -> int:
+        """Writes a committed blob to a binary file and returns its size. Takes 64 KiB of memory,
+        however large the blob is.
+
+        Raises KeyError when the blob is absent, before anything is written; DamagedError when it
+        is not what its hash says, by when all but its last bytes may have been written; and what
+        the file raises.
+        """
+        with self._use() as index, _library.sink(file.write) as sink:
+            size = self._size(index, key)
+            result = calls.BCRead(index, key, sink.callback, None)
+            if result == _library.FAILED:
+                raise failure(f"copy {key.hex()}", index)
+        return size
+
+    def read_into(self, key: bytes, buffer: bytearray | memoryview | mmap.mmap) -> int:
+        """Reads a committed blob into a writable buffer and returns its size.
+
+        Raises KeyError when the blob is absent, ArgumentError when it is larger than the buffer,
+        DamagedError when it is not what its hash says; the buffer's contents are then undefined.
+        """
+        with memoryview(buffer).cast("B") as view, self._use() as index:
+            size = self._size(index, key)
+            if size > len(view):
+                raise errors.ArgumentError(f"read {key.hex()}: {size} bytes into {len(view)}")
+            to = (ctypes.c_char * len(view)).from_buffer(view)
+            result = calls.BCFetch(index, key, ctypes.addressof(to), size, ctypes.c_int())
+            del to
+            if result != _library.FETCHED:
+                raise failure(f"read {key.hex()}", index)
+        return size
 
     def size(self, key: bytes) -> int:
         """Returns the bytes of a committed blob, without reading it. Raises KeyError."""
@@ -355,6 +390,25 @@ class Store(Mapping[Hash, bytes]):
         during the call. After an Error, an open transaction goes on without the blob.
         """
         return self.put_many((data,))[0]
+
+    def put_from(self, file: BinaryIO) -> Hash:
+        """Stores the rest of a binary file as a blob and returns its hash. Takes a few MiB of
+        memory, however large the file is.
+
+        Reads the file twice, first for the hash, so it must be able to seek. Raises ArgumentError
+        when it has other bytes the second time, and what the file raises. An open transaction
+        then goes on without the blob.
+        """
+        start, md5 = file.tell(), hashlib.md5(usedforsecurity=False)
+        while piece := file.read(_BATCH_BYTES):
+            md5.update(piece)
+        key, size = Hash(md5.digest()), file.tell() - start
+        file.seek(start)
+        with self._change(), self._use() as index, _library.source(file.read) as source:
+            if calls.BCStoreFrom(index, key, size, source.callback, None) != 1:
+                raise failure("put", index)
+        file.seek(start + size)
+        return key
 
     def put_many(self, blobs: Iterable[Buffer]) -> list[Hash]:
         """Stores blobs, all or none of them, and returns their hashes. Faster than put for each.
@@ -490,7 +544,7 @@ class Store(Mapping[Hash, bytes]):
     def _watched(
         index: int, progress: _Progress | None, call: Callable[[int], int]
     ) -> int:
-        with _library.Watch(progress) as watch:
+        with _library.watch(progress) as watch:
             calls.BCSetProgress(index, watch.callback, None)
             try:
                 return call(index)

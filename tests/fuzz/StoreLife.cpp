@@ -177,6 +177,7 @@ class Life {
     for (std::size_t i = 0; const auto& [hash, blob] : index) {
       Require(many[i++] == (blob.sound ? std::optional(blob.data) : std::nullopt),
               "each blob of many is right or fails alone");
+      Require(test::ReadInPieces(store->index, hash) == many[i - 1], "the same in pieces");
       if (blob.sound) Require(store->GetBy(hash) == blob.data, "a blob can be read");
     }
     EndStep();

@@ -5,6 +5,7 @@ import asyncio
 import concurrent.futures
 import contextlib
 import hashlib
+import io
 import mmap
 import os
 import pathlib
@@ -52,7 +53,10 @@ class StoreTest(unittest.TestCase):
             if kind == 0:
                 data = rng.choice((many[0], grows, memoryview(b"no" + grows)[2:],
                                    array.array("H", many[0] * 2), mmap.mmap(-1, 4096)))
-                self.assertEqual(store.put(data), Hash.of(data))
+                file = io.BytesIO(b"skipped" + bytes(data))
+                put = rng.choice((lambda: store.put(data),
+                                  lambda: file.seek(7) and store.put_from(file)))
+                self.assertEqual(put(), Hash.of(data))
                 now[Hash.of(data)] = bytes(data)
                 grows.append(0)  # the buffer is free again
             elif kind == 1:
@@ -96,6 +100,11 @@ class StoreTest(unittest.TestCase):
             sizes = {key: len(model[key]) for key in sorted(model)}
             self.assertEqual({key: store.size(key) for key in store}, sizes)
             self.assertEqual(list(store.get_many([ABSENT, *model])), [None, *model.values()])
+            key, file, buffer = rng.choice(list(model)), io.BytesIO(), bytearray(10_000)
+            self.assertEqual(store.copy_to(key, file), store.read_into(key, buffer))
+            self.assertEqual(file.getvalue(), model[key])
+            self.assertEqual(buffer, model[key].ljust(10_000, b"\0"))
+            buffer.append(0)  # it is free again
             found = store.statistics()
             self.assertEqual((found.blob_count, found.live_bytes, found.sequence, found.slot_count),
                              (len(sizes), sum(sizes.values()), repacks, 2))
@@ -122,6 +131,16 @@ class StoreTest(unittest.TestCase):
             signal.signal(signal.SIGXFSZ, signal.SIG_DFL)  # which would end the process
             store.put(bytes(200_000))
 
+        class Changing(io.BytesIO):
+            def seek(self, to):
+                super().seek(to)
+                self.write(b"other")
+                super().seek(to)
+
+        class Calling(io.BytesIO):
+            def write(self, data):
+                return len(store[key])
+
         for error, code, misuse in (
             (blobring.HeldError, 1, lambda: Store(self.path)),
             (FileNotFoundError, 6, lambda: Store(new, must_exist=True)),
@@ -138,6 +157,13 @@ class StoreTest(unittest.TestCase):
             (ZeroDivisionError, None, lambda: store.check(lambda *_: 1 / 0)),
             (KeyboardInterrupt, None, lambda: store.repack(interrupt)),
             (KeyboardInterrupt, None, interrupt),  # the handler is back
+            (blobring.ArgumentError, 7, lambda: store.put_from(Changing(b"once"))),
+            (blobring.ArgumentError, 7, lambda: store.read_into(key, bytearray(3))),
+            (blobring.RefusedError, 11, lambda: store.copy_to(key, Calling())),
+            (KeyError, None, lambda: store.copy_to(ABSENT, io.BytesIO())),
+            (OSError, None, lambda: store.copy_to(key, self.enterContext(open(os.devnull, "rb")))),
+            (TypeError, None, lambda: store.put_from(io.StringIO("text"))),
+            (TypeError, None, lambda: store.read_into(key, b"kept")),
             (ValueError, None, lambda: Store(f"{self.path}\0x")),
             (KeyError, None, lambda: store[ABSENT]),
             (KeyError, None, lambda: store.__delitem__(ABSENT)),

@@ -5,6 +5,7 @@
 // between them:
 //   S   start a transaction          E   end it           R   repack, R1 one that is stopped
 //   +n  store blob n                 *n  the same by BCPut, which finds the hash
+//   ^n  the same by BCStoreFrom      !n  the same from a source that fails
 //   -n  delete blob n                ~n  the same by BCDeleteMany
 //   G   read everything and check
 //   F   end it, which fails as its header is written

@@ -36,6 +36,7 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   ASSERT_TRUE(store.Start(id));
   const std::string before = FileBytes("/s/0.jrn");
   Diagnostics().Clear();
+  const auto source = [](void*, unsigned char*, int) { return -1; };
   const struct {
     int result, failure;
     std::string warning;
@@ -51,6 +52,12 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
       {BCFetch(i, nullptr, data, 1, &size), 2, "BCFetch: hash is null"},
       {BCFetch(i, hash, data, 1, nullptr), 2, "BCFetch: size is null"},
       {BCGetStatistics(i, &statistics), 0, "BCGetStatistics: size = "},
+      {BCRead(i, hash, nullptr, nullptr), 2, "BCRead: sink is null"},
+      {BCStoreFrom(i, hash, 1, nullptr, nullptr), 0, "BCStoreFrom: source is null"},
+      {BCStoreFrom(i, hash, 1ULL << 32, source, nullptr), 0,
+       "BCStoreFrom: size = 4294967296 is more than a blob can have"},
+      {BCStoreFrom(i, hash, 2'147'483'532, source, nullptr), 0,
+       "BlobController::Store() threw an exception BlobFile: /s/0.jrn at 64: no room"},
       {BCStore(none, nullptr, nullptr, -1), 0, "BCStore: no store has the index = 1048576"},
       {BCCheck(none), -2, "BCCheck: no store has the index = 1048576"},
       {BCNextHash(none, nullptr, hash), -1, "BCNextHash: no store has the index = 1048576"},
@@ -79,6 +86,75 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
                                 BLOBRING_TOO_SMALL};
     EXPECT_TRUE(items[k].result == kResults[k] && items[k].size == (k % 3 == 0 ? 1 : 0)) << k;
   }
+}
+
+// What a sink and a source do at their second call, and what then comes of theirs. A blob of
+// 100,000 bytes takes two; one that is damaged in its last byte never gets to the second.
+TEST(Calls, ASinkAndASourceMayStopFailCallBackAndThrow) {
+  FreshMachine();
+  const OpenedStore store;
+  const std::string blob(100'000, 'b'), damaged(100'000, 'd');
+  ASSERT_TRUE(store.Commit(1, {"small", blob, damaged}) && store.Start(2) && store.Store("before"));
+  sim::Files().disk.Damage("/s/0.jrn", [](auto& bytes) { bytes[bytes.rfind('d')] ^= 1; });
+  struct Host {
+    std::function<int(int size)> second;
+    int calls = 0;
+    int Call(int size) { return ++calls == 1 ? 0 : second(size); }
+  } host;
+  const auto sink = [](void* context, const unsigned char*, int size) {
+    return static_cast<Host*>(context)->Call(size);
+  };
+  const auto source = [](void* context, unsigned char* buffer, int size) {
+    const int given = static_cast<Host*>(context)->Call(size);
+    if (given == 0) *buffer = 'b';
+    return given == 0 ? 1 : given;
+  };
+  const auto calls = [&](int) -> int {
+    const long long id = 3;
+    HashBytes hash = HashOf("small");
+    EXPECT_EQ(BCGetSize(store.index, hash.data()), -2);
+    EXPECT_EQ(BCAbandonTransaction(store.index) + BCDispose(store.index), 0);
+    EXPECT_EQ(BCEndTransaction(store.index, &id), 0);
+    return -1;
+  };
+  const struct {
+    const char* name;
+    std::function<int(int)> second;
+    int read;
+    std::string readText, storeText;
+  } rows[] = {
+      {"stops", [](int) { return -7; }, BLOBRING_STOPPED, "BCRead: the sink has stopped it",
+       "the source has failed, 99998 bytes were to come"},
+      {"gives too much", [](int size) { return size + 1; }, BLOBRING_STOPPED, "",
+       "the source has returned "},
+      {"throws", [](int) -> int { throw std::runtime_error("of its own"); }, BLOBRING_FAILED,
+       "BCRead threw an exception:of its own", "threw an exception of its own"},
+      {"calls back", calls, BLOBRING_STOPPED, "", "the source has failed"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    host = {row.second};
+    EXPECT_EQ(BCRead(store.index, HashOf(blob).data(), sink, &host), row.read);
+    EXPECT_NE(LastErrorOf(store.index).find(row.readText), std::string::npos);
+    host = {row.second};
+    EXPECT_EQ(BCStoreFrom(store.index, HashOf("absent").data(), 99'999, source, &host), 0);
+    EXPECT_NE(LastErrorOf(store.index).find(row.storeText), std::string::npos);
+    EXPECT_EQ(host.calls, 2);
+  }
+  host = {[](int) -> int { throw 7; }};
+  EXPECT_THROW(BCRead(store.index, HashOf(blob).data(), sink, &host), int);
+  host.calls = 0;
+  EXPECT_THROW(BCStoreFrom(store.index, HashOf("x").data(), 70'000, source, &host), int);
+  host = {[](int) { return 0; }};
+  EXPECT_EQ(BCRead(store.index, HashOf(damaged).data(), sink, &host), BLOBRING_FAILED);
+  EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_DAMAGED);
+  EXPECT_EQ(BCStoreFrom(store.index, HashOf(blob).data(), 100'000, source, &host), 1) << "present";
+  EXPECT_EQ(host.calls, 1);
+  EXPECT_EQ(BCRead(store.index, HashOf("absent").data(), sink, &host), BLOBRING_NOT_FOUND);
+  EXPECT_EQ(StoreInPieces(store.index, damaged, damaged + "more"), 1) << "in its place";
+  ASSERT_TRUE(store.End(2));
+  for (const std::string& each : {std::string("small"), blob, damaged, std::string("before")})
+    EXPECT_EQ(ReadInPieces(store.index, HashOf(each)), each);
 }
 
 TEST(Calls, EveryCallLeavesItsEventsAndRecords) {

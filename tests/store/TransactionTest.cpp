@@ -39,6 +39,12 @@ TEST(Transaction, ACommitFlushesTwiceUntilTheJournalHasBlankSpaceAhead) {
   ASSERT_TRUE(store.Store("whole") && !store.Store(std::string(600000, 'L')));
   EXPECT_EQ(flushes("over what a failed write has left"), 2U);
   EXPECT_EQ(flushes("behind it again"), 1U);
+  const std::string large(600'000, 'L');
+  ASSERT_TRUE(store.Store("in the blank space"));
+  ASSERT_EQ(StoreInPieces(store.index, large, large.substr(1)), 0);
+  EXPECT_EQ(FileBytes("/s/0.jrn").size(), StatisticsOf(store.index).journalBytes) << "cut off";
+  EXPECT_EQ(flushes("over what a source that failed has left"), 2U);
+  EXPECT_EQ(flushes("behind it once more"), 1U);
   ASSERT_TRUE(store.Store("first try"));
   sim::Files().FailCallOf(Call::WriteFile, 3, Fault::Error);  // of the header
   ASSERT_FALSE(store.End(1));

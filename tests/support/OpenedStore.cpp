@@ -75,6 +75,29 @@ std::vector<std::optional<std::string>> FetchMany(int index, const std::vector<H
   return read;
 }
 
+std::optional<std::string> ReadInPieces(int index, const HashBytes& hash) {
+  std::string read;
+  const auto append = [](void* to, const unsigned char* data, int size) {
+    static_cast<std::string*>(to)->append(reinterpret_cast<const char*>(data),
+                                          static_cast<std::size_t>(size));
+    return 0;
+  };
+  if (BCRead(index, hash.data(), append, &read) != BLOBRING_FETCHED) return std::nullopt;
+  return read;
+}
+
+int StoreInPieces(int index, std::string_view blob, std::string_view given) {
+  const auto take = [](void* from, unsigned char* buffer, int capacity) {
+    auto& rest = *static_cast<std::string_view*>(from);
+    const std::size_t size =
+        rest.copy(reinterpret_cast<char*>(buffer),
+                  std::min<std::size_t>(static_cast<std::size_t>(capacity), 40'000));
+    rest.remove_prefix(size);
+    return static_cast<int>(size);
+  };
+  return BCStoreFrom(index, HashOf(blob).data(), blob.size(), take, &given);
+}
+
 blobring::Error ErrorOf(const std::function<void()>& call) {
   try {
     call();

@@ -33,6 +33,10 @@ BCStatistics StatisticsOf(int index);
 std::string LastErrorOf(int index);
 // What one BCFetchMany gives for each hash: the blob; nothing unless it is BLOBRING_FETCHED.
 std::vector<std::optional<std::string>> FetchMany(int index, const std::vector<HashBytes>& hashes);
+// A blob by BCRead: nothing unless it is BLOBRING_FETCHED.
+std::optional<std::string> ReadInPieces(int index, const HashBytes& hash);
+// BCStoreFrom of a blob, from a source that has `given`. The result.
+int StoreInPieces(int index, std::string_view blob, std::string_view given);
 // What a call of the wrapper fails with; "none" when it does not.
 blobring::Error ErrorOf(const std::function<void()>& call);
 

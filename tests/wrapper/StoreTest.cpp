@@ -88,6 +88,42 @@ TEST(Store, ManyAtOnceAreWhatTheyAreOneByOne) {
   }
 }
 
+TEST(Store, TakesABlobFromASourceAndHandsItToASink) {
+  FreshMachine();
+  Store store("/s");
+  const std::string blob(200'000, 'b');
+  const Hash hash = Hash::of(std::as_bytes(std::span(blob)));
+  std::string_view rest = std::string_view(blob).substr(1);
+  const auto source = [&](std::span<std::byte> room) {
+    const std::size_t size = rest.copy(reinterpret_cast<char*>(room.data()), room.size());
+    rest.remove_prefix(size);
+    return size;
+  };
+  const auto tooMuch = [](std::span<std::byte> room) { return room.size() + 1; };
+  const auto fails = [](auto) -> std::size_t { throw std::out_of_range("its own"); };
+  EXPECT_THROW(store.putFrom(hash, blob.size(), fails), std::out_of_range);
+  EXPECT_EQ(ErrorOf([&] { store.putFrom(hash, 1ULL << 40, source); }).code(),
+            BLOBRING_ERROR_ARGUMENT);
+  EXPECT_EQ(ErrorOf([&] { store.putFrom(hash, 5, tooMuch); }).code(), BLOBRING_ERROR_REFUSED);
+  EXPECT_EQ(ErrorOf([&] { store.putFrom(hash, blob.size(), source); }).code(),
+            BLOBRING_ERROR_ARGUMENT);
+  rest = blob;
+  store.putFrom(hash, blob.size(), source);
+  store.putFrom(hash, blob.size(), fails);  // present: it is not called
+  std::string read;
+  const auto sink = [&](std::span<const std::byte> piece) {
+    read.append(reinterpret_cast<const char*>(piece.data()), piece.size());
+    return true;
+  };
+  EXPECT_EQ(store.read(hash, sink), Store::Read::Whole);
+  EXPECT_EQ(read, blob);
+  EXPECT_EQ(store.read(hash, [](auto) { return false; }), Store::Read::Stopped);
+  EXPECT_EQ(store.read(Hash(), sink), Store::Read::Absent);
+  EXPECT_THROW(store.read(hash, [](auto) -> bool { throw 7; }), int);
+  store.close();
+  EXPECT_EQ(ErrorOf([&] { store.read(hash, sink); }).code(), BLOBRING_ERROR_NO_STORE);
+}
+
 TEST(Store, MovesWithItsOpenTransaction) {
   FreshMachine();
   std::optional<Store> first(std::in_place, "/s");
