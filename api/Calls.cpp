@@ -386,6 +386,10 @@ int BCLastErrorCode(int index) {
   return static_cast<int>(FailuresOf(index).Code());
 }
 
+int BCLastSystemError(int index) {
+  return static_cast<int>(FailuresOf(index).System());
+}
+
 // ---- Beside the store ----
 
 int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest) {

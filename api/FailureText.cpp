@@ -44,12 +44,14 @@ void FailureText::StartOver() {
   startsOver = hasLines = false;
   length = 0;
   code = FailureCode::None;
+  system = {};
 }
 
-void FailureText::SetCode(FailureCode failureCode) {
+void FailureText::SetCause(const std::exception& e) {
   StartOver();
   if (code != FailureCode::None) return;
-  code = failureCode;
+  code = CodeOf(e);
+  if (const auto* failure = dynamic_cast<const Failure*>(&e)) system = failure->system;
   const std::string_view cause = CauseOf(code);
   if (cause.empty()) return;
   const std::size_t head = cause.size() + kSeparator.size();
@@ -88,5 +90,5 @@ void trace::Note(const char* line) {
 }
 
 void trace::NoteCause(const std::exception& e) {
-  api::Target().SetCode(CodeOf(e));
+  api::Target().SetCause(e);
 }

@@ -20,11 +20,12 @@ class FailureText {
   // Starts a call. The text stays until the call has something to say.
   void Begin() { startsOver = true; }
   void Add(std::string_view line);
-  // Keeps the first code of a call; later ones are consequences.
-  void SetCode(FailureCode failureCode);
+  // Keeps the first codes of a call; later ones are consequences.
+  void SetCause(const std::exception& e);
 
   std::string_view Text() const;
   FailureCode Code() const { return code; }
+  DWORD System() const { return system.value; }
 
  private:
   void StartOver();
@@ -32,6 +33,7 @@ class FailureText {
   bool startsOver = true;
   bool hasLines = false;
   FailureCode code = FailureCode::None;
+  SystemCode system;
   std::size_t length = 0;
   char text[kCapacity] = {};
 };

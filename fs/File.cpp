@@ -8,7 +8,7 @@ namespace {
 // The platform's code ends the text. It is read before anything else can change it.
 template <class... Pieces>
 [[noreturn]] void Fail(DWORD code, const Pieces&... pieces) {
-  throw Failure(FailureOf(code), pieces..., code);
+  throw Failure(SystemCode{code}, pieces..., code);
 }
 [[noreturn]] void FailWithLastError(const char* text) {
   Fail(GetLastError(), text);
@@ -90,7 +90,7 @@ unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {
-  return Failure(FailureOf(code), "File::Read didn't read the entire buffer ", n, " read ", got,
+  return Failure(SystemCode{code}, "File::Read didn't read the entire buffer ", n, " read ", got,
                  " GetLastError ", code);
 }
 

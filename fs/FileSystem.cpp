@@ -17,7 +17,7 @@ std::string WithCode(const std::string& text, DWORD code) {
 [[noreturn]] void TraceAndThrow(const std::string& text, DWORD code) {
   const std::string line = WithCode(text, code);
   trace::fileSystem.WriteErrorV("%s", line.c_str());
-  throw Failure(FailureOf(code), line);
+  throw Failure(SystemCode{code}, line);
 }
 
 bool Move(const std::u16string& from, const std::u16string& to, DWORD flags) {
@@ -96,7 +96,7 @@ std::string FileSystem::AbsolutePath(const std::string& path) {
     full.resize(length);
   if (length == 0) {
     const DWORD code = GetLastError();
-    throw Failure(FailureOf(code), WithCode("FileSystem::AbsolutePath error " + path, code));
+    throw Failure(SystemCode{code}, WithCode("FileSystem::AbsolutePath error " + path, code));
   }
   full.resize(length);
   return ConvertString(full);
@@ -108,7 +108,7 @@ bool FileSystem::Exists(const std::string& path) {
   if (handle != INVALID_HANDLE_VALUE) return CloseHandle(handle) != 0;
   const DWORD code = GetLastError();
   if (code == ERROR_FILE_NOT_FOUND || code == ERROR_PATH_NOT_FOUND) return false;
-  throw Failure(FailureOf(code), WithCode("FileSystem::Exists error " + path, code));
+  throw Failure(SystemCode{code}, WithCode("FileSystem::Exists error " + path, code));
 }
 
 HANDLE FileSystem::CreateFileW(std::string path, unsigned desiredAccess,

@@ -26,7 +26,7 @@ std::uint32_t LengthOf(const File& file) {
   const std::uint32_t length = file.size();
   if (length != INVALID_FILE_SIZE) return length;
   const DWORD code = GetLastError();
-  throw Failure(FailureOf(code), "BlobFile: no length of ", file.Path(),
+  throw Failure(SystemCode{code}, "BlobFile: no length of ", file.Path(),
                 " GetLastError code = ", code);
 }
 
@@ -166,8 +166,10 @@ bool BlobFile::PutCommittedHeader() {
 }
 
 void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
-  throw Failure(FailureCode::InDoubt, "BlobFile: the ", what, " of ", path,
-                " did not reach the disk, GetLastError code = ", code);
+  Failure failure(FailureCode::InDoubt, "BlobFile: the ", what, " of ", path,
+                  " did not reach the disk, GetLastError code = ", code);
+  failure.system = {code};
+  throw failure;
 }
 
 bool BlobFile::Reset() {

@@ -25,21 +25,6 @@ enum class FailureCode : int {
   NotFound = 12,  // no such blob, file or directory
 };
 
-class Failure : public std::runtime_error {
- public:
-  template <class... Pieces>
-  explicit Failure(FailureCode failureCode, const Pieces&... pieces)
-      : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode) {}
-  FailureCode code;
-};
-
-// The failure that an exception stands for.
-inline FailureCode CodeOf(const std::exception& e) {
-  if (const auto* failure = dynamic_cast<const Failure*>(&e)) return failure->code;
-  return dynamic_cast<const std::bad_alloc*>(&e) != nullptr ? FailureCode::Memory
-                                                            : FailureCode::Refused;
-}
-
 // The failure that a platform error code stands for.
 inline FailureCode FailureOf(DWORD systemCode) {
   switch (systemCode) {
@@ -59,6 +44,33 @@ inline FailureCode FailureOf(DWORD systemCode) {
   }
 }
 
+// What GetLastError says of a call that has failed.
+struct SystemCode {
+  DWORD value = ERROR_SUCCESS;
+};
+
+class Failure : public std::runtime_error {
+ public:
+  template <class... Pieces>
+  explicit Failure(FailureCode failureCode, const Pieces&... pieces)
+      : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode) {}
+  template <class... Pieces>
+  explicit Failure(SystemCode systemCode, const Pieces&... pieces)
+      : Failure(FailureOf(systemCode.value), pieces...) {
+    system = systemCode;
+  }
+
+  FailureCode code;
+  SystemCode system;  // of the call behind it, if there is one
+};
+
+// The failure that an exception stands for.
+inline FailureCode CodeOf(const std::exception& e) {
+  if (const auto* failure = dynamic_cast<const Failure*>(&e)) return failure->code;
+  return dynamic_cast<const std::bad_alloc*>(&e) != nullptr ? FailureCode::Memory
+                                                            : FailureCode::Refused;
+}
+
 namespace trace {
 
 // Both are defined in api/, which knows the store of the call that the thread is in.
@@ -66,8 +78,8 @@ namespace trace {
 // Adds a line to the failure text of the call that the thread is in.
 void Note(const char* line);
 
-// Sets the failure code of that call from an exception. Call it before the message that reports the
-// failure is written.
+// Sets the failure codes of that call from an exception. Call it before the message that reports
+// the failure is written.
 void NoteCause(const std::exception& e);
 
 }  // namespace trace

@@ -22,13 +22,17 @@ namespace blobring {
 // What failed, and the store's text of the failure, which begins with the cause.
 class Error : public std::runtime_error {
  public:
-  Error(const std::string& text, int code) : std::runtime_error(text), code_(code) {}
+  Error(const std::string& text, int code, int systemError = 0)
+      : std::runtime_error(text), code_(code), systemError_(systemError) {}
 
   // BLOBRING_ERROR_...
   int code() const noexcept { return code_; }
+  // As BCLastSystemError; 0 if no call of the system has failed.
+  int systemError() const noexcept { return systemError_; }
 
  private:
   int code_;
+  int systemError_;
 };
 
 // The key of a blob: the MD5 digest of its contents (RFC 1321). Ordered bytewise, as a store

@@ -359,7 +359,8 @@ class Store {
     return text.data();
   }
   static Error failure(const std::string& operation, int index) {
-    return {"blobring: " + operation + ": " + lastFailure(index), BCLastErrorCode(index)};
+    return {"blobring: " + operation + ": " + lastFailure(index), BCLastErrorCode(index),
+            BCLastSystemError(index)};
   }
 
   inline void take(Store& other) noexcept;

@@ -20,8 +20,9 @@
  * Calls that open, dispose of or shut down a store must not overlap with any
  * other call on a store.
  * Callbacks: a sink, source or progress function of the host's may call
- * BCLastError, BCLastErrorCode and the functions of host.h, nothing else. A call
- * on a store from there is refused. Only FilterException is allowed.
+ * BCLastError, BCLastErrorCode, BCLastSystemError and the functions of host.h,
+ * nothing else. A call on a store from there is refused. Only FilterException is
+ * allowed.
  * Processes: one process at a time has a store open. In a child of fork, every
  * change and load of a store that the parent opened is refused; see
  * docs/embedding.md.
@@ -498,6 +499,14 @@ BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 
 /* Returns the code of the failure that BCLastError has the text of. */
 BLOBRING_API int BCLastErrorCode(int index);
+
+/*
+ * Returns what GetLastError said of the system call behind that failure, as the
+ * text ends with it: 5 access denied, 112 disk full (Win32 API reference, System
+ * Error Codes). 0 if no call of the system has failed: BLOBRING_ERROR_FULL is
+ * then a file at its limit.
+ */
+BLOBRING_API int BCLastSystemError(int index);
 
 /* ---- Beside the store ----------------------------------------------------- */
 

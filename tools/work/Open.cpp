@@ -1,8 +1,6 @@
 #include "tools/work/Open.h"
 
 #include <algorithm>
-#include <map>
-#include <regex>
 #include <utility>
 
 #include "blobring/host.h"
@@ -73,30 +71,34 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
 }
 
 // The cause in a sentence and what a user can do; nothing where the text itself says it.
-std::string_view AdviceFor(const std::string& text, int code) {
-  if (code == BLOBRING_ERROR_HELD)
+std::string_view AdviceFor(const blobring::Error& error) {
+  if (error.code() == BLOBRING_ERROR_HELD)
     return "another process has the store open; wait until it is done and try again";
-  if (text.find("no room for") != std::string::npos)
-    return "the journal is full; run `blobring repack` and try again, what was committed is safe";
-  // Codes of the Win32 API reference.
   constexpr std::string_view kFull =
       "the disk is full; free some space and try again, what was committed is safe";
-  static const std::map<int, std::string_view> kAdvice = {
-      {4, "too many files are open; raise the limit (ulimit -n)"},
-      {5, "permission is denied; look at the owner and mode of the store's files"},
-      {8, "memory is short"},
-      {19, "the file system is read-only"},
-      {39, kFull},
-      {112, kFull},
-      {223, "a file may not grow further; look at the limit on file sizes (ulimit -f)"},
-      {1117, "the disk reports an error; look at the system's log"},
-  };
-  static const std::regex kSystemCode("GetLastError[^0-9]*([0-9]{1,9})");
-  std::smatch match;
-  if (std::regex_search(text, match, kSystemCode))
-    if (const auto advice = kAdvice.find(std::stoi(match[1])); advice != kAdvice.end())
-      return advice->second;
-  return {};
+  switch (error.systemError()) {  // codes of the Win32 API reference
+    case 0:
+      return error.code() == BLOBRING_ERROR_FULL ? "the journal is full; run `blobring repack` and "
+                                                   "try again, what was committed is safe"
+                                                 : "";
+    case 4:
+      return "too many files are open; raise the limit (ulimit -n)";
+    case 5:
+      return "permission is denied; look at the owner and mode of the store's files";
+    case 8:
+      return "memory is short";
+    case 19:
+      return "the file system is read-only";
+    case 39:
+    case 112:
+      return kFull;
+    case 223:
+      return "a file may not grow further; look at the limit on file sizes (ulimit -f)";
+    case 1117:
+      return "the disk reports an error; look at the system's log";
+    default:
+      return "";
+  }
 }
 
 }  // namespace
@@ -141,7 +143,7 @@ std::string Explain(const std::exception& failure) {
   const auto* error = dynamic_cast<const blobring::Error*>(&failure);
   if (error == nullptr) return text;
   if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
-  const std::string_view advice = AdviceFor(text, error->code());
+  const std::string_view advice = AdviceFor(*error);
   text.erase(std::min(text.find('\n'), text.size()));
   return advice.empty() ? text : fmt::format("{} [{}]", advice, text);
 }
