@@ -1,7 +1,6 @@
 // The store on the real file system: what a simulated one cannot show. The preset "threads" builds
 // it with ThreadSanitizer.
 #include <blobring/Store.h>
-#include <blobring/host.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -60,23 +59,6 @@ TEST_F(OnDisk, TwoStoresLiveOnTwoThreads) {
   std::thread other([&] { Live(b); });
   Live(a);
   other.join();
-}
-
-// Calls from a sink are refused. The refusal is traced once, or the sink would call again for it.
-TEST_F(OnDisk, ASinkCannotTakeTheStoreAway) {
-  Store store(root / "a");
-  static int index, lines, results;
-  index = store.index(), lines = results = 0;
-  BlobringHostSetTraceSink(
-      [](void*, int, const char*, const char*) {
-        ++lines;
-        results += BCDispose(index) + BCOpen("/", nullptr);
-      },
-      nullptr);
-  EXPECT_EQ(BCPut(index, nullptr, 1, nullptr), 0);
-  BlobringHostSetTraceSink(nullptr, nullptr);
-  EXPECT_EQ(results, -lines) << "0 and -1 each time";
-  EXPECT_TRUE(store.contains(store.put("still open")));
 }
 
 TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {

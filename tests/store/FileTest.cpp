@@ -1,7 +1,5 @@
-// The file layer by itself: what no store shows of its retries and checksums.
+// The file layer by itself: checksums, which no store shows.
 #include <gtest/gtest.h>
-
-#include <stdexcept>
 
 #include "fs/ChkFile.h"
 #include "fs/File.h"
@@ -14,18 +12,6 @@ namespace test {
 namespace {
 
 using sim::Call;
-
-TEST(FileSystem, WaitsForASharingViolation) {
-  sim::SimFiles& files = FreshMachine();
-  SetFile("/a/f", "x");
-  const auto move = [] { FileSystem::MoveFileW(std::string("/a/f"), std::string("/a/g")); };
-  files.FailCallOf(Call::MoveFile, 1, sim::Fault::Busy);
-  move();
-  EXPECT_EQ(files.sleptMs, 20U) << "free at the second attempt";
-  files.FailCallOf(Call::MoveFile, 1, sim::Fault::Busy, true);
-  EXPECT_THROW(move(), std::runtime_error);
-  EXPECT_EQ(files.sleptMs, 520U);
-}
 
 TEST(Checksum, CoversTheRestOfAFileInPieces) {
   FreshMachine();

@@ -1,4 +1,5 @@
 // The calls for embedders where the wrapper hides what they do.
+#include <blobring/host.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -83,6 +84,18 @@ TEST(EmbedderCalls, AreRefusedInsideAnotherCall) {
   EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_SOUND);
   EXPECT_EQ(inside.results, (std::vector<int>{0, -1, -1, 0, 0, 0, BLOBRING_ERROR_REFUSED}));
   EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U);
+
+  // A refusal is traced once, or the sink would call again for it.
+  inside.results.clear();
+  BlobringHostSetTraceSink(
+      [](void* context, int, const char*, const char*) {
+        Inside& in = *static_cast<Inside*>(context);
+        in.results.push_back(BCDispose(in.index) + BCOpen("/b", nullptr));
+      },
+      &inside);
+  EXPECT_EQ(BCPut(store.index, nullptr, 1, nullptr), 0);
+  sim::Diagnostics() = sim::SimDiagnostics();
+  EXPECT_EQ(inside.results, std::vector<int>(3, -1));
 
   // A host that takes an access violation does not return to the outer call.
   const auto takeException = [](void* context, int, std::uint64_t, std::uint64_t) {

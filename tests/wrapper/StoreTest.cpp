@@ -175,6 +175,9 @@ TEST(Store, FailsWithTheStoresOwnWordsAndItsCode) {
   EXPECT_EQ(other.stats().inDoubt, 1);
 
   Store single("/b", {.slots = 1});
+  const std::uint64_t slept = sim::Files().sleptMs;
+  sim::Files().FailCallOf(sim::Call::MoveFile, 1, sim::Fault::Busy);
+  EXPECT_TRUE(single.repack() && sim::Files().sleptMs == slept + 20) << "free at once";
   sim::Files().FailCallOf(sim::Call::MoveFile, 1, sim::Fault::Error);
   expect([&] { single.repack(); }, BLOBRING_ERROR_IO,
          "repack: the system refused a call: FileSystem::MoveFile error");
