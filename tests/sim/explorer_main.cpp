@@ -116,11 +116,11 @@ int main(int argc, char** argv) {
   std::printf("%llu distinct disks after a power cut at %llu moments\n",
               static_cast<unsigned long long>(cut.states()),
               static_cast<unsigned long long>(cut.moments()));
+  if (isBrief && cut.states() < 20'000) Report("a simulated disk kinder than a real one");
 
   try {
-    const unsigned torn = argc > 3 ? 1 : explore::TryLostTails(seed, isBrief ? 2000 : 20000);
+    const unsigned torn = argc > 3 ? 0 : explore::TryLostTails(seed, isBrief ? 2000 : 100'000);
     std::printf("%u of the tails that were lost fit a power cut\n", torn);
-    if (torn == 0) Report("no lost tail fits a power cut");
   } catch (const explore::Violation& violation) {
     Report(violation.text);
   }
