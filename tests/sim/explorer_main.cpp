@@ -116,7 +116,7 @@ int main(int argc, char** argv) {
   std::printf("%llu distinct disks after a power cut at %llu moments\n",
               static_cast<unsigned long long>(cut.states()),
               static_cast<unsigned long long>(cut.moments()));
-  if (isBrief && cut.states() < 20'000) Report("a simulated disk kinder than a real one");
+  if (isBrief && cut.states() < 23'700) Report("a simulated disk kinder than a real one");
 
   try {
     const unsigned torn = argc > 3 ? 0 : explore::TryLostTails(seed, isBrief ? 2000 : 100'000);
