@@ -2,7 +2,6 @@
 #include <algorithm>
 
 #include "pack/KeptFile.h"
-#include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -70,25 +69,22 @@ void BlobController::LoadFiles() {
   state = State::Loaded;
 }
 
-// Highest sequence first, equal ones in the order of their slots. A pack of sequence -1 was emptied
-// by a repack and never completed: what it holds is nothing that this store would count.
 bool BlobController::LoadNewestPack(BlobFile::Entries& entries) {
-  for (const BlobFilePtr& pack : slots.NewestFirst()) {
+  const auto newest = slots.ChooseNewest([&](BlobFile& pack) {
     entries.clear();
-    if (!LoadPack(*pack, entries)) {
-      damaged = true;
-      trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s",
-                               pack->header.sequence, pack->path);
-      continue;
-    }
-    if (pack->header.sequence == format::kSequenceReset) return false;
-    slots.SetCurPack(pack);
-    Apply(entries, pack);
-    seq = pack->header.sequence;
-    if (damagePolicy == DamagePolicy::Keep || readOnly) damaged = slots.MarkLost(seq) || damaged;
-    return true;
-  }
-  return false;
+    if (LoadPack(pack, entries)) return true;
+    damaged = true;
+    trace::engine.WriteWarnV("BlobController::Load invalid Pack file %d %s", pack.header.sequence,
+                             pack.path);
+    return false;
+  });
+  if (!newest) return false;
+  slots.SetCurPack(slots.Pack(newest->packSlot));
+  Apply(entries, slots.CurPack());
+  seq = newest->sequence;
+  if (damagePolicy == DamagePolicy::Keep || readOnly) damaged = slots.MarkLost(*newest) || damaged;
+  slots.SetCurJournal(newest->journalSlot);
+  return true;
 }
 
 // False when it is damaged. To a store that erases, a pack that ends too early is not damage but a
@@ -106,7 +102,6 @@ bool BlobController::LoadPack(BlobFile& pack, BlobFile::Entries& entries) const 
 }
 
 void BlobController::LoadJournal(BlobFile::Entries& entries) {
-  slots.SetCurJournal(slots.Of(seq));
   BlobFile& journal = *slots.CurJournal();
   entries.clear();
   journal.SetProgress(&progress);

@@ -54,31 +54,23 @@ void Slots::ReplacePack(std::uint32_t slot, const BlobFilePtr& pack) {
   curPack = pack;
 }
 
-Slots::Files Slots::NewestFirst() const {
-  Files packs;
-  packs.reserve(packFiles.size());
-  for (const BlobFilePtr& pack : packFiles)
-    packs.insert(std::upper_bound(packs.begin(), packs.end(), pack, sortBySequence), pack);
-  return packs;
-}
-
-bool Slots::MarkLost(std::int32_t newest) {
-  bool damaged = false;
-  for (std::uint32_t slot = 0; slot < size(); ++slot) {
-    BlobFile& pack = *packFiles[slot];
+bool Slots::MarkLost(const format::Generation& shown) {
+  bool foundAny = false;
+  const auto headersOf = [this](std::uint32_t slot) {
+    const BlobFile& pack = *packFiles[slot];
     const BlobFile& journal = *journalFiles[slot];
-    const bool isLost =
-        format::IsPackLost(pack.header, journal.header, journal.IsDamaged(), slot, newest);
-    if (!isLost && !pack.IsDamaged()) continue;
-    damaged = true;
-    if (&pack == curPack.get() && !isLost) continue;  // read whole, and reported
-    pack.MarkDamaged();
+    return format::SlotHeaders{pack.header, journal.header, pack.IsDamaged(), journal.IsDamaged()};
+  };
+  format::FindLost(shown, size(), headersOf, [&](std::uint32_t slot) {
+    foundAny = true;
+    if (slot == shown.packSlot && packFiles[slot]->IsDamaged()) return;  // read whole
+    packFiles[slot]->MarkDamaged();
     trace::engine.WriteErrorV(
         "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
         "generation is shown",
-        pack.path);
-  }
-  return damaged;
+        packFiles[slot]->path);
+  });
+  return foundAny;
 }
 
 bool Slots::InDoubt() const {

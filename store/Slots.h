@@ -5,12 +5,16 @@
 
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "pack/BlobFile.h"
 #include "pack/format/Generation.h"
 #include "platform/BlobAllocator.h"
+
+// Highest header sequence first.
+bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b);
 
 class Slots {
  public:
@@ -44,12 +48,26 @@ class Slots {
   // Puts another file in place of a slot's pack and makes it current.
   void ReplacePack(std::uint32_t slot, const BlobFilePtr& pack);
 
-  // Packs in the order in which a load tries them: the highest sequence first, equal ones by slots.
-  Files NewestFirst() const;
+  // The generation that the store shows; load(pack) tells whether a pack can be loaded.
+  template <class Load>
+  std::optional<format::Generation> ChooseNewest(const Load& load) const {
+    using Order =
+        std::vector<std::uint32_t,
+                    BlobAllocator<std::uint32_t, TesselMemoryManager::kContainerPool, kTagFiles>>;
+    return format::ChooseNewest<Order>(
+        size(),
+        [this](std::uint32_t a, std::uint32_t b) {
+          return sortBySequence(packFiles[a], packFiles[b]);
+        },
+        [&](std::uint32_t slot) {
+          BlobFile& pack = *packFiles[slot];
+          return load(pack) ? std::optional(pack.header.sequence) : std::nullopt;
+        });
+  }
 
-  // Marks packs as damaged that may have been newer than the current one, of sequence `newest`.
-  // Returns whether any pack is damaged.
-  bool MarkLost(std::int32_t newest);
+  // Marks packs as damaged that may have been newer than this generation. Returns whether there are
+  // any.
+  bool MarkLost(const format::Generation& shown);
 
   // Whether a flush of any file has failed.
   bool InDoubt() const;
@@ -77,6 +95,3 @@ class Slots {
   BlobFilePtr curPack;
   BlobFilePtr curJournal;
 };
-
-// Highest header sequence first.
-bool sortBySequence(boost::shared_ptr<BlobFile> a, boost::shared_ptr<BlobFile> b);

@@ -1,7 +1,6 @@
 // BlobController: the open transaction, from its first change to its commit.
-#include <algorithm>
+#include <utility>
 
-#include "pack/format/Generation.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -32,10 +31,11 @@ void BlobController::RequireChangeable() const {
 // stands before it in the journal.
 void BlobController::RequireFirstSlotCurrent() {
   if (state != State::Attached) return;
-  BlobFile& newest = *slots.NewestFirst().front();
-  const std::int32_t sequence = newest.header.sequence;
   BlobFile::Entries entries;
-  if (sequence < 0 || slots.Of(sequence) != 0 || !LoadPack(newest, entries) ||
+  bool isFirst = true;
+  const auto newest = slots.ChooseNewest(
+      [&](BlobFile& pack) { return std::exchange(isFirst, false) && LoadPack(pack, entries); });
+  if (!newest || newest->sequence < 0 || newest->journalSlot != 0 ||
       !slots.CurJournal()->Load(entries) || !slots.CurJournal()->LoadedAll())
     throw Failure(FailureCode::Refused,
                   "the store is not loaded, and a load may not find what slot 0 takes");

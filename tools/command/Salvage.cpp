@@ -124,7 +124,7 @@ bool IsNewestForCertain(const SalvagedFile& pack, const SalvagedFile* journal, u
         (other == slot || sequence > pack.sequence()))
       return false;
     if (other != pack.name.slot && (otherPack.head.state == FileHead::State::kMissing ||
-                                    IsLost(otherPack, otherJournal, other, pack.sequence())))
+                                    IsLost(slots, other, pack.sequence())))
       return false;
   }
   return true;

@@ -56,6 +56,10 @@ bool HasOpen(const std::string& pid, const FileId& id) {
   return false;
 }
 
+std::string DamagedAt(const SlotFile& file, const Damage& damage) {
+  return fmt::format("{} is damaged at {}: {}", file.path, damage.offset, damage.what);
+}
+
 }  // namespace
 
 std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
@@ -104,10 +108,16 @@ SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
   return found;
 }
 
-bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest) {
-  return pack.head.state == State::kDamaged ||
-         format::IsPackLost(pack.head.header, journal.head.header,
-                            journal.head.state == State::kDamaged, slot, newest);
+format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot) {
+  const FileHead& pack = files[2 * slot].head;
+  const FileHead& journal = files[2 * slot + 1].head;
+  return {pack.header, journal.header, pack.state == State::kDamaged,
+          journal.state == State::kDamaged};
+}
+
+bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest) {
+  const format::SlotHeaders headers = HeadersOf(files, slot);
+  return headers.packIsDamaged || format::IsPackLost(headers, slot, newest);
 }
 
 std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
@@ -116,8 +126,7 @@ std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
     if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
   std::vector<size_t> lost;
   for (size_t i = 0; i < files.size(); i += 2)
-    if (files[i].head.state != State::kMissing && IsLost(files[i], files[i + 1], i / 2, newest))
-      lost.push_back(i);
+    if (files[i].head.state != State::kMissing && IsLost(files, i / 2, newest)) lost.push_back(i);
   return lost;
 }
 
@@ -197,10 +206,8 @@ void StoreView::Build(const StoreOptions& options) {
     if (files_[0].head.state == State::kDamaged)
       findings_.push_back(path_ + ": the header is damaged");
     current_ = {0};
-    const Walked walked = Take(0);
-    if (walked.damage)
-      findings_.push_back(fmt::format("{} is damaged at {}: {}", path_, walked.damage->offset,
-                                      walked.damage->what));
+    const Walked walked = ReadRecords(0);
+    if (walked.damage) findings_.push_back(DamagedAt(files_[0], *walked.damage));
   } else {
     files_ = LayoutOf(options, Access::kLook).ReadFiles();
     ChooseGeneration();
@@ -208,60 +215,56 @@ void StoreView::Build(const StoreOptions& options) {
   SortBlobs();
 }
 
-// Packs by falling sequence, equal ones in the order of their slots, as a load tries them.
 void StoreView::ChooseGeneration() {
   const bool isUsed = std::any_of(files_.begin(), files_.end(),
                                   [](const SlotFile& file) { return file.head.IsUsed(); });
   for (const auto& [file, text] : FindSwapped(files_)) findings_.push_back(text);
-  std::vector<size_t> packs;
-  for (size_t i = 0; i < files_.size(); ++i) {
-    if (files_[i].head.state == State::kMissing && isUsed)
-      findings_.push_back(files_[i].path + " is missing");
-    if (files_[i].head.state != State::kMissing && i % 2 == 0) packs.push_back(i);
-  }
-  std::stable_sort(packs.begin(), packs.end(), [this](size_t a, size_t b) {
-    return format::IsNewer(files_[a].head.header.sequence, files_[b].head.header.sequence);
-  });
-  for (const size_t pack : packs) {
-    const int32_t sequence = files_[pack].head.header.sequence;
+  for (const SlotFile& file : files_)
+    if (file.head.state == State::kMissing && isUsed)
+      findings_.push_back(file.path + " is missing");
+  const auto sequenceOf = [this](size_t slot) { return files_[2 * slot].head.header.sequence; };
+  const auto newest = format::ChooseNewest<std::vector<uint32_t>>(
+      static_cast<uint32_t>(slotCount()),
+      [&](size_t a, size_t b) { return format::IsNewer(sequenceOf(a), sequenceOf(b)); },
+      [&](size_t slot) { return ReadPack(slot) ? std::optional(sequenceOf(slot)) : std::nullopt; });
+  if (!newest) {
     blobs_.clear();
-    const Walked walked = Take(pack);
-    if (walked.damage || (walked.recordCount == 0 && !CountsAll(pack))) {
-      findings_.push_back(walked.damage ? fmt::format("{} is damaged at {}: {}", files_[pack].path,
-                                                      walked.damage->offset, walked.damage->what)
-                                        : files_[pack].path + ": the header is damaged");
-      opened_.erase(pack);
-      notShown_.push_back(pack / 2);
-      if (notShown_.size() == 1 && files_[pack].head.state == State::kSound)
-        findings_.push_back("the newest generation, that of " + files_[pack].path +
-                            ", is not shown");
-      continue;
-    }
-    if (sequence == format::kSequenceReset) break;  // emptied by a repack that did not end
-    sequence_ = sequence;
-    slot_ = format::SlotOf(sequence, static_cast<uint32_t>(slotCount()));
-    current_ = {pack};
-    FindLostPacks();
-    return TakeJournal(2 * *slot_ + 1);
+    findings_.push_back("no pack can be loaded");
+    return;
   }
-  blobs_.clear();
-  findings_.push_back("no pack can be loaded");
+  sequence_ = newest->sequence;
+  slot_ = newest->journalSlot;
+  current_ = {2 * size_t{newest->packSlot}};
+  FindLostPacks(*newest);
+  ReadJournal(2 * *slot_ + 1);
 }
 
-void StoreView::FindLostPacks() {
-  for (size_t slot = 0; slot < slotCount(); ++slot) {
-    const SlotFile& pack = files_[2 * slot];
-    const bool isShown = 2 * slot == current_.front();
-    const bool isElsewhere = slot == slot_ && !isShown;  // under another name
-    if ((isWalked(2 * slot) && !isShown) || isElsewhere ||
-        !IsLost(pack, files_[2 * slot + 1], slot, sequence_))
-      continue;
+// Whether a load can go by it.
+bool StoreView::ReadPack(size_t slot) {
+  const SlotFile& pack = files_[2 * slot];
+  blobs_.clear();
+  if (pack.head.state == State::kMissing) return false;
+  const Walked walked = ReadRecords(2 * slot);
+  if (!walked.damage && (walked.recordCount != 0 || CountsAll(2 * slot))) return true;
+  findings_.push_back(walked.damage ? DamagedAt(pack, *walked.damage)
+                                    : pack.path + ": the header is damaged");
+  opened_.erase(2 * slot);
+  notShown_.push_back(slot);
+  if (notShown_.size() == 1 && pack.head.state == State::kSound)
+    findings_.push_back("the newest generation, that of " + pack.path + ", is not shown");
+  return false;
+}
+
+void StoreView::FindLostPacks(const format::Generation& shown) {
+  const auto headersOf = [this](uint32_t slot) { return HeadersOf(files_, slot); };
+  format::FindLost(shown, static_cast<uint32_t>(slotCount()), headersOf, [this](uint32_t slot) {
+    if (IsNotShown(2 * size_t{slot})) return;
     notShown_.push_back(slot);
-    findings_.push_back(
-        pack.path +
-        (IsNewer(slot) ? " is damaged or lost: it was the newest pack, and what is shown is older"
-                       : " is damaged or lost: if it was the newest pack, what is shown is older"));
-  }
+    const char* const age =
+        WasNewest(slot) ? "it was the newest pack, and" : "if it was the newest pack,";
+    findings_.push_back(fmt::format("{} is damaged or lost: {} what is shown is older",
+                                    files_[2 * size_t{slot}].path, age));
+  });
 }
 
 bool StoreView::IsNotShown(size_t file) const {
@@ -270,7 +273,7 @@ bool StoreView::IsNotShown(size_t file) const {
 
 // Whether the lost pack of a slot must have been newer than the one that is shown: its journal says
 // so, or there was no repack that can have written an older one.
-bool StoreView::IsNewer(size_t slot) const {
+bool StoreView::WasNewest(size_t slot) const {
   const SlotFile& journal = files_[2 * slot + 1];
   if (journal.head.state == State::kSound && journal.head.header.sequence > sequence_) return true;
   const auto age = (static_cast<uint64_t>(sequence_) + slotCount() - slot) % slotCount();
@@ -286,24 +289,23 @@ bool StoreView::CountsAll(size_t file) const {
           walked.end == head.header.endOffset);
 }
 
-void StoreView::TakeJournal(size_t journal) {
+void StoreView::ReadJournal(size_t journal) {
   const SlotFile& file = files_[journal];
   if (file.head.state == State::kMissing) return;
   current_.push_back(journal);
-  const Walked walked = Take(journal);
+  const Walked walked = ReadRecords(journal);
   if (!walked.damage && CountsAll(journal)) return;
   if (walked.lastIsTorn)
     notes_.push_back(
         fmt::format("{} at {}: {}", file.path, walked.damage->offset, walked.damage->what));
   else if (walked.damage)
-    findings_.push_back(fmt::format("{} is damaged at {}: {}", file.path, walked.damage->offset,
-                                    walked.damage->what));
+    findings_.push_back(DamagedAt(file, *walked.damage));
   else
     findings_.push_back(file.path + ": the header does not count what the file has");
 }
 
 // Walks a file and adds its records to blobs_.
-Walked StoreView::Take(size_t index) {
+Walked StoreView::ReadRecords(size_t index) {
   auto& opened = opened_[index];
   opened = std::make_unique<SalvageFile>(files_[index].path);
   WalkOptions options;

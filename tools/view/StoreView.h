@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "pack/format/Generation.h"
 #include "tools/base/Error.h"
 #include "tools/base/Files.h"
 #include "tools/view/FileWalk.h"
@@ -95,12 +96,13 @@ class StoreView {
  private:
   void Build(const StoreOptions& options);
   void ChooseGeneration();
-  void TakeJournal(size_t file);
-  Walked Take(size_t file);
+  bool ReadPack(size_t slot);
+  void ReadJournal(size_t file);
+  Walked ReadRecords(size_t file);
   void SortBlobs();
   bool HeadsChanged() const;
-  void FindLostPacks();
-  bool IsNewer(size_t slot) const;
+  void FindLostPacks(const format::Generation& shown);
+  bool WasNewest(size_t slot) const;
   bool CountsAll(size_t file) const;
   void Compact();
 
@@ -126,9 +128,12 @@ class StoreView {
 using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
 SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
 
-// Whether the pack of a slot is damaged or lost (format::IsPackLost), where the newest of the
-// others is of this sequence.
-bool IsLost(const SlotFile& pack, const SlotFile& journal, size_t slot, int32_t newest);
+// Of files in which each pack comes before its journal.
+format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot);
+
+// Whether the pack of a slot is damaged or lost, where the newest of the others is of this
+// sequence.
+bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest);
 
 // The packs that are there and lost for all that the headers tell, by their index.
 std::vector<size_t> LostPacks(const std::vector<SlotFile>& files);
