@@ -15,21 +15,14 @@
 
 class FileWindow final : public format::ByteSource {
  public:
-  FileWindow(File& source, std::uint32_t fileLength) : file(source), length(fileLength) {}
-
-  std::uint64_t Length() const override { return length; }
-  std::span<const unsigned char> Held(std::uint64_t offset) const override;
-  std::span<const unsigned char> From(std::uint64_t offset, std::uint64_t least) override;
-  void Read(std::uint64_t offset, unsigned char* to, std::size_t size) override;
+  FileWindow(File& source, std::uint32_t fileLength) : ByteSource(fileLength), file(source) {}
 
  private:
-  void ReadFile(std::uint64_t offset, unsigned char* to, std::size_t size);
+  std::span<unsigned char> Allocate(std::size_t size) override;
+  void ReadFile(std::uint64_t offset, unsigned char* to, std::size_t size) override;
 
   File& file;
-  const std::uint32_t length;
   std::vector<unsigned char,
               BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
       buffer;
-  std::uint64_t start = 0;  // file offset of buffer[0]
-  std::size_t held = 0;     // bytes in it
 };

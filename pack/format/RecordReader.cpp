@@ -281,7 +281,7 @@ bool RecordReader::ReadSingle(std::uint64_t start, const OpHeader& record) {
   const Record single{RecordHead::Decode(bytes), start};
   if (single.End() > length) return Fail({Cause::kTooLong, Place::kSingle, start, record});
   if (isStore && digests == Digests::kCompare &&
-      !torn::HasDigest(source, single.DataOffset(), single.size, single.hash))
+      !source.HasDigest(single.DataOffset(), single.size, single.hash))
     return Fail({Cause::kHash, Place::kSingle, start, record});
   listener.OnSingle(single);
   result.remaining -= 1;

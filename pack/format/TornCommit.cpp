@@ -4,7 +4,6 @@
 #include <array>
 #include <cstring>
 
-#include "md5/MD5.h"
 #include "pack/format/Format.h"
 
 using format::OpHeader;
@@ -12,22 +11,6 @@ using format::RecordHead;
 using format::TransactionBlock;
 
 namespace torn {
-
-bool HasDigest(format::ByteSource& source, std::uint64_t offset, std::uint32_t size,
-               const unsigned char* wanted) {
-  MD5 md5;
-  while (size > 0) {
-    const std::span<const unsigned char> piece = source.From(offset, 1);
-    const std::uint32_t n = std::min(size, static_cast<std::uint32_t>(piece.size()));
-    md5.update(piece.data(), n);
-    offset += n;
-    size -= n;
-  }
-  md5.finalize();
-  unsigned char digest[format::kDigestSize];
-  md5.raw_digest(digest);
-  return std::memcmp(digest, wanted, sizeof digest) == 0;
-}
 
 namespace {
 
@@ -162,7 +145,7 @@ class Transaction {
       at += isStore ? format::kStoreHeadSize : format::kDeleteSize;
       if (!isStore) continue;
       if (at > bodyEnd || head.size > bodyEnd - at) return false;
-      if (!HasDigest(source, at, head.size, head.hash)) {
+      if (!source.HasDigest(at, head.size, head.hash)) {
         if (!MayLackSectorIn(sectorEnd, at + head.size)) return false;
         isLost = bodyIsLost = true;
       }
@@ -194,7 +177,7 @@ class Transaction {
     return Are(bodyEnd + lost, std::span(wanted).subspan(lost, kIdOffset - lost));
   }
 
-  bool Matches() const { return HasDigest(source, body, bodyEnd - body, digest.data()); }
+  bool Matches() const { return source.HasDigest(body, bodyEnd - body, digest.data()); }
 
   format::ByteSource& source;
   const std::uint32_t begin, end, body, bodyEnd;
@@ -239,7 +222,7 @@ bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, format::ByteSou
         TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
     if (block.length > budget) return false;
     budget -= block.length;
-    if (HasDigest(source, at + format::kStartSize, block.length, block.digest)) return true;
+    if (source.HasDigest(at + format::kStartSize, block.length, block.digest)) return true;
     ++at;
   }
   return false;

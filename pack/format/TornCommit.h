@@ -38,10 +38,6 @@ struct Rest {
   std::uint64_t records;            // that the header counts from there on
 };
 
-// Whether these bytes, which are in the file, have this digest.
-bool HasDigest(format::ByteSource& source, std::uint64_t offset, std::uint32_t size,
-               const unsigned char* wanted);
-
 struct Verdict {
   bool isTorn = false;
   bool wholeBehind = false;  // damage with a whole transaction behind it, at the end

@@ -129,7 +129,9 @@ class Inspector {
   void PrintTransaction(SalvageFile& file, const format::Transaction& transaction,
                         std::string digest) {
     if (options_.noDigest) digest = "not computed";
-    if (!options_.noDigest && !options_.transaction.empty() && !MatchesDigest(file, transaction)) {
+    if (!options_.noDigest && !options_.transaction.empty() &&
+        !file.HasDigest(transaction.BodyOffset(), transaction.block.length,
+                        transaction.block.digest)) {
       digest = "wrong";
       digestOk_ = false;
     }
@@ -153,11 +155,6 @@ class Inspector {
                    {"digest", options_.noDigest ? Json() : Json(digest)}};
     if (time) object["time"] = *time;
     Add(JsonLine(object));
-  }
-
-  static bool MatchesDigest(SalvageFile& file, const format::Transaction& transaction) {
-    return file.Digest(transaction.BodyOffset(), transaction.block.length).bytes() ==
-           std::to_array(transaction.block.digest);
   }
 
   void PrintRecord(const format::Record& record, std::string_view state) {

@@ -100,7 +100,7 @@ class Collector {
     const format::FileHeader& header = view_.files()[index].head.header;
     const bool isBegun = index % 2 == 0 && header.sequence == format::kSequenceReset;
     const uint64_t end = isBegun ? format::kFileHeaderSize : header.endOffset;
-    regions.AddUpTo(std::min(end, file.size()),
+    regions.AddUpTo(std::min(end, file.Length()),
                     view_.IsNotShown(index) ? State::kUnloaded : State::kOlder);
   }
 
@@ -129,11 +129,11 @@ class Collector {
     Walk(file, slotFile.head, options);
     regions.AddUpTo(walked.end, regions.list().back().state == State::kDead ? State::kDead : whole);
     if (!walked.damage) return;
-    const uint64_t end = std::min<uint64_t>(slotFile.head.header.endOffset, file.size());
+    const uint64_t end = std::min<uint64_t>(slotFile.head.header.endOffset, file.Length());
     if (walked.lastIsTorn) return regions.AddUpTo(end, State::kUncommitted);
     for (auto at = faults.lower_bound(walked.end); at != faults.end() && at->first < end; ++at) {
       regions.AddUpTo(at->first, State::kUnloaded);
-      regions.AddUpTo(std::min(at->second, file.size()), State::kDamaged);
+      regions.AddUpTo(std::min(at->second, file.Length()), State::kDamaged);
     }
     regions.AddUpTo(end, State::kUnloaded);
   }
@@ -153,10 +153,10 @@ class Collector {
     // What an older file left behind may look like a transaction whose header was not written.
     if (kind == Kind::kUnfinished || kind == Kind::kUnfinishedRepack ||
         (kind == Kind::kUncounted && isCurrent))
-      regions.AddUpTo(std::min(std::max(end, begin + format::kStartSize), file.size()),
+      regions.AddUpTo(std::min(std::max(end, begin + format::kStartSize), file.Length()),
                       State::kUncommitted);
     const Kind last = RestOf(file, header, regions.end(), [](const auto&, auto) {}).kind;
-    regions.AddUpTo(file.size(), last == Kind::kZeros ? State::kFree : State::kOlder);
+    regions.AddUpTo(file.Length(), last == Kind::kZeros ? State::kFree : State::kOlder);
   }
 
   void Count(const format::Record& record) {

@@ -22,11 +22,13 @@ class BlobBatch {
   BlobBatch(const StoreView& view, std::vector<BlobFault>& faults) : view_(view), faults_(faults) {}
 
   void Add(const ViewedBlob& blob) {
-    if (blob.size >= kBatchBytes) return Judge(blob, Digest(blob));
+    format::ByteSource& file = view_.file(blob.file);
+    if (blob.size >= kBatchBytes)
+      return Judge(blob, file.HasDigest(blob.dataOffset(), blob.size, blob.hash.data()));
     if (bytes_.size() + blob.size > kBatchBytes || blobs_.size() == kBatchBlobs) Finish();
     const size_t at = bytes_.size();
     bytes_.resize(at + blob.size);
-    view_.file(blob.file).Read(blob.dataOffset(), bytes_.data() + at, blob.size);
+    file.Read(blob.dataOffset(), bytes_.data() + at, blob.size);
     blobs_.push_back(&blob);
   }
 
@@ -39,18 +41,15 @@ class BlobBatch {
       at += blobs_[i]->size;
     }
     DigestMany(messages.data(), messages.size());
-    for (size_t i = 0; i < blobs_.size(); ++i) Judge(*blobs_[i], blobring::Hash(digests[i]));
+    for (size_t i = 0; i < blobs_.size(); ++i)
+      Judge(*blobs_[i], blobring::Hash(digests[i]) == blobs_[i]->hash);
     blobs_.clear();
     bytes_.clear();
   }
 
  private:
-  blobring::Hash Digest(const ViewedBlob& blob) const {
-    return view_.file(blob.file).Digest(blob.dataOffset(), blob.size);
-  }
-
-  void Judge(const ViewedBlob& blob, const blobring::Hash& digest) {
-    if (digest != blob.hash)
+  void Judge(const ViewedBlob& blob, bool isSound) {
+    if (!isSound)
       faults_.push_back({view_.files()[blob.file].path, blob.offset, blob.hash, blob.size,
                          "does not match its hash"});
   }

@@ -12,7 +12,7 @@ namespace {
 using Kind = Rest::Kind;
 
 bool IsZero(SalvageFile& file, uint64_t at) {
-  while (at < file.size()) {
+  while (at < file.Length()) {
     const auto window = file.From(at, 1);
     if (std::any_of(window.begin(), window.end(), [](unsigned char byte) { return byte != 0; }))
       return false;
@@ -33,12 +33,12 @@ std::optional<Found> FindTransaction(SalvageFile& file, uint64_t at) {
   file.Read(at, bytes.data(), bytes.size());
   if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction) return std::nullopt;
   const uint64_t body = at + format::kStartSize;
-  if (body > file.size()) return std::nullopt;
+  if (body > file.Length()) return std::nullopt;
   const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
-  if (length == 0 || length > file.size() - body) return Found{body, file.size(), false};
+  if (length == 0 || length > file.Length() - body) return Found{body, file.Length(), false};
   file.Read(body + length, bytes.data(), bytes.size());
   const bool isEnded = format::OpHeader::Decode(bytes.data()).op == format::kOpEndTransaction;
-  return Found{body, isEnded ? body + length : file.size(), isEnded};
+  return Found{body, isEnded ? body + length : file.Length(), isEnded};
 }
 
 }  // namespace
@@ -56,8 +56,8 @@ std::string_view NameOf(Rest::Kind kind) {
 
 Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
             const std::function<void(const format::Record&, std::string_view)>& record) {
-  if (at >= file.size()) return {};
-  const uint64_t size = file.size() - at;
+  if (at >= file.Length()) return {};
+  const uint64_t size = file.Length() - at;
   if (IsZero(file, at)) return {Kind::kZeros, size, "zeros"};
   const std::optional<Found> first = FindTransaction(file, at);
   if (!first) return {Kind::kLeftovers, size, "leftovers, no record begins there"};

@@ -26,27 +26,23 @@ Ranges Gaps(const Ranges& ranges, uint64_t begin, uint64_t end);
 class SalvageFile final : public format::ByteSource {
  public:
   // Throws Fault if the file cannot be opened or is not a regular file.
-  explicit SalvageFile(const std::string& path);
+  explicit SalvageFile(const std::string& path) : SalvageFile(Opened(path)) {}
 
-  uint64_t size() const { return size_; }
   const Ranges& unreadable() const { return unreadable_; }
 
-  uint64_t Length() const override { return size_; }
-  std::span<const unsigned char> Held(uint64_t offset) const override;
-  // Digest() moves the window as well.
-  std::span<const unsigned char> From(uint64_t offset, uint64_t least) override;
-  // Past the end of the file there are zeros.
-  void Read(uint64_t offset, unsigned char* to, size_t size) override;
-
-  // The MD5 digest of a part of the file. REQUIRES: it lies within size().
-  blobring::Hash Digest(uint64_t offset, uint64_t size);
-
  private:
-  void ReadFromDisk(uint64_t offset, unsigned char* to, size_t size);
+  struct Opened {
+    explicit Opened(const std::string& path);
+    Fd fd;
+    uint64_t size = 0;
+  };
+
+  explicit SalvageFile(Opened opened);
+  std::span<unsigned char> Allocate(size_t size) override;
+  // Past the end of the file there are zeros.
+  void ReadFile(uint64_t offset, unsigned char* to, size_t size) override;
 
   Fd fd_;
-  uint64_t size_ = 0;
-  uint64_t windowBegin_ = 0;
   std::vector<unsigned char> window_;
   Ranges unreadable_;
 };

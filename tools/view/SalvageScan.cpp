@@ -41,7 +41,7 @@ class Scanner final : format::ReadListener {
       : file_(file), scan_(scan), progress_("scanning " + path, 0) {}
 
   void Run() {
-    const uint64_t size = file_.size();
+    const uint64_t size = file_.Length();
     const uint64_t begin = std::min<uint64_t>(size, format::kFileHeaderSize);
     uint64_t at = format::RecordReader(file_, scan_.head.header, *this).Run().end;
     while ((at = Follow(at, size)) < size) {
@@ -74,7 +74,7 @@ class Scanner final : format::ReadListener {
       AddDelete(record.offset, found);
     }
   }
-  void OnDigested(uint64_t end) override { progress_.ShowBytes(end, file_.size()); }
+  void OnDigested(uint64_t end) override { progress_.ShowBytes(end, file_.Length()); }
   unsigned char* Lend(size_t size) override {
     lent_.resize(size);
     return lent_.data();
@@ -89,7 +89,7 @@ class Scanner final : format::ReadListener {
                         format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize])};
     const auto op = static_cast<uint32_t>(record.op());
     const bool hasHash = op == format::kOpStore || op == format::kOpDelete;
-    if (op < kSizes.size() && kSizes[op] <= file_.size() - at &&
+    if (op < kSizes.size() && kSizes[op] <= file_.Length() - at &&
         (!hasHash || LooksLikeDigest(record.head.hash)))
       record.size = kSizes[op] + record.head.size;
     return record;
@@ -97,14 +97,15 @@ class Scanner final : format::ReadListener {
 
   // Whether what lies here can be the successor of a record.
   bool LooksLikeRecord(uint64_t at) const {
-    if (at == file_.size() || at == scan_.committedEnd) return true;
+    if (at == file_.Length() || at == scan_.committedEnd) return true;
     const uint64_t size = At(at).size;
-    return size != 0 && size <= file_.size() - at;
+    return size != 0 && size <= file_.Length() - at;
   }
 
   // Takes the blob of a store record if the data matches its hash.
   bool TakeBlob(uint64_t at, const Candidate& record) {
-    if (file_.Digest(at + format::kStoreHeadSize, record.head.size) != record.hash()) return false;
+    if (!file_.HasDigest(at + format::kStoreHeadSize, record.head.size, record.head.hash))
+      return false;
     scan_.records.push_back({at, record.head.size, RecordKind::kBlob, record.hash()});
     ++scan_.blobs;
     Add(verified_, at, at + record.size);
@@ -114,7 +115,7 @@ class Scanner final : format::ReadListener {
   // Returns where the records break off, or the limit.
   uint64_t Follow(uint64_t at, uint64_t limit) {
     while (at < limit) {
-      progress_.ShowBytes(at, file_.size());
+      progress_.ShowBytes(at, file_.Length());
       file_.From(at, format::kStartSize);  // moves the window along
       const Candidate record = At(at);
       if (record.size == 0 || Contains(known_, at)) break;  // none, or followed before
@@ -168,7 +169,7 @@ class Scanner final : format::ReadListener {
     if (at >= transaction_ && end + format::kEndSize <= limit &&
         At(end).op() == format::kOpEndTransaction) {
       transaction_ = end;
-      if (file_.Digest(body, record.block.length).bytes() == std::to_array(record.block.digest))
+      if (file_.HasDigest(body, record.block.length, record.block.digest))
         return AddTransaction(at, end + format::kEndSize);
     }
     if (at < scan_.committedEnd) ++scan_.incompleteTransactions;
@@ -179,7 +180,7 @@ class Scanner final : format::ReadListener {
     mostInVain_ = kProbeFactor * (end - at);
     transaction_ = 0;
     while ((at = NextCandidate(at, end)) < end) {
-      progress_.ShowBytes(at, file_.size());
+      progress_.ShowBytes(at, file_.Length());
       const Candidate record = At(at);
       at = ProbeBlob(at, record, end) ? Follow(at + record.size, end) : at + 1;
     }
@@ -258,8 +259,8 @@ SalvageScan Scan(const std::string& path) {
   SalvageScan scan;
   std::array<unsigned char, format::kFileHeaderSize> bytes;
   file.Read(0, bytes.data(), bytes.size());
-  scan.head = FileHead::Judge(bytes.data(), file.size());
-  scan.committedEnd = scan.IsSound() ? scan.head.header.endOffset : file.size();
+  scan.head = FileHead::Judge(bytes.data(), file.Length());
+  scan.committedEnd = scan.IsSound() ? scan.head.header.endOffset : file.Length();
   Scanner(path, file, scan).Run();
   scan.unreadable = file.unreadable();
   return scan;
