@@ -199,7 +199,6 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void CutToRecords() noexcept;
   void CutOnClose() { cutOnClose = true; }
 
-  State GetState() const { return state; }
   bool InDoubt() const { return state == State::InDoubt; }
   bool IsDamaged() const { return state == State::Damaged; }
   void MarkDamaged() { state = State::Damaged; }

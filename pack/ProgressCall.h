@@ -10,8 +10,6 @@ struct ProgressCall {
   int (*function)(void* context, int operation, std::uint64_t done, std::uint64_t total) = nullptr;
   void* context = nullptr;
 
-  explicit operator bool() const { return function != nullptr; }
-
   // Whether the operation is to stop.
   bool Stops(Operation operation, std::uint64_t done, std::uint64_t total) const {
     return function != nullptr && function(context, operation, done, total) != 0;

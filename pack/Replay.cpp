@@ -23,6 +23,29 @@ BlobFile::BlobFileEntry EntryOf(const Record& record, std::uint32_t ordinal) {
   return entry;
 }
 
+// For a record, or a transaction, that has an id.
+trace::FormatFor<int, std::string> WordsFor(const Break& broken) {
+  using Cause = Break::Cause;
+  using Place = Break::Place;
+  const std::int32_t op = broken.record.op;
+  if (broken.cause == Cause::kDigest)
+    return "BlobFile::Load (start transaction) corruption, bad hash value id=%d file=%s";
+  if (broken.cause == Cause::kHash)
+    return "BlobFile::Load corruption, record outside a transaction does not match its hash id=%d "
+           "file=%s";
+  if (broken.cause == Cause::kTooLong && broken.place == Place::kSingle)
+    return "BlobFile::Load corruption, record runs past the end of the file id=%d file=%s";
+  if (broken.cause == Cause::kTooLong)
+    return "BlobFile::Load corruption, record runs past its transaction id=%d file=%s";
+  if (op == format::kOpStartTransaction)
+    return "BlobFile::Load corruption, nested transaction id=%d file=%s";
+  if (op == format::kOpEndTransaction && broken.place == Place::kOutside)
+    return "BlobFile::Load corruption, end transaction without start transaction id=%d file=%s";
+  if (op == format::kOpEndTransaction)
+    return "BlobFile::Load corruption, transaction ends before its length id=%d file=%s";
+  return "BlobFile::Load corruption, record outside the digest of its transaction id=%d file=%s";
+}
+
 }  // namespace
 
 ReadResult Replay::Run(BlobFile::Entries& out, BlobFile::BlobFileMode mode, torn::Verdict& rest) {
@@ -72,62 +95,34 @@ unsigned char* Replay::Lend(std::size_t size) {
 
 void Replay::Say(const ReadResult& result) const {
   const Break& broken = result.broken;
-  const auto corrupt = [&](trace::FormatFor<int, std::string> message) {
-    trace::pack.WriteWarnV(message, static_cast<int>(broken.record.transactionId), file.Path());
-  };
-  const bool isSingle = broken.place == Break::Place::kSingle;
   switch (broken.cause) {
     case Break::Cause::kNone:
       if (result.leftOut > 0)
         trace::pack.WriteErrorV(
             "BlobFile::Load() failed to find the end of the transaction (transactions=%d "
             "entries=%d file=%s)",
-            static_cast<int>(result.leftOut), 0, file.Path().c_str());
+            static_cast<int>(result.leftOut), 0, file.Path());
       return;
     case Break::Cause::kCount:
     case Break::Cause::kFileEnds:
       if (!broken.IsInside())
         trace::pack.WriteWarnV("BlobFile::Load() didn't process all the entries entries=%d file=%s",
-                               static_cast<int>(broken.missing), file.Path().c_str());
+                               static_cast<int>(broken.missing), file.Path());
       return;
     case Break::Cause::kNotEnded:
       trace::pack.WriteErrorV(
           "BlobFile::Load EOF error during validation of transaction.  This is normal for first "
           "boot after a disk wipe, but no other time.");
       return;
-    case Break::Cause::kDigest:
-      return corrupt("BlobFile::Load (start transaction) corruption, bad hash value id=%d file=%s");
-    case Break::Cause::kHash:
-      return corrupt(
-          "BlobFile::Load corruption, record outside a transaction does not match its hash id=%d "
-          "file=%s");
-    case Break::Cause::kTooLong:
-      return isSingle
-                 ? corrupt(
-                       "BlobFile::Load corruption, record runs past the end of the file id=%d "
-                       "file=%s")
-                 : corrupt(
-                       "BlobFile::Load corruption, record runs past its transaction id=%d file=%s");
-    case Break::Cause::kOp:
+    default:
       break;
   }
-  switch (broken.record.op) {
-    case format::kOpStartTransaction:
-      return corrupt("BlobFile::Load corruption, nested transaction id=%d file=%s");
-    case format::kOpEndTransaction:
-      return broken.place == Break::Place::kOutside
-                 ? corrupt(
-                       "BlobFile::Load corruption, end transaction without start transaction "
-                       "id=%d file=%s")
-                 : corrupt(
-                       "BlobFile::Load corruption, transaction ends before its length id=%d "
-                       "file=%s");
-    case format::kOpStore:
-    case format::kOpDelete:
-      return corrupt(
-          "BlobFile::Load corruption, record outside the digest of its transaction id=%d file=%s");
-    default:
-      trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", broken.record.op,
-                             file.Path().c_str());
-  }
+  const bool isUnknown = broken.cause == Break::Cause::kOp &&
+                         static_cast<std::uint32_t>(broken.record.op) > format::kOpEndTransaction;
+  if (isUnknown)
+    trace::pack.WriteWarnV("BlobFile::Load() unsupported op=%d file=%s", broken.record.op,
+                           file.Path());
+  else
+    trace::pack.WriteWarnV(WordsFor(broken), static_cast<int>(broken.record.transactionId),
+                           file.Path());
 }
