@@ -1,7 +1,6 @@
 #include "store/Opening.h"
 
 #include <algorithm>
-#include <cstring>
 #include <optional>
 
 #include "fs/File.h"
@@ -14,9 +13,11 @@
 #include "pack/format/Headers.h"
 #include "platform/Failure.h"
 
+using format::Origin;
+
 namespace {
 
-// Slots beyond the last that are looked for. Those of a store are contiguous.
+// How far past the last slot to look for stray journals. The slots of a store are contiguous.
 constexpr std::uint32_t kSlotsAhead = 16;
 constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // 1000 lines of twice PATH_MAX
 
@@ -24,33 +25,19 @@ constexpr std::uint32_t kMaxLayoutSize = 8 * 1024 * 1024;  // 1000 lines of twic
 struct SlotFile {
   std::string path;
   bool isPack = false;
-  bool exists = false;
-  bool isOurs = true;      // a store can have written it
-  bool isForeign = false;  // nor is it one that a store wrote and that was damaged since
-  bool isUsed = false;     // something was committed to the store
-  std::int32_t sequence = 0;
+  Origin origin = Origin::kMissing;
+  std::int32_t sequence = 0;  // of a store's
 };
 
 SlotFile Inspect(const std::string& path, BlobFile::BlobFileMode mode) {
-  SlotFile file{path, mode == BlobFile::Pack, FileSystem::Exists(path)};
-  if (!file.exists) return file;
+  SlotFile file{path, mode == BlobFile::Pack};
+  if (!FileSystem::Exists(path)) return file;
   FileReader reader;
   reader.open(path);
-  const std::uint32_t size = reader.size();
-  const std::uint32_t length = std::min(size, format::kFileHeaderSize);
   unsigned char bytes[format::kFileHeaderSize] = {};
-  reader.read(reinterpret_cast<char*>(bytes), length);
-
-  unsigned char fresh[format::kFileHeaderSize];
-  format::FreshHeader(mode).Encode(fresh);
-  if (format::WasCutOff(bytes, size, mode) || std::memcmp(bytes, fresh, length) == 0) return file;
-  const auto header = format::FileHeader::Decode(bytes);
-  file.isUsed = true;
-  file.isOurs = format::IsOurs(header);
-  if (file.isOurs) file.sequence = header.sequence;
-  const bool isPlausible = header.mode <= BlobFile::Pack && format::EndsWithin(header, size);
-  const bool isZeros = std::all_of(bytes, bytes + length, [](auto byte) { return byte == 0; });
-  file.isForeign = header.version != format::kVersion && !isPlausible && !isZeros;
+  reader.read(reinterpret_cast<char*>(bytes), std::min(reader.size(), format::kFileHeaderSize));
+  file.origin = format::OriginOf(bytes, reader.size(), mode);
+  if (file.origin == Origin::kStore) file.sequence = format::FileHeader::Decode(bytes).sequence;
   return file;
 }
 
@@ -79,7 +66,9 @@ SlotsOnDisk InspectAll(const std::string& directory, const std::vector<std::stri
 // A file of the layout may be damaged; it is the load that deals with it. But what no store can
 // have written may be another's, and a link may have led here.
 void RequireOurs(const SlotsOnDisk& slots, bool hasLayout) {
-  const auto isStrange = [&](const SlotFile& f) { return hasLayout ? f.isForeign : !f.isOurs; };
+  const auto isStrange = [&](const SlotFile& f) {
+    return f.origin == Origin::kForeign || (!hasLayout && f.origin == Origin::kDamaged);
+  };
   if (const SlotFile* file = slots.First(isStrange))
     throw Failure(FailureCode::Refused, file->path, " is not a file of a store");
 }
@@ -102,25 +91,25 @@ void RequireTheseSlots(const std::string& directory, const SlotsOnDisk& slots) {
   }
 }
 
-// A new store's files are created in order, each flushed, before anything is committed: where that
-// was interrupted, the last ones are missing and the rest is unused. A load that moves all files
-// aside says so by a name.
+// A new store's files are created in order, each flushed, before anything is committed. If creation
+// was interrupted, the last ones are missing and none has been used. A load that moves all files
+// aside leaves a name that says so.
 void RequireNoneMissing(const std::string& directory, const SlotsOnDisk& slots, bool mustExist,
                         bool hasLayout) {
-  const auto isUsed = [](const SlotFile& f) { return f.isUsed; };
-  const auto exists = [](const SlotFile& f) { return f.exists; };
+  const auto isUsed = [](const SlotFile& f) { return f.origin > Origin::kUnused; };
+  const auto exists = [](const SlotFile& f) { return f.origin != Origin::kMissing; };
   if (mustExist && !hasLayout && slots.First(exists) == nullptr)
     throw Failure(FailureCode::NoStore, "there is no store in ", directory);
   const bool journalUsed = std::any_of(slots.journals.begin(), slots.journals.end(), isUsed);
   const SlotFile* const missing = slots.First([&](const SlotFile& f) {
     const bool needsPack = journalUsed && f.isPack;
-    return !f.exists && (needsPack || !kept::IsMovedAside(f.path));
+    return !exists(f) && (needsPack || !kept::IsMovedAside(f.path));
   });
   if (missing == nullptr) return;
   bool isBehind = false;
   const auto existsBehind = [&](const SlotFile& f) {
     isBehind = isBehind || &f == missing;
-    return isBehind && f.exists;
+    return isBehind && exists(f);
   };
   if (mustExist || slots.First(isUsed) != nullptr || slots.First(existsBehind) != nullptr ||
       kept::HasCopy(missing->path))

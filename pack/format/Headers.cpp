@@ -29,6 +29,19 @@ bool IsOurs(const FileHeader& header) {
   return header.version == kVersion && header.mode <= 1;
 }
 
+Origin OriginOf(const unsigned char* bytes, std::uint64_t size, std::uint32_t mode) {
+  const auto length = static_cast<std::size_t>(std::min<std::uint64_t>(size, kFileHeaderSize));
+  unsigned char fresh[kFileHeaderSize];
+  FreshHeader(mode).Encode(fresh);
+  if (WasCutOff(bytes, size, mode) || std::equal(bytes, bytes + length, fresh))
+    return Origin::kUnused;
+  const FileHeader header = FileHeader::Decode(bytes);
+  if (IsOurs(header)) return Origin::kStore;
+  const bool isPlausible = header.mode <= 1 && EndsWithin(header, size);
+  const bool isZeros = std::all_of(bytes, bytes + length, [](auto byte) { return byte == 0; });
+  return header.version == kVersion || isPlausible || isZeros ? Origin::kDamaged : Origin::kForeign;
+}
+
 Head Head::Judge(const unsigned char* bytes, std::uint64_t fileSize) {
   Head head = {State::kDamaged, fileSize, FileHeader::Decode(bytes)};
   if (WasCutOff(bytes, fileSize, 0) || WasCutOff(bytes, fileSize, 1))

@@ -22,6 +22,19 @@ bool EndsWithin(const FileHeader& header, std::uint64_t size);
 // Whether a store can have written this header.
 bool IsOurs(const FileHeader& header);
 
+// Where a file seems to come from.
+enum class Origin {
+  kMissing,
+  kUnused,   // a new store: nothing was ever committed
+  kStore,    // a store can have written its header
+  kDamaged,  // it may be a store's, damaged since
+  kForeign,
+};
+
+// Of a file of `size` bytes, which begins with these: the first kFileHeaderSize, zeros past its
+// end.
+Origin OriginOf(const unsigned char* bytes, std::uint64_t size, std::uint32_t mode);
+
 // A file as its header shows it.
 struct Head {
   enum class State {
