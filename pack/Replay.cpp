@@ -50,7 +50,7 @@ trace::FormatFor<int, std::string> WordsFor(const Break& broken) {
 
 ReadResult Replay::Run(BlobFile::Entries& out, BlobFile::BlobFileMode mode, torn::Verdict& rest) {
   entries = &out;
-  format::RecordReader reader(window, header, *this);
+  format::RecordReader reader(*this, header, *this);
   const ReadResult result = reader.Run();
   Say(result);
   if (result.broken && mode == BlobFile::Journal) rest = reader.JudgeRest();
@@ -91,6 +91,16 @@ unsigned char* Replay::Lend(std::size_t size) {
   } catch (const Failure&) {
     return nullptr;
   }
+}
+
+std::span<unsigned char> Replay::Allocate(std::size_t size) {
+  ResizeOrSmaller(window, size, kLeastWindow);
+  return window;
+}
+
+void Replay::ReadFile(std::uint64_t offset, unsigned char* to, std::size_t size) {
+  file.seek(static_cast<unsigned>(offset));
+  file.read(reinterpret_cast<char*>(to), static_cast<unsigned>(size));
 }
 
 void Replay::Say(const ReadResult& result) const {
