@@ -33,7 +33,7 @@ void BatchReader::Clear() {
 bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
   const std::size_t recordSize = std::size_t{format::kStoreHeadSize} + entry.size;
   if (count == kMaxBlobs || recordSize > buffer.size() - used) return false;
-  slots[count] = {entry.file.get(), entry.offset, entry.size, hash};
+  items[count] = {entry.file.get(), entry.offset, entry.size, hash};
   used += recordSize;
   ++count;
   return true;
@@ -42,24 +42,24 @@ bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
 // In the order in which they lie in their files, which is not that of the batch. What lies between
 // two records is read with them while it is short and the buffer has room for it.
 void BatchReader::ReadAll() {
-  std::array<Slot*, kMaxBlobs> order;
-  for (std::size_t i = 0; i < count; ++i) order[i] = &slots[i];
-  std::sort(order.begin(), order.begin() + count, [](const Slot* a, const Slot* b) {
+  std::array<Item*, kMaxBlobs> order;
+  for (std::size_t i = 0; i < count; ++i) order[i] = &items[i];
+  std::sort(order.begin(), order.begin() + count, [](const Item* a, const Item* b) {
     return a->file != b->file ? std::less<>()(a->file, b->file) : a->offset < b->offset;
   });
   std::size_t spare = buffer.size() - used;
   std::size_t at = 0;
   for (std::size_t first = 0; first < count;) {
-    const Slot& start = *order[first];
+    const Item& start = *order[first];
     std::uint64_t end = start.End();
     order[first]->data = at + format::kStoreHeadSize;
     std::size_t next = first + 1;
     for (; next < count && start.file != nullptr && order[next]->file == start.file; ++next) {
-      Slot& slot = *order[next];
-      if (slot.offset < end || slot.offset - end > std::min(kMaxGap, spare)) break;
-      spare -= static_cast<std::size_t>(slot.offset - end);
-      slot.data = at + (slot.offset - start.offset) + format::kStoreHeadSize;
-      end = slot.End();
+      Item& item = *order[next];
+      if (item.offset < end || item.offset - end > std::min(kMaxGap, spare)) break;
+      spare -= static_cast<std::size_t>(item.offset - end);
+      item.data = at + (item.offset - start.offset) + format::kStoreHeadSize;
+      end = item.End();
     }
     ReadRun(&order[first], &order[next], buffer.data() + at);
     at += static_cast<std::size_t>(end - start.offset);
@@ -69,7 +69,7 @@ void BatchReader::ReadAll() {
 
 // Reads records of one file that follow one another there. After one that cannot be read, those
 // behind it are read by themselves.
-void BatchReader::ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes) {
+void BatchReader::ReadRun(Item* const* first, Item* const* end, unsigned char* bytes) {
   BlobFile* const file = (*first)->file;
   const std::uint32_t start = (*first)->offset;
   while (first != end && file != nullptr) {
@@ -82,37 +82,37 @@ void BatchReader::ReadRun(Slot* const* first, Slot* const* end, unsigned char* b
       (*first++)->failure = std::current_exception();
       continue;
     }
-    // A read that stopped short of a record has not tried it.
+    // Records past a short read were not tried; the outer loop reads them next.
     for (bool isWhole = true;
          first != end && isWhole && (*first)->offset - from <= read.held.size(); ++first) {
-      Slot& slot = **first;
-      const std::size_t at = slot.offset - from;
-      slot.got = static_cast<std::uint32_t>(
-          std::min<std::size_t>(slot.RecordSize(), read.held.size() - at));
-      slot.code = read.code;
-      isWhole = slot.got == slot.RecordSize();
+      Item& item = **first;
+      const std::size_t at = item.offset - from;
+      item.got = static_cast<std::uint32_t>(
+          std::min<std::size_t>(item.RecordSize(), read.held.size() - at));
+      item.code = read.code;
+      isWhole = item.got == item.RecordSize();
     }
   }
 }
 
-bool BatchReader::LooksRight(const Slot& slot) const {
-  if (slot.file == nullptr || slot.got != slot.RecordSize()) return false;
+bool BatchReader::LooksRight(const Item& item) const {
+  if (item.file == nullptr || item.got != item.RecordSize()) return false;
   const format::RecordHead head =
-      format::RecordHead::Decode(buffer.data() + slot.data - format::kStoreHeadSize);
-  return head.op.op == format::kOpStore && head.size == slot.size &&
-         std::memcmp(head.hash, slot.hash.Bytes(), Hash::kSize) == 0;
+      format::RecordHead::Decode(buffer.data() + item.data - format::kStoreHeadSize);
+  return head.op.op == format::kOpStore && head.size == item.size &&
+         std::memcmp(head.hash, item.hash.Bytes(), Hash::kSize) == 0;
 }
 
 void BatchReader::Verify() {
   ReadAll();
   std::array<MD5Message, kMaxBlobs> messages;
   std::array<unsigned char, kMaxBlobs * Hash::kSize> digests;
-  std::array<Slot*, kMaxBlobs> digested;
+  std::array<Item*, kMaxBlobs> digested;
   std::size_t n = 0;
   for (std::size_t i = 0; i < count; ++i) {
-    if (!LooksRight(slots[i])) continue;
-    digested[n] = &slots[i];
-    messages[n] = {buffer.data() + slots[i].data, slots[i].size, digests.data() + Hash::kSize * n};
+    if (!LooksRight(items[i])) continue;
+    digested[n] = &items[i];
+    messages[n] = {buffer.data() + items[i].data, items[i].size, digests.data() + Hash::kSize * n};
     ++n;
   }
   DigestMany(messages.data(), n);
@@ -121,15 +121,15 @@ void BatchReader::Verify() {
         std::memcmp(digests.data() + Hash::kSize * i, digested[i]->hash.Bytes(), Hash::kSize) == 0;
 }
 
-bool BatchReader::Take(std::size_t i, BlobPair& pair) {
-  const Slot& slot = slots[i];
-  if (slot.failure) std::rethrow_exception(slot.failure);
-  if (slot.file == nullptr) throw Failure(FailureCode::Damaged, "the blob has no file");
-  pair.hash = slot.hash;
-  pair.buffer = {Data(i), slot.size};
+bool BatchReader::Decode(std::size_t i, BlobPair& pair) {
+  const Item& item = items[i];
+  if (item.failure) std::rethrow_exception(item.failure);
+  if (item.file == nullptr) throw Failure(FailureCode::Damaged, "the blob has no file");
+  pair.hash = item.hash;
+  pair.buffer = {Data(i), item.size};
   const BlobFile::RecordBytes record{
-      {Data(i) - format::kStoreHeadSize, slot.got}, slot.RecordSize(), slot.code};
-  if (!slot.file->TakeBlob(pair, slot.offset, record, BlobPair::Patience::Rereads)) return false;
-  slot.file->RequireBlob(pair, slot.offset, slot.hash, slot.size);
+      {Data(i) - format::kStoreHeadSize, item.got}, item.RecordSize(), item.code};
+  if (!item.file->DecodeBlob(pair, item.offset, record, BlobPair::Patience::Rereads)) return false;
+  item.file->RequireBlob(pair, item.offset, item.hash, item.size);
   return true;
 }

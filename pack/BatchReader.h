@@ -1,7 +1,7 @@
 // Reads many blobs at once and digests them side by side, for a check and a repack.
 //
 // Add() collects what one buffer can hold. Verify() reads it, adjacent records in one call, and
-// digests it, without messages. Take() judges the bytes of a blob that did not verify as
+// digests it, without messages. Decode() judges the bytes of a blob that did not verify as
 // BlobFile::GetBlob would, with its messages and exceptions. Each record is read once.
 #pragma once
 
@@ -31,16 +31,16 @@ class BatchReader {
   void Verify();
 
   std::size_t Count() const { return count; }
-  bool IsSound(std::size_t i) const { return slots[i].sound; }
+  bool IsSound(std::size_t i) const { return items[i].sound; }
   // The blob's bytes, of its entry's size; undefined if it is not sound.
-  unsigned char* Data(std::size_t i) { return buffer.data() + slots[i].data; }
+  unsigned char* Data(std::size_t i) { return buffer.data() + items[i].data; }
 
   // As BlobFile::GetBlob, for a blob that is not sound. The pair's buffer becomes Data(i). Throws
   // also if the record is that of another blob.
-  bool Take(std::size_t i, BlobPair& pair);
+  bool Decode(std::size_t i, BlobPair& pair);
 
  private:
-  struct Slot {
+  struct Item {
     BlobFile* file;
     std::uint32_t offset;  // of the record in the file
     std::uint32_t size;    // of the blob
@@ -56,13 +56,13 @@ class BatchReader {
   };
 
   void ReadAll();
-  static void ReadRun(Slot* const* first, Slot* const* end, unsigned char* bytes);
-  bool LooksRight(const Slot& slot) const;
+  static void ReadRun(Item* const* first, Item* const* end, unsigned char* bytes);
+  bool LooksRight(const Item& item) const;
 
   std::vector<unsigned char,
               BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
       buffer;
   std::size_t used = 0;  // bytes of the records that were added
   std::size_t count = 0;
-  std::array<Slot, kMaxBlobs> slots;
+  std::array<Item, kMaxBlobs> items;
 };

@@ -229,7 +229,7 @@ bool BlobFile::StartTransaction(long long id) {
   try {
     writer.WriteOut();
   } catch (...) {
-    CancelTransaction();
+    AbandonTransaction();
     throw;
   }
   return true;
@@ -282,7 +282,7 @@ void BlobFile::AppendNow(BlobFileEntry& entry, std::int32_t op, const Hash& hash
   try {
     writer.WriteOut();
   } catch (...) {
-    writer.TakeBack(before);
+    writer.UndoAppend(before);
     block = blockBefore;
     cutOnClose = true;
     throw;
@@ -325,13 +325,13 @@ bool BlobFile::EndTransaction(long long id) {
   return true;
 }
 
-void BlobFile::CancelTransaction() {
+void BlobFile::AbandonTransaction() {
   cutOnClose = true;
   const std::int32_t sequence = header.sequence;  // may be ahead of the disk
   header = committed;
   header.sequence = sequence;
   if (state == State::InTransaction) state = State::Clean;
-  writer.Cancel();
+  writer.Abandon();
 }
 
 void BlobFile::CommitHeader() {
@@ -348,8 +348,8 @@ bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience 
   constexpr std::uint32_t kMaxSmallBlob = 4096;
   unsigned char bytes[format::kStoreHeadSize + kMaxSmallBlob];
   const std::uint32_t dataSize = blob.buffer.size <= kMaxSmallBlob ? blob.buffer.size : 0;
-  return TakeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize),
-                  patience);
+  return DecodeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize),
+                    patience);
 }
 
 BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes,
@@ -361,8 +361,8 @@ BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* by
   return {{bytes, got}, size, code};
 }
 
-bool BlobFile::TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
-                        BlobPair::Patience patience) {
+bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+                          BlobPair::Patience patience) {
   const auto got = static_cast<std::uint32_t>(record.held.size());
   if (got < format::kOpHeaderSize) throw File::ShortRead(format::kOpHeaderSize, got, record.code);
   const std::int32_t op = format::OpHeader::Decode(record.held.data()).op;
@@ -415,8 +415,8 @@ bool BlobFile::LoadRecords(Entries& out) {
     loaded.largest = std::max(loaded.largest, out[i].size);
   if (found.broken.IsInside())
     loaded.cutShort = File::ShortRead(found.broken.wanted, found.broken.got, ERROR_SUCCESS).what();
-  // A header that counts none whole of the records that it covers is damage as well, though a load
-  // can go by it.
+  // Also damaged: a header that covers records of which no transaction is whole. A load succeeds
+  // all the same.
   const bool isDamaged = static_cast<bool>(found.broken);
   if (state == State::Clean && (isDamaged || (loaded.count == 0 && !LoadedAll())))
     state = State::Damaged;
@@ -463,7 +463,7 @@ bool BlobFile::MakeDurable() {
 void BlobFile::CutToRecords() noexcept {
   if (!file.IsOpen() || (state != State::Clean && state != State::InTransaction)) return;
   try {
-    if (state == State::InTransaction) CancelTransaction();  // closing abandons it
+    if (state == State::InTransaction) AbandonTransaction();  // closing abandons it
     if (!cutOnClose && !writer.HasMadeBlank()) return;
     const std::uint32_t end = std::max(header.endOffset, loaded.end);
     if (LengthOf(file) > end) file.truncate(end);

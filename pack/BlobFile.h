@@ -5,7 +5,7 @@
 // there: rules C1 to C5. Bytes past header.endOffset are leftovers that the next write covers; no
 // reader looks at them.
 //
-//   Clean ──StartTransaction──▶ InTransaction ──EndTransaction, Cancel──▶ Clean
+//   Clean ──StartTransaction──▶ InTransaction ──EndTransaction, Abandon…──▶ Clean
 //   any ──a flush fails──▶ InDoubt              until Init
 //   Clean ──ReadHeader, Load──▶ Damaged         until Reset or KeepLoaded
 //
@@ -51,8 +51,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
     std::int32_t op = 0;  // format::kOpStore or format::kOpDelete
     std::int64_t transactionId = 0;
-    std::uint32_t ordinal =
-        0;  // 1-based within its transaction; 0 outside one and for a fresh store
+    // 1-based within its transaction; 0 outside one and for a fresh store.
+    std::uint32_t ordinal = 0;
     std::uint32_t offset = 0;  // of the record's op header
     Hash hash;
     std::uint32_t size = 0;            // of the data; 0 for a delete that was loaded
@@ -93,7 +93,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Empties the file, flushed: no records, sequence -1. It keeps its length.
   bool Reset();
 
-  // Writes a start record. A transaction then runs to EndTransaction or CancelTransaction.
+  // Writes a start record. A transaction then runs to EndTransaction or AbandonTransaction.
   bool StartTransaction(long long id);
 
   // Appends blob and fills in entry, except for transactionId, which is read, and file. Throws,
@@ -126,7 +126,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   bool EndTransaction(long long id);
 
   // Forgets what was written since the last commit.
-  void CancelTransaction();
+  void AbandonTransaction();
 
   // Sets the pack generation; it reaches the disk with the next header.
   void SetSequence(std::int32_t sequence) { header.sequence = sequence; }
@@ -147,8 +147,8 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::uint32_t asked;
     std::uint32_t code;
   };
-  bool TakeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
-                BlobPair::Patience patience);
+  bool DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+                  BlobPair::Patience patience);
 
   // Throws if the record that was read is not that of the wanted blob, of wantedSize bytes.
   void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
@@ -171,18 +171,20 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Load reports its progress to it, in bytes.
   void SetProgress(const ProgressCall* call) { loadProgress = call; }
 
-  // What the last Load found. LoadedAll: exactly what the header counts. LastIsTorn: all but the
-  // last transaction, of which a power cut can have left what there is (TornCommit.h). WholeBehind:
-  // damage with a whole transaction behind it. MissingRecords: what the header counts more.
+  // The last Load found exactly what the header counts.
   bool LoadedAll() const;
+  // It found all but the last transaction, of which a power cut can have left what there is
+  // (TornCommit.h).
   bool LastIsTorn() const { return loaded.rest.isTorn; }
+  // It found damage with a whole transaction behind.
   bool WholeBehind() const { return loaded.rest.wholeBehind; }
+  // The records that the header counts and it did not find.
   std::uint32_t MissingRecords() const {
     return header.recordCount - std::min(loaded.count, header.recordCount);
   }
-  // Where the last whole transaction ends, and where the records that the header counts end: at the
-  // end of the file if the header cannot be believed.
+  // Where the last whole transaction ends.
   std::uint32_t LoadedEnd() const { return loaded.end; }
+  // Where the records that the header counts end: at the end of the file if that is damaged.
   std::uint32_t CoveredEnd() const;
 
   // Makes the header count exactly what the last Load found, so that the next transaction follows

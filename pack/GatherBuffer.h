@@ -33,7 +33,7 @@ class GatherBuffer {
   // record before either is appended.
   void Reserve(std::uint32_t size);
   void Append(const unsigned char* data, std::uint32_t size);
-  // Takes back all from offset on, which is not before Start().
+  // Drops all from offset on, which is not before Start().
   void Truncate(std::uint32_t offset);
 
   // Overwrites bytes. False, and nothing is changed, if some of them have been written.

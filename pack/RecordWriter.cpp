@@ -146,7 +146,7 @@ void RecordWriter::CutOff() noexcept {
   }
 }
 
-void RecordWriter::TakeBack(const FileHeader& before) {
+void RecordWriter::UndoAppend(const FileHeader& before) {
   header = before;
   gather.Truncate(header.endOffset);
 }
@@ -231,7 +231,7 @@ void RecordWriter::NotCommitted() {
   beganInBlank = false;  // [C4]
 }
 
-void RecordWriter::Cancel() {
+void RecordWriter::Abandon() {
   block = TransactionBlock{};
   gather.Restart(header.endOffset);
   ReleaseMemory();

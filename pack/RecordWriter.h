@@ -15,7 +15,7 @@
 //       anything there.
 //   C3  A write that fails may have reached the disk. It ends the blank space
 //       as far as it was meant to go, and so does what is written and then
-//       taken back: a transaction that is cancelled, a record whose source fails.
+//       dropped: a transaction that is abandoned, a record whose source fails.
 //   C4  A commit that fails leaves its transaction open, and what it wrote may
 //       stand there next to what the next attempt writes: that attempt takes two flushes.
 //   C5  Blank space is made only in a journal, from the 33rd commit since it was
@@ -61,8 +61,8 @@ class RecordWriter {
   void AppendFrom(const format::RecordHead& record, PieceSource& source,
                   std::span<unsigned char> buffer);
 
-  // Takes the last record back, which could not be written.
-  void TakeBack(const format::FileHeader& before);
+  // Drops the last record, which could not be written.
+  void UndoAppend(const format::FileHeader& before);
 
   // Writes what is gathered, in one call.
   void WriteOut();
@@ -82,7 +82,7 @@ class RecordWriter {
   void NotCommitted();
 
   // Forgets the transaction. The header is that of the last commit again.
-  void Cancel();
+  void Abandon();
 
  private:
   void Write(std::uint32_t offset, const unsigned char* bytes, std::uint32_t size);

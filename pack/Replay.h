@@ -22,8 +22,7 @@ class Replay final : private format::ReadListener, private format::ByteSource {
       : ByteSource(fileLength), file(source), header(fileHeader), progress(progressCall) {}
 
   // Appends to out. `rest` gets a verdict on what is not whole if the file is a journal. Throws
-  // what File throws when it cannot be read, and
-  // Failure when there is no memory for the least window.
+  // what File throws when it cannot be read, and Failure without memory for the least window.
   format::ReadResult Run(BlobFile::Entries& out, BlobFile::BlobFileMode mode, torn::Verdict& rest);
 
  private:

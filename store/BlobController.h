@@ -262,8 +262,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   void RepackIntoNextSlot(BlobFilePtr& unfinished);
   void RepackInPlace(BlobFilePtr& unfinished);
   BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
-  static bool TakeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
-                          std::size_t number);
+  static bool DecodeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
+                            std::size_t number);
   static void RequireInPlace(const BlobFile& pack);
   void PointTo(const BlobFile::Entries& copied);
   bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;

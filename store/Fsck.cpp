@@ -106,7 +106,7 @@ bool BlobController::CheckBlob(BatchReader& batch, std::size_t i,
   BlobPair pair;
   const std::string file = PathOf(entry.file);
   try {
-    if (batch.Take(i, pair)) return true;
+    if (batch.Decode(i, pair)) return true;
     trace::engine.WriteErrorV(
         "BlobController::GetBlob error in curPack.GetBlob file %s offset %d size %d hash %s", file,
         entry.offset, entry.size, entry.hash.toString());

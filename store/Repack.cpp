@@ -29,7 +29,7 @@ void DropUnfinished(boost::shared_ptr<BlobFile>& file, bool isSlot) {
   if (!file) return;
   try {
     if (isSlot) {
-      file->CancelTransaction();
+      file->AbandonTransaction();
       file->SetSequence(format::kSequenceReset);
     } else if (file->file.IsOpen()) {
       const std::string path = file->path;
@@ -205,7 +205,7 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
     batch.Verify();
     for (std::size_t i = 0; i < batch.Count(); ++i) {
       BlobFile::BlobFileEntry& entry = entries[first + i];
-      if (!batch.IsSound(i) && !TakeForCopy(batch, i, entries, first + i)) {
+      if (!batch.IsSound(i) && !DecodeForCopy(batch, i, entries, first + i)) {
         blobs.Find(entry.hash)->second.valid = false;
         continue;
       }
@@ -232,12 +232,12 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
 
 // False when the blob is not there. One that is there and damaged ends the run, and the table tells
 // where everything lay.
-bool BlobController::TakeForCopy(BatchReader& batch, std::size_t i,
-                                 const BlobFile::Entries& entries, std::size_t number) {
+bool BlobController::DecodeForCopy(BatchReader& batch, std::size_t i,
+                                   const BlobFile::Entries& entries, std::size_t number) {
   const BlobFile::BlobFileEntry& entry = entries[number];
   BlobPair pair;
   try {
-    if (batch.Take(i, pair)) return true;
+    if (batch.Decode(i, pair)) return true;
   } catch (const std::exception& e) {
     trace::engine.CaughtErrorV(e,
                                "BlobController::Repack() hash %s file %s offset %d cannot be "

@@ -74,9 +74,9 @@ bool Slots::MarkLost(const format::Generation& shown) {
 }
 
 bool Slots::InDoubt() const {
-  const auto isInDoubt = [](const BlobFilePtr& file) { return file->InDoubt(); };
-  return std::any_of(packFiles.begin(), packFiles.end(), isInDoubt) ||
-         std::any_of(journalFiles.begin(), journalFiles.end(), isInDoubt);
+  bool inDoubt = false;
+  ForEachFile([&](const BlobFile& file) { inDoubt = inDoubt || file.InDoubt(); });
+  return inDoubt;
 }
 
 void Slots::CopyDamaged(std::uint32_t slot) const {
@@ -106,26 +106,21 @@ void Slots::MoveAside() {
 }
 
 void Slots::MakeDurable() {
-  for (const Files* files : {&packFiles, &journalFiles}) {
-    for (const BlobFilePtr& file : *files) {
-      if (file->MakeDurable()) continue;
+  ForEachFile([](BlobFile& file) {
+    if (!file.MakeDurable())
       trace::engine.WriteErrorV("BlobController::Load %s cannot be flushed, no change is accepted",
-                                file->path);
-    }
-  }
+                                file.path);
+  });
 }
 
 void Slots::CutToRecords() noexcept {
-  for (const BlobFilePtr& pack : packFiles) pack->CutToRecords();
-  for (const BlobFilePtr& journal : journalFiles) journal->CutToRecords();
+  ForEachFile([](BlobFile& file) { file.CutToRecords(); });
 }
 
 void Slots::Close() {
-  for (const BlobFilePtr& pack : packFiles) pack->file.close();
-  for (const BlobFilePtr& journal : journalFiles) journal->file.close();
+  ForEachFile([](BlobFile& file) { file.file.close(); });
 }
 
 void Slots::Erase() {
-  for (const BlobFilePtr& pack : packFiles) pack->file.erase();
-  for (const BlobFilePtr& journal : journalFiles) journal->file.erase();
+  ForEachFile([](BlobFile& file) { file.file.erase(); });
 }

@@ -89,6 +89,13 @@ class Slots {
   void Erase();
 
  private:
+  // Packs first.
+  template <class Visit>
+  void ForEachFile(const Visit& visit) const {
+    for (const Files* files : {&packFiles, &journalFiles})
+      for (const BlobFilePtr& file : *files) visit(*file);
+  }
+
   std::string path;
   Files packFiles;
   Files journalFiles;

@@ -71,7 +71,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
       entry.transactionId = transactionId;
       write(entry);
     } catch (...) {
-      if (isFirst) slots.CurJournal()->CancelTransaction();
+      if (isFirst) slots.CurJournal()->AbandonTransaction();
       throw;
     }
   });
@@ -179,7 +179,7 @@ bool BlobController::GatherDelete(Hash const& hash) {
 // What was written lies past the journal's committed end, where the next transaction goes.
 void BlobController::AbandonPending() {
   if (pending.empty()) return;
-  if (slots.CurJournal()) slots.CurJournal()->CancelTransaction();
+  if (slots.CurJournal()) slots.CurJournal()->AbandonTransaction();
   pending.Clear();
 }
 

@@ -20,8 +20,8 @@ constexpr std::uint32_t kStartSize = kOpHeaderSize + kBlockSize;
 constexpr std::uint32_t kEndSize = kOpHeaderSize;
 constexpr std::uint32_t kLeastTransaction = kStartSize + kDeleteSize + kEndSize;
 
-// After so many commits, a journal makes blank space ahead of itself, so many bytes. Transactions
-// of up to so many records take one flush there.
+// After this many commits, a journal makes this many bytes of blank space ahead of itself, where
+// transactions of up to this many records take one flush.
 constexpr std::uint32_t kCommitsBeforeBlank = 32;
 constexpr std::uint32_t kBlankAhead = 64 * 1024;
 constexpr std::uint32_t kMostRecordsInBlank = 10;

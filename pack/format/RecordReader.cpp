@@ -132,7 +132,7 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
     });
   }
   for (std::size_t i = 0; i < laneCount && result.remaining != 0; ++i)
-    if (!Take(lanes[i])) return false;
+    if (!Accept(lanes[i])) return false;
   return true;
 }
 
@@ -216,7 +216,7 @@ void RecordReader::Parse(Lane& lane, const Record& record) {
 
 // The count of the header comes before what is wrong with the records: what lies behind it is not
 // looked at.
-bool RecordReader::Take(const Lane& lane) {
+bool RecordReader::Accept(const Lane& lane) {
   const Transaction& transaction = lane.transaction;
   const std::int64_t inside = result.remaining - 1;
   const auto found = static_cast<std::int64_t>(transaction.RecordCount() - 2);

@@ -140,7 +140,7 @@ class RecordReader {
   void AddFollowing();
   void Digest();
   void Parse(Lane& lane, const Record& record);
-  bool Take(const Lane& lane);
+  bool Accept(const Lane& lane);
   Break BreakIn(const Lane& lane, std::int64_t left);
   bool ReadSingle(std::uint64_t start, const OpHeader& record);
   bool Fail(const Break& broken);

@@ -68,7 +68,7 @@ class Scanner final : format::ReadListener {
     const format::RecordHead& head = record;
     const Candidate found = {head, {}, record.End() - record.offset};
     if (record.IsStore()) {
-      TakeBlob(record.offset, found);
+      AddIfSound(record.offset, found);
     } else {
       AddStructure(record.offset, found.size);
       AddDelete(record.offset, found);
@@ -102,8 +102,8 @@ class Scanner final : format::ReadListener {
     return size != 0 && size <= file_.Length() - at;
   }
 
-  // Takes the blob of a store record if the data matches its hash.
-  bool TakeBlob(uint64_t at, const Candidate& record) {
+  // Adds the blob of a store record if the data matches its hash. Returns whether it does.
+  bool AddIfSound(uint64_t at, const Candidate& record) {
     if (!file_.HasDigest(at + format::kStoreHeadSize, record.head.size, record.head.hash))
       return false;
     scan_.records.push_back({at, record.head.size, RecordKind::kBlob, record.hash()});
@@ -132,7 +132,7 @@ class Scanner final : format::ReadListener {
   // which bounds what is digested in vain, and counts as broken until then.
   bool FollowStore(uint64_t at, const Candidate& record, uint64_t limit) {
     const bool goesOn = record.size <= limit - at && LooksLikeRecord(at + record.size);
-    if (goesOn && TakeBlob(at, record)) return true;
+    if (goesOn && AddIfSound(at, record)) return true;
     scan_.records.push_back({at, record.head.size, RecordKind::kBroken, record.hash()});
     return goesOn;
   }
@@ -215,7 +215,7 @@ class Scanner final : format::ReadListener {
       scan_.stoppedProbing = scan_.stoppedProbing || at < scan_.committedEnd;
       return false;
     }
-    if (TakeBlob(at, record)) return true;
+    if (AddIfSound(at, record)) return true;
     spent += record.head.size;
     return false;
   }
