@@ -188,8 +188,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   std::uint32_t CoveredEnd() const;
 
   // Makes the header count exactly what the last Load found, so that the next transaction follows
-  // it. The sequence is for a header that cannot be believed, of which nothing is kept. On failure
-  // the file is in doubt.
+  // it. The sequence replaces that of a damaged header. On failure the file is in doubt.
   void KeepLoaded(std::int32_t sequence);
 
   // Flushes what an earlier opener may have left unflushed. On failure returns false and the file

@@ -1,6 +1,7 @@
-// Saves what a damaged file is about to lose under a name of its own: the path followed by ".kept-"
-// and the first number that is free. A saved file is never overwritten. The number 0 is of a file
-// that was moved and whose place is not taken yet: it alone says why there is no file at the path.
+// Sets aside what a damaged file is about to lose, under a name of its own: the path followed by
+// ".kept-" and the first number that is free. What was set aside is never overwritten. The number 0
+// is for a file that was moved and whose place is not taken yet: it alone says why there is no file
+// at the path.
 #pragma once
 
 #include <string>
@@ -14,7 +15,7 @@ constexpr unsigned kMaxCopies = 9999;
 // Renames a file that no opener holds. Throws std::runtime_error.
 void MoveAside(const std::string& path);
 bool IsMovedAside(const std::string& path);
-// Whether something of the file was ever saved.
+// Whether something of the file was ever set aside.
 bool HasCopy(const std::string& path);
 
 // Once there is a new file at the path, gives one that was moved aside its number. Returns its
