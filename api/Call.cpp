@@ -19,7 +19,7 @@ Call::Call(const char* callName, int storeIndex)
     refused_ = !Refuse(FailureCode::NoStore, Text("no store has the index = ", index_));
     return;
   }
-  BelongsTo(*entry);
+  ReportTo(*entry);
   store_ = entry->store.get();
 }
 
@@ -39,7 +39,7 @@ void Call::NoteIfNotLoaded() const {
   trace::NoteLine(false, "%s: the store is not loaded", name_);
 }
 
-bool Call::MayChangeRegistry() {
+bool Call::RequireOutermost() {
   return !RefuseNested();
 }
 
@@ -51,17 +51,17 @@ bool Call::RefuseNested() {
   return true;
 }
 
-void Call::BelongsTo(registry::Entry& entry) const {
+void Call::ReportTo(registry::Entry& entry) const {
   if (outerCalls_ > 0) return;
   entry.failures.Begin();
   SendTo(&entry.failures);
 }
 
-bool Call::HasBytes(const char* argument, const unsigned char* data, const char* sizeName,
-                    int size) {
+bool Call::RequireBytes(const char* argument, const unsigned char* data, const char* sizeName,
+                        int size) {
   if (refused_) return false;
   if (size < 0) return Refuse(FailureCode::Argument, Text(sizeName, " = ", size, " is negative"));
-  return size == 0 || Has(argument, data);
+  return size == 0 || Require(argument, data);
 }
 
 bool Call::Refuse(FailureCode code, const std::string& text) {

@@ -56,19 +56,20 @@ class Call {
   explicit operator bool() const { return !refused_; }
   BlobController& Store() const { return *store_; }
 
-  // For a call that opens or disposes of a store: false if it is refused.
-  bool MayChangeRegistry();
+  // For a call that opens or disposes of a store. False, after a message, inside another call.
+  bool RequireOutermost();
 
   // Sends what is traced to a store's text from here on, unless this runs inside another call.
-  void BelongsTo(registry::Entry& entry) const;
+  void ReportTo(registry::Entry& entry) const;
 
   // False if pointer is null, after a message, or if the call is refused.
-  bool Has(const char* argument, const void* pointer) {
+  bool Require(const char* argument, const void* pointer) {
     if (!refused_ && pointer == nullptr) Refuse(FailureCode::Argument, Text(argument, " is null"));
     return !refused_ && pointer != nullptr;
   }
-  // Whether size bytes at data can be a blob. argument is the name of data.
-  bool HasBytes(const char* argument, const unsigned char* data, const char* sizeName, int size);
+  // False, after a message, if size bytes at data cannot be a blob. argument is the name of data.
+  bool RequireBytes(const char* argument, const unsigned char* data, const char* sizeName,
+                    int size);
 
   // Writes the name of the call and the text as a warning; false.
   bool Refuse(FailureCode code, const std::string& text);

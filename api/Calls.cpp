@@ -64,14 +64,14 @@ bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
   if (options.packDirs == nullptr) return true;
   if (options.slotCount == 0) return call.Refuse(FailureCode::Argument, "packDirs needs slotCount");
   return std::all_of(options.packDirs, options.packDirs + options.slotCount,
-                     [&call](const char* dir) { return call.Has("packDirs", dir); });
+                     [&call](const char* dir) { return call.Require("packDirs", dir); });
 }
 
 // Registers and loads. The index is set as soon as there is one.
 bool Open(Call& call, const std::string& directory, const BCOptions& options,
           const std::vector<std::string>& packDirs, int& index) {
   index = Initialize(directory);
-  call.BelongsTo(*registry::Find(index));
+  call.ReportTo(*registry::Find(index));
   BlobController& store = StoreAt(index);
   if (options.readOnly != 0) store.SetReadOnly();
   for (const std::string& dir : packDirs) AddPackDir(index, dir);
@@ -85,7 +85,7 @@ bool Open(Call& call, const std::string& directory, const BCOptions& options,
 int BCOpen(const char* directory, const BCOptions* given) {
   Call call("BCOpen");
   BCOptions options;
-  if (!call.MayChangeRegistry() || !call.Has("directory", directory) ||
+  if (!call.RequireOutermost() || !call.Require("directory", directory) ||
       !ReadOptions(call, given, options))
     return -1;
   std::vector<std::string> packDirs;
@@ -118,7 +118,7 @@ namespace {
 
 // Narrows a path. False, after a message, if it is null or a unit's low byte would end it.
 bool Narrow(Call& call, const char* argument, const char16_t* given, std::string& path) {
-  if (!call.Has(argument, given)) return false;
+  if (!call.Require(argument, given)) return false;
   path = Call::Pass([&] { return FileSystem::ConvertString(given); });
   return path.find('\0') == path.npos ||
          call.Refuse(FailureCode::Argument,
@@ -130,7 +130,7 @@ bool Narrow(Call& call, const char* argument, const char16_t* given, std::string
 int BCInitialize(const char16_t* given) {
   Call call("BCInitialize");
   std::string path;
-  if (!call.MayChangeRegistry() || !Narrow(call, "path", given, path)) return -1;
+  if (!call.RequireOutermost() || !Narrow(call, "path", given, path)) return -1;
   return Call::Pass([&] { return Initialize(path); });
 }
 
@@ -172,7 +172,7 @@ namespace {
 // call again.
 int Dispose(int index, bool isOuter) {
   Call call("BCDispose");
-  if (!call.MayChangeRegistry()) return 0;
+  if (!call.RequireOutermost()) return 0;
   if (isOuter) trace::api.notes.WriteWarnV("BCDispose with index = %d", index);
   trace::api.notes.WriteWarnV("BCDispose has been called index = %d", index);
   if (registry::Find(index) == nullptr) return 1;
@@ -195,7 +195,7 @@ int BCDisposeInt(int index) {
 
 int BCStartTransaction(int index, const long long* transactionId) {
   Call call("BCStartTransaction", index);
-  if (!call.Has("transactionId", transactionId)) return 0;
+  if (!call.Require("transactionId", transactionId)) return 0;
   const auto low = static_cast<std::uint32_t>(*transactionId);
   trace::WriteEvent(trace::kEventStartTransaction, low);
   RTTrace_2(0x4F00027A, Word(index), low);
@@ -204,7 +204,7 @@ int BCStartTransaction(int index, const long long* transactionId) {
 
 int BCEndTransaction(int index, const long long* transactionId) {
   Call call("BCEndTransaction", index);
-  if (!call.Has("transactionId", transactionId)) return 0;
+  if (!call.Require("transactionId", transactionId)) return 0;
   const auto low = static_cast<std::uint32_t>(*transactionId);
   trace::WriteEvent(trace::kEventEndTransaction, low);
   RTTrace_2(0x4F00027C, Word(index), low);
@@ -224,7 +224,7 @@ int BCAbandonTransaction(int index) {
 
 int BCStoreInt(int index, unsigned char* hash, unsigned char* data, int size) {
   Call call("BCStore", index);
-  if (!call.Has("hash", hash) || !call.HasBytes("data", data, "size", size)) return 0;
+  if (!call.Require("hash", hash) || !call.RequireBytes("data", data, "size", size)) return 0;
   return call.Catch({"BCStore threw an except exception:", 0x0F000272, hash}, 0, [&] {
     trace::WriteHashEvent(trace::kEventStore, hash);
     return call.Store().Store(api::PairOf(hash, data, size));
@@ -237,7 +237,7 @@ int BCStore(int index, unsigned char* hash, unsigned char* data, int size) {
 
 int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut) {
   Call call("BCPut", index);
-  if (!call.HasBytes("data", data, "size", size) || !call.Has("hashOut", hashOut)) return 0;
+  if (!call.RequireBytes("data", data, "size", size) || !call.Require("hashOut", hashOut)) return 0;
   return call.Catch({"BCPut threw an exception:", 0x0F000272}, 0, [&] {
     Hash hash;
     const bool stored = call.Store().Put(data, Word(size), hash);
@@ -250,7 +250,7 @@ int BCPut(int index, const unsigned char* data, int size, unsigned char* hashOut
 int BCStoreFrom(int index, const unsigned char* hash, uint64_t size, BCSource* source,
                 void* context) {
   Call call("BCStoreFrom", index);
-  if (!call.Has("hash", hash) || !call.Has("source", reinterpret_cast<const void*>(source)))
+  if (!call.Require("hash", hash) || !call.Require("source", reinterpret_cast<const void*>(source)))
     return 0;
   if (size > format::kMaxFileSize)
     return call.Refuse(FailureCode::Argument,
@@ -271,7 +271,7 @@ int PutGroup(Call& call, BCBlob* blobs, int count) {
   MD5Message messages[kPutGroup];
   Hash hashes[kPutGroup];
   int valid = 0;
-  for (; valid < count && call.HasBytes("data", blobs[valid].data, "size", blobs[valid].size);
+  for (; valid < count && call.RequireBytes("data", blobs[valid].data, "size", blobs[valid].size);
        ++valid)
     messages[valid] = {blobs[valid].data, Word(blobs[valid].size), blobs[valid].hash};
   DigestMany(messages, static_cast<std::size_t>(valid));
@@ -288,7 +288,7 @@ int PutGroup(Call& call, BCBlob* blobs, int count) {
 
 int BCPutMany(int index, BCBlob* blobs, int count) {
   Call call("BCPutMany", index);
-  if (!call || count <= 0 || !call.Has("blobs", blobs)) return 0;
+  if (!call || count <= 0 || !call.Require("blobs", blobs)) return 0;
   int stored = 0;
   call.Catch({"BCPutMany threw an exception:", 0x0F000272}, 0, [&] {
     for (bool isWhole = true; isWhole && stored < count;) {
@@ -304,7 +304,7 @@ int BCPutMany(int index, BCBlob* blobs, int count) {
 
 int BCDeleteInt(int index, unsigned char* hash) {
   Call call("BCDelete", index);
-  if (!call.Has("hash", hash)) return 0;
+  if (!call.Require("hash", hash)) return 0;
   return call.Catch({"BCDelete threw an exception:", 0x0F000274, hash, " hash ="}, 0, [&] {
     trace::WriteHashEvent(trace::kEventDelete, hash);
     return call.Store().Delete(api::ToHash(hash));
@@ -317,7 +317,7 @@ int BCDelete(int index, unsigned char* hash) {
 
 int BCDeleteMany(int index, const unsigned char (*bytes)[BLOBRING_HASH_SIZE], int count) {
   Call call("BCDeleteMany", index);
-  if (count <= 0 || !call.Has("hashes", bytes)) return 0;
+  if (count <= 0 || !call.Require("hashes", bytes)) return 0;
   int deleted = 0;
   call.Catch({"BCDeleteMany threw an exception:", 0x0F000274}, 0, [&] {
     Hash hashes[kPutGroup];
@@ -348,7 +348,7 @@ int BCRepack(int index) {
 
 int BCGetStatistics(int index, BCStatistics* statistics) {
   Call call("BCGetStatistics", index);
-  if (!call.Has("statistics", statistics)) return 0;
+  if (!call.Require("statistics", statistics)) return 0;
   const std::uint32_t size = statistics->size;
   if (size < kFirstStatisticsSize)
     return call.Refuse(FailureCode::Argument, "size = " + std::to_string(size) + ", must be " +
@@ -394,7 +394,7 @@ int BCLastSystemError(int index) {
 
 int BCMD5ChkSumInt(const unsigned char* data, unsigned int length, unsigned char* digest) {
   Call call("BCMD5ChkSum");
-  if (!call.Has("digest", digest) || (length > 0 && !call.Has("data", data))) return 0;
+  if (!call.Require("digest", digest) || (length > 0 && !call.Require("data", data))) return 0;
   return call.Catch({"BCMD5ChkSum threw an exception:"}, 0, [&] {
     MD5 md5;
     md5.update(data, length);
@@ -421,7 +421,7 @@ int BCCacheStats() {
 int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   Call call("FilterException");
   registry::Entry* entry = registry::Find(index);
-  if (entry != nullptr) call.BelongsTo(*entry);
+  if (entry != nullptr) call.ReportTo(*entry);
   if (code != EXCEPTION_ACCESS_VIOLATION) {
     trace::api.WriteWarnV("FilterException() except: unknown exception %d", code);
     RTTrace_2(0x0F000263, code, Word(index));

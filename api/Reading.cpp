@@ -12,7 +12,7 @@ using api::Word;
 
 int BCGetSizeInt(int index, unsigned char* hash) {
   Call call("BCGetSize", index);
-  if (!call.Has("hash", hash)) return BLOBRING_SIZE_FAILED;
+  if (!call.Require("hash", hash)) return BLOBRING_SIZE_FAILED;
   return call.Catch({"BCGetSize threw an exception:", 0x0F000276}, BLOBRING_SIZE_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGetSize, hash);
     call.NoteIfNotLoaded();
@@ -26,7 +26,7 @@ int BCGetSize(int index, unsigned char* hash) {
 
 int BCGetInt(int index, unsigned char* hash, unsigned char* buffer, int size) {
   Call call("BCGet", index);
-  if (!call.Has("hash", hash) || !call.HasBytes("buffer", buffer, "size", size))
+  if (!call.Require("hash", hash) || !call.RequireBytes("buffer", buffer, "size", size))
     return BLOBRING_FAILED;
   return call.Catch({"BCGet threw an exception:", 0x0F000278, hash}, BLOBRING_FAILED, [&] {
     BlobPair pair = api::PairOf(hash, buffer, size);
@@ -80,7 +80,7 @@ int FetchGroup(Call& call, BCFetchItem* items, std::size_t count) {
   std::size_t n = 0;
   for (BCFetchItem* item = items; item != items + count; ++item) {
     trace::WriteHashEvent(trace::kEventGet, item->hash);
-    if (!call.HasBytes("buffer", item->buffer, "capacity", item->capacity)) continue;
+    if (!call.RequireBytes("buffer", item->buffer, "capacity", item->capacity)) continue;
     hashes[n] = api::ToHash(item->hash);
     wanted[n] = {item->buffer, Word(item->capacity)};
     valid[n++] = item;
@@ -99,8 +99,8 @@ int FetchGroup(Call& call, BCFetchItem* items, std::size_t count) {
 int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity, int* size) {
   if (size != nullptr) *size = 0;
   Call call("BCFetch", index);
-  if (!call.Has("hash", hash) || !call.Has("size", size) ||
-      !call.HasBytes("buffer", buffer, "capacity", capacity))
+  if (!call.Require("hash", hash) || !call.Require("size", size) ||
+      !call.RequireBytes("buffer", buffer, "capacity", capacity))
     return BLOBRING_FAILED;
   return call.Catch({"BCFetch threw an exception:"}, BLOBRING_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGet, hash);
@@ -112,7 +112,7 @@ int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int cap
 
 int BCRead(int index, const unsigned char* hash, BCSink* sink, void* context) {
   Call call("BCRead", index);
-  if (!call.Has("hash", hash) || !call.Has("sink", reinterpret_cast<const void*>(sink)))
+  if (!call.Require("hash", hash) || !call.Require("sink", reinterpret_cast<const void*>(sink)))
     return BLOBRING_FAILED;
   return call.Catch({"BCRead threw an exception:"}, BLOBRING_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGet, hash);
@@ -130,7 +130,7 @@ int BCFetchMany(int index, BCFetchItem* items, int count) {
     items[i].result = BLOBRING_FAILED;
   }
   Call call("BCFetchMany", index);
-  if (end == 0 || !call.Has("items", items)) return 0;
+  if (end == 0 || !call.Require("items", items)) return 0;
   int fetched = 0;
   call.Catch({"BCFetchMany threw an exception:"}, 0, [&] {
     for (std::size_t at = 0; at < end; at += BlobController::kMostWanted)
@@ -145,7 +145,7 @@ namespace {
 using HashBytes = unsigned char[BLOBRING_HASH_SIZE];
 
 int NextHashes(Call& call, const unsigned char* after, HashBytes* next, int capacity) {
-  if (!call.Has("next", next)) return -1;
+  if (!call.Require("next", next)) return -1;
   if (!call.Store().IsLoaded()) {
     call.Refuse(FailureCode::Closed, "the store is not loaded");
     return -1;
@@ -184,7 +184,7 @@ int BCGetAllBlobHashesReset(int index) {
 
 int BCGetAllBlobHashes(int index, unsigned char* hash, int traceArg) {
   Call call("BCGetAllBlobHashes", index);
-  if (!call.Has("hash", hash)) return 0;
+  if (!call.Require("hash", hash)) return 0;
   return call.Catch({"BCGetAllBlobHashes threw an exception", 0x0F000282}, 0, [&] {
     RTTrace_2(0x4F000281, Word(index), Word(traceArg));
     trace::WriteEvent(trace::kEventEnumerate, 0);

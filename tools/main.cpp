@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   try {
     return Run(argc, argv);
-  } catch (const tool::Failure& failure) {
+  } catch (const tool::CommandError& failure) {
     tool::Say("{}", failure.what());
     return failure.status();
   } catch (const blobring::Error& error) {

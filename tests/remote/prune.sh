@@ -68,7 +68,7 @@ same "$(blobring push -q --json one s3://fleet/lied 2>said | field blobs)" 100
 grep -q "packs/.* does not hold what an index says" said
 gives s3://fleet/lied one
 sleep 7
-# Three quarters of the pack are dead: the rest moves, and the pack goes a time of grace later.
+# Three quarters of the pack are dead: the rest moves, and the pack goes a grace period later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
 expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
 expect 0 "0 objects deleted" remote prune "$url"

@@ -34,30 +34,30 @@ inline constexpr std::array kStatusTexts = {
     StatusText{kInterrupted, "interrupted"},
 };
 
-class Failure : public std::runtime_error {
+class CommandError : public std::runtime_error {
  public:
   template <class... T>
-  explicit Failure(fmt::format_string<T...> text, T&&... values)
+  explicit CommandError(fmt::format_string<T...> text, T&&... values)
       : std::runtime_error(fmt::format(text, std::forward<T>(values)...)) {}
 
   virtual ExitStatus status() const = 0;
 };
 
 template <ExitStatus kStatus>
-class FailureOf : public Failure {
+class CommandErrorOf : public CommandError {
  public:
-  using Failure::Failure;
+  using CommandError::CommandError;
   ExitStatus status() const override { return kStatus; }
 };
 
 // The store, a blob or a file is at fault.
-class Fault : public FailureOf<kFault> {
-  using FailureOf::FailureOf;
+class Fault : public CommandErrorOf<kFault> {
+  using CommandErrorOf::CommandErrorOf;
 };
 
 // The request makes no sense or is refused.
-class UsageError : public FailureOf<kUsage> {
-  using FailureOf::FailureOf;
+class UsageError : public CommandErrorOf<kUsage> {
+  using CommandErrorOf::CommandErrorOf;
 };
 
 // What is meant by the request fits several.
@@ -66,13 +66,13 @@ class Ambiguous : public UsageError {
 };
 
 // What was asked for is not there.
-class NothingFound : public FailureOf<kNothing> {
-  using FailureOf::FailureOf;
+class NothingFound : public CommandErrorOf<kNothing> {
+  using CommandErrorOf::CommandErrorOf;
 };
 
 // The user asked to stop. The text says what is safe.
-class Interrupted : public FailureOf<kInterrupted> {
-  using FailureOf::FailureOf;
+class Interrupted : public CommandErrorOf<kInterrupted> {
+  using CommandErrorOf::CommandErrorOf;
 };
 
 }  // namespace tool

@@ -101,8 +101,8 @@ ExitStatus Check(const CheckOptions& options) {
   std::vector<BlobFault> faults = FindFaults(*opened, !options.structure);
   for (int attempt = 0; !faults.empty() && opened->IsStale(); ++attempt) {
     if (attempt == kMostAttempts)
-      throw FailureOf<kHeld>("{} changed each time it was read: another process is at work on it",
-                             opened->path());
+      throw CommandErrorOf<kHeld>(
+          "{} changed each time it was read: another process is at work on it", opened->path());
     opened.emplace(options.at);  // what was read had been overwritten by a repack
     faults = FindFaults(*opened, !options.structure);
   }

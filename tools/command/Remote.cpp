@@ -53,8 +53,8 @@ ExitStatus InitRemote(const InitOptions& options) {
   if (!config.etagIsMd5)
     Say("the ETags of this service are no MD5 digests: check compares sizes alone, unless it reads "
         "the data");
-  Inform("{} is a remote: a push must be through within {}, what is to go stays for {}",
-         options.remote.url, options.pushWithin, options.grace);
+  Inform("{} is a remote: pushes must finish within {}, garbage is kept for {}", options.remote.url,
+         options.pushWithin, options.grace);
   Inform(
       "all who may write there rely on each other; a device that must not harm others gets a "
       "prefix of its own");
@@ -164,7 +164,7 @@ void AddOptions(CLI::App& command, RemoteOptions& remote) {
 
 void AddPush(CommandLine& line) {
   auto [command, options] = line.Add(
-      Group::kLook,
+      Group::kWork,
       {"push", "upload what a remote lacks, and a snapshot",
        "The store is only looked at, and may be in use. Deletes nothing. After an interruption "
        "the next push goes on. Prints the name of the snapshot. Keys come from AWS_ACCESS_KEY_ID "
@@ -195,17 +195,17 @@ void AddPull(CommandLine& line) {
 void AddInit(CommandLine& line) {
   auto [command, options] =
       line.Add(Group::kWork,
-               {"remote init", "make a place in an S3 service one to push to", "",
+               {"remote init", "initialise a remote in an S3 bucket", "",
                 "blobring remote init s3://fleet/all --endpoint https://s3.example.org"},
                InitRemote);
   AddUrl(command, options.remote);
   command
       .add_option("--push-within", options.pushWithin,
-                  "how long a push may take until it starts over (default 24h)")
+                  "how long a push may take before it starts over (default 24h)")
       ->type_name("TIME");
   command
       .add_option("--grace", options.grace,
-                  "how long prune keeps what is to go, longer than that (default 72h)")
+                  "how long prune keeps garbage, longer than a push (default 72h)")
       ->type_name("TIME");
   command.add_flag("--create-bucket", options.createBucket, "make the bucket if need be");
 }
@@ -251,7 +251,7 @@ void AddPrune(CommandLine& line) {
   auto [command, options] = line.Add(
       Group::kWork,
       {"remote prune", "forget snapshots, and delete what none needs",
-       "What is to go is marked first, and deleted by a prune that runs after the time of grace. "
+       "Marks garbage; a later prune deletes it once the grace period has passed. "
        "A snapshot stays if one of the options keeps it; without any, all whole ones stay.",
        "blobring remote prune s3://fleet/all --keep-last 7 --keep-within 30d"},
       Prune);
@@ -259,10 +259,10 @@ void AddPrune(CommandLine& line) {
   command.add_option("--keep-last", options.keepLast, "snapshots to keep of each store")
       ->type_name("N")
       ->check(CLI::Range(1U, 1000000U));
-  command.add_option("--keep-daily", options.keepDaily, "of so many days the last one of each")
+  command.add_option("--keep-daily", options.keepDaily, "the last snapshot of each of N days")
       ->type_name("N")
       ->check(CLI::Range(1U, 1000000U));
-  command.add_option("--keep-weekly", options.keepWeekly, "of so many weeks the last one of each")
+  command.add_option("--keep-weekly", options.keepWeekly, "the last snapshot of each of N weeks")
       ->type_name("N")
       ->check(CLI::Range(1U, 1000000U));
   command.add_option("--keep-within", options.keepWithin, "keep those that are younger")

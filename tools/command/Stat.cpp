@@ -4,7 +4,7 @@
 #include "tools/base/Console.h"
 #include "tools/base/Json.h"
 #include "tools/command/Commands.h"
-#include "tools/view/Objects.h"
+#include "tools/view/JsonObjects.h"
 #include "tools/view/StoreView.h"
 
 namespace tool {
@@ -31,7 +31,7 @@ std::string AsText(const StoreView& view, const Json& stat) {
   text += fmt::format("blobs     {}\n", view.blobs().size()) + row("live", view.liveBytes()) +
           row("dead", view.deadBytes()) + row("disk", stat["disk_bytes"]);
   if (stat["unused_bytes"] != 0) text += row("unused", stat["unused_bytes"]);
-  text += fmt::format("repack    gives back {}, writes {}, {} of the largest pack\n",
+  text += fmt::format("repack    frees {}; new pack {} ({} of the largest)\n",
                       HumanSize(view.deadBytes()), HumanSize(view.repackedBytes()),
                       share(view.repackedBytes()));
   if (!view.isSingleFile())

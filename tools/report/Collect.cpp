@@ -8,8 +8,8 @@
 #include "tools/base/Interrupt.h"
 #include "tools/report/Regions.h"
 #include "tools/view/Faults.h"
+#include "tools/view/JsonObjects.h"
 #include "tools/view/Naming.h"
-#include "tools/view/Objects.h"
 #include "tools/view/Rest.h"
 #include "tools/view/StoreView.h"
 

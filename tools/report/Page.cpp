@@ -12,7 +12,7 @@
 #include "tools/base/Console.h"
 #include "tools/report/Assets.h"
 #include "tools/report/Html.h"
-#include "tools/view/Objects.h"
+#include "tools/view/JsonObjects.h"
 
 namespace tool {
 namespace {

@@ -22,7 +22,7 @@ blobring::Hash LowestWith(std::string_view digits) {
   padded.resize(2 * format::kHashSize, '0');
   const std::optional<blobring::Hash> lowest = blobring::Hash::parse(padded);
   if (digits.empty() || digits.size() > padded.size() || !lowest)
-    throw UsageError("\"{}\" is no hash: wanted up to 32 hexadecimal digits", digits);
+    throw UsageError("not a hash: \"{}\" (expected up to 32 hexadecimal digits)", digits);
   return *lowest;
 }
 

@@ -185,8 +185,8 @@ StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   for (const Holder& holder : holders_)
     Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid, holder.command);
   if (isStale)
-    throw FailureOf<kHeld>("{} changed each time it was read: another process is at work on it",
-                           path_);
+    throw CommandErrorOf<kHeld>(
+        "{} changed each time it was read: another process is at work on it", path_);
   for (const std::string& text : findings_) Say("{}", text);
   for (const std::string& text : notes_) Say("{}", text);
 }

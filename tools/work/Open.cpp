@@ -51,9 +51,9 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   };
   if (!raw.readOnly && !raw.eraseDamaged) RequireLoadable(layout);
   const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
-  TakeTrace(BLOBRING_HOST_WARNING);
+  DrainTrace(BLOBRING_HOST_WARNING);
   const auto sayTrace = [] {
-    for (const std::string& line : TakeTrace(BLOBRING_HOST_WARNING)) Say("{}", line);
+    for (const std::string& line : DrainTrace(BLOBRING_HOST_WARNING)) Say("{}", line);
   };
   try {
     blobring::Store store(layout.store(), raw);
@@ -130,7 +130,7 @@ void InitTrace() {
       nullptr);
 }
 
-std::vector<std::string> TakeTrace(int maxLevel) {
+std::vector<std::string> DrainTrace(int maxLevel) {
   std::vector<std::string> lines;
   for (auto& [level, text] : std::exchange(traced, {}))
     if (level <= maxLevel) lines.push_back(std::move(text));

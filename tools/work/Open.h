@@ -37,7 +37,7 @@ void InitTrace();
 
 // Returns the messages since the last call, at most the first 1000, and forgets them. Up to this
 // level: BLOBRING_HOST_ERROR, or BLOBRING_HOST_WARNING for both.
-std::vector<std::string> TakeTrace(int maxLevel);
+std::vector<std::string> DrainTrace(int maxLevel);
 
 // The cause of a failure and what the user can do about it, then the store's own text.
 std::string Explain(const std::exception& failure);

@@ -1,4 +1,4 @@
-#include "tools/view/Objects.h"
+#include "tools/view/JsonObjects.h"
 
 #include <algorithm>
 #include <array>
