@@ -3,10 +3,10 @@ source "$(dirname "$0")/support.sh"
 gateway
 url=s3://fleet/all
 
-# costs COMMAND...: leaves what the command says of itself in said.json. Memory: 64 MiB, and 12 for
+# costs COMMAND...: leaves what the command says of itself in said.json. Memory: 192 MiB, and 12 for
 # 100,000 blobs of a store, an index and a snapshot; or $most.
 costs() {
-  python3 - "${most:-76}" "$@" <<'PY'
+  python3 - "${most:-204}" "$@" <<'PY'
 import json, resource, subprocess, sys, time
 most, *command = sys.argv[1:]
 began = time.monotonic()

@@ -20,12 +20,16 @@ pids=($!)
 blobring remote init -q s3://fleet/lapses --push-within 3s --grace 4s
 pushes a s3://fleet/lapses --cache lapses.cache &
 pids+=($!)
-# The store is repacked until what was being read is overwritten.
+# The store is repacked until what is yet to be read is overwritten.
 blobring remote init -q s3://fleet/repacked
 cp -r a b
-pushes b s3://fleet/repacked &
+"$tool" push b s3://fleet/repacked --limit-rate 16384 >repacked 2>repacked.err &
 pids+=($!)
-(sleep 2; blobring repack -q b; blobring repack -q b) &
+until compgen -G "b/remote/*/pending/*" >/dev/null; do sleep 0.1; done
+kill -STOP $!
+blobring repack -q b
+blobring repack -q b
+kill -CONT $!
 
 sleep 8
 while jobs -r | grep -q .; do

@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cwchar>
 #include <cwctype>
+#include <mutex>
 #include <utility>
 
 #include "tools/base/Interrupt.h"
@@ -38,6 +39,7 @@ size_t LineWidth() {
   return isKnown ? size.ws_col - 1U : 79U;
 }
 
+std::mutex mutex;        // of what follows
 bool lineShown = false;  // the cursor stands on a progress line
 bool isHolding = false;
 std::string heldLines;
@@ -58,6 +60,7 @@ void InitConsole() {
 
 void SayText(std::string_view text) {
   const std::string line = fmt::format("blobring: {}\n", Printable(text));
+  const std::lock_guard lock(mutex);
   if (isHolding)
     heldLines += line;
   else
@@ -118,6 +121,7 @@ Progress::Progress(std::string verb, uint64_t totalItems, uint64_t totalBytes)
       next_(start_ + kFirstAfter) {}
 
 Progress::~Progress() {
+  const std::lock_guard lock(mutex);
   Write("");
 }
 
@@ -163,6 +167,7 @@ void Progress::Show(uint64_t items, uint64_t bytes) {
   if (now < next_) return;
   next_ = now + (IsTerminal() ? Clock::duration(kRewriteAfter) : Clock::duration(kNextLineAfter));
   std::string line = Line();
+  const std::lock_guard lock(mutex);
   if (IsTerminal()) {
     line.resize(std::min(line.size(), LineWidth()));
     fmt::print(stderr, "\r\x1b[K{}", line);

@@ -1,4 +1,5 @@
-// Standard error: messages and progress.
+// Standard error: messages and progress. Threads: any may write messages, and show a Progress of
+// its own.
 #pragma once
 
 #include <fmt/format.h>

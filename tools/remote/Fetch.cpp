@@ -1,7 +1,9 @@
 #include "tools/remote/Fetch.h"
 
 #include <algorithm>
+#include <future>
 #include <tuple>
+#include <utility>
 
 #include "pack/format/Format.h"
 #include "tools/base/Console.h"
@@ -14,6 +16,8 @@ namespace {
 // below three times what is wanted.
 constexpr uint64_t kMaxGap = uint64_t{256} * 1024;
 constexpr uint64_t kMostTimes = 3;
+// What arrives before it is digested side by side.
+constexpr uint64_t kBatchBytes = uint64_t{32} << 20;
 
 struct Piece {
   std::string pack;
@@ -53,26 +57,43 @@ void AddPieces(std::vector<Piece>& pieces, const std::string& pack, uint64_t pac
   }
 }
 
-// The file has the pack from `base` on. False if one of the blobs is not where it should be.
-bool TakeFrom(const Spool& file, uint64_t base, const Piece& piece, Buffer& buffer,
-              const std::function<void(const FetchedBlob&)>& take) {
-  bool isWhole = true;
-  for (const Place& place : piece.places) {
-    const size_t size = format::kStoreHeadSize + size_t{place.size};
-    Grow(buffer, size);
-    if (file.Read(place.offset - base, buffer.data(), size) != size) {
-      isWhole = false;
-      continue;
+// A piece that was read: the pack, from `base` on.
+struct Arrived {
+  const Piece* piece;
+  std::shared_ptr<Spool> file;
+  uint64_t base;
+};
+
+// Hands over the blobs of pieces, digested side by side.
+void Take(std::vector<Arrived> pieces, const std::function<void(const FetchedBlob&)>& take,
+          std::set<std::string>& badPacks) {
+  std::vector<Spool::Bytes> mapped;
+  std::vector<std::string_view> texts;
+  std::vector<std::pair<const Piece*, FetchedBlob>> blobs;
+  for (const auto& [piece, file, base] : pieces) {
+    const std::string_view bytes = mapped.emplace_back(file->Map()).text;
+    for (const Place& place : piece->places) {
+      const uint64_t end = place.end() - base;
+      format::RecordHead head = {};
+      if (end <= bytes.size())
+        head = format::RecordHead::Decode(
+            reinterpret_cast<const unsigned char*>(&bytes[end - RecordSize(place)]));
+      if (end > bytes.size() || head.op.op != format::kOpStore || head.size != place.size) {
+        badPacks.insert(piece->pack);
+        continue;
+      }
+      texts.push_back(bytes.substr(end - place.size, place.size));
+      blobs.push_back({piece, {place, head.op.transactionId, texts.back()}});
     }
-    const auto head =
-        format::RecordHead::Decode(reinterpret_cast<const unsigned char*>(buffer.data()));
-    const std::string_view data(buffer.data() + format::kStoreHeadSize, place.size);
-    if (head.op.op == format::kOpStore && head.size == place.size && DigestOf(data) == place.hash)
-      take({place, head.op.transactionId, data});
-    else
-      isWhole = false;
   }
-  return isWhole;
+  const std::vector<blobring::Hash> digests = DigestsOf(texts);
+  for (size_t i = 0; i < blobs.size(); ++i) {
+    const auto& [piece, blob] = blobs[i];
+    if (digests[i] == blob.place.hash)
+      take(blob);
+    else
+      badPacks.insert(piece->pack);
+  }
 }
 
 }  // namespace
@@ -90,18 +111,29 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
     AddPieces(pieces, index.packs[begin->pack], packSizes[begin->pack], {begin, end});
     begin = end;
   }
-  Buffer buffer;
+  std::vector<Arrived> arrived;
+  uint64_t arrivedBytes = 0;
+  std::future<void> taking;  // the last: its end waits for the thread
+  const auto takeArrived = [&] {
+    if (taking.valid()) taking.get();
+    // Not std::launch::async: where no thread can be had, the next call takes them.
+    taking = std::async(Take, std::exchange(arrived, {}), std::cref(take), std::ref(badPacks));
+    arrivedBytes = 0;
+  };
   for (const Piece& piece : pieces) {
-    const auto file = std::make_shared<Spool>();
+    const auto file = std::make_shared<Spool>(piece.range ? piece.range->size : piece.packSize);
     const auto done = [&, file](Reply& reply) {
-      // 206 is a range; a service may also send the whole object.
+      // 206 is a range; a service may also send the whole object. The file is empty if it is gone.
       const uint64_t base = piece.range && reply.status == 206 ? piece.range->offset : 0;
-      if (reply.status / 100 != 2 || !TakeFrom(*file, base, piece, buffer, take))
-        badPacks.insert(piece.pack);
+      arrived.push_back({&piece, file, base});
+      arrivedBytes += file->size();
+      if (arrivedBytes >= kBatchBytes) takeArrived();
     };
     remote.objects.StartGet(PackKey(piece.pack), piece.packSize, piece.range, file, done);
   }
   remote.objects.http().Finish();
+  takeArrived();
+  taking.get();
 }
 
 PackContents ReadPack(const std::string& key, const Spool& file) {
@@ -110,16 +142,14 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
     pack.findings.push_back(key + " " + what);
   };
   pack.index.packs = {NameIn(key)};
+  const Spool::Bytes bytes = file.Map();
   const FileHead head = ReadHead(file.path());
   SalvageFile salvage(file.path());
-  Buffer buffer;
   uint64_t damagedCount = 0;
   WalkOptions options;
   options.record = [&](const format::Record& record) {
     if (!record.IsStore()) return;
-    Grow(buffer, record.size);
-    const size_t size = file.Read(record.DataOffset(), buffer.data(), record.size);
-    if (DigestOf({buffer.data(), size}) != HashOf(record))
+    if (DigestOf(bytes.text.substr(record.DataOffset(), record.size)) != HashOf(record))
       ++damagedCount;
     else
       pack.index.places.push_back(
@@ -132,7 +162,7 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
   if (damagedCount != 0) find(fmt::format("has {} damaged", Count(damagedCount, "blob")));
   if (walked.end != file.size())
     find(fmt::format("has {} bytes, {} of them sound", file.size(), walked.end));
-  if (file.Digest() != DigestIn(NameIn(key))) find("does not match the digest in its name");
+  if (DigestOf(bytes.text) != DigestIn(NameIn(key))) find("does not match the digest in its name");
   return pack;
 }
 

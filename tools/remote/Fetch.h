@@ -14,7 +14,8 @@ struct FetchedBlob {
   std::string_view data;  // matches the hash
 };
 
-// Hands each blob to `take`, in any order. `places` are ones of `index`. Packs that are gone, or
+// Hands each blob to `take`, in any order, on another thread: what has arrived is taken while more
+// is read. `places` are ones of `index`. Packs that are gone, or
 // that hold something else in one of the places, are added to `badPacks`, and those blobs are left
 // out. Throws Fault, Interrupted and what take() throws.
 void Fetch(Remote& remote, const Index& index, std::vector<Place> places,

@@ -16,8 +16,9 @@ constexpr int kMostTries = 8;
 constexpr int kMostBadDigests = 2;
 constexpr int kMostStalls = 2;
 constexpr long kConnectSeconds = 10;
-constexpr uint64_t kPiece = 16384;  // bytes that a callback moves at most, under a rate limit
-constexpr long kMinSpeed = 1024;    // bytes a second; below it a transfer counts as silent
+constexpr long kPiece = 16384;  // bytes that a callback moves at most, under a rate limit
+constexpr long kPieceWithoutLimit = 512 * 1024;
+constexpr long kMinSpeed = 1024;  // bytes a second; below it a transfer counts as silent
 
 // Errors of the setting, which time does not heal.
 bool IsPermanent(CURLcode result) {
@@ -258,7 +259,9 @@ void Http::Begin(Transfer& transfer) {
   set(CURLOPT_PATH_AS_IS, 1L);  // what is signed is what is sent
   set(CURLOPT_NOSIGNAL, 1L);
   set(CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  if (connection_.limitRate != 0) set(CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(kPiece));
+  const long piece = connection_.limitRate != 0 ? kPiece : kPieceWithoutLimit;
+  set(CURLOPT_UPLOAD_BUFFERSIZE, piece);
+  set(CURLOPT_BUFFERSIZE, piece);
   set(CURLOPT_LOW_SPEED_LIMIT, kMinSpeed);
   set(CURLOPT_LOW_SPEED_TIME, static_cast<long>(connection_.stallSeconds));
   set(CURLOPT_ERRORBUFFER, &transfer.error[0]);

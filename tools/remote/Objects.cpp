@@ -4,6 +4,7 @@
 #include <cctype>
 #include <ctime>
 
+#include "md5/MD5.h"
 #include "tools/base/Error.h"
 
 namespace tool::remote {
@@ -83,6 +84,16 @@ blobring::Hash DigestOf(std::string_view bytes) {
   return blobring::Hash::of(std::as_bytes(std::span(bytes)));
 }
 
+std::vector<blobring::Hash> DigestsOf(const std::vector<std::string_view>& texts) {
+  std::vector<blobring::Hash> hashes(texts.size());
+  std::vector<MD5Message> messages;
+  for (size_t i = 0; i < texts.size(); ++i)
+    messages.push_back(
+        {reinterpret_cast<const uint8_t*>(texts[i].data()), texts[i].size(), hashes[i].data()});
+  DigestMany(messages.data(), messages.size());
+  return hashes;
+}
+
 Objects::Objects(const Connection& connection)
     : bucket_(connection.bucket), prefix_(connection.prefix), http_(connection) {}
 
@@ -138,13 +149,6 @@ Request Objects::PutRequest(const std::string& key, const blobring::Hash& digest
   request.headers = {"Content-MD5: " + Base64(digest), "Content-Type: application/octet-stream"};
   request.what = "upload " + prefix_ + key;
   return request;
-}
-
-void Objects::Put(const std::string& key, std::string body, const blobring::Hash& digest,
-                  Http::Done done) {
-  Request request = PutRequest(key, digest);
-  request.body = std::move(body);
-  http_.Start(std::move(request), std::move(done));
 }
 
 void Objects::Put(const std::string& key, std::shared_ptr<Spool> body, const blobring::Hash& digest,

@@ -41,7 +41,6 @@ class Objects {
 
   // Stores an object; the service compares it with `digest`, its MD5. done() follows once it is
   // acknowledged.
-  void Put(const std::string& key, std::string body, const blobring::Hash& digest, Http::Done done);
   void Put(const std::string& key, std::shared_ptr<Spool> body, const blobring::Hash& digest,
            Http::Done done);
   void Put(const std::string& key, std::string body);  // and waits
@@ -75,5 +74,6 @@ class Objects {
 std::string UrlEncoded(std::string_view text, bool keepSlash);
 std::string Base64(const blobring::Hash& digest);
 blobring::Hash DigestOf(std::string_view bytes);
+std::vector<blobring::Hash> DigestsOf(const std::vector<std::string_view>& texts);  // side by side
 
 }  // namespace tool::remote

@@ -1,85 +1,86 @@
 #include "tools/remote/PackBuilder.h"
 
 #include <algorithm>
-#include <vector>
+
+#include "tools/remote/Objects.h"
 
 namespace tool::remote {
 namespace {
 
 constexpr uint64_t kRecordsBegin = format::kFileHeaderSize + format::kStartSize;
-constexpr size_t kGather = size_t{1} << 20;
 
-void Update(MD5& digest, std::string_view bytes) {
-  digest.update(reinterpret_cast<const uint8_t*>(bytes.data()),
-                static_cast<uint32_t>(bytes.size()));
+// The file header and the start of the transaction.
+std::string FrontOf(const BuiltPack& pack, const blobring::Hash& bodyDigest) {
+  uint32_t maxBlobSize = 0;
+  for (const Place& place : pack.index.places) maxBlobSize = std::max(maxBlobSize, place.size);
+  format::FileHeader header;
+  header.maxBlobSize = std::max(format::kInitialMaxBlobSize, maxBlobSize);
+  header.recordCount = static_cast<uint32_t>(pack.index.places.size()) + 2;
+  header.mode = 1;
+  header.endOffset = static_cast<uint32_t>(pack.file->size());
+  format::TransactionBlock block;
+  block.maxBlobSize = maxBlobSize;
+  block.length = static_cast<uint32_t>(pack.file->size() - format::kEndSize - kRecordsBegin);
+  std::memcpy(block.digest, bodyDigest.data(), format::kDigestSize);
+  unsigned char front[kRecordsBegin];
+  header.Encode(front);
+  format::OpHeader{format::kOpStartTransaction, 0}.Encode(front + format::kFileHeaderSize);
+  block.Encode(front + format::kFileHeaderSize + format::kOpHeaderSize);
+  return {reinterpret_cast<const char*>(front), sizeof front};
 }
 
 }  // namespace
 
 bool PackBuilder::IsFullFor(uint64_t blobSize) const {
-  return !empty() && end_ + format::kStoreHeadSize + blobSize + format::kEndSize > kPackSize;
-}
-
-void PackBuilder::WriteOut() {
-  Update(digest_, gathered_);
-  pack_.file->Append(gathered_);
-  gathered_.clear();
+  uint64_t bytes = blobSize;
+  for (const BuiltPack& pack : packs_) bytes += pack.file->size();
+  return !packs_.empty() && bytes > 4 * kPackSize;
 }
 
 void PackBuilder::Add(const blobring::Hash& hash, int64_t transactionId, std::string_view data) {
-  if (empty()) {
-    pack_.file = std::make_shared<Spool>();
-    pack_.file->Append(std::string(kRecordsBegin, '\0'));
-    digest_.init();
-    end_ = kRecordsBegin;
-    maxBlobSize_ = 0;
+  const uint64_t recordSize = format::kStoreHeadSize + data.size();
+  if (packs_.empty() || packs_.back().file->size() + recordSize + format::kEndSize > kPackSize) {
+    const uint64_t alone = kRecordsBegin + recordSize + format::kEndSize;
+    packs_.emplace_back().file = std::make_shared<Spool>(std::max(kPackSize, alone));
+    packs_.back().file->Append(std::string(kRecordsBegin, '\0'));
   }
+  BuiltPack& pack = packs_.back();
   const auto size = static_cast<uint32_t>(data.size());
-  pack_.index.places.push_back({hash, 0, static_cast<uint32_t>(end_), size});
+  pack.index.places.push_back({hash, 0, static_cast<uint32_t>(pack.file->size()), size});
+  pack.blobBytes += size;
   format::RecordHead head{{format::kOpStore, transactionId}, {}, size};
   std::memcpy(head.hash, hash.data(), format::kHashSize);
   unsigned char bytes[format::kStoreHeadSize];
   head.Encode(bytes);
-  gathered_.append(reinterpret_cast<const char*>(bytes), sizeof bytes);
-  if (gathered_.size() + data.size() > kGather) {
-    WriteOut();
-    Update(digest_, data);
-    pack_.file->Append(data);
-  } else {
-    gathered_ += data;
-  }
-  end_ += format::kStoreHeadSize + data.size();
-  pack_.blobBytes += data.size();
-  maxBlobSize_ = std::max(maxBlobSize_, size);
+  pack.file->Append({reinterpret_cast<const char*>(bytes), sizeof bytes});
+  pack.file->Append(data);
 }
 
-BuiltPack PackBuilder::Finish() {
-  WriteOut();
+std::vector<BuiltPack> PackBuilder::Finish() {
+  std::vector<Spool::Bytes> mapped;
+  std::vector<std::string_view> texts;
+  const auto map = [&](const BuiltPack& pack) {
+    return mapped.emplace_back(pack.file->Map()).text;
+  };
+  for (const BuiltPack& pack : packs_) texts.push_back(map(pack).substr(kRecordsBegin));
+  const std::vector<blobring::Hash> bodies = DigestsOf(texts);
+  mapped.clear();
   unsigned char tail[format::kEndSize];
   format::OpHeader{format::kOpEndTransaction, 0}.Encode(tail);
-  pack_.file->Append({reinterpret_cast<const char*>(tail), sizeof tail});
-
-  format::FileHeader header;
-  header.maxBlobSize = std::max(format::kInitialMaxBlobSize, maxBlobSize_);
-  header.recordCount = static_cast<uint32_t>(pack_.index.places.size()) + 2;
-  header.mode = 1;
-  header.endOffset = static_cast<uint32_t>(pack_.file->size());
-  format::TransactionBlock block;
-  block.maxBlobSize = maxBlobSize_;
-  block.length = static_cast<uint32_t>(end_ - kRecordsBegin);
-  digest_.finalize();
-  digest_.raw_digest(block.digest);
-  unsigned char front[kRecordsBegin];
-  header.Encode(front);
-  format::OpHeader{format::kOpStartTransaction, 0}.Encode(front + format::kFileHeaderSize);
-  block.Encode(front + format::kFileHeaderSize + format::kOpHeaderSize);
-  pack_.file->WriteAt(0, {reinterpret_cast<const char*>(front), sizeof front});
-
-  pack_.digest = pack_.file->Digest();
-  pack_.name = pack_.digest.text() + "-" + Nonce();
-  pack_.index.packs = {pack_.name};
-  pack_.index.Sort();
-  return std::exchange(pack_, BuiltPack());
+  for (size_t i = 0; i < packs_.size(); ++i) {
+    packs_[i].file->Append({reinterpret_cast<const char*>(tail), sizeof tail});
+    packs_[i].file->WriteAt(0, FrontOf(packs_[i], bodies[i]));
+    texts[i] = map(packs_[i]);
+  }
+  const std::vector<blobring::Hash> digests = DigestsOf(texts);
+  for (size_t i = 0; i < packs_.size(); ++i) {
+    BuiltPack& pack = packs_[i];
+    pack.digest = digests[i];
+    pack.name = digests[i].text() + "-" + Nonce();
+    pack.index.packs = {pack.name};
+    pack.index.Sort();
+  }
+  return std::exchange(packs_, {});
 }
 
 }  // namespace tool::remote

@@ -1,9 +1,8 @@
-// Makes a pack file, docs/format.md, of blobs that come one after another.
+// Makes pack files, docs/format.md, of blobs that come one after another.
 #pragma once
 
 #include <memory>
 
-#include "md5/MD5.h"
 #include "pack/format/Format.h"
 #include "tools/remote/Formats.h"
 #include "tools/remote/Spool.h"
@@ -28,25 +27,18 @@ struct BuiltPack {
 
 class PackBuilder {
  public:
-  bool empty() const { return pack_.index.places.empty(); }
-
-  // True if a blob of so many bytes must go into another pack.
+  // True if there are packs, and with a blob of so many bytes they exceed 4 * kPackSize. So many
+  // are digested side by side.
   bool IsFullFor(uint64_t blobSize) const;
 
   // `transactionId` is that under which the blob was committed. Throws Fault.
   void Add(const blobring::Hash& hash, int64_t transactionId, std::string_view data);
 
-  // Ends the pack and begins another. REQUIRES: not empty().
-  BuiltPack Finish();
+  // Ends the packs.
+  std::vector<BuiltPack> Finish();
 
  private:
-  void WriteOut();
-
-  BuiltPack pack_;
-  std::string gathered_;  // the last bytes, not yet written
-  MD5 digest_;            // of the records
-  uint64_t end_ = 0;      // of the records
-  uint32_t maxBlobSize_ = 0;
+  std::vector<BuiltPack> packs_;
 };
 
 }  // namespace tool::remote

@@ -403,12 +403,10 @@ class Pruner {
 
   void CopyBatch(const Index& from, std::vector<Place> places, Index& fresh, Progress& progress) {
     PackBuilder builder;
-    std::vector<BuiltPack> built;
     Keys badPacks;
     Fetch(
         remote_, from, std::move(places),
         [&](const FetchedBlob& blob) {
-          if (builder.IsFullFor(blob.data.size())) built.push_back(builder.Finish());
           builder.Add(blob.place.hash, blob.transactionId, blob.data);
           progress.Advance(blob.data.size());
         },
@@ -416,8 +414,7 @@ class Pruner {
     if (!badPacks.empty())
       throw Fault("no pack was deleted: {} is gone or damaged, and snapshots need it",
                   *badPacks.begin());
-    if (!builder.empty()) built.push_back(builder.Finish());
-    for (BuiltPack& pack : built) {
+    for (BuiltPack& pack : builder.Finish()) {
       fresh.Add(pack.index);
       remote_.objects.Put(PackKey(pack.name), std::move(pack.file), pack.digest, [](Reply&) {});
     }

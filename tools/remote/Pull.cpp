@@ -1,5 +1,6 @@
 // pull: the blobs of a snapshot that a store lacks.
 #include <algorithm>
+#include <atomic>
 
 #include "tools/base/Console.h"
 #include "tools/base/Json.h"
@@ -67,7 +68,7 @@ class Puller {
       Fetch(
           remote_, index_, Places(missing),
           [this](const FetchedBlob& blob) {
-            writer_.Add(blob.data, blob.place.hash.text());
+            writer_.Add(blob.data, blob.place.hash.text(), &blob.place.hash);
             ++doneCount_;
             doneBytes_ += blob.data.size();
           },
@@ -124,8 +125,8 @@ class Puller {
   BatchWriter writer_;
   Index index_;
   std::set<std::string> badPacks_;
-  uint64_t doneCount_ = 0;
-  uint64_t doneBytes_ = 0;
+  std::atomic<uint64_t> doneCount_ = 0;
+  std::atomic<uint64_t> doneBytes_ = 0;
   Progress progress_;
 };
 

@@ -24,6 +24,7 @@ namespace {
 constexpr int kMostIdleRounds = 3;
 constexpr size_t kMaxMessage = 1000;
 constexpr uint64_t kMaxCompared = uint64_t{64} << 20;  // bytes, before they are remembered
+constexpr uint64_t kReadAtOnce = uint64_t{32} << 20;   // bytes that are digested side by side
 
 // From front to back of each file.
 std::vector<const ViewedBlob*> InFileOrder(const StoreView& view) {
@@ -139,28 +140,26 @@ class Pusher {
     snapshot.isPartial = view_->damaged();
     doneCount_ = doneBytes_ = 0;
     bytesSentBefore_ = remote_.objects.http().bytesSent();
-    bool mayUpload = std::exchange(mayUpload_, true);
-    bool isThrough = true;
+    std::vector<const ViewedBlob*> lacking;
     for (const ViewedBlob* blob : blobs_) {
       if (damaged_.count(blob->hash) != 0) continue;
       if (placesOf(blob->hash).empty() && pending.count(blob->hash) == 0) {
-        mayUpload = mayUpload && BootSeconds() - start <= limit / 2;
-        isThrough = isThrough && mayUpload;
-        if (!mayUpload || !Upload(*blob)) continue;
-      } else {
-        ++doneCount_;
-        doneBytes_ += blob->size;
+        lacking.push_back(blob);
+        continue;
       }
-      snapshot.hashes.push_back(blob->hash);
-      snapshot.bytes += blob->size;
-      ShowProgress();
+      ++doneCount_;
+      doneBytes_ += blob->size;
+      Note(*blob, snapshot);
     }
-    if (!builder_.empty()) Send();
+    std::span<const ViewedBlob* const> rest = lacking;
+    if (std::exchange(mayUpload_, true))
+      while (!rest.empty() && BootSeconds() - start <= limit / 2) Upload(rest, snapshot);
+    Send();
     remote_.objects.http().Finish();
     if (!fresh_.packs.empty()) Publish();
     remote_.objects.http().Finish();
 
-    snapshot.isPartial = snapshot.isPartial || !isThrough || !damaged_.empty();
+    snapshot.isPartial = snapshot.isPartial || !rest.empty() || !damaged_.empty();
     std::sort(snapshot.hashes.begin(), snapshot.hashes.end());
     const std::string bytes = snapshot.Encode();
     snapshot_ = {state_.StoreId(), NextSequence(), DigestOf(bytes), bytes.size()};
@@ -170,7 +169,7 @@ class Pusher {
       Inform("the snapshot was acknowledged too late to count; looking again");
       return false;
     }
-    return isThrough;
+    return rest.empty();
   }
 
   // A place is believed when this store has uploaded it, or has read it once, blob and all [R10].
@@ -242,33 +241,41 @@ class Pusher {
     return blobs;
   }
 
-  // False if the blob cannot be read.
-  bool Upload(const ViewedBlob& blob) {
-    std::string_view data;
-    try {
-      data = view_->Read(blob, buffer_);
-    } catch (const Fault& fault) {
-      if (view_->IsStale()) throw StoreChanged();
-      Say("{}", fault.what());
-      damaged_.insert(blob.hash);
-      return false;
+  static void Note(const ViewedBlob& blob, Snapshot& snapshot) {
+    snapshot.hashes.push_back(blob.hash);
+    snapshot.bytes += blob.size;
+  }
+
+  // The first of `rest`, as many as are read at a time; without those that cannot be read.
+  void Upload(std::span<const ViewedBlob* const>& rest, Snapshot& snapshot) {
+    for (const ReadBlob& read : view_->ReadSome(rest, buffer_, kReadAtOnce)) {
+      const ViewedBlob& blob = *read.blob;
+      if (read.fault) {
+        if (view_->IsStale()) throw StoreChanged();
+        Say("{}", read.fault->what());
+        damaged_.insert(blob.hash);
+        continue;
+      }
+      if (builder_.IsFullFor(blob.size)) Send();
+      builder_.Add(blob.hash, blob.transactionId, read.bytes);
+      if (IsFull(fresh_)) Publish();
+      Note(blob, snapshot);
     }
-    if (builder_.IsFullFor(blob.size)) Send();
-    builder_.Add(blob.hash, blob.transactionId, data);
-    if (IsFull(fresh_)) Publish();
-    return true;
+    ShowProgress();
   }
 
   void Send() {
-    const auto pack = std::make_shared<BuiltPack>(builder_.Finish());
-    remote_.objects.Put(PackKey(pack->name), pack->file, pack->digest, [this, pack](Reply&) {
-      state_.KeepPending(pack->name, pack->index);
-      fresh_.Add(pack->index);
-      ++packCount_;
-      blobCount_ += pack->index.places.size();
-      doneCount_ += pack->index.places.size();
-      blobBytes_ += pack->blobBytes;
-    });
+    for (BuiltPack& built : builder_.Finish()) {
+      const auto pack = std::make_shared<BuiltPack>(std::move(built));
+      remote_.objects.Put(PackKey(pack->name), pack->file, pack->digest, [this, pack](Reply&) {
+        state_.KeepPending(pack->name, pack->index);
+        fresh_.Add(pack->index);
+        ++packCount_;
+        blobCount_ += pack->index.places.size();
+        doneCount_ += pack->index.places.size();
+        blobBytes_ += pack->blobBytes;
+      });
+    }
   }
 
   // Uploads an index of the packs that were acknowledged.
@@ -281,7 +288,9 @@ class Pusher {
     const blobring::Hash digest = DigestOf(bytes);
     const std::string name = digest.text() + "-" + Nonce();
     state_.KeepCopy(kIndexCopies, digest, bytes);
-    remote_.objects.Put(IndexKey(name), bytes, digest,
+    const auto file = std::make_shared<Spool>(bytes.size());
+    file->Append(bytes);
+    remote_.objects.Put(IndexKey(name), file, digest,
                         [this, packs](Reply&) { state_.DropPending(packs); });
   }
 

@@ -1,36 +1,46 @@
-// A temporary file without a name: what is being uploaded or downloaded and is too large for
-// memory.
+// What is being uploaded or downloaded: in memory, or in a temporary file without a name.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 
-#include "blobring/Store.h"
 #include "tools/base/Files.h"
 
 namespace tool::remote {
 
+// Threads: one at a time uses a Spool. Different ones may be made and used on different threads.
 class Spool {
  public:
-  // In $TMPDIR, or /var/tmp. Throws Fault, as all calls do.
-  Spool();
+  // In memory if so many bytes still fit into the 128 MiB that all of them have there; else, or for
+  // 0, in $TMPDIR, or /var/tmp. More may be written. Throws Fault, as all calls do.
+  explicit Spool(uint64_t maxSize = 0);
+  ~Spool();
+  Spool(const Spool&) = delete;
 
   void Append(std::string_view data);
   void WriteAt(uint64_t offset, std::string_view data);
   void Clear();
 
+  uint64_t size() const { return size_; }
+
   // Returns the bytes read: fewer than `size` at the end only.
   size_t Read(uint64_t offset, char* out, size_t size) const;
 
-  uint64_t size() const { return size_; }
+  // All of it. A file is mapped: nothing else has a name for it.
+  struct Bytes {
+    std::string_view text;  // until the next write
+    std::shared_ptr<void> mapping = nullptr;
+  };
+  Bytes Map() const;
 
-  blobring::Hash Digest() const;  // MD5
-
-  // Opens the file for as long as this lives.
+  // Opens the file for as long as this lives. REQUIRES: it was made with 0.
   std::string path() const { return fmt::format("/proc/self/fd/{}", file_.get()); }
 
  private:
-  Fd file_;
+  uint64_t reserved_ = 0;  // of the memory of all
+  std::string memory_;
+  Fd file_;  // invalid: it is in memory
   uint64_t size_ = 0;
 };
 

@@ -29,7 +29,6 @@ constexpr int kMostReadings = 10;
 constexpr auto kRetryAfter = std::chrono::milliseconds(20);
 constexpr size_t kLeastCompacted = size_t{1} << 16;
 
-constexpr uint64_t kReadAtOnce = uint64_t{4} * 1024 * 1024;
 constexpr size_t kMostReadAtOnce = 4096;  // blobs
 constexpr uint64_t kMostBetween = 512;    // bytes that are read rather than skipped
 
@@ -400,13 +399,12 @@ std::string_view StoreView::Read(const ViewedBlob& blob, Buffer& buffer) const {
   return {bytes.data(), bytes.size()};
 }
 
-std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& rest,
-                                          Buffer& buffer) const {
+std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer,
+                                          uint64_t most) const {
   std::vector<ReadBlob> read;
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : rest) {
-    if (!read.empty() && (bytes + blob->size > kReadAtOnce || read.size() == kMostReadAtOnce))
-      break;
+    if (!read.empty() && (bytes + blob->size > most || read.size() == kMostReadAtOnce)) break;
     read.push_back({blob, {}, {}});
     bytes += blob->size + kMostBetween;
   }

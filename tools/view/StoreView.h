@@ -83,9 +83,10 @@ class StoreView {
   // The blob, in the buffer. Throws Fault if it does not match its hash.
   std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
 
-  // Reads blobs from the first of `rest` on, which then begins behind them: 4 MiB, or one. They lie
-  // in the buffer, in the order that they have in `rest`. Digests many at a time.
-  std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer) const;
+  // Reads blobs from the first of `rest` on, which then begins behind them: `most` bytes, or one
+  // blob. They lie in the buffer, in the order that they have in `rest`. Digests many at a time.
+  std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer,
+                                 uint64_t most = uint64_t{4} << 20) const;
 
   SalvageFile& file(size_t index) const { return *opened_.at(index); }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 #include "tools/base/Console.h"
@@ -48,9 +49,10 @@ void BatchWriter::MakeRoom(std::span<const Item> items) {
   journalBytes_ += bytes;
 }
 
-BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name) {
+BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name,
+                                    const blobring::Hash* hash) {
   Added result{};
-  const Item item{data, name};
+  const Item item{data, name, hash};
   AddMany({&item, 1}, [&result](const Item&, const Added& added) { result = added; });
   return result;
 }
@@ -82,7 +84,14 @@ size_t BatchWriter::AddSome(std::span<const Item> items, const OnAdded& added, s
     blobs[i] = {reinterpret_cast<const unsigned char*>(items[i].data.data()),
                 static_cast<int>(items[i].data.size()),
                 {}};
-  const int stored = BCPutMany(store_.index(), blobs.data(), static_cast<int>(blobs.size()));
+  int stored = 0;
+  if (items[0].hash != nullptr) {
+    std::memcpy(blobs[0].hash, items[0].hash->data(), sizeof blobs[0].hash);
+    stored = BCStore(store_.index(), blobs[0].hash, const_cast<unsigned char*>(blobs[0].data),
+                     blobs[0].size);
+  } else {
+    stored = BCPutMany(store_.index(), blobs.data(), static_cast<int>(blobs.size()));
+  }
   std::vector<BCFetchItem> present(static_cast<size_t>(stored));
   for (size_t i = 0; i < present.size(); ++i)
     std::copy(std::begin(blobs[i].hash), std::end(blobs[i].hash), present[i].hash);

@@ -32,10 +32,12 @@ class BatchWriter {
   BatchWriter(blobring::Store& store, std::string& committedLines,
               WhenFull whenFull = WhenFull::kFail);
 
-  // A blob, and what messages call it.
+  // A blob, what messages call it, and its hash from a caller that has just compared them: a large
+  // one is then not digested again.
   struct Item {
     std::string_view data;
     std::string name;
+    const blobring::Hash* hash = nullptr;
   };
 
   // Stores blobs, after a commit when enough has come together, and tells `added` of each in turn.
@@ -44,7 +46,7 @@ class BatchWriter {
   // blob of the same hash. Some MiB at a time are fast and bounded in memory.
   using OnAdded = std::function<void(const Item&, const Added&)>;
   void AddMany(std::span<const Item> items, const OnAdded& added);
-  Added Add(std::string_view data, const std::string& name);
+  Added Add(std::string_view data, const std::string& name, const blobring::Hash* hash = nullptr);
 
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }
