@@ -26,8 +26,8 @@ struct stat StatOf(int fd, const std::string& path) {
   return status;
 }
 
-Fd OpenToRead(const std::string& path, int flags) {
-  Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
+Fd OpenToRead(int directory, const std::string& name, const std::string& path, int flags) {
+  Fd fd(::openat(directory, name.c_str(), O_RDONLY | O_CLOEXEC | flags));
   if (!fd.valid()) ThrowErrno("read " + path);
   return fd;
 }
@@ -124,8 +124,13 @@ void Grow(Buffer& buffer, size_t size) {
 }
 
 SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
+  return ReadRegularFile(AT_FDCWD, path, path, buffer);
+}
+
+SourceFile ReadRegularFile(int directory, const std::string& name, const std::string& path,
+                           Buffer& buffer) {
   // O_NONBLOCK: should a pipe have taken the file's place, open returns.
-  const Fd fd = OpenToRead(path, O_NOFOLLOW | O_NONBLOCK);
+  const Fd fd = OpenToRead(directory, name, path, O_NOFOLLOW | O_NONBLOCK);
   const auto stamp = [](const struct stat& status) {
     return std::tuple(status.st_size, status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
   };
@@ -146,7 +151,7 @@ SourceFile ReadRegularFile(const std::string& path, Buffer& buffer) {
 
 std::string_view ReadStream(const std::string& path, Buffer& buffer) {
   if (path == "-") return ReadToEnd(STDIN_FILENO, 0, buffer, "standard input");
-  const Fd fd = OpenToRead(path, 0);
+  const Fd fd = OpenToRead(AT_FDCWD, path, path, 0);
   const struct stat status = StatOf(fd.get(), path);
   if (S_ISDIR(status.st_mode))
     throw Fault("cannot store {}: it is a directory; use `blobring import`", path);

@@ -88,6 +88,9 @@ struct SourceFile {
 // under a mapping kills the process. Throws Fault: no such file, not readable, larger than a blob
 // can be, not a regular file (symbolic links are not followed).
 SourceFile ReadRegularFile(const std::string& path, Buffer& buffer);
+// The file of an open directory. Messages call it `path`.
+SourceFile ReadRegularFile(int directory, const std::string& name, const std::string& path,
+                           Buffer& buffer);
 
 // Reads a file of any kind to its end; "-" is standard input. Throws Fault as above. May wait for a
 // writer, unless the file is a regular one.

@@ -1,14 +1,12 @@
 // A tree of files out of a store.
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <filesystem>
 #include <set>
 #include <span>
 
 #include "tools/base/Console.h"
+#include "tools/base/DirectoryTree.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/view/StoreView.h"
@@ -40,23 +38,19 @@ bool IsSafe(const stdfs::path& name) {
 class TargetTree {
  public:
   // Creates the directory if it does not exist. Throws Fault.
-  explicit TargetTree(const std::string& directory) : root_(directory) {
-    std::error_code ignored;  // what is wrong, opening it says as well
-    stdfs::create_directories(directory, ignored);
-    rootFd_ = OpenDirectory(directory);
-  }
+  explicit TargetTree(const std::string& directory) : tree_(Created(directory)) {}
 
   // Writes a file whole or not at all, with the directories that its name needs. REQUIRES: the name
   // is safe. Throws Fault.
   void Write(const stdfs::path& name, std::string_view data, Existing existing) {
     const stdfs::path normal = name.lexically_normal();
-    StagedFile file(OpenParent(normal.parent_path()), normal.filename(),
-                    fmt::format("{}/{}", root_, normal.string()));
+    StagedFile file(tree_.OpenParent(normal.parent_path(), DirectoryTree::Missing::kCreate),
+                    normal.filename(), fmt::format("{}/{}", root(), normal.string()));
     file.Write(data);
     file.Publish(existing);
   }
 
-  const std::string& root() const { return root_; }
+  const std::string& root() const { return tree_.root(); }
 
   // What is there under the name.
   enum class Found { kNothing, kOther, kSame };
@@ -81,39 +75,17 @@ class TargetTree {
 
   // Makes everything written survive a power cut. Throws Fault.
   void Sync() const {
-    if (::syncfs(rootFd_.get()) != 0) ThrowErrno("flush " + root_);
+    if (::syncfs(tree_.fd()) != 0) ThrowErrno("flush " + root());
   }
 
  private:
-  // The directory at `name` below the root, made if need be, open until the next call; files come
-  // sorted, so the last one is mostly the right one. No symbolic link is followed on the way, so
-  // that none can lead out of the root.
-  int OpenParent(const std::string& name) {
-    if (name.empty()) return rootFd_.get();
-    if (parentFd_.valid() && name == parentName_) return parentFd_.get();
-    parentFd_ = Fd();
-    Fd at;
-    for (const stdfs::path& part : stdfs::path(name)) {
-      const int above = at.valid() ? at.get() : rootFd_.get();
-      const bool made = ::mkdirat(above, part.c_str(), 0777) == 0;
-      if (!made && errno != EEXIST)
-        ThrowErrno(fmt::format("make the directory {}/{}", root_, name));
-      Fd next(::openat(above, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-      if (!next.valid() && (errno == ELOOP || errno == ENOTDIR))
-        throw Fault("cannot use {}/{}: {} is there and is no directory", root_, name,
-                    part.string());
-      if (!next.valid()) ThrowErrno(fmt::format("open the directory {}/{}", root_, name));
-      at = std::move(next);
-    }
-    parentName_ = name;
-    parentFd_ = std::move(at);
-    return parentFd_.get();
+  static std::string Created(const std::string& directory) {
+    std::error_code ignored;  // what is wrong, opening it says as well
+    stdfs::create_directories(directory, ignored);
+    return directory;
   }
 
-  std::string root_;
-  Fd rootFd_;
-  std::string parentName_;
-  Fd parentFd_;
+  DirectoryTree tree_;
 };
 
 struct ExportTotals {

@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <set>
 
 #include "tools/base/Console.h"
+#include "tools/base/DirectoryTree.h"
 #include "tools/base/Interrupt.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
@@ -19,6 +21,8 @@
 
 namespace tool {
 namespace {
+
+namespace stdfs = std::filesystem;
 
 struct ImportOptions {
   StoreOptions at;
@@ -49,6 +53,12 @@ struct SourceTree {
 
   std::string PathOf(const File& file) const { return root + "/" + file.name; }
 };
+
+SourceFile Read(DirectoryTree& tree, const std::string& name, Buffer& buffer) {
+  const stdfs::path path(name);
+  const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
+  return ReadRegularFile(parent, path.filename(), tree.root() + "/" + name, buffer);
+}
 
 int ByName(const FTSENT** a, const FTSENT** b) {
   return std::strcmp((*a)->fts_name, (*b)->fts_name);
@@ -135,7 +145,7 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
 class Importer {
  public:
   Importer(const SourceTree& tree, BatchWriter& writer, ImportTotals& totals)
-      : tree_(tree), writer_(writer), totals_(totals) {
+      : tree_(tree), directory_(tree.root), writer_(writer), totals_(totals) {
     bytes_.reserve(kMaxBytes);
   }
 
@@ -143,7 +153,7 @@ class Importer {
     const std::string path = tree_.PathOf(file);
     SourceFile source;
     try {
-      source = ReadRegularFile(path, buffer_);
+      source = Read(directory_, file.name, buffer_);
     } catch (const Fault& fault) {
       ++totals_.failureCount;
       return Say("{}", fault.what());
@@ -185,6 +195,7 @@ class Importer {
   static constexpr size_t kMaxBytes = size_t{1024} * 1024;
 
   const SourceTree& tree_;
+  DirectoryTree directory_;
   BatchWriter& writer_;
   ImportTotals& totals_;
   Buffer buffer_;
@@ -219,11 +230,12 @@ ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
   uint64_t failureCount = tree.unreadableCount;
   std::string text;
   Buffer buffer;
+  DirectoryTree directory(tree.root);
   Progress progress("reading", tree.files.size(), tree.byteCount);
   for (const SourceTree::File& file : tree.files) {
     progress.Advance(file.size);
     try {
-      const std::string_view data = ReadRegularFile(tree.PathOf(file), buffer).bytes;
+      const std::string_view data = Read(directory, file.name, buffer).bytes;
       const blobring::Hash hash = blobring::Hash::of(std::as_bytes(std::span(data)));
       if (view.Find(hash) != nullptr || !added.insert(hash).second) continue;
       bytes += data.size();
