@@ -28,10 +28,21 @@ done
 # Answers as other services write them, and ones that have no end.
 echo entities >control
 expect 0 "nothing is wrong" remote check s3://fleet/1
-for answer in "status=400 body=200000" "status=200 body=200000"; do
+for answer in "status=400 body=300000000" "status=200 body=300000000"; do
   echo "$answer" >control
   expect 1 "the answer is larger than 64.0 KiB" remote ls s3://fleet/1
+  python3 -c 'import resource, subprocess, sys
+subprocess.run(sys.argv[1:], stderr=subprocess.DEVNULL)
+assert resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss < 200 * 1024' "$tool" remote ls s3://fleet/1
 done
+: >control
+
+# Snapshots of nine days, two of each, which begin with a Thursday: what rules keep.
+blobring remote init -q s3://fleet/days
+for n in $(seq 16); do AWS_ENDPOINT_URL=$ENDPOINT blobring push -q a s3://fleet/days >/dev/null; done
+echo days >control
+expect 0 "12 forgotten" remote prune s3://fleet/days --keep-last 1 --keep-daily 3 --keep-weekly 2
+same "$(blobring remote ls s3://fleet/days | cut -c28-29 | xargs)" "07 13 15 16"
 : >control
 
 # Answers that are changed on the way: a changed blob is never stored.
