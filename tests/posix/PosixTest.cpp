@@ -118,12 +118,9 @@ int InChild(Body body) {
 class Posix : public testing::Test {
  protected:
   Posix() {
-    std::string pattern = testing::TempDir() + "blobring.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) std::abort();
-    directory = pattern;
+    if (mkdtemp(directory.data()) == nullptr) std::abort();
     fs::current_path(directory);
     for (const char* name : {"d", "e"}) fs::create_directory(name);
-    failing = {};
   }
   ~Posix() override {
     failing = {};
@@ -192,7 +189,7 @@ class Posix : public testing::Test {
     }
   }
 
-  std::string directory;
+  std::string directory = testing::TempDir() + "blobring.XXXXXX";
 };
 
 TEST_F(Posix, AFileIsHeldByItsOpenerWhateverTheName) {
@@ -443,11 +440,10 @@ TEST_F(Posix, AForkedChildFindsNoLockAndTakesNoneAway) {
 
 TEST(Host, ReadsRecordsInOrderAndCountsTheLostOnes) {
   std::thread writers[3];
-  for (std::thread& writer : writers) {
+  for (std::thread& writer : writers)
     writer = std::thread([] {
       for (std::uint32_t i = 0; i < 500'000; ++i) WriteEventToRingBuffer(8, 1, 14, i, 1, 2, i);
     });
-  }
   for (std::thread& writer : writers) writer.join();
   std::vector<BlobringHostEvent> events(1500);
   uint32_t position = 0, missed = 0;

@@ -72,7 +72,7 @@ Tail LoseSome(const Journal& journal, Random& random) {
     if (from < sector + kSector) zero(from, sector + kSector);
   }
   // T2 and T3
-  bool isDamage = bytes != good && (before < 33 || ends.size() + 1 > 10);
+  const bool isDamage = bytes != good && (before < 33 || ends.size() + 1 > 10);
 
   const std::size_t places[] = {last, last + 20, end - test::kOpSize};
   std::size_t at = place(last + 1, end);
@@ -85,7 +85,6 @@ Tail LoseSome(const Journal& journal, Random& random) {
       return {bytes, true};
     case 2:  // T5: the op of the start or of the end, or the length
       at = places[random.Below(3)] + random.Below(4);
-      if (bytes[at - at % 4 + last % 4] == 0) break;
       bytes[at] = static_cast<char>(bytes[at] ^ 0x40);
       return {bytes, true};
     case 3:  // T4, T5: zeros from inside a blob on, or another size or blob
