@@ -65,7 +65,7 @@ DAMAGE = (
     ("the journal's header", lambda: change("s/1.jrn", 0, b"\xff" * 24), {}),
     ("the journal's count", lambda: change("s/1.jrn", 4, b"\xff\xff\xff\x7f"), {}),
     ("the newest pack lost", lambda: os.remove("s/1.pak"), {}),
-    ("the newest pack cut to nothing", lambda: os.truncate("s/1.pak", 0), {}),
+    ("a newest pack cut to nothing that its journal does not name", lambda: [os.truncate("s/1.pak", 0), change("s/1.jrn", 12, b"\xff" * 4)], {}),
     ("the packs swapped", lambda: swap("s/0.pak", "s/1.pak"), {}),
     ("all swapped", lambda: [swap("s/0.pak", "s/1.pak"), swap("s/0.jrn", "s/1.jrn")], {}),
     ("a deleted blob set aside", lambda: shutil.copy("s/1.jrn", "s/1.jrn.kept-1"), {}),
