@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <memory>
 #include <tuple>
 
+#include "md5/MD5.h"
 #include "tools/base/Console.h"
 #include "tools/base/Error.h"
 #include "tools/base/Interrupt.h"
@@ -32,13 +34,17 @@ Fd OpenToRead(int directory, const std::string& name, const std::string& path, i
   return fd;
 }
 
+void RequireBlobSize(uint64_t size, const std::string& path) {
+  if (size > kMaxBlobSize)
+    throw Fault("cannot store {}: it is too large, a blob has at most {} bytes", path,
+                kMaxBlobSize);
+}
+
 // Everything up to the end of the file, whose size was last reported as `size`.
 std::string_view ReadToEnd(int fd, uint64_t size, Buffer& buffer, const std::string& path) {
   uint64_t done = 0;
   for (;;) {
-    if (std::max(done, size) > kMaxBlobSize)
-      throw Fault("cannot store {}: it is too large, a blob has at most {} bytes", path,
-                  kMaxBlobSize);
+    RequireBlobSize(std::max(done, size), path);
     // One byte more than expected, to see the end without growing once more.
     if (done == buffer.size() || done == 0)
       Grow(buffer, std::max({size + 1, std::min(2 * done, kMaxBlobSize + 1), kLeastReadSize}));
@@ -147,6 +153,58 @@ SourceFile ReadRegularFile(int directory, const std::string& name, const std::st
     if (!source.changed) break;
   }
   return source;
+}
+
+namespace {
+
+// Messages call the file `path`.
+LargeItem Digest(Fd file, const std::string& path) {
+  const auto fd = std::make_shared<const Fd>(std::move(file));
+  const struct stat status = StatOf(fd->get(), path);
+  if (!S_ISREG(status.st_mode)) throw Fault("cannot read {}: it is not a regular file", path);
+  RequireBlobSize(static_cast<uint64_t>(status.st_size), path);
+  LargeItem item;
+  item.name = path;
+  item.readAt = [fd, path](uint64_t offset, std::span<std::byte> room) {
+    size_t done = 0;
+    while (done < room.size()) {
+      ThrowIfInterrupted();
+      const ssize_t got = ::pread(fd->get(), room.data() + done, room.size() - done,
+                                  static_cast<off_t>(offset + done));
+      if (got < 0 && errno != EINTR) ThrowErrno("read " + path);
+      if (got == 0) break;
+      done += static_cast<size_t>(std::max<ssize_t>(got, 0));
+    }
+    return done;
+  };
+  MD5 md5;
+  std::vector<std::byte> piece(kLeastReadSize);
+  while (const size_t got = item.readAt(item.size, piece)) {
+    md5.update(reinterpret_cast<const uint8_t*>(piece.data()), static_cast<uint32_t>(got));
+    item.size += got;
+    RequireBlobSize(item.size, path);
+  }
+  md5.finalize();
+  md5.raw_digest(item.hash.data());
+  return item;
+}
+
+}  // namespace
+
+LargeItem DigestFile(int directory, const std::string& name, const std::string& path) {
+  return Digest(OpenToRead(directory, name, path, O_NOFOLLOW | O_NONBLOCK), path);
+}
+
+std::optional<LargeItem> DigestLarge(const std::string& path) {
+  std::error_code ignored;
+  if (!std::filesystem::is_regular_file(path, ignored) ||
+      std::filesystem::file_size(path, ignored) <= kLargeSize || ignored)
+    return std::nullopt;
+  try {
+    return Digest(OpenToRead(AT_FDCWD, path, path, O_NONBLOCK), path);
+  } catch (const Fault&) {
+    return std::nullopt;
+  }
 }
 
 std::string_view ReadStream(const std::string& path, Buffer& buffer) {

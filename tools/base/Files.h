@@ -4,13 +4,17 @@
 #include <fmt/format.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "blobring/Hash.h"
 #include "pack/format/Format.h"
 
 namespace tool {
@@ -95,5 +99,27 @@ SourceFile ReadRegularFile(int directory, const std::string& name, const std::st
 // Reads a file of any kind to its end; "-" is standard input. Throws Fault as above. May wait for a
 // writer, unless the file is a regular one.
 std::string_view ReadStream(const std::string& path, Buffer& buffer);
+
+// What is larger is handled in pieces, so that memory does not grow with files and blobs.
+constexpr uint64_t kLargeSize = uint64_t{4} * 1024 * 1024;
+
+// Bytes that need not fit into memory, and what messages call them.
+struct LargeItem {
+  blobring::Hash hash;
+  uint64_t size = 0;
+  // Reads from an offset on, and returns how many bytes, fewer than there is room for only at the
+  // end. Throws Fault, and Interrupted.
+  std::function<size_t(uint64_t offset, std::span<std::byte> room)> readAt;
+  std::string name;
+};
+
+// Opens and digests a regular file of an open directory, or of none (AT_FDCWD). It stays open, and
+// may change: its bytes then no longer match the hash. Throws as ReadRegularFile does, and
+// Interrupted. Messages call it `path`.
+LargeItem DigestFile(int directory, const std::string& name, const std::string& path);
+
+// The same of a file larger than kLargeSize, also behind a symbolic link; nothing for any other,
+// and for one that cannot be read.
+std::optional<LargeItem> DigestLarge(const std::string& path);
 
 }  // namespace tool

@@ -47,6 +47,16 @@ bool SayWhatIsMissing(const std::vector<const ViewedBlob*>& blobs, const StoreOp
   return !to.damaged();
 }
 
+LargeItem ItemOf(const StoreView& view, const ViewedBlob& blob) {
+  const auto readAt = [&](uint64_t offset, std::span<std::byte> room) {
+    const auto size = static_cast<size_t>(std::min<uint64_t>(room.size(), blob.size - offset));
+    view.file(blob.file).Read(blob.dataOffset() + offset,
+                              reinterpret_cast<unsigned char*>(room.data()), size);
+    return size;
+  };
+  return {blob.hash, blob.size, readAt, blob.hash.text()};
+}
+
 // Returns whether all could be read.
 bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blobs,
                const StoreOptions& target) {
@@ -68,10 +78,16 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
       std::vector<BatchWriter::Item> items;
       for (const ReadBlob& read : from.ReadSome(rest, buffer)) {
         progress.Advance(read.blob->size);
-        if (!read.fault) items.push_back({read.bytes, read.blob->hash.text()});
-        if (!read.fault) continue;
-        all = false;
-        Say("{}", read.fault->what());
+        try {
+          read.HandTo([](std::string_view) {});  // throws its fault
+          if (read.blob->size <= kLargeSize)
+            items.push_back({read.bytes, read.blob->hash.text()});
+          else if (!writer.AddLarge(ItemOf(from, *read.blob)))
+            throw DamagedBlob("the blob {} changed while it was copied", read.blob->hash.text());
+        } catch (const DamagedBlob& fault) {
+          all = false;
+          Say("{}", fault.what());
+        }
       }
       writer.AddMany(items, [](const auto&, const auto&) {});
     }

@@ -1,4 +1,5 @@
 // A tree of files out of a store.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -42,11 +43,11 @@ class TargetTree {
 
   // Writes a file whole or not at all, with the directories that its name needs. REQUIRES: the name
   // is safe. Throws Fault.
-  void Write(const stdfs::path& name, std::string_view data, Existing existing) {
+  void Write(const stdfs::path& name, const ReadBlob& read, Existing existing) {
     const stdfs::path normal = name.lexically_normal();
     StagedFile file(tree_.OpenParent(normal.parent_path(), DirectoryTree::Missing::kCreate),
                     normal.filename(), fmt::format("{}/{}", root(), normal.string()));
-    file.Write(data);
+    read.HandTo([&file](std::string_view piece) { file.Write(piece); });
     file.Publish(existing);
   }
 
@@ -54,8 +55,7 @@ class TargetTree {
 
   // What is there under the name.
   enum class Found { kNothing, kOther, kSame };
-  static Found Find(const std::string& root, const stdfs::path& name, const ViewedBlob& blob,
-                    Buffer& buffer) {
+  static Found Find(const std::string& root, const stdfs::path& name, const ViewedBlob& blob) {
     std::error_code ignored;
     stdfs::path at = root;
     const stdfs::path normal = name.lexically_normal();
@@ -65,9 +65,7 @@ class TargetTree {
     if (!stdfs::exists(stdfs::symlink_status(path, ignored))) return Found::kNothing;
     if (stdfs::file_size(path, ignored) != blob.size) return Found::kOther;
     try {
-      const std::string_view bytes = ReadRegularFile(path, buffer).bytes;
-      const bool isSame = blobring::Hash::of(std::as_bytes(std::span(bytes))) == blob.hash;
-      return isSame ? Found::kSame : Found::kOther;
+      return DigestFile(AT_FDCWD, path, path).hash == blob.hash ? Found::kSame : Found::kOther;
     } catch (const Fault&) {
       return Found::kOther;
     }
@@ -116,7 +114,7 @@ class Restorer {
     const std::string path = stdfs::path(entry.name).lexically_normal().string();
     if (bytes_ + blob->size > kMaxBytes || paths_.size() == kMaxFiles || paths_.contains(path))
       Flush();
-    const Found found = TargetTree::Find(target_.root(), entry.name, *blob, buffer_);
+    const Found found = TargetTree::Find(target_.root(), entry.name, *blob);
     if (found == Found::kSame) {
       ++totals_.sameCount;
       return;
@@ -148,10 +146,12 @@ class Restorer {
 
   void Write(const std::string& name, const ReadBlob& read) {
     try {
-      if (read.fault) throw Fault("{}: {}", name, read.fault->what());
-      target_.Write(name, read.bytes, existing_);
+      target_.Write(name, read, existing_);
       ++totals_.fileCount;
-      totals_.byteCount += read.bytes.size();
+      totals_.byteCount += read.blob->size;
+    } catch (const DamagedBlob& fault) {
+      ++totals_.failureCount;
+      Say("{}: {}", name, fault.what());
     } catch (const Fault& fault) {
       ++totals_.failureCount;
       Say("{}", fault.what());
@@ -188,14 +188,12 @@ ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEn
   using Found = TargetTree::Found;
   bool all = true;
   std::string text;
-  Buffer buffer;
   for (const ManifestEntry& entry : entries) {
     const std::string path =
         (stdfs::path(options.directory) / stdfs::path(entry.name).lexically_normal()).string();
     const ViewedBlob* const blob = view.Find(entry.hash);
-    const Found found = blob == nullptr
-                            ? Found::kNothing
-                            : TargetTree::Find(options.directory, entry.name, *blob, buffer);
+    const Found found =
+        blob == nullptr ? Found::kNothing : TargetTree::Find(options.directory, entry.name, *blob);
     std::string obstacle;
     if (blob == nullptr)
       obstacle = fmt::format("{} has no blob {}", view.path(), entry.hash.text());

@@ -21,15 +21,20 @@ struct GetOptions {
 // As git's cat-file --batch has it: "HASH SIZE", the bytes, a newline. What is not there, ambiguous
 // or damaged is said so behind the word that was asked for.
 ExitStatus AnswerBatch(const StoreView& view) {
-  Buffer buffer;
   bool sound = !view.damaged();
+  const auto print = [](std::string_view bytes) {
+    WriteAll(STDOUT_FILENO, bytes, "to standard output");
+  };
   for (std::string line; std::getline(std::cin, line); ThrowIfInterrupted()) {
     std::string answer;
+    const ViewedBlob* large = nullptr;  // read for its fault first, and again to be printed
     try {
       const ViewedBlob& blob = Named(view, line);
-      const std::string_view bytes = view.Read(blob, buffer);
-      answer = fmt::format("{} {}\n", blob.hash.text(), bytes.size());
-      answer += bytes;
+      if (blob.size > kLargeSize) large = &blob;
+      answer = fmt::format("{} {}\n", blob.hash.text(), blob.size);
+      view.Read(blob, [&](std::string_view piece) {
+        if (large == nullptr) answer += piece;
+      });
     } catch (const NothingFound&) {
       answer = line + " missing";
     } catch (const Ambiguous&) {
@@ -39,9 +44,15 @@ ExitStatus AnswerBatch(const StoreView& view) {
     } catch (const Fault& fault) {
       Say("{}", fault.what());
       answer = line + " damaged";
+      large = nullptr;
       sound = false;
     }
-    WriteAll(STDOUT_FILENO, answer + "\n", "to standard output");
+    if (large != nullptr) {
+      print(answer);
+      view.Read(*large, print);
+      answer.clear();
+    }
+    print(answer + "\n");
   }
   return sound ? kSuccess : kFault;
 }
@@ -69,10 +80,14 @@ ExitStatus Get(const GetOptions& options) {
   }
   for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty(); ThrowIfInterrupted())
     for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
-      if (!read.fault) out.Write(read.bytes);
-      if (!read.fault) continue;
-      Say("{}", read.fault->what());
-      allGood = false;
+      try {
+        // What has gone to a pipe cannot be taken back.
+        if (!out.isFile()) read.HandTo([](std::string_view) {});
+        read.HandTo([&out](std::string_view piece) { out.Write(piece); });
+      } catch (const DamagedBlob& fault) {
+        Say("{}", fault.what());
+        allGood = false;
+      }
     }
   if (allThere && allGood) out.Finish();
   if (!allGood || !sound) return kFault;

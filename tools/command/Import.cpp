@@ -54,6 +54,12 @@ struct SourceTree {
   std::string PathOf(const File& file) const { return root + "/" + file.name; }
 };
 
+LargeItem Digest(DirectoryTree& tree, const std::string& name) {
+  const stdfs::path path(name);
+  const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
+  return DigestFile(parent, path.filename(), tree.root() + "/" + name);
+}
+
 SourceFile Read(DirectoryTree& tree, const std::string& name, Buffer& buffer) {
   const stdfs::path path(name);
   const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
@@ -150,6 +156,7 @@ class Importer {
   }
 
   void Add(const SourceTree::File& file) {
+    if (file.size > kLargeSize && AddLarge(file)) return;
     const std::string path = tree_.PathOf(file);
     SourceFile source;
     try {
@@ -178,12 +185,7 @@ class Importer {
   void Flush() {
     auto name = names_.begin();
     writer_.AddMany(items_, [&](const BatchWriter::Item& item, const BatchWriter::Added& added) {
-      // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
-      writer_.AddLine(ManifestLine({added.hash, "./" + *name++}));
-      totals_.newCount += added.isNew ? 1 : 0;
-      totals_.newBytes += added.isNew ? item.data.size() : 0;
-      ++totals_.fileCount;
-      totals_.byteCount += item.data.size();
+      Note(*name++, item.data.size(), added);
     });
     items_.clear();
     names_.clear();
@@ -193,6 +195,29 @@ class Importer {
  private:
   static constexpr size_t kMaxFiles = 256;
   static constexpr size_t kMaxBytes = size_t{1024} * 1024;
+
+  // False if it must be read whole: it cannot be read, which will be said then, or is changing.
+  bool AddLarge(const SourceTree::File& file) {
+    std::optional<LargeItem> item;
+    try {
+      item = Digest(directory_, file.name);
+    } catch (const Fault&) {
+      return false;
+    }
+    Flush();
+    const std::optional<BatchWriter::Added> added = writer_.AddLarge(*item);
+    if (added) Note(file.name, item->size, *added);
+    return added.has_value();
+  }
+
+  void Note(const std::string& name, uint64_t size, const BatchWriter::Added& added) {
+    // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
+    writer_.AddLine(ManifestLine({added.hash, "./" + name}));
+    totals_.newCount += added.isNew ? 1 : 0;
+    totals_.newBytes += added.isNew ? size : 0;
+    ++totals_.fileCount;
+    totals_.byteCount += size;
+  }
 
   const SourceTree& tree_;
   DirectoryTree directory_;
@@ -229,17 +254,15 @@ ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
   uint64_t bytes = 0;
   uint64_t failureCount = tree.unreadableCount;
   std::string text;
-  Buffer buffer;
   DirectoryTree directory(tree.root);
   Progress progress("reading", tree.files.size(), tree.byteCount);
   for (const SourceTree::File& file : tree.files) {
     progress.Advance(file.size);
     try {
-      const std::string_view data = Read(directory, file.name, buffer).bytes;
-      const blobring::Hash hash = blobring::Hash::of(std::as_bytes(std::span(data)));
-      if (view.Find(hash) != nullptr || !added.insert(hash).second) continue;
-      bytes += data.size();
-      text += ManifestLine({hash, "./" + file.name});
+      const LargeItem item = Digest(directory, file.name);
+      if (view.Find(item.hash) != nullptr || !added.insert(item.hash).second) continue;
+      bytes += item.size;
+      text += ManifestLine({item.hash, "./" + file.name});
     } catch (const Fault& fault) {
       ++failureCount;
       Say("{}", fault.what());

@@ -31,6 +31,11 @@ ExitStatus Put(const PutOptions& options) {
     writer.reset();
     open.reset();
   };
+  const auto opened = [&]() -> BatchWriter& {
+    if (!open) open.emplace(at, Access::kChange);
+    if (!writer) writer.emplace(open->store, lines);
+    return *writer;
+  };
   Buffer buffer;
   bool all = true;
   try {
@@ -38,21 +43,26 @@ ExitStatus Put(const PutOptions& options) {
       if (IsInterrupted()) throw Interrupted("interrupted: what was printed is committed");
       std::error_code ignored;
       if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
-      std::string_view bytes;
-      try {
-        bytes = ReadStream(file, buffer);
-      } catch (const Fault& fault) {
-        Say("{}", fault.what());
-        all = false;
-        continue;
+      blobring::Hash hash;
+      const std::optional<LargeItem> large = DigestLarge(file);
+      if (large && (dryRun || opened().AddLarge(*large))) {
+        hash = large->hash;
+      } else {
+        std::string_view bytes;
+        try {
+          bytes = ReadStream(file, buffer);
+        } catch (const Fault& fault) {
+          Say("{}", fault.what());
+          all = false;
+          continue;
+        }
+        hash = dryRun ? blobring::Hash::of(std::as_bytes(std::span(bytes)))
+                      : opened().Add(bytes, file).hash;
       }
-      if (dryRun) {
-        lines += blobring::Hash::of(std::as_bytes(std::span(bytes))).text() + "\n";
-        continue;
-      }
-      if (!open) open.emplace(at, Access::kChange);
-      if (!writer) writer.emplace(open->store, lines);
-      writer->AddLine(writer->Add(bytes, file).hash.text() + "\n");
+      if (dryRun)
+        lines += hash.text() + "\n";
+      else
+        writer->AddLine(hash.text() + "\n");
     }
     close();
   } catch (...) {

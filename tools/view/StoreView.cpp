@@ -17,6 +17,7 @@
 #include "pack/format/Generation.h"
 #include "tools/base/Console.h"
 #include "tools/base/Error.h"
+#include "tools/base/Interrupt.h"
 
 namespace tool {
 namespace {
@@ -29,6 +30,7 @@ constexpr int kMostReadings = 10;
 constexpr auto kRetryAfter = std::chrono::milliseconds(20);
 constexpr size_t kLeastCompacted = size_t{1} << 16;
 
+constexpr uint32_t kPieceSize = 1024 * 1024;
 constexpr size_t kMostReadAtOnce = 4096;  // blobs
 constexpr uint64_t kMostBetween = 512;    // bytes that are read rather than skipped
 
@@ -384,19 +386,45 @@ uint64_t StoreView::deadBytes() const {
   return used - std::min(used, repackedBytes() + format::kFileHeaderSize);
 }
 
+void StoreView::Read(const ViewedBlob& blob, const TakeBytes& take) const {
+  Buffer piece;
+  Grow(piece, std::min(blob.size, kPieceSize));
+  MD5 md5;
+  for (uint32_t at = 0, size = 0; at == 0 || at < blob.size; at += size) {
+    ThrowIfInterrupted();
+    size = std::min(blob.size - at, kPieceSize);
+    auto* const bytes = reinterpret_cast<unsigned char*>(piece.data());
+    opened_.at(blob.file)->Read(blob.dataOffset() + at, bytes, size);
+    md5.update(bytes, size);
+    if (at + size == blob.size) RequireHash(blob, md5);
+    take({piece.data(), size});
+    if (size == 0) break;
+  }
+}
+
 std::string_view StoreView::Read(const ViewedBlob& blob, Buffer& buffer) const {
   Grow(buffer, blob.size);
-  const std::span bytes(buffer.data(), blob.size);
-  opened_.at(blob.file)->Read(blob.dataOffset(), reinterpret_cast<unsigned char*>(bytes.data()),
-                              bytes.size());
-  if (blobring::Hash::of(std::as_bytes(bytes)) != blob.hash) {
-    const std::string& file = files_[blob.file].path;
-    if (IsStale())
-      throw Fault("{} changed while the blob {} was read; try again", file, blob.hash.text());
-    throw Fault("cannot read the blob {}: it does not match its hash in {} at {}", blob.hash.text(),
-                file, blob.offset);
-  }
-  return {bytes.data(), bytes.size()};
+  char* to = buffer.data();
+  Read(blob, [&to](std::string_view piece) { to = std::ranges::copy(piece, to).out; });
+  return {buffer.data(), blob.size};
+}
+
+void StoreView::RequireHash(const ViewedBlob& blob, MD5& md5) const {
+  blobring::Hash hash;
+  md5.finalize();
+  md5.raw_digest(hash.data());
+  if (hash == blob.hash) return;
+  const std::string& file = files_[blob.file].path;
+  if (IsStale())
+    throw DamagedBlob("{} changed while the blob {} was read; try again", file, blob.hash.text());
+  throw DamagedBlob("cannot read the blob {}: it does not match its hash in {} at {}",
+                    blob.hash.text(), file, blob.offset);
+}
+
+void ReadBlob::HandTo(const TakeBytes& take) const {
+  if (fault) throw DamagedBlob(*fault);
+  if (bytes.size() != blob->size) return view->Read(*blob, take);
+  take(bytes);
 }
 
 std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer,
@@ -405,16 +433,12 @@ std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& re
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : rest) {
     if (!read.empty() && (bytes + blob->size > most || read.size() == kMostReadAtOnce)) break;
-    read.push_back({blob, {}, {}});
+    read.push_back({this, blob, {}, {}});
     bytes += blob->size + kMostBetween;
   }
   rest = rest.subspan(read.size());
-  try {
-    Grow(buffer, bytes);
-  } catch (const Fault& fault) {
-    for (ReadBlob& each : read) each.fault = fault;
-    return read;
-  }
+  if (read[0].blob->size > kLargeSize && most <= kLargeSize) return read;
+  Grow(buffer, bytes);
   // As they lie; neighbours in one call, with what is between them.
   std::vector<ReadBlob*> order;
   order.reserve(read.size());
@@ -447,11 +471,9 @@ std::vector<ReadBlob> StoreView::ReadSome(std::span<const ViewedBlob* const>& re
   for (size_t i = 0; i < read.size(); ++i) {
     if (blobring::Hash(digests[i]) == read[i].blob->hash) continue;
     try {
-      Buffer again;
-      Read(*read[i].blob, again);
-      std::copy_n(again.data(), read[i].bytes.size(),
-                  buffer.data() + (read[i].bytes.data() - buffer.data()));
-    } catch (const Fault& fault) {
+      char* to = buffer.data() + (read[i].bytes.data() - buffer.data());
+      Read(*read[i].blob, [&to](std::string_view piece) { to = std::ranges::copy(piece, to).out; });
+    } catch (const DamagedBlob& fault) {
       read[i].fault = fault;
     }
   }

@@ -2,6 +2,7 @@
 // process may be changing it.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -16,6 +17,8 @@
 #include "tools/view/FileWalk.h"
 #include "tools/view/Layout.h"
 
+class MD5;
+
 namespace tool {
 
 struct ViewedBlob {
@@ -29,10 +32,24 @@ struct ViewedBlob {
   uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeadSize; }
 };
 
+class StoreView;
+
+// A blob that cannot be read, or does not match its hash.
+class DamagedBlob : public Fault {
+  using Fault::Fault;
+};
+
+// Takes the next bytes of a blob, which remain valid until it returns.
+using TakeBytes = std::function<void(std::string_view)>;
+
 struct ReadBlob {
+  const StoreView* view;
   const ViewedBlob* blob;
-  std::string_view bytes;
-  std::optional<Fault> fault;  // what StoreView::Read throws for it
+  std::string_view bytes;  // empty if they are left to HandTo
+  std::optional<DamagedBlob> fault;
+
+  // Hands out its bytes, or throws its fault. As StoreView::Read if it is large.
+  void HandTo(const TakeBytes& take) const;
 };
 
 // A process that has one of the files open.
@@ -80,13 +97,17 @@ class StoreView {
   // Whether another process may have overwritten what this view shows. Commits do not do that.
   bool IsStale() const;
 
-  // The blob, in the buffer. Throws Fault if it does not match its hash.
+  // Hands out a blob in pieces. Throws DamagedBlob if it does not match its hash, before the last
+  // piece has been handed out.
+  void Read(const ViewedBlob& blob, const TakeBytes& take) const;
+  // The whole blob, in the buffer.
   std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
 
   // Reads blobs from the first of `rest` on, which then begins behind them: `most` bytes, or one
-  // blob. They lie in the buffer, in the order that they have in `rest`. Digests many at a time.
+  // blob. They lie in the buffer, in the order that they have in `rest`. Digests many at a time. A
+  // blob larger than kLargeSize is left to HandTo, unless `most` is more than that.
   std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer,
-                                 uint64_t most = uint64_t{4} << 20) const;
+                                 uint64_t most = kLargeSize) const;
 
   SalvageFile& file(size_t index) const { return *opened_.at(index); }
 
@@ -104,6 +125,7 @@ class StoreView {
   bool HeadsChanged() const;
   void FindLostPacks(const format::Generation& shown);
   bool WasNewest(size_t slot) const;
+  void RequireHash(const ViewedBlob& blob, MD5& md5) const;
   bool CountsAll(size_t file) const;
   void Compact();
 

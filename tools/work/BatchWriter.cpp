@@ -21,6 +21,10 @@ constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 // What is in a journal moves to a pack before this. The last MiB is left to the store.
 constexpr uint64_t kMaxJournalBytes = format::kMaxFileSize - uint64_t{1024} * 1024;
 
+void SayReplaced(const std::string& name, const blobring::Error& error) {
+  Say("the store's copy of {} cannot be read and is replaced: {}", name, Explain(error));
+}
+
 }  // namespace
 
 long long TransactionId() {
@@ -34,10 +38,11 @@ BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, Wh
   if (whenFull == WhenFull::kRepack) journalBytes_ = store.stats().journalBytes;
 }
 
-void BatchWriter::MakeRoom(std::span<const Item> items) {
-  uint64_t bytes = format::kStartSize + format::kEndSize;
-  for (const Item& item : items) bytes += format::kStoreHeadSize + item.data.size();
-  if (journalBytes_ > format::kFileHeaderSize && journalBytes_ + bytes > kMaxJournalBytes) {
+// For records of so many bytes.
+void BatchWriter::Prepare(uint64_t recordBytes) {
+  const uint64_t bytes = format::kStartSize + format::kEndSize + recordBytes;
+  if (whenFull_ == WhenFull::kRepack && journalBytes_ > format::kFileHeaderSize &&
+      journalBytes_ + bytes > kMaxJournalBytes) {
     Commit();
     Progress progress("repacking", store_.stats().blobCount);
     store_.repack([&progress](blobring::Operation, uint64_t done, uint64_t) {
@@ -47,6 +52,18 @@ void BatchWriter::MakeRoom(std::span<const Item> items) {
     journalBytes_ = format::kFileHeaderSize;
   }
   journalBytes_ += bytes;
+  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
+  if (!transaction_) transaction_.emplace(store_, TransactionId());
+}
+
+void BatchWriter::Fail(const std::string& name, const std::exception& error) {
+  const std::string reason = Explain(error);  // before the commit has one of its own
+  try {
+    Commit();
+  } catch (const blobring::Error& second) {
+    Say("{}", Explain(second));
+  }
+  throw Fault("cannot store {}: {}", name, reason);
 }
 
 BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& name,
@@ -58,22 +75,70 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
 }
 
 void BatchWriter::AddMany(std::span<const Item> items, const OnAdded& added) {
-  if (whenFull_ == WhenFull::kRepack) MakeRoom(items);
-  if (pending_.size() >= kMaxBlobs || pendingBytes_ >= kMaxBytes) Commit();
-  if (!transaction_) transaction_.emplace(store_, TransactionId());
+  uint64_t bytes = 0;
+  for (const Item& item : items) bytes += format::kStoreHeadSize + item.data.size();
+  Prepare(bytes);
   size_t at = 0;
   try {
     while (at < items.size())
       // What stopped it, the same blob says by itself.
       if (AddSome(items.subspan(at), added, at) == 0) store_.put(items[at].data);
   } catch (const std::runtime_error& error) {
-    const std::string reason = Explain(error);  // before the commit has one of its own
-    try {
-      Commit();
-    } catch (const blobring::Error& second) {
-      Say("{}", Explain(second));
-    }
-    throw Fault("cannot store {}: {}", items[at].name, reason);
+    Fail(items[at].name, error);
+  }
+}
+
+std::optional<BatchWriter::Added> BatchWriter::AddLarge(const LargeItem& item) {
+  Prepare(format::kStoreHeadSize + item.size);
+  try {
+    const bool wasThere = store_.contains(item.hash);
+    if (!PutLarge(item)) return std::nullopt;
+    const std::optional<bool> holds = wasThere ? HoldsLarge(item) : false;
+    if (!holds) return std::nullopt;
+    const bool isNew = !*holds && pending_.insert(item.hash).second;
+    if (isNew) pendingBytes_ += item.size;
+    return Added{item.hash, isNew};
+  } catch (const Interrupted&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    Fail(item.name, error);
+  }
+}
+
+// False if the bytes do not match the hash.
+bool BatchWriter::PutLarge(const LargeItem& item) {
+  uint64_t at = 0;
+  try {
+    store_.putFrom(item.hash, item.size, [&](std::span<std::byte> room) {
+      const size_t got = item.readAt(at, room);
+      at += got;
+      return got;
+    });
+    return true;
+  } catch (const blobring::Error& error) {
+    if (error.code() != BLOBRING_ERROR_ARGUMENT) throw;
+    return false;
+  }
+}
+
+// As Holds; nothing if the bytes are others.
+std::optional<bool> BatchWriter::HoldsLarge(const LargeItem& item) {
+  uint64_t at = 0;
+  std::vector<std::byte> piece;
+  try {
+    const auto read = store_.read(item.hash, [&](std::span<const std::byte> present) {
+      piece.resize(present.size());
+      const bool isSame =
+          item.readAt(at, piece) == piece.size() && std::ranges::equal(piece, present);
+      at += piece.size();
+      return isSame;
+    });
+    if (read != blobring::Store::Read::Whole || at != item.size) return std::nullopt;
+    return true;
+  } catch (const blobring::Error& error) {
+    SayReplaced(item.name, error);
+    if (!PutLarge(item)) return std::nullopt;
+    return false;
   }
 }
 
@@ -136,7 +201,7 @@ bool BatchWriter::Holds(const BCFetchItem& present, const Item& item) {
     try {
       again = store_.get(hash);
     } catch (const blobring::Error& error) {
-      Say("the store's copy of {} cannot be read and is replaced: {}", item.name, Explain(error));
+      SayReplaced(item.name, error);
       store_.put(item.data);
       return false;
     }

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <functional>
 #include <optional>
 #include <set>
@@ -48,6 +49,10 @@ class BatchWriter {
   void AddMany(std::span<const Item> items, const OnAdded& added);
   Added Add(std::string_view data, const std::string& name, const blobring::Hash* hash = nullptr);
 
+  // A blob in pieces, as AddMany otherwise. Nothing is added, and nothing returned, if the bytes
+  // that are read do not match the item's hash, or the store's blob of that hash.
+  std::optional<Added> AddLarge(const LargeItem& item);
+
   // A line about the blob added last.
   void AddLine(std::string_view line) { pendingLines_ += line; }
 
@@ -63,10 +68,13 @@ class BatchWriter {
   void Commit();
 
  private:
-  void MakeRoom(std::span<const Item> items);
+  void Prepare(uint64_t recordBytes);
+  [[noreturn]] void Fail(const std::string& name, const std::exception& error);
   size_t AddSome(std::span<const Item> items, const OnAdded& added, size_t& at);
   void ReadPresent(std::vector<BCFetchItem>& present);
   bool Holds(const BCFetchItem& present, const Item& item);
+  bool PutLarge(const LargeItem& item);
+  std::optional<bool> HoldsLarge(const LargeItem& item);
 
   blobring::Store& store_;
   std::string& committedLines_;
