@@ -25,11 +25,13 @@ blobring remote init -q s3://fleet/repacked
 cp -r a b
 "$tool" push b s3://fleet/repacked --limit-rate 16384 >repacked 2>repacked.err &
 pids+=($!)
-until compgen -G "b/remote/*/pending/*" >/dev/null; do sleep 0.1; done
-kill -STOP $!
-blobring repack -q b
-blobring repack -q b
-kill -CONT $!
+(
+  until compgen -G "b/remote/*/pending/*" >/dev/null; do sleep 0.1; done
+  kill -STOP $!
+  blobring repack -q b
+  blobring repack -q b
+  kill -CONT $!
+) &
 
 sleep 8
 while jobs -r | grep -q .; do
