@@ -19,8 +19,8 @@ constexpr std::size_t kMaxGap = 2048;
 
 BatchReader::BatchReader(std::uint32_t largestBlob, std::uint64_t totalSize,
                          std::size_t blobCount) {
-  const std::uint64_t all = totalSize + std::uint64_t{format::kStoreHeadSize} * blobCount;
-  const std::uint64_t one = std::uint64_t{format::kStoreHeadSize} + largestBlob;
+  const std::uint64_t all = totalSize + std::uint64_t{format::kStoreHeaderSize} * blobCount;
+  const std::uint64_t one = std::uint64_t{format::kStoreHeaderSize} + largestBlob;
   ResizeOrSmaller(buffer, static_cast<std::size_t>(std::min(all, kBufferSize)),
                   static_cast<std::size_t>(one));
 }
@@ -31,7 +31,7 @@ void BatchReader::Clear() {
 }
 
 bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
-  const std::size_t recordSize = std::size_t{format::kStoreHeadSize} + entry.size;
+  const std::size_t recordSize = std::size_t{format::kStoreHeaderSize} + entry.size;
   if (count == kMaxBlobs || recordSize > buffer.size() - used) return false;
   items[count] = {entry.file.get(), entry.offset, entry.size, hash};
   used += recordSize;
@@ -52,13 +52,13 @@ void BatchReader::ReadAll() {
   for (std::size_t first = 0; first < count;) {
     const Item& start = *order[first];
     std::uint64_t end = start.End();
-    order[first]->data = at + format::kStoreHeadSize;
+    order[first]->data = at + format::kStoreHeaderSize;
     std::size_t next = first + 1;
     for (; next < count && start.file != nullptr && order[next]->file == start.file; ++next) {
       Item& item = *order[next];
       if (item.offset < end || item.offset - end > std::min(kMaxGap, spare)) break;
       spare -= static_cast<std::size_t>(item.offset - end);
-      item.data = at + (item.offset - start.offset) + format::kStoreHeadSize;
+      item.data = at + (item.offset - start.offset) + format::kStoreHeaderSize;
       end = item.End();
     }
     ReadRun(&order[first], &order[next], buffer.data() + at);
@@ -97,8 +97,8 @@ void BatchReader::ReadRun(Item* const* first, Item* const* end, unsigned char* b
 
 bool BatchReader::LooksRight(const Item& item) const {
   if (item.file == nullptr || item.got != item.RecordSize()) return false;
-  const format::RecordHead head =
-      format::RecordHead::Decode(buffer.data() + item.data - format::kStoreHeadSize);
+  const format::RecordHeader head =
+      format::RecordHeader::Decode(buffer.data() + item.data - format::kStoreHeaderSize);
   return head.op.op == format::kOpStore && head.size == item.size &&
          std::memcmp(head.hash, item.hash.Bytes(), Hash::kSize) == 0;
 }
@@ -128,7 +128,7 @@ bool BatchReader::Decode(std::size_t i, BlobPair& pair) {
   pair.hash = item.hash;
   pair.buffer = {Data(i), item.size};
   const BlobFile::RecordBytes record{
-      {Data(i) - format::kStoreHeadSize, item.got}, item.RecordSize(), item.code};
+      {Data(i) - format::kStoreHeaderSize, item.got}, item.RecordSize(), item.code};
   if (!item.file->DecodeBlob(pair, item.offset, record, BlobPair::Patience::Rereads)) return false;
   item.file->RequireBlob(pair, item.offset, item.hash, item.size);
   return true;

@@ -45,13 +45,13 @@ class BatchReader {
     std::uint32_t offset;  // of the record in the file
     std::uint32_t size;    // of the blob
     Hash hash;
-    std::size_t data = format::kStoreHeadSize;  // place of the blob's data in the buffer
-    std::uint32_t got = 0;                      // bytes of the record that were read
-    std::uint32_t code = 0;                     // the platform's, where that is not all
-    std::exception_ptr failure = nullptr;       // where not even that is known
+    std::size_t data = format::kStoreHeaderSize;  // place of the blob's data in the buffer
+    std::uint32_t got = 0;                        // bytes of the record that were read
+    std::uint32_t code = 0;                       // the platform's, where that is not all
+    std::exception_ptr failure = nullptr;         // where not even that is known
     bool sound = false;
 
-    std::uint32_t RecordSize() const { return format::kStoreHeadSize + size; }
+    std::uint32_t RecordSize() const { return format::kStoreHeaderSize + size; }
     std::uint64_t End() const { return std::uint64_t{offset} + RecordSize(); }
   };
 

@@ -8,7 +8,7 @@
 #include "platform/Trace.h"
 
 using format::FileHeader;
-using format::RecordHead;
+using format::RecordHeader;
 
 namespace {
 
@@ -202,9 +202,9 @@ void BlobFile::RequireWritable() {
 
 // With the end record. The reserve is waived for a blob that would not fit into an empty journal
 // with it.
-void BlobFile::RequireRoom(const RecordHead& record) const {
+void BlobFile::RequireRoom(const RecordHeader& record) const {
   const std::uint64_t size = record.op.op == format::kOpStore
-                                 ? std::uint64_t{format::kStoreHeadSize} + record.size
+                                 ? std::uint64_t{format::kStoreHeaderSize} + record.size
                                  : format::kDeleteSize;
   const std::uint64_t alone =
       format::kFileHeaderSize + format::kStartSize + size + format::kEndSize;
@@ -219,7 +219,7 @@ void BlobFile::RequireRoom(const RecordHead& record) const {
 
 void BlobFile::BeginTransaction(long long id) {
   RequireWritable();
-  RequireRoom(RecordHead{{format::kOpDelete, 0}, {}, 0});  // no transaction takes less
+  RequireRoom(RecordHeader{{format::kOpDelete, 0}, {}, 0});  // no transaction takes less
   writer.Begin(id);
   state = State::InTransaction;
 }
@@ -238,7 +238,7 @@ bool BlobFile::StartTransaction(long long id) {
 template <class Write>
 void BlobFile::AppendBy(Write write, BlobFileEntry& entry, std::int32_t op, const Hash& hash,
                         std::uint32_t size) {
-  RecordHead record{{op, entry.transactionId}, {}, size};
+  RecordHeader record{{op, entry.transactionId}, {}, size};
   std::copy_n(hash.Bytes(), format::kHashSize, record.hash);
   RequireWritable();
   RequireRoom(record);
@@ -261,7 +261,7 @@ void BlobFile::AppendBy(Write write, BlobFileEntry& entry, std::int32_t op, cons
 
 void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
                       const RawBuffer& data, std::uint32_t mostGathered) {
-  const auto write = [&](const RecordHead& record) {
+  const auto write = [&](const RecordHeader& record) {
     writer.Append(record, data.data, mostGathered);
   };
   AppendBy(write, entry, op, hash, data.size);
@@ -269,7 +269,7 @@ void BlobFile::Append(BlobFileEntry& entry, std::int32_t op, const Hash& hash,
 
 void BlobFile::StoreFrom(BlobFileEntry& entry, const Hash& hash, PieceSource& source,
                          std::span<unsigned char> buffer) {
-  const auto write = [&](const RecordHead& record) { writer.AppendFrom(record, source, buffer); };
+  const auto write = [&](const RecordHeader& record) { writer.AppendFrom(record, source, buffer); };
   AppendBy(write, entry, format::kOpStore, hash, source.Left());
 }
 
@@ -346,9 +346,9 @@ bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
 bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) {
   // A small blob is read together with its record's head, in one call.
   constexpr std::uint32_t kMaxSmallBlob = 4096;
-  unsigned char bytes[format::kStoreHeadSize + kMaxSmallBlob];
+  unsigned char bytes[format::kStoreHeaderSize + kMaxSmallBlob];
   const std::uint32_t dataSize = blob.buffer.size <= kMaxSmallBlob ? blob.buffer.size : 0;
-  return DecodeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeadSize + dataSize),
+  return DecodeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeaderSize + dataSize),
                     patience);
 }
 
@@ -374,12 +374,12 @@ bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes
   }
   if (got < format::kDeleteSize)
     throw File::ShortRead(format::kHashSize, got - format::kOpHeaderSize, record.code);
-  if (got < format::kStoreHeadSize)
+  if (got < format::kStoreHeaderSize)
     throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
-  RecordHead head = RecordHead::Decode(record.held.data());
+  RecordHeader head = RecordHeader::Decode(record.held.data());
   blob.hash.setHash(head.hash);
-  const BlobPair::Data data{record.held.subspan(format::kStoreHeadSize),
-                            record.asked - format::kStoreHeadSize, record.code};
+  const BlobPair::Data data{record.held.subspan(format::kStoreHeaderSize),
+                            record.asked - format::kStoreHeaderSize, record.code};
   blob.ReadData(file, offset + format::kOpHeaderSize, head.size, data, patience);
   return true;
 }

@@ -226,7 +226,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   bool HeaderIsSound() const;
   void RequireNotInDoubt() const;
   void RequireWritable();
-  void RequireRoom(const format::RecordHead& record) const;
+  void RequireRoom(const format::RecordHeader& record) const;
   template <class Write>
   void AppendBy(Write write, BlobFileEntry& entry, std::int32_t op, const Hash& hash,
                 std::uint32_t size);

@@ -7,7 +7,7 @@ PieceReader::PieceReader(BlobFile& source, const BlobFile::BlobFileEntry& entry)
     : file(source),
       hash(entry.hash),
       at(entry.offset),
-      headLeft(format::kStoreHeadSize),
+      headLeft(format::kStoreHeaderSize),
       left(entry.size) {
   buffer.resize(headLeft + std::min(left, kPieceSize));
 }
@@ -19,7 +19,7 @@ std::span<const unsigned char> PieceReader::Next() {
   if (read.held.size() < size)
     throw File::ShortRead(size, static_cast<unsigned>(read.held.size()), read.code);
   if (headLeft > 0) {
-    const auto head = format::RecordHead::Decode(read.held.data());
+    const auto head = format::RecordHeader::Decode(read.held.data());
     if (head.op.op != format::kOpStore || head.size != left ||
         std::memcmp(head.hash, hash.Bytes(), Hash::kSize) != 0)
       throw Failure(FailureCode::Damaged, "the record is not the blob's");

@@ -69,9 +69,9 @@ void RecordWriter::Begin(long long id) {
   md5.init();
 }
 
-void RecordWriter::Append(const format::RecordHead& record, unsigned char* data,
+void RecordWriter::Append(const format::RecordHeader& record, unsigned char* data,
                           std::uint32_t mostGathered) {
-  unsigned char head[format::kStoreHeadSize];
+  unsigned char head[format::kStoreHeaderSize];
   const std::uint32_t headSize = record.Encode(head);
   const std::uint32_t dataSize = record.size;
   if (gather.End() != header.endOffset) gather.Restart(header.endOffset);  // outside a transaction
@@ -99,7 +99,7 @@ void RecordWriter::Append(const format::RecordHead& record, unsigned char* data,
   header.recordCount += 1;
 }
 
-void RecordWriter::AppendFrom(const format::RecordHead& record, PieceSource& source,
+void RecordWriter::AppendFrom(const format::RecordHeader& record, PieceSource& source,
                               std::span<unsigned char> buffer) {
   EmptyGathered();
   try {
@@ -108,15 +108,15 @@ void RecordWriter::AppendFrom(const format::RecordHead& record, PieceSource& sou
     CutOff();
     throw;
   }
-  header.endOffset += format::kStoreHeadSize + record.size;
+  header.endOffset += format::kStoreHeaderSize + record.size;
   header.recordCount += 1;
   gather.Restart(header.endOffset);
 }
 
 // Returns the transaction's digest with the record, whose data is digested for both in one pass.
-MD5 RecordWriter::WriteFrom(const format::RecordHead& record, PieceSource& source,
+MD5 RecordWriter::WriteFrom(const format::RecordHeader& record, PieceSource& source,
                             std::span<unsigned char> buffer) {
-  unsigned char head[format::kStoreHeadSize];
+  unsigned char head[format::kStoreHeaderSize];
   std::uint32_t at = header.endOffset;
   Write(at, head, record.Encode(head));
   at += sizeof head;

@@ -53,12 +53,12 @@ class RecordWriter {
 
   // Gathers a store or delete record and counts it in the header. Data larger than mostGathered is
   // written from where it lies, after what was gathered.
-  void Append(const format::RecordHead& record, unsigned char* data, std::uint32_t mostGathered);
+  void Append(const format::RecordHeader& record, unsigned char* data, std::uint32_t mostGathered);
 
   // Writes what is gathered, then a store record whose data comes from a source, through `buffer`,
   // and counts it. Throws also what the source throws and, when its bytes do not match the record's
   // hash, Failure; what had been written is then cut off.
-  void AppendFrom(const format::RecordHead& record, PieceSource& source,
+  void AppendFrom(const format::RecordHeader& record, PieceSource& source,
                   std::span<unsigned char> buffer);
 
   // Drops the last record, which could not be written.
@@ -86,7 +86,7 @@ class RecordWriter {
 
  private:
   void Write(std::uint32_t offset, const unsigned char* bytes, std::uint32_t size);
-  MD5 WriteFrom(const format::RecordHead& record, PieceSource& source,
+  MD5 WriteFrom(const format::RecordHeader& record, PieceSource& source,
                 std::span<unsigned char> buffer);
   void CutOff() noexcept;
   void DigestGathered();

@@ -62,7 +62,7 @@ bool BlobController::sortByTransaction(BlobFile::BlobFileEntry const& a,
 // Bytes of a pack that holds the blobs of the index.
 std::uint64_t BlobController::RepackedSize(const Sizes& sizes) const {
   return format::kFileHeaderSize + format::kStartSize + format::kEndSize + sizes.total +
-         std::uint64_t{format::kStoreHeadSize} * blobs.size();
+         std::uint64_t{format::kStoreHeaderSize} * blobs.size();
 }
 
 // Throws why not.

@@ -14,7 +14,7 @@ constexpr std::uint32_t kBlockSize = 24;
 constexpr std::uint32_t kHashSize = 16;
 constexpr std::uint32_t kDigestSize = 16;
 constexpr std::uint32_t kBodyHeadSize = kHashSize + 4;
-constexpr std::uint32_t kStoreHeadSize = kOpHeaderSize + kBodyHeadSize;  // the data follows
+constexpr std::uint32_t kStoreHeaderSize = kOpHeaderSize + kBodyHeadSize;  // the data follows
 constexpr std::uint32_t kDeleteSize = kOpHeaderSize + kHashSize;
 constexpr std::uint32_t kStartSize = kOpHeaderSize + kBlockSize;
 constexpr std::uint32_t kEndSize = kOpHeaderSize;
@@ -70,30 +70,30 @@ struct OpHeader {
   }
 };
 
-// The head of a store record: all but the data, which follows. A delete record is the same without
-// the size. The hash is the raw 16 bytes.
-struct RecordHead {
+// The header of a store record: all but the data, which follows. A delete record is the same
+// without the size. The hash is the raw 16 bytes.
+struct RecordHeader {
   OpHeader op{};
   unsigned char hash[kHashSize] = {};
   std::uint32_t size = 0;
 
-  // Returns the bytes written: kStoreHeadSize or kDeleteSize.
+  // Returns the bytes written: kStoreHeaderSize or kDeleteSize.
   std::uint32_t Encode(unsigned char* out) const {
     op.Encode(out);
     std::memcpy(out + kOpHeaderSize, hash, kHashSize);
     if (op.op != kOpStore) return kDeleteSize;
     Put32(out + kDeleteSize, size);
-    return kStoreHeadSize;
+    return kStoreHeaderSize;
   }
-  static RecordHead Decode(const unsigned char* in) {
-    RecordHead head{OpHeader::Decode(in), {}, 0};
-    std::memcpy(head.hash, in + kOpHeaderSize, kHashSize);
-    if (head.op.op == kOpStore) head.size = Get32(in + kDeleteSize);
-    return head;
+  static RecordHeader Decode(const unsigned char* in) {
+    RecordHeader header{OpHeader::Decode(in), {}, 0};
+    std::memcpy(header.hash, in + kOpHeaderSize, kHashSize);
+    if (header.op.op == kOpStore) header.size = Get32(in + kDeleteSize);
+    return header;
   }
 };
 
-// The head of a file. Rewriting it is what commits.
+// The header of a file. Rewriting it is what commits.
 struct FileHeader {
   std::uint32_t maxBlobSize = kInitialMaxBlobSize;
   std::uint32_t recordCount = 0;

@@ -42,17 +42,17 @@ Origin OriginOf(const unsigned char* bytes, std::uint64_t size, std::uint32_t mo
   return header.version == kVersion || isPlausible || isZeros ? Origin::kDamaged : Origin::kForeign;
 }
 
-Head Head::Judge(const unsigned char* bytes, std::uint64_t fileSize) {
-  Head head = {State::kDamaged, fileSize, FileHeader::Decode(bytes)};
+FileStatus FileStatus::Judge(const unsigned char* bytes, std::uint64_t fileSize) {
+  FileStatus status = {State::kDamaged, fileSize, FileHeader::Decode(bytes)};
   if (WasCutOff(bytes, fileSize, 0) || WasCutOff(bytes, fileSize, 1))
-    head.state = State::kNew;
-  else if (EndsWithin(head.header, fileSize) &&
-           static_cast<std::int32_t>(head.header.recordCount) >= 0)
-    head.state = State::kSound;
-  return head;
+    status.state = State::kNew;
+  else if (EndsWithin(status.header, fileSize) &&
+           static_cast<std::int32_t>(status.header.recordCount) >= 0)
+    status.state = State::kSound;
+  return status;
 }
 
-bool Head::IsLoadable() const {
+bool FileStatus::IsLoadable() const {
   return state == State::kNew || (IsOurs(header) && header.sequence >= 0 &&
                                   static_cast<std::int32_t>(header.recordCount) >= 0);
 }

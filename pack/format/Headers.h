@@ -36,7 +36,7 @@ enum class Origin {
 Origin OriginOf(const unsigned char* bytes, std::uint64_t size, std::uint32_t mode);
 
 // A file as its header shows it.
-struct Head {
+struct FileStatus {
   enum class State {
     kMissing,
     kNew,      // empty, or cut off while it was created
@@ -46,7 +46,7 @@ struct Head {
 
   // `bytes`: the first kFileHeaderSize of the file, zeros past its end. For a pack or a journal,
   // whichever it is.
-  static Head Judge(const unsigned char* bytes, std::uint64_t fileSize);
+  static FileStatus Judge(const unsigned char* bytes, std::uint64_t fileSize);
 
   // False if the header alone rules out a load.
   bool IsLoadable() const;
@@ -59,7 +59,7 @@ struct Head {
 };
 
 // As people read them: "missing", "new", "sound" or "damaged".
-inline const char* NameOf(Head::State state) {
+inline const char* NameOf(FileStatus::State state) {
   constexpr const char* kNames[] = {"missing", "new", "sound", "damaged"};
   return kNames[static_cast<int>(state)];
 }

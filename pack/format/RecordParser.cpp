@@ -16,19 +16,19 @@ bool RecordParser::Fill(std::span<const unsigned char>& bytes) {
   bytes = bytes.subspan(static_cast<std::size_t>(Skip(bytes.size())));
   while (!bytes.empty()) {
     const std::size_t take = std::min<std::size_t>(wanted - filled, bytes.size());
-    std::memcpy(head + filled, bytes.data(), take);
+    std::memcpy(header + filled, bytes.data(), take);
     filled += static_cast<std::uint32_t>(take);
     position += take;
     bytes = bytes.subspan(take);
     if (filled < wanted) return false;
     if (filled > kOpHeaderSize) {
-      static_cast<RecordHead&>(record) = RecordHead::Decode(head);
+      static_cast<RecordHeader&>(record) = RecordHeader::Decode(header);
       return true;
     }
-    record.op = OpHeader::Decode(head);
+    record.op = OpHeader::Decode(header);
     foundBadRecord = record.op.op != kOpStore && record.op.op != kOpDelete;
     if (foundBadRecord) return false;
-    wanted = record.IsStore() ? kStoreHeadSize : kDeleteSize;
+    wanted = record.IsStore() ? kStoreHeaderSize : kDeleteSize;
   }
   return false;
 }

@@ -10,11 +10,11 @@
 namespace format {
 
 // A store or delete record, and where it lies.
-struct Record : RecordHead {
+struct Record : RecordHeader {
   std::uint64_t offset = 0;  // of its op header
 
   bool IsStore() const { return op.op == kOpStore; }
-  std::uint64_t DataOffset() const { return offset + kStoreHeadSize; }
+  std::uint64_t DataOffset() const { return offset + kStoreHeaderSize; }
   std::uint64_t End() const { return IsStore() ? DataOffset() + size : offset + kDeleteSize; }
 };
 
@@ -24,7 +24,7 @@ class RecordParser {
   // The first byte lies at offset in the file.
   explicit RecordParser(std::uint64_t offset) : position(offset), record{{}, offset} {}
 
-  // Hands each record over once its head is there; its data may be missing.
+  // Hands each record over once its header is there; its data may be missing.
   template <class Visit>
   void Feed(std::span<const unsigned char> bytes, const Visit& visit) {
     while (!foundBadRecord && Fill(bytes)) {
@@ -48,16 +48,16 @@ class RecordParser {
   bool AtBoundary() const { return filled == 0 && dataLeft == 0; }
 
  private:
-  // Whether a head is complete.
+  // Whether a header is complete.
   bool Fill(std::span<const unsigned char>& bytes);
   void NextRecord();
 
   std::uint64_t position = 0;
   Record record;
   std::uint64_t lastOffset = 0;  // of the record before
-  unsigned char head[kStoreHeadSize];
-  std::uint32_t filled = 0;              // bytes of head so far
-  std::uint32_t wanted = kOpHeaderSize;  // bytes of head before the next decision
+  unsigned char header[kStoreHeaderSize];
+  std::uint32_t filled = 0;              // bytes of header so far
+  std::uint32_t wanted = kOpHeaderSize;  // bytes of header before the next decision
   std::uint32_t dataLeft = 0;            // bytes to skip
   bool foundBadRecord = false;
 };

@@ -16,26 +16,26 @@ constexpr std::uint32_t kPieceSize = 48 * 1024;
 // Held from the first transaction of a run on, so that short ones are seldom read one by one.
 constexpr std::uint32_t kLookAhead = 32 * 1024;
 constexpr std::uint32_t kDigestBlock = 64;
-constexpr std::uint32_t kLargeRecord = 4096;  // behind it, a head is read alone
+constexpr std::uint32_t kLargeRecord = 4096;  // behind it, a header is read alone
 
 constexpr std::int64_t kLeastRecords = 3;  // of a transaction
 
 // Feeds the parser with what stands before `end`, without the data. `visit` returns whether to go
 // on.
 template <class Visit>
-void ParseHeads(ByteSource& source, RecordParser& parser, std::uint64_t end, const Visit& visit) {
+void ParseHeaders(ByteSource& source, RecordParser& parser, std::uint64_t end, const Visit& visit) {
   bool goesOn = true;
   while (goesOn && !parser.FoundBadRecord() && parser.Position() < end) {
     const std::uint64_t skipped = parser.Skip(end - parser.Position());
     const std::uint64_t at = parser.Position();
-    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end - at, kStoreHeadSize));
-    unsigned char alone[kStoreHeadSize];
-    std::span<const unsigned char> head(alone, size);
+    const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end - at, kStoreHeaderSize));
+    unsigned char alone[kStoreHeaderSize];
+    std::span<const unsigned char> header(alone, size);
     if (skipped >= kLargeRecord)
       source.Read(at, alone, size);
     else if (size > 0)
-      head = source.From(at, size).first(size);  // never two heads
-    parser.Feed(head, [&](const Record& record) { goesOn = visit(record); });
+      header = source.From(at, size).first(size);  // never two headers
+    parser.Feed(header, [&](const Record& record) { goesOn = visit(record); });
   }
 }
 
@@ -44,8 +44,8 @@ void ParseHeads(ByteSource& source, RecordParser& parser, std::uint64_t end, con
 void VisitRecords(ByteSource& source, std::uint64_t begin, std::uint64_t end,
                   const std::function<bool(const Record&)>& visit) {
   RecordParser parser(begin);
-  ParseHeads(source, parser, end,
-             [&](const Record& record) { return record.End() <= end && visit(record); });
+  ParseHeaders(source, parser, end,
+               [&](const Record& record) { return record.End() <= end && visit(record); });
 }
 
 RecordReader::RecordReader(ByteSource& bytes, const FileHeader& fileHeader, ReadListener& hears,
@@ -126,10 +126,11 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
     AddFollowing();
     Digest();
   } else {
-    ParseHeads(source, lanes[0].parser, lanes[0].transaction.BodyEnd(), [this](const Record& each) {
-      Parse(lanes[0], each);
-      return true;
-    });
+    ParseHeaders(source, lanes[0].parser, lanes[0].transaction.BodyEnd(),
+                 [this](const Record& each) {
+                   Parse(lanes[0], each);
+                   return true;
+                 });
   }
   for (std::size_t i = 0; i < laneCount && result.remaining != 0; ++i)
     if (!Accept(lanes[i])) return false;
@@ -271,14 +272,14 @@ Break RecordReader::BreakIn(const Lane& lane, std::int64_t left) {
 // where a start record did not reach the disk, zeros and the rest of it look like a store record.
 bool RecordReader::ReadSingle(std::uint64_t start, const OpHeader& record) {
   const std::uint64_t left = length - start;
-  constexpr std::uint32_t kSizeSize = kStoreHeadSize - kDeleteSize;
+  constexpr std::uint32_t kSizeSize = kStoreHeaderSize - kDeleteSize;
   if (left < kDeleteSize) return FileEnds(Place::kSingle, start, kHashSize, left - kOpHeaderSize);
   const bool isStore = record.op == kOpStore;
-  if (isStore && left < kStoreHeadSize)
+  if (isStore && left < kStoreHeaderSize)
     return FileEnds(Place::kSingle, start, kSizeSize, left - kDeleteSize);
-  unsigned char bytes[kStoreHeadSize];
-  source.Read(start, bytes, isStore ? kStoreHeadSize : kDeleteSize);
-  const Record single{RecordHead::Decode(bytes), start};
+  unsigned char bytes[kStoreHeaderSize];
+  source.Read(start, bytes, isStore ? kStoreHeaderSize : kDeleteSize);
+  const Record single{RecordHeader::Decode(bytes), start};
   if (single.End() > length) return Fail({Cause::kTooLong, Place::kSingle, start, record});
   if (isStore && digests == Digests::kCompare &&
       !source.HasDigest(single.DataOffset(), single.size, single.hash))

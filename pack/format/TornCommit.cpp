@@ -7,7 +7,7 @@
 #include "pack/format/Format.h"
 
 using format::OpHeader;
-using format::RecordHead;
+using format::RecordHeader;
 using format::TransactionBlock;
 
 namespace torn {
@@ -21,7 +21,7 @@ constexpr std::uint32_t kSizeKnown = 34;  // with these bytes of a store record,
 
 // Whether records of `size` bytes in all can be so many.
 bool CanHold(std::uint32_t size, std::uint64_t records) {
-  constexpr std::uint32_t kMore = format::kStoreHeadSize - format::kDeleteSize;
+  constexpr std::uint32_t kMore = format::kStoreHeaderSize - format::kDeleteSize;
   const std::uint64_t deletes = records * format::kDeleteSize;
   return size == deletes || (records > 0 && size >= deletes + kMore);
 }
@@ -126,13 +126,13 @@ class Transaction {
     for (std::uint64_t left = records; left > 0; --left) {
       if (MayBeLostFrom(at) && RestFits(at, left)) return isLost = bodyIsLost = true;
       if (bodyEnd - at < format::kDeleteSize) return false;
-      std::array<unsigned char, format::kStoreHeadSize> bytes;
+      std::array<unsigned char, format::kStoreHeaderSize> bytes;
       std::copy_n(source.From(at, bytes.size()).begin(), bytes.size(), bytes.begin());
-      const RecordHead head = RecordHead::Decode(bytes.data());
-      const bool isStore = head.op.op == format::kOpStore;
-      if (!isStore && head.op.op != format::kOpDelete) return false;
+      const RecordHeader header = RecordHeader::Decode(bytes.data());
+      const bool isStore = header.op.op == format::kOpStore;
+      if (!isStore && header.op.op != format::kOpDelete) return false;
       unsigned char wanted[format::kOpHeaderSize];
-      OpHeader{head.op.op, id}.Encode(wanted);
+      OpHeader{header.op.op, id}.Encode(wanted);
       if (!Are(at, std::span(wanted).first(idIsKnown ? sizeof wanted : kIdOffset))) return false;
 
       const std::uint32_t sectorEnd = PartAt(at).end;
@@ -140,16 +140,16 @@ class Transaction {
       if (there < (isStore ? kSizeKnown : format::kDeleteSize) && MayBeLost(sectorEnd)) {
         isLost = bodyIsLost = true;
         if (isStore)
-          return bodyEnd - at >= format::kStoreHeadSize + (left - 1) * format::kDeleteSize;
+          return bodyEnd - at >= format::kStoreHeaderSize + (left - 1) * format::kDeleteSize;
       }
-      at += isStore ? format::kStoreHeadSize : format::kDeleteSize;
+      at += isStore ? format::kStoreHeaderSize : format::kDeleteSize;
       if (!isStore) continue;
-      if (at > bodyEnd || head.size > bodyEnd - at) return false;
-      if (!source.HasDigest(at, head.size, head.hash)) {
-        if (!MayLackSectorIn(sectorEnd, at + head.size)) return false;
+      if (at > bodyEnd || header.size > bodyEnd - at) return false;
+      if (!source.HasDigest(at, header.size, header.hash)) {
+        if (!MayLackSectorIn(sectorEnd, at + header.size)) return false;
         isLost = bodyIsLost = true;
       }
-      at += head.size;
+      at += header.size;
     }
     return at == bodyEnd;
   }

@@ -21,7 +21,7 @@ namespace tool {
 
 // 2,147,483,531 bytes: alone in a file, in a transaction of its own.
 constexpr uint64_t kMaxBlobSize = format::kMaxFileSize - format::kFileHeaderSize -
-                                  format::kStartSize - format::kStoreHeadSize - format::kEndSize;
+                                  format::kStartSize - format::kStoreHeaderSize - format::kEndSize;
 
 // Owns a descriptor; -1 owns nothing.
 class Fd {

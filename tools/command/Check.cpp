@@ -27,23 +27,23 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   if (isStore)
     files = LayoutOf(at, Access::kLook).ReadFiles();
   else
-    files = {{at.directory, ReadHead(at.directory)}};
+    files = {{at.directory, ReadStatus(at.directory)}};
   count = files.size();
   const bool isUsed = !isStore || std::any_of(files.begin(), files.end(), [](const SlotFile& file) {
-    return file.head.IsUsed();
+    return file.status.IsUsed();
   });
   std::vector<BlobFault> faults;
   for (const SlotFile& file : files) {
-    if (file.head.state == FileHead::State::kMissing && isUsed)
+    if (file.status.state == FileStatus::State::kMissing && isUsed)
       faults.push_back({file.path, 0, std::nullopt, 0, "missing"});
-    if (file.head.state == FileHead::State::kDamaged)
+    if (file.status.state == FileStatus::State::kDamaged)
       faults.push_back({file.path, 0, std::nullopt, 0, "damaged header"});
   }
   if (!isStore) return faults;
   for (const auto& [file, text] : FindSwapped(files))
     faults.push_back({files[file].path, 0, std::nullopt, 0, text});
   for (const size_t file : LostPacks(files))
-    if (files[file].head.state != FileHead::State::kDamaged)
+    if (files[file].status.state != FileStatus::State::kDamaged)
       faults.push_back({files[file].path, 0, std::nullopt, 0, "lost, maybe the newest pack"});
   return faults;
 }
@@ -67,15 +67,15 @@ void SayUnchecked(const StoreView& view) {
   for (size_t i = 0; i < view.files().size(); ++i) {
     const SlotFile& file = view.files()[i];
     if (view.isWalked(i)) {
-      const uint64_t end = file.head.header.endOffset;
-      const bool hasRest = file.head.state == FileHead::State::kSound && end < file.head.size;
+      const uint64_t end = file.status.header.endOffset;
+      const bool hasRest = file.status.state == FileStatus::State::kSound && end < file.status.size;
       if (!hasRest) continue;
       SalvageFile opened(file.path);
-      const Rest rest = RestOf(opened, file.head.header, end, [](const auto&, auto) {});
+      const Rest rest = RestOf(opened, file.status.header, end, [](const auto&, auto) {});
       if (rest.kind != Rest::Kind::kZeros)
         Inform("{} behind the records of {} do not count: {}", Count(rest.size, "byte"), file.path,
                rest.what);
-    } else if (file.head.IsUsed() && file.head.state == FileHead::State::kSound &&
+    } else if (file.status.IsUsed() && file.status.state == FileStatus::State::kSound &&
                !view.IsNotShown(i)) {
       Inform("{} is of an older generation and was not checked", file.path);
     }

@@ -18,7 +18,7 @@ void RequireOwnFiles(const Layout& layout) {
   const size_t journalCount = Layout::CountJournals(layout.store());
   const std::vector<SlotFile> files = layout.ReadFiles();
   const bool isUsed = std::any_of(files.begin(), files.end(),
-                                  [](const SlotFile& file) { return file.head.IsUsed(); });
+                                  [](const SlotFile& file) { return file.status.IsUsed(); });
   if (journalCount > layout.slotCount() || (isUsed && journalCount != layout.slotCount()))
     throw UsageError("{} holds the journals of a store with {}: repeat init with --slots {}",
                      layout.store(), Count(journalCount, "slot"), journalCount);
@@ -27,7 +27,7 @@ void RequireOwnFiles(const Layout& layout) {
     const std::string inStore = format::PackPath(layout.store(), slot);
     const bool isElsewhere = layout.PackDir(slot) != layout.store();
     // An init that was cut short may have left an empty pack in the store's own directory.
-    const bool isLeftover = !isElsewhere && !files[2 * slot].head.IsUsed();
+    const bool isLeftover = !isElsewhere && !files[2 * slot].status.IsUsed();
     if (stdfs::exists(pack) && !isLeftover &&
         (!stdfs::exists(layout.JournalPath(slot)) || (isElsewhere && stdfs::exists(inStore))))
       throw UsageError("{} is not a pack of {}, it may be another store's; nothing was changed",

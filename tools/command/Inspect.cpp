@@ -32,15 +32,15 @@ class Inspector {
 
   // Returns whether the file is sound.
   bool Run() {
-    const FileHead head = ReadHead(path_);
-    const bool isMissing = head.state == FileHead::State::kMissing;
+    const FileStatus status = ReadStatus(path_);
+    const bool isMissing = status.state == FileStatus::State::kMissing;
     const auto name = format::FileName::Parse(stdfs::path(path_).filename().string());
     if (isMissing && name && name->IsUnfinished()) return true;  // a repack has ended meanwhile
-    PrintHead(head);
-    bool sound = head.state != FileHead::State::kDamaged && !isMissing;
-    if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged) {
+    PrintHeader(status);
+    bool sound = status.state != FileStatus::State::kDamaged && !isMissing;
+    if (status.state == FileStatus::State::kSound || status.state == FileStatus::State::kDamaged) {
       SalvageFile file(path_);
-      sound = PrintRecords(file, head) && sound;
+      sound = PrintRecords(file, status) && sound;
     }
     Flush();
     return sound && !notFound_;
@@ -61,22 +61,22 @@ class Inspector {
     Add(fmt::format(text, std::forward<T>(values)...) + "\n");
   }
 
-  void PrintHead(const FileHead& head) {
-    const std::string_view state = format::NameOf(head.state);
-    const format::FileHeader& header = head.header;
+  void PrintHeader(const FileStatus& status) {
+    const std::string_view state = format::NameOf(status.state);
+    const format::FileHeader& header = status.header;
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "file"},
                            {"path", path_},
                            {"kind", header.mode == 1 ? "pack" : "journal"},
-                           {"size", head.size},
+                           {"size", status.size},
                            {"header", state},
                            {"sequence", header.sequence},
                            {"records", header.recordCount},
                            {"max_blob_size", header.maxBlobSize},
                            {"version", header.version},
                            {"end_offset", header.endOffset}}));
-    Line("{}: {}, header {}", path_, Count(head.size, "byte"), state);
-    if (head.state == FileHead::State::kSound || head.state == FileHead::State::kDamaged)
+    Line("{}: {}, header {}", path_, Count(status.size, "byte"), state);
+    if (status.state == FileStatus::State::kSound || status.state == FileStatus::State::kDamaged)
       Line("  {}, sequence {}, {}, {} bytes in use, largest blob {}, version {}",
            header.mode == 0   ? "journal"
            : header.mode == 1 ? "pack"
@@ -85,7 +85,7 @@ class Inspector {
            header.maxBlobSize, header.version);
   }
 
-  bool PrintRecords(SalvageFile& file, const FileHead& head) {
+  bool PrintRecords(SalvageFile& file, const FileStatus& status) {
     WalkOptions walk;
     walk.digest = !options_.noDigest && options_.transaction.empty();
     bool skipRecords = false;
@@ -98,23 +98,24 @@ class Inspector {
       walk.record = [&](const format::Record& record) {
         if (!skipRecords) PrintRecord(record, "committed");
       };
-    const Walked walked = Walk(file, head, walk);
+    const Walked walked = Walk(file, status, walk);
     if (!options_.transaction.empty()) {
       notFound_ = !tableBegun_;
       return digestOk_;
     }
-    if (walked.damage && HasChanged(head)) {
+    if (walked.damage && HasChanged(status)) {
       Say("{} changed while it was read: another process is at work on it", path_);
       return true;
     }
     if (walked.mismatched) PrintTransaction(file, *walked.mismatched, "wrong");
     if (walked.damage) PrintDamage(file, walked);
-    if (head.state == FileHead::State::kSound || !walked.damage) PrintRest(file, head, walked);
+    if (status.state == FileStatus::State::kSound || !walked.damage)
+      PrintRest(file, status, walked);
     return !walked.damage || walked.lastIsTorn;
   }
 
-  bool HasChanged(const FileHead& before) const {
-    const FileHead now = ReadHead(path_);
+  bool HasChanged(const FileStatus& before) const {
+    const FileStatus now = ReadStatus(path_);
     return now.header.endOffset != before.header.endOffset ||
            now.header.sequence != before.header.sequence ||
            now.header.recordCount != before.header.recordCount;
@@ -174,9 +175,9 @@ class Inspector {
   }
 
   void PrintScanned(SalvageFile& file, uint64_t offset, std::string_view state) {
-    std::array<unsigned char, format::kStoreHeadSize> head;
-    file.Read(offset, head.data(), head.size());
-    PrintRecord({format::RecordHead::Decode(head.data()), offset}, state);
+    std::array<unsigned char, format::kStoreHeaderSize> status;
+    file.Read(offset, status.data(), status.size());
+    PrintRecord({format::RecordHeader::Decode(status.data()), offset}, state);
   }
 
   void PrintDamage(SalvageFile& file, const Walked& walked) {
@@ -201,13 +202,13 @@ class Inspector {
          damage.offset, damage.what, Count(soundBeyond, "record"), soundBeyond == 1 ? "is" : "are");
   }
 
-  void PrintRest(SalvageFile& file, const FileHead& head, const Walked& walked) {
-    const bool isSound = head.state == FileHead::State::kSound;
-    const uint64_t at = isSound ? head.header.endOffset : walked.end;
-    const Rest rest =
-        RestOf(file, head.header, at, [this](const format::Record& record, std::string_view state) {
-          if (options_.records) PrintRecord(record, state);
-        });
+  void PrintRest(SalvageFile& file, const FileStatus& status, const Walked& walked) {
+    const bool isSound = status.state == FileStatus::State::kSound;
+    const uint64_t at = isSound ? status.header.endOffset : walked.end;
+    const Rest rest = RestOf(file, status.header, at,
+                             [this](const format::Record& record, std::string_view state) {
+                               if (options_.records) PrintRecord(record, state);
+                             });
     if (rest.size == 0) return;
     if (consoleOptions.json)
       return Add(JsonLine({{"type", "rest"},

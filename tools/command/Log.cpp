@@ -89,7 +89,7 @@ ExitStatus Log(const LogOptions& options) {
     if (transaction.End() <= end && (!since || transaction.start.transactionId > *since))
       transactions.push_back(transaction);
   };
-  Walk(view.file(journal), view.files()[journal].head, walk);
+  Walk(view.file(journal), view.files()[journal].status, walk);
   std::reverse(transactions.begin(), transactions.end());
   std::string text;
   for (const format::Transaction& transaction : transactions) {

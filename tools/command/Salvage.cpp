@@ -41,7 +41,7 @@ struct SalvagedFile {
   bool isSound = false;      // as it was printed
   bool lastIsTorn = false;   // the same
 
-  int32_t sequence() const { return scan.head.header.sequence; }
+  int32_t sequence() const { return scan.status.header.sequence; }
 };
 
 struct SalvagedFiles {
@@ -87,7 +87,7 @@ std::vector<SlotFile> SlotsOf(const std::vector<SalvagedFile>& files, const std:
     slots[i].path = i % 2 == 0 ? format::PackName(i / 2) : format::JournalName(i / 2);
   for (const SalvagedFile& file : files)
     if (file.name.suffix == suffix && file.failure.empty() && file.name.slot < slotCount)
-      slots[2 * file.name.slot + (file.name.isPack ? 0 : 1)] = {file.path, file.scan.head};
+      slots[2 * file.name.slot + (file.name.isPack ? 0 : 1)] = {file.path, file.scan.status};
   return slots;
 }
 
@@ -118,12 +118,12 @@ bool IsNewestForCertain(const SalvagedFile& pack, const SalvagedFile* journal, u
   for (uint64_t other = 0; other < slotCount; ++other) {
     const SlotFile& otherPack = slots[2 * other];
     const SlotFile& otherJournal = slots[2 * other + 1];
-    const int32_t sequence = otherJournal.head.header.sequence;
+    const int32_t sequence = otherJournal.status.header.sequence;
     const bool isOfPack = sequence == pack.sequence() || sequence == format::kSequenceReset;
-    if (otherJournal.head.state == FileHead::State::kSound && !isOfPack &&
+    if (otherJournal.status.state == FileStatus::State::kSound && !isOfPack &&
         (other == slot || sequence > pack.sequence()))
       return false;
-    if (other != pack.name.slot && (otherPack.head.state == FileHead::State::kMissing ||
+    if (other != pack.name.slot && (otherPack.status.state == FileStatus::State::kMissing ||
                                     IsLost(slots, other, pack.sequence())))
       return false;
   }
@@ -230,9 +230,9 @@ void PrintFile(SalvagedFile& file) {
     return;
   }
   const SalvageScan& scan = file.scan;
-  const format::FileHeader& header = scan.head.header;
-  bool sound = scan.head.state != FileHead::State::kDamaged;
-  Print("{}: {}\n", file.path, Count(scan.head.size, "byte"));
+  const format::FileHeader& header = scan.status.header;
+  bool sound = scan.status.state != FileStatus::State::kDamaged;
+  Print("{}: {}\n", file.path, Count(scan.status.size, "byte"));
   if (scan.IsSound())
     Print("  header: sound, sequence {}, {}, {} bytes in use\n", header.sequence,
           Count(header.recordCount, "record"), header.endOffset);
@@ -245,7 +245,7 @@ void PrintFile(SalvagedFile& file) {
   if (!file.name.isPack && file.name.IsOfSlot() &&
       (scan.incompleteTransactions != 0 || scan.CountDiffers())) {
     SalvageFile opened(file.path);
-    walked = Walk(opened, scan.head, {});
+    walked = Walk(opened, scan.status, {});
   }
   const uint64_t soundEnd = walked.lastIsTorn ? walked.end : scan.committedEnd;
   const auto note = [&](uint64_t at, const std::string& line) {
@@ -274,8 +274,8 @@ void PrintFile(SalvagedFile& file) {
       note(scan.IsCommitted(record) ? record.offset : scan.committedEnd,
            fmt::format("{:#x}: blob {}, {}, {}", record.offset, record.hash.text(),
                        Count(record.blobSize, "byte"),
-                       record.end() > scan.head.size ? "runs past the end of the file"
-                                                     : "does not match its hash"));
+                       record.end() > scan.status.size ? "runs past the end of the file"
+                                                       : "does not match its hash"));
   if (scan.stoppedProbing) note(0, "too much looks like a record: some places were not tried");
   file.isSound = sound;
   file.lastIsTorn = walked.lastIsTorn;

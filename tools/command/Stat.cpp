@@ -11,8 +11,9 @@ namespace tool {
 namespace {
 
 // A sound header says nothing of what is behind it.
-std::string StateOf(FileHead::State state) {
-  const bool isOfHeader = state == FileHead::State::kSound || state == FileHead::State::kDamaged;
+std::string StateOf(FileStatus::State state) {
+  const bool isOfHeader =
+      state == FileStatus::State::kSound || state == FileStatus::State::kDamaged;
   return fmt::format("{}{}", isOfHeader ? "header " : "", format::NameOf(state));
 }
 
@@ -41,7 +42,7 @@ std::string AsText(const StoreView& view, const Json& stat) {
   for (const Holder& holder : view.holders())
     text += fmt::format("open in   process {} ({})\n", holder.pid, holder.command);
   for (const std::string path : stat["set_aside"])
-    text += fmt::format("set aside {} ({})\n", path, HumanSize(ReadHead(path).size));
+    text += fmt::format("set aside {} ({})\n", path, HumanSize(ReadStatus(path).size));
   for (const std::string path : stat["unfinished_repacks"])
     text += fmt::format("leftover  {}, of an unfinished repack\n", path);
   uint64_t most = 1;
@@ -55,11 +56,11 @@ std::string AsText(const StoreView& view, const Json& stat) {
   }
   text += "\nslot          size       in use  sequence  state           file\n";
   for (size_t i = 0; i < view.files().size(); ++i) {
-    const FileHead& head = view.files()[i].head;
+    const FileStatus& status = view.files()[i].status;
     text += fmt::format("{:>4}{} {:>12} {:>12} {:>9}  {:<14}  {}{}\n",
                         view.isSingleFile() ? "-" : std::to_string(i / 2),
-                        view.slot() == i / 2 ? '*' : ' ', head.size, head.header.endOffset,
-                        head.header.sequence, StateOf(head.state), view.files()[i].path,
+                        view.slot() == i / 2 ? '*' : ' ', status.size, status.header.endOffset,
+                        status.header.sequence, StateOf(status.state), view.files()[i].path,
                         view.IsNotShown(i) ? ", not shown" : "");
   }
   return text;

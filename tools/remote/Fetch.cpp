@@ -74,9 +74,9 @@ void Take(std::vector<Arrived> pieces, const std::function<void(const FetchedBlo
     const std::string_view bytes = mapped.emplace_back(file->Map()).text;
     for (const Place& place : piece->places) {
       const uint64_t end = place.end() - base;
-      format::RecordHead head = {};
+      format::RecordHeader head = {};
       if (end <= bytes.size())
-        head = format::RecordHead::Decode(
+        head = format::RecordHeader::Decode(
             reinterpret_cast<const unsigned char*>(&bytes[end - RecordSize(place)]));
       if (end > bytes.size() || head.op.op != format::kOpStore || head.size != place.size) {
         badPacks.insert(piece->pack);
@@ -143,7 +143,7 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
   };
   pack.index.packs = {NameIn(key)};
   const Spool::Bytes bytes = file.Map();
-  const FileHead head = ReadHead(file.path());
+  const FileStatus head = ReadStatus(file.path());
   SalvageFile salvage(file.path());
   uint64_t damagedCount = 0;
   WalkOptions options;

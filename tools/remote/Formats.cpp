@@ -109,7 +109,7 @@ RemoteConfig RemoteConfig::Decode(const std::string& text) {
 }
 
 uint32_t Place::dataOffset() const {
-  return offset + format::kStoreHeadSize;
+  return offset + format::kStoreHeaderSize;
 }
 
 void Index::Add(const Index& other) {
@@ -170,8 +170,8 @@ Index Index::Decode(std::string_view bytes, const std::string& name) {
     place.offset = format::Get32(in + 20);
     place.size = format::Get32(in + 24);
     if (place.pack >= packCount || place.offset > format::kMaxFileSize ||
-        place.size > format::kMaxFileSize - format::kStoreHeadSize ||
-        place.offset > format::kMaxFileSize - format::kStoreHeadSize - place.size)
+        place.size > format::kMaxFileSize - format::kStoreHeaderSize ||
+        place.offset > format::kMaxFileSize - format::kStoreHeaderSize - place.size)
       throw damaged("a place");
     in += kPlaceSize;
   }

@@ -38,7 +38,7 @@ bool PackBuilder::IsFullFor(uint64_t blobSize) const {
 }
 
 void PackBuilder::Add(const blobring::Hash& hash, int64_t transactionId, std::string_view data) {
-  const uint64_t recordSize = format::kStoreHeadSize + data.size();
+  const uint64_t recordSize = format::kStoreHeaderSize + data.size();
   if (packs_.empty() || packs_.back().file->size() + recordSize + format::kEndSize > kPackSize) {
     const uint64_t alone = kRecordsBegin + recordSize + format::kEndSize;
     packs_.emplace_back().file = std::make_shared<Spool>(std::max(kPackSize, alone));
@@ -48,9 +48,9 @@ void PackBuilder::Add(const blobring::Hash& hash, int64_t transactionId, std::st
   const auto size = static_cast<uint32_t>(data.size());
   pack.index.places.push_back({hash, 0, static_cast<uint32_t>(pack.file->size()), size});
   pack.blobBytes += size;
-  format::RecordHead head{{format::kOpStore, transactionId}, {}, size};
+  format::RecordHeader head{{format::kOpStore, transactionId}, {}, size};
   std::memcpy(head.hash, hash.data(), format::kHashSize);
-  unsigned char bytes[format::kStoreHeadSize];
+  unsigned char bytes[format::kStoreHeaderSize];
   head.Encode(bytes);
   pack.file->Append({reinterpret_cast<const char*>(bytes), sizeof bytes});
   pack.file->Append(data);

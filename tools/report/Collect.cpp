@@ -41,7 +41,7 @@ class Collector {
   Collector(const StoreView& view, bool blobsToo)
       : view_(view), faults_(FindFaults(view, blobsToo)) {
     for (const BlobFault& fault : faults_) {
-      // Of a fault without a blob at least the head of a record is shown.
+      // Of a fault without a blob at least the header of a record is shown.
       uint64_t& end = faultEnds_[fault.path][fault.offset];
       end = std::max(end, fault.offset + format::kStartSize + fault.size);
     }
@@ -74,17 +74,17 @@ class Collector {
   void AddFile(size_t index) {
     const SlotFile& slotFile = view_.files()[index];
     const uint64_t bins = std::clamp(kBinsOfStore / view_.files().size(), uint64_t{8}, kBinsOfFile);
-    if (slotFile.head.size == 0) return;
-    Regions regions(slotFile.head.size, bins);
-    if (slotFile.head.state == FileHead::State::kDamaged && !IsCurrent(index)) {
-      regions.AddUpTo(slotFile.head.size, State::kDamaged);
+    if (slotFile.status.size == 0) return;
+    Regions regions(slotFile.status.size, bins);
+    if (slotFile.status.state == FileStatus::State::kDamaged && !IsCurrent(index)) {
+      regions.AddUpTo(slotFile.status.size, State::kDamaged);
     } else {
       SalvageFile file(slotFile.path);
       if (view_.isWalked(index))
         AddWalked(index, file, regions);
       else
         AddUnread(index, file, regions);
-      AddRest(file, view_.files()[index].head.header, IsCurrent(index), regions);
+      AddRest(file, view_.files()[index].status.header, IsCurrent(index), regions);
     }
     for (const Region& region : regions.list())
       document_.push_back({{"type", "region"},
@@ -97,7 +97,7 @@ class Collector {
 
   // What was committed of it; of a pack that a repack began, nothing.
   void AddUnread(size_t index, const SalvageFile& file, Regions& regions) const {
-    const format::FileHeader& header = view_.files()[index].head.header;
+    const format::FileHeader& header = view_.files()[index].status.header;
     const bool isBegun = index % 2 == 0 && header.sequence == format::kSequenceReset;
     const uint64_t end = isBegun ? format::kFileHeaderSize : header.endOffset;
     regions.AddUpTo(std::min(end, file.Length()),
@@ -126,10 +126,10 @@ class Collector {
                                                               : State::kDead);
       }
     };
-    Walk(file, slotFile.head, options);
+    Walk(file, slotFile.status, options);
     regions.AddUpTo(walked.end, regions.list().back().state == State::kDead ? State::kDead : whole);
     if (!walked.damage) return;
-    const uint64_t end = std::min<uint64_t>(slotFile.head.header.endOffset, file.Length());
+    const uint64_t end = std::min<uint64_t>(slotFile.status.header.endOffset, file.Length());
     if (walked.lastIsTorn) return regions.AddUpTo(end, State::kUncommitted);
     for (auto at = faults.lower_bound(walked.end); at != faults.end() && at->first < end; ++at) {
       regions.AddUpTo(at->first, State::kUnloaded);

@@ -121,7 +121,7 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
     const std::string& pack = view.files()[2 * slot].path;
     std::vector<std::string> paths;
     for (const size_t file : {2 * slot, 2 * slot + 1})
-      if (view.files()[file].head.state != FileHead::State::kMissing)
+      if (view.files()[file].status.state != FileStatus::State::kMissing)
         paths.push_back(view.files()[file].path);
     faults.push_back(
         {pack, 0, std::nullopt, 0,

@@ -70,16 +70,16 @@ std::string_view WordsFor(const Break& broken) {
 
 }  // namespace
 
-Walked Walk(SalvageFile& file, const FileHead& head, const WalkOptions& options) {
+Walked Walk(SalvageFile& file, const FileStatus& status, const WalkOptions& options) {
   using Digests = format::RecordReader::Digests;
   Listener listener(file, options);
-  format::RecordReader reader(file, head.header, listener,
+  format::RecordReader reader(file, status.header, listener,
                               options.digest ? Digests::kCompare : Digests::kIgnore);
   Walked walked = {reader.Run(), {}};
   if (!walked.broken) return walked;
   const Break& broken = walked.beneath ? walked.beneath : walked.broken;
   walked.damage = Damage{broken.offset, std::string(WordsFor(broken))};
-  const bool isPack = head.header.mode == 1;  // of one transaction, which nothing can tear
+  const bool isPack = status.header.mode == 1;  // of one transaction, which nothing can tear
   if (isPack || walked.remaining <= 0) return walked;
   walked.lastIsTorn = reader.JudgeRest().isTorn;
   const auto missing = static_cast<uint64_t>(walked.remaining);

@@ -37,7 +37,7 @@ struct WalkOptions {
   std::function<void(uint64_t)> progress = {};  // where digesting has got to
 };
 
-// `head` is that of the file. Throws what the callbacks throw. Memory: about 1 MiB.
-Walked Walk(SalvageFile& file, const FileHead& head, const WalkOptions& options);
+// `status` is that of the file. Throws what the callbacks throw. Memory: about 1 MiB.
+Walked Walk(SalvageFile& file, const FileStatus& status, const WalkOptions& options);
 
 }  // namespace tool

@@ -44,12 +44,12 @@ std::vector<Json> StatObjects(const StoreView& view) {
   uint64_t diskBytes = 0;
   uint64_t unusedBytes = 0;  // behind the records of the files
   for (const SlotFile& file : view.files()) {
-    diskBytes += file.head.size;
-    if (file.head.state == FileHead::State::kSound)
-      unusedBytes += file.head.size - file.head.header.endOffset;
+    diskBytes += file.status.size;
+    if (file.status.state == FileStatus::State::kSound)
+      unusedBytes += file.status.size - file.status.header.endOffset;
   }
   const std::vector<std::string> setAside = FilesSetAside(view);
-  for (const std::string& path : setAside) diskBytes += ReadHead(path).size;
+  for (const std::string& path : setAside) diskBytes += ReadStatus(path).size;
   const uint64_t journalBytes = view.current().size() == 2 ? view.walked(view.current()[1]).end : 0;
   Json stat = {{"type", "stat"},
                {"store", view.path()},
@@ -89,18 +89,18 @@ Json FileObject(const StoreView& view, size_t index) {
   const bool isCurrent =
       std::find(view.current().begin(), view.current().end(), index) != view.current().end();
   // A file that is missing or new does not say.
-  const bool isPack = view.isSingleFile() ? file.head.header.mode == 1 : index % 2 == 0;
+  const bool isPack = view.isSingleFile() ? file.status.header.mode == 1 : index % 2 == 0;
   return {{"type", "file"},
           {"path", file.path},
           {"slot", view.isSingleFile() ? Json() : Json(index / 2)},
           {"kind", isPack ? "pack" : "journal"},
           {"current", isCurrent},
           {"not_shown", view.IsNotShown(index)},
-          {"size", file.head.size},
-          {"header", format::NameOf(file.head.state)},
-          {"sequence", file.head.header.sequence},
-          {"records", file.head.header.recordCount},
-          {"end_offset", file.head.header.endOffset}};
+          {"size", file.status.size},
+          {"header", format::NameOf(file.status.state)},
+          {"sequence", file.status.header.sequence},
+          {"records", file.status.header.recordCount},
+          {"end_offset", file.status.header.endOffset}};
 }
 
 }  // namespace tool

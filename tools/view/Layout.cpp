@@ -38,7 +38,7 @@ std::string RecordedDir(const std::string& store, const std::string& dir) {
 
 }  // namespace
 
-FileHead ReadHead(const std::string& path) {
+FileStatus ReadStatus(const std::string& path) {
   const Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!fd.valid() && errno == ENOENT) return {};
   struct stat status = {};
@@ -46,7 +46,7 @@ FileHead ReadHead(const std::string& path) {
   if (!fd.valid() || ::pread(fd.get(), bytes.data(), bytes.size(), 0) < 0 ||
       ::fstat(fd.get(), &status) != 0)
     ThrowErrno("read " + path);
-  return FileHead::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
+  return FileStatus::Judge(bytes.data(), static_cast<uint64_t>(status.st_size));
 }
 
 Layout::Layout(std::string store, size_t slotCount, const std::vector<std::string>& packDirs)
@@ -113,7 +113,7 @@ std::vector<SlotFile> Layout::ReadFiles() const {
   std::vector<SlotFile> files;
   for (size_t slot = 0; slot < slotCount(); ++slot)
     for (const std::string& path : {PackPath(slot), JournalPath(slot)})
-      files.push_back({path, ReadHead(path)});
+      files.push_back({path, ReadStatus(path)});
   return files;
 }
 

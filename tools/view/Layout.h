@@ -14,14 +14,14 @@
 
 namespace tool {
 
-using FileHead = format::Head;
+using format::FileStatus;
 
-// The head of a file; kMissing if there is none. Throws Fault if it cannot be read.
-FileHead ReadHead(const std::string& path);
+// What the header of a file shows; kMissing if there is none. Throws Fault if it cannot be read.
+FileStatus ReadStatus(const std::string& path);
 
 struct SlotFile {
   std::string path;
-  FileHead head;
+  FileStatus status;
 };
 
 class Layout {

@@ -26,12 +26,12 @@ bool LooksLikeDigest(const unsigned char* bytes) {
 
 // What may be a record.
 struct Candidate {
-  format::RecordHead head;
+  format::RecordHeader header;
   format::TransactionBlock block;  // of a start record
   uint64_t size = 0;               // of the record; 0 if this is none
 
-  int32_t op() const { return head.op.op; }
-  blobring::Hash hash() const { return blobring::Hash(std::to_array(head.hash)); }
+  int32_t op() const { return header.op.op; }
+  blobring::Hash hash() const { return blobring::Hash(std::to_array(header.hash)); }
 };
 
 // Follows with the reader that a load uses what that finds whole, and then what is behind it.
@@ -43,7 +43,7 @@ class Scanner final : format::ReadListener {
   void Run() {
     const uint64_t size = file_.Length();
     const uint64_t begin = std::min<uint64_t>(size, format::kFileHeaderSize);
-    uint64_t at = format::RecordReader(file_, scan_.head.header, *this).Run().end;
+    uint64_t at = format::RecordReader(file_, scan_.status.header, *this).Run().end;
     while ((at = Follow(at, size)) < size) {
       const uint64_t next = at < scan_.committedEnd ? scan_.committedEnd : size;
       at = transaction_ > at ? std::min(next, transaction_) : next;
@@ -65,8 +65,8 @@ class Scanner final : format::ReadListener {
     AddTransaction(transaction.offset, transaction.End());
   }
   void OnSingle(const format::Record& record) override {
-    const format::RecordHead& head = record;
-    const Candidate found = {head, {}, record.End() - record.offset};
+    const format::RecordHeader& header = record;
+    const Candidate found = {header, {}, record.End() - record.offset};
     if (record.IsStore()) {
       AddIfSound(record.offset, found);
     } else {
@@ -81,17 +81,17 @@ class Scanner final : format::ReadListener {
   }
 
   Candidate At(uint64_t at) const {
-    constexpr std::array<uint64_t, 4> kSizes = {format::kStoreHeadSize, format::kDeleteSize,
+    constexpr std::array<uint64_t, 4> kSizes = {format::kStoreHeaderSize, format::kDeleteSize,
                                                 format::kStartSize, format::kEndSize};
     std::array<unsigned char, format::kStartSize> bytes;
     file_.Read(at, bytes.data(), bytes.size());
-    Candidate record = {format::RecordHead::Decode(bytes.data()),
+    Candidate record = {format::RecordHeader::Decode(bytes.data()),
                         format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize])};
     const auto op = static_cast<uint32_t>(record.op());
     const bool hasHash = op == format::kOpStore || op == format::kOpDelete;
     if (op < kSizes.size() && kSizes[op] <= file_.Length() - at &&
-        (!hasHash || LooksLikeDigest(record.head.hash)))
-      record.size = kSizes[op] + record.head.size;
+        (!hasHash || LooksLikeDigest(record.header.hash)))
+      record.size = kSizes[op] + record.header.size;
     return record;
   }
 
@@ -104,9 +104,9 @@ class Scanner final : format::ReadListener {
 
   // Adds the blob of a store record if the data matches its hash. Returns whether it does.
   bool AddIfSound(uint64_t at, const Candidate& record) {
-    if (!file_.HasDigest(at + format::kStoreHeadSize, record.head.size, record.head.hash))
+    if (!file_.HasDigest(at + format::kStoreHeaderSize, record.header.size, record.header.hash))
       return false;
-    scan_.records.push_back({at, record.head.size, RecordKind::kBlob, record.hash()});
+    scan_.records.push_back({at, record.header.size, RecordKind::kBlob, record.hash()});
     ++scan_.blobs;
     Add(verified_, at, at + record.size);
     return true;
@@ -133,7 +133,7 @@ class Scanner final : format::ReadListener {
   bool FollowStore(uint64_t at, const Candidate& record, uint64_t limit) {
     const bool goesOn = record.size <= limit - at && LooksLikeRecord(at + record.size);
     if (goesOn && AddIfSound(at, record)) return true;
-    scan_.records.push_back({at, record.head.size, RecordKind::kBroken, record.hash()});
+    scan_.records.push_back({at, record.header.size, RecordKind::kBroken, record.hash()});
     return goesOn;
   }
 
@@ -188,10 +188,10 @@ class Scanner final : format::ReadListener {
 
   // The next offset that has the op of a store and a hash that is not all zeros, or `end`.
   uint64_t NextCandidate(uint64_t at, uint64_t end) {
-    while (at + format::kStoreHeadSize <= end) {
-      const auto window = file_.From(at, format::kStoreHeadSize);
+    while (at + format::kStoreHeaderSize <= end) {
+      const auto window = file_.From(at, format::kStoreHeaderSize);
       const uint64_t count =
-          std::min<uint64_t>(window.size(), end - at) - format::kStoreHeadSize + 1;
+          std::min<uint64_t>(window.size(), end - at) - format::kStoreHeaderSize + 1;
       uint64_t i = 0;
       for (; i < count; ++i) {
         if (format::Get32(&window[i]) != format::kOpStore) continue;
@@ -209,14 +209,14 @@ class Scanner final : format::ReadListener {
   // Takes a blob where nothing says that there must be one.
   bool ProbeBlob(uint64_t at, const Candidate& record, uint64_t end) {
     if (record.size == 0 || record.size > end - at) return false;
-    uint64_t& spent =
-        spent_[LooksLikeRecord(at + record.size) ? 1 : 0].at(std::bit_width(record.head.size) / 2);
+    uint64_t& spent = spent_[LooksLikeRecord(at + record.size) ? 1 : 0].at(
+        std::bit_width(record.header.size) / 2);
     if (spent > mostInVain_) {
       scan_.stoppedProbing = scan_.stoppedProbing || at < scan_.committedEnd;
       return false;
     }
     if (AddIfSound(at, record)) return true;
-    spent += record.head.size;
+    spent += record.header.size;
     return false;
   }
 
@@ -259,8 +259,8 @@ SalvageScan Scan(const std::string& path) {
   SalvageScan scan;
   std::array<unsigned char, format::kFileHeaderSize> bytes;
   file.Read(0, bytes.data(), bytes.size());
-  scan.head = FileHead::Judge(bytes.data(), file.Length());
-  scan.committedEnd = scan.IsSound() ? scan.head.header.endOffset : file.Length();
+  scan.status = FileStatus::Judge(bytes.data(), file.Length());
+  scan.committedEnd = scan.IsSound() ? scan.status.header.endOffset : file.Length();
   Scanner(path, file, scan).Run();
   scan.unreadable = file.unreadable();
   return scan;

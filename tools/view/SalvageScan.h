@@ -22,14 +22,14 @@ struct SalvagedRecord {
   Kind kind;
   blobring::Hash hash;
 
-  uint64_t dataOffset() const { return offset + format::kStoreHeadSize; }
+  uint64_t dataOffset() const { return offset + format::kStoreHeaderSize; }
   uint64_t end() const {
     return kind == Kind::kDelete ? offset + format::kDeleteSize : dataOffset() + blobSize;
   }
 };
 
 struct SalvageScan {
-  FileHead head;
+  FileStatus status;
   uint64_t committedEnd = 0;            // by a sound header, otherwise the file's size
   uint64_t recordCount = 0;             // of records that end before it
   std::vector<SalvagedRecord> records;  // in the order of their offsets
@@ -41,10 +41,10 @@ struct SalvageScan {
   Ranges unreadable;
   bool stoppedProbing = false;  // some places before committedEnd were not tried
 
-  bool IsSound() const { return head.state == FileHead::State::kSound; }
-  bool CountDiffers() const { return IsSound() && recordCount != head.header.recordCount; }
+  bool IsSound() const { return status.state == FileStatus::State::kSound; }
+  bool CountDiffers() const { return IsSound() && recordCount != status.header.recordCount; }
   bool IsCommitted(const SalvagedRecord& record) const {
-    return std::min(record.end(), head.size) <= committedEnd;
+    return std::min(record.end(), status.size) <= committedEnd;
   }
 };
 

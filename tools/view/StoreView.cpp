@@ -23,7 +23,7 @@ namespace tool {
 namespace {
 
 namespace stdfs = std::filesystem;
-using State = FileHead::State;
+using State = FileStatus::State;
 
 // Repacks of another process overwrite what is being read.
 constexpr int kMostReadings = 10;
@@ -34,18 +34,18 @@ constexpr uint32_t kPieceSize = 1024 * 1024;
 constexpr size_t kMostReadAtOnce = 4096;  // blobs
 constexpr uint64_t kMostBetween = 512;    // bytes that are read rather than skipped
 
-bool SameHead(const FileHead& a, const FileHead& b) {
+bool SameStatus(const FileStatus& a, const FileStatus& b) {
   return a.state == b.state && a.header.recordCount == b.header.recordCount &&
          a.header.sequence == b.header.sequence && a.header.endOffset == b.header.endOffset;
 }
 
 // What was read of a file stays as it was while its journal grows.
-bool IsOrHasGrown(const FileHead& before, const FileHead& now) {
+bool IsOrHasGrown(const FileStatus& before, const FileStatus& now) {
   const format::FileHeader& a = before.header;
   const format::FileHeader& b = now.header;
-  return SameHead(before, now) || ((a.sequence == b.sequence || a.recordCount == 0) &&
-                                   b.mode == 0 && now.state == State::kSound &&
-                                   b.recordCount >= a.recordCount && b.endOffset >= a.endOffset);
+  return SameStatus(before, now) || ((a.sequence == b.sequence || a.recordCount == 0) &&
+                                     b.mode == 0 && now.state == State::kSound &&
+                                     b.recordCount >= a.recordCount && b.endOffset >= a.endOffset);
 }
 
 // The numbers of /proc/locks are those of the file system, which some report otherwise in stat(2):
@@ -97,8 +97,8 @@ std::vector<Holder> HoldersOf(const std::vector<std::string>& paths) {
 SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
   SwappedFiles found;
   for (size_t i = 0; i < files.size(); ++i) {
-    const int32_t sequence = files[i].head.header.sequence;
-    if (files[i].head.state != State::kSound || sequence <= 0) continue;
+    const int32_t sequence = files[i].status.header.sequence;
+    if (files[i].status.state != State::kSound || sequence <= 0) continue;
     const uint32_t slot = format::SlotOf(sequence, static_cast<uint32_t>(files.size() / 2));
     if (slot != i / 2)
       found.emplace_back(i,
@@ -110,8 +110,8 @@ SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
 }
 
 format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot) {
-  const FileHead& pack = files[2 * slot].head;
-  const FileHead& journal = files[2 * slot + 1].head;
+  const FileStatus& pack = files[2 * slot].status;
+  const FileStatus& journal = files[2 * slot + 1].status;
   return {pack.header, journal.header, pack.state == State::kDamaged,
           journal.state == State::kDamaged};
 }
@@ -124,10 +124,10 @@ bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest) {
 std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
   int32_t newest = format::kSequenceReset;
   for (size_t i = 0; i < files.size(); i += 2)
-    if (files[i].head.IsLoadable()) newest = std::max(newest, files[i].head.header.sequence);
+    if (files[i].status.IsLoadable()) newest = std::max(newest, files[i].status.header.sequence);
   std::vector<size_t> lost;
   for (size_t i = 0; i < files.size(); i += 2)
-    if (files[i].head.state != State::kMissing && IsLost(files, i / 2, newest)) lost.push_back(i);
+    if (files[i].status.state != State::kMissing && IsLost(files, i / 2, newest)) lost.push_back(i);
   return lost;
 }
 
@@ -160,8 +160,8 @@ std::vector<std::string> UnfinishedRepacks(const StoreView& view) {
   std::error_code ignored;
   for (size_t i = 0; i < view.files().size() && !view.isSingleFile(); i += 2) {
     const SlotFile& pack = view.files()[i];
-    if (pack.head.header.sequence == format::kSequenceReset &&
-        pack.head.size > format::kFileHeaderSize)
+    if (pack.status.header.sequence == format::kSequenceReset &&
+        pack.status.size > format::kFileHeaderSize)
       paths.push_back(pack.path);
     if (stdfs::exists(format::NewPath(pack.path), ignored))
       paths.push_back(format::NewPath(pack.path));
@@ -178,7 +178,7 @@ StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
     Build(options);
     // What looks like damage may be a write in progress.
     const bool isDoubtful = !findings_.empty() || !notes_.empty();
-    isStale = IsStale() || (isDoubtful && HeadsChanged());
+    isStale = IsStale() || (isDoubtful && HeadersChanged());
   }
   std::vector<std::string> paths;
   for (const SlotFile& file : files_) paths.push_back(file.path);
@@ -203,8 +203,8 @@ void StoreView::Build(const StoreOptions& options) {
   notes_.clear();
   slot_.reset();
   if (isSingleFile_) {
-    files_ = {SlotFile{path_, ReadHead(path_)}};
-    if (files_[0].head.state == State::kDamaged)
+    files_ = {SlotFile{path_, ReadStatus(path_)}};
+    if (files_[0].status.state == State::kDamaged)
       findings_.push_back(path_ + ": the header is damaged");
     current_ = {0};
     const Walked walked = ReadRecords(0);
@@ -218,12 +218,12 @@ void StoreView::Build(const StoreOptions& options) {
 
 void StoreView::ChooseGeneration() {
   const bool isUsed = std::any_of(files_.begin(), files_.end(),
-                                  [](const SlotFile& file) { return file.head.IsUsed(); });
+                                  [](const SlotFile& file) { return file.status.IsUsed(); });
   for (const auto& [file, text] : FindSwapped(files_)) findings_.push_back(text);
   for (const SlotFile& file : files_)
-    if (file.head.state == State::kMissing && isUsed)
+    if (file.status.state == State::kMissing && isUsed)
       findings_.push_back(file.path + " is missing");
-  const auto sequenceOf = [this](size_t slot) { return files_[2 * slot].head.header.sequence; };
+  const auto sequenceOf = [this](size_t slot) { return files_[2 * slot].status.header.sequence; };
   const auto newest = format::ChooseNewest<std::vector<uint32_t>>(
       static_cast<uint32_t>(slotCount()),
       [&](size_t a, size_t b) { return format::IsNewer(sequenceOf(a), sequenceOf(b)); },
@@ -244,14 +244,14 @@ void StoreView::ChooseGeneration() {
 bool StoreView::ReadPack(size_t slot) {
   const SlotFile& pack = files_[2 * slot];
   blobs_.clear();
-  if (pack.head.state == State::kMissing) return false;
+  if (pack.status.state == State::kMissing) return false;
   const Walked walked = ReadRecords(2 * slot);
   if (!walked.damage && (walked.recordCount != 0 || CountsAll(2 * slot))) return true;
   findings_.push_back(walked.damage ? DamagedAt(pack, *walked.damage)
                                     : pack.path + ": the header is damaged");
   opened_.erase(2 * slot);
   notShown_.push_back(slot);
-  if (notShown_.size() == 1 && pack.head.state == State::kSound)
+  if (notShown_.size() == 1 && pack.status.state == State::kSound)
     findings_.push_back("the newest generation, that of " + pack.path + ", is not shown");
   return false;
 }
@@ -276,23 +276,24 @@ bool StoreView::IsNotShown(size_t file) const {
 // so, or there was no repack that can have written an older one.
 bool StoreView::WasNewest(size_t slot) const {
   const SlotFile& journal = files_[2 * slot + 1];
-  if (journal.head.state == State::kSound && journal.head.header.sequence > sequence_) return true;
+  if (journal.status.state == State::kSound && journal.status.header.sequence > sequence_)
+    return true;
   const auto age = (static_cast<uint64_t>(sequence_) + slotCount() - slot) % slotCount();
   return age != 0 && static_cast<int64_t>(age) >= sequence_;
 }
 
 // Whether the header counts just what the file has.
 bool StoreView::CountsAll(size_t file) const {
-  const FileHead& head = files_[file].head;
+  const FileStatus& status = files_[file].status;
   const Walked& walked = walked_.at(file);
-  return head.state == State::kNew ||
-         (head.state == State::kSound && walked.recordCount == head.header.recordCount &&
-          walked.end == head.header.endOffset);
+  return status.state == State::kNew ||
+         (status.state == State::kSound && walked.recordCount == status.header.recordCount &&
+          walked.end == status.header.endOffset);
 }
 
 void StoreView::ReadJournal(size_t journal) {
   const SlotFile& file = files_[journal];
-  if (file.head.state == State::kMissing) return;
+  if (file.status.state == State::kMissing) return;
   current_.push_back(journal);
   const Walked walked = ReadRecords(journal);
   if (!walked.damage && CountsAll(journal)) return;
@@ -320,13 +321,13 @@ Walked StoreView::ReadRecords(size_t index) {
     blobs_.push_back({HashOf(record), record.size, static_cast<uint32_t>(record.offset),
                       static_cast<uint32_t>(index), !record.IsStore(), record.op.transactionId});
   };
-  const FileHead& head = files_[index].head;
+  const FileStatus& status = files_[index].status;
   Progress progress("reading " + files_[index].path, 0);
   options.progress = [&](uint64_t digested) {
-    progress.ShowBytes(digested, std::max<uint64_t>(digested, head.header.endOffset));
+    progress.ShowBytes(digested, std::max<uint64_t>(digested, status.header.endOffset));
   };
   Walked walked;
-  if (head.state != State::kNew) walked = Walk(*opened, head, options);
+  if (status.state != State::kNew) walked = Walk(*opened, status, options);
   walked_[index] = walked;
   return walked;
 }
@@ -356,13 +357,13 @@ void StoreView::SortBlobs() {
 
 bool StoreView::IsStale() const {
   return std::any_of(current_.begin(), current_.end(), [this](size_t file) {
-    return !IsOrHasGrown(files_[file].head, ReadHead(files_[file].path));
+    return !IsOrHasGrown(files_[file].status, ReadStatus(files_[file].path));
   });
 }
 
-bool StoreView::HeadsChanged() const {
+bool StoreView::HeadersChanged() const {
   return std::any_of(files_.begin(), files_.end(), [](const SlotFile& file) {
-    return !SameHead(ReadHead(file.path), file.head);
+    return !SameStatus(ReadStatus(file.path), file.status);
   });
 }
 
@@ -376,7 +377,7 @@ const ViewedBlob* StoreView::Find(const blobring::Hash& hash) const {
 uint64_t StoreView::repackedBytes() const {
   if (blobs_.empty()) return format::kFileHeaderSize;
   return format::kFileHeaderSize + format::kStartSize + format::kEndSize +
-         blobs_.size() * uint64_t{format::kStoreHeadSize} + liveBytes_;
+         blobs_.size() * uint64_t{format::kStoreHeaderSize} + liveBytes_;
 }
 
 // The journal of a repacked store is a header alone.

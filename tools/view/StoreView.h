@@ -29,7 +29,7 @@ struct ViewedBlob {
   bool isDeletion = false;  // never so in StoreView::blobs()
   int64_t transactionId = 0;
 
-  uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeadSize; }
+  uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeaderSize; }
 };
 
 class StoreView;
@@ -122,7 +122,7 @@ class StoreView {
   void ReadJournal(size_t file);
   Walked ReadRecords(size_t file);
   void SortBlobs();
-  bool HeadsChanged() const;
+  bool HeadersChanged() const;
   void FindLostPacks(const format::Generation& shown);
   bool WasNewest(size_t slot) const;
   void RequireHash(const ViewedBlob& blob, MD5& md5) const;

@@ -76,7 +76,7 @@ BatchWriter::Added BatchWriter::Add(std::string_view data, const std::string& na
 
 void BatchWriter::AddMany(std::span<const Item> items, const OnAdded& added) {
   uint64_t bytes = 0;
-  for (const Item& item : items) bytes += format::kStoreHeadSize + item.data.size();
+  for (const Item& item : items) bytes += format::kStoreHeaderSize + item.data.size();
   Prepare(bytes);
   size_t at = 0;
   try {
@@ -89,7 +89,7 @@ void BatchWriter::AddMany(std::span<const Item> items, const OnAdded& added) {
 }
 
 std::optional<BatchWriter::Added> BatchWriter::AddLarge(const LargeItem& item) {
-  Prepare(format::kStoreHeadSize + item.size);
+  Prepare(format::kStoreHeaderSize + item.size);
   try {
     const bool wasThere = store_.contains(item.hash);
     if (!PutLarge(item)) return std::nullopt;

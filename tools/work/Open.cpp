@@ -25,16 +25,17 @@ void RequireLoadable(const Layout& layout) {
     throw Fault("{}; nothing was changed. Give the files their names back", swapped[0].second);
   bool isUsed = false;
   for (size_t i = 0; i < files.size(); i += 2) {
-    if (files[i].head.IsLoadable()) return;
-    isUsed = isUsed || files[i].head.state != FileHead::State::kMissing;
+    if (files[i].status.IsLoadable()) return;
+    isUsed = isUsed || files[i].status.state != FileStatus::State::kMissing;
   }
-  const FileHead& head = files.front().head;
+  const FileStatus& status = files.front().status;
   if (isUsed)
     throw Fault(
         "no pack can be loaded: the header of {} is damaged (sequence {}, {} of {} bytes in use); "
         "nothing was changed. `blobring salvage {} NEW` copies what can be read into a new store; "
         "or restore a backup",
-        files.front().path, head.header.sequence, head.header.endOffset, head.size, layout.store());
+        files.front().path, status.header.sequence, status.header.endOffset, status.size,
+        layout.store());
 }
 
 blobring::Store Open(const StoreOptions& options, const Layout& layout, Access access) {
