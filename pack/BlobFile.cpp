@@ -166,10 +166,8 @@ bool BlobFile::PutCommittedHeader() {
 }
 
 void BlobFile::ThrowNotFlushed(const char* what, std::uint32_t code) const {
-  Failure failure(FailureCode::InDoubt, "BlobFile: the ", what, " of ", path,
-                  " did not reach the disk, GetLastError code = ", code);
-  failure.system = {code};
-  throw failure;
+  throw Failure(FailureCode::InDoubt, SystemCode{code}, "BlobFile: the ", what, " of ", path,
+                " did not reach the disk, GetLastError code = ", code);
 }
 
 bool BlobFile::Reset() {

@@ -52,13 +52,14 @@ struct SystemCode {
 class Failure : public std::runtime_error {
  public:
   template <class... Pieces>
+  explicit Failure(FailureCode failureCode, SystemCode systemCode, const Pieces&... pieces)
+      : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode), system(systemCode) {}
+  template <class... Pieces>
   explicit Failure(FailureCode failureCode, const Pieces&... pieces)
-      : std::runtime_error(Join({TextPiece(pieces)...})), code(failureCode) {}
+      : Failure(failureCode, SystemCode(), pieces...) {}
   template <class... Pieces>
   explicit Failure(SystemCode systemCode, const Pieces&... pieces)
-      : Failure(FailureOf(systemCode.value), pieces...) {
-    system = systemCode;
-  }
+      : Failure(FailureOf(systemCode.value), systemCode, pieces...) {}
 
   FailureCode code;
   SystemCode system;  // of the call behind it, if there is one

@@ -21,7 +21,9 @@ struct PutOptions {
 // Stores files, "-" or none for standard input, and prints the hash of each. Files that cannot be
 // read are named; the others go on.
 ExitStatus Put(const PutOptions& options) {
-  const auto& [at, files, dryRun] = options;
+  const StoreOptions& at = options.at;
+  const std::vector<std::string>& files = options.files;
+  const bool dryRun = options.dryRun;
   LayoutOf(at, Access::kChange);  // before anything is waited for
   std::string lines;              // of committed blobs
   std::optional<OpenStore> open;
