@@ -144,6 +144,13 @@ as_device expect 1 "AccessDenied" remote prune s3://fleet/device-17 --keep-last 
 gives s3://fleet/device-17 c
 expect 0 "1 forgotten" remote prune s3://fleet/device-17 --keep-last 1
 
+# The commands that the document begins with.
+blobring init -q other-store
+sed -n 's/^\$ \(blobring [^#]*\).*/\1/p' "$here/../../docs/fleet.md" | sed "s,fleet/all,doc/all,; s,/data/store,b,; s,/data/other,other-store,; s,2144b8a1a2c442e4,$(cat b/remote/id)," >shown
+same "$(wc -l <shown)" 6
+while read -r command; do eval "$command" &>expect.out || fail "$command: $(cat expect.out)"; done <shown
+has other-store b
+
 # Of a damaged store what can be read is pushed, and called partial.
 blobring remote init -q s3://fleet/damaged
 flip_byte "$(ls -S a/*.jrn | head -n 1)" 3000000
