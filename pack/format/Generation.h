@@ -1,5 +1,5 @@
 // Which files of a store belong together, and which are the newest: chosen here for a load and for
-// whoever looks at a store without opening it. Each repack writes a pack of the next sequence; its
+// a look at a store that is not opened. Each repack writes a pack of the next sequence; its
 // journal lies in the slot that the sequence selects. docs/format.md has the rules.
 #pragma once
 

@@ -8,7 +8,7 @@
 namespace tool {
 
 // Opens directories below one that stays open. No symbolic link is followed on the way, so that
-// none can lead out of it, whoever exchanges what is there meanwhile.
+// none can lead out of it, even if another process exchanges directories meanwhile.
 class DirectoryTree {
  public:
   // Opens the directory, which may itself be a symbolic link. Throws Fault, as all calls do.
