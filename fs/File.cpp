@@ -81,12 +81,20 @@ unsigned File::read(char* buf, unsigned n) const {
   return n;
 }
 
-unsigned File::readSome(unsigned char* buf, unsigned n, DWORD& code) const {
+unsigned File::readAt(unsigned pos, unsigned char* buf, unsigned n, DWORD& code) const {
   RequireOpen("read");
   DWORD got = 0;
-  ReadFile(handle, buf, n, &got, nullptr);
+  OVERLAPPED at{};
+  at.Offset = pos;
+  ReadFile(handle, buf, n, &got, &at);
   code = GetLastError();
   return got;
+}
+
+void File::readAt(unsigned pos, unsigned char* buf, unsigned n) const {
+  DWORD code = ERROR_SUCCESS;
+  const unsigned got = readAt(pos, buf, n, code);
+  if (got != n) throw ShortRead(n, got, code);
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {

@@ -4,8 +4,9 @@
 // Errors: Failure (std::runtime_error) whose text names the operation and carries the platform's
 // error code. Nothing is retried here. An operation on a closed File reports a fatal misuse to the
 // platform first.
-// Owns its handle; the destructor closes it. No locks: one caller at a time. Positions and sizes
-// are bytes; from 2^31 on, seek fails.
+// Owns its handle; the destructor closes it. No locks: one caller at a time, but for readAt and
+// size, which any number of threads may call beside each other and beside one thread that reads and
+// writes at the position. Positions and sizes are bytes; from 2^31 on, seek fails.
 #pragma once
 
 #include <string>
@@ -38,9 +39,11 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   unsigned read(char* buf, unsigned n) const;
   unsigned write(char* buf, unsigned n);
 
-  // Reads at most n bytes. Returns how many there were before the end of the file or an error, and
-  // sets the platform's code.
-  unsigned readSome(unsigned char* buf, unsigned n, DWORD& code) const;
+  // Reads at most n bytes from pos on, wherever the position is and stays. Returns how many there
+  // were before the end of the file or an error, and sets the platform's code.
+  unsigned readAt(unsigned pos, unsigned char* buf, unsigned n, DWORD& code) const;
+  // Exactly n bytes, or an exception.
+  void readAt(unsigned pos, unsigned char* buf, unsigned n) const;
 
   // What read() throws when only `got` of n bytes are there.
   static Failure ShortRead(unsigned n, unsigned got, DWORD code);

@@ -341,7 +341,7 @@ bool BlobFile::GetBlob(BlobPair& blob, unsigned int offset) {
   return ReadBlob(blob, offset, BlobPair::Patience::Rereads);
 }
 
-bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) {
+bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) const {
   // A small blob is read together with its record's head, in one call.
   constexpr std::uint32_t kMaxSmallBlob = 4096;
   unsigned char bytes[format::kStoreHeaderSize + kMaxSmallBlob];
@@ -351,16 +351,14 @@ bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience 
 }
 
 BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes,
-                                         std::uint32_t size) {
-  if (offset + size > writer.WrittenEnd()) writer.WriteOut();
+                                         std::uint32_t size) const {
   DWORD code = ERROR_SUCCESS;
-  file.seek(offset);
-  const std::uint32_t got = file.readSome(bytes, size, code);
+  const std::uint32_t got = file.readAt(offset, bytes, size, code);
   return {{bytes, got}, size, code};
 }
 
 bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
-                          BlobPair::Patience patience) {
+                          BlobPair::Patience patience) const {
   const auto got = static_cast<std::uint32_t>(record.held.size());
   if (got < format::kOpHeaderSize) throw File::ShortRead(format::kOpHeaderSize, got, record.code);
   const std::int32_t op = format::OpHeader::Decode(record.held.data()).op;

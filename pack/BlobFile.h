@@ -134,10 +134,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // Commits the header alone, with what SetSequence gave it.
   void CommitHeader();
 
-  // Reads the store record at offset into blob, whose buffer must hold it. Sets the pair's hash to
-  // the record's: a caller that wants a certain blob compares. False, after a message, when there
-  // is another kind of record; throws when the blob cannot be read or does not match its hash. See
-  // BlobPair::Read.
+  // Reads the store record at offset, which is in the file, into blob, whose buffer must hold it.
+  // Sets the pair's hash to the record's: a caller that wants a certain blob compares. False, after
+  // a message, when there is another kind of record; throws when the blob cannot be read or does
+  // not match its hash. See BlobPair::Read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
   // The same in two steps, for a reader of many records: `held` is what was read of a record when
@@ -148,16 +148,16 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     std::uint32_t code;
   };
   bool DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
-                  BlobPair::Patience patience);
+                  BlobPair::Patience patience) const;
 
   // Throws if the record that was read is not that of the wanted blob, of wantedSize bytes.
   void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
                    std::uint32_t wantedSize) const;
 
-  RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size);
+  RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) const;
 
   // GetBlob, with or without waiting for a size that does not fit.
-  bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience);
+  bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) const;
 
   // Replays the committed records and appends their entries to out, whole transactions only. False,
   // after a message, when the file is damaged; out then holds what came before the damage. Throws

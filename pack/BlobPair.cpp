@@ -1,6 +1,7 @@
 #include "pack/BlobPair.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -16,9 +17,9 @@ namespace {
 constexpr int kSizeRereads = 5;
 constexpr DWORD kRereadDelayMs = 200;
 
-std::uint32_t ReadSize(File& f) {
+std::uint32_t ReadSizeAt(const File& f, unsigned pos) {
   unsigned char bytes[4];
-  f.read(reinterpret_cast<char*>(bytes), sizeof bytes);
+  f.readAt(pos, bytes, sizeof bytes);
   return format::Get32(bytes);
 }
 
@@ -41,13 +42,13 @@ bool BlobPair::isValid() const {
 void BlobPair::Read(File& f, bool skipData) {
   const unsigned pos = f.tell();
   unsigned char raw[format::kHashSize];
-  f.read(reinterpret_cast<char*>(raw), sizeof raw);
+  f.readAt(pos, raw, sizeof raw);
   hash.setHash(raw);
-  std::uint32_t stored = ReadSize(f);
+  const std::uint32_t stored = ReadSizeAt(f, pos + format::kHashSize);
 
   if (skipData) {
     try {
-      f.seek(f.tell() + stored);
+      f.seek(pos + format::kBodyHeadSize + stored);
     } catch (const std::exception& e) {
       trace::pack.WriteErrorV("BlobPair::f.seek(f.tell() + size)::failed::size(%d), e.what(%s)",
                               stored, e.what());
@@ -58,9 +59,10 @@ void BlobPair::Read(File& f, bool skipData) {
   }
 
   ReadData(f, pos, stored, Data{}, Patience::Rereads);
+  f.seek(pos + format::kBodyHeadSize + buffer.size);
 }
 
-void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
+void BlobPair::ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
                         Patience patience) {
   if (buffer.size != stored)
     trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", buffer.size, stored);
@@ -73,8 +75,7 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
   } else if (data.asked >= stored) {
     throw File::ShortRead(stored, static_cast<unsigned>(data.held.size()), data.code);
   } else {
-    f.seek(bodyOffset + format::kBodyHeadSize);
-    f.read(reinterpret_cast<char*>(buffer.data), stored);
+    f.readAt(bodyOffset + format::kBodyHeadSize, buffer.data, stored);
   }
   if (!isValid()) {
     trace::pack.WriteErrorV(
@@ -86,14 +87,12 @@ void BlobPair::ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, cons
   buffer.size = stored;
 }
 
-// Stops early only on equal sizes: one that has become smaller is read again, too. Leaves the
-// position behind the size or, after a failure, anywhere.
-void BlobPair::RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) const {
+// Stops early only on equal sizes: one that has become smaller is read again, too.
+void BlobPair::RereadSize(const File& f, unsigned bodyOffset, std::uint32_t& stored) const {
   try {
     for (int i = 0; i < kSizeRereads && buffer.size != stored; ++i) {
       Sleep(kRereadDelayMs);
-      f.seek(bodyOffset + format::kHashSize);
-      stored = ReadSize(f);
+      stored = ReadSizeAt(f, bodyOffset + format::kHashSize);
       trace::pack.WriteErrorV("BlobPair::Read path=%s offset=%d bsize=%d hash=%s", f.Path(),
                               bodyOffset, stored, hash.toString());
     }
@@ -106,8 +105,11 @@ void DumpBlob(RawBuffer const* b) {
   constexpr std::uint32_t kDumpLevel = 60000;
   constexpr std::string_view kTitle = " BlobPair::Read DATA was: ";
   if (TraceGetEffectiveLevel() < kDumpLevel) return;
-  if (g_TraceDeviceRaw == 0) TraceDeviceFind(u"LogFile", &g_TraceDeviceRaw);
-  if (g_TraceDeviceRaw == 0) return;
+  const std::atomic_ref<std::uint32_t> found(g_TraceDeviceRaw);
+  std::uint32_t device = found;
+  if (device == 0) TraceDeviceFind(u"LogFile", &device);
+  if (device == 0) return;
+  found = device;
 
   // One for each dump: two threads may dump at a time.
   const std::uint64_t needed = 2 * (std::uint64_t{b->size} + 128) + 129;
@@ -133,7 +135,7 @@ void DumpBlob(RawBuffer const* b) {
   for (const char* from = line; from < at;) {
     const auto size =
         static_cast<int>(std::min<std::ptrdiff_t>(at - from, std::numeric_limits<int>::max()));
-    TraceDeviceWriteRaw(g_TraceDeviceRaw, from, size);
+    TraceDeviceWriteRaw(device, from, size);
     from += size;
   }
 }

@@ -39,15 +39,16 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   };
   enum class Patience { Rereads, None };  // where the buffer is smaller than the stored size
 
-  // The rest of Read, after hash and stored size are known. Reads no byte twice.
-  void ReadData(File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
+  // The rest of Read, after hash and stored size are known. Reads no byte twice, and leaves the
+  // position alone.
+  void ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
                 Patience patience);
 
   Hash hash;
   RawBuffer buffer;
 
  private:
-  void RereadSize(File& f, unsigned bodyOffset, std::uint32_t& stored) const;
+  void RereadSize(const File& f, unsigned bodyOffset, std::uint32_t& stored) const;
 };
 
 // Writes the buffer as one line of hexadecimal digits to the raw trace device, at trace levels from

@@ -67,8 +67,6 @@ class RecordWriter {
   // Writes what is gathered, in one call.
   void WriteOut();
   bool HasMadeBlank() const { return hasMadeBlank; }
-  // The end of what has been written to the file.
-  std::uint32_t WrittenEnd() const { return gather.WrittenEnd(); }
 
   // See BlobFile::DigestBeside.
   void DigestBeside(MD5& other, const unsigned char* data, std::uint32_t size);

@@ -1,5 +1,6 @@
 #include "platform/Trace.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -46,6 +47,11 @@ std::uint32_t HashRecordId(Event kind) {
   return 0x4F000271;
 }
 
+// Set by every opening, which other threads' calls do not wait for.
+std::uint32_t Ring() {
+  return std::atomic_ref(g_BlobControllerRingBuffer).load(std::memory_order_relaxed);
+}
+
 }  // namespace
 
 void NoteLine(bool isError, const char* format, ...) {
@@ -66,7 +72,7 @@ void WriteEvent(Event kind, std::uint32_t value) {
   if (kind == kEventEndTransaction) DTRACE_PROBE1(blobring, commit, value);
   if (kind == kEventRepack) DTRACE_PROBE(blobring, repack);
   if (kind == kEventLoad) DTRACE_PROBE(blobring, load);
-  WriteEventToRingBuffer(g_BlobControllerRingBuffer, GetCurrentThreadId(), kind, value, 0, 0, 0);
+  WriteEventToRingBuffer(Ring(), GetCurrentThreadId(), kind, value, 0, 0, 0);
 }
 
 void WriteHashEvent(Event kind, const unsigned char* hash) {
@@ -78,7 +84,7 @@ void WriteHashEvent(Event kind, const unsigned char* hash) {
   const std::uint32_t b = BigEndianWord(hash + 4);
   const std::uint32_t c = BigEndianWord(hash + 8);
   const std::uint32_t d = BigEndianWord(hash + 12);
-  WriteEventToRingBuffer(g_BlobControllerRingBuffer, GetCurrentThreadId(), kind, a, b, c, d);
+  WriteEventToRingBuffer(Ring(), GetCurrentThreadId(), kind, a, b, c, d);
   RTTrace_4(HashRecordId(kind), a, b, c, d);
 }
 

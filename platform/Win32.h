@@ -85,7 +85,14 @@ struct BY_HANDLE_FILE_INFORMATION {
 };
 
 struct SECURITY_ATTRIBUTES;
-struct OVERLAPPED;
+
+// Where a read begins.
+struct OVERLAPPED {
+  std::uintptr_t unused[2];
+  DWORD Offset;
+  DWORD OffsetHigh;
+  HANDLE hEvent;
+};
 
 constexpr DWORD EXCEPTION_ACCESS_VIOLATION = 0xC0000005U;
 constexpr int EXCEPTION_EXECUTE_HANDLER = 1;
@@ -116,8 +123,9 @@ HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD, SECURITY_ATTRI
 
 // Read or write at the handle's position and move it by *transferred bytes, which is set on every
 // return. A read past the end of the file succeeds with fewer bytes; a write transfers all or
-// fails.
-BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*);
+// fails. A read that passes an OVERLAPPED begins at its Offset instead and leaves the position as
+// it is: any number of threads may make such reads beside one thread that makes other calls.
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* at);
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*);
 
 // Moves the position by a signed distance, so that positions of 2^31 and up fail. Going past the

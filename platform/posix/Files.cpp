@@ -84,13 +84,12 @@ bool IsPastLimit(off_t end) {
 // Repeats `transfer(done)`, which moves bytes from `done` on as pread(2) and pwrite(2) do, until
 // all `size` are moved, there are no more, or it fails.
 template <typename Transfer>
-int TransferAll(OpenFile& file, DWORD size, DWORD& done, Transfer transfer) {
+int TransferAll(DWORD size, DWORD& done, Transfer transfer) {
   ssize_t count = 1;
   while (done < size && count > 0) {
     count = platform::Uninterrupted([&] { return transfer(done); });
     if (count > 0) done += static_cast<DWORD>(count);
   }
-  file.position += done;
   return count < 0 ? errno : 0;
 }
 
@@ -122,15 +121,18 @@ HANDLE CreateFileW(const WCHAR* path, DWORD desiredAccess, DWORD /*shareMode*/,
   return handle;
 }
 
-BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred,
-              OVERLAPPED* /*overlapped*/) {
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* at) {
   *transferred = 0;
   OpenFile* open = FileFor(GENERIC_READ, file);
   if (open == nullptr) return 0;
-  return Result(TransferAll(*open, size, *transferred, [&](DWORD done) {
-    return pread(open->file.Number(), static_cast<char*>(buffer) + done, size - done,
-                 open->position + done);
-  }));
+  const off_t from = at == nullptr
+                         ? open->position
+                         : static_cast<off_t>(std::uint64_t{at->OffsetHigh} << 32 | at->Offset);
+  const int error = TransferAll(size, *transferred, [&](DWORD done) {
+    return pread(open->file.Number(), static_cast<char*>(buffer) + done, size - done, from + done);
+  });
+  if (at == nullptr) open->position += *transferred;
+  return Result(error);
 }
 
 BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
@@ -138,7 +140,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
   *transferred = 0;
   OpenFile* open = FileFor(GENERIC_WRITE, file);
   if (open == nullptr) return 0;
-  const int error = TransferAll(*open, size, *transferred, [&](DWORD done) -> ssize_t {
+  const int error = TransferAll(size, *transferred, [&](DWORD done) -> ssize_t {
     const off_t at = open->position + done;
     // A write that begins before the limit stops at it, without the signal.
     if (!IsPastLimit(at + 1))
@@ -147,6 +149,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
     errno = EFBIG;
     return -1;
   });
+  open->position += *transferred;
   // A write that moves nothing and names no error has no room.
   return Result(error == 0 && *transferred != size ? ENOSPC : error);
 }

@@ -3,7 +3,8 @@
 // 0, 0xFFFFFFFF and 0xDEADBEEF (the store's mark for "no handle") are never handed out, and the
 // value of a closed handle does not come back before 2^31 others were used.
 //
-// Threads: any, for different handles. A single handle is used and closed by one thread at a time.
+// Threads: any, for different handles. A single handle is closed while no other thread uses it; how
+// far threads may share it is said with each call.
 // Constant-initialised and never destroyed: files are closed until the very end.
 #pragma once
 

@@ -166,17 +166,18 @@ HANDLE CreateFileW(const WCHAR* path, DWORD access, DWORD, SECURITY_ATTRIBUTES*,
   return machine.Open({true, inode, directory, access, 0, disposition != OPEN_EXISTING, false});
 }
 
-BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED*) {
+BOOL ReadFile(HANDLE file, void* buffer, DWORD size, DWORD* transferred, OVERLAPPED* at) {
   *transferred = 0;
   sim::Handle* handle = Files().Begin(Call::ReadFile, file, GENERIC_READ);
   if (handle == nullptr) return 0;
   const sim::Bytes& bytes = Files().disk.inode(handle->inode).visible;
-  const std::size_t left = bytes.size() - std::min(handle->position, bytes.size());
+  const std::size_t from = at != nullptr ? at->Offset : handle->position;
+  const std::size_t left = bytes.size() - std::min(from, bytes.size());
   DWORD count = static_cast<DWORD>(std::min<std::size_t>(size, left));
   const bool partial = Files().lastFault == Fault::Partial;
   if (partial) count /= 2;
-  if (count > 0) bytes.copy(static_cast<char*>(buffer), count, handle->position);
-  handle->position += count;
+  if (count > 0) bytes.copy(static_cast<char*>(buffer), count, from);
+  if (at == nullptr) handle->position += count;
   *transferred = count;
   return Files().Done(partial);
 }
