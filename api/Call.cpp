@@ -1,35 +1,50 @@
 #include "api/Call.h"
 
+#include <utility>
+
 #include "platform/Trace.h"
 
 namespace api {
 
 namespace {
 
-constinit thread_local int callDepth = 0;
+// Of the thread. The entry is here and not in the Call: a jump may leave that behind.
+struct Calls {
+  int depth;
+  registry::Entry* entered;  // by the outermost
+};
+constinit thread_local Calls calls{};
 
 }  // namespace
 
 Call::Call(const char* callName, int storeIndex)
-    : name_(callName), index_(storeIndex), outerCalls_(callDepth++) {
+    : name_(callName), index_(storeIndex), outerCalls_(calls.depth++) {
   if (RefuseNested()) return;
-  registry::Entry* entry = registry::Find(index_);
-  if (entry == nullptr) {
-    OfThread().Begin();
-    refused_ = !Refuse(FailureCode::NoStore, Text("no store has the index = ", index_));
-    return;
-  }
-  ReportTo(*entry);
-  store_ = entry->store.get();
+  store_ = Enter(index_);
+  if (store_ != nullptr) return;
+  OfCallsWithoutStore().Begin(-1);
+  refused_ = !Refuse(FailureCode::NoStore, Text("no store has the index = ", index_));
 }
 
-Call::Call(const char* callName) : name_(callName), outerCalls_(callDepth++) {
-  if (outerCalls_ == 0) OfThread().Begin();
+Call::Call(const char* callName) : name_(callName), outerCalls_(calls.depth++) {
+  if (outerCalls_ == 0) OfCallsWithoutStore().Begin(-1);
+}
+
+BlobController* Call::Enter(int storeIndex) {
+  registry::Entry* const entry = outerCalls_ == 0 ? registry::Enter(storeIndex) : nullptr;
+  if (entry == nullptr) return nullptr;
+  calls.entered = entry;
+  OfCallsOnStores().Begin(storeIndex);
+  SendToStores(true);
+  return entry->store.get();
 }
 
 void Call::End() {
-  callDepth = outerCalls_;
-  if (outerCalls_ == 0) SendTo(nullptr);
+  calls.depth = outerCalls_;
+  if (outerCalls_ > 0 || calls.entered == nullptr) return;
+  SendToStores(false);
+  const FailureText& text = OfCallsOnStores();
+  registry::Leave(*std::exchange(calls.entered, nullptr), text.IsNew() ? &text : nullptr);
 }
 
 // Code and text, and no message: the call's result is no failure.
@@ -49,12 +64,6 @@ bool Call::RefuseNested() {
   refused_ = true;
   if (outerCalls_ == 1) Refuse(FailureCode::Refused, "called from inside another call");
   return true;
-}
-
-void Call::ReportTo(registry::Entry& entry) const {
-  if (outerCalls_ > 0) return;
-  entry.failures.Begin();
-  SendTo(&entry.failures);
 }
 
 bool Call::RequireBytes(const char* argument, const unsigned char* data, const char* sizeName,

@@ -39,8 +39,8 @@ struct Handler {
   const char* separator = " hash=";
 };
 
-// Until the Call is destroyed, whatever is traced becomes the text of the store's last failure, or
-// of the thread's for a call that belongs to no store.
+// Until the Call is destroyed, whatever is traced becomes the text of the thread's last failure,
+// and with the end of the call the store's, if it is a call on one. The store stays as long.
 //
 // A function of the host's that runs inside a call must not call back: the inner call could remove
 // the object that the outer one works on. Such a call is refused.
@@ -59,8 +59,9 @@ class Call {
   // For a call that opens or disposes of a store. False, after a message, inside another call.
   bool RequireOutermost();
 
-  // Sends what is traced to a store's text from here on, unless this runs inside another call.
-  void ReportTo(registry::Entry& entry) const;
+  // Makes this a call on a store from here on, unless it runs inside another call. Null if it does
+  // or no store has the index.
+  BlobController* Enter(int storeIndex);
 
   // False if pointer is null, after a message, or if the call is refused.
   bool Require(const char* argument, const void* pointer) {

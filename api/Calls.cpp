@@ -2,6 +2,7 @@
 #include <blobring/blobring.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 
@@ -27,28 +28,26 @@ namespace {
 constexpr std::size_t kFirstOptionsSize = offsetof(BCOptions, mustExist);
 constexpr std::size_t kFirstStatisticsSize = offsetof(BCStatistics, damaged);
 
-BlobController& StoreAt(int index) {
-  return *registry::Find(index)->store;
-}
-
 int Initialize(const std::string& path) {
   constexpr int kTraceRing = 8;
-  GetTraceRingBuffer(kTraceRing, &g_BlobControllerRingBuffer);
+  std::uint32_t ring = 0;
+  GetTraceRingBuffer(kTraceRing, &ring);
+  std::atomic_ref(g_BlobControllerRingBuffer).store(ring, std::memory_order_relaxed);
   trace::WriteEvent(trace::kEventOpen, 0);
   RTTrace(0x0F000264);
   return registry::Add(MakePooled<BlobController>(FileSystem::AbsolutePath(path)));
 }
 
-void AddPackDir(int index, const std::string& dir) {
+void AddPackDir(BlobController& store, int index, const std::string& dir) {
   trace::WriteEvent(trace::kEventOpen, 0);
   RTTrace_1(0x0F000265, Word(index));
-  StoreAt(index).AddPackDir(FileSystem::AbsolutePath(dir));
+  store.AddPackDir(FileSystem::AbsolutePath(dir));
 }
 
-int Load(int index) {
+int Load(BlobController& store, int index) {
   trace::WriteEvent(trace::kEventLoad, 0);
   RTTrace_1(0x2F000266, Word(index));
-  const int result = StoreAt(index).Load();
+  const int result = store.Load();
   RTTrace_2(0x2F000267, Word(index), Word(result));
   return result;
 }
@@ -71,13 +70,12 @@ bool ReadOptions(Call& call, const BCOptions* given, BCOptions& options) {
 bool Open(Call& call, const std::string& directory, const BCOptions& options,
           const std::vector<std::string>& packDirs, int& index) {
   index = Initialize(directory);
-  call.ReportTo(*registry::Find(index));
-  BlobController& store = StoreAt(index);
+  BlobController& store = *call.Enter(index);
   if (options.readOnly != 0) store.SetReadOnly();
-  for (const std::string& dir : packDirs) AddPackDir(index, dir);
+  for (const std::string& dir : packDirs) AddPackDir(store, index, dir);
   store.SetDamagePolicy(options.eraseDamaged != 0 ? DamagePolicy::Erase : DamagePolicy::Keep);
   store.SetProgress({options.progress, options.progressContext});
-  return Load(index) == 1;
+  return Load(store, index) == 1;
 }
 
 }  // namespace
@@ -101,9 +99,9 @@ int BCOpen(const char* directory, const BCOptions* given) {
   if (call.Catch({"BCOpen threw an exception:"}, 0, open) == 1) return index;
   if (index < 0) return -1;
   // The reason outlives the store.
-  api::SendTo(nullptr);
-  api::OfThread() = registry::Find(index)->failures;
-  registry::Remove(index);
+  call.End();
+  api::OfCallsWithoutStore() = api::OfCallsOnStores();
+  registry::Take(index);
   return -1;
 }
 
@@ -140,7 +138,7 @@ int BCAddPackDir(int index, const char16_t* given) {
   if (!Narrow(call, "dir", given, dir)) return 0;
   const auto require = [&] { return call.Store().RequireSlotsOpen(), 1; };
   if (call.Catch({"BCAddPackDir: "}, 0, require) == 0) return 0;
-  return Call::Pass([&] { return AddPackDir(index, dir), 1; });
+  return Call::Pass([&] { return AddPackDir(call.Store(), index, dir), 1; });
 }
 
 int BCSetDamagePolicy(int index, int policy) {
@@ -155,7 +153,8 @@ int BCSetDamagePolicy(int index, int policy) {
 
 int BCLoad(int index) {
   Call call("BCLoad", index);
-  return call ? call.Catch({"BCLoad threw an exception:"}, 0, [&] { return Load(index); }) : 0;
+  if (!call) return 0;
+  return call.Catch({"BCLoad threw an exception:"}, 0, [&] { return Load(call.Store(), index); });
 }
 
 int BCShutdown(int index, bool flag) {
@@ -175,9 +174,7 @@ int Dispose(int index, bool isOuter) {
   if (!call.RequireOutermost()) return 0;
   if (isOuter) trace::api.notes.WriteWarnV("BCDispose with index = %d", index);
   trace::api.notes.WriteWarnV("BCDispose has been called index = %d", index);
-  if (registry::Find(index) == nullptr) return 1;
-  StoreAt(index).Shutdown(true);
-  registry::Remove(index);
+  if (const registry::StorePtr store = registry::Take(index)) store->Shutdown(true);
   return 1;
 }
 
@@ -365,15 +362,19 @@ int BCGetStatistics(int index, BCStatistics* statistics) {
 
 namespace {
 
-const api::FailureText& FailuresOf(int index) {
-  const registry::Entry* entry = registry::Find(index);
-  return entry != nullptr ? entry->failures : api::OfThread();
+// The thread's own before another's.
+api::FailureText FailuresOf(int index) {
+  api::FailureText failures;
+  if (!registry::GetFailures(index, failures)) return api::OfCallsWithoutStore();
+  const api::FailureText& own = api::OfCallsOnStores();
+  return own.Store() == index ? own : failures;
 }
 
 }  // namespace
 
 int BCLastError(int index, char* buffer, int capacity) {
-  const std::string_view text = FailuresOf(index).Text();
+  const api::FailureText failures = FailuresOf(index);
+  const std::string_view text = failures.Text();
   if (buffer != nullptr && capacity > 0) {
     const std::size_t length = std::min(text.size(), static_cast<std::size_t>(capacity) - 1);
     std::memcpy(buffer, text.data(), length);
@@ -420,8 +421,8 @@ int BCCacheStats() {
 
 int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   Call call("FilterException");
-  registry::Entry* entry = registry::Find(index);
-  if (entry != nullptr) call.ReportTo(*entry);
+  const registry::StorePtr store = registry::Find(index);
+  call.Enter(index);
   if (code != EXCEPTION_ACCESS_VIOLATION) {
     trace::api.WriteWarnV("FilterException() except: unknown exception %d", code);
     RTTrace_2(0x0F000263, code, Word(index));
@@ -434,9 +435,9 @@ int FilterException(int index, unsigned int code, _EXCEPTION_POINTERS* info) {
   RTTrace_2(0x0F000262, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address)),
             Word(index));
   call.Catch({""}, 0, [&] {
-    return entry != nullptr ? entry->store->Fsck()
-                            : call.Refuse(FailureCode::NoStore,
-                                          "no store has the index = " + std::to_string(index));
+    return store ? store->Fsck()
+                 : call.Refuse(FailureCode::NoStore,
+                               "no store has the index = " + std::to_string(index));
   });
   call.EndOuterCalls();
   return EXCEPTION_EXECUTE_HANDLER;

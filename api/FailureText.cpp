@@ -7,8 +7,12 @@ namespace api {
 
 namespace {
 
-constinit thread_local FailureText ofThread;
-constinit thread_local FailureText* target = nullptr;
+// In one object, which takes one call to find.
+struct Texts {
+  FailureText without, onStores;
+  bool isOnStore = false;
+};
+constinit thread_local Texts ofThread;
 
 constexpr std::string_view kSeparator = ": ";
 
@@ -34,7 +38,7 @@ std::string_view CauseOf(FailureCode code) {
 }
 
 FailureText& Target() {
-  return target != nullptr ? *target : ofThread;
+  return ofThread.isOnStore ? ofThread.onStores : ofThread.without;
 }
 
 }  // namespace
@@ -42,6 +46,7 @@ FailureText& Target() {
 void FailureText::StartOver() {
   if (!startsOver) return;
   startsOver = hasLines = false;
+  store = nextStore;
   length = 0;
   code = FailureCode::None;
   system = {};
@@ -75,12 +80,16 @@ void FailureText::Add(std::string_view line) {
   length += fits;
 }
 
-FailureText& OfThread() {
-  return ofThread;
+FailureText& OfCallsWithoutStore() {
+  return ofThread.without;
 }
 
-void SendTo(FailureText* text) {
-  target = text;
+FailureText& OfCallsOnStores() {
+  return ofThread.onStores;
+}
+
+void SendToStores(bool isOnStore) {
+  ofThread.isOnStore = isOnStore;
 }
 
 }  // namespace api

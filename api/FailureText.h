@@ -2,8 +2,8 @@
 // the lines say it, and its error code. If there is no room for all, the first lines are kept: the
 // cause comes before its consequences.
 //
-// Every open store has one, and every thread, for calls without a store. A call says at its start
-// whose it is.
+// Every thread has two, for calls on stores and for calls without one. A call says at its start
+// which of them is its own.
 #pragma once
 
 #include <cstddef>
@@ -17,11 +17,18 @@ class FailureText {
  public:
   static constexpr std::size_t kCapacity = 1024;  // bytes, the final NUL included
 
-  // Starts a call. The text stays until the call has something to say.
-  void Begin() { startsOver = true; }
+  // Starts a call on a store. The text stays until the call has something to say.
+  void Begin(int storeIndex) {
+    nextStore = storeIndex;
+    startsOver = true;
+  }
   void Add(std::string_view line);
   // Keeps the first codes of a call; later ones are consequences.
   void SetCause(const std::exception& e);
+
+  // The store that the text is about, -1 for none; and whether it is of the call begun last.
+  int Store() const { return store; }
+  bool IsNew() const { return !startsOver; }
 
   std::string_view Text() const;
   FailureCode Code() const { return code; }
@@ -30,6 +37,8 @@ class FailureText {
  private:
   void StartOver();
 
+  int store = -1;
+  int nextStore = -1;
   bool startsOver = true;
   bool hasLines = false;
   FailureCode code = FailureCode::None;
@@ -38,11 +47,11 @@ class FailureText {
   char text[kCapacity] = {};
 };
 
-// The calling thread's own.
-FailureText& OfThread();
+// The calling thread's.
+FailureText& OfCallsWithoutStore();
+FailureText& OfCallsOnStores();
 
-// Sends what the thread traces to a text, which must remain live until the next call of this; null:
-// to the thread's own.
-void SendTo(FailureText* text);
+// Sends what the thread traces to its text for calls on stores, or to the other one.
+void SendToStores(bool isOnStore);
 
 }  // namespace api

@@ -1,4 +1,7 @@
 // The open stores of this process by index.
+//
+// Threads: any, at any time. One mutex guards the registry; it is held for a look-up, never for a
+// call. A call enters a store and leaves it, and Take waits for the calls that are in it.
 #pragma once
 
 #include <boost/shared_ptr.hpp>
@@ -8,17 +11,33 @@
 
 namespace registry {
 
+using StorePtr = boost::shared_ptr<BlobController>;
+
 struct Entry {
-  api::FailureText failures;  // outlives the store, which may report to the end
-  boost::shared_ptr<BlobController> store;
+  StorePtr store;
+  api::FailureText failures;  // of the last call that failed, whichever thread's
+  int calls = 0;              // that have entered
+  bool isTaken = false;       // no more enter
+  DWORD openerProcess = 0;
 };
 
 // Registers a store under the next index, which it returns.
-int Add(const boost::shared_ptr<BlobController>& store);
+int Add(const StorePtr& store);
 
-// Null when no store has the index. Valid until Remove.
-Entry* Find(int index);
+// Null when no store has the index.
+StorePtr Find(int index);
 
-void Remove(int index);
+// Begins a call. The entry remains until Leave. Null when no store has the index.
+Entry* Enter(int index);
+
+// Ends it, and leaves the text of its failure, if it has one.
+void Leave(Entry& entry, const api::FailureText* failures);
+
+// Copies the text of the last failure. False when no store has the index.
+bool GetFailures(int index, api::FailureText& failures);
+
+// Removes a store once the calls in it have ended; no other enters. Null when no store has the
+// index. A child of fork waits for none: the parent's other threads do not go on in it.
+StorePtr Take(int index);
 
 }  // namespace registry

@@ -15,10 +15,9 @@
  * A device's process opens a store in steps: BCInitialize, BCAddPackDir for
  * each slot, BCLoad.
  *
- * Threads: the library takes no lock and starts no thread. Calls on different
- * stores may run on different threads. Calls on one store must not overlap.
- * Calls that open, dispose of or shut down a store must not overlap with any
- * other call on a store.
+ * Threads: the library starts no thread. Calls on different stores, opening and
+ * disposing among them, may run at the same time on different threads. Calls on
+ * one store must not overlap.
  * Callbacks: a sink, source or progress function of the host's may call
  * BCLastError, BCLastErrorCode, BCLastSystemError and the functions of host.h,
  * nothing else. A call on a store from there is refused. Only FilterException is
@@ -188,8 +187,9 @@ BLOBRING_API int BCLoad(int index);
 BLOBRING_API int BCShutdown(int index, bool flag);
 
 /*
- * Shuts a store down and drops its index. Returns 1, also for an index that no
- * store has; 0 when called from a function of the host's.
+ * Shuts a store down and drops its index. Waits for the calls on the store that
+ * other threads are in; calls that come later find no store. Returns 1, also for
+ * an index that no store has; 0 when called from a function of the host's.
  */
 BLOBRING_API int BCDispose(int index);
 BLOBRING_API int BCDisposeInt(int index);
@@ -477,8 +477,10 @@ BLOBRING_API int BCGetStatistics(int index, BCStatistics* statistics);
  * with its NUL. Returns its whole length, at most 1023. With capacity 0, buffer
  * may be null. The text begins with the cause in a few words; the lines follow
  * as they went to the trace. A call that succeeds leaves it as it is.
- * For -1, or an index that no store has: of the calls on this thread that
- * belong to no store, such as a BCOpen that failed.
+ * Of this thread's last failing call on a store, if that was on this store;
+ * otherwise of the store's last failing call on any thread. For -1, or an index
+ * that no store has: of the calls on this thread that belong to no store, such
+ * as a BCOpen that failed.
  */
 BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 
