@@ -154,11 +154,11 @@ BLOBRING_API int BCSetDamagePolicy(int index, int policy);
 
 /*
  * Rebuilds the index of blobs from the newest pack that reads cleanly and the
- * journal of its slot. Abandons pending changes. Returns 1 loaded, 0 failed.
- * A store that was shut down, or has closed itself after a failure, is not
- * loaded again (BLOBRING_ERROR_CLOSED): dispose of it and open it. Before the
- * load, changes go into slot 0's journal; they fail where the load would not
- * read them there.
+ * journal of its slot. Abandons pending changes. A store that was shut down, or
+ * has closed itself after a failure, is not loaded again
+ * (BLOBRING_ERROR_CLOSED): dispose of it and open it. Before the load, changes
+ * go into slot 0's journal; they fail where the load would not read them there.
+ * Returns 1 loaded, 0 failed.
  *
  *   found                    BLOBRING_DAMAGE_ERASE      BLOBRING_DAMAGE_KEEP
  *   ----------------------   ------------------------   ---------------------------
@@ -348,10 +348,11 @@ BLOBRING_API int BCGetInt(int index, unsigned char* hash, unsigned char* buffer,
 
 /*
  * Copies a committed blob into buffer[0..*size) and checks it against its hash.
+ * A blob that is not committed yet is not found, as with every call that reads.
+ * With capacity 0, buffer may be null. Never closes the store and never waits.
  * Returns BLOBRING_FETCHED; BLOBRING_NOT_FOUND; BLOBRING_TOO_SMALL (*size is the
  * size needed, buffer untouched); BLOBRING_FAILED (buffer undefined). *size is 0
- * for the second and the last. With capacity 0, buffer may be null. Never
- * closes the store and never waits.
+ * for the second and the last.
  */
 BLOBRING_API int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int capacity,
                          int* size);
@@ -397,9 +398,9 @@ BLOBRING_API int BCRead(int index, const unsigned char* hash, BCSink* sink, void
 
 /*
  * Writes the first committed hash after `after` in ascending byte order to
- * `next` (16 bytes each; they may be the same), or the first of all when
- * `after` is null. The store may change between calls. Returns 1; 0 when there
- * is none; -1 on failure.
+ * `next`, or the first of all when `after` is null. Both have 16 bytes and may
+ * be the same. The store may change between calls. Returns 1; 0 when there is
+ * none; -1 on failure.
  */
 BLOBRING_API int BCNextHash(int index, const unsigned char* after, unsigned char* next);
 
@@ -501,6 +502,12 @@ BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 
 /* Returns the code of the failure that BCLastError has the text of. */
 BLOBRING_API int BCLastErrorCode(int index);
+
+/*
+ * Returns a few words for a code: "another opener has a file". Static storage;
+ * "unknown code" for a code that this library does not have.
+ */
+BLOBRING_API const char* BCErrorText(int code);
 
 /*
  * Returns what GetLastError said of the system call behind that failure, as the
