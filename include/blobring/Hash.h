@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <iosfwd>
 #include <limits>
 #include <optional>
 #include <span>
@@ -47,6 +48,7 @@ class Hash {
 
   // Returns the hash of a blob with these contents. Throws Error for 4 GiB or more.
   static Hash of(std::span<const std::byte> data);
+  static Hash of(std::string_view text) { return of(std::as_bytes(std::span(text))); }
 
   // Takes 32 hexadecimal digits of either case. Returns nothing for other texts.
   static constexpr std::optional<Hash> parse(std::string_view text) {
@@ -69,6 +71,13 @@ class Hash {
       text += kDigits[byte & 15];
     }
     return text;
+  }
+
+  // Writes text().
+  template <class Traits>
+  friend std::basic_ostream<char, Traits>& operator<<(std::basic_ostream<char, Traits>& out,
+                                                      const Hash& hash) {
+    return out << hash.text().c_str();
   }
 
   constexpr const std::array<std::uint8_t, kSize>& bytes() const { return bytes_; }

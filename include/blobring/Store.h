@@ -35,6 +35,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -119,7 +120,7 @@ class Store {
   inline Hash put(std::span<const std::byte> data);
   Hash put(std::string_view text) { return put(std::as_bytes(std::span(text))); }
 
-  // Returns a committed blob; nothing when it is absent.
+  // Returns a committed blob; nothing when it is absent, or put and not committed yet.
   std::optional<std::vector<std::byte>> get(const Hash& hash) const {
     const std::optional<std::size_t> bytes = size(hash);
     if (!bytes) return std::nullopt;
@@ -180,62 +181,85 @@ class Store {
   // committed, without the blob. See BCStoreFrom.
   inline void putFrom(const Hash& hash, std::uint64_t size, const Source& source);
 
-  // Iterates over the committed hashes in ascending order, which it obtains a few hundred at a
-  // time. The store may change meanwhile: the iterator may not notice.
-  class HashIterator {
+  // A committed blob, as blobs() shows it.
+  struct Blob {
+    Hash hash;
+    std::size_t size;  // bytes
+  };
+
+  // Iterates over the committed blobs in ascending order of their hashes, which it obtains a few
+  // hundred at a time. The store may change meanwhile: the iterator may not notice.
+  template <class Item>  // Hash or Blob
+  class Iterator {
    public:
     using iterator_category = std::input_iterator_tag;
     using iterator_concept = std::forward_iterator_tag;
-    using value_type = Hash;
+    using value_type = Item;
     using difference_type = std::ptrdiff_t;
-    using pointer = const Hash*;
-    using reference = const Hash&;
+    using pointer = const Item*;
+    using reference = const Item&;
 
-    HashIterator() = default;
-    explicit HashIterator(int index) : index_(index) { obtain(nullptr); }
-    reference operator*() const { return (*hashes_)[at_]; }
+    Iterator() = default;
+    explicit Iterator(int index) : index_(index) { obtain(nullptr); }
+    reference operator*() const { return (*items_)[at_]; }
     pointer operator->() const { return &**this; }
-    HashIterator& operator++() {
-      const Hash before = **this;
-      if (++at_ == hashes_->size()) obtain(before.data());
+    Iterator& operator++() {
+      const Hash before = hashOf(**this);
+      if (++at_ == items_->size()) obtain(before.data());
       return *this;
     }
-    HashIterator operator++(int) {
-      HashIterator before = *this;
+    Iterator operator++(int) {
+      Iterator before = *this;
       ++*this;
       return before;
     }
-    friend bool operator==(const HashIterator& a, const HashIterator& b) {
-      if (!a.hashes_ || !b.hashes_) return a.hashes_ == b.hashes_;
-      return a.index_ == b.index_ && *a == *b;
+    friend bool operator==(const Iterator& a, const Iterator& b) {
+      if (!a.items_ || !b.items_) return a.items_ == b.items_;
+      return a.index_ == b.index_ && hashOf(*a) == hashOf(*b);
     }
 
    private:
+    static const Hash& hashOf(const Hash& item) { return item; }
+    static const Hash& hashOf(const Blob& item) { return item.hash; }
+
     void obtain(const std::uint8_t* before) {
       constexpr int kAtATime = 256;
-      const auto next = std::make_shared<std::vector<Hash>>(kAtATime);
+      std::vector<Hash> hashes(kAtATime);
       const int found =
-          BCNextHashes(index_, before, reinterpret_cast<Digest*>(next->data()), kAtATime);
+          BCNextHashes(index_, before, reinterpret_cast<Digest*>(hashes.data()), kAtATime);
       if (found < 0) throw failure("hashes", index_);
-      next->resize(static_cast<std::size_t>(found));
-      hashes_ = found == 0 ? nullptr : next;
+      hashes.resize(static_cast<std::size_t>(found));
+      items_ = nullptr;
       at_ = 0;
+      if (found == 0) return;
+      if constexpr (std::is_same_v<Item, Hash>) {
+        items_ = std::make_shared<const std::vector<Hash>>(std::move(hashes));
+      } else {
+        std::vector<Blob> blobs;
+        for (const BCFetchItem& item : sizesOf(index_, hashes))
+          if (item.result != BLOBRING_NOT_FOUND)  // deleted since
+            blobs.push_back({Hash(std::to_array(item.hash)), static_cast<std::size_t>(item.size)});
+        if (blobs.empty()) return obtain(hashes.back().data());
+        items_ = std::make_shared<const std::vector<Blob>>(std::move(blobs));
+      }
     }
 
     int index_ = -1;
-    std::shared_ptr<const std::vector<Hash>> hashes_;  // null at the end
+    std::shared_ptr<const std::vector<Item>> items_;  // null at the end
     std::size_t at_ = 0;
   };
-  class HashRange {
+  template <class Item>
+  class Range {
    public:
-    explicit HashRange(int index) : index_(index) {}
-    HashIterator begin() const { return HashIterator(index_); }
-    HashIterator end() const { return {}; }
+    explicit Range(int index) : index_(index) {}
+    Iterator<Item> begin() const { return Iterator<Item>(index_); }
+    Iterator<Item> end() const { return {}; }
 
    private:
     int index_;
   };
-  HashRange hashes() const { return HashRange(index_); }
+  Range<Hash> hashes() const { return Range<Hash>(index_); }
+  Range<Blob> blobs() const { return Range<Blob>(index_); }
 
   BCStatistics stats() const {
     BCStatistics statistics{};
@@ -353,6 +377,15 @@ class Store {
     throw Error("blobring: more than 2147483647 blobs", BLOBRING_ERROR_ARGUMENT);
   }
 
+  // Asks for the sizes alone: BCFetch with capacity 0.
+  static std::vector<BCFetchItem> sizesOf(int index, std::span<const Hash> hashes) {
+    std::vector<BCFetchItem> items(hashes.size());
+    for (std::size_t i = 0; i < items.size(); ++i)
+      std::memcpy(items[i].hash, hashes[i].data(), Hash::kSize);
+    BCFetchMany(index, items.data(), countOf(hashes));
+    return items;
+  }
+
   static std::string lastFailure(int index) {
     std::array<char, 1024> text{};
     BCLastError(index, text.data(), static_cast<int>(text.size()));
@@ -370,7 +403,7 @@ class Store {
 };
 
 // A transaction on a store, at most one at a time. The destructor abandons the changes since the
-// constructor unless they are committed. The store may be moved.
+// constructor unless they are committed. Both may be moved; one that was moved from has ended.
 class Transaction {
  public:
   // Any id will do. It is kept with the blobs, and a repack orders them by it.
@@ -380,13 +413,16 @@ class Transaction {
     if (BCStartTransaction(store.index_, &id) != 1) throw Store::failure("begin", store.index_);
     store.open_ = this;
   }
+  Transaction(Transaction&& other) noexcept { take(other); }
+  Transaction& operator=(Transaction&& other) noexcept {
+    if (this == &other) return *this;
+    abandon();
+    take(other);
+    return *this;
+  }
   Transaction(const Transaction&) = delete;
   Transaction& operator=(const Transaction&) = delete;
-  ~Transaction() {
-    if (store_ == nullptr) return;
-    BCAbandonTransaction(store_->index_);
-    store_->open_ = nullptr;
-  }
+  ~Transaction() { abandon(); }
 
   // Once this returns, the changes survive a power cut. After an Error they are still pending and
   // it can be called again, unless the code is BLOBRING_ERROR_IN_DOUBT; see BCEndTransaction.
@@ -401,8 +437,20 @@ class Transaction {
  private:
   friend class Store;
 
-  Store* store_;  // null once it has ended
-  long long id_;
+  void abandon() noexcept {
+    if (store_ == nullptr) return;
+    BCAbandonTransaction(store_->index_);
+    store_->open_ = nullptr;
+    store_ = nullptr;
+  }
+  void take(Transaction& other) noexcept {
+    store_ = std::exchange(other.store_, nullptr);
+    id_ = other.id_;
+    if (store_ != nullptr) store_->open_ = this;
+  }
+
+  Store* store_ = nullptr;  // null once it has ended
+  long long id_ = 0;
 };
 
 inline void Store::close() noexcept {
@@ -483,19 +531,15 @@ inline void Store::putFrom(const Hash& hash, std::uint64_t size, const Source& s
 // The sizes first, then the blobs.
 inline std::vector<std::optional<std::vector<std::byte>>> Store::getMany(
     std::span<const Hash> hashes) const {
-  std::vector<BCFetchItem> items(hashes.size());
+  std::vector<BCFetchItem> items = sizesOf(index_, hashes);
   std::vector<std::optional<std::vector<std::byte>>> blobs(hashes.size());
-  for (std::size_t i = 0; i < items.size(); ++i)
-    std::memcpy(items[i].hash, hashes[i].data(), Hash::kSize);
-  const int count = countOf(hashes);
-  BCFetchMany(index_, items.data(), count);
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (items[i].result != BLOBRING_TOO_SMALL) continue;
     blobs[i].emplace(static_cast<std::size_t>(items[i].size));
     items[i].buffer = reinterpret_cast<unsigned char*>(blobs[i]->data());
     items[i].capacity = items[i].size;
   }
-  BCFetchMany(index_, items.data(), count);
+  BCFetchMany(index_, items.data(), countOf(hashes));
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (items[i].result == BLOBRING_FAILED) throw failure("get " + hashes[i].text(), index_);
     if (items[i].result == BLOBRING_FETCHED && !blobs[i]) blobs[i].emplace();  // an empty blob

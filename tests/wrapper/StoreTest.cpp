@@ -20,8 +20,8 @@ std::string Text(const std::optional<std::vector<std::byte>>& data) {
 }
 
 static_assert(!std::is_copy_constructible_v<Store> && std::is_nothrow_move_constructible_v<Store>);
-static_assert(std::forward_iterator<Store::HashIterator> &&
-              std::ranges::forward_range<Store::HashRange>);
+static_assert(std::forward_iterator<Store::Iterator<Hash>> &&
+              std::ranges::forward_range<Store::Range<Store::Blob>>);
 
 TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
   FreshMachine();
@@ -35,7 +35,8 @@ TEST(Store, KeepsWhatWasCommittedAndAbandonsTheRest) {
       EXPECT_EQ(ErrorOf([&] { change.commit(); }).code(), BLOBRING_ERROR_CLOSED);
     }
     {
-      const Transaction change(store);
+      Transaction begun(store);
+      const Transaction change(std::move(begun));
       store.put("abandoned");
       store.erase(kept);
       store.erase(Hash());  // absent: no change
@@ -70,6 +71,8 @@ TEST(Store, ManyAtOnceAreWhatTheyAreOneByOne) {
   std::vector<Hash> sorted = hashes;
   std::sort(sorted.begin(), sorted.end());
   EXPECT_TRUE(std::ranges::equal(store.hashes(), sorted));
+  EXPECT_TRUE(std::ranges::equal(store.blobs(), sorted, {}, &Store::Blob::hash));
+  for (const Store::Blob& blob : store.blobs()) EXPECT_EQ(blob.size, store.size(blob.hash));
   hashes.push_back(Hash());
   blobs.emplace_back("absent");
   const auto read = store.getMany(hashes);
@@ -78,6 +81,7 @@ TEST(Store, ManyAtOnceAreWhatTheyAreOneByOne) {
   disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36 + 36, "X", 1);
   const blobring::Error error = ErrorOf([&] { store.getMany(hashes); });
   EXPECT_EQ(error.code(), BLOBRING_ERROR_DAMAGED);
+  EXPECT_STREQ(BCErrorText(error.code()), "bytes on disk are not what a store wrote");
   EXPECT_NE(std::string(error.what()).find("get " + hashes[1].text()), std::string::npos);
   store.eraseMany(std::span(sorted).first(400));
   EXPECT_TRUE(std::ranges::equal(store.hashes(), std::span(sorted).subspan(400)));
