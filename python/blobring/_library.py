@@ -195,6 +195,21 @@ def blobs_at(buffers: list[Buffer]) -> Iterator[Any]:
             _release_buffer(view)
 
 
+_new_bytes = ctypes.pythonapi.PyBytes_FromStringAndSize
+_new_bytes.argtypes, _new_bytes.restype = (ctypes.c_void_p, ctypes.c_ssize_t), ctypes.py_object
+_bytes_at = ctypes.pythonapi.PyBytes_AsString
+_bytes_at.argtypes, _bytes_at.restype = (ctypes.py_object,), ctypes.c_void_p
+
+
+def bytes_to_fill(size: int) -> tuple[bytes, int]:
+    """Returns an object that nothing has looked at yet, and the address at which it is filled in.
+
+    Any other way would take the memory of a blob twice.
+    """
+    data: bytes = _new_bytes(None, size)
+    return data, _bytes_at(data)
+
+
 # ---- Callbacks ----
 
 _thread = threading.local()

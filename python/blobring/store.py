@@ -215,12 +215,10 @@ class Store(Mapping[Hash, bytes]):
         what its hash says.
         """
         with self._use() as index:
-            data = bytearray(self._size(index, key))
-            size = ctypes.c_int()
-            to = ctypes.addressof(ctypes.c_char.from_buffer(data)) if data else None
-            if calls.BCFetch(index, key, to, len(data), size) != _library.FETCHED:
+            data, to = _library.bytes_to_fill(self._size(index, key))
+            if calls.BCFetch(index, key, to, len(data), ctypes.c_int()) != _library.FETCHED:
                 raise failure(f"get {key.hex()}", index)
-        return bytes(data)
+        return data
 
     def get_many(self, keys: Iterable[bytes]) -> Iterator[bytes | None]:
         """Yields the blobs in the order of the keys, None for an absent one. Faster than get.
@@ -237,19 +235,19 @@ class Store(Mapping[Hash, bytes]):
                 calls.BCFetchMany(index, items, len(items))  # finds the sizes
                 ends = accumulate(item.size for item in items)
                 count = max(1, sum(end <= _BATCH_BYTES for end in ends))
-                blobs = [ctypes.create_string_buffer(item.size) for item in items[:count]]
-                for item, blob in zip(items, blobs):
-                    item.buffer, item.capacity = ctypes.addressof(blob), item.size
+                blobs = [_library.bytes_to_fill(item.size) for item in items[:count]]
+                for item, (_, to) in zip(items, blobs):
+                    item.buffer, item.capacity = to, item.size
                 calls.BCFetchMany(index, items, count)
                 failures = [
                     failure(f"get {key.hex()}", index)
                     for item, key in zip(items[:count], waiting)
                     if item.result == _library.FAILED
                 ]
-            for item, blob in zip(items, blobs):
+            for item, (blob, _) in zip(items, blobs):
                 if item.result == _library.FAILED:
                     raise failures[0]
-                yield None if item.result == _library.NOT_FOUND else blob.raw
+                yield None if item.result == _library.NOT_FOUND else blob
             waiting = waiting[count:]
 
     def copy_to(self, key: bytes, file: BinaryIO) -> int:
@@ -530,12 +528,14 @@ class Store(Mapping[Hash, bytes]):
             raise TypeError(f"a key is a Hash or bytes, not {type(key).__name__}")
         return Hash(key)
 
-    @classmethod
-    def _size(cls, index: int, key: bytes) -> int:
+    def _size(self, index: int, key: bytes) -> int:
         size = ctypes.c_int()
-        result = calls.BCFetch(index, cls._key(key), None, 0, size)
+        result = calls.BCFetch(index, self._key(key), None, 0, size)
         if result == _library.NOT_FOUND:
-            raise KeyError(Hash(key))
+            absent = KeyError(Hash(key))
+            if self._changer == threading.get_ident():
+                absent.add_note("absent, or put in the open transaction and not committed yet")
+            raise absent
         if result not in (_library.FETCHED, _library.TOO_SMALL):
             raise failure(f"size of {key.hex()}", index)
         return size.value
