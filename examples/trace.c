@@ -2,14 +2,13 @@
  * Where a program may send what the library reports: to syslog, and to a file
  * with the time and the thread in front of every line.
  *
- *     trace STORE LOGFILE      asks a store for what it does not have
+ *     trace STORE LOGFILE      opens a store that should be there
  */
 #define _POSIX_C_SOURCE 200809L
 
 #include <blobring/blobring.h>
 #include <blobring/host.h>
 #include <stdio.h>
-#include <string.h>
 #include <syslog.h>
 #include <time.h>
 
@@ -50,17 +49,11 @@ int main(int argc, char** argv) {
   openlog("blobring-example", LOG_PID | LOG_PERROR, LOG_USER); /* PERROR: shown here as well */
   BlobringHostSetTraceSink(sink, log);
 
-  int result = 1;
-  const int store = BCOpen(argv[1], NULL);
-  if (store >= 0) {
-    unsigned char absent[BLOBRING_HASH_SIZE], buffer[1];
-    memset(absent, 0xAB, sizeof absent);
-    /* BCGet, unlike BCFetch, takes it for a fault of the program and says so. */
-    result = BCGet(store, absent, buffer, (int)sizeof buffer) == 1 ? 0 : 1;
-    BCDispose(store);
-  }
+  BCOptions options = {.size = sizeof options, .mustExist = 1};
+  const int store = BCOpen(argv[1], &options); /* what it finds wrong, and why it fails */
+  if (store >= 0) BCDispose(store);
   BlobringHostSetTraceSink(NULL, NULL);
   fclose(log);
   closelog();
-  return result;
+  return store >= 0 ? 0 : 1;
 }
