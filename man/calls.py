@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
-"""calls.py DATE VERSION FOLDER HEADER...: writes FOLDER/CALL.3.gz for each call of the headers.
+"""calls.py DATE VERSION FOLDER EXAMPLE HEADER...: writes FOLDER/CALL.3.gz for each call of the
+headers.
 
 A header is read as blocks between empty lines. A block that declares calls begins with the comment
 that documents them. Its page shows the types and constants that stand right above it or that it
-names, the declarations, and the comment.
+names, the declarations, the comment, the codes that it names, and the function of the example that
+calls it.
 """
 
 import gzip
@@ -53,6 +55,22 @@ def description(lines: list[str]) -> list[str]:
     return page
 
 
+def returns(lines: list[str]) -> tuple[list[str], list[str]]:
+    """Takes what is said of the result, from "Returns" to the end of the paragraph, out."""
+    text = "\n".join(lines)
+    found = re.search(r"(?:^|(?<=[.:]) |(?<=[.:])\n|(?<=\n))(Returns? .*?)(?=\n\n|\n  |\Z)", text, re.DOTALL)
+    if not found:
+        return lines, []
+    return (text[: found.start()] + text[found.end() :]).split("\n"), found[1].split("\n")
+
+
+def calling(example: str, calls: list[str]) -> str:
+    """Returns the first function of the example that makes one of the calls, with its comment."""
+    comment = r"(?:^/\*(?:(?!\*/).)*\*/\n)?"
+    functions = re.findall(comment + r"^(?:static|int) [^;\n]*\{\n.*?^\}$", example, re.DOTALL | re.MULTILINE)
+    return next((text for text in functions if any(f"{call}(" in text for call in calls)), "")
+
+
 def summary(lines: list[str]) -> str:
     sentence = re.split(r"[.:;](?:\s|$)", " ".join(lines))[0].replace("`", "")
     return escaped(sentence[0].lower() + sentence[1:])
@@ -65,11 +83,10 @@ def declarations(code: str) -> list[str]:
 
 
 def page(title: str, header: pathlib.Path, calls: list[str], shown: list[str], block: re.Match[str],
-         known: set[str]) -> str:
+         known: set[str], codes: dict[str, str], example: str) -> str:
     lines = lines_of(block["comment"])
-    named = set(re.findall(NAME, block["comment"]))
-    if any(name.startswith(ERRORS) for name in named):
-        named.add("BCLastErrorCode")
+    named = set(re.findall(NAME, block["comment"])) | {"BCLastError", "BCLastErrorCode"}
+    described, result = returns(lines)
     text = [
         f'.TH {calls[0].upper()} 3 {title} "Library Functions Manual"',
         f".SH NAME\n{', '.join(calls)} \\- {summary(lines)}",
@@ -79,7 +96,18 @@ def page(title: str, header: pathlib.Path, calls: list[str], shown: list[str], b
     for definition in shown:
         text += [".PP", *map(escaped, definition.strip("\n").split("\n"))]
     text += [".PP", *(f"\\fB{escaped(line)}\\fP" for line in declarations(block["code"])), ".fi"]
-    text += [".SH DESCRIPTION", *description(lines), ".SH SEE ALSO"]
+    if any(described):
+        text += [".SH DESCRIPTION", *description(described)]
+    if result:
+        text += [".SH RETURN VALUE", *map(marked, result)]
+    text += [".SH ERRORS", "The text of a failure is that of \\fBBCLastError\\fP(3), its code that of",
+             "\\fBBCLastErrorCode\\fP(3)."]
+    for code in sorted(named & codes.keys()):
+        text += [f".TP\n\\fB{code}\\fP", escaped(codes[code])]
+    if function := calling(example, calls):
+        text += [".SH EXAMPLES", "From", ".IR /usr/share/doc/libblobring\\-dev/examples/blobs.c :", ".PP",
+                 ".nf", *map(escaped, function.split("\n")), ".fi"]
+    text += [".SH SEE ALSO"]
     also = sorted(named & known - set(calls)) + ["blobring"]
     text += [f".BR {call} (3){',' if call != also[-1] else ''}" for call in also]
     return "\n".join(text) + "\n"
@@ -87,9 +115,11 @@ def page(title: str, header: pathlib.Path, calls: list[str], shown: list[str], b
 
 def main() -> None:
     date, version, folder = sys.argv[1], sys.argv[2], pathlib.Path(sys.argv[3])
+    example = pathlib.Path(sys.argv[4]).read_text()
     pages: list[tuple[pathlib.Path, list[str], list[str], re.Match[str]]] = []
     definitions: dict[str, str] = {}  # the block that defines a name
-    for header in map(pathlib.Path, sys.argv[4:]):
+    codes: dict[str, str] = {}  # what a code stands for
+    for header in map(pathlib.Path, sys.argv[5:]):
         above: list[str] = []
         for text in header.read_text().split("\n\n"):
             block = BLOCK.match(text)
@@ -108,6 +138,7 @@ def main() -> None:
                 definitions |= dict.fromkeys(named, text)
             else:
                 above = []
+            codes |= re.findall(rf"^#define ({ERRORS}\w+) +\d+ +/\* (.*) \*/", text, re.MULTILINE)
 
     known = {call for _, calls, _, _ in pages for call in calls}
     folder.mkdir(parents=True, exist_ok=True)
@@ -115,7 +146,7 @@ def main() -> None:
         named = [name for name in re.findall(NAME, block[0]) if not name.startswith(ERRORS)]
         wanted = above + [definitions[name] for name in named if name in definitions]
         shown = [text for text in dict.fromkeys(definitions.values()) if text in wanted]
-        text = page(f'"{date}" "Blobring {version}"', header, calls, shown, block, known)
+        text = page(f'"{date}" "Blobring {version}"', header, calls, shown, block, known, codes, example)
         target = folder / f"{calls[0]}.3.gz"
         target.write_bytes(gzip.compress(text.encode(), 9, mtime=0))
         for call in calls[1:]:

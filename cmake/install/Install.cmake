@@ -44,8 +44,9 @@ endfunction()
 configure_file(man/blobring.3.in ${data}/blobring.3 @ONLY)
 compress(${data}/blobring.3 ${data}/man3/blobring.3.gz)
 set(documented include/blobring/blobring.h include/blobring/host.h)
-set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${documented} man/calls.py)
-execute_process(COMMAND ${PYTHON_PROGRAM} man/calls.py ${DATE} ${PROJECT_VERSION} ${data}/man3 ${documented}
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${documented} man/calls.py examples/blobs.c)
+execute_process(COMMAND ${PYTHON_PROGRAM} man/calls.py ${DATE} ${PROJECT_VERSION} ${data}/man3 examples/blobs.c
+  ${documented}
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} COMMAND_ERROR_IS_FATAL ANY)
 install(DIRECTORY ${data}/man3 DESTINATION ${CMAKE_INSTALL_MANDIR} COMPONENT development)
 
@@ -70,16 +71,18 @@ endif()
 install(DIRECTORY python/blobring DESTINATION lib/python3/dist-packages COMPONENT python
   PATTERN __pycache__ EXCLUDE)
 
-# What Debian wants of each package; the examples go with the headers.
+# What Debian wants of each package, and the documents; the examples go with the headers.
 compress(${PROJECT_SOURCE_DIR}/packaging/changelog ${data}/changelog.gz)
 function(install_documents component package)
   install(FILES packaging/copyright ${data}/changelog.gz DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package}
     COMPONENT ${component})
+  list(TRANSFORM ARGN REPLACE "(.+)" "docs/\\1.md" OUTPUT_VARIABLE documents)
+  install(FILES ${documents} DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${package} COMPONENT ${component})
 endfunction()
 install_documents(runtime libblobring1)
-install_documents(development libblobring-dev)
-install_documents(python python3-blobring)
+install_documents(development libblobring-dev embedding architecture format decisions reliability performance footprint)
+install_documents(python python3-blobring python)
 install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libblobring-dev COMPONENT development)
 if(TARGET blobring_tool)
-  install_documents(tool blobring)
+  install_documents(tool blobring tour tool json salvage fleet)
 endif()
