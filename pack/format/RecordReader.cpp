@@ -16,7 +16,7 @@ constexpr std::uint32_t kPieceSize = 48 * 1024;
 // Held from the first transaction of a run on, so that short ones are seldom read one by one.
 constexpr std::uint32_t kLookAhead = 32 * 1024;
 constexpr std::uint32_t kDigestBlock = 64;
-constexpr std::uint32_t kLargeRecord = 4096;  // behind it, a header is read alone
+constexpr std::uint32_t kLargeRecord = 4096;  // behind those, headers are read alone
 
 constexpr std::int64_t kLeastRecords = 3;  // of a transaction
 
@@ -25,13 +25,14 @@ constexpr std::int64_t kLeastRecords = 3;  // of a transaction
 template <class Visit>
 void ParseHeaders(ByteSource& source, RecordParser& parser, std::uint64_t end, const Visit& visit) {
   bool goesOn = true;
+  std::uint64_t usual = 0;  // data of a record; the last ones count most
   while (goesOn && !parser.FoundBadRecord() && parser.Position() < end) {
-    const std::uint64_t skipped = parser.Skip(end - parser.Position());
+    usual = (7 * usual + parser.Skip(end - parser.Position())) / 8;
     const std::uint64_t at = parser.Position();
     const auto size = static_cast<std::size_t>(std::min<std::uint64_t>(end - at, kStoreHeaderSize));
     unsigned char alone[kStoreHeaderSize];
     std::span<const unsigned char> header(alone, size);
-    if (skipped >= kLargeRecord)
+    if (usual >= kLargeRecord)
       source.Read(at, alone, size);
     else if (size > 0)
       header = source.From(at, size).first(size);  // never two headers
@@ -122,8 +123,8 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
   }
   laneCount = 0;
   AddLane(start, record, block);
-  if (digests == Digests::kCompare) {
-    AddFollowing();
+  if (IsCompared(lanes[0].transaction)) {
+    if (digests == Digests::kCompare) AddFollowing();
     Digest();
   } else {
     ParseHeaders(source, lanes[0].parser, lanes[0].transaction.BodyEnd(),
@@ -165,6 +166,12 @@ void RecordReader::AddFollowing() {
     if (block.length == 0 || block.length > limit - end - sizeof bytes - kEndSize) return;
     AddLane(end + kEndSize, record, block);
   }
+}
+
+bool RecordReader::IsCompared(const Transaction& transaction) const {
+  return digests == Digests::kCompare ||
+         (digests == Digests::kLast && transaction.block.length <= kBlankAhead &&
+          transaction.End() >= header.endOffset);
 }
 
 void RecordReader::Digest() {
@@ -223,7 +230,7 @@ bool RecordReader::Accept(const Lane& lane) {
   const auto found = static_cast<std::int64_t>(transaction.RecordCount() - 2);
   const bool isCounted = found < inside;
   const Break broken = isCounted ? BreakIn(lane, inside - found) : Break{};
-  if (digests == Digests::kCompare &&
+  if (IsCompared(transaction) &&
       std::memcmp(lane.digest, transaction.block.digest, sizeof lane.digest) != 0) {
     result.beneath = broken;
     if (isCounted && !broken) result.mismatched = transaction;
@@ -281,7 +288,7 @@ bool RecordReader::ReadSingle(std::uint64_t start, const OpHeader& record) {
   source.Read(start, bytes, isStore ? kStoreHeaderSize : kDeleteSize);
   const Record single{RecordHeader::Decode(bytes), start};
   if (single.End() > length) return Fail({Cause::kTooLong, Place::kSingle, start, record});
-  if (isStore && digests == Digests::kCompare &&
+  if (isStore && digests != Digests::kIgnore &&
       !source.HasDigest(single.DataOffset(), single.size, single.hash))
     return Fail({Cause::kHash, Place::kSingle, start, record});
   listener.OnSingle(single);

@@ -107,8 +107,10 @@ class ReadListener {
 
 class RecordReader {
  public:
-  static constexpr std::size_t kMost = 16;   // the most lanes of any processor
-  enum class Digests { kCompare, kIgnore };  // ignored, the structure alone counts
+  static constexpr std::size_t kMost = 16;  // the most lanes of any processor
+  // kIgnore: the structure alone counts, and data is not read. kLast: the same, but for what a
+  // power cut can tear (TornCommit.h), a short transaction at the end.
+  enum class Digests { kCompare, kIgnore, kLast };
 
   RecordReader(ByteSource& bytes, const FileHeader& fileHeader, ReadListener& hears,
                Digests compared = Digests::kCompare);
@@ -138,6 +140,7 @@ class RecordReader {
   bool ReadTransactions(std::uint64_t start, const OpHeader& record);
   void AddLane(std::uint64_t start, const OpHeader& record, const TransactionBlock& block);
   void AddFollowing();
+  bool IsCompared(const Transaction& transaction) const;
   void Digest();
   void Parse(Lane& lane, const Record& record);
   bool Accept(const Lane& lane);

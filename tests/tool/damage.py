@@ -32,6 +32,13 @@ def wrong_hashes():
     put_files("s", _1pak=file(1, 1, transaction(0, *stores)), _1jrn=journal)
 
 
+def large(*damage):
+    """Damage to a pack of which a look reads the records alone."""
+    stores = [store(ID + k, blob) for k, blob in enumerate(BLOBS[:6])]
+    put_files("s", _1pak=file(1, 1, transaction(0, *stores, store(ID, bytes(70000), WRONG))))
+    flip("s/1.pak", BLOBS[4], *damage)
+
+
 def zero_last():
     zero("s/1.jrn", *File("s/1.jrn").transactions[-1][:2])
 
@@ -54,6 +61,8 @@ STARTED = begun(5) + store(5, BLOBS[6])
 DAMAGE = (
     ("nothing", lambda: None, {}),
     ("a blob of the pack", lambda: flip("s/1.pak", BLOBS[4], 100), {}),
+    ("a blob of a large pack", lambda: large(100), {}),
+    ("a hash in a large pack", lambda: large(-10), {}),
     ("a hash in the pack", lambda: flip("s/1.pak", BLOBS[4], -10), {}),
     ("a blob of the journal", lambda: flip("s/1.jrn", BLOBS[7], 100), {}),
     ("a digest in the journal", lambda: change("s/1.jrn", 50), {}),
@@ -108,6 +117,12 @@ def shown(store):
     return {bytes.fromhex(o["hash"]) for o in tool("ls", "--json", store).objects}
 
 
+def answers(view, hashes):
+    """The view that gives these out: it reads all if one of them is not there as its hash says."""
+    seen = view.seen()
+    return seen if all(hash in seen.blobs and seen.blobs[hash][4] for hash in hashes) else view
+
+
 def batch(hashes, status=None):
     """Pairs of what `get --batch` answers with and without the blob."""
     return tool("get", "s", "--batch", stdin="".join(f"{hash.hex()}\n" for hash in hashes).encode(), status=status).out
@@ -140,18 +155,18 @@ def gives_out(view):
     verdicts = {hash: "ok" if hash in sound else "damaged" if hash in view.blobs else "missing" for hash in [*HASHES, WRONG]}
     headers = [f.path for f in view.quick()]
     same([o["file"] for o in tool("check", "--quick", "--json", "s", status=int(bool(headers))).objects], headers, "check --quick")
-    answers = (b"%d\n%s" % (len(CONTENTS[hash]), CONTENTS[hash]) if word == "ok" else word.encode() for hash, word in verdicts.items())
-    wanted = b"".join(b"%s %s\n" % (hash.hex().encode(), answer) for hash, answer in zip(verdicts, answers))
+    words = (b"%d\n%s" % (len(CONTENTS[hash]), CONTENTS[hash]) if word == "ok" else word.encode() for hash, word in verdicts.items())
+    wanted = b"".join(b"%s %s\n" % (hash.hex().encode(), answer) for hash, answer in zip(verdicts, words))
     same(batch(verdicts, faulty).split(b"\n"), wanted.split(b"\n"), "get --batch")
     for word, hash in {word: hash for hash, word in verdicts.items()}.items():
-        status = 1 if view.damaged or word == "damaged" else 0 if word == "ok" else 4
+        status = 1 if answers(view, [hash]).damaged or word == "damaged" else 0 if word == "ok" else 4
         same(tool("get", "s", hash.hex(), status=status).out, CONTENTS[hash] if word == "ok" else b"", "get")
     manifest("all", verdicts)
     manifest("good", sound)
     got = tool("verify", "s", "all", "--json", status=1 if faulty else 4)
     same([(o["name"], o["hash"], o["verdict"]) for o in got.objects], [(f"f{h.hex()}", h.hex(), word) for h, word in verdicts.items()], "verify")
     if sound:
-        tool("export", "s", "good", "out", status=int(view.damaged))
+        tool("export", "s", "good", "out", status=int(answers(view, sound).damaged))
     tool("export", "s", "all", "out", "--force", status=1)
     same(tree("out"), {f"f{hash.hex()}": CONTENTS[hash] for hash in sound}, "export")
     for command, hashes in (("copy", [hash.hex() for hash in view.blobs]), ("sync", [])):

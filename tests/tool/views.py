@@ -82,7 +82,7 @@ def many_records():
               transaction(4, *deletions[1::2]), transaction(5, *stores[1::4])))
     view = View("s")
     same(len(view.blobs), 52500, "the model itself")
-    for command, wanted in (("ls", view.ls()), ("stat", view.stat()), ("check", view.check())):
+    for command, wanted in (("ls", view.ls()), ("stat", view.seen().stat()), ("check", view.check())):
         same(plain(tool(command, "s", "--json", status=0).objects), wanted, command)
 
 

@@ -225,7 +225,10 @@ ExitStatus Export(const ExportOptions& options) {
           "written",
           options.manifest, entry.name);
 
-  const StoreView view(options.at);
+  StoreView view(options.at, Depth::kRecords);
+  std::vector<const ViewedBlob*> blobs;
+  for (const ManifestEntry& entry : entries) blobs.push_back(view.Find(entry.hash));
+  view.Confirm(blobs);
   if (options.dryRun) return SayWhatIsRestored(view, entries, options);
   TargetTree target(options.directory);
   const Existing existing = options.force ? Existing::kReplace : Existing::kKeep;

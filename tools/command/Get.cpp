@@ -11,6 +11,15 @@
 namespace tool {
 namespace {
 
+// Null for a name that fits none or several.
+const ViewedBlob* NamedOrNull(const StoreView& view, const std::string& name) {
+  try {
+    return &Named(view, name);
+  } catch (const CommandError&) {
+    return nullptr;
+  }
+}
+
 struct GetOptions {
   StoreOptions at;
   std::vector<std::string> hashes;
@@ -20,8 +29,8 @@ struct GetOptions {
 
 // As git's cat-file --batch has it: "HASH SIZE", the bytes, a newline. What is not there, ambiguous
 // or damaged is said so behind the word that was asked for.
-ExitStatus AnswerBatch(const StoreView& view) {
-  bool sound = !view.damaged();
+ExitStatus AnswerBatch(StoreView& view) {
+  bool sound = true;
   const auto print = [](std::string_view bytes) {
     WriteAll(STDOUT_FILENO, bytes, "to standard output");
   };
@@ -29,6 +38,7 @@ ExitStatus AnswerBatch(const StoreView& view) {
     std::string answer;
     const ViewedBlob* large = nullptr;  // read for its fault first, and again to be printed
     try {
+      view.Confirm({NamedOrNull(view, line)});
       const ViewedBlob& blob = Named(view, line);
       if (blob.size > kLargeSize) large = &blob;
       answer = fmt::format("{} {}\n", blob.hash.text(), blob.size);
@@ -54,7 +64,7 @@ ExitStatus AnswerBatch(const StoreView& view) {
     }
     print(answer + "\n");
   }
-  return sound ? kSuccess : kFault;
+  return sound && !view.damaged() ? kSuccess : kFault;
 }
 
 // Writes blobs one after the other, each checked against its hash. Those that are damaged or absent
@@ -62,14 +72,17 @@ ExitStatus AnswerBatch(const StoreView& view) {
 ExitStatus Get(const GetOptions& options) {
   if (options.batch != options.hashes.empty()) throw UsageError("wanted either HASH or --batch");
   const std::vector<std::string> names = HashArguments(options.hashes);
-  const StoreView view(options.at);
+  StoreView view(options.at, Depth::kRecords);
   if (options.batch) return AnswerBatch(view);
+  std::vector<const ViewedBlob*> blobs;
+  for (const std::string& name : names) blobs.push_back(NamedOrNull(view, name));
+  view.Confirm(blobs);
+  blobs.clear();
   Output out(options.output, Existing::kReplace);
   Buffer buffer;
   bool sound = !view.damaged();
   bool allThere = true;
   bool allGood = true;
-  std::vector<const ViewedBlob*> blobs;
   for (const std::string& name : names) {
     try {
       blobs.push_back(&Named(view, name));
@@ -82,7 +95,7 @@ ExitStatus Get(const GetOptions& options) {
     for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
       try {
         // What has gone to a pipe cannot be taken back.
-        if (!out.isFile()) read.HandTo([](std::string_view) {});
+        if (!out.isFile() && view.depth() == Depth::kAll) read.HandTo([](std::string_view) {});
         read.HandTo([&out](std::string_view piece) { out.Write(piece); });
       } catch (const DamagedBlob& fault) {
         Say("{}", fault.what());

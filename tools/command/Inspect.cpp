@@ -87,7 +87,7 @@ class Inspector {
 
   bool PrintRecords(SalvageFile& file, const FileStatus& status) {
     WalkOptions walk;
-    walk.digest = !options_.noDigest && options_.transaction.empty();
+    if (options_.noDigest || !options_.transaction.empty()) walk.digests = Digests::kIgnore;
     bool skipRecords = false;
     walk.transaction = [&](const format::Transaction& transaction) {
       skipRecords = !IsWanted(transaction);

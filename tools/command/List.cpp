@@ -17,12 +17,17 @@ struct ListOptions {
   std::string sort = "hash";  // or "size", "transaction"
 };
 
-std::vector<const ViewedBlob*> Chosen(const StoreView& view, const ListOptions& options) {
+std::vector<const ViewedBlob*> Chosen(StoreView& view, const ListOptions& options,
+                                      const std::vector<std::string>& hashes) {
   std::vector<const ViewedBlob*> blobs;
   if (options.hashes.empty())
     for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
-  for (const std::string& digits : HashArguments(options.hashes)) {
+  for (const std::string& digits : hashes) {
     const std::vector<const ViewedBlob*> found = Matching(view, digits);
+    if (found.empty() && view.depth() != Depth::kAll) {
+      view.ReadAll();
+      return Chosen(view, options, hashes);
+    }
     if (found.empty()) throw NothingFound("{} has no blob {}", view.path(), digits);
     blobs.insert(blobs.end(), found.begin(), found.end());
   }
@@ -38,9 +43,10 @@ std::vector<const ViewedBlob*> Chosen(const StoreView& view, const ListOptions& 
 
 // Prints hashes. Throws NothingFound if no blob begins with one that is asked for.
 ExitStatus List(const ListOptions& options) {
-  const StoreView view(options.at);
+  const std::vector<std::string> hashes = HashArguments(options.hashes);
+  StoreView view(options.at, Depth::kRecords);
   std::string text;
-  for (const ViewedBlob* blob : Chosen(view, options)) {
+  for (const ViewedBlob* blob : Chosen(view, options, hashes)) {
     const std::string hash = blob->hash.text();
     if (consoleOptions.json)
       text += JsonLine({{"type", "blob"},
@@ -65,7 +71,8 @@ void AddList(CommandLine& line) {
       Group::kLook,
       {"ls", "print the hashes of all blobs",
        "Arguments choose the blobs whose hashes begin with them. With --long: hash, bytes, "
-       "and the id of the transaction that stored it.",
+       "and the id of the transaction that stored it. Reads the list of the blobs, not their data: "
+       "check tells whether they are sound.",
        "blobring ls -l --sort size /data/store"},
       List);
   CommandLine::AddStore(command, options.at, Access::kLook);

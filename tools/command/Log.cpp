@@ -83,7 +83,7 @@ ExitStatus Log(const LogOptions& options) {
       options.since.empty() ? std::nullopt : std::optional(ParseId(options.since));
   std::vector<format::Transaction> transactions;
   WalkOptions walk;
-  walk.digest = false;  // the view has done so
+  walk.digests = Digests::kIgnore;  // the view has done so
   const uint64_t end = view.walked(journal).end;
   walk.transaction = [&](const format::Transaction& transaction) {
     if (transaction.End() <= end && (!since || transaction.start.transactionId > *since))

@@ -29,6 +29,7 @@ std::string AsText(const StoreView& view, const Json& stat) {
   if (!view.isSingleFile())
     text = fmt::format("slots     {}\ncurrent   {}\nsequence  {}\n", view.slotCount(),
                        view.slot() ? std::to_string(*view.slot()) : "-", view.sequence());
+  if (view.depth() != Depth::kAll) text += "data      not read; `blobring check` does\n";
   text += fmt::format("blobs     {}\n", view.blobs().size()) + row("live", view.liveBytes()) +
           row("dead", view.deadBytes()) + row("disk", stat["disk_bytes"]);
   if (stat["unused_bytes"] != 0) text += row("unused", stat["unused_bytes"]);
@@ -68,7 +69,7 @@ std::string AsText(const StoreView& view, const Json& stat) {
 
 // Prints how full the store is, and a line for each of its files.
 ExitStatus Stat(const StoreOptions& options) {
-  const StoreView view(options);
+  const StoreView view(options, Depth::kRecords);
   std::string text;
   const std::vector<Json> objects = StatObjects(view);
   if (consoleOptions.json)

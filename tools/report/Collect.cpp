@@ -112,7 +112,7 @@ class Collector {
     const State whole = isCurrent ? State::kLive : State::kUnloaded;
     regions.AddUpTo(format::kFileHeaderSize, whole);
     WalkOptions options;
-    options.digest = false;
+    options.digests = Digests::kIgnore;
     options.record = [&](const format::Record& record) {
       if (record.End() > walked.end) return;  // behind damage that only a digest shows
       ThrowIfInterrupted();

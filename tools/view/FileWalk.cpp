@@ -13,9 +13,12 @@ class Listener final : public format::ReadListener {
  public:
   Listener(SalvageFile& file, const WalkOptions& options) : file_(file), options_(options) {}
 
+  void OnRecord(size_t /*lane*/, const format::Record& record) override {
+    if (options_.record && options_.digests == Digests::kLast) options_.record(record);
+  }
   void OnTransaction(size_t /*lane*/, const format::Transaction& transaction) override {
     if (options_.transaction) options_.transaction(transaction);
-    if (options_.record)
+    if (options_.record && options_.digests != Digests::kLast)
       format::VisitRecords(file_, transaction.BodyOffset(), transaction.BodyEnd(),
                            [this](const format::Record& record) {
                              options_.record(record);
@@ -71,10 +74,8 @@ std::string_view WordsFor(const Break& broken) {
 }  // namespace
 
 Walked Walk(SalvageFile& file, const FileStatus& status, const WalkOptions& options) {
-  using Digests = format::RecordReader::Digests;
   Listener listener(file, options);
-  format::RecordReader reader(file, status.header, listener,
-                              options.digest ? Digests::kCompare : Digests::kIgnore);
+  format::RecordReader reader(file, status.header, listener, options.digests);
   Walked walked = {reader.Run(), {}};
   if (!walked.broken) return walked;
   const Break& broken = walked.beneath ? walked.beneath : walked.broken;

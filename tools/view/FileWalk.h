@@ -28,10 +28,12 @@ struct Walked : format::ReadResult {
   bool lastIsTorn = false;  // a power cut can have left this of the last commit (TornCommit.h)
 };
 
+using Digests = format::RecordReader::Digests;
+
 struct WalkOptions {
-  bool digest = true;  // compare each transaction with its digest; else the structure alone counts
+  Digests digests = Digests::kCompare;
   // Each may be empty. Called in the order of the file, a transaction before its records, and only
-  // for what is whole.
+  // for what is whole; but with kLast, which reads a file once, each record as it is read.
   std::function<void(const format::Transaction&)> transaction = {};
   std::function<void(const format::Record&)> record = {};
   std::function<void(uint64_t)> progress = {};  // where digesting has got to

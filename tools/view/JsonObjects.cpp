@@ -66,6 +66,7 @@ std::vector<Json> StatObjects(const StoreView& view) {
                {"repack_fits", view.repackedBytes() <= format::kMaxFileSize},
                {"max_file_bytes", format::kMaxFileSize},
                {"damaged", view.damaged()},
+               {"digests_compared", view.depth() == Depth::kAll},
                {"findings", view.findings()},
                {"open_in", Json::array()},
                {"set_aside", setAside},

@@ -28,7 +28,8 @@ using State = FileStatus::State;
 // Repacks of another process overwrite what is being read.
 constexpr int kMostReadings = 10;
 constexpr auto kRetryAfter = std::chrono::milliseconds(20);
-constexpr size_t kLeastCompacted = size_t{1} << 16;
+constexpr size_t kLeastCompacted = size_t{1} << 16;  // blobs
+constexpr size_t kLeastReserved = 1024;              // blobs
 
 constexpr uint32_t kPieceSize = 1024 * 1024;
 constexpr size_t kMostReadAtOnce = 4096;  // blobs
@@ -169,22 +170,55 @@ std::vector<std::string> UnfinishedRepacks(const StoreView& view) {
   return paths;
 }
 
-StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
+StoreView::StoreView(const StoreOptions& options, Depth depth)
+    : options_(options), depth_(depth), path_(options.directory) {
   std::error_code ignored;
   isSingleFile_ = stdfs::exists(path_, ignored) && !stdfs::is_directory(path_, ignored);
+  Look();
+}
+
+void StoreView::ReadAll() {
+  if (std::exchange(depth_, Depth::kAll) != Depth::kAll) Look();
+}
+
+void StoreView::Confirm(std::vector<const ViewedBlob*> blobs) {
+  if (depth_ == Depth::kAll) return;
+  if (std::find(blobs.begin(), blobs.end(), nullptr) != blobs.end()) return ReadAll();
+  const auto place = [](const ViewedBlob* blob) { return std::pair(blob->file, blob->offset); };
+  std::ranges::sort(blobs, {}, place);
+  const auto again = std::ranges::unique(blobs);
+  blobs.erase(again.begin(), again.end());
+  Buffer buffer;
+  Progress progress("comparing", blobs.size());
+  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)
+    for (const ReadBlob& read : ReadSome(rest, buffer)) {
+      try {
+        read.HandTo([](std::string_view) {});
+      } catch (const DamagedBlob&) {
+        return ReadAll();
+      }
+      progress.Advance(read.blob->size);
+    }
+}
+
+void StoreView::Look() {
   bool isStale = true;
   for (int attempt = 0; isStale && attempt < kMostReadings; ++attempt) {
     if (attempt != 0) std::this_thread::sleep_for(kRetryAfter);
-    Build(options);
+    Build();
     // What looks like damage may be a write in progress.
-    const bool isDoubtful = !findings_.empty() || !notes_.empty();
-    isStale = IsStale() || (isDoubtful && HeadersChanged());
+    const auto isDoubtful = [this] { return !addsUp_ || !findings_.empty() || !notes_.empty(); };
+    if (isDoubtful() && std::exchange(depth_, Depth::kAll) != Depth::kAll) Build();
+    isStale = IsStale() || (isDoubtful() && HeadersChanged());
   }
   std::vector<std::string> paths;
   for (const SlotFile& file : files_) paths.push_back(file.path);
+  const bool isSaid = !holders_.empty();
   holders_ = HoldersOf(paths);
   for (const Holder& holder : holders_)
-    Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid, holder.command);
+    if (!isSaid)
+      Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid,
+             holder.command);
   if (isStale)
     throw CommandErrorOf<kHeld>(
         "{} changed each time it was read: another process is at work on it", path_);
@@ -192,7 +226,8 @@ StoreView::StoreView(const StoreOptions& options) : path_(options.directory) {
   for (const std::string& text : notes_) Say("{}", text);
 }
 
-void StoreView::Build(const StoreOptions& options) {
+void StoreView::Build() {
+  addsUp_ = true;
   current_.clear();
   notShown_.clear();
   walked_.clear();
@@ -210,7 +245,7 @@ void StoreView::Build(const StoreOptions& options) {
     const Walked walked = ReadRecords(0);
     if (walked.damage) findings_.push_back(DamagedAt(files_[0], *walked.damage));
   } else {
-    files_ = LayoutOf(options, Access::kLook).ReadFiles();
+    files_ = LayoutOf(options_, Access::kLook).ReadFiles();
     ChooseGeneration();
   }
   SortBlobs();
@@ -311,13 +346,13 @@ Walked StoreView::ReadRecords(size_t index) {
   auto& opened = opened_[index];
   opened = std::make_unique<SalvageFile>(files_[index].path);
   WalkOptions options;
-  options.transaction = [this](const format::Transaction& transaction) {
-    const uint64_t more = transaction.RecordCount();
-    if (blobs_.capacity() - blobs_.size() >= more) return;
-    Compact();
-    blobs_.reserve(blobs_.size() + more + blobs_.size() / 4);
-  };
+  if (depth_ == Depth::kRecords) options.digests = Digests::kLast;
   options.record = [this, index](const format::Record& record) {
+    if (blobs_.size() == blobs_.capacity()) {
+      ThrowIfInterrupted();
+      Compact();
+      blobs_.reserve(kLeastReserved + blobs_.size() + blobs_.size() / 2);
+    }
     blobs_.push_back({HashOf(record), record.size, static_cast<uint32_t>(record.offset),
                       static_cast<uint32_t>(index), !record.IsStore(), record.op.transactionId});
   };
@@ -329,6 +364,7 @@ Walked StoreView::ReadRecords(size_t index) {
   Walked walked;
   if (status.state != State::kNew) walked = Walk(*opened, status, options);
   walked_[index] = walked;
+  if (depth_ == Depth::kRecords && !CountsAll(index)) addsUp_ = false;
   return walked;
 }
 

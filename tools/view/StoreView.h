@@ -58,14 +58,29 @@ struct Holder {
   std::string command;  // may be empty
 };
 
+// How much of a store a view reads.
+enum class Depth {
+  kAll,      // every transaction, compared with its digest
+  kRecords,  // the records without their data, if all adds up: headers, counts, ends, the digest of
+             // a last commit that a power cut can have torn. Otherwise kAll
+};
+
 class StoreView {
  public:
   // Looks at a directory, or at a single pack or journal. Finds the generation that a load would
-  // choose, digests its transactions, and lists its blobs. Says what is wrong with it and that
-  // another process may be changing it. Throws Fault or UsageError as LayoutOf does, and a failure
-  // of status kHeld if the store was repacked each time it was read.
+  // choose, and lists its blobs. Says what is wrong with it and that another process may be
+  // changing it. Throws Fault or UsageError as LayoutOf does, and a failure of status kHeld if the
+  // store was repacked each time it was read.
   // Memory: 40 bytes for each blob, at most 2.5 times as much while it reads, and about 3 MiB.
-  explicit StoreView(const StoreOptions& options);
+  explicit StoreView(const StoreOptions& options, Depth depth = Depth::kAll);
+
+  // Of a view that has read the records alone, a blob that is read and matches its hash is right.
+  // That one is absent, or damaged, only one says that has read all.
+  Depth depth() const { return depth_; }
+  // Looks again and reads all, if it has not. Pointers to blobs become invalid.
+  void ReadAll();
+  // The same if one of these is absent (null) or does not match its hash.
+  void Confirm(std::vector<const ViewedBlob*> blobs);
 
   const std::string& path() const { return path_; }
   size_t slotCount() const { return files_.size() / 2; }         // 0: a single file
@@ -116,7 +131,8 @@ class StoreView {
   const std::vector<Holder>& holders() const { return holders_; }
 
  private:
-  void Build(const StoreOptions& options);
+  void Look();
+  void Build();
   void ChooseGeneration();
   bool ReadPack(size_t slot);
   void ReadJournal(size_t file);
@@ -129,6 +145,9 @@ class StoreView {
   bool CountsAll(size_t file) const;
   void Compact();
 
+  StoreOptions options_;
+  Depth depth_;
+  bool addsUp_ = true;  // as far as the records tell
   std::string path_;
   bool isSingleFile_ = false;
   std::vector<SlotFile> files_;
