@@ -19,7 +19,7 @@ constexpr std::uint32_t kEmptyTransaction = format::kStartSize + format::kEndSiz
 constexpr std::uint32_t kIdOffset = 8;    // in an op header
 constexpr std::uint32_t kSizeKnown = 34;  // with these bytes of a store record, as T3 limits it
 
-// Whether records of `size` bytes in all can be so many.
+// True if `records` records can take `size` bytes in all.
 bool CanHold(std::uint32_t size, std::uint64_t records) {
   constexpr std::uint32_t kMore = format::kStoreHeaderSize - format::kDeleteSize;
   const std::uint64_t deletes = records * format::kDeleteSize;

@@ -16,18 +16,18 @@
 namespace platform {
 
 // Tables whose first handles are 2^31 apart have no handle in common.
-template <typename Object, HANDLE firstHandle, std::uint32_t slotCount, Guarded guarded>
+template <typename Object, HANDLE firstHandle, std::uint32_t capacity, Guarded guarded>
 class HandleTable {
  public:
   // A handle for object; INVALID_HANDLE_VALUE when none is left.
   HANDLE Add(Object* object) {
     const std::lock_guard lock(MutexOf(guarded));
-    for (std::uint32_t tried = 0; tried < slotCount; ++tried) {
+    for (std::uint32_t tried = 0; tried < capacity; ++tried) {
       const HANDLE handle = firstHandle + next_;
       next_ = (next_ + 1) % (INVALID_HANDLE_VALUE / 2);
-      Slot& slot = slots_[handle % slotCount];
-      if (slot.object != nullptr || handle == kNoHandle) continue;
-      slot = {handle, object};
+      Entry& entry = entries_[handle % capacity];
+      if (entry.object != nullptr || handle == kNoHandle) continue;
+      entry = {handle, object};
       return handle;
     }
     return INVALID_HANDLE_VALUE;
@@ -42,28 +42,28 @@ class HandleTable {
   template <typename Test>
   bool HasAny(Test test) {
     const std::lock_guard lock(MutexOf(guarded));
-    return std::any_of(std::begin(slots_), std::end(slots_), [&](const Slot& slot) {
-      return slot.object != nullptr && test(*slot.object);
+    return std::any_of(std::begin(entries_), std::end(entries_), [&](const Entry& entry) {
+      return entry.object != nullptr && test(*entry.object);
     });
   }
 
  private:
   static constexpr HANDLE kNoHandle = 0xDEADBEEFU;
 
-  struct Slot {
+  struct Entry {
     HANDLE handle;
     Object* object;  // null while free
   };
 
   Object* Look(HANDLE handle, bool remove) {
     const std::lock_guard lock(MutexOf(guarded));
-    Slot& slot = slots_[handle % slotCount];
-    if (slot.object == nullptr || slot.handle != handle) return Result(EBADF), nullptr;
-    return remove ? std::exchange(slot.object, nullptr) : slot.object;
+    Entry& entry = entries_[handle % capacity];
+    if (entry.object == nullptr || entry.handle != handle) return Result(EBADF), nullptr;
+    return remove ? std::exchange(entry.object, nullptr) : entry.object;
   }
 
   HANDLE next_ = 0;
-  Slot slots_[slotCount] = {};
+  Entry entries_[capacity] = {};
 };
 
 }  // namespace platform

@@ -42,7 +42,10 @@ pids+=($!)
 
 sleep 8
 while jobs -r | grep -q .; do
-  for name in partial lapses; do blobring remote prune -q s3://fleet/$name --keep-last 1; done
+  for name in partial lapses; do
+    blobring remote prune -q s3://fleet/$name --keep-last 1 2>prune.err || # has T as well
+      grep -q "in which it must be through; the next goes on" prune.err || fail "$(cat prune.err)"
+  done
   sleep 1
 done
 for pid in "${pids[@]}"; do wait "$pid" || fail "$(cat ./*.err)"; done

@@ -73,10 +73,10 @@ class Progress {
   // One more item is done.
   void Advance(uint64_t bytes) { Show(items_ + 1, bytes_ + bytes); }
 
-  // So many items are done.
+  // `items` items are done.
   void Show(uint64_t items, uint64_t bytes = 0);
 
-  // So many bytes of so many, where there are no items.
+  // As Show, where there are bytes alone.
   void ShowBytes(uint64_t bytes, uint64_t totalBytes);
 
   // Seconds since the start.

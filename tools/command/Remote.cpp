@@ -17,12 +17,12 @@ struct InitOptions {
 };
 
 // A remote whose ETags are no MD5 digests is checked by size alone.
-bool EtagIsMd5(Objects& objects) {
+bool EtagIsMd5(Bucket& bucket) {
   const std::string key = "probe/" + Nonce();
   const std::string body = key + "\n";
-  objects.Put(key, body);
-  const std::optional<Reply> reply = objects.Get(key);
-  objects.Delete({key});
+  bucket.Put(key, body);
+  const std::optional<Reply> reply = bucket.Get(key);
+  bucket.Delete({key});
   if (!reply || reply->body != body) throw Fault("{} did not come back as it was stored", key);
   return reply->etag == DigestOf(body).text();
 }
@@ -33,21 +33,21 @@ ExitStatus InitRemote(const InitOptions& options) {
   config.graceSeconds = DurationOf(options.grace);
   if (config.pushSeconds < 1 || config.graceSeconds <= config.pushSeconds)
     throw UsageError("--grace must be longer than --push-within, which must be 1s or more");
-  Objects objects(ConnectionOf(options.remote));
-  if (!objects.HasBucket()) {
+  Bucket bucket(ConnectionOf(options.remote));
+  if (!bucket.Exists()) {
     if (!options.createBucket)
       throw NothingFound("the bucket of {} does not exist; --create-bucket makes it",
                          options.remote.url);
-    objects.CreateBucket();
+    bucket.Create();
   }
-  if (objects.Get("blobring.json")) throw UsageError("{} is a remote already", options.remote.url);
-  config.etagIsMd5 = EtagIsMd5(objects);
+  if (bucket.Get("blobring.json")) throw UsageError("{} is a remote already", options.remote.url);
+  config.etagIsMd5 = EtagIsMd5(bucket);
   config.id = Nonce();
   const std::string text = config.Encode();
-  const Created created = objects.PutNew("blobring.json", text);
-  if (created == Created::kUnsupported) objects.Put("blobring.json", text);
+  const Created created = bucket.PutNew("blobring.json", text);
+  if (created == Created::kUnsupported) bucket.Put("blobring.json", text);
   // The one that lost a race reads the other's.
-  const std::optional<Reply> stored = objects.Get("blobring.json");
+  const std::optional<Reply> stored = bucket.Get("blobring.json");
   if (!stored || stored->body != text)
     throw UsageError("another process has just made {} a remote", options.remote.url);
   if (!config.etagIsMd5)
@@ -70,7 +70,7 @@ struct ListOptions {
 ExitStatus ListRemote(const ListOptions& options) {
   Remote remote(options.remote);
   const int64_t most = options.olderThan.empty() ? -1 : DurationOf(options.olderThan);
-  const Listing listing = remote.objects.List("snapshots/");
+  const Listing listing = remote.bucket.List("snapshots/");
   const std::map<std::string, SnapshotName> names = remote.NamesOf(listing);
   const std::map<std::string, Snapshot> headers = remote.ReadHeaders(names);
   // Of each store the last whole one, or the first partial one: since when there is none.
@@ -89,7 +89,7 @@ ExitStatus ListRemote(const ListOptions& options) {
       json["type"] = "snapshot";
       json["name"] = names.at(key).Short();
       json["store"] = names.at(key).store;
-      json["sequence"] = names.at(key).sequence;
+      json["sequence"] = names.at(key).number;
       json["time"] = snapshot.time;
       json["host"] = snapshot.host;
       json["age_seconds"] = age;
@@ -121,10 +121,10 @@ ExitStatus Forget(const ForgetOptions& options) {
   Remote remote(options.remote);
   std::vector<std::string> keys;
   for (const auto& [key, name] :
-       remote.NamesOf(remote.objects.List("snapshots/" + options.store + "/")))
+       remote.NamesOf(remote.bucket.List("snapshots/" + options.store + "/")))
     keys.push_back(key);
   if (keys.empty()) throw NothingFound("the store {} has no snapshot there", options.store);
-  remote.objects.Delete(keys);
+  remote.bucket.Delete(keys);
   Inform("{} forgotten; what no other needs goes with the next prunes",
          Count(keys.size(), "snapshot"));
   return kSuccess;

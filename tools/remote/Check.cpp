@@ -32,13 +32,13 @@ class Checker {
 
   // Snapshots first: what a push adds later is then not missed in the indexes.
   void List() {
-    Http& http = remote_.objects.http();
+    Http& http = remote_.bucket.http();
     Progress progress("listing: requests", 0);
     http.SetTick([&] { progress.Show(http.requests(), http.bytesReceived()); });
-    names_ = remote_.NamesOf(remote_.objects.List("snapshots/"));
+    names_ = remote_.NamesOf(remote_.bucket.List("snapshots/"));
     tombs_ = remote_.ReadTombs();
-    indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"));
-    packs_ = remote_.objects.List("packs/");
+    indexes_ = remote_.ReadIndexes(remote_.bucket.List("index/"));
+    packs_ = remote_.bucket.List("packs/");
     for (const auto& [key, object] : packs_.objects)
       if (NameIn(key).empty()) Find("{} is no pack's name", key);
     http.SetTick({});
@@ -107,7 +107,7 @@ class Checker {
     for (const std::string& key : chosen) {
       const auto file = std::make_shared<Spool>();
       const uint64_t size = packs_.objects.at(key).size;
-      remote_.objects.StartGet(key, size, std::nullopt, file, [&, key, file](Reply& reply) {
+      remote_.bucket.StartGet(key, size, std::nullopt, file, [&, key, file](Reply& reply) {
         if (reply.status == 200)
           ComparePack(key, *file, places[NameIn(key)]);
         else
@@ -115,7 +115,7 @@ class Checker {
         progress.Advance(file->size());
       });
     }
-    remote_.objects.http().Finish();
+    remote_.bucket.http().Finish();
     readCount_ = chosen.size();
   }
 

@@ -31,7 +31,7 @@ ExitStatus CheckRemote(const CheckOptions& options);
 struct PruneOptions {
   RemoteOptions remote;
   uint32_t keepLast = 0;   // of each store; 0: not said
-  uint32_t keepDaily = 0;  // of so many days that have one, the last one
+  uint32_t keepDaily = 0;  // keeps the last one of each of this many days that have one
   uint32_t keepWeekly = 0;
   std::string keepWithin;  // a duration
   bool dryRun = false;

@@ -31,7 +31,7 @@ struct Connection {
   uint32_t stallSeconds = 60;
 };
 
-// Throws UsageError for a URL that is none, and when there are no keys.
+// Throws UsageError for an invalid URL, and when there are no keys.
 Connection ConnectionOf(const RemoteOptions& options);
 
 }  // namespace tool::remote

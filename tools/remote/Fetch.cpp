@@ -129,9 +129,9 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
       arrivedBytes += file->size();
       if (arrivedBytes >= kBatchBytes) takeArrived();
     };
-    remote.objects.StartGet(PackKey(piece.pack), piece.packSize, piece.range, file, done);
+    remote.bucket.StartGet(PackKey(piece.pack), piece.packSize, piece.range, file, done);
   }
-  remote.objects.http().Finish();
+  remote.bucket.http().Finish();
   takeArrived();
   taking.get();
 }

@@ -10,7 +10,7 @@
 #include "pack/format/Format.h"
 #include "tools/base/Error.h"
 #include "tools/base/Json.h"
-#include "tools/remote/Objects.h"
+#include "tools/remote/Bucket.h"
 
 namespace tool::remote {
 namespace {
@@ -234,7 +234,7 @@ Snapshot Snapshot::Decode(std::string_view bytes, const std::string& name, bool 
 }
 
 std::string SnapshotName::Short() const {
-  return fmt::format("{}/{:012}-{}", store, sequence, digest.text());
+  return fmt::format("{}/{:012}-{}", store, number, digest.text());
 }
 
 std::optional<SnapshotName> SnapshotName::Parse(const std::string& key) {
@@ -251,7 +251,7 @@ std::optional<SnapshotName> SnapshotName::Parse(const std::string& key) {
   if (!IsStoreId(name.store) || digits.empty() || digits.size() > 18 ||
       digits.find_first_not_of("0123456789") != std::string::npos || !digest)
     return std::nullopt;
-  name.sequence = std::stoull(digits);
+  name.number = std::stoull(digits);
   name.digest = *digest;
   return name;
 }

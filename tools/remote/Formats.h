@@ -35,7 +35,7 @@ blobring::Hash DigestIn(const std::string& name);
 struct RemoteConfig {
   std::string id;
   int64_t pushSeconds = int64_t{24} * 3600;   // T: a push that took longer is not done
-  int64_t graceSeconds = int64_t{72} * 3600;  // W: how long what is to go stays; above T
+  int64_t graceSeconds = int64_t{72} * 3600;  // W, the grace period of garbage; above T
   bool etagIsMd5 = true;
 
   std::string Encode() const;
@@ -88,16 +88,16 @@ struct Snapshot {
   std::vector<blobring::Hash> hashes;
 
   std::string Encode() const;
-  // Throws Fault. The header alone: `bytes` may end behind its line, and there are no hashes.
+  // Throws Fault. With headerOnly, `bytes` may stop after the first line; hashes stays empty.
   static Snapshot Decode(std::string_view bytes, const std::string& name, bool headerOnly = false);
 };
 
 // snapshots/STOREID/SEQ-MD5.snap
 struct SnapshotName {
-  static constexpr uint64_t kMaxSequence = 999'999'999'999'999'999;
+  static constexpr uint64_t kMaxNumber = 999'999'999'999'999'999;
 
   std::string store;
-  uint64_t sequence = 0;
+  uint64_t number = 0;
   blobring::Hash digest;
   uint64_t size = 0;  // of the object, as it was listed
 

@@ -20,7 +20,7 @@ constexpr long kPiece = 16384;  // bytes that a callback moves at most, under a 
 constexpr long kPieceWithoutLimit = 512 * 1024;
 constexpr long kMinSpeed = 1024;  // bytes a second; below it a transfer counts as silent
 
-// Errors of the setting, which time does not heal.
+// Configuration errors: retrying is pointless.
 bool IsPermanent(CURLcode result) {
   switch (result) {
     case CURLE_UNSUPPORTED_PROTOCOL:
@@ -132,8 +132,8 @@ std::string XmlText(std::string_view xml, std::string_view tag) {
   return XmlDecoded(xml.substr(begin + open.size(), end - begin - open.size()));
 }
 
-// With a rate limit so few transfers in parallel that each gets a piece through every second: one
-// that waits for its turn must not look silent.
+// Under a rate limit, fewer parallel transfers, so that each moves data at least once a second and
+// is not taken for stalled.
 Http::Http(const Connection& connection)
     : connection_(connection),
       mostParallel_(static_cast<double>(

@@ -6,7 +6,7 @@
 
 #include "tools/base/Error.h"
 #include "tools/base/StagedFile.h"
-#include "tools/remote/Objects.h"
+#include "tools/remote/Bucket.h"
 
 namespace tool::remote {
 namespace {

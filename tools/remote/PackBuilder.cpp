@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "tools/remote/Objects.h"
+#include "tools/remote/Bucket.h"
 
 namespace tool::remote {
 namespace {

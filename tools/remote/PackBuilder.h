@@ -27,8 +27,8 @@ struct BuiltPack {
 
 class PackBuilder {
  public:
-  // True if there are packs, and with a blob of so many bytes they exceed 4 * kPackSize. So many
-  // are digested side by side.
+  // True if there are packs, and a blob of blobSize bytes would take them beyond 4 * kPackSize,
+  // which is what is digested side by side.
   bool IsFullFor(uint64_t blobSize) const;
 
   // `transactionId` is that under which the blob was committed. Throws Fault.

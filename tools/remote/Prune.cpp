@@ -32,10 +32,10 @@ class Pruner {
         keepWithin_(options.keepWithin.empty() ? -1 : DurationOf(options.keepWithin)) {
     const auto limit = static_cast<double>(remote.config.pushSeconds);
     halfTime_ = BootSeconds() + limit / 2;
-    remote.objects.http().SetDeadline(BootSeconds() + limit);
+    remote.bucket.http().SetDeadline(BootSeconds() + limit);
     ShowRequests();
   }
-  ~Pruner() { remote_.objects.http().SetTick({}); }
+  ~Pruner() { remote_.bucket.http().SetTick({}); }
   Pruner(const Pruner&) = delete;
 
   void Run() {
@@ -46,15 +46,15 @@ class Pruner {
       Judge();
       Choose();
     }
-    remote_.objects.Delete({forgotten_.begin(), forgotten_.end()});
+    remote_.bucket.Delete({forgotten_.begin(), forgotten_.end()});
     Rewrite();
     if (onlyRepairs_) return;
     const std::vector<std::string> going(going_.begin(), going_.end());
     for (size_t begin = 0; begin < going.size(); begin += kMostInTomb) {
       const size_t end = std::min(going.size(), begin + kMostInTomb);
-      remote_.objects.Put("gc/" + Nonce() + ".tomb",
-                          EncodeTomb({going.begin() + static_cast<ptrdiff_t>(begin),
-                                      going.begin() + static_cast<ptrdiff_t>(end)}));
+      remote_.bucket.Put("gc/" + Nonce() + ".tomb",
+                         EncodeTomb({going.begin() + static_cast<ptrdiff_t>(begin),
+                                     going.begin() + static_cast<ptrdiff_t>(end)}));
     }
     Bury();
   }
@@ -97,7 +97,7 @@ class Pruner {
  private:
   // Where neither blobs nor bytes to come are known.
   void ShowRequests() {
-    Http& http = remote_.objects.http();
+    Http& http = remote_.bucket.http();
     http.SetTick([this, &http] { progress_.Show(http.requests(), http.bytesReceived()); });
   }
 
@@ -106,8 +106,8 @@ class Pruner {
   void Look() {
     for (int look = 1;; ++look) {
       tombs_ = remote_.ReadTombs();
-      indexes_ = remote_.ReadIndexes(remote_.objects.List("index/"));
-      packs_ = remote_.objects.List("packs/");
+      indexes_ = remote_.ReadIndexes(remote_.bucket.List("index/"));
+      packs_ = remote_.bucket.List("packs/");
       ReadSnapshots();
       Judge();
       if (missingCount_ == 0 || look == kMostLooks) return;
@@ -132,7 +132,7 @@ class Pruner {
   bool IsTombed(const std::string& pack) const { return tombs_.keys.count(PackKey(pack)) != 0; }
 
   void ReadSnapshots() {
-    const Listing listing = remote_.objects.List("snapshots/");
+    const Listing listing = remote_.bucket.List("snapshots/");
     const auto names = remote_.NamesOf(listing);
     std::map<std::string, Snapshot> headers = remote_.ReadHeaders(names);
     // What turns out not to be whole neither counts nor goes, and the choice is made again. A
@@ -195,7 +195,7 @@ class Pruner {
     return listing.date - object.modified > remote_.config.graceSeconds + 1;
   }
 
-  // What is to go and what is to be copied before.
+  // The garbage, and what must be copied before it goes.
   void Choose() {
     going_.clear();
     moved_.clear();
@@ -340,7 +340,7 @@ class Pruner {
   void Publish(Index index) {
     index.Sort();
     const std::string bytes = index.Encode();
-    remote_.objects.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
+    remote_.bucket.Put(IndexKey(DigestOf(bytes).text() + "-" + Nonce()), bytes);
   }
 
   // Packs whose index was lost may have what snapshots lack.
@@ -349,18 +349,17 @@ class Pruner {
     for (const auto& [key, object] : packs_.objects) {
       if (indexed.count(key) != 0 || tombs_.keys.count(key) != 0 || NameIn(key).empty()) continue;
       const auto file = std::make_shared<Spool>();
-      remote_.objects.StartGet(key, object.size, std::nullopt, file,
-                               [&, key = key, file](Reply& reply) {
-                                 if (reply.status != 200) return;
-                                 const PackContents pack = ReadPack(key, *file);
-                                 for (const std::string& finding : pack.findings)
-                                   Say("{}", finding);
-                                 if (!pack.findings.empty()) return;
-                                 fresh.Add(pack.index);
-                                 ++restoredCount_;
-                               });
+      remote_.bucket.StartGet(key, object.size, std::nullopt, file,
+                              [&, key = key, file](Reply& reply) {
+                                if (reply.status != 200) return;
+                                const PackContents pack = ReadPack(key, *file);
+                                for (const std::string& finding : pack.findings) Say("{}", finding);
+                                if (!pack.findings.empty()) return;
+                                fresh.Add(pack.index);
+                                ++restoredCount_;
+                              });
     }
-    remote_.objects.http().Finish();
+    remote_.bucket.http().Finish();
     fresh.Sort();
     missingCount_ = CountMissing(&fresh);
   }
@@ -382,7 +381,7 @@ class Pruner {
     });
     uint64_t bytes = 0;
     for (const Place& place : places) bytes += place.size;
-    remote_.objects.http().SetTick({});
+    remote_.bucket.http().SetTick({});
     Progress progress("copying live blobs", places.size(), bytes);
     uint64_t most = kPackSize;
     for (auto begin = places.begin(); begin != places.end();) {
@@ -416,9 +415,9 @@ class Pruner {
                   *badPacks.begin());
     for (BuiltPack& pack : builder.Finish()) {
       fresh.Add(pack.index);
-      remote_.objects.Put(PackKey(pack.name), std::move(pack.file), pack.digest, [](Reply&) {});
+      remote_.bucket.Put(PackKey(pack.name), std::move(pack.file), pack.digest, [](Reply&) {});
     }
-    remote_.objects.http().Finish();
+    remote_.bucket.http().Finish();
   }
 
   // Deletes what old tombs name [R4]: by now nothing needs it [R5], and every index that names it
@@ -438,8 +437,8 @@ class Pruner {
         if (at != packs_.objects.end()) deletedBytes_ += at->second.size;
       }
     }
-    remote_.objects.Delete({dead.begin(), dead.end()});
-    remote_.objects.Delete(emptied);
+    remote_.bucket.Delete({dead.begin(), dead.end()});
+    remote_.bucket.Delete(emptied);
   }
 
   Remote& remote_;

@@ -24,7 +24,7 @@ struct Chosen {
 // None of the store `except`.
 std::optional<Chosen> Choose(Remote& remote, const LocalState& state, const std::string& wanted,
                              const std::string& except) {
-  const Listing listing = remote.objects.List("snapshots/");
+  const Listing listing = remote.bucket.List("snapshots/");
   std::vector<SnapshotName> names = remote.NewestFirst(listing);
   std::erase_if(names, [&](const SnapshotName& name) {
     return !name.Short().starts_with(wanted) || name.store == except;
@@ -47,9 +47,9 @@ class Puller {
         chosen_(chosen),
         writer_(to.store, unused_, BatchWriter::WhenFull::kRepack),
         progress_("pulling", chosen.snapshot.count, chosen.snapshot.bytes) {
-    remote.objects.http().SetTick([this] { progress_.Show(doneCount_, doneBytes_); });
+    remote.bucket.http().SetTick([this] { progress_.Show(doneCount_, doneBytes_); });
   }
-  ~Puller() { remote_.objects.http().SetTick({}); }
+  ~Puller() { remote_.bucket.http().SetTick({}); }
   Puller(const Puller&) = delete;
 
   // Returns the number of blobs that could not be had.
@@ -57,8 +57,8 @@ class Puller {
     std::vector<blobring::Hash> missing = Missing(chosen_.snapshot.hashes);
     doneCount_ = chosen_.snapshot.hashes.size() - missing.size();
     for (int attempt = 0; attempt < kMostAttempts && !missing.empty(); ++attempt) {
-      const Listing indexes = remote_.objects.List("index/");
-      const Listing packs = remote_.objects.List("packs/");
+      const Listing indexes = remote_.bucket.List("index/");
+      const Listing packs = remote_.bucket.List("packs/");
       index_ = remote_.FindPlaces(indexes, {}, state_, missing,
                                   [&](const std::string& pack, uint64_t size) {
                                     if (!remote_.FaultIn(packs, pack, size).empty())
@@ -166,7 +166,7 @@ ExitStatus Pull(const PullOptions& options) {
     bytes = puller.committedBytes();
   }
   if (consoleOptions.json) {
-    const Http& http = remote.objects.http();
+    const Http& http = remote.bucket.http();
     Json json;
     json["type"] = "pull";
     json["snapshot"] = chosen.name.Short();

@@ -57,9 +57,9 @@ class Pusher {
   Pusher(const StoreOptions& at, Remote& remote, LocalState& state, const std::string& message)
       : at_(at), remote_(remote), state_(state), message_(message) {
     Look();
-    remote.objects.http().SetTick([this] { ShowProgress(); });
+    remote.bucket.http().SetTick([this] { ShowProgress(); });
   }
-  ~Pusher() { remote_.objects.http().SetTick({}); }
+  ~Pusher() { remote_.bucket.http().SetTick({}); }
   Pusher(const Pusher&) = delete;
 
   // Until a snapshot of all that can be read is done.
@@ -77,7 +77,7 @@ class Pusher {
       } catch (const StoreChanged&) {
         hasChanged = true;
       }
-      remote_.objects.http().EndRunning();
+      remote_.bucket.http().EndRunning();
       if (hasChanged) {
         Inform("{} was repacked meanwhile; looking again", at_.directory);
         Look();
@@ -101,7 +101,7 @@ class Pusher {
   void ShowProgress() {
     progress_->Show(doneCount_,
                     std::min(view_->liveBytes(),
-                             doneBytes_ + remote_.objects.http().bytesSent() - bytesSentBefore_));
+                             doneBytes_ + remote_.bucket.http().bytesSent() - bytesSentBefore_));
   }
 
   void Look() {
@@ -116,12 +116,12 @@ class Pusher {
   bool Round() {
     const double start = BootSeconds();
     const auto limit = static_cast<double>(remote_.config.pushSeconds);
-    remote_.objects.http().SetDeadline(start + limit);
+    remote_.bucket.http().SetDeadline(start + limit);
     fresh_ = Index();
     builder_ = PackBuilder();
     const Tombs tombs = remote_.ReadTombs();  // before the indexes [R2]
-    const Listing indexes = remote_.objects.List("index/");
-    const Listing packs = remote_.objects.List("packs/");
+    const Listing indexes = remote_.bucket.List("index/");
+    const Listing packs = remote_.bucket.List("packs/");
     const auto isUsable = [&](const std::string& pack, uint64_t size) {
       return tombs.keys.count(PackKey(pack)) == 0 && remote_.FaultIn(packs, pack, size).empty();
     };
@@ -139,7 +139,7 @@ class Pusher {
     snapshot.message = message_;
     snapshot.isPartial = view_->damaged();
     doneCount_ = doneBytes_ = 0;
-    bytesSentBefore_ = remote_.objects.http().bytesSent();
+    bytesSentBefore_ = remote_.bucket.http().bytesSent();
     std::vector<const ViewedBlob*> lacking;
     for (const ViewedBlob* blob : blobs_) {
       if (damaged_.count(blob->hash) != 0) continue;
@@ -155,16 +155,16 @@ class Pusher {
     if (std::exchange(mayUpload_, true))
       while (!rest.empty() && BootSeconds() - start <= limit / 2) Upload(rest, snapshot);
     Send();
-    remote_.objects.http().Finish();
+    remote_.bucket.http().Finish();
     if (!fresh_.packs.empty()) Publish();
-    remote_.objects.http().Finish();
+    remote_.bucket.http().Finish();
 
     snapshot.isPartial = snapshot.isPartial || !rest.empty() || !damaged_.empty();
     std::sort(snapshot.hashes.begin(), snapshot.hashes.end());
     const std::string bytes = snapshot.Encode();
-    snapshot_ = {state_.StoreId(), NextSequence(), DigestOf(bytes), bytes.size()};
+    snapshot_ = {state_.StoreId(), NextNumber(), DigestOf(bytes), bytes.size()};
     isPartial_ = snapshot.isPartial;
-    remote_.objects.Put(snapshot_.Key(), bytes);
+    remote_.bucket.Put(snapshot_.Key(), bytes);
     if (BootSeconds() - start > limit) {
       Inform("the snapshot was acknowledged too late to count; looking again");
       return false;
@@ -214,12 +214,12 @@ class Pusher {
   }
 
   // What is kept beside a store can be lost; what is listed says which number was the last.
-  uint64_t NextSequence() {
+  uint64_t NextNumber() {
     uint64_t last = 0;
     for (const auto& [key, name] :
-         remote_.NamesOf(remote_.objects.List("snapshots/" + state_.StoreId() + "/")))
-      last = std::max(last, name.sequence);
-    return std::min(last + 1, SnapshotName::kMaxSequence);
+         remote_.NamesOf(remote_.bucket.List("snapshots/" + state_.StoreId() + "/")))
+      last = std::max(last, name.number);
+    return std::min(last + 1, SnapshotName::kMaxNumber);
   }
 
   // Packs that an earlier push uploaded without coming to index them. Returns their blobs.
@@ -267,7 +267,7 @@ class Pusher {
   void Send() {
     for (BuiltPack& built : builder_.Finish()) {
       const auto pack = std::make_shared<BuiltPack>(std::move(built));
-      remote_.objects.Put(PackKey(pack->name), pack->file, pack->digest, [this, pack](Reply&) {
+      remote_.bucket.Put(PackKey(pack->name), pack->file, pack->digest, [this, pack](Reply&) {
         state_.KeepPending(pack->name, pack->index);
         fresh_.Add(pack->index);
         ++packCount_;
@@ -290,8 +290,8 @@ class Pusher {
     state_.KeepCopy(kIndexCopies, digest, bytes);
     const auto file = std::make_shared<Spool>(bytes.size());
     file->Append(bytes);
-    remote_.objects.Put(IndexKey(name), file, digest,
-                        [this, packs](Reply&) { state_.DropPending(packs); });
+    remote_.bucket.Put(IndexKey(name), file, digest,
+                       [this, packs](Reply&) { state_.DropPending(packs); });
   }
 
   StoreOptions at_;
@@ -333,7 +333,7 @@ ExitStatus Push(const PushOptions& options) {
         "interrupted; no snapshot was made. {} uploaded, {}; the next push goes on from there",
         Count(pusher.packCount(), "pack"), HumanSize(pusher.blobBytes()));
   }
-  const Http& http = remote.objects.http();
+  const Http& http = remote.bucket.http();
   if (consoleOptions.json) {
     Json json;
     json["type"] = "push";

@@ -68,8 +68,8 @@ class Merger {
 
 }  // namespace
 
-Remote::Remote(const RemoteOptions& options) : objects(ConnectionOf(options)) {
-  const std::optional<Reply> reply = objects.Get("blobring.json");
+Remote::Remote(const RemoteOptions& options) : bucket(ConnectionOf(options)) {
+  const std::optional<Reply> reply = bucket.Get("blobring.json");
   if (!reply)
     throw Fault("{} is no remote: it has no blobring.json; `blobring remote init {}` makes one",
                 options.url, options.url);
@@ -86,11 +86,11 @@ void Remote::Reject(const std::string& what) {
 
 Tombs Remote::ReadTombs() {
   Tombs tombs;
-  tombs.listing = objects.List("gc/");
+  tombs.listing = bucket.List("gc/");
   for (const auto& [key, object] : tombs.listing.objects) {
     if (object.size > kMaxAnswer) Reject(key + " is too large for a tomb");
     for (int attempt = 1; object.size <= kMaxAnswer; ++attempt) {
-      const std::optional<Reply> reply = objects.Get(key);
+      const std::optional<Reply> reply = bucket.Get(key);
       if (!reply) break;  // all that it named has been deleted since
       try {
         const std::vector<std::string> keys = DecodeTomb(reply->body, key);
@@ -141,7 +141,7 @@ void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
     std::map<std::string, Expected> damaged;
     uint64_t underWay = 0;  // bytes
     for (const auto& [key, expected] : left) {
-      if ((underWay += expected.size) > kMaxUnderWay) objects.http().Finish();
+      if ((underWay += expected.size) > kMaxUnderWay) bucket.http().Finish();
       if (underWay > kMaxUnderWay) underWay = expected.size;
       const auto done = [&, key = key, expected = expected](Reply& reply) {
         if (reply.status == 404) return;
@@ -155,9 +155,9 @@ void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
           Reject(key + " does not match the digest in its name");
         }
       };
-      objects.StartGet(key, expected.size, std::nullopt, nullptr, done);
+      bucket.StartGet(key, expected.size, std::nullopt, nullptr, done);
     }
-    objects.http().Finish();
+    bucket.http().Finish();
     left = std::move(damaged);
   }
 }
@@ -222,7 +222,7 @@ std::vector<SnapshotName> Remote::NewestFirst(const Listing& snapshots) {
   std::sort(names.begin(), names.end(), [&snapshots](const auto& a, const auto& b) {
     const auto order = [&snapshots](const SnapshotName& name) {
       const Object& object = snapshots.objects.at(name.Key());
-      return std::tuple(object.modified, object.when, name.sequence, name.Short());
+      return std::tuple(object.modified, object.when, name.number, name.Short());
     };
     return order(a) > order(b);
   });
@@ -252,7 +252,7 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
     const std::map<std::string, SnapshotName>& names) {
   std::map<std::string, Snapshot> headers;
   for (const auto& [key, name] : names)
-    objects.StartGet(
+    bucket.StartGet(
         key, name.size, ByteRange{0, kHeaderBytes}, nullptr, [&, key = key](Reply& reply) {
           if (reply.status == 404) return;
           try {
@@ -261,7 +261,7 @@ std::map<std::string, Snapshot> Remote::ReadHeaders(
             Reject(fault.what());
           }
         });
-  objects.http().Finish();
+  bucket.http().Finish();
   return headers;
 }
 

@@ -7,7 +7,7 @@
 //   R2  A push lists tombs before indexes, and takes what a tomb names for absent.
 //   R3  A push is done only if its snapshot was acknowledged within T of the first listing, and
 //       begins no write later than that.
-//   R4  A prune names in a tomb what is to go, and deletes only what a tomb older than W names,
+//   R4  A prune names garbage in a tomb, and deletes only what a tomb older than W names,
 //       W > T, after it has listed the snapshots again. So every push that is done and that relied
 //       on it is seen.
 //   R5  What a tomb names is never taken into use again: what a snapshot needs of it is copied into
@@ -26,8 +26,8 @@
 #include <iterator>
 #include <span>
 
+#include "tools/remote/Bucket.h"
 #include "tools/remote/LocalState.h"
-#include "tools/remote/Objects.h"
 
 namespace tool::remote {
 
@@ -42,7 +42,7 @@ class Remote {
   // Reads blobring.json. Throws Fault when there is none.
   explicit Remote(const RemoteOptions& options);
 
-  Objects objects;
+  Bucket bucket;
   RemoteConfig config;
 
   Tombs ReadTombs();
@@ -88,7 +88,7 @@ class Remote {
   void TakeIndexes(const Listing& listing, const std::set<std::string>& skip,
                    const std::function<void(const std::string& name, Index& index)>& take,
                    const LocalState* state);
-  // Objects, by key, that are compared with their digests. `take` is called for each that is there,
+  // Bucket, by key, that are compared with their digests. `take` is called for each that is there,
   // and rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
   void ReadAll(const std::map<std::string, Expected>& wanted,
                const std::function<void(const std::string& key, const std::string& bytes)>& take,

@@ -13,8 +13,7 @@
 namespace tool {
 namespace {
 
-// Enough blobs to make the cost of a commit nothing, few enough that an interrupted import has lost
-// little.
+// Large enough to amortise a commit, small enough to lose little on interruption.
 constexpr size_t kMaxBlobs = 1000;
 constexpr uint64_t kMaxBytes = uint64_t{64} * 1024 * 1024;
 
@@ -38,7 +37,7 @@ BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, Wh
   if (whenFull == WhenFull::kRepack) journalBytes_ = store.stats().journalBytes;
 }
 
-// For records of so many bytes.
+// For records of `recordBytes` in all.
 void BatchWriter::Prepare(uint64_t recordBytes) {
   const uint64_t bytes = format::kStartSize + format::kEndSize + recordBytes;
   if (whenFull_ == WhenFull::kRepack && journalBytes_ > format::kFileHeaderSize &&

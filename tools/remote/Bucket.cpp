@@ -1,4 +1,4 @@
-#include "tools/remote/Objects.h"
+#include "tools/remote/Bucket.h"
 
 #include <algorithm>
 #include <cctype>
@@ -94,14 +94,14 @@ std::vector<blobring::Hash> DigestsOf(const std::vector<std::string_view>& texts
   return hashes;
 }
 
-Objects::Objects(const Connection& connection)
+Bucket::Bucket(const Connection& connection)
     : bucket_(connection.bucket), prefix_(connection.prefix), http_(connection) {}
 
-std::string Objects::Target(const std::string& key) const {
+std::string Bucket::Target(const std::string& key) const {
   return "/" + bucket_ + "/" + UrlEncoded(prefix_ + key, true);
 }
 
-Listing Objects::List(const std::string& under) {
+Listing Bucket::List(const std::string& under) {
   Listing listing;
   std::string token;
   int pages = 0;
@@ -142,7 +142,7 @@ Listing Objects::List(const std::string& under) {
   return listing;
 }
 
-Request Objects::PutRequest(const std::string& key, const blobring::Hash& digest) const {
+Request Bucket::PutRequest(const std::string& key, const blobring::Hash& digest) const {
   Request request;
   request.method = "PUT";
   request.target = Target(key);
@@ -151,20 +151,20 @@ Request Objects::PutRequest(const std::string& key, const blobring::Hash& digest
   return request;
 }
 
-void Objects::Put(const std::string& key, std::shared_ptr<Spool> body, const blobring::Hash& digest,
-                  Http::Done done) {
+void Bucket::Put(const std::string& key, std::shared_ptr<Spool> body, const blobring::Hash& digest,
+                 Http::Done done) {
   Request request = PutRequest(key, digest);
   request.upload = std::move(body);
   http_.Start(std::move(request), std::move(done));
 }
 
-void Objects::Put(const std::string& key, std::string body) {
+void Bucket::Put(const std::string& key, std::string body) {
   Request request = PutRequest(key, DigestOf(body));
   request.body = std::move(body);
   http_.Call(std::move(request));
 }
 
-Created Objects::PutNew(const std::string& key, std::string body) {
+Created Bucket::PutNew(const std::string& key, std::string body) {
   Request request = PutRequest(key, DigestOf(body));
   request.headers.emplace_back("If-None-Match: *");
   request.body = std::move(body);
@@ -173,7 +173,7 @@ Created Objects::PutNew(const std::string& key, std::string body) {
   return status == 412 ? Created::kExists : status == 501 ? Created::kUnsupported : Created::kYes;
 }
 
-std::optional<Reply> Objects::Get(const std::string& key) {
+std::optional<Reply> Bucket::Get(const std::string& key) {
   Request request;
   request.method = "GET";
   request.target = Target(key);
@@ -184,8 +184,8 @@ std::optional<Reply> Objects::Get(const std::string& key) {
   return reply;
 }
 
-void Objects::StartGet(const std::string& key, uint64_t maxSize, std::optional<ByteRange> range,
-                       std::shared_ptr<Spool> spool, Http::Done done) {
+void Bucket::StartGet(const std::string& key, uint64_t maxSize, std::optional<ByteRange> range,
+                      std::shared_ptr<Spool> spool, Http::Done done) {
   Request request;
   request.maxBody = std::max(maxSize, kMaxAnswer);
   request.method = "GET";
@@ -199,7 +199,7 @@ void Objects::StartGet(const std::string& key, uint64_t maxSize, std::optional<B
   http_.Start(std::move(request), std::move(done));
 }
 
-void Objects::Delete(const std::vector<std::string>& keys) {
+void Bucket::Delete(const std::vector<std::string>& keys) {
   for (size_t begin = 0; begin < keys.size(); begin += kMostDeleted) {
     std::string body = "<Delete><Quiet>true</Quiet>";
     for (size_t i = begin; i < std::min(keys.size(), begin + kMostDeleted); ++i)
@@ -217,7 +217,7 @@ void Objects::Delete(const std::vector<std::string>& keys) {
   }
 }
 
-bool Objects::HasBucket() {
+bool Bucket::Exists() {
   Request request;
   request.method = "GET";
   request.target = "/" + bucket_ + "?list-type=2&max-keys=1";
@@ -226,14 +226,14 @@ bool Objects::HasBucket() {
   return http_.Call(std::move(request)).status != 404;
 }
 
-void Objects::CreateBucket() {
+void Bucket::Create() {
   Request request;
   request.method = "PUT";
   request.target = "/" + bucket_;
   request.accepted = {409};  // another process was first
   request.what = "create the bucket " + bucket_;
   http_.Call(std::move(request));
-  if (!HasBucket()) throw Fault("the bucket {} was not created", bucket_);
+  if (!Exists()) throw Fault("the bucket {} was not created", bucket_);
 }
 
 }  // namespace tool::remote

@@ -15,7 +15,7 @@ struct Object {
   uint64_t size = 0;
   std::string etag;      // without quotes
   int64_t modified = 0;  // Last-Modified, by the service's clock; seconds since 1970
-  std::string when;      // the same as listed: orders what is of one second, for some services
+  std::string when;      // as listed; some services give fractions, which break ties
 };
 
 struct Listing {
@@ -30,9 +30,9 @@ struct ByteRange {
 
 enum class Created { kYes, kExists, kUnsupported };
 
-class Objects {
+class Bucket {
  public:
-  explicit Objects(const Connection& connection);
+  explicit Bucket(const Connection& connection);
 
   Http& http() { return http_; }
 
@@ -51,7 +51,7 @@ class Objects {
   // An object of at most kMaxAnswer; nothing if there is none.
   std::optional<Reply> Get(const std::string& key);
 
-  // Begins to read an object of at most so many bytes, or a part, into `reply.body` or `spool`.
+  // Begins to read an object of at most `maxSize` bytes, or a part, into `reply.body` or `spool`.
   // done() looks at reply.status: 404 means that there is none.
   void StartGet(const std::string& key, uint64_t maxSize, std::optional<ByteRange> range,
                 std::shared_ptr<Spool> spool, Http::Done done);
@@ -59,8 +59,8 @@ class Objects {
   // Deletes objects; one that is absent is no failure.
   void Delete(const std::vector<std::string>& keys);
 
-  bool HasBucket();
-  void CreateBucket();
+  bool Exists();
+  void Create();
 
  private:
   std::string Target(const std::string& key) const;
