@@ -77,7 +77,7 @@ class Life {
       : slots(files), options(chosen), expected(ExpectLoad(files, (chosen & kKeep) != 0)) {}
 
   void Run() {
-    const std::size_t blocksBefore = sim::Memory().liveBlocks();
+    const std::size_t blocksBefore = sim::Memory().liveBlocks;
     PlaceFiles();
     Open();
     CheckFirstLoad();
@@ -94,7 +94,7 @@ class Life {
     }
     store.reset();
     if (Has(kKeep)) CheckDamagedKept();
-    Require(sim::Memory().liveBlocks() == blocksBefore, "all memory is given back");
+    Require(sim::Memory().liveBlocks == blocksBefore, "all memory is given back");
     Require(sim::Files().openHandles() == 0, "all files are closed");
     Require(sim::Files().sleptMs == 0, "nothing is waited for");
   }
@@ -170,7 +170,7 @@ class Life {
     StartStep();
     std::vector<test::HashBytes> hashes;
     for (const auto& [hash, blob] : index) hashes.push_back(hash);
-    Require(store->Hashes() == hashes, "the enumeration gives every blob");
+    Require(test::HashesOf(store->index) == hashes, "the enumeration gives every blob");
     Require((BCFsck(store->index) == 1) == (Unsound() == index.end()),
             "the check finds what is wrong and nothing else");
     const auto many = test::FetchMany(store->index, hashes);
@@ -222,9 +222,9 @@ class Life {
     Reopen();
   }
 
-  void StartStep() { callsBefore = sim::Files().allCalls; }
+  void StartStep() { callsBefore = sim::Files().log.size(); }
   void EndStep() {
-    const std::uint64_t calls = sim::Files().allCalls - callsBefore;
+    const std::uint64_t calls = sim::Files().log.size() - callsBefore;
     const std::uint64_t blobs = std::max(index.size(), expected.index.size());
     Require(calls <= kFixedCalls * slots.size() + fileBytes / kBytesPerCall + kCallsPerBlob * blobs,
             "platform calls are few");

@@ -78,7 +78,7 @@ class Run {
   bool failed() const;
   std::uint64_t allocations() const { return allocations_; }
   std::uint64_t releases() const { return releases_; }
-  std::function<void(char)> beforeStep = [](char) {}, afterStep = [](char) {};
+  std::function<void(char)> afterStep = [](char) {};
 
  private:
   // What a pack holds, and for each commit where it starts in the journal and what the store held

@@ -21,8 +21,8 @@ sim::SimFiles& FreshMachine() {
   sim::SimFiles& files = sim::Files();
   files.Reset();
   files.disk.directories = {"/s", "/p", "/a", "/b", "/c"};
-  sim::Memory().RefuseAlloc(0);
-  sim::Memory().RefuseFree(0);
+  sim::Memory().allocs.Refuse(0);
+  sim::Memory().frees.Refuse(0);
   sim::Diagnostics().Clear();
   return files;
 }
@@ -48,6 +48,16 @@ BCStatistics StatisticsOf(int index) {
   statistics.size = sizeof statistics;
   EXPECT_EQ(BCGetStatistics(index, &statistics), 1);
   return statistics;
+}
+
+std::optional<std::vector<HashBytes>> HashesOf(int index) {
+  const int count = BCGetAllBlobHashesReset(index);
+  std::vector<HashBytes> hashes, all(static_cast<std::size_t>(count) + 1);
+  for (HashBytes hash{}; BCGetAllBlobHashes(index, hash.data(), 0) == 1;) hashes.push_back(hash);
+  auto* const next = reinterpret_cast<unsigned char(*)[BLOBRING_HASH_SIZE]>(all.data());
+  all.resize(static_cast<std::size_t>(std::max(BCNextHashes(index, nullptr, next, count + 1), 0)));
+  const bool isListed = static_cast<int>(all.size()) == count && hashes == all;
+  return isListed && std::ranges::is_sorted(all) ? std::optional(all) : std::nullopt;
 }
 
 std::string LastErrorOf(int index) {
@@ -148,20 +158,6 @@ std::optional<std::string> OpenedStore::GetBy(HashBytes hash) const {
   if (BCGet(index, hash.data(), reinterpret_cast<unsigned char*>(read.data()), size) != 0)
     return std::nullopt;
   return read;
-}
-
-std::vector<HashBytes> OpenedStore::Hashes() const {
-  const int count = BCGetAllBlobHashesReset(index);
-  std::vector<HashBytes> hashes;
-  for (HashBytes hash{}; BCGetAllBlobHashes(index, hash.data(), 0) == 1;) hashes.push_back(hash);
-  EXPECT_EQ(static_cast<int>(hashes.size()), count);
-  return hashes;
-}
-
-std::vector<std::string> OpenedStore::All() const {
-  std::vector<std::string> blobs;
-  for (const HashBytes& hash : Hashes()) blobs.push_back(GetBy(hash).value_or("unreadable"));
-  return blobs;
 }
 
 }  // namespace test

@@ -30,6 +30,8 @@ std::string FileBytes(const std::string& path);
 void SetFile(const std::string& path, std::string_view bytes);
 
 BCStatistics StatisticsOf(int index);
+// What the store lists, one by one and at once. Nothing where the two differ, or are not in order.
+std::optional<std::vector<HashBytes>> HashesOf(int index);
 std::string LastErrorOf(int index);
 // What one BCFetchMany gives for each hash: the blob; nothing unless it is BLOBRING_FETCHED.
 std::vector<std::optional<std::string>> FetchMany(int index, const std::vector<HashBytes>& hashes);
@@ -65,9 +67,6 @@ class OpenedStore {
   // be read.
   std::optional<std::string> GetBy(HashBytes hash) const;
   bool Has(std::string_view data) const { return GetBy(HashOf(data)) == data; }
-  // By enumeration: all hashes, all blobs.
-  std::vector<HashBytes> Hashes() const;
-  std::vector<std::string> All() const;
 };
 
 }  // namespace test

@@ -25,7 +25,6 @@ bool CanFail(Call call, Fault fault) {
 void SimFiles::Reset() {
   SimFiles fresh;
   fresh.watcher = watcher;
-  fresh.log = log;
   *this = fresh;
 }
 
@@ -46,9 +45,7 @@ unsigned SimFiles::openHandles() const {
 
 Fault SimFiles::Begin(Call call, bool grows) {
   if (dead_) return Fault::Error;
-  ++allCalls;
-  ++counts_[static_cast<std::size_t>(call)];
-  if (log != nullptr) log->push_back(call);
+  log.push_back(call);
   if (plan_.countdown == 0 || call != plan_.kind.value_or(call)) return Fault::None;
   if (plan_.countdown > 1) return --plan_.countdown, Fault::None;
   if (!plan_.fromThenOn) plan_.countdown = 0;
@@ -93,7 +90,7 @@ void SimFiles::Flush(Handle& handle) {
   if (lastFault == Fault::Error || lastFault == Fault::Partial) {
     disk.DropUpdates(handle.inode);
     if (lastFault == Fault::Error) disk.Reread(handle.inode);
-  } else if (lieCountdown_ == 0 || --lieCountdown_ > 0) {
+  } else {
     disk.Flush(handle.inode);
     if (std::exchange(handle.syncsDirectory, false)) disk.SyncDirectory(handle.directory);
   }
@@ -238,11 +235,8 @@ DWORD GetFullPathNameW(const WCHAR* path, DWORD capacity, WCHAR* buffer, WCHAR**
     const std::string& directory = Files().currentDirectory;
     full = std::u16string(directory.begin(), directory.end()) + u'/' + full;
   }
-  Files().Done();
-  if (full.size() >= capacity) return static_cast<DWORD>(full.size()) + 1;
-  full.copy(buffer, full.size());
-  buffer[full.size()] = 0;
-  return static_cast<DWORD>(full.size());
+  buffer[full.copy(buffer, capacity - 1)] = 0;
+  return Files().Done(), static_cast<DWORD>(full.size());
 }
 
 BOOL FlushFileBuffers(HANDLE file) {

@@ -7,6 +7,7 @@
 // every later flush of that handle fails, and the next opener reads what the disk holds.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -49,7 +50,7 @@ bool CanFail(Call call, Fault fault);
 
 class SimFiles {
  public:
-  // A fresh machine: an empty disk, nothing planned, nothing counted. The watcher and the log stay.
+  // A fresh machine: an empty disk, nothing planned, nothing logged. The watcher stays.
   void Reset();
 
   Disk disk;
@@ -68,12 +69,10 @@ class SimFiles {
   // Of the calls since StartOp.
   bool FailedDuringOp(Call call) const { return firedOf_.count(call) > 0; }
   void StartOp() { firedOf_.clear(); }
-  // The n-th flush from now reports success and makes nothing durable.
-  void LieAboutFlush(std::uint64_t n) { lieCountdown_ = n; }
 
   // Called before every call that changes the disk or makes a change durable.
   std::function<void()> watcher;
-  std::vector<Call>* log = nullptr;  // gets the kind of every call
+  std::vector<Call> log;  // every call
 
   // The process is killed: what it wrote stays visible and unflushed. Every call fails until
   // Restart, so that its objects can be cleared away.
@@ -82,8 +81,8 @@ class SimFiles {
   void CutPower();
   void Restart() { dead_ = false; }
 
-  std::uint64_t calls(Call call) const { return counts_[static_cast<std::size_t>(call)]; }
-  std::uint64_t allCalls = 0, sleptMs = 0;
+  auto calls(Call call) const { return static_cast<std::size_t>(std::ranges::count(log, call)); }
+  std::uint64_t sleptMs = 0;
   unsigned openHandles() const;
 
   // ---- For the platform's calls -----------------------------------------------
@@ -126,9 +125,8 @@ class SimFiles {
   };
 
   std::array<Handle, 64> handles_;
-  std::array<std::uint64_t, 12> counts_{};
   std::set<Call> firedOf_;
-  std::uint64_t fired_ = 0, lieCountdown_ = 0;
+  std::uint64_t fired_ = 0;
   Plan plan_;
   bool dead_ = false, failsHeader_ = false;
 };
