@@ -1,4 +1,5 @@
 // The exported calls: results, warnings, events and numeric records.
+#include <blobring/host.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -88,72 +89,48 @@ TEST(Calls, InvalidArgumentsGiveTheFailureValueAndAWarningAndWriteNothing) {
   }
 }
 
-// What a sink and a source do at their second call, and what then comes of theirs. A blob of
-// 100,000 bytes takes two; one that is damaged in its last byte never gets to the second.
-TEST(Calls, ASinkAndASourceMayStopFailCallBackAndThrow) {
+// A blob of 100,000 bytes takes two calls of a sink or a source, which throws in the second; one
+// that is damaged in its last byte never gets there.
+TEST(Calls, WhatASinkOrASourceThrowsIsAFailureOrPassesThrough) {
   FreshMachine();
   const OpenedStore store;
   const std::string blob(100'000, 'b'), damaged(100'000, 'd');
-  ASSERT_TRUE(store.Commit(1, {"small", blob, damaged}) && store.Start(2) && store.Store("before"));
+  ASSERT_TRUE(store.Commit(1, {blob, damaged}) && store.Start(2) && store.Store("before"));
   sim::Files().disk.Damage("/s/0.jrn", [](auto& bytes) { bytes[bytes.rfind('d')] ^= 1; });
   struct Host {
-    std::function<int(int size)> second;
+    bool throwsInt;
     int calls = 0;
-    int Call(int size) { return ++calls == 1 ? 0 : second(size); }
-  } host;
-  const auto sink = [](void* context, const unsigned char*, int size) {
-    return static_cast<Host*>(context)->Call(size);
+    int Call() {
+      if (++calls == 1) return 0;
+      if (throwsInt) throw 7;
+      throw std::runtime_error("of its own");
+    }
   };
-  const auto source = [](void* context, unsigned char* buffer, int size) {
-    const int given = static_cast<Host*>(context)->Call(size);
-    if (given == 0) *buffer = 'b';
-    return given == 0 ? 1 : given;
+  const auto read = [&](const std::string& wanted, Host host) {
+    const auto sink = [](void* context, const unsigned char*, int) {
+      return static_cast<Host*>(context)->Call();
+    };
+    return BCRead(store.index, HashOf(wanted).data(), sink, &host);
   };
-  const auto calls = [&](int) -> int {
-    const long long id = 3;
-    HashBytes hash = HashOf("small");
-    EXPECT_EQ(BCGetSize(store.index, hash.data()), -2);
-    EXPECT_EQ(BCAbandonTransaction(store.index) + BCDispose(store.index), 0);
-    EXPECT_EQ(BCEndTransaction(store.index, &id), 0);
-    return -1;
+  const auto storeFrom = [&](const std::string& given, Host host) {
+    const auto source = [](void* context, unsigned char*, int) {
+      return 1 + static_cast<Host*>(context)->Call();
+    };
+    return BCStoreFrom(store.index, HashOf(given).data(), 100'000, source, &host);
   };
-  const struct {
-    const char* name;
-    std::function<int(int)> second;
-    int read;
-    std::string readText, storeText;
-  } rows[] = {
-      {"stops", [](int) { return -7; }, BLOBRING_STOPPED, "BCRead: the sink has stopped it",
-       "the source has failed, 99998 bytes were to come"},
-      {"gives too much", [](int size) { return size + 1; }, BLOBRING_STOPPED, "",
-       "the source has returned "},
-      {"throws", [](int) -> int { throw std::runtime_error("of its own"); }, BLOBRING_FAILED,
-       "BCRead threw an exception:of its own", "threw an exception of its own"},
-      {"calls back", calls, BLOBRING_STOPPED, "", "the source has failed"},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    host = {row.second};
-    EXPECT_EQ(BCRead(store.index, HashOf(blob).data(), sink, &host), row.read);
-    EXPECT_NE(LastErrorOf(store.index).find(row.readText), std::string::npos);
-    host = {row.second};
-    EXPECT_EQ(BCStoreFrom(store.index, HashOf("absent").data(), 99'999, source, &host), 0);
-    EXPECT_NE(LastErrorOf(store.index).find(row.storeText), std::string::npos);
-    EXPECT_EQ(host.calls, 2);
-  }
-  host = {[](int) -> int { throw 7; }};
-  EXPECT_THROW(BCRead(store.index, HashOf(blob).data(), sink, &host), int);
-  host.calls = 0;
-  EXPECT_THROW(BCStoreFrom(store.index, HashOf("x").data(), 70'000, source, &host), int);
-  host = {[](int) { return 0; }};
-  EXPECT_EQ(BCRead(store.index, HashOf(damaged).data(), sink, &host), BLOBRING_FAILED);
+  EXPECT_EQ(read(blob, {false}), BLOBRING_FAILED);
+  EXPECT_NE(LastErrorOf(store.index).find("BCRead threw an exception:of its own"),
+            std::string::npos);
+  EXPECT_EQ(storeFrom("absent", {false}), 0);
+  EXPECT_NE(LastErrorOf(store.index).find("threw an exception of its own"), std::string::npos);
+  EXPECT_THROW(read(blob, {true}), int);
+  EXPECT_THROW(storeFrom("absent", {true}), int);
+  EXPECT_EQ(read(damaged, {false}), BLOBRING_FAILED);
   EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_DAMAGED);
-  EXPECT_EQ(BCStoreFrom(store.index, HashOf(blob).data(), 100'000, source, &host), 1) << "present";
-  EXPECT_EQ(host.calls, 1);
-  EXPECT_EQ(BCRead(store.index, HashOf("absent").data(), sink, &host), BLOBRING_NOT_FOUND);
+  EXPECT_EQ(storeFrom(blob, {false}), 1) << "present";
   EXPECT_EQ(StoreInPieces(store.index, damaged, damaged + "more"), 1) << "in its place";
   ASSERT_TRUE(store.End(2));
-  for (const std::string& each : {std::string("small"), blob, damaged, std::string("before")})
+  for (const std::string& each : {blob, damaged, std::string("before")})
     EXPECT_EQ(ReadInPieces(store.index, HashOf(each)), each);
 }
 
@@ -250,6 +227,108 @@ TEST(Calls, EnumerationEndsWhenTheStoreChanges) {
     EXPECT_EQ(change(), 1);
     EXPECT_EQ(next(), 0);
   }
+}
+
+// Programs built with an earlier header, and with a later one.
+TEST(Calls, StructuresHaveTheSizeThatTheCallerSays) {
+  FreshMachine();
+  const OpenedStore store;
+  struct {
+    BCStatistics known;
+    unsigned char later[16], beyond;
+  } grown;
+  const auto byte = [&](std::size_t at) { return reinterpret_cast<unsigned char*>(&grown)[at]; };
+  for (const std::size_t size :
+       {offsetof(BCStatistics, damaged), sizeof(BCStatistics) + sizeof grown.later}) {
+    std::fill_n(reinterpret_cast<unsigned char*>(&grown), sizeof grown,
+                static_cast<unsigned char>(0xAA));
+    grown.known.size = static_cast<std::uint32_t>(size);
+    ASSERT_EQ(BCGetStatistics(store.index, &grown.known), 1);
+    EXPECT_TRUE(grown.known.size == size && byte(size - 1) == 0 && byte(size) == 0xAA);
+  }
+  BCOptions options{};
+  options.size = offsetof(BCOptions, mustExist);
+  options.mustExist = options.readOnly = 1;  // beyond what the first version had
+  const int index = BCOpen("/a", &options);
+  EXPECT_EQ(StatisticsOf(index).readOnly, 0);
+  BCDispose(index);
+}
+
+// Each store has its own text. Routine lines do not replace it; a disposed store leaves none.
+TEST(Calls, LastErrorBelongsToItsStore) {
+  FreshMachine();
+  const int first = BCOpen("/s", nullptr), second = BCOpen("/b", nullptr);
+  HashBytes hash{};
+  EXPECT_EQ(BCPut(first, nullptr, 3, hash.data()) + BCDelete(second, nullptr), 0);
+  EXPECT_EQ(BCFsck(first) + BCCheck(second), 1 + BLOBRING_CHECK_SOUND);
+  EXPECT_EQ(LastErrorOf(first), "BCPut: data is null");
+  char cut[6] = "-----";
+  EXPECT_EQ(BCLastError(first, cut, 5) + BCLastError(first, nullptr, 0), 2 * 19);
+  EXPECT_STREQ(cut, "BCPu");
+  // The cause comes first; a text that is too long loses its end.
+  const long long id = 1;
+  for (unsigned char i = 0; i < 50; ++i) BCPut(first, &i, 1, hash.data());
+  ASSERT_EQ(BCEndTransaction(first, &id), 1);
+  sim::Files().disk.Write(sim::Files().disk.Lookup("/s/0.jrn"), 64 + 36, "X", 1);
+  EXPECT_EQ(BCRepack(first), BLOBRING_NOT_REPACKED);
+  EXPECT_EQ(BCLastError(first, nullptr, 0), 1023);
+  EXPECT_EQ(LastErrorOf(first).find("what is on disk is not what a store wrote: Blob::"), 0U);
+  BCDispose(first);
+  EXPECT_EQ(LastErrorOf(first), LastErrorOf(-1));
+  EXPECT_EQ(LastErrorOf(second), "BCDelete: hash is null");
+  BCDispose(second);
+}
+
+// The outer call goes on, whatever the host's function calls.
+TEST(Calls, AreRefusedInsideAnotherCall) {
+  FreshMachine();
+  const OpenedStore store;
+  ASSERT_TRUE(store.Commit(1, {""}));
+  struct Inside {
+    int index;
+    std::vector<int> results;
+    std::string text;
+  } inside{store.index, {}, {}};
+  const auto callBack = [](void* context, int, std::uint64_t, std::uint64_t) {
+    Inside& in = *static_cast<Inside*>(context);
+    in.results = {BCDispose(in.index),      BCOpen("/b", nullptr),
+                  BCInitialize(u"/b"),      BCShutdown(in.index, true),
+                  BCLoad(in.index),         FilterException(in.index, 1, nullptr),
+                  BCLastErrorCode(in.index)};
+    in.text = LastErrorOf(in.index);
+    return 0;
+  };
+  BCSetProgress(store.index, callBack, &inside);
+  EXPECT_EQ(BCCheck(store.index), BLOBRING_CHECK_SOUND);
+  EXPECT_EQ(inside.results, (std::vector<int>{0, -1, -1, 0, 0, 0, BLOBRING_ERROR_REFUSED}));
+  EXPECT_EQ(inside.text.find("BCDispose: called from inside another call\nBCOpen: called"), 0U);
+
+  // A refusal is traced once, or the sink would call again for it.
+  inside.results.clear();
+  BlobringHostSetTraceSink(
+      [](void* context, int, const char*, const char*) {
+        Inside& in = *static_cast<Inside*>(context);
+        in.results.push_back(BCDispose(in.index) + BCOpen("/b", nullptr));
+      },
+      &inside);
+  EXPECT_EQ(BCPut(store.index, nullptr, 1, nullptr), 0);
+  Diagnostics() = sim::SimDiagnostics();
+  EXPECT_EQ(inside.results, std::vector<int>(3, -1));
+
+  // A host that takes an access violation does not return to the outer call.
+  const auto takeException = [](void* context, int, std::uint64_t, std::uint64_t) {
+    Inside& in = *static_cast<Inside*>(context);
+    unsigned char next[BLOBRING_HASH_SIZE];
+    in.results = {FilterException(in.index, EXCEPTION_ACCESS_VIOLATION, nullptr),
+                  BCNextHash(in.index, nullptr, next), BCFsck(in.index)};
+    return 1;
+  };
+  sim::Files().disk.Write(sim::Files().disk.Lookup("/s/0.jrn"), 64, "\1", 1);
+  BCSetProgress(store.index, takeException, &inside);
+  Diagnostics().Clear();
+  BCCheck(store.index);
+  EXPECT_EQ(inside.results, (std::vector<int>{1, 1, 0}));
+  EXPECT_EQ(Diagnostics().Records().back().at(0), 0x0F000262U);
 }
 
 }  // namespace

@@ -42,111 +42,69 @@ TEST(Load, AChangeBeforeItIsFoundOrRefused) {
   }
 }
 
-int Fetched(int index, const std::string& blob) {
-  std::string buffer = blob;  // what is not read must not pass for read
-  int size = 0;
-  return BCFetch(index, HashOf(blob).data(), reinterpret_cast<unsigned char*>(buffer.data()),
-                 static_cast<int>(buffer.size()), &size);
-}
-
-TEST(Fsck, ReportsEveryDamagedBlobWithItsPlaceAndGoesOn) {
-  FreshMachine();
-  const OpenedStore store;
-  std::vector<std::string> blobs;
-  std::vector<std::uint32_t> offsets = {24 + 40};
-  for (int i = 0; i < 300; ++i) {
-    blobs.push_back(std::string(i == 0 ? 5000 : 4, 'b') + std::to_string(i));
-    offsets.push_back(offsets.back() + 36 + static_cast<std::uint32_t>(blobs.back().size()));
-  }
-  ASSERT_TRUE(store.Commit(7, blobs));
-  EXPECT_EQ(BCFsck(store.index), 1);
-
-  const struct {
-    std::size_t blob;
-    std::uint32_t at;  // in the record
-    std::string bytes;
-  } rows[] = {{0, 36, "X"},
-              {5, 0, "\1"},
-              {8, 32, "\377"},
-              {9, 32, "\1"},
-              {11, 0, StoreRecord(7, "xxxx11")},
-              {299, 36, "X"}};
-  sim::Disk& disk = sim::Files().disk;
-  for (const auto& row : rows)
-    disk.Write(disk.Lookup("/s/0.jrn"), offsets[row.blob] + row.at, row.bytes.data(),
-               static_cast<std::uint32_t>(row.bytes.size()));
-  std::vector<HashBytes> hashes = {HashOf("absent"), HashOf(blobs[7])};
-  for (const std::string& blob : blobs) hashes.push_back(HashOf(blob));
-  std::vector<std::optional<std::string>> expected = {std::nullopt, blobs[7]};
-  expected.insert(expected.end(), blobs.begin(), blobs.end());
-  for (const auto& row : rows) expected[2 + row.blob].reset();
-  EXPECT_EQ(FetchMany(store.index, hashes), expected);
-  Diagnostics().Clear();
-  EXPECT_EQ(BCFsck(store.index), 0);
-  EXPECT_EQ(Diagnostics().lines.back(), "error BlobController::Fsck() storage is corrupted");
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.blob);
-    const std::string& blob = blobs[row.blob];
-    const std::string size = std::to_string(blob.size()),
-                      offset = std::to_string(offsets[row.blob]);
-    EXPECT_NE(
-        Diagnostics().Text().find("Fsck: Blob Entry :hash=" + TextOf(HashOf(blob)) +
-                                  " transId=7 size=" + size + " offset=" + offset + " count = "),
-        std::string::npos);
-    EXPECT_EQ(Fetched(store.index, blob), BLOBRING_FAILED);
-    EXPECT_EQ(BCLastErrorCode(store.index), BLOBRING_ERROR_DAMAGED);
-    EXPECT_NE(LastErrorOf(store.index).find("offset " + offset + " size " + size),
-              std::string::npos);
-    unsigned char other = 'o';
-    EXPECT_EQ(BCStore(store.index, HashOf(blob).data(), &other, 1), 0) << "only itself replaces it";
-    EXPECT_TRUE(store.Commit(8, {blob}));
-    EXPECT_EQ(Fetched(store.index, blob), BLOBRING_FETCHED) << "stored again";
-  }
-  const std::uint64_t length = StatisticsOf(store.index).journalBytes;
-  EXPECT_TRUE(store.Commit(9, blobs) && BCFsck(store.index) == 1);
-  EXPECT_EQ(StatisticsOf(store.index).journalBytes, length) << "the rest is present";
-  const std::string other = StoreRecord(7, "xxxx1");
-  disk.Write(disk.Lookup("/s/0.jrn"), offsets[1], other.data(), other.size());
-  EXPECT_EQ(store.GetBy(HashOf(blobs[1])), std::nullopt) << "another blob is not given out";
-}
-
-// After the load, the first record changes.
-TEST(Repack, SkipsWhatIsNoStoreRecordAndStopsAtADamagedBlob) {
+// After the load, the first of two records changes. What then is asked of the store, each of a
+// store of its own.
+TEST(Damage, OfOneBlobIsNamedAndHealedByItAloneAndStopsARepack) {
+  const std::string four = "aaaa", large(5000, 'l');
   const struct {
     int slots;
+    std::string blob;
     std::uint32_t at;
     std::string bytes;
-    const char* stopsWith;  // null: the blob is left behind
-  } rows[] = {{2, 0, "\1", nullptr},
-              {1, 0, "\1", nullptr},
-              {2, 36, "X", "BlobPair Read failed"},
-              {2, 16, "X", "BlobPair Read failed"},
-              {2, 32, "\3", "BlobFile::GetBlob() /s/0.jrn at 64"}};
+    const char* stopsWith;  // null: a repack leaves the blob behind
+  } rows[] = {{2, four, 0, "\1", nullptr},
+              {1, four, 0, "\1", nullptr},
+              {2, four, 36, "X", "BlobPair Read failed"},
+              {2, large, 36, "X", "BlobPair Read failed"},
+              {2, four, 16, "X", "BlobPair Read failed"},
+              {2, four, 32, "\3", "BlobFile::GetBlob() /s/0.jrn at 64"},
+              {2, four, 32, "\377", ""},
+              {2, four, 0, StoreRecord(7, "xxxx"), "BlobFile::GetBlob() /s/0.jrn at 64"}};
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.bytes);
-    FreshMachine();
-    const OpenedStore store(row.slots);
-    ASSERT_TRUE(store.Commit(1, {"aaaa", "bbbb"}));
-    sim::Disk& disk = sim::Files().disk;
-    disk.Write(disk.Lookup("/s/0.jrn"), 64 + row.at, row.bytes.data(),
-               static_cast<std::uint32_t>(row.bytes.size()));
-    const std::string before = FileBytes("/s/0.jrn");
-    EXPECT_EQ(BCRepack(store.index), row.stopsWith == nullptr);
-    const std::string text = LastErrorOf(store.index);
-    EXPECT_EQ(store.Has("bbbb"), row.stopsWith == nullptr) << "a failure closes it";
-    EXPECT_TRUE(row.slots == 1 || FileBytes("/s/0.jrn") == before) << "the old generation stays";
-    if (row.stopsWith != nullptr) {
-      EXPECT_TRUE(Diagnostics().Has("error /s/0.jrn, 64, 4"));
-      EXPECT_NE(text.find(row.stopsWith), std::string::npos);
-      EXPECT_NE(text.find("hash " + TextOf(HashOf("aaaa")) + " file /s/0.jrn offset 64"),
-                text.npos);
-      continue;
+    for (const char* asked : {"put", "get", "repack"}) {
+      SCOPED_TRACE(testing::Message() << row.at << ' ' << row.bytes << ' ' << asked);
+      FreshMachine();
+      const OpenedStore store(row.slots);
+      const HashBytes hash = HashOf(row.blob);
+      const std::string name = TextOf(hash), size = std::to_string(row.blob.size());
+      ASSERT_TRUE(store.Commit(7, {row.blob, "bbbb"}));
+      sim::Disk& disk = sim::Files().disk;
+      const int journal = disk.Lookup("/s/0.jrn");
+      disk.Write(journal, 64 + row.at, row.bytes.data(), row.bytes.size());
+      const std::string before = FileBytes("/s/0.jrn");
+      EXPECT_EQ(FetchMany(store.index, {HashOf("absent"), HashOf("bbbb"), hash}),
+                (std::vector<std::optional<std::string>>{{}, "bbbb", {}}));
+      EXPECT_NE(LastErrorOf(store.index).find("offset 64 size " + size), std::string::npos);
+      Diagnostics().Clear();
+      EXPECT_EQ(BCFsck(store.index), 0);
+      EXPECT_NE(Diagnostics().Text().find("Fsck: Blob Entry :hash=" + name +
+                                          " transId=7 size=" + size + " offset=64 count = "),
+                std::string::npos);
+      if (*asked == 'p') {
+        unsigned char other = 'o';
+        EXPECT_EQ(BCStore(store.index, HashOf(row.blob).data(), &other, 1), 0);
+        EXPECT_TRUE(store.Commit(8, {row.blob}) && store.Has(row.blob));
+        EXPECT_EQ(BCFsck(store.index), 1);
+      } else if (*asked == 'g') {
+        EXPECT_EQ(store.GetBy(hash), std::nullopt);
+      } else {
+        EXPECT_EQ(BCRepack(store.index), row.stopsWith == nullptr);
+        const std::string text = LastErrorOf(store.index);
+        EXPECT_EQ(store.Has("bbbb"), row.stopsWith == nullptr) << "a failure closes it";
+        EXPECT_TRUE(row.slots == 1 || FileBytes("/s/0.jrn") == before);
+        if (row.stopsWith != nullptr) {
+          EXPECT_TRUE(Diagnostics().Has("error /s/0.jrn, 64, " + size));
+          EXPECT_NE(text.find(row.stopsWith), std::string::npos);
+          EXPECT_NE(text.find("hash " + name + " file /s/0.jrn offset 64"), text.npos);
+          continue;
+        }
+        EXPECT_TRUE(Diagnostics().Has("warning BlobController::Repack() GetBlob failed on hash " +
+                                      name + " size 4"));
+        disk.Write(journal, 64, "\0", 1);
+        EXPECT_EQ(BCFsck(store.index), row.slots == 1) << "an old file is no place for a blob";
+        EXPECT_EQ(StatisticsOf(store.index).blobCount, row.slots == 1 ? 1U : 2U);
+      }
     }
-    EXPECT_TRUE(Diagnostics().Has("warning BlobController::Repack() GetBlob failed on hash " +
-                                  TextOf(HashOf("aaaa")) + " size 4"));
-    disk.Write(disk.Lookup("/s/0.jrn"), 64, "\0", 1);
-    EXPECT_EQ(BCFsck(store.index), row.slots == 1) << "an old file is no place for a blob";
-    EXPECT_EQ(StatisticsOf(store.index).blobCount, row.slots == 1 ? 1U : 2U);
   }
 }
 
