@@ -7,6 +7,7 @@ into REFUSED."""
 import contextlib
 import errno
 import fcntl
+import itertools
 import resource
 import signal
 
@@ -289,6 +290,17 @@ def failing_files():
     tool("get", "s", md5(read("f1")).hex(), "-o", "x", preexec_fn=limit, status=1)
     same((os.path.exists("x"), temporary()), (False, set()), "what is left of a file that may not grow")
 
+    make_tree("more", {"1": b"1" * (8 << 20), "2": b"2" * (8 << 20)})
+    tool("import", "s", "more", status=0)
+    for at in itertools.count(20, 20):
+        shutil.rmtree("t", ignore_errors=True)
+        tool("init", "t", status=0)
+        got = tool("sync", "s", "t", calls={"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": "interrupt"})
+        if ls("t"):
+            break
+    claim = f"interrupted: {len(ls('t'))} new blob"
+    same((got.status, claim in got.err), (130, True), f"a copy that is interrupted in the middle: {got.err}")
+
     # While standard input or a pipe is awaited, others may use the store.
     waiting = subprocess.Popen([TOOL, "put", "s", "f2", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
     while tool("ls", "s", md5(read("f2")).hex()).status != 0:
@@ -373,4 +385,23 @@ def full_journal():
     same(tool("get", "t", md5(more).hex(), status=0).out == more, True, "copied into a full journal")
 
 
-scenario(large, refused, names, failing_files, full_journal, disturbed)
+# Two files that are nearly all holes have more than fits into a pack.
+def more_than_a_pack():
+    size = 1100 << 20
+    tool("init", "s", status=0)
+    for mode, path in enumerate(("s/0.jrn", "s/0.pak")):
+        record = store(ID, b"", hash=bytes([mode]) * 16)[:-4] + pack("<I", size)
+        digest = hashlib.md5(record)
+        for _ in range(1100):
+            digest.update(bytes(1 << 20))
+        head = begun(ID)[:16] + pack("<iI16s", size, len(record) + size, digest.digest()) + record
+        with open(path, "wb") as f:
+            f.write(file(mode, 0, count=3, end=24 + len(head) + size + 16) + head)
+            f.seek(size, os.SEEK_CUR)
+            f.write(END + pack("<iq", 0, ID))
+    before = os.stat("s/1.pak").st_mtime_ns
+    same("do not fit into one pack" in tool("repack", "s", status=1).err, True, "why a repack is refused")
+    same(os.stat("s/1.pak").st_mtime_ns, before, "it has not begun")
+
+
+scenario(large, refused, names, failing_files, full_journal, more_than_a_pack, disturbed)

@@ -49,6 +49,11 @@ def torn_commit():
     zero_last()
 
 
+def lone_record():
+    records = transaction(ID, store(ID, BLOBS[6])) + store(ID + 1, BLOBS[7]) + transaction(ID + 2, store(ID + 2, BLOBS[8]))
+    put_files("s", _1jrn=file(0, 1, rest=records, count=7, end=24 + len(records)))
+
+
 def put_journal(tail, head=b""):
     """The journal's records behind another header, and what follows them: made of the last of them."""
     journal = File("s/1.jrn")
@@ -85,6 +90,7 @@ DAMAGE = (
     ("the journal cut", lambda: os.truncate("s/1.jrn", 1000), {}),
     ("no pack", lambda: put_files("s", _0pak=b"\xff" * 100, _1pak=b"\xff" * 100), {}),
     ("wrong hashes", wrong_hashes, {}),
+    ("a lone record between transactions", lone_record, {}),
     # Sound, with something behind the records that count, or with a repack that has begun.
     ("bytes behind the end", lambda: put_journal(lambda last: b"\7" * 100), {}),
     ("an unfinished transaction", lambda: put_journal(lambda last: STARTED + bytes(30)), {}),

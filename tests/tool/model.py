@@ -167,7 +167,8 @@ class File:
         self.state = "missing" if not self.exists else "new" if is_new else "sound" if is_sound else "damaged"
         if not self.exists:
             self.largest, self.version = 1024, 1
-        # (offset, end, id, records) of each whole transaction; where damage begins, and the one that it hit.
+        # (offset, end, id, records) of each whole transaction, and of each record outside one, which has no id
+        # there; where damage begins, and the one that it hit.
         self.transactions, self.end, self.damage, self.mismatched = [], 24, None, None
         left = self.count if self.state in ("sound", "damaged") else 0
         while left > 0:
@@ -177,6 +178,12 @@ class File:
                 break
             id, length, digest = unpack_from("<q4xI16s", self.data, at + 8)
             end = at + 40 + length
+            lone = records_of(self.data, at, self.size)[0][:1]
+            if lone and lone[0][5]:
+                self.end = at + (36 if lone[0][1] else 32) + lone[0][4]
+                self.transactions.append((at, self.end, None, lone))
+                left -= 1
+                continue
             records, stop = records_of(self.data, at + 40, min(end, self.size))
             is_start = self.data.startswith(START, at)
             whole = is_start and stop == end and self.data.startswith(END, end) and length > 0
@@ -196,7 +203,7 @@ class File:
         return self.state in ("new", "sound") and (self.damage is None or torn)
 
     def counts_all(self):
-        counted = sum(len(each[3]) + 2 for each in self.transactions)
+        counted = sum(len(each[3]) + 2 * (each[2] is not None) for each in self.transactions)
         return self.state == "new" or self.state == "sound" and (self.count, self.end_offset) == (counted, self.end)
 
     def beyond(self):
@@ -359,7 +366,8 @@ class View:
         yield dict(type="file", path=f.path, kind="pack" if f.mode == 1 else "journal", size=f.size, header=f.state, sequence=f.sequence,
                    records=f.count, max_blob_size=f.largest, version=f.version, end_offset=f.end_offset)
         for each in f.transactions:
-            yield transaction(*each, "ok")
+            if each[2] is not None:
+                yield transaction(*each, "ok")
             yield from (record(r, "committed") for r in each[3])
         if f.mismatched:
             yield transaction(*f.mismatched, "wrong")
@@ -377,7 +385,7 @@ class View:
         objects = []
         for offset, _, id, records in reversed(self.files[self.current[-1]].transactions if self.current else []):
             stores = [r[4] for r in records if r[1]]
-            if id > since:
+            if id is not None and id > since:
                 objects.append(dict(type="transaction", id=id, time=time_of(id), offset=offset, added=len(stores),
                                     removed=len(records) - len(stores), blob_bytes=sum(stores)))
                 objects += [dict(type="change", transaction=id, change="added" if r[1] else "removed", hash=r[3].hex(), **({"size": r[4]} if r[1] else {}))
