@@ -1,6 +1,6 @@
 // A remote as the commands see it: its promises, and what it lists.
 //
-// The rules that safety rests on; tools/remote/model tries all of their interleavings.
+// The rules that safety rests on; tests/remote/model tries all of their interleavings.
 //
 //   R1  A name is used once: a nonce in it. Nothing is overwritten, and what arrives late only
 //       repeats what was sent or leaves an orphan.
