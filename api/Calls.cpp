@@ -71,6 +71,7 @@ bool Open(Call& call, const std::string& directory, const BCOptions& options,
           const std::vector<std::string>& packDirs, int& index) {
   index = Initialize(directory);
   BlobController& store = *call.Enter(index);
+  store.LetReadersIn();
   if (options.readOnly != 0) store.SetReadOnly();
   for (const std::string& dir : packDirs) AddPackDir(store, index, dir);
   store.SetDamagePolicy(options.eraseDamaged != 0 ? DamagePolicy::Erase : DamagePolicy::Keep);

@@ -41,7 +41,7 @@ bool BatchReader::Add(const Hash& hash, const BlobFile::BlobFileEntry& entry) {
 
 // In the order in which they lie in their files, which is not that of the batch. What lies between
 // two records is read with them while it is short and the buffer has room for it.
-void BatchReader::ReadAll() {
+void BatchReader::Read() {
   std::array<Item*, kMaxBlobs> order;
   for (std::size_t i = 0; i < count; ++i) order[i] = &items[i];
   std::sort(order.begin(), order.begin() + count, [](const Item* a, const Item* b) {
@@ -104,7 +104,6 @@ bool BatchReader::LooksRight(const Item& item) const {
 }
 
 void BatchReader::Verify() {
-  ReadAll();
   std::array<MD5Message, kMaxBlobs> messages;
   std::array<unsigned char, kMaxBlobs * Hash::kSize> digests;
   std::array<Item*, kMaxBlobs> digested;

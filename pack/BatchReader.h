@@ -1,8 +1,9 @@
 // Reads many blobs at once and digests them side by side, for a check and a repack.
 //
-// Add() collects what one buffer can hold. Verify() reads it, adjacent records in one call, and
-// digests it, without messages. Decode() judges the bytes of a blob that did not verify as
-// BlobFile::GetBlob would, with its messages and exceptions. Each record is read once.
+// Add() collects what one buffer can hold. Read() reads it, adjacent records in one call. Verify()
+// digests it, without messages and without the files. Decode() judges the bytes of a blob that did
+// not verify as BlobFile::GetBlob would, with its messages and exceptions. Each record is read
+// once.
 #pragma once
 
 #include <array>
@@ -24,14 +25,21 @@ class BatchReader {
   // Starts the next batch.
   void Clear();
 
-  // Notes the blob of an entry, whose file must stay. False when the batch is full.
+  // Notes the blob of an entry. Its file must stay until Read, and for Decode. False when the batch
+  // is full.
   bool Add(const Hash& hash, const BlobFile::BlobFileEntry& entry);
 
-  // Reads and digests what was added.
+  void Read();
   void Verify();
 
   std::size_t Count() const { return count; }
   bool IsSound(std::size_t i) const { return items[i].sound; }
+  std::uint32_t SizeOf(std::size_t i) const { return items[i].size; }
+  const Hash& HashOf(std::size_t i) const { return items[i].hash; }
+  // Whether an entry still says where the blob was read.
+  bool IsAt(std::size_t i, const BlobFile::BlobFileEntry& entry) const {
+    return items[i].file == entry.file.get() && items[i].offset == entry.offset;
+  }
   // The blob's bytes, of its entry's size; undefined if it is not sound.
   unsigned char* Data(std::size_t i) { return buffer.data() + items[i].data; }
 
@@ -55,7 +63,6 @@ class BatchReader {
     std::uint64_t End() const { return std::uint64_t{offset} + RecordSize(); }
   };
 
-  void ReadAll();
   static void ReadRun(Item* const* first, Item* const* end, unsigned char* bytes);
   bool LooksRight(const Item& item) const;
 

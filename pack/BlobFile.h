@@ -17,10 +17,13 @@
 // not ended is gone at the next load.
 // Errors: what File throws passes through, and Failure of its own. After a throw the file is, to a
 // later load, as it was before the call, and the call can be repeated.
-// No locks: one caller at a time. Sizes and offsets are bytes, 32 bits.
+// No locks: one caller at a time. While that one neither opens nor closes the file, any number of
+// threads may call GetBlob, ReadBlob, ReadSome, DecodeBlob, RequireBlob and InDoubt.
+// Sizes and offsets are bytes, 32 bits.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
 #include <span>
@@ -43,6 +46,23 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   enum BlobFileMode : std::uint32_t { Journal = 0, Pack = 1 };
   enum class State { Clean, InTransaction, InDoubt, Damaged };
 
+  // A flag that any thread may read and set.
+  class Mark {
+   public:
+    Mark(bool isSet = false) : set(isSet) {}  // NOLINT(google-explicit-constructor): it is a bool
+    Mark(const Mark& other) : set(static_cast<bool>(other)) {}
+    Mark& operator=(const Mark& other) {
+      set.store(other, std::memory_order_relaxed);
+      return *this;
+    }
+    operator bool() const {  // NOLINT(google-explicit-constructor)
+      return set.load(std::memory_order_relaxed);
+    }
+
+   private:
+    std::atomic<bool> set;
+  };
+
   // Where one store or delete record lies. A move copies.
   struct BlobFileEntry {
     BlobFileEntry() = default;
@@ -57,7 +77,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
     Hash hash;
     std::uint32_t size = 0;            // of the data; 0 for a delete that was loaded
     boost::shared_ptr<BlobFile> file;  // the controller's to set
-    bool valid = false;                // the controller's mark
+    Mark valid;                        // the controller's
   };
   using Entries =
       std::vector<BlobFileEntry,
@@ -154,6 +174,7 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
                    std::uint32_t wantedSize) const;
 
+  // What may be there of `size` bytes at offset. Throws if the file is not open.
   RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) const;
 
   // GetBlob, with or without waiting for a size that does not fit.
@@ -200,6 +221,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   void CutToRecords() noexcept;
   void CutOnClose() { cutOnClose = true; }
 
+  // Changes when records that were there may be overwritten. The owner guards it.
+  std::uint32_t Life() const { return life; }
+  void EndLife() { ++life; }
+
   bool InDoubt() const { return state == State::InDoubt; }
   bool IsDamaged() const { return state == State::Damaged; }
   void MarkDamaged() { state = State::Damaged; }
@@ -240,9 +265,10 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
 
   format::FileHeader committed;  // as it is on disk, if it is sound
   BlobFileMode mode = Journal;   // what Init was told, whatever the file says
-  State state = State::Clean;
+  std::atomic<State> state = State::Clean;
   bool committedIsSound = false;  // it may be put back after a failed write
   bool cutOnClose = false;
+  std::uint32_t life = 0;
   Loaded loaded;
   const ProgressCall* loadProgress = nullptr;
   RecordWriter writer{file, header, block, blockOffset, md5};

@@ -2,29 +2,26 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
-PieceReader::PieceReader(BlobFile& source, const BlobFile::BlobFileEntry& entry)
-    : file(source),
-      hash(entry.hash),
-      at(entry.offset),
-      headLeft(format::kStoreHeaderSize),
-      left(entry.size) {
+PieceReader::PieceReader(const Hash& blobHash, std::uint32_t size, ReadAt readAt)
+    : hash(blobHash), read(std::move(readAt)), headLeft(format::kStoreHeaderSize), left(size) {
   buffer.resize(headLeft + std::min(left, kPieceSize));
 }
 
 std::span<const unsigned char> PieceReader::Next() {
   const std::uint32_t size = headLeft + std::min(left, kPieceSize);
   if (size == 0) return {};
-  const BlobFile::RecordBytes read = file.ReadSome(at, buffer.data(), size);
-  if (read.held.size() < size)
-    throw File::ShortRead(size, static_cast<unsigned>(read.held.size()), read.code);
+  const BlobFile::RecordBytes got = read(at, buffer.data(), size);
+  if (got.held.size() < size)
+    throw File::ShortRead(size, static_cast<unsigned>(got.held.size()), got.code);
   if (headLeft > 0) {
-    const auto head = format::RecordHeader::Decode(read.held.data());
+    const auto head = format::RecordHeader::Decode(got.held.data());
     if (head.op.op != format::kOpStore || head.size != left ||
         std::memcmp(head.hash, hash.Bytes(), Hash::kSize) != 0)
       throw Failure(FailureCode::Damaged, "the record is not the blob's");
   }
-  const std::span<const unsigned char> piece = read.held.subspan(headLeft);
+  const std::span<const unsigned char> piece = got.held.subspan(headLeft);
   at += size;
   left -= size - headLeft;
   headLeft = 0;

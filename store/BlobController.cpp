@@ -19,6 +19,7 @@ void BlobController::SetReadOnly() {
 
 bool BlobController::AddPackDir(std::string dir) {
   slots.Add(dir, readOnly);
+  NoteJournalEnd();
   return true;
 }
 
@@ -29,7 +30,12 @@ void BlobController::RequireSlotsOpen() const {
     throw Failure(FailureCode::Refused, "the store is in use, its slots are fixed");
 }
 
+void BlobController::NoteJournalEnd() {
+  journalEnd = slots.CurJournal() ? slots.CurJournal()->header.endOffset : 0;
+}
+
 std::int32_t BlobController::GetBlobSize(Hash const& hash) {
+  const std::shared_lock reading(readersLock);
   const auto found = blobs.Find(hash);
   return found == blobs.end() ? -1 : static_cast<std::int32_t>(found->second.size);
 }
@@ -66,13 +72,19 @@ bool BlobController::GetBlob(BlobPair& blob) {
   throw std::exception();
 }
 
+// No reader touches a file of a closed store.
 bool BlobController::Close() {
   hashCursor.reset();
-  state = State::Closed;
   RefuseChanges(FailureCode::Closed,
                 "the store is closed, no change is accepted until it is opened again");
-  blobs.Clear();
+  {
+    const std::lock_guard alone(readersLock);
+    state = State::Closed;
+    blobs.Clear();
+    slots.EndLives();
+  }
   if (!readOnly && GetCurrentProcessId() == openerProcess) slots.CutToRecords();
+  NoteJournalEnd();
   try {
     slots.Close();
   } catch (const std::exception& e) {
@@ -93,7 +105,14 @@ bool BlobController::Shutdown(bool) {
 }
 
 bool BlobController::DeleteFiles() {
+  const std::lock_guard alone(readersLock);
+  return EraseFiles();
+}
+
+// REQUIRES: readersLock is held alone.
+bool BlobController::EraseFiles() {
   hashCursor.reset();
+  slots.EndLives();
   state = State::Attached;
   if (!slots.empty()) {
     state = State::Closed;

@@ -11,13 +11,26 @@
 // after a failed flush and in a closed store until it is opened again, in a store that is open for
 // reading, and in a process other than the one that opened it.
 // Ownership: BlobFile objects are shared by slots, current files and entries.
-// No locks: the caller serialises its calls on one store.
+// Threads: the caller serialises its calls on one store. After LetReadersIn, any number of threads
+// may make reading calls at any time, beside each other and beside one that makes other calls.
+// These are GetBlobSize, Fetch, Read, FetchMany, NextHashesAfter, GetStatistics, IsLoaded, Fsck and
+// Check.
+//
+// How that works: one thread alone ever changes the index, and reads it without more ado. While it
+// changes what readers see, it holds readersLock alone. Readers share that lock while they look up
+// and read, not while they digest; what they have read stands in their own memory. What is found
+// wrong then is judged under the lock again. Whoever holds a place in a file without the lock asks
+// for the file's life before using it again. The host's functions run with the lock only for
+// messages about damage and during a load.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <boost/shared_ptr.hpp>
 #include <cstdint>
+#include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -28,6 +41,7 @@
 #include "pack/ProgressCall.h"
 #include "platform/BlobAllocator.h"
 #include "platform/Failure.h"
+#include "platform/ReadersLock.h"
 #include "store/BlobIndex.h"
 #include "store/PendingChanges.h"
 #include "store/Slots.h"
@@ -53,6 +67,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
 
   // Opens files for reading only; nothing on disk is ever changed. Call it before AddPackDir.
   void SetReadOnly();
+
+  // Lets reads run beside other calls. Call it before AddPackDir.
+  void LetReadersIn() { readersLock.TurnOn(); }
 
   // Adds slot k: the pack dir/k.pak and the journal k.jrn in the store's directory, and creates
   // them if they are missing. Throws what BlobFile::Init throws; nothing has been added then.
@@ -157,8 +174,12 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   enum class Checked { Sound, Faulty, Stopped };
   Checked Check();
 
-  // The progress callback of Load, Check and Repack. The caller owns its context.
-  void SetProgress(const ProgressCall& call) { progress = call; }
+  // The progress callback of Load, Check and Repack. The caller owns its context. A check goes on
+  // with the one that it began with.
+  void SetProgress(const ProgressCall& call) {
+    const std::lock_guard alone(readersLock);
+    progress = call;
+  }
 
   // Clears the index and closes all files; false if one did not close. No change is accepted from
   // then on, even if a file is still open.
@@ -237,6 +258,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
     }
   };
 
+  // A record that a reader follows to wherever repacks take it.
+  class Followed;
+
   void LoadFiles();
   bool LoadNewestPack(BlobFile::Entries& entries);
   bool LoadPack(BlobFile& pack, BlobFile::Entries& entries) const;
@@ -244,9 +268,13 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool SetAside(BlobFile& journal);
   void Apply(BlobFile::Entries& entries, const BlobFilePtr& file);
   const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
-  BlobFile::BlobFileEntry* FindLoaded(const char* operation, const Hash& hash, Fetched& absent);
-  static Fetched Unreadable(const char* operation, BlobFile::BlobFileEntry& entry,
-                            const std::exception& e);
+  const BlobFile::BlobFileEntry* FindLoaded(const char* operation, const Hash& hash,
+                                            Fetched& absent) const;
+  bool FetchAtOnce(const BlobFile::BlobFileEntry& entry, unsigned char* buffer,
+                   std::shared_lock<ReadersLock>& reading) const;
+  bool FetchInPieces(const Hash& hash, std::uint32_t size, unsigned char* buffer);
+  Fetched Unreadable(const char* operation, const BlobFile::BlobFileEntry& entry,
+                     const std::exception& e);
   template <class Write>
   bool Change(Hash const& hash, Write write);
   template <class Write>
@@ -259,24 +287,34 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   void RequireChangeable() const;
   void RequireFirstSlotCurrent();
   void RequireRepackable() const;
-  void RepackIntoNextSlot(BlobFilePtr& unfinished);
-  void RepackInPlace(BlobFilePtr& unfinished);
+  void RepackIntoNextSlot(std::int32_t sequence, BlobFilePtr& unfinished);
+  void RepackInPlace(std::int32_t sequence, BlobFilePtr& unfinished);
   BlobFile::Entries CopyBlobs(const BlobFilePtr& target);
   static bool DecodeForCopy(BatchReader& batch, std::size_t i, const BlobFile::Entries& entries,
                             std::size_t number);
+  void EndLife(BlobFile& file);
   static void RequireInPlace(const BlobFile& pack);
   void PointTo(const BlobFile::Entries& copied);
-  bool CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const;
+  bool IsInPlace(BlobFile::BlobFileEntry const& entry) const;
+  bool CheckPlace(BlobFile::BlobFileEntry const& entry) const;
+  bool CheckAlone(BatchReader& batch, std::size_t i, int position);
   static bool CheckBlob(BatchReader& batch, std::size_t i, BlobFile::BlobFileEntry const& entry,
                         int position);
   Sizes SizesOf() const;
   std::uint64_t RepackedSize(const Sizes& sizes) const;
   Checked CheckAll(const ProgressCall& call);
   void CheckAfterFailure();
+  bool EraseFiles();
+  void NoteJournalEnd();
 
+  // Held alone where a member that readers read changes.
+  mutable ReadersLock readersLock;
   std::int32_t seq = 0;  // of the current pack; -1 while none has been found
   Slots slots;
+  BlobFilePtr arriving;          // the next pack, while blobs are pointed to it
   std::uint32_t repackSlot = 0;  // of the last repack
+  // Of the current journal, pending changes included; changes without the lock.
+  std::atomic<std::uint32_t> journalEnd = 0;
   std::int64_t transactionId = 0;
 
   // An entry is valid until a read finds the blob damaged or in no current file. During a load the
@@ -286,7 +324,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   PendingChanges pending;                         // of the open transaction
   DamagePolicy damagePolicy = DamagePolicy::Erase;
   ProgressCall progress;
-  State state = State::Attached;
+  std::atomic<State> state = State::Attached;
   Refusal refusal;
   std::string lossReason;   // what a load could not keep, and why; a refusal may point to it
   bool hasInvalid = false;  // during a load: the index may hold what the store does not

@@ -1,10 +1,10 @@
 // BlobController: fetching for callers that ask before they know, and what a store tells about
 // itself.
 #include <algorithm>
+#include <bitset>
 #include <cstring>
 #include <functional>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "pack/BatchReader.h"
@@ -13,9 +13,67 @@
 #include "platform/Trace.h"
 #include "store/BlobController.h"
 
-// The entry of a blob; null where there is none, and `absent` then says why.
-BlobFile::BlobFileEntry* BlobController::FindLoaded(const char* operation, const Hash& hash,
-                                                    Fetched& absent) {
+namespace {
+
+// Read while the lock is held; more is read in pieces, so that a change need not wait.
+constexpr std::uint32_t kMostAtOnce = 1024 * 1024;
+
+bool Matches(const Hash& hash, const unsigned char* data, std::uint32_t size) {
+  MD5 md5;
+  md5.update(data, size);
+  return Finish(md5) == hash;
+}
+
+bool IsIn(const unsigned char* recordHeader, const Hash& hash, std::uint32_t size) {
+  const auto head = format::RecordHeader::Decode(recordHeader);
+  return head.op.op == format::kOpStore && head.size == size &&
+         std::memcmp(head.hash, hash.Bytes(), Hash::kSize) == 0;
+}
+
+}  // namespace
+
+class BlobController::Followed {
+ public:
+  Followed(BlobController& controller, const char* operationName, const Hash& blobHash)
+      : store(controller), operation(operationName), hash(blobHash) {
+    const std::shared_lock reading(store.readersLock);
+    Find();
+  }
+
+  // Null without one; Absent() then says why.
+  const BlobFile::BlobFileEntry* Entry() const { return entry.file ? &entry : nullptr; }
+  Fetched Absent() const { return absent; }
+
+  // What ReadSome gives from a place in the record on.
+  BlobFile::RecordBytes Read(std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
+    const std::shared_lock reading(store.readersLock);
+    if (entry.file->Life() != life && !Find())
+      throw Failure(absent == Fetched::NotFound ? FailureCode::NotFound : FailureCode::Closed,
+                    "the blob was deleted, or the store closed, while it was read");
+    return entry.file->ReadSome(entry.offset + at, bytes, size);
+  }
+
+ private:
+  bool Find() {
+    const BlobFile::BlobFileEntry* found = store.FindLoaded(operation, hash, absent);
+    if (found == nullptr) return false;
+    entry = *found;
+    life = entry.file->Life();
+    return true;
+  }
+
+  BlobController& store;
+  const char* operation;
+  const Hash hash;
+  BlobFile::BlobFileEntry entry;  // keeps the file open
+  std::uint32_t life = 0;
+  Fetched absent = Fetched::Failed;
+};
+
+// The entry of a blob; null where there is none, and `absent` then says why. REQUIRES: readersLock
+// is held.
+const BlobFile::BlobFileEntry* BlobController::FindLoaded(const char* operation, const Hash& hash,
+                                                          Fetched& absent) const {
   absent = Fetched::Failed;
   if (state != State::Loaded) {
     trace::engine.CaughtWarnV(Failure(FailureCode::Closed),
@@ -28,9 +86,15 @@ BlobFile::BlobFileEntry* BlobController::FindLoaded(const char* operation, const
 }
 
 BlobController::Fetched BlobController::Unreadable(const char* operation,
-                                                   BlobFile::BlobFileEntry& entry,
+                                                   const BlobFile::BlobFileEntry& entry,
                                                    const std::exception& e) {
-  entry.valid = false;
+  {
+    const std::shared_lock reading(readersLock);
+    const auto blob = blobs.Find(entry.hash);
+    if (blob != blobs.end() && blob->second.file == entry.file &&
+        blob->second.offset == entry.offset)
+      blob->second.valid = false;
+  }
   trace::engine.CaughtErrorV(
       e, "%s",
       Text("BlobController::", operation, "() hash ", entry.hash.toString(), " file ",
@@ -38,38 +102,97 @@ BlobController::Fetched BlobController::Unreadable(const char* operation,
   return Fetched::Failed;
 }
 
+// Whether the blob could be read and is right. No messages; unlocks once it has read.
+bool BlobController::FetchAtOnce(const BlobFile::BlobFileEntry& entry, unsigned char* buffer,
+                                 std::shared_lock<ReadersLock>& reading) const {
+  // A small blob is read together with its record's head, in one call.
+  constexpr std::uint32_t kMaxSmallBlob = 4096;
+  unsigned char record[format::kStoreHeaderSize + kMaxSmallBlob];
+  const Hash hash = entry.hash;
+  const std::uint32_t size = entry.size;
+  const bool isSmall = size <= kMaxSmallBlob;
+  const auto readsAll = [&](std::uint32_t at, unsigned char* bytes, std::uint32_t wanted) {
+    return entry.file->ReadSome(entry.offset + at, bytes, wanted).held.size() == wanted;
+  };
+  const bool isThere = readsAll(0, record, format::kStoreHeaderSize + (isSmall ? size : 0)) &&
+                       (isSmall || readsAll(format::kStoreHeaderSize, buffer, size));
+  reading.unlock();
+  const unsigned char* data = isSmall ? record + format::kStoreHeaderSize : buffer;
+  if (!isThere || !IsIn(record, hash, size) || !Matches(hash, data, size)) return false;
+  if (isSmall && size > 0) std::memcpy(buffer, data, size);
+  return true;
+}
+
+// The same for a large one, piece by piece.
+bool BlobController::FetchInPieces(const Hash& hash, std::uint32_t size, unsigned char* buffer) {
+  Followed record(*this, "Fetch", hash);
+  if (record.Entry() == nullptr || record.Entry()->size != size) return false;
+  try {
+    unsigned char header[format::kStoreHeaderSize];
+    const auto readsAll = [&](std::uint32_t at, unsigned char* bytes, std::uint32_t wanted) {
+      return record.Read(at, bytes, wanted).held.size() == wanted;
+    };
+    if (!readsAll(0, header, sizeof header) || !IsIn(header, hash, size)) return false;
+    for (std::uint32_t done = 0; done < size;) {
+      const std::uint32_t piece = std::min(size - done, kMostAtOnce);
+      if (!readsAll(format::kStoreHeaderSize + done, buffer + done, piece)) return false;
+      done += piece;
+    }
+  } catch (const Failure&) {
+    return false;
+  }
+  return Matches(hash, buffer, size);
+}
+
 BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
                                               std::uint32_t capacity, std::uint32_t& size) {
+  std::shared_lock reading(readersLock);
   Fetched absent;
-  BlobFile::BlobFileEntry* const found = FindLoaded("Fetch", hash, absent);
+  const BlobFile::BlobFileEntry* found = FindLoaded("Fetch", hash, absent);
   if (found == nullptr) return absent;
-  BlobFile::BlobFileEntry& entry = *found;
-  size = entry.size;
+  size = found->size;
   if (capacity < size) return Fetched::TooSmall;
-  BlobPair pair;
-  pair.hash = hash;
-  pair.buffer = {buffer, size};
+  if (size <= kMostAtOnce) {
+    if (FetchAtOnce(*found, buffer, reading)) return Fetched::Read;
+  } else {
+    reading.unlock();
+    if (FetchInPieces(hash, size, buffer)) return Fetched::Read;
+  }
+  // Something is wrong with it. Read again, for the words and the code.
+  BlobFile::BlobFileEntry entry;
   try {
+    reading.lock();
+    found = FindLoaded("Fetch", hash, absent);
+    if (found == nullptr) return absent;
+    entry = *found;
+    size = entry.size;
+    if (capacity < size) return Fetched::TooSmall;
+    BlobPair pair;
+    pair.hash = hash;
+    pair.buffer = {buffer, size};
     if (!entry.file->ReadBlob(pair, entry.offset, BlobPair::Patience::None))
       throw Failure(FailureCode::Damaged, "the record is not the blob's");
     entry.file->RequireBlob(pair, entry.offset, hash, size);
     return Fetched::Read;
   } catch (const std::exception& e) {
+    reading.unlock();
     return Unreadable("Fetch", entry, e);
   }
 }
 
 BlobController::Fetched BlobController::Read(const Hash& hash, const PieceSink& sink) {
-  Fetched absent;
-  BlobFile::BlobFileEntry* const entry = FindLoaded("Read", hash, absent);
-  if (entry == nullptr) return absent;
-  PieceReader reader(*entry->file, *entry);
+  Followed record(*this, "Read", hash);
+  if (record.Entry() == nullptr) return record.Absent();
+  PieceReader reader(hash, record.Entry()->size,
+                     [&record](std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
+                       return record.Read(at, bytes, size);
+                     });
   for (;;) {
     std::span<const unsigned char> piece;
     try {
       piece = reader.Next();
     } catch (const std::exception& e) {
-      return Unreadable("Read", *entry, e);
+      return Unreadable("Read", *record.Entry(), e);
     }
     if (piece.empty()) return Fetched::Read;
     if (!sink.Takes(piece)) return Fetched::Stopped;
@@ -78,48 +201,64 @@ BlobController::Fetched BlobController::Read(const Hash& hash, const PieceSink& 
 
 void BlobController::FetchMany(const Hash* hashes, Wanted* wanted, std::size_t count) {
   struct Place {
-    const BlobFile::BlobFileEntry* entry;
+    const BlobFile* file;
+    std::uint32_t offset;
     std::size_t number;  // in wanted
   };
   Place places[kMostWanted];
   std::size_t found = 0;
   std::uint64_t bytes = 0;
+  const auto find = [&](std::size_t i) -> const BlobFile::BlobFileEntry* {
+    const auto blob = std::as_const(blobs).Find(hashes[i]);
+    return blob != blobs.end() && blob->second.size <= wanted[i].capacity ? &blob->second : nullptr;
+  };
+  std::bitset<kMostWanted> isAlone;  // to be fetched by itself
+  std::shared_lock reading(readersLock);
   if (state == State::Loaded) blobs.Prefetch(hashes, count);
   for (std::size_t i = 0; i < count; ++i) {
-    const auto blob = std::as_const(blobs).Find(hashes[i]);
-    const bool fits = blob != blobs.end() && blob->second.size <= wanted[i].capacity;
-    if (!fits) wanted[i].result = Fetch(hashes[i], nullptr, wanted[i].capacity, wanted[i].size);
-    if (!fits) continue;
-    places[found++] = {&blob->second, i};
-    bytes += blob->second.size;
+    const BlobFile::BlobFileEntry* const entry = find(i);
+    isAlone[i] = entry == nullptr;
+    if (entry == nullptr) continue;
+    places[found++] = {entry->file.get(), entry->offset, i};
+    bytes += entry->size;
   }
+  reading.unlock();
   std::sort(places, places + found, [](const Place& a, const Place& b) {
-    return a.entry->file != b.entry->file ? a.entry->file < b.entry->file
-                                          : a.entry->offset < b.entry->offset;
+    return a.file != b.file ? a.file < b.file : a.offset < b.offset;
   });
   BatchReader batch(0, bytes, found);
   for (std::size_t first = 0; first < found;) {
+    std::size_t numbers[kMostWanted];  // of what is in the batch
     batch.Clear();
-    std::size_t next = first;
-    while (next < found && batch.Add(hashes[places[next].number], *places[next].entry)) ++next;
+    reading.lock();
+    for (; first < found; ++first) {
+      const std::size_t i = places[first].number;
+      const BlobFile::BlobFileEntry* const entry = find(i);
+      const bool isAdded = entry != nullptr && batch.Add(hashes[i], *entry);
+      if (isAdded) numbers[batch.Count() - 1] = i;
+      if (!isAdded && entry != nullptr && batch.Count() > 0) break;
+      isAlone[i] = !isAdded;  // also one that no buffer holds: it goes straight to the caller's
+    }
+    batch.Read();
+    reading.unlock();
     batch.Verify();
-    next = std::max(next, first + 1);  // one that no buffer holds goes straight to the caller's
-    for (std::size_t i = 0; first < next; ++first, ++i) {
-      const Hash& hash = hashes[places[first].number];
-      Wanted& item = wanted[places[first].number];
-      if (i < batch.Count() && batch.IsSound(i)) {
-        item.size = places[first].entry->size;
-        item.result = Fetched::Read;
-        if (item.size > 0) std::memcpy(item.buffer, batch.Data(i), item.size);
-      } else {
-        item.result = Fetch(hash, item.buffer, item.capacity, item.size);
-      }
+    for (std::size_t k = 0; k < batch.Count(); ++k) {
+      Wanted& item = wanted[numbers[k]];
+      isAlone[numbers[k]] = !batch.IsSound(k);
+      if (!batch.IsSound(k)) continue;
+      item.size = batch.SizeOf(k);
+      item.result = Fetched::Read;
+      if (item.size > 0) std::memcpy(item.buffer, batch.Data(k), item.size);
     }
   }
+  for (std::size_t i = 0; i < count; ++i)
+    if (isAlone[i])
+      wanted[i].result = Fetch(hashes[i], wanted[i].buffer, wanted[i].capacity, wanted[i].size);
 }
 
 int BlobController::NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize],
                                     int capacity) const {
+  const std::shared_lock reading(readersLock);
   int count = 0;
   for (auto blob = after == nullptr ? blobs.begin() : blobs.After(*after);
        count < capacity && blob != blobs.end(); ++blob)
@@ -128,6 +267,7 @@ int BlobController::NextHashesAfter(const Hash* after, unsigned char (*next)[Has
 }
 
 BlobController::Statistics BlobController::GetStatistics() const {
+  const std::shared_lock reading(readersLock);
   const Sizes sizes = SizesOf();
   return {
       .loaded = state == State::Loaded,
@@ -141,7 +281,7 @@ BlobController::Statistics BlobController::GetStatistics() const {
       .largestBlob = sizes.largest,
       .pendingCount = pending.size(),
       .packBytes = slots.CurPack() ? slots.CurPack()->header.endOffset : 0,
-      .journalBytes = slots.CurJournal() ? slots.CurJournal()->header.endOffset : 0,
+      .journalBytes = journalEnd,
       .repackedBytes = blobs.empty() ? format::kFileHeaderSize : RepackedSize(sizes),
   };
 }

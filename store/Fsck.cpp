@@ -1,8 +1,10 @@
 // BlobController: the consistency check. It reports, and changes nothing.
 #include <algorithm>
+#include <bitset>
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "pack/BatchReader.h"
 #include "platform/Failure.h"
@@ -45,35 +47,51 @@ bool BlobController::Fsck() {
 BlobController::Checked BlobController::Check() {
   if (checkRunning) throw Failure(FailureCode::Refused, "a check is running");
   if (state != State::Loaded) throw Failure(FailureCode::Closed, "the store is not loaded");
-  return CheckAll(progress);
+  const auto callOfNow = [this] {
+    const std::shared_lock reading(readersLock);
+    return progress;
+  };
+  return CheckAll(callOfNow());
 }
 
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   const CheckMark mark;
-  trace::engine.notes.WriteWarnV("BlobController::Fsck number of blobs = %d",
-                                 static_cast<int>(blobs.size()));
-  if (blobs.empty()) return Checked::Sound;
-
+  std::shared_lock reading(readersLock);
+  const std::size_t total = blobs.size();
   const Sizes sizes = SizesOf();
-  BatchReader batch(sizes.largest, sizes.total, blobs.size());
+  reading.unlock();
+  trace::engine.notes.WriteWarnV("BlobController::Fsck number of blobs = %d",
+                                 static_cast<int>(total));
+  if (total == 0) return Checked::Sound;
+
+  BatchReader batch(sizes.largest, sizes.total, total);
   bool sound = true;
   bool stopped = false;
   try {
-    int position = 0;
-    for (auto blob = blobs.begin(); blob != blobs.end() && !stopped;) {
-      auto next = blob;
+    std::size_t position = 0;
+    Hash last;
+    for (bool isEnd = false; !isEnd && !stopped;) {
+      std::bitset<BatchReader::kMaxBlobs> isInPlace;
       batch.Clear();
-      while (next != blobs.end() && batch.Add(next->first, next->second)) ++next;
-      batch.Verify();
-      for (std::size_t i = 0; i < batch.Count(); ++i, ++blob, ++position) {
-        const bool isInPlace = CheckPlace(blob->first, blob->second);
-        const bool isSound = batch.IsSound(i) || CheckBlob(batch, i, blob->second, position);
-        if (isInPlace && isSound) continue;
-        sound = blob->second.valid = false;
+      reading.lock();
+      auto blob = position == 0 ? std::as_const(blobs).begin() : std::as_const(blobs).After(last);
+      for (; blob != blobs.end(); ++blob) {
+        const bool isAdded = batch.Add(blob->first, blob->second);
+        if (isAdded) isInPlace[batch.Count() - 1] = IsInPlace(blob->second);
+        // A larger blob than there was has come since the check began.
+        if (!isAdded && blob->second.size <= sizes.largest) break;
+        last = blob->first;
       }
-      stopped =
-          call.Stops(ProgressCall::kCheck, static_cast<std::uint64_t>(position), blobs.size()) &&
-          blob != blobs.end();
+      isEnd = blob == blobs.end();
+      batch.Read();
+      reading.unlock();
+      batch.Verify();
+      for (std::size_t i = 0; i < batch.Count(); ++i, ++position)
+        if (!isInPlace[i] || !batch.IsSound(i))
+          sound = CheckAlone(batch, i, static_cast<int>(position)) && sound;
+      // Blobs may have come and gone.
+      const std::size_t done = isEnd ? total : std::min(position, total - 1);
+      stopped = call.Stops(ProgressCall::kCheck, done, total) && !isEnd;
     }
   } catch (const std::runtime_error&) {
     sound = false;
@@ -86,16 +104,33 @@ BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
   return stopped ? Checked::Stopped : Checked::Sound;
 }
 
-// Whether a blob lies in one of the current files.
-bool BlobController::CheckPlace(const Hash& hash, BlobFile::BlobFileEntry const& entry) const {
-  if (entry.file && (entry.file == slots.CurPack() || entry.file == slots.CurJournal()))
-    return true;
-  const std::string file = PathOf(entry.file);
-  if (entry.file && (file == PathOf(slots.CurPack()) || file == PathOf(slots.CurJournal())))
-    return true;
+// Reports what is wrong with a blob that is not where it should be or did not verify, unless a
+// commit or a repack has changed its place since it was read.
+bool BlobController::CheckAlone(BatchReader& batch, std::size_t i, int position) {
+  const std::shared_lock reading(readersLock);
+  const auto blob = blobs.Find(batch.HashOf(i));
+  if (blob == blobs.end() || !batch.IsAt(i, blob->second)) return true;
+  const bool isInPlace = CheckPlace(blob->second);
+  const bool isSound = batch.IsSound(i) || CheckBlob(batch, i, blob->second, position);
+  if (isInPlace && isSound) return true;
+  blob->second.valid = false;
+  return false;
+}
+
+// Whether a blob lies in one of the current files, or already in the next one.
+bool BlobController::IsInPlace(BlobFile::BlobFileEntry const& entry) const {
+  if (!entry.file) return false;
+  const BlobFilePtr &pack = slots.CurPack(), &journal = slots.CurJournal();
+  if (entry.file == pack || entry.file == journal || entry.file == arriving) return true;
+  return (pack && entry.file->path == pack->path) || (journal && entry.file->path == journal->path);
+}
+
+bool BlobController::CheckPlace(BlobFile::BlobFileEntry const& entry) const {
+  if (IsInPlace(entry)) return true;
   trace::engine.WriteErrorV(
-      "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s", hash.toString(),
-      file, PathOf(slots.CurPack()), PathOf(slots.CurJournal()));
+      "BlobController::Fsck hash %s incorrect file=%s must be one of these %s %s",
+      entry.hash.toString(), PathOf(entry.file), PathOf(slots.CurPack()),
+      PathOf(slots.CurJournal()));
   return false;
 }
 

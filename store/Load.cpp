@@ -15,14 +15,17 @@ bool BlobController::Load() {
                                e.what());
     return false;
   }
+  std::unique_lock alone(readersLock);
   hashCursor.reset();
   state = State::Attached;
+  slots.EndLives();
   damaged = false;
   if (refusal.code != FailureCode::ReadOnly) refusal = {};
   try {
     LoadFiles();
   } catch (const std::exception& e) {
     trace::NoteCause(e);
+    NoteJournalEnd();
     if (damagePolicy == DamagePolicy::Keep || readOnly) {
       if (refusal.code == FailureCode::None)
         RefuseChanges(FailureCode::Refused,
@@ -33,10 +36,12 @@ bool BlobController::Load() {
       return false;
     }
     trace::engine.WriteErrorV("BlobController::Load() threw an exception %s", e.what());
+    alone.unlock();
     CheckAfterFailure();
     DeleteFiles();
     return false;
   }
+  NoteJournalEnd();
   return state == State::Loaded;
 }
 
@@ -50,7 +55,7 @@ void BlobController::LoadFiles() {
   if (!LoadNewestPack(entries)) {
     if (readOnly) throw Failure(FailureCode::Damaged, "no valid Pak files");
     if (damagePolicy == DamagePolicy::Erase) {
-      DeleteFiles();
+      EraseFiles();
       trace::engine.CaughtErrorV(
           Failure(slots.empty() ? FailureCode::Refused : FailureCode::Damaged),
           "BlobController::Load no valid Pak files, reseting all files.  All data is lost");

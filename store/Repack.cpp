@@ -100,17 +100,17 @@ bool BlobController::Repack() {
   }
   hashCursor.reset();
   BlobFilePtr unfinished;
+  const std::int32_t sequence = seq + 1;
+  repackSlot = slots.Of(sequence);
   try {
-    seq += 1;
-    repackSlot = slots.Of(seq);
     if (slots.IsCurrent(repackSlot)) {
-      RepackInPlace(unfinished);
+      RepackInPlace(sequence, unfinished);
     } else {
-      RepackIntoNextSlot(unfinished);
+      RepackIntoNextSlot(sequence, unfinished);
     }
+    NoteJournalEnd();
     return true;
   } catch (const Stopped&) {
-    seq -= 1;
     slots.Journal(repackSlot)
         ->SetSequence(slots.Journal(repackSlot) == slots.CurJournal() ? seq
                                                                       : format::kSequenceReset);
@@ -123,17 +123,23 @@ bool BlobController::Repack() {
   }
   CheckAfterFailure();
   DropUnfinished(unfinished, unfinished == slots.Pack(repackSlot));
+  {
+    const std::lock_guard alone(readersLock);
+    seq = sequence;
+  }
   Close();
   return false;
 }
 
-void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
+void BlobController::RepackIntoNextSlot(std::int32_t sequence, BlobFilePtr& unfinished) {
   const BlobFilePtr pack = slots.Pack(repackSlot);
   const BlobFilePtr journal = slots.Journal(repackSlot);
+  EndLife(*pack);
+  EndLife(*journal);
   pack->Reset();
   journal->Reset();
-  pack->SetSequence(seq);
-  journal->SetSequence(seq);
+  pack->SetSequence(sequence);
+  journal->SetSequence(sequence);
   unfinished = pack;
   const BlobFile::Entries copied = CopyBlobs(pack);
   unfinished.reset();
@@ -142,32 +148,48 @@ void BlobController::RepackIntoNextSlot(BlobFilePtr& unfinished) {
   // On close, cut the previous generation's files to their records as well.
   slots.CurPack()->CutOnClose();
   slots.CurJournal()->CutOnClose();
-  slots.SetCurPack(pack);
+  {
+    const std::lock_guard alone(readersLock);
+    slots.SetCurPack(pack);
+    slots.SetCurJournal(repackSlot);
+    seq = sequence;
+    arriving.reset();
+  }
   pack->UpdateHeader();  // once more; the pack is in doubt if this flush fails
-  slots.SetCurJournal(repackSlot);
 }
 
-void BlobController::RepackInPlace(BlobFilePtr& unfinished) {
+void BlobController::RepackInPlace(std::int32_t sequence, BlobFilePtr& unfinished) {
   const BlobFilePtr old = slots.Pack(repackSlot);
   const BlobFilePtr journal = slots.Journal(repackSlot);
   unfinished = MakePooled<BlobFile>();
   unfinished->Create(format::NewPath(old->path), BlobFile::Pack);
-  unfinished->SetSequence(seq);
+  unfinished->SetSequence(sequence);
   const BlobFile::Entries copied = CopyBlobs(unfinished);
-  if (journal != slots.CurJournal()) journal->Reset();
+  const bool isEmptiedLast = journal == slots.CurJournal();
+  if (!isEmptiedLast) {
+    EndLife(*journal);
+    journal->Reset();
+  }
   RequireInPlace(*old);
   // Both stay open: no other opener gets either, and after a failure the old pack is there to read.
   unfinished->Replace(old->path);
   const BlobFilePtr fresh = unfinished;
   unfinished.reset();
-  slots.ReplacePack(repackSlot, fresh);
 
   PointTo(copied);
-  // A blob that could not be copied went with the old pack.
-  blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
-  if (journal == slots.CurJournal()) journal->Reset();
-  journal->SetSequence(seq);
-  slots.SetCurJournal(repackSlot);
+  {
+    const std::lock_guard alone(readersLock);
+    slots.ReplacePack(repackSlot, fresh);
+    slots.SetCurJournal(repackSlot);
+    seq = sequence;
+    arriving.reset();
+    journal->EndLife();
+    // A blob that could not be copied went with the old pack.
+    if (copied.size() < blobs.size())
+      blobs.EraseIf([&](const BlobIndex::Entry& entry) { return entry.file != fresh; });
+  }
+  if (isEmptiedLast) journal->Reset();
+  journal->SetSequence(sequence);
 }
 
 // A directory that was renamed since the store was opened has taken the pack with it. What its path
@@ -177,11 +199,22 @@ void BlobController::RequireInPlace(const BlobFile& pack) {
   throw Failure(FailureCode::Refused, pack.path, " no longer leads to the pack that is open");
 }
 
+void BlobController::EndLife(BlobFile& file) {
+  const std::lock_guard alone(readersLock);
+  file.EndLife();
+}
+
+// Some at a time, between which readers get their turn: until the switch the blobs are where they
+// were as well.
 void BlobController::PointTo(const BlobFile::Entries& copied) {
-  bool isNew = false;
-  for (std::size_t i = 0; i < copied.size(); ++i) {
-    blobs.PrefetchBehind(copied, i);
-    blobs.FindOrMake(copied[i].hash, isNew)->second = copied[i];
+  constexpr std::size_t kAtATime = 1024;
+  for (std::size_t i = 0; i < copied.size();) {
+    const std::lock_guard alone(readersLock);
+    arriving = copied[i].file;
+    for (const std::size_t end = std::min(i + kAtATime, copied.size()); i < end; ++i) {
+      blobs.PrefetchBehind(copied, i);
+      blobs.Find(copied[i].hash)->second = copied[i];
+    }
   }
 }
 
@@ -202,6 +235,7 @@ BlobFile::Entries BlobController::CopyBlobs(const BlobFilePtr& target) {
     while (first + batch.Count() < entries.size() &&
            batch.Add(entries[first + batch.Count()].hash, entries[first + batch.Count()])) {
     }
+    batch.Read();
     batch.Verify();
     for (std::size_t i = 0; i < batch.Count(); ++i) {
       BlobFile::BlobFileEntry& entry = entries[first + i];

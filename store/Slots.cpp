@@ -113,6 +113,10 @@ void Slots::MakeDurable() {
   });
 }
 
+void Slots::EndLives() {
+  ForEachFile([](BlobFile& file) { file.EndLife(); });
+}
+
 void Slots::CutToRecords() noexcept {
   ForEachFile([](BlobFile& file) { file.CutToRecords(); });
 }

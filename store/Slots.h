@@ -84,6 +84,8 @@ class Slots {
   // cannot be flushed is in doubt from then on.
   void MakeDurable();
 
+  // Of every file.
+  void EndLives();
   void CutToRecords() noexcept;
   void Close();
   void Erase();

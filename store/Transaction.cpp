@@ -75,6 +75,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
       throw;
     }
   });
+  NoteJournalEnd();
   return true;
 }
 
@@ -181,6 +182,7 @@ void BlobController::AbandonPending() {
   if (pending.empty()) return;
   if (slots.CurJournal()) slots.CurJournal()->AbandonTransaction();
   pending.Clear();
+  NoteJournalEnd();
 }
 
 bool BlobController::StartTransaction(long long id) {
@@ -210,7 +212,9 @@ bool BlobController::EndTransaction(long long id) {
     return false;
   }
   // Past the commit point: the changes are on disk and must take effect.
+  const std::lock_guard alone(readersLock);
   hashCursor.reset();
   pending.ApplyTo(blobs);
+  NoteJournalEnd();
   return true;
 }

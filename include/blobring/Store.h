@@ -9,8 +9,9 @@
 //
 // Errors: a failure throws blobring::Error. Asking for an absent blob is no failure and costs a
 // look-up.
-// Threads: as in blobring.h. Different stores may be used on different threads, but constructing,
-// moving, closing and destroying a store must not overlap with any other use of a store.
+// Threads: const functions may run at any time on any number of threads, beside each other and
+// beside one thread that calls others. Moving, closing and destroying a store must not overlap with
+// any other use of it. Different stores have nothing to do with each other.
 #ifndef BLOBRING_STORE_H
 #define BLOBRING_STORE_H
 
@@ -80,19 +81,17 @@ class Store {
     std::vector<const char*> packs;
     packs.reserve(names.size());
     for (const std::string& name : names) packs.push_back(name.c_str());
-    Watch watch{options.progress, nullptr};
+    Watch watch(options.progress);
     BCOptions raw{};
     raw.size = sizeof raw;
     raw.slotCount = packs.empty() ? options.slots : static_cast<std::uint32_t>(packs.size());
     raw.packDirs = packs.empty() ? nullptr : packs.data();
     raw.eraseDamaged = options.eraseDamaged ? 1 : 0;
-    raw.progress = options.progress ? &Watch::call : nullptr;
-    raw.progressContext = &watch;
+    raw.progress = &Watch::call;
     raw.mustExist = options.mustExist ? 1 : 0;
     raw.readOnly = options.readOnly ? 1 : 0;
     index_ = BCOpen(directory.string().c_str(), &raw);
     if (index_ < 0) throw failure("open " + directory.string(), -1);
-    BCSetProgress(index_, nullptr, nullptr);
     if (!watch.thrown) return;
     BCDispose(index_);
     std::rethrow_exception(watch.thrown);
@@ -125,7 +124,7 @@ class Store {
     const std::optional<std::size_t> bytes = size(hash);
     if (!bytes) return std::nullopt;
     std::vector<std::byte> data(*bytes);
-    get(hash, data);
+    if (!get(hash, data)) return std::nullopt;  // deleted since
     return data;
   }
 
@@ -307,15 +306,24 @@ class Store {
   using Digest = unsigned char[BLOBRING_HASH_SIZE];
   static_assert(sizeof(Hash) == sizeof(Digest));
 
-  // Calls a Progress from the C callback, which no exception may leave.
+  // Calls a Progress from the C callback, which no exception may leave. Every store has the same
+  // callback, which finds the Progress of its thread: checks may run on several.
   struct Watch {
+    explicit Watch(const Progress& of) : progress(of) { running = progress ? this : nullptr; }
+    Watch(const Watch&) = delete;
+    Watch& operator=(const Watch&) = delete;
+    ~Watch() { running = nullptr; }
+
     const Progress& progress;
     std::exception_ptr thrown;
     bool stopped = false;
 
-    static int call(void* context, int operation, std::uint64_t done,
+    static inline constinit thread_local Watch* running = nullptr;
+
+    static int call(void* /*context*/, int operation, std::uint64_t done,
                     std::uint64_t total) noexcept {
-      Watch& watch = *static_cast<Watch*>(context);
+      if (running == nullptr) return 0;
+      Watch& watch = *running;
       if (watch.thrown) return 1;
       try {
         watch.stopped = !watch.progress(static_cast<Operation>(operation), done, total);
@@ -349,11 +357,8 @@ class Store {
 
   template <class Call>
   int watched(const Progress& progress, bool& stopped, Call call) const {
-    if (!progress) return call();
-    Watch watch{progress, nullptr};
-    BCSetProgress(index_, &Watch::call, &watch);
+    Watch watch(progress);
     const int result = call();
-    BCSetProgress(index_, nullptr, nullptr);
     if (watch.thrown) std::rethrow_exception(watch.thrown);
     stopped = watch.stopped;
     return result;
@@ -543,6 +548,7 @@ inline std::vector<std::optional<std::vector<std::byte>>> Store::getMany(
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (items[i].result == BLOBRING_FAILED) throw failure("get " + hashes[i].text(), index_);
     if (items[i].result == BLOBRING_FETCHED && !blobs[i]) blobs[i].emplace();  // an empty blob
+    if (items[i].result == BLOBRING_NOT_FOUND) blobs[i].reset();               // deleted since
   }
   return blobs;
 }

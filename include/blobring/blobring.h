@@ -16,8 +16,15 @@
  * each slot, BCLoad.
  *
  * Threads: the library starts no thread. Calls on different stores, opening and
- * disposing among them, may run at the same time on different threads. Calls on
- * one store must not overlap.
+ * disposing among them, may run at the same time on different threads.
+ * On a store that BCOpen has opened, the reading calls may run at any time on any
+ * number of threads, beside each other and beside one thread that makes other
+ * calls: BCFetch, BCFetchMany, BCRead, BCGetSize, BCNextHash, BCNextHashes,
+ * BCCheck, BCFsck, BCGetStatistics. They see the last commit, whole, and wait for
+ * the moments in which the index changes, not for flushes or for a repack's
+ * copying. All other calls on one store must not overlap, those of BCGet and
+ * BCGetAllBlobHashes included; BCDispose may, and waits. On a store of
+ * BCInitialize no calls may overlap.
  * Callbacks: a sink, source or progress function of the host's may call
  * BCLastError, BCLastErrorCode, BCLastSystemError and the functions of host.h,
  * nothing else. A call on a store from there is refused. Only FilterException is
@@ -117,7 +124,9 @@ BLOBRING_API int BCOpen(const char* directory, const BCOptions* options);
 
 /*
  * Sets the callback for loads, BCCheck and BCRepack of this store; null for
- * none. `context` must remain valid while it is set. Returns 1; 0 on failure.
+ * none. `context` must remain valid while it is set, and until the calls that
+ * began with it have ended. It is called on the thread of each call. Returns 1; 0
+ * on failure.
  */
 BLOBRING_API int BCSetProgress(int index, BCProgress* progress, void* context);
 
@@ -388,7 +397,9 @@ typedef int BCSink(void* context, const unsigned char* data, int size);
  * Hands a committed blob to `sink` in pieces of at most 1 MiB, in order, and
  * checks it against its hash. Takes up to 1 MiB of memory until it returns,
  * however large the blob is. What the sink has got must not be used before
- * BLOBRING_FETCHED says that it was right.
+ * BLOBRING_FETCHED says that it was right. Commits and repacks on another thread
+ * do not wait for the sink. Only when the blob is deleted and its space is used
+ * again before the last piece does the call fail.
  * Returns BLOBRING_FETCHED: all of it was handed out, none for a blob of 0
  * bytes; BLOBRING_NOT_FOUND; BLOBRING_STOPPED, by the sink; BLOBRING_FAILED. Of a
  * damaged blob the last piece is never handed out, so that one of at most 64 KiB
@@ -440,9 +451,10 @@ BLOBRING_API int BCFsck(int index);
 #define BLOBRING_CHECK_FAILED (-2)
 
 /*
- * As BCFsck, without exceptions, and the progress callback can stop it.
- * BLOBRING_CHECK_STOPPED: no fault so far. BLOBRING_CHECK_FAILED: no memory, a
- * check is running, or the store is not loaded.
+ * As BCFsck, without exceptions, and the progress callback can stop it. Blobs
+ * that are stored meanwhile may be left out. BLOBRING_CHECK_STOPPED: no fault so
+ * far. BLOBRING_CHECK_FAILED: no memory, a check is running on this thread, or
+ * the store is not loaded.
  */
 BLOBRING_API int BCCheck(int index);
 
@@ -468,8 +480,9 @@ typedef struct BCStatistics {
 
 /*
  * Fills in statistics->size bytes, those unknown to this library with 0. Walks
- * the index: about 10 ms for 100,000 blobs. Returns 1; 0 on failure, also when
- * size is smaller than the first version's, which ended with pendingChanges.
+ * the index: about 10 ms for 100,000 blobs, for which a commit on another thread
+ * waits. Returns 1; 0 on failure, also when size is smaller than the first
+ * version's, which ended with pendingChanges.
  */
 BLOBRING_API int BCGetStatistics(int index, BCStatistics* statistics);
 

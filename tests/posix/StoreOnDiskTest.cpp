@@ -6,11 +6,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <span>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "fs/FileSystem.h"
 
@@ -59,6 +67,178 @@ TEST_F(OnDisk, TwoStoresLiveOnTwoThreads) {
   std::thread other([&] { Live(b); });
   Live(a);
   other.join();
+}
+
+// What only readers and a writer on one store show: every byte read is right, every blob whose
+// commit had returned before the read began is found, and nobody waits for a flush or for copying.
+// Blob 0 is read in pieces; those of kSome come and go.
+class Sharing {
+ public:
+  Sharing(const fs::path& directory, unsigned slots) : store(directory, {.slots = slots}) {
+    Commit(1);
+  }
+
+  static std::string Bytes(int number) {
+    const auto size = static_cast<std::size_t>(number == 0 ? 1100000 : number % 7 * 900);
+    std::string bytes(size, static_cast<char>(number));
+    return bytes += std::to_string(number);
+  }
+
+  // Until the store is closed.
+  void ReadOn(unsigned seed) {
+    while (ReadOnce(seed += 7919)) ++reads;
+    ++reads;
+  }
+
+  void Write() {
+    std::thread slow([this] { ReadSlowly(); });
+    while (!hasPiece) std::this_thread::yield();
+    for (int round = 0; round < 4; ++round) {
+      Commit(10);
+      {
+        const blobring::Transaction abandoned(store);
+        store.put(Bytes(stored + 2));
+        store.put(Bytes(0) + "longer");  // written over what is behind the last record
+      }
+      store.eraseMany(std::vector{HashOf(kSome[0]), HashOf(kSome[1])});
+      EXPECT_TRUE(store.repack([this](auto...) { return WaitForReads(), true; }));
+      for (const int number : kSome) store.put(Bytes(number));
+      ++repacks;
+    }
+    slow.join();
+    failsFlush = true;
+    EXPECT_THROW(store.put("in doubt"), blobring::Error);
+    EXPECT_TRUE(store.stats().inDoubt);
+    WaitForReads();
+    isClosing = true;
+    BCDispose(store.index());
+  }
+
+  // Of this thread. The flush waits for reads, which a lock around it would hold up.
+  static thread_local Sharing* writer;
+  void WaitForReads() {
+    const unsigned before = reads;
+    for (int waited = 0; !isClosing && reads < before + 4; ++waited) {
+      ASSERT_LT(waited, 30000) << "a read waits for this";
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  bool TakeFailure() { return std::exchange(failsFlush, false); }
+
+ private:
+  static constexpr std::array kSome = {1, 5};
+
+  static blobring::Hash HashOf(int number) {
+    const std::string bytes = Bytes(number);
+    return blobring::Hash::of(std::as_bytes(std::span(bytes)));
+  }
+
+  void Commit(int count) {
+    blobring::Transaction change(store, stored);
+    for (int i = 0; i < count; ++i) store.put(Bytes(stored + i));
+    change.commit();
+    stored += count;
+  }
+
+  // Repacks take the blob elsewhere and commits overwrite where it was, between two of its pieces.
+  void ReadSlowly() {
+    std::string read;
+    store.read(HashOf(0), [&](std::span<const std::byte> piece) {
+      read.append(reinterpret_cast<const char*>(piece.data()), piece.size());
+      hasPiece = true;
+      while (repacks < 4) std::this_thread::yield();
+      return true;
+    });
+    EXPECT_EQ(read, Bytes(0));
+  }
+
+  // False once the store is closed.
+  bool ReadOnce(unsigned choice) try {
+    const int known = stored, number = static_cast<int>(choice >> 8) % known;
+    const std::string wanted = Bytes(number);
+    const blobring::Hash hash = HashOf(number);
+    const auto isRight = [&](bool isThere, const std::string& got) {
+      const bool mayGo = std::find(kSome.begin(), kSome.end(), number) != kSome.end();
+      EXPECT_TRUE(isThere ? got == wanted : mayGo) << number << ": " << got.size();
+    };
+    const auto text = [](const auto& blob) {
+      return blob ? std::string(reinterpret_cast<const char*>(blob->data()), blob->size()) : "";
+    };
+    switch (choice % 6) {
+      case 0: {
+        const auto blob = store.get(hash);
+        isRight(blob.has_value(), text(blob));
+        break;
+      }
+      case 1: {
+        const std::vector<blobring::Hash> several = {HashOf(0), hash, blobring::Hash()};
+        const auto blobs = store.getMany(several);
+        EXPECT_EQ(text(blobs[0]), Bytes(0));
+        EXPECT_FALSE(blobs[2]);
+        isRight(blobs[1].has_value(), text(blobs[1]));
+        break;
+      }
+      case 2: {
+        std::string read;
+        const auto result = store.read(hash, [&](std::span<const std::byte> piece) {
+          read.append(reinterpret_cast<const char*>(piece.data()), piece.size());
+          return true;
+        });
+        isRight(result == Store::Read::Whole, read);
+        break;
+      }
+      case 3: {
+        const auto all = store.hashes();
+        isRight(std::find(all.begin(), all.end(), hash) != all.end(), wanted);
+        EXPECT_EQ(BCFetch(store.index(), nullptr, nullptr, 0, nullptr), BLOBRING_FAILED);
+        EXPECT_EQ(store.lastFailure(), "BCFetch: hash is null");
+        break;
+      }
+      case 4: {
+        const BCStatistics statistics = store.stats();
+        EXPECT_GE(statistics.blobCount + kSome.size(), static_cast<unsigned>(known));
+        EXPECT_LE(statistics.pendingChanges, 10U);
+        break;
+      }
+      default: {
+        std::uint64_t last = 0;
+        const auto progress = [&](auto, std::uint64_t done, std::uint64_t total) {
+          EXPECT_TRUE(last <= done && done <= total);
+          return last = done, true;
+        };
+        EXPECT_EQ(store.check(progress), Store::Checked::Sound);
+      }
+    }
+    return true;
+  } catch (const blobring::Error& e) {
+    EXPECT_TRUE(isClosing) << e.what();
+    return false;
+  }
+
+  Store store;
+  std::atomic<int> stored = 0;  // committed blobs
+  std::atomic<unsigned> reads = 0, repacks = 0;
+  std::atomic<bool> hasPiece = false, isClosing = false;
+  bool failsFlush = false;  // the next one
+};
+thread_local Sharing* Sharing::writer = nullptr;
+
+TEST_F(OnDisk, ManyReadWhatOneChanges) {
+  for (const unsigned slots : {1U, 2U, 3U}) {
+    const fs::path directory = root / std::to_string(slots);
+    fs::create_directory(directory);
+    Sharing sharing(directory, slots);
+    std::vector<std::thread> readers;
+    for (unsigned i = 0; i < 3; ++i) readers.emplace_back([&, i] { sharing.ReadOn(i); });
+    std::thread other([&] {
+      for (int i = 0; i < 10; ++i) Store(root / "b").put(std::to_string(i));
+    });
+    Sharing::writer = &sharing;
+    sharing.Write();
+    Sharing::writer = nullptr;
+    for (std::thread& reader : readers) reader.join();
+    other.join();
+  }
 }
 
 TEST_F(OnDisk, AForkedChildReadsAndChangesNothing) {
@@ -125,3 +305,13 @@ TEST_F(OnDisk, ListsAndDeletesTrees) {
 }
 
 }  // namespace
+
+extern "C" {
+int __real_fdatasync(int file);
+int __wrap_fdatasync(int file) {
+  if (Sharing::writer != nullptr) Sharing::writer->WaitForReads();
+  if (Sharing::writer == nullptr || !Sharing::writer->TakeFailure()) return __real_fdatasync(file);
+  errno = EIO;
+  return -1;
+}
+}
