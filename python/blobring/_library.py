@@ -23,7 +23,7 @@ from blobring import errors
 # memoryview.
 Buffer = bytes | bytearray | memoryview | mmap.mmap
 
-FETCHED, NOT_FOUND, FAILED, TOO_SMALL = range(4)
+FETCHED, NOT_FOUND, FAILED, TOO_SMALL, STOPPED = range(5)
 CHECK_FAULTY, CHECK_SOUND = range(2)
 LARGEST_SIZE = 2**31 - 1
 ERROR_TEXT_CAPACITY = 1024
@@ -34,7 +34,6 @@ PROGRESS = ctypes.CFUNCTYPE(
 TRACE_SINK = ctypes.CFUNCTYPE(
     None, ctypes.c_void_p, ctypes.c_int, ctypes.c_char_p, ctypes.c_char_p
 )
-NO_PROGRESS = PROGRESS(0)  # a null pointer
 PIECE = ctypes.CFUNCTYPE(
     ctypes.c_int, ctypes.c_void_p, ctypes.c_void_p, ctypes.c_int
 )  # BCSink and BCSource
@@ -105,7 +104,6 @@ def _load() -> ctypes.CDLL:
     signatures: dict[str, tuple[type, ...]] = {
         "BCOpen": (text, ctypes.POINTER(Options)),
         "BCDispose": (number,),
-        "BCSetProgress": (number, PROGRESS, pointer),
         "BCStartTransaction": (number, transaction_id),
         "BCEndTransaction": (number, transaction_id),
         "BCAbandonTransaction": (number,),
@@ -272,15 +270,28 @@ class Callback:
         return result if self._raised is None else self._failed
 
 
-def watch(progress: Callable[[int, int], object] | None) -> Callback:
-    """Reports to a progress function, if there is one."""
+@contextmanager
+def watch(progress: Callable[[int, int], object] | None) -> Iterator[None]:
+    """Reports what this thread's calls have done to a progress function, if there is one."""
 
     def step(_operation: int, done: int, total: int) -> int:
         if progress is not None:
             progress(done, total)
         return 0
 
-    return Callback(PROGRESS, step, 1)
+    with Callback(PROGRESS, step, 1) as callback:
+        _thread.watch = callback
+        try:
+            yield
+        finally:
+            _thread.watch = None
+
+
+# That of every store: checks may run in several threads.
+@PROGRESS
+def progress_of_thread(context: int | None, operation: int, done: int, total: int) -> int:
+    watching = getattr(_thread, "watch", None)
+    return 0 if watching is None else watching._call(context, operation, done, total)
 
 
 def sink(write: Callable[[bytes], int | None]) -> Callback:

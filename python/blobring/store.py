@@ -12,7 +12,7 @@ import threading
 import traceback
 import warnings
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
-from contextlib import ExitStack, contextmanager
+from contextlib import contextmanager, suppress
 from itertools import accumulate, islice
 from types import FrameType
 from typing import BinaryIO, NamedTuple
@@ -28,27 +28,14 @@ _Progress = Callable[[int, int], object]
 _BATCH_COUNT = 256
 _BATCH_BYTES = 4 * 1024 * 1024
 
-# Calls on one store must not overlap, and opening or closing one must not overlap with any call:
-# a call holds its store's lock; opening and closing hold _registry and then every store's lock.
-_registry = threading.RLock()
-_locks: dict[int, threading.RLock] = {}  # by index, of open stores
 _unclosed: list[int] = []  # stores that were collected while open
 
 
-@contextmanager
-def _alone() -> Iterator[None]:
+def _close_collected() -> None:
     _library.refuse_in_callback()
-    with _registry, ExitStack() as stack:
-        for lock in _locks.values():
-            stack.enter_context(lock)
-        while _unclosed:
-            _dispose(_unclosed.pop())
-        yield
-
-
-def _dispose(index: int) -> None:
-    calls.BCDispose(index)
-    _locks.pop(index, None)
+    with suppress(IndexError):
+        while True:
+            calls.BCDispose(_unclosed.pop())
 
 
 # A function of these kinds can stop in the middle of a with block while its thread runs other code.
@@ -110,8 +97,8 @@ class Store(Mapping[Hash, bytes]):
 
     A change outside a transaction commits at once, which costs a flush.
 
-    Threads: any thread may use a store. Calls on one store wait for each other; opening and closing
-    wait for the calls on all stores. Changes wait for another thread's transaction, reads do not.
+    Threads: any thread may use a store. Reads and checks run beside each other and beside a change;
+    changes wait for another thread's transaction or repack, and close() for the calls in progress.
     Tasks of one event loop cannot wait for each other like that: see transaction().
     A progress callback, the methods of a file that a store reads or writes, and a signal handler
     must not use a store.
@@ -162,20 +149,17 @@ class Store(Mapping[Hash, bytes]):
             mustExist=must_exist,
             readOnly=read_only,
         )
-        self._lock = threading.RLock()
         self._changing = threading.Lock()  # held by a transaction and by a repack
         self._changer: int | None = None  # the thread that holds it
         self._owner: FrameType | None = None  # whose changes belong to the transaction
         try:
-            with _alone(), _library.watch(progress) as watch:
-                if progress is not None:
-                    options.progress = watch.callback
+            _close_collected()
+            with _library.watch(progress):
+                options.progress = _library.progress_of_thread
                 index = calls.BCOpen(_path(directory), options)
                 if index < 0:
                     raise failure(f"open {self.directory}", -1)
-                calls.BCSetProgress(index, _library.NO_PROGRESS, None)
                 self._index = index
-                _locks[index] = self._lock
         except BaseException:
             self.close()
             raise
@@ -183,12 +167,13 @@ class Store(Mapping[Hash, bytes]):
     def close(self) -> None:
         """Closes the store. Changes that are not committed are lost; closing again does nothing.
 
-        Every later use raises ClosedError, in other threads as well.
+        Every later use raises ClosedError, in other threads as well; what they have begun ends
+        before.
         """
-        with _alone():
-            if self._index is not None:
-                _dispose(self._index)
-            self._index = None
+        _close_collected()
+        index, self._index = self._index, None
+        if index is not None:
+            calls.BCDispose(index)
 
     def __enter__(self) -> Store:
         return self
@@ -216,8 +201,8 @@ class Store(Mapping[Hash, bytes]):
         """
         with self._use() as index:
             data, to = _library.bytes_to_fill(self._size(index, key))
-            if calls.BCFetch(index, key, to, len(data), ctypes.c_int()) != _library.FETCHED:
-                raise failure(f"get {key.hex()}", index)
+            result = calls.BCFetch(index, key, to, len(data), ctypes.c_int())
+            self._require("get", index, key, result == _library.FETCHED, result)
         return data
 
     def get_many(self, keys: Iterable[bytes]) -> Iterator[bytes | None]:
@@ -247,7 +232,7 @@ class Store(Mapping[Hash, bytes]):
             for item, (blob, _) in zip(items, blobs):
                 if item.result == _library.FAILED:
                     raise failures[0]
-                yield None if item.result == _library.NOT_FOUND else blob
+                yield blob if item.result == _library.FETCHED else None
             waiting = waiting[count:]
 
     def copy_to(self, key: bytes, file: BinaryIO) -> int:
@@ -261,8 +246,7 @@ class Store(Mapping[Hash, bytes]):
         with self._use() as index, _library.sink(file.write) as sink:
             size = self._size(index, key)
             result = calls.BCRead(index, key, sink.callback, None)
-            if result == _library.FAILED:
-                raise failure(f"copy {key.hex()}", index)
+            self._require("copy", index, key, result in (_library.FETCHED, _library.STOPPED), result)
         return size
 
     def read_into(self, key: bytes, buffer: bytearray | memoryview | mmap.mmap) -> int:
@@ -278,8 +262,7 @@ class Store(Mapping[Hash, bytes]):
             to = (ctypes.c_char * len(view)).from_buffer(view)
             result = calls.BCFetch(index, key, ctypes.addressof(to), size, ctypes.c_int())
             del to
-            if result != _library.FETCHED:
-                raise failure(f"read {key.hex()}", index)
+            self._require("read", index, key, result == _library.FETCHED, result)
         return size
 
     def size(self, key: bytes) -> int:
@@ -375,9 +358,8 @@ class Store(Mapping[Hash, bytes]):
                     if calls.BCEndTransaction(index, number) != 1:
                         raise failure("commit", index)
             except BaseException:
-                with self._lock:
-                    if self._index is not None:
-                        calls.BCAbandonTransaction(self._index)
+                if self._index is not None:
+                    calls.BCAbandonTransaction(self._index)
                 raise
 
     def put(self, data: Buffer) -> Hash:
@@ -457,7 +439,8 @@ class Store(Mapping[Hash, bytes]):
         press Ctrl-C.
         """
         with self._use() as index:
-            result = self._watched(index, progress, calls.BCCheck)
+            with _library.watch(progress):
+                result = calls.BCCheck(index)
             if result == _library.CHECK_FAULTY:
                 raise errors.DamagedError(str(failure("check", index)))
             if result != _library.CHECK_SOUND:
@@ -471,19 +454,26 @@ class Store(Mapping[Hash, bytes]):
         only when the repack failed, and its files hold what they held before.
         """
         with self._turn(), self._use() as index:
-            if self._watched(index, progress, calls.BCRepack) != 1:
+            with _library.watch(progress):
+                result = calls.BCRepack(index)
+            if result != 1:
                 raise failure("repack", index)
 
     # ---- One call ----
 
     @contextmanager
     def _use(self) -> Iterator[int]:
-        """Holds the lock and yields the index."""
+        """Yields the index."""
         _library.refuse_in_callback()
-        with self._lock:
+        index = self._index
+        if index is None:
+            raise errors.ClosedError("the store is closed")
+        try:
+            yield index
+        except errors.Error as error:
             if self._index is None:
-                raise errors.ClosedError("the store is closed")
-            yield self._index
+                raise errors.ClosedError("the store was closed by another thread") from error
+            raise
 
     @contextmanager
     def _turn(self) -> Iterator[None]:
@@ -531,25 +521,21 @@ class Store(Mapping[Hash, bytes]):
     def _size(self, index: int, key: bytes) -> int:
         size = ctypes.c_int()
         result = calls.BCFetch(index, self._key(key), None, 0, size)
+        found = result in (_library.FETCHED, _library.TOO_SMALL)
+        self._require("size of", index, key, found, result)
+        return size.value
+
+    def _require(self, operation: str, index: int, key: bytes, good: bool, result: int) -> None:
+        """Raises what a result that is not good stands for. The blob may be gone since its size
+        was asked for.
+        """
         if result == _library.NOT_FOUND:
             absent = KeyError(Hash(key))
             if self._changer == threading.get_ident():
                 absent.add_note("absent, or put in the open transaction and not committed yet")
             raise absent
-        if result not in (_library.FETCHED, _library.TOO_SMALL):
-            raise failure(f"size of {key.hex()}", index)
-        return size.value
-
-    @staticmethod
-    def _watched(
-        index: int, progress: _Progress | None, call: Callable[[int], int]
-    ) -> int:
-        with _library.watch(progress) as watch:
-            calls.BCSetProgress(index, watch.callback, None)
-            try:
-                return call(index)
-            finally:
-                calls.BCSetProgress(index, _library.NO_PROGRESS, None)
+        if not good:
+            raise failure(f"{operation} {key.hex()}", index)
 
 
 def _path(path: _Path) -> bytes:

@@ -244,6 +244,34 @@ class StoreTest(unittest.TestCase):
                    "ctypes.CDLL(None).on_exit(blobring._library.calls.BCDelete, 0)")
         self.assertEqual(subprocess.run([sys.executable, "-c", program]).returncode, 0)
 
+    def test_threads_read_beside_one_that_changes(self):
+        store = self.store()
+        keys = store.put_many([b"deleted meanwhile" * 9000, b"read meanwhile", b""])
+        copied = []
+
+        class File:  # takes its first piece once everything else has been done
+            def write(self, piece):
+                if not copied:
+                    thread.submit(everything_else).result(60)
+                copied.append(bytes(piece))
+                return len(piece)
+
+        def everything_else():
+            done = []
+            store.check(lambda *now: done.append(now))
+            self.assertEqual(done[-1], (3, 3))
+            self.assertEqual(list(store), sorted(keys))
+            self.assertEqual(list(store.get_many(keys[1:])), [b"read meanwhile", b""])
+            del store[keys[0]]
+            store.repack()
+            self.assertRaises(KeyError, store.size, keys[0])
+            with Store(tempfile.mkdtemp(dir=self.path)) as other:
+                other.put(store[keys[1]])
+
+        with concurrent.futures.ThreadPoolExecutor(1) as thread:
+            self.assertEqual(store.copy_to(keys[0], File()), 153000)
+        self.assertEqual(b"".join(copied), b"deleted meanwhile" * 9000)
+
     def test_threads_wait_for_each_other(self):
         store = self.store()
 
