@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <exception>
 
@@ -37,6 +38,14 @@ tool::ExitStatus Run(int argc, char** argv) {
   return line.Run(argc, argv);
 }
 
+void SayLines(std::string_view text, bool isDamage) {
+  for (size_t end = 0; end != std::string_view::npos;
+       text.remove_prefix(std::min(end + 1, text.size()))) {
+    end = text.find('\n');
+    tool::SayText(text.substr(0, end), isDamage);
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,10 +58,10 @@ int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
   } catch (const tool::CommandError& failure) {
-    tool::Say("{}", failure.what());
+    SayLines(failure.what(), failure.status() == tool::kFault);
     return failure.status();
   } catch (const blobring::Error& error) {
-    tool::Say("{}", tool::Explain(error));
+    SayLines(tool::ExplainInLines(error), true);
     return error.code() == BLOBRING_ERROR_HELD ? tool::kHeld : tool::kFault;
   } catch (const std::exception& e) {
     tool::Say("{}", e.what());

@@ -203,6 +203,28 @@ def refused():
     same((ls("s"), os.path.exists("kept/0.jrn.kept-1")), (S - {HASHES[4]}, True), "rm of what is there and what is not")
 
 
+# Every command with --json: objects that docs/json.md has, with all of its keys, and nothing else.
+def in_json():
+    text = (pathlib.Path(__file__).parents[2] / "docs/json.md").read_text()
+    keys = {t: set(re.findall(r"`(\w+)`", keys)) for t, keys in re.findall(r"^\| `(\w+)` \| (.*) \|$", text.split("| type |")[1], re.M)}
+    make_fresh()
+    for command, *types in (
+        ("init x", "init"), ("init s", "init"), ("put s old - -n", "stored"), ("put s old m", "stored"), ("import s tree -n", "stored", "import"),
+        ("import s tree old", "stored", "import"), ("import s tree -m new", "import"), (f"rm s {FOUR} -n", "removed"), (f"rm s {FOUR}", "removed"),
+        ("export s m y -n", "restored"), ("export s m y", "export"), ("sync s t -n", "missing", "copy"), ("sync s t", "copy"), (f"copy s t {FOUR}", "copy"),
+        ("repack s -n", "repack"), ("repack s --if-dead 90%", "repack"), ("repack s", "repack"), ("salvage s y -n", "salvage"), ("salvage s y", "check", "salvage"),
+        ("clean u", "leftover"), (f"get s {FOUR} -o y", "blob"), (f"get s {FOUR}",), (f"cat s {FOUR}",), ("ls s", "blob"), ("stat s", "stat", "file"),
+        ("log s -n 1", "transaction"), ("diff s t", "difference"), ("check s", "check"), ("verify s m", "verified"),
+        ("inspect s/1.jrn --records", "file", "transaction", "record", "rest"), ("report s", "report", "stat", "file", "check", "region", "transaction_bin"),
+    ):
+        renew()
+        status = 2 if not types else 4 if "90%" in command else int("diff" in command)
+        got = tool("--json", "--color=always", *command.split(), stdin=b"x", status=status)
+        same(sorted(set(o["type"] for o in got.objects)), sorted(types), f"{command}\n{got.out}{got.err}")
+        for o in got.objects:
+            same((set(o) - keys[o["type"]], got.out.count(b"\n")), ({"type"}, len(got.objects)), f"{command}: keys\n{got.out}")
+
+
 # A tree with names that shells fear, through manifests of every form and back.
 def names():
     odd = ["-", "--help", " leading", "*star", "back\\slash", "new\nline", "return\r", "\\n", "trailing ", "\x01\x1b[2J\u009b", "n" * 255, "#x",
@@ -404,4 +426,4 @@ def more_than_a_pack():
     same(os.stat("s/1.pak").st_mtime_ns, before, "it has not begun")
 
 
-scenario(large, refused, names, failing_files, full_journal, more_than_a_pack, disturbed)
+scenario(large, refused, in_json, names, failing_files, full_journal, more_than_a_pack, disturbed)

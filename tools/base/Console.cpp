@@ -24,19 +24,34 @@ constexpr auto kFirstAfter = std::chrono::milliseconds(500);
 constexpr auto kRewriteAfter = std::chrono::milliseconds(100);
 constexpr auto kNextLineAfter = std::chrono::seconds(3);
 
+constexpr char kRedBegins = '\x0e';  // of Red(); in a name, these would colour it and no more
+constexpr char kRedEnds = '\x0f';
+constexpr std::string_view kRed = "\x1b[31m";
+constexpr std::string_view kPlain = "\x1b[m";
+
+bool IsTerminal(int fd) {
+  const char* const kind = std::getenv("TERM");
+  return ::isatty(fd) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
+}
+
 bool IsTerminal() {
-  static const bool isTerminal = [] {
-    const char* const kind = std::getenv("TERM");
-    return ::isatty(STDERR_FILENO) == 1 && (kind == nullptr || std::string_view(kind) != "dumb");
-  }();
+  static const bool isTerminal = IsTerminal(STDERR_FILENO);
   return isTerminal;
 }
 
-// One column stays free: a full line makes some terminals scroll.
-size_t LineWidth() {
-  winsize size = {};
-  const bool isKnown = ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
-  return isKnown ? size.ws_col - 1U : 79U;
+// Hashes are dim: 32 hexadecimal digits, no more.
+std::string WithDimHashes(const std::string& text) {
+  constexpr size_t kDigits = 32;
+  constexpr std::string_view kHex = "0123456789abcdef";
+  std::string out;
+  for (size_t at = 0; at < text.size();) {
+    const size_t end = std::min(text.find_first_not_of(kHex, at), text.size());
+    const std::string word = text.substr(at, end - at);
+    out += word.size() == kDigits ? fmt::format("\x1b[2m{}\x1b[22m", word) : word;
+    at = std::min(text.find_first_of(kHex, end), text.size());
+    out.append(text, end, at - end);
+  }
+  return out;
 }
 
 std::mutex mutex;        // of what follows
@@ -58,8 +73,10 @@ void InitConsole() {
     std::setlocale(LC_CTYPE, "C.UTF-8");
 }
 
-void SayText(std::string_view text) {
-  const std::string line = fmt::format("blobring: {}\n", Printable(text));
+void SayText(std::string_view text, bool isDamage) {
+  std::string line = "blobring: " + Printable(text);
+  if (isDamage && IsColoured(STDERR_FILENO)) line = fmt::format("{}{}{}", kRed, line, kPlain);
+  line += '\n';
   const std::lock_guard lock(mutex);
   if (isHolding)
     heldLines += line;
@@ -93,6 +110,57 @@ std::string Printable(std::string_view text, bool keepLines) {
     text.remove_prefix(size);
   }
   return shown;
+}
+
+bool IsColoured(int fd) {
+  if (consoleOptions.color != "auto")
+    return consoleOptions.color == "always" && !(consoleOptions.json && fd == STDOUT_FILENO);
+  const char* const noColor = std::getenv("NO_COLOR");
+  return !consoleOptions.json && IsTerminal(fd) && (noColor == nullptr || *noColor == '\0');
+}
+
+std::string Red(std::string_view text) {
+  if (!IsColoured(STDOUT_FILENO)) return std::string(text);
+  return fmt::format("{}{}{}", kRedBegins, text, kRedEnds);
+}
+
+std::string Coloured(std::string_view lines) {
+  std::string out;
+  while (!lines.empty()) {
+    const size_t at = std::min(lines.find_first_of("\x0e\x0f"), lines.size());
+    out += WithDimHashes(Printable(lines.substr(0, at), true));
+    if (at < lines.size()) out += lines[at] == kRedBegins ? kRed : kPlain;
+    lines.remove_prefix(std::min(at + 1, lines.size()));
+  }
+  return out;
+}
+
+size_t LineWidth(int fd) {
+  winsize size = {};
+  return ::ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col : 80U;
+}
+
+std::string Wrapped(std::string_view text, size_t width) {
+  std::string out;
+  size_t column = 0;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find_first_of(" \n"), text.size());
+    if (column != 0 && column + 1 + end > width) {
+      out += '\n';
+      column = 0;
+    } else if (column != 0) {
+      out += ' ';
+      ++column;
+    }
+    out += text.substr(0, end);
+    column += end;
+    if (end < text.size() && text[end] == '\n') {
+      out += '\n';
+      column = 0;
+    }
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return out;
 }
 
 std::string Count(uint64_t count, std::string_view noun) {
@@ -169,7 +237,7 @@ void Progress::Show(uint64_t items, uint64_t bytes) {
   std::string line = Line();
   const std::lock_guard lock(mutex);
   if (IsTerminal()) {
-    line.resize(std::min(line.size(), LineWidth()));
+    line.resize(std::min(line.size(), LineWidth(STDERR_FILENO) - 1));  // a full one may scroll
     fmt::print(stderr, "\r\x1b[K{}", line);
     lineShown = true;
   } else {

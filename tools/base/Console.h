@@ -17,6 +17,8 @@ struct ConsoleOptions {
   bool json = false;
   bool quiet = false;
   bool progress = false;
+  bool verbose = false;
+  std::string color = "auto";  // or "always", "never"
 };
 inline ConsoleOptions consoleOptions;
 
@@ -25,7 +27,7 @@ void InitConsole();
 
 // Writes "blobring: text" as one printable line. While a HeldMessages lives, the line waits for its
 // end.
-void SayText(std::string_view text);
+void SayText(std::string_view text, bool isDamage = false);
 
 template <class... T>
 void Say(fmt::format_string<T...> text, T&&... values) {
@@ -36,6 +38,18 @@ void Say(fmt::format_string<T...> text, T&&... values) {
 template <class... T>
 void Inform(fmt::format_string<T...> text, T&&... values) {
   if (!consoleOptions.quiet) SayText(fmt::format(text, std::forward<T>(values)...));
+}
+
+// What only -v asks for.
+template <class... T>
+void Detail(fmt::format_string<T...> text, T&&... values) {
+  if (consoleOptions.verbose) SayText(fmt::format(text, std::forward<T>(values)...));
+}
+
+// Of damage: Say, in red where colours are wanted.
+template <class... T>
+void SayDamage(fmt::format_string<T...> text, T&&... values) {
+  SayText(fmt::format(text, std::forward<T>(values)...), true);
 }
 
 // Delays all messages. One lives as long as a store is open: a reader of standard error may be
@@ -50,6 +64,22 @@ class HeldMessages {
 // Replaces by '?' what the locale cannot print: control characters, those of 0x80 to 0x9F included,
 // and invalid sequences. Newlines stay if `keepLines`.
 std::string Printable(std::string_view text, bool keepLines = false);
+
+// Whether to colour what goes to this descriptor, as --color, NO_COLOR (no-color.org) and TERM have
+// it. JSON has no colours.
+bool IsColoured(int fd);
+
+// Marks a part of a result for PrintText, which shows it in red where results are coloured.
+std::string Red(std::string_view text);
+
+// Printable lines with their marks and hashes in colours.
+std::string Coloured(std::string_view lines);
+
+// The columns of the terminal, or 80.
+size_t LineWidth(int fd);
+
+// Breaks lines at blanks so that none is longer, if that can be.
+std::string Wrapped(std::string_view text, size_t width);
 
 // "3 files", "1 file".
 std::string Count(uint64_t count, std::string_view noun);

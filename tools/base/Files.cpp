@@ -117,7 +117,10 @@ void WriteAll(int fd, std::string_view data, const std::string& name) {
 
 void PrintText(std::string_view lines) {
   static const bool isTerminal = ::isatty(STDOUT_FILENO) == 1;
-  WriteAll(STDOUT_FILENO, isTerminal ? Printable(lines, true) : std::string(lines),
+  WriteAll(STDOUT_FILENO,
+           IsColoured(STDOUT_FILENO) ? Coloured(lines)
+           : isTerminal              ? Printable(lines, true)
+                                     : std::string(lines),
            "to standard output");
 }
 

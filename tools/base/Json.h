@@ -12,4 +12,7 @@ using Json = nlohmann::ordered_json;
 // One line, with its newline. Bytes that are not UTF-8 become U+FFFD.
 std::string JsonLine(const Json& object);
 
+// Prints the object with --json, and nothing without it. REQUIRES: no store is open.
+void PrintObject(const Json& object);
+
 }  // namespace tool

@@ -55,7 +55,7 @@ ExitStatus CheckHeaders(const StoreOptions& at) {
   std::string text;
   for (const BlobFault& fault : faults)
     text += consoleOptions.json ? JsonLine(FaultObject(fault))
-                                : fmt::format("{}: {}\n", fault.path, fault.what);
+                                : fmt::format("{}: {}\n", fault.path, Red(fault.what));
   PrintText(text);
   Inform("checked {}: {}", Count(count, "header"),
          faults.empty() ? "every one is sound" : "the store is damaged");
@@ -114,9 +114,9 @@ ExitStatus Check(const CheckOptions& options) {
       text += JsonLine(FaultObject(fault));
     else if (fault.hash)
       text += fmt::format("{} at {}: blob {}, {}, {}\n", fault.path, fault.offset,
-                          fault.hash->text(), Count(fault.size, "byte"), fault.what);
+                          fault.hash->text(), Count(fault.size, "byte"), Red(fault.what));
     else
-      text += fmt::format("{} at {}: {}\n", fault.path, fault.offset, fault.what);
+      text += fmt::format("{} at {}: {}\n", fault.path, fault.offset, Red(fault.what));
   }
   if (consoleOptions.json)
     text += JsonLine({{"type", "check"},

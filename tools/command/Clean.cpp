@@ -149,7 +149,7 @@ void AddClean(CommandLine& line) {
   CommandLine::AddStore(command, options.at, Access::kChange);
   command.add_flag("--delete", options.remove, "remove them, but for files that check names");
   command.add_flag("--force", options.force, "with --delete: remove those as well");
-  command.add_flag("--dry-run", options.dryRun, "remove nothing");
+  command.add_flag("-n,--dry-run", options.dryRun, "remove nothing");
 }
 
 }  // namespace tool

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/command/Commands.h"
 #include "tools/remote/Commands.h"
 #include "tools/view/Naming.h"
@@ -30,6 +31,10 @@ NamedBlobs Chosen(const StoreView& from, const std::vector<std::string>& names) 
   return chosen;
 }
 
+void PrintTotals(uint64_t count, uint64_t bytes, bool dryRun) {
+  PrintObject({{"type", "copy"}, {"blobs", count}, {"bytes", bytes}, {"dry_run", dryRun}});
+}
+
 // Returns whether the target is sound.
 bool SayWhatIsMissing(const std::vector<const ViewedBlob*>& blobs, const StoreOptions& target) {
   const StoreView to({target.directory});
@@ -38,11 +43,15 @@ bool SayWhatIsMissing(const std::vector<const ViewedBlob*>& blobs, const StoreOp
   uint64_t count = 0;
   for (const ViewedBlob* blob : blobs) {
     if (to.Find(blob->hash) != nullptr) continue;
-    text += blob->hash.text() + "\n";
+    const std::string hash = blob->hash.text();
+    text += consoleOptions.json
+                ? JsonLine({{"type", "missing"}, {"hash", hash}, {"size", blob->size}})
+                : hash + "\n";
     bytes += blob->size;
     ++count;
   }
   PrintText(text);
+  PrintTotals(count, bytes, true);
   Inform("{}, {}, would be copied to {}", Count(count, "blob"), HumanSize(bytes), to.path());
   return !to.damaged();
 }
@@ -63,12 +72,12 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
   bool all = true;
   std::string unused;
   Buffer buffer;
-  OpenStore to(target, Access::kChange);
-  BatchWriter writer(to.store, unused, BatchWriter::WhenFull::kRepack);
+  std::optional<OpenStore> to(std::in_place, target, Access::kChange);
+  BatchWriter writer(to->store, unused, BatchWriter::WhenFull::kRepack);
   std::vector<const ViewedBlob*> absent;
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : blobs) {
-    if (SizeOf(to.store, blob->hash)) continue;
+    if (SizeOf(to->store, blob->hash)) continue;
     absent.push_back(blob);
     bytes += blob->size;
   }
@@ -95,6 +104,8 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
   } catch (const Interrupted&) {
     writer.CommitInterrupted();
   }
+  to.reset();
+  PrintTotals(writer.committedCount(), writer.committedBytes(), false);
   Inform("{} copied, {}; {} had the others already", Count(writer.committedCount(), "blob"),
          HumanSize(writer.committedBytes()), target.directory);
   return all;
@@ -148,7 +159,7 @@ void AddCopy(CommandLine& line) {
         .add_option("HASH", options.hashes,
                     "the blobs' hashes, or at least 6 digits of each; - for standard input")
         ->required();
-    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+    command.add_flag("-n,--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
   }
   {
     auto [command, options] =
@@ -163,7 +174,7 @@ void AddCopy(CommandLine& line) {
     command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
     CommandLine::AddStore(command, options.to, Access::kChange, "DST");
     remote::AddOptions(command, options.remote);
-    command.add_flag("--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
+    command.add_flag("-n,--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
   }
 }
 

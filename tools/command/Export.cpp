@@ -8,6 +8,7 @@
 
 #include "tools/base/Console.h"
 #include "tools/base/DirectoryTree.h"
+#include "tools/base/Json.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/view/StoreView.h"
@@ -151,7 +152,7 @@ class Restorer {
       totals_.byteCount += read.blob->size;
     } catch (const DamagedBlob& fault) {
       ++totals_.failureCount;
-      Say("{}: {}", name, fault.what());
+      SayDamage("{}: {}", name, fault.what());
     } catch (const Fault& fault) {
       ++totals_.failureCount;
       Say("{}", fault.what());
@@ -202,6 +203,8 @@ ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEn
     all = all && obstacle.empty();
     if (!obstacle.empty())
       Say("{}: {}", path, obstacle);
+    else if (found != Found::kSame && consoleOptions.json)
+      text += JsonLine({{"type", "restored"}, {"path", path}, {"hash", entry.hash.text()}});
     else if (found != Found::kSame)
       text += path + "\n";
   }
@@ -248,6 +251,13 @@ ExitStatus Export(const ExportOptions& options) {
                       Count(entries.size(), "file"));
   }
   target.Sync();
+  PrintObject({{"type", "export"},
+               {"files", totals.fileCount},
+               {"bytes", totals.byteCount},
+               {"there_already", totals.sameCount},
+               {"kept", totals.keptCount},
+               {"absent", totals.absentCount},
+               {"failed", totals.failureCount}});
   SayTotals(totals, progress.Elapsed());
   return totals.IsWhole() && !view.damaged() ? kSuccess : kFault;
 }
@@ -265,7 +275,7 @@ void AddExport(CommandLine& line) {
   command.add_option("DIR", options.directory, "where to; made if need be")->required();
   command.add_flag("--force", options.force, "replace files that exist");
   CommandLine::AddFilter(command, options.filter);
-  command.add_flag("--dry-run", options.dryRun, "print the names, write nothing");
+  command.add_flag("-n,--dry-run", options.dryRun, "print the names, write nothing");
 }
 
 }  // namespace tool

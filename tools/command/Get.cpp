@@ -5,6 +5,7 @@
 #include "tools/base/Interrupt.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
+#include "tools/view/JsonObjects.h"
 #include "tools/view/Naming.h"
 #include "tools/view/StoreView.h"
 
@@ -71,6 +72,8 @@ ExitStatus AnswerBatch(StoreView& view) {
 // are named; the others go on. Returns kNothing if some are absent and all others sound.
 ExitStatus Get(const GetOptions& options) {
   if (options.batch != options.hashes.empty()) throw UsageError("wanted either HASH or --batch");
+  if (consoleOptions.json && (options.output.empty() || options.output == "-"))
+    throw UsageError("blobs are no JSON: with --json, `blobring get -o FILE` takes them");
   const std::vector<std::string> names = HashArguments(options.hashes);
   StoreView view(options.at, Depth::kRecords);
   if (options.batch) return AnswerBatch(view);
@@ -83,6 +86,7 @@ ExitStatus Get(const GetOptions& options) {
   bool sound = !view.damaged();
   bool allThere = true;
   bool allGood = true;
+  std::string objects;
   for (const std::string& name : names) {
     try {
       blobs.push_back(&Named(view, name));
@@ -97,12 +101,14 @@ ExitStatus Get(const GetOptions& options) {
         // What has gone to a pipe cannot be taken back.
         if (!out.isFile() && view.depth() == Depth::kAll) read.HandTo([](std::string_view) {});
         read.HandTo([&out](std::string_view piece) { out.Write(piece); });
+        if (consoleOptions.json) objects += JsonLine(BlobObject(view, *read.blob));
       } catch (const DamagedBlob& fault) {
-        Say("{}", fault.what());
+        SayDamage("{}", fault.what());
         allGood = false;
       }
     }
   if (allThere && allGood) out.Finish();
+  if (allThere && allGood) PrintText(objects);
   if (!allGood || !sound) return kFault;
   return allThere ? kSuccess : kNothing;
 }

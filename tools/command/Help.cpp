@@ -2,11 +2,15 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <sstream>
 #include <utility>
 #include <vector>
 
 #include "blobring/blobring.h"
+#include "tools/base/Console.h"
 #include "tools/base/Error.h"
 
 namespace tool {
@@ -92,6 +96,27 @@ class Formatter : public CLI::Formatter {
     const size_t brace = name.find('{');
     return brace == std::string::npos ? name : name.substr(0, brace) + "[=VALUE]";
   }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    return Column(option->get_description());
+  }
+  std::string make_subcommand(const CLI::App* sub) const override {
+    std::stringstream out;
+    CLI::detail::format_help(out, sub->get_name(), Column(sub->get_description()),
+                             get_column_width());
+    return out.str();
+  }
+  std::string make_description(const CLI::App* app) const override {
+    return Wrapped(app->get_description(), LineWidth(STDOUT_FILENO)) + "\n";
+  }
+  std::string make_footer(const CLI::App* app) const override {
+    const std::string text = app->get_footer();  // but for what may be copied
+    const size_t end = std::min(text.find("Example:"), text.size());
+    return Wrapped(text.substr(0, end), LineWidth(STDOUT_FILENO)) + text.substr(end) + "\n";
+  }
+  std::string Column(const std::string& text) const {
+    return Wrapped(
+        text, std::max(LineWidth(STDOUT_FILENO), get_column_width() + 20) - get_column_width());
+  }
   std::string make_option_opts(const CLI::Option* option) const override {
     if (option->get_positional()) return {};
     const std::string kind = KindOf(*option);
@@ -169,7 +194,9 @@ progress is not rewritten in place on a terminal that is
 .BR dumb .
 .TP
 .B NO_COLOR
-has no effect: the tool prints no colours.
+if set to anything, no colours, unless
+.B \-\-color
+asks for them.
 .SH FILES
 .TP
 .I blobring.conf
@@ -217,13 +244,17 @@ constexpr std::string_view kBashStart = R"(# Completion of blobring(1) for bash.
 _blobring_complete() {
   case $1 in
     STORE | SRC | DST | DIR | OUT) compgen -d -- "$2" ;;
-    FILE | MANIFEST) compgen -f -- "$2" ;;
+    FILE | MANIFEST | PATH) compgen -f -- "$2" ;;
     HASH) [[ $2 != ?? ]] || return; "${COMP_WORDS[0]}" ls -q -- "$3" "$2" 2>/dev/null | head -n 100 ;;
     *\|*) compgen -W "${1//|/ }" -- "$2" ;;
   esac
 }
 
 _blobring() {
+  while ((COMP_CWORD > 1)) && [[ ${COMP_WORDS[1]} == -* ]]; do  # options before the command
+    COMP_WORDS=("${COMP_WORDS[0]}" "${COMP_WORDS[@]:2}")
+    ((COMP_CWORD--))
+  done
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
   local options='' values='' arguments='' value first=2 i store='' kind=''
   COMPREPLY=()
@@ -273,7 +304,7 @@ std::string ZshText(std::string_view text) {
 std::string ZshAction(const std::string& kind) {
   if (kind == "STORE" || kind == "SRC" || kind == "DST" || kind == "DIR" || kind == "OUT")
     return "_files -/";
-  if (kind == "FILE" || kind == "MANIFEST") return "_files";
+  if (kind == "FILE" || kind == "MANIFEST" || kind == "PATH") return "_files";
   if (kind == "HASH") return "_blobring_hashes";
   std::string choices = kind;
   for (char& byte : choices)
@@ -311,6 +342,10 @@ _blobring_hashes() {
 
 _blobring() {
   local -a commands
+  while (( CURRENT > 2 )) && [[ $words[2] == -* ]]; do  # options before the command
+    words[2]=()
+    (( CURRENT-- ))
+  done
 )zsh";
 
 // The names of commands at one level, with their summaries, as zsh's _describe takes them.
@@ -357,7 +392,7 @@ std::string ManualPage(const CLI::App& app) {
     if (option->get_group() == kCommonOptions) text += ManualOption(*option);
   text +=
       ".TP\n\\fB\\-\\-help\\fR\nPrint help; of a command, its options.\n"
-      ".TP\n\\fB\\-\\-version\\fR\nPrint the version.\n.SH COMMANDS\n";
+      ".TP\n\\fB\\-V\\fR, \\fB\\-\\-version\\fR\nPrint the version.\n.SH COMMANDS\n";
   for (const NamedCommand& command : commands) text += ManualCommand(command);
   text += ".SH EXIT STATUS\n";
   for (const StatusText& row : kStatusTexts)
@@ -367,11 +402,15 @@ std::string ManualPage(const CLI::App& app) {
 
 std::string BashCompletion(const CLI::App& app) {
   std::string text(kBashStart);
+  std::vector<std::string> common;
+  for (const CLI::Option* option : OptionsOf(app, false))
+    if (option->get_group() == kCommonOptions)
+      for (const std::string& name : NamesOf(*option)) common.push_back(name);
   text += fmt::format(
       "  if ((COMP_CWORD == 1)); then\n"
-      "    mapfile -t COMPREPLY < <(compgen -W '{} --help --version' -- \"$current\")\n"
+      "    mapfile -t COMPREPLY < <(compgen -W '{} {} --help --version' -- \"$current\")\n"
       "    return\n  fi\n",
-      NamesBelow(app));
+      NamesBelow(app), fmt::join(common, " "));
   for (const CLI::App* command : Below(app))
     if (!Below(*command).empty())
       text += fmt::format(

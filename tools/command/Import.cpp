@@ -6,12 +6,14 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <set>
 
 #include "tools/base/Console.h"
 #include "tools/base/DirectoryTree.h"
 #include "tools/base/Interrupt.h"
+#include "tools/base/Json.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/view/StoreView.h"
@@ -26,22 +28,23 @@ namespace stdfs = std::filesystem;
 
 struct ImportOptions {
   StoreOptions at;
-  std::string directory;
-  std::string manifest;  // see Output; empty for standard output
-  bool force = false;    // replace a manifest that exists
-  bool verbose = false;  // name what is left out
-  bool dryRun = false;   // store nothing, write no manifest
+  std::vector<std::string> paths;  // directories and files
+  std::string manifest;            // see Output; empty for standard output
+  bool force = false;              // replace a manifest that exists
+  bool dryRun = false;             // store nothing, write no manifest
   NameFilter filter;
 };
 
-// The regular files of a tree.
+// The regular files of the trees.
 struct SourceTree {
   struct File {
+    std::string root;   // the directory that it is read from
     std::string name;   // below the root, without "./"
     uint64_t size = 0;  // when it was listed, bytes
+
+    std::string Path() const { return root + "/" + name; }
   };
 
-  std::string root;
   std::vector<File> files;  // in the order of their names' bytes, component by component
   uint64_t byteCount = 0;
   // Left out.
@@ -50,37 +53,38 @@ struct SourceTree {
   uint64_t excludedCount = 0;
   uint64_t filteredCount = 0;
   uint64_t unreadableCount = 0;  // lstat(2) or opendir(3) failed; each was named
-
-  std::string PathOf(const File& file) const { return root + "/" + file.name; }
 };
 
-LargeItem Digest(DirectoryTree& tree, const std::string& name) {
-  const stdfs::path path(name);
+// Their roots, open.
+using OpenTrees = std::map<std::string, DirectoryTree>;
+
+LargeItem Digest(OpenTrees& trees, const SourceTree::File& file) {
+  DirectoryTree& tree = trees.try_emplace(file.root, file.root).first->second;
+  const stdfs::path path(file.name);
   const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
-  return DigestFile(parent, path.filename(), tree.root() + "/" + name);
+  return DigestFile(parent, path.filename(), file.Path());
 }
 
-SourceFile Read(DirectoryTree& tree, const std::string& name, Buffer& buffer) {
-  const stdfs::path path(name);
+SourceFile Read(OpenTrees& trees, const SourceTree::File& file, Buffer& buffer) {
+  DirectoryTree& tree = trees.try_emplace(file.root, file.root).first->second;
+  const stdfs::path path(file.name);
   const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
-  return ReadRegularFile(parent, path.filename(), tree.root() + "/" + name, buffer);
+  return ReadRegularFile(parent, path.filename(), file.Path(), buffer);
 }
 
 int ByName(const FTSENT** a, const FTSENT** b) {
   return std::strcmp((*a)->fts_name, (*b)->fts_name);
 }
 
-// Lists the tree below `directory`, which may itself be a symbolic link. Says what is left out if
-// `verbose`. Throws Fault when `directory` cannot be read.
-SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
-                const NameFilter& filter, bool verbose) {
-  SourceTree tree;
-  tree.root = directory;
-  std::string root = directory;
+// Adds the tree below a directory, which may itself be a symbolic link, or a single file. Says what
+// is left out if `verbose`. Throws Fault when `from` cannot be read.
+void List(const std::string& from, const std::set<FileId>& exclude, const NameFilter& filter,
+          SourceTree& tree) {
+  std::string root = from;
   char* roots[] = {root.data(), nullptr};
   const std::unique_ptr<FTS, int (*)(FTS*)> walk(
       ::fts_open(roots, FTS_PHYSICAL | FTS_COMFOLLOW | FTS_NOCHDIR, ByName), ::fts_close);
-  if (!walk) ThrowErrno("read " + directory);
+  if (!walk) ThrowErrno("read " + from);
   const auto nameOf = [&root](const std::string& path) {
     return path.substr(path.find_first_not_of('/', root.size()));
   };
@@ -90,15 +94,21 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
     const struct stat& status = *entry->fts_statp;
     const auto leaveOut = [&](std::string_view why, uint64_t& count) {
       ++count;
-      if (verbose) Say("left out {}: {}", path, why);
+      if (consoleOptions.verbose) Say("left out {}: {}", path, why);
     };
     const int kind = entry->fts_info;
-    if (entry->fts_level == 0 && kind != FTS_D && kind != FTS_DP) {
+    const bool isFile = entry->fts_level == 0 && kind == FTS_F;
+    const std::string directory =
+        from.find('/') == std::string::npos ? "." : stdfs::path(from).parent_path().string();
+    const std::string name = isFile                  ? stdfs::path(from).filename().string()
+                             : entry->fts_level == 0 ? ""
+                                                     : nameOf(path);
+    if (entry->fts_level == 0 && kind != FTS_D && kind != FTS_DP && kind != FTS_F) {
       errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
-      ThrowErrno("read " + directory);
+      ThrowErrno("read " + from);
     }
     ThrowIfInterrupted();
-    if (kind == FTS_D && entry->fts_level != 0 && filter.Excludes(nameOf(path))) {
+    if (kind == FTS_D && entry->fts_level != 0 && filter.Excludes(name)) {
       leaveOut("not asked for", tree.filteredCount);
       ::fts_set(walk.get(), entry, FTS_SKIP);
     } else if (kind == FTS_DNR || kind == FTS_ERR || kind == FTS_NS) {
@@ -110,15 +120,26 @@ SourceTree List(const std::string& directory, const std::set<FileId>& exclude,
       leaveOut("not a regular file", tree.specialFileCount);
     } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
       leaveOut("the store's or the manifest", tree.excludedCount);
-    } else if (kind == FTS_F && !filter.Takes(nameOf(path))) {
+    } else if (kind == FTS_F && !filter.Takes(name)) {
       leaveOut("not asked for", tree.filteredCount);
     } else if (kind == FTS_F) {
       const auto size = static_cast<uint64_t>(status.st_size);
-      tree.files.push_back({nameOf(path), size});
+      tree.files.push_back({isFile ? directory : root, name, size});
       tree.byteCount += size;
     }
   }
-  if (errno != 0) ThrowErrno("read " + directory);
+  if (errno != 0) ThrowErrno("read " + from);
+}
+
+// Throws UsageError if two files would have the same name in the manifest.
+SourceTree ListAll(const ImportOptions& options, const std::set<FileId>& exclude) {
+  SourceTree tree;
+  for (const std::string& path : options.paths) List(path, exclude, options.filter, tree);
+  std::set<std::string_view> names;
+  for (const SourceTree::File& file : tree.files)
+    if (options.paths.size() > 1 && !names.insert(file.name).second)
+      throw UsageError("two files would be called {} in the manifest; nothing was stored",
+                       file.name);
   return tree;
 }
 
@@ -150,17 +171,17 @@ std::set<FileId> Excluded(const Layout& layout, const std::string& manifest, con
 // Stores files some at a time, and counts them. Nothing in a file can throw here, only the store.
 class Importer {
  public:
-  Importer(const SourceTree& tree, BatchWriter& writer, ImportTotals& totals)
-      : tree_(tree), directory_(tree.root), writer_(writer), totals_(totals) {
+  Importer(BatchWriter& writer, ImportTotals& totals, bool asObjects)
+      : writer_(writer), totals_(totals), asObjects_(asObjects) {
     bytes_.reserve(kMaxBytes);
   }
 
   void Add(const SourceTree::File& file) {
     if (file.size > kLargeSize && AddLarge(file)) return;
-    const std::string path = tree_.PathOf(file);
+    const std::string path = file.Path();
     SourceFile source;
     try {
-      source = Read(directory_, file.name, buffer_);
+      source = Read(trees_, file, buffer_);
     } catch (const Fault& fault) {
       ++totals_.failureCount;
       return Say("{}", fault.what());
@@ -200,7 +221,7 @@ class Importer {
   bool AddLarge(const SourceTree::File& file) {
     std::optional<LargeItem> item;
     try {
-      item = Digest(directory_, file.name);
+      item = Digest(trees_, file);
     } catch (const Fault&) {
       return false;
     }
@@ -212,17 +233,18 @@ class Importer {
 
   void Note(const std::string& name, uint64_t size, const BatchWriter::Added& added) {
     // "./" as find(1) prints it: a file named "-" would be standard input to md5sum.
-    writer_.AddLine(ManifestLine({added.hash, "./" + name}));
+    writer_.AddLine(asObjects_ ? StoredLine(added.hash, size, "./" + name, false)
+                               : ManifestLine({added.hash, "./" + name}));
     totals_.newCount += added.isNew ? 1 : 0;
     totals_.newBytes += added.isNew ? size : 0;
     ++totals_.fileCount;
     totals_.byteCount += size;
   }
 
-  const SourceTree& tree_;
-  DirectoryTree directory_;
+  OpenTrees trees_;
   BatchWriter& writer_;
   ImportTotals& totals_;
+  const bool asObjects_;  // instead of the manifest's lines
   Buffer buffer_;
   std::string bytes_;  // of files up to kMaxBytes
   std::vector<BatchWriter::Item> items_;
@@ -248,43 +270,59 @@ void SayTotals(const SourceTree& tree, const ImportTotals& totals, double second
         failed == 1 ? "1 entry" : fmt::format("{} entries", failed), failed == 1 ? "is" : "are");
 }
 
+void PrintTotals(const SourceTree& tree, const ImportTotals& totals, bool dryRun) {
+  PrintObject({{"type", "import"},
+               {"files", totals.fileCount},
+               {"bytes", totals.byteCount},
+               {"new_blobs", totals.newCount},
+               {"new_bytes", totals.newBytes},
+               {"failed", totals.failureCount + tree.unreadableCount},
+               {"changed", totals.changedCount},
+               {"left_out", tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount +
+                                tree.filteredCount},
+               {"dry_run", dryRun}});
+}
+
 ExitStatus SayWhatIsNew(const SourceTree& tree, const StoreOptions& at) {
   const StoreView view({at.directory});
   std::set<blobring::Hash> added;
-  uint64_t bytes = 0;
-  uint64_t failureCount = tree.unreadableCount;
+  ImportTotals totals;
   std::string text;
-  DirectoryTree directory(tree.root);
+  OpenTrees trees;
   Progress progress("reading", tree.files.size(), tree.byteCount);
   for (const SourceTree::File& file : tree.files) {
     progress.Advance(file.size);
     try {
-      const LargeItem item = Digest(directory, file.name);
+      const LargeItem item = Digest(trees, file);
+      ++totals.fileCount;
+      totals.byteCount += item.size;
       if (view.Find(item.hash) != nullptr || !added.insert(item.hash).second) continue;
-      bytes += item.size;
-      text += ManifestLine({item.hash, "./" + file.name});
+      ++totals.newCount;
+      totals.newBytes += item.size;
+      text += consoleOptions.json ? StoredLine(item.hash, item.size, "./" + file.name, true)
+                                  : ManifestLine({item.hash, "./" + file.name});
     } catch (const Fault& fault) {
-      ++failureCount;
+      ++totals.failureCount;
       Say("{}", fault.what());
     }
   }
   PrintText(text);
-  Inform("{} of {} would be stored, {}", Count(added.size(), "new blob"),
-         Count(tree.files.size(), "file"), HumanSize(bytes));
-  return failureCount == 0 && !view.damaged() ? kSuccess : kFault;
+  PrintTotals(tree, totals, true);
+  Inform("{} of {} would be stored, {}", Count(totals.newCount, "new blob"),
+         Count(tree.files.size(), "file"), HumanSize(totals.newBytes));
+  return totals.failureCount + tree.unreadableCount == 0 && !view.damaged() ? kSuccess : kFault;
 }
 
-// Stores every regular file below the directory, then writes the manifest. A file that cannot be
-// stored as it is (unreadable, too large) is named, left out of the manifest and makes the result
-// kFault; the others go on. A manifest file appears only when the import has come to its end; other
-// output has what was committed. Throws Fault or blobring::Error when the store itself fails; what
-// was committed by then stays, and a second run does not store it again.
+// Stores every regular file below the directories, and the files, then writes the manifest. A file
+// that cannot be stored as it is (unreadable, too large) is named, left out of the manifest and
+// makes the result kFault; the others go on. A manifest file appears only when the import has come
+// to its end; other output has what was committed. Throws Fault or blobring::Error when the store
+// itself fails; what was committed by then stays, and a second run does not store it again.
 ExitStatus Import(const ImportOptions& options) {
   const Layout layout = LayoutOf(options.at, Access::kChange);
   CreateAsClosedAs(layout.JournalPath(0));
   Output out(options.manifest, options.force ? Existing::kReplace : Existing::kKeep);
-  const SourceTree tree = List(options.directory, Excluded(layout, options.manifest, out),
-                               options.filter, options.verbose);
+  const SourceTree tree = ListAll(options, Excluded(layout, options.manifest, out));
   if (options.dryRun) return SayWhatIsNew(tree, options.at);
   std::string lines;
   ImportTotals totals;
@@ -292,7 +330,9 @@ ExitStatus Import(const ImportOptions& options) {
   try {
     OpenStore open(options.at, Access::kChange);
     BatchWriter writer(open.store, lines);
-    Importer importer(tree, writer, totals);
+    const bool asObjects =
+        consoleOptions.json && (options.manifest.empty() || options.manifest == "-");
+    Importer importer(writer, totals, asObjects);
     try {
       for (const SourceTree::File& file : tree.files) {
         importer.Add(file);
@@ -313,6 +353,7 @@ ExitStatus Import(const ImportOptions& options) {
   }
   out.Write(lines);
   out.Finish();
+  PrintTotals(tree, totals, false);
   SayTotals(tree, totals, progress.Elapsed());
   return totals.failureCount + totals.changedCount + tree.unreadableCount == 0 ? kSuccess : kFault;
 }
@@ -322,21 +363,23 @@ ExitStatus Import(const ImportOptions& options) {
 void AddImport(CommandLine& line) {
   auto [command, options] =
       line.Add(Group::kWork,
-               {"import", "store every regular file of a tree",
+               {"import", "store files, and every regular file of a tree",
                 "The manifest has the form of md5sum(1). What was committed stays when the command "
                 "is interrupted; a second run does not store it again.",
                 "blobring import -m photos.md5 /data/store ~/photos"},
                Import);
   CommandLine::AddStore(command, options.at, Access::kChange);
-  command.add_option("DIR", options.directory, "the tree")->required();
+  command
+      .add_option("PATH", options.paths,
+                  "trees and files; in the manifest, files by their last names")
+      ->required();
   command
       .add_option("-m,--manifest", options.manifest,
                   "where to write the manifest; standard output otherwise")
       ->type_name("FILE");
   command.add_flag("--force", options.force, "replace a manifest that exists");
-  command.add_flag("-v,--verbose", options.verbose, "name each file that is left out");
   CommandLine::AddFilter(command, options.filter);
-  command.add_flag("--dry-run", options.dryRun,
+  command.add_flag("-n,--dry-run", options.dryRun,
                    "print the manifest's lines for new contents, store nothing");
 }
 

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "tools/base/Console.h"
+#include "tools/base/Json.h"
 #include "tools/base/StagedFile.h"
 #include "tools/command/Commands.h"
 #include "tools/work/Open.h"
@@ -36,8 +37,8 @@ void RequireOwnFiles(const Layout& layout) {
 }
 
 // Makes a store, with its directories, or takes over one that another program made with the same
-// slots. A store that is there already stays as it is.
-ExitStatus Init(const StoreOptions& options) {
+// slots. A store that is there already stays as it is; false then.
+bool Make(const StoreOptions& options) {
   const Layout wanted(options.directory, options.slotCount, options.packDirs);
   if (Layout::Exists(options.directory)) {
     const Layout present = Layout::Read(options.directory);
@@ -46,7 +47,7 @@ ExitStatus Init(const StoreOptions& options) {
                        present.Description());
     Inform("{} already exists with {}; nothing was changed", options.directory,
            present.Description());
-    return kSuccess;
+    return false;
   }
   RequireOwnFiles(wanted);
   MakeDirectory(options.directory);
@@ -54,13 +55,25 @@ ExitStatus Init(const StoreOptions& options) {
   const OpenStore open(options, Access::kCreate);
   wanted.Write();
   Inform("{} is a store with {}", options.directory, wanted.Description());
+  return true;
+}
+
+ExitStatus Init(const StoreOptions& options) {
+  const bool isNew = Make(options);
+  const Layout layout = Layout::Read(options.directory);
+  Json packDirs = Json::array();
+  for (size_t slot = 0; slot < layout.slotCount(); ++slot) packDirs.push_back(layout.PackDir(slot));
+  PrintObject({{"type", "init"},
+               {"store", options.directory},
+               {"pack_dirs", packDirs},
+               {"created", isNew}});
   return kSuccess;
 }
 
 }  // namespace
 
 void MakeStore(const StoreOptions& options) {
-  Init(options);
+  Make(options);
 }
 
 void AddInit(CommandLine& line) {

@@ -4,6 +4,7 @@
 #include "tools/base/Console.h"
 #include "tools/base/Json.h"
 #include "tools/command/Commands.h"
+#include "tools/view/JsonObjects.h"
 #include "tools/view/Naming.h"
 #include "tools/view/StoreView.h"
 
@@ -49,12 +50,7 @@ ExitStatus List(const ListOptions& options) {
   for (const ViewedBlob* blob : Chosen(view, options, hashes)) {
     const std::string hash = blob->hash.text();
     if (consoleOptions.json)
-      text += JsonLine({{"type", "blob"},
-                        {"hash", hash},
-                        {"size", blob->size},
-                        {"transaction", blob->transactionId},
-                        {"file", view.files()[blob->file].path},
-                        {"offset", blob->offset}});
+      text += JsonLine(BlobObject(view, *blob));
     else if (options.longForm)
       text += fmt::format("{} {:>10} {}\n", hash, blob->size, blob->transactionId);
     else

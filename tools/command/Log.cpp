@@ -16,6 +16,7 @@ struct LogOptions {
   StoreOptions at;
   bool stat = false;
   bool patch = false;
+  size_t most = 0;    // 0: all
   std::string since;  // transaction id: only larger ones
 };
 
@@ -91,6 +92,8 @@ ExitStatus Log(const LogOptions& options) {
   };
   Walk(view.file(journal), view.files()[journal].status, walk);
   std::reverse(transactions.begin(), transactions.end());
+  const size_t count = transactions.size();
+  if (options.most != 0) transactions.resize(std::min(options.most, count));
   std::string text;
   for (const format::Transaction& transaction : transactions) {
     ThrowIfInterrupted();
@@ -100,7 +103,7 @@ ExitStatus Log(const LogOptions& options) {
   }
   PrintText(text);
   const bool isRepacked = view.current().size() == 2 && view.sequence() > 0;
-  Inform("{} in {}{}", Count(transactions.size(), "transaction"), view.files()[journal].path,
+  Inform("{} in {}{}", Count(count, "transaction"), view.files()[journal].path,
          isRepacked ? fmt::format("; what came before its repack is in {}",
                                   view.files()[view.current().front()].path)
                     : "");
@@ -120,6 +123,7 @@ void AddLog(CommandLine& line) {
   CommandLine::AddStore(command, options.at, Access::kLook);
   command.add_flag("--stat", options.stat, "how much each added and removed");
   command.add_flag("-p,--patch", options.patch, "what each added (+) and removed (-)");
+  command.add_option("-n,--max-count", options.most, "only the newest")->type_name("N");
   command.add_option("--since", options.since, "only transactions with a larger id")
       ->type_name("TX");
 }

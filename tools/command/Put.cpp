@@ -1,4 +1,5 @@
 // put.
+#include <algorithm>
 #include <filesystem>
 
 #include "tools/base/Console.h"
@@ -40,15 +41,18 @@ ExitStatus Put(const PutOptions& options) {
   };
   Buffer buffer;
   bool all = true;
+  std::vector<std::pair<blobring::Hash, std::string>> stored;
   try {
     for (const std::string& file : files.empty() ? std::vector<std::string>{"-"} : files) {
       if (IsInterrupted()) throw Interrupted("interrupted: what was printed is committed");
       std::error_code ignored;
       if (file == "-" || !stdfs::is_regular_file(file, ignored)) close();  // reading may wait
       blobring::Hash hash;
+      uint64_t size = 0;
       const std::optional<LargeItem> large = DigestLarge(file);
       if (large && (dryRun || opened().AddLarge(*large))) {
         hash = large->hash;
+        size = large->size;
       } else {
         std::string_view bytes;
         try {
@@ -58,22 +62,31 @@ ExitStatus Put(const PutOptions& options) {
           all = false;
           continue;
         }
+        size = bytes.size();
         hash = dryRun ? blobring::Hash::of(std::as_bytes(std::span(bytes)))
                       : opened().Add(bytes, file).hash;
       }
+      const std::string line =
+          consoleOptions.json ? StoredLine(hash, size, file, dryRun) : hash.text() + "\n";
       if (dryRun)
-        lines += hash.text() + "\n";
+        lines += line;
       else
-        writer->AddLine(hash.text() + "\n");
+        writer->AddLine(line);
+      stored.emplace_back(hash, file);
     }
     close();
   } catch (...) {
     writer.reset();
     open.reset();
     PrintText(lines);
+    if (!dryRun && files.size() > 1)
+      Say("{} of {} are stored, those whose hashes are printed",
+          std::count(lines.begin(), lines.end(), '\n'), Count(files.size(), "file"));
     throw;
   }
   PrintText(lines);
+  if (!all)
+    for (const auto& [hash, file] : stored) Say("{} is {}", hash.text(), file);
   return all ? kSuccess : kFault;
 }
 
@@ -87,7 +100,7 @@ void AddPut(CommandLine& line) {
                Put);
   CommandLine::AddStore(command, options.at, Access::kChange);
   command.add_option("FILE", options.files, "files to store; standard input without any, or for -");
-  command.add_flag("--dry-run", options.dryRun, "print the hashes, store nothing");
+  command.add_flag("-n,--dry-run", options.dryRun, "print the hashes, store nothing");
 }
 
 }  // namespace tool

@@ -53,6 +53,7 @@ ExitStatus InitRemote(const InitOptions& options) {
   if (!config.etagIsMd5)
     Say("the ETags of this service are no MD5 digests: check compares sizes alone, unless it reads "
         "the data");
+  PrintObject({{"type", "remote_init"}, {"url", options.remote.url}, {"id", config.id}});
   Inform("{} is a remote: pushes must finish within {}, garbage is kept for {}", options.remote.url,
          options.pushWithin, options.grace);
   Inform(
@@ -125,6 +126,7 @@ ExitStatus Forget(const ForgetOptions& options) {
     keys.push_back(key);
   if (keys.empty()) throw NothingFound("the store {} has no snapshot there", options.store);
   remote.bucket.Delete(keys);
+  PrintObject({{"type", "forgotten"}, {"store", options.store}, {"snapshots", keys.size()}});
   Inform("{} forgotten; what no other needs goes with the next prunes",
          Count(keys.size(), "snapshot"));
   return kSuccess;
@@ -267,7 +269,7 @@ void AddPrune(CommandLine& line) {
       ->check(CLI::Range(1U, 1000000U));
   command.add_option("--keep-within", options.keepWithin, "keep those that are younger")
       ->type_name("TIME");
-  command.add_flag("--dry-run", options.dryRun, "say what would be done, change nothing");
+  command.add_flag("-n,--dry-run", options.dryRun, "say what would be done, change nothing");
 }
 
 }  // namespace tool::remote

@@ -4,6 +4,7 @@
 
 #include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
+#include "tools/base/Json.h"
 #include "tools/command/Commands.h"
 #include "tools/view/Naming.h"
 #include "tools/view/StoreView.h"
@@ -38,6 +39,15 @@ NamedBlobs NotIn(const StoreView& view, const std::vector<std::string>& manifest
   return chosen;
 }
 
+void Erase(const std::vector<const ViewedBlob*>& blobs, blobring::Store& store) {
+  blobring::Transaction change(store, TransactionId());
+  std::vector<blobring::Hash> hashes;
+  for (const ViewedBlob* blob : blobs) hashes.push_back(blob->hash);
+  store.eraseMany(hashes);
+  if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
+  change.commit();
+}
+
 // Deletes blobs in one transaction. Those that the store does not have are named; the others go.
 // Returns kNothing if any is not there, or none is to go. Throws UsageError, with nothing changed,
 // for a manifest that lists nothing, or nothing that the store has: it is not the one that was
@@ -52,23 +62,27 @@ ExitStatus Remove(const RemoveOptions& options) {
   uint64_t bytes = 0;
   for (const ViewedBlob* blob : chosen.blobs) bytes += blob->size;
   const ExitStatus status = chosen.allThere && !chosen.blobs.empty() ? kSuccess : kNothing;
+  std::string text;
+  for (const ViewedBlob* blob : chosen.blobs) {
+    const std::string hash = blob->hash.text();
+    if (consoleOptions.json)
+      text += JsonLine(
+          {{"type", "removed"}, {"hash", hash}, {"size", blob->size}, {"dry_run", options.dryRun}});
+    else if (options.dryRun)
+      text += hash + "\n";
+  }
   if (options.dryRun) {
-    std::string text;
-    for (const ViewedBlob* blob : chosen.blobs) text += blob->hash.text() + "\n";
     PrintText(text);
     Inform("{} would be deleted, {}", Count(chosen.blobs.size(), "blob"), HumanSize(bytes));
     return status;
   }
-  OpenStore open(options.at, Access::kChange);
-  if (!chosen.blobs.empty()) {
-    blobring::Transaction change(open.store, TransactionId());
-    std::vector<blobring::Hash> hashes;
-    for (const ViewedBlob* blob : chosen.blobs) hashes.push_back(blob->hash);
-    open.store.eraseMany(hashes);
-    if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
-    change.commit();
+  size_t slotCount = 0;
+  {
+    OpenStore open(options.at, Access::kChange);
+    slotCount = open.layout.slotCount();
+    if (!chosen.blobs.empty()) Erase(chosen.blobs, open.store);
   }
-  const size_t slotCount = open.layout.slotCount();
+  PrintText(text);
   Inform("{} deleted, {}; `blobring repack` gives the space back{}",
          Count(chosen.blobs.size(), "blob"), HumanSize(bytes),
          slotCount == 1 ? "" : fmt::format(" once it has gone through all {} slots", slotCount));
@@ -93,7 +107,7 @@ void AddRemove(CommandLine& line) {
       .add_option("--not-in", options.notIn,
                   "delete every blob that none of these manifests lists; last on the line")
       ->type_name("MANIFEST");
-  command.add_flag("--dry-run", options.dryRun, "print the hashes, delete nothing");
+  command.add_flag("-n,--dry-run", options.dryRun, "print the hashes, delete nothing");
 }
 
 }  // namespace tool

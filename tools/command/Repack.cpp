@@ -1,9 +1,11 @@
 // repack.
 #include <algorithm>
+#include <filesystem>
 
 #include "blobring/host.h"
 #include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
+#include "tools/base/Json.h"
 #include "tools/command/Commands.h"
 #include "tools/work/Open.h"
 
@@ -25,22 +27,54 @@ uint64_t DeadBytes(const BCStatistics& statistics) {
   return used - std::min(used, statistics.repackedBytes + format::kFileHeaderSize);
 }
 
-ExitStatus Repack(const RepackOptions& options) {
-  OpenStore open(options.at, options.dryRun  ? Access::kLook
-                             : options.force ? Access::kChangeDamaged
-                                             : Access::kChange);
+// What the disk must hold, as the headers tell before the store is opened: at most, every record of
+// the current generation is live.
+void SayNeed(const Layout& layout) {
+  uint64_t most = 0;
+  int32_t newest = format::kSequenceReset;
+  const std::vector<SlotFile> files = layout.ReadFiles();
+  for (size_t i = 0; i < files.size(); i += 2) {
+    const FileStatus& pack = files[i].status;
+    if (!pack.IsLoadable() || pack.header.sequence <= newest) continue;
+    newest = pack.header.sequence;
+    most = uint64_t{pack.header.endOffset} + files[i + 1].status.header.endOffset;
+  }
+  const size_t next = (static_cast<uint32_t>(newest) + 1) % layout.slotCount();
+  const uint64_t old = layout.slotCount() == 1 ? 0 : files[2 * next].status.size;
+  Inform("the new pack takes at most {} in {}{}", HumanSize(most), layout.PackDir(next),
+         old == 0 ? "" : fmt::format(", where it replaces {} of an older one", HumanSize(old)));
+  std::error_code unknown;
+  const uint64_t free = std::filesystem::space(layout.PackDir(next), unknown).available;
+  if (!unknown && free + old < most)
+    Say("{} are free there: should the disk get full, the store stays as it is", HumanSize(free));
+}
+
+struct Repacked {
+  bool isDone = false;
+  uint64_t deadBytes = 0;
+  size_t slot = 0;
+  BCStatistics now = {};
+};
+
+Repacked Run(const RepackOptions& options, Access access) {
+  OpenStore open(options.at, access);
   const BCStatistics before = open.store.stats();
+  const auto outcome = [&](bool isDone) {
+    const BCStatistics now = open.store.stats();
+    return Repacked{isDone, DeadBytes(before),
+                    static_cast<uint32_t>(now.sequence) % open.layout.slotCount(), now};
+  };
   const uint64_t dead = DeadBytes(before);
   const double used = static_cast<double>(before.packBytes + before.journalBytes);
   const double share = used > 0 ? 100 * static_cast<double>(dead) / used : 0;
   if (share < options.ifDead) {
     Inform("{:.1f} % is dead, less than {:.1f} %: nothing was changed", share, options.ifDead);
-    return kNothing;
+    return outcome(false);
   }
   if (options.dryRun) {
     Inform("a repack would leave {} of dead records behind, {:.1f} % of what is in use",
            HumanSize(dead), share);
-    return kSuccess;
+    return outcome(true);
   }
   Progress progress("repacking", before.blobCount);
   try {
@@ -51,12 +85,30 @@ ExitStatus Repack(const RepackOptions& options) {
   } catch (const Interrupted&) {
     throw Interrupted("interrupted: the store is as it was");
   }
-  const BCStatistics after = open.store.stats();
-  Inform("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
-         Count(after.blobCount, "blob"), HumanSize(after.liveBytes),
-         static_cast<uint32_t>(after.sequence) % open.layout.slotCount(), after.sequence,
-         HumanSize(dead));
-  return kSuccess;
+  return outcome(true);
+}
+
+ExitStatus Repack(const RepackOptions& options) {
+  const Access access = options.dryRun  ? Access::kLook
+                        : options.force ? Access::kChangeDamaged
+                                        : Access::kChange;
+  const Layout layout = LayoutOf(options.at, access);
+  if (!options.force) SayNeed(layout);
+  const Repacked repacked = Run(options, access);
+  const BCStatistics& now = repacked.now;
+  if (repacked.isDone && !options.dryRun)
+    Inform("repacked {}, {}: slot {} is current (sequence {}), {} of dead records left behind",
+           Count(now.blobCount, "blob"), HumanSize(now.liveBytes), repacked.slot, now.sequence,
+           HumanSize(repacked.deadBytes));
+  PrintObject({{"type", "repack"},
+               {"done", repacked.isDone},
+               {"dry_run", options.dryRun},
+               {"blobs", now.blobCount},
+               {"live_bytes", now.liveBytes},
+               {"dead_bytes", repacked.deadBytes},
+               {"slot", repacked.slot},
+               {"sequence", now.sequence}});
+  return repacked.isDone ? kSuccess : kNothing;
 }
 
 }  // namespace
@@ -77,7 +129,7 @@ void AddRepack(CommandLine& line) {
         return share;
       })
       ->check(CLI::Range(0.0, 100.0));
-  command.add_flag("--dry-run", options.dryRun, "say what a repack would leave behind");
+  command.add_flag("-n,--dry-run", options.dryRun, "say what a repack would leave behind");
 }
 
 }  // namespace tool

@@ -1,4 +1,6 @@
 // Copies blobs out of files on which a store can no longer be opened.
+#include <unistd.h>
+
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -10,6 +12,7 @@
 #include "pack/format/Generation.h"
 #include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
+#include "tools/base/Json.h"
 #include "tools/command/Commands.h"
 #include "tools/view/FileWalk.h"
 #include "tools/view/SalvageScan.h"
@@ -59,6 +62,16 @@ struct SalvagedFiles {
   }
 };
 
+// For people: to standard output, or with --json to standard error.
+template <class... T>
+void Tell(fmt::format_string<T...> text, T&&... values) {
+  const std::string lines = fmt::format(text, std::forward<T>(values)...);
+  if (!consoleOptions.json)
+    PrintText(lines);
+  else if (!consoleOptions.quiet)
+    WriteAll(STDERR_FILENO, Printable(lines, true), "to standard error");
+}
+
 void ScanDirectory(const std::string& directory, std::vector<SalvagedFile>& files) {
   std::error_code code;
   std::set<std::string> names;
@@ -96,11 +109,11 @@ std::vector<SlotFile> SlotsOf(const std::vector<SalvagedFile>& files, const std:
 bool PrintMisplaced(const SalvagedFiles& found) {
   const std::vector<SlotFile> slots = SlotsOf(found.files, "", found.slotCount);
   const auto swapped = found.slotsAreKnown ? FindSwapped(slots) : SwappedFiles();
-  for (const auto& [file, text] : swapped) Print("{}\n", text);
+  for (const auto& [file, text] : swapped) Tell("{}\n", text);
   if (!swapped.empty()) return false;
   const std::vector<size_t> lost = LostPacks(slots);
   for (const size_t file : lost)
-    Print("{}: damaged or lost, it may have been the newest pack\n", slots[file].path);
+    Tell("{}: damaged or lost, it may have been the newest pack\n", slots[file].path);
   return lost.empty();
 }
 
@@ -226,20 +239,20 @@ SalvagedFiles ScanAll(const SalvageOptions& options) {
 // Prints a paragraph about a file, and notes whether it is sound.
 void PrintFile(SalvagedFile& file) {
   if (!file.failure.empty()) {
-    Print("{}\n  {}\n", file.path, file.failure);
+    Tell("{}\n  {}\n", file.path, file.failure);
     return;
   }
   const SalvageScan& scan = file.scan;
   const format::FileHeader& header = scan.status.header;
   bool sound = scan.status.state != FileStatus::State::kDamaged;
-  Print("{}: {}\n", file.path, Count(scan.status.size, "byte"));
+  Tell("{}: {}\n", file.path, Count(scan.status.size, "byte"));
   if (scan.IsSound())
-    Print("  header: sound, sequence {}, {}, {} bytes in use\n", header.sequence,
-          Count(header.recordCount, "record"), header.endOffset);
+    Tell("  header: sound, sequence {}, {}, {} bytes in use\n", header.sequence,
+         Count(header.recordCount, "record"), header.endOffset);
   else
-    Print("  header: {}\n", sound ? "new, no records" : "damaged");
-  Print("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
-        Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
+    Tell("  header: {}\n", sound ? "new, no records" : "damaged");
+  Tell("  found: {}, {}, {}\n", Count(scan.completeTransactions, "complete transaction"),
+       Count(scan.blobs, "blob"), Count(scan.deletions, "deletion"));
   // Under the header of a journal that was set aside there is only a part of it.
   Walked walked;
   if (!file.name.isPack && file.name.IsOfSlot() &&
@@ -249,10 +262,10 @@ void PrintFile(SalvagedFile& file) {
   }
   const uint64_t soundEnd = walked.lastIsTorn ? walked.end : scan.committedEnd;
   const auto note = [&](uint64_t at, const std::string& line) {
-    Print("  {}{}\n", line,
-          at < soundEnd            ? ""
-          : at < scan.committedEnd ? " (of the incomplete transaction)"
-                                   : " (leftover, not in use)");
+    Tell("  {}{}\n", line,
+         at < soundEnd            ? ""
+         : at < scan.committedEnd ? " (of the incomplete transaction)"
+                                  : " (leftover, not in use)");
     sound = sound && at >= soundEnd;
   };
   const auto noteRanges = [&](const Ranges& ranges, std::string_view what) {
@@ -260,7 +273,7 @@ void PrintFile(SalvagedFile& file) {
       note(begin, fmt::format("{:#x}-{:#x}: {}, {}", begin, end, Count(end - begin, "byte"), what));
   };
   if (walked.damage) {
-    Print("  {:#x}: {}\n", walked.damage->offset, walked.damage->what);
+    Tell("  {:#x}: {}\n", walked.damage->offset, walked.damage->what);
     sound = sound && walked.lastIsTorn;
   }
   if (scan.incompleteTransactions != 0 && !walked.lastIsTorn)
@@ -335,13 +348,15 @@ Copied CopyBlobs(const SalvagedFiles& found, bool liveOnly, blobring::Store& sto
 }
 
 // Returns whether all blobs are in the new store.
-bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
+bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options, Json& object) {
   const StoreOptions at = {options.store};
   try {
     MakeStore(at);
     std::optional<OpenStore> open(std::in_place, at, Access::kChange);
     Copied copied = CopyBlobs(found, options.liveOnly, open->store);
     open.reset();
+    object["recovered"] = copied.hashes.size();
+    object["recovered_bytes"] = copied.bytes;
     std::string text =
         fmt::format("recovered: {}, {} bytes", Count(copied.hashes.size(), "blob"), copied.bytes);
     if (found.newestPack != nullptr) {
@@ -351,7 +366,7 @@ bool MakeStore(const SalvagedFiles& found, const SalvageOptions& options) {
     }
     if (!copied.leftBehind.empty())
       text += fmt::format("; {} left behind", copied.leftBehind.size());
-    Print("{}\n", text);
+    Tell("{}\n", text);
     return CheckStore(at.directory) == kSuccess && copied.complete;
   } catch (const Interrupted&) {
     throw Interrupted(
@@ -382,18 +397,26 @@ ExitStatus Salvage(const SalvageOptions& options) {
     isTorn = isTorn || file.lastIsTorn;
   }
   FindLive(found);
-  for (const std::string& path : found.missing) Print("{}: missing\n", path);
+  for (const std::string& path : found.missing) Tell("{}: missing\n", path);
   sound = PrintMisplaced(found) && sound;
   if (found.newestPack != nullptr)
-    Print("newest generation: {}, sequence {}, {} found{}\n", found.newestPack->path,
-          found.newestPack->sequence(), Count(LiveCount(found), "live blob"),
-          found.newestIsSound ? "" : "; it is damaged, so blobs of older ones count as well");
+    Tell("newest generation: {}, sequence {}, {} found{}\n", found.newestPack->path,
+         found.newestPack->sequence(), Count(LiveCount(found), "live blob"),
+         found.newestIsSound ? "" : "; it is damaged, so blobs of older ones count as well");
   else
-    Print("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
-  if (!options.dryRun) sound = MakeStore(found, options) && sound;
-  Print("{}\n", !sound   ? "damage was found, see above"
-                : isTorn ? "one commit is incomplete, see above; no other damage was found"
-                         : "no damage was found");
+    Tell("cannot tell which blobs are live{}\n", options.liveOnly ? "; all are taken" : "");
+  Json object = {{"type", "salvage"},         {"files", found.files.size()},
+                 {"missing", found.missing},  {"newest_pack", nullptr},
+                 {"dry_run", options.dryRun}, {"recovered", 0},
+                 {"recovered_bytes", 0}};
+  if (found.newestPack != nullptr) object["newest_pack"] = found.newestPack->path;
+  if (!options.dryRun) sound = MakeStore(found, options, object) && sound;
+  object["sound"] = sound;
+  object["one_commit_incomplete"] = isTorn;
+  PrintObject(object);
+  Tell("{}\n", !sound   ? "damage was found, see above"
+               : isTorn ? "one commit is incomplete, see above; no other damage was found"
+                        : "no damage was found");
   return sound ? kSuccess : kFault;
 }
 
@@ -413,7 +436,7 @@ void AddSalvage(CommandLine& line) {
   CommandLine::AddPackDirs(command, options.packDirs, "where packs are as well; may be repeated");
   command.add_flag("--live-only", options.liveOnly,
                    "leave deleted blobs behind, where that can be told");
-  command.add_flag("--dry-run", options.dryRun, "report what is there, make no store");
+  command.add_flag("-n,--dry-run", options.dryRun, "report what is there, make no store");
 }
 
 }  // namespace tool

@@ -16,7 +16,6 @@ struct VerifyOptions {
   std::vector<std::string> manifests;  // and checksum files, see ReadChecksums
   std::string write;                   // a checksum file of all that was verified, if it is sound
   bool force = false;
-  bool verbose = false;
 };
 
 enum class Verdict { kOk, kMissing, kDamaged };
@@ -31,7 +30,7 @@ Verdict Judge(const StoreView& view, const blobring::Hash& hash) {
   try {
     view.Read(*blob, [](std::string_view) {});
   } catch (const DamagedBlob& fault) {
-    Say("{}", fault.what());
+    SayDamage("{}", fault.what());
     return Verdict::kDamaged;
   }
   return Verdict::kOk;
@@ -64,8 +63,11 @@ ExitStatus Verify(const VerifyOptions& options) {
                         {"name", entry.name},
                         {"hash", entry.hash.text()},
                         {"verdict", WordFor(verdict)}});
-    else if (verdict != Verdict::kOk || options.verbose)
-      text += fmt::format("{}: {}, {}\n", entry.name, WordFor(verdict), entry.hash.text());
+    else if (verdict != Verdict::kOk || consoleOptions.verbose)
+      text += fmt::format(
+          "{}: {}, {}\n", entry.name,
+          verdict == Verdict::kOk ? std::string(WordFor(verdict)) : Red(WordFor(verdict)),
+          entry.hash.text());
   }
   PrintText(text);
   Inform("verified {}: {} ok, {} missing, {} damaged", Count(entries.size(), "file"),
@@ -97,7 +99,6 @@ void AddVerify(CommandLine& line) {
   command.add_option("MANIFEST", options.manifests, "the lists; - for standard input")->required();
   command.add_option("--write", options.write, "make a checksum file")->type_name("FILE");
   command.add_flag("--force", options.force, "replace a checksum file that exists");
-  command.add_flag("-v,--verbose", options.verbose, "name what is sound as well");
 }
 
 }  // namespace tool

@@ -3,62 +3,14 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <array>
 #include <set>
 
-#include "md5/MD5.h"
 #include "tools/base/Console.h"
 #include "tools/view/SalvageScan.h"
 #include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
-
-constexpr size_t kBatchBytes = size_t{4} * 1024 * 1024;
-constexpr size_t kBatchBlobs = 4096;
-// Many blobs, digested side by side.
-class BlobBatch {
- public:
-  BlobBatch(const StoreView& view, std::vector<BlobFault>& faults) : view_(view), faults_(faults) {}
-
-  void Add(const ViewedBlob& blob) {
-    format::ByteSource& file = view_.file(blob.file);
-    if (blob.size >= kBatchBytes)
-      return Judge(blob, file.HasDigest(blob.dataOffset(), blob.size, blob.hash.data()));
-    if (bytes_.size() + blob.size > kBatchBytes || blobs_.size() == kBatchBlobs) Finish();
-    const size_t at = bytes_.size();
-    bytes_.resize(at + blob.size);
-    file.Read(blob.dataOffset(), bytes_.data() + at, blob.size);
-    blobs_.push_back(&blob);
-  }
-
-  void Finish() {
-    std::vector<std::array<uint8_t, format::kHashSize>> digests(blobs_.size());
-    std::vector<MD5Message> messages;
-    const uint8_t* at = bytes_.data();
-    for (size_t i = 0; i < blobs_.size(); ++i) {
-      messages.push_back({at, blobs_[i]->size, digests[i].data()});
-      at += blobs_[i]->size;
-    }
-    DigestMany(messages.data(), messages.size());
-    for (size_t i = 0; i < blobs_.size(); ++i)
-      Judge(*blobs_[i], blobring::Hash(digests[i]) == blobs_[i]->hash);
-    blobs_.clear();
-    bytes_.clear();
-  }
-
- private:
-  void Judge(const ViewedBlob& blob, bool isSound) {
-    if (!isSound)
-      faults_.push_back({view_.files()[blob.file].path, blob.offset, blob.hash, blob.size,
-                         "does not match its hash"});
-  }
-
-  const StoreView& view_;
-  std::vector<BlobFault>& faults_;
-  std::vector<const ViewedBlob*> blobs_;
-  std::vector<uint8_t> bytes_;
-};
 
 // What was hit where a file does not read cleanly.
 void ScanDamaged(const StoreView& view, size_t index, std::vector<BlobFault>& faults) {
@@ -141,12 +93,18 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
     return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
   });
   Progress progress("checking", blobs.size(), view.liveBytes());
-  BlobBatch batch(view, faults);
-  for (const ViewedBlob* blob : blobs) {
-    batch.Add(*blob);
-    progress.Advance(blob->size);
-  }
-  batch.Finish();
+  Buffer buffer;
+  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)
+    for (const ReadBlob& read : view.ReadSome(rest, buffer)) {
+      const ViewedBlob& blob = *read.blob;
+      try {
+        read.HandTo([](std::string_view) {});
+      } catch (const DamagedBlob&) {
+        faults.push_back({view.files()[blob.file].path, blob.offset, blob.hash, blob.size,
+                          "does not match its hash"});
+      }
+      progress.Advance(blob.size);
+    }
   return faults;
 }
 

@@ -104,4 +104,13 @@ Json FileObject(const StoreView& view, size_t index) {
           {"end_offset", file.status.header.endOffset}};
 }
 
+Json BlobObject(const StoreView& view, const ViewedBlob& blob) {
+  return {{"type", "blob"},
+          {"hash", blob.hash.text()},
+          {"size", blob.size},
+          {"transaction", blob.transactionId},
+          {"file", view.files()[blob.file].path},
+          {"offset", blob.offset}};
+}
+
 }  // namespace tool

@@ -17,4 +17,7 @@ double ShareOfLimit(uint64_t bytes);
 std::vector<Json> StatObjects(const StoreView& view);
 Json FileObject(const StoreView& view, size_t index);
 
+// "blob": one that `ls` lists or `get` writes.
+Json BlobObject(const StoreView& view, const ViewedBlob& blob);
+
 }  // namespace tool

@@ -70,6 +70,11 @@ bool Layout::Exists(const std::string& store) {
 }
 
 Layout Layout::Read(const std::string& store) {
+  const size_t journalCount = Exists(store) ? 0 : CountJournals(store);
+  if (journalCount != 0)
+    throw Fault(
+        "{} was made without the tool and has no {}; `blobring init --slots {} {}` adopts it",
+        store, format::Conf::kFileName, journalCount, store);
   if (!Exists(store))
     throw Fault("{} is not a store: it has no {}; `blobring init {}` makes one", store,
                 format::Conf::kFileName, store);

@@ -186,8 +186,7 @@ void StoreView::Confirm(std::vector<const ViewedBlob*> blobs) {
   if (std::find(blobs.begin(), blobs.end(), nullptr) != blobs.end()) return ReadAll();
   const auto place = [](const ViewedBlob* blob) { return std::pair(blob->file, blob->offset); };
   std::ranges::sort(blobs, {}, place);
-  const auto again = std::ranges::unique(blobs);
-  blobs.erase(again.begin(), again.end());
+  blobs.erase(std::unique(blobs.begin(), blobs.end()), blobs.end());
   Buffer buffer;
   Progress progress("comparing", blobs.size());
   for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)
@@ -222,8 +221,10 @@ void StoreView::Look() {
   if (isStale)
     throw CommandErrorOf<kHeld>(
         "{} changed each time it was read: another process is at work on it", path_);
-  for (const std::string& text : findings_) Say("{}", text);
+  for (const std::string& text : findings_) SayDamage("{}", text);
   for (const std::string& text : notes_) Say("{}", text);
+  Detail("{}: {} of generation {}, {}", path_, Count(blobs_.size(), "blob"), sequence_,
+         depth_ == Depth::kAll ? "all transactions compared with their digests" : "data not read");
 }
 
 void StoreView::Build() {

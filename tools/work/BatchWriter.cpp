@@ -8,6 +8,7 @@
 
 #include "tools/base/Console.h"
 #include "tools/base/Error.h"
+#include "tools/base/Json.h"
 #include "tools/work/Open.h"
 
 namespace tool {
@@ -30,6 +31,15 @@ long long TransactionId() {
   return std::chrono::duration_cast<std::chrono::microseconds>(
              std::chrono::system_clock::now().time_since_epoch())
       .count();
+}
+
+std::string StoredLine(const blobring::Hash& hash, uint64_t size, const std::string& name,
+                       bool dryRun) {
+  return JsonLine({{"type", "stored"},
+                   {"name", name},
+                   {"hash", hash.text()},
+                   {"size", size},
+                   {"dry_run", dryRun}});
 }
 
 BatchWriter::BatchWriter(blobring::Store& store, std::string& committedLines, WhenFull whenFull)
@@ -56,11 +66,13 @@ void BatchWriter::Prepare(uint64_t recordBytes) {
 }
 
 void BatchWriter::Fail(const std::string& name, const std::exception& error) {
-  const std::string reason = Explain(error);  // before the commit has one of its own
+  const std::string reason = ExplainInLines(error);  // before the commit has one of its own
+  const auto* const first = dynamic_cast<const blobring::Error*>(&error);
   try {
     Commit();
   } catch (const blobring::Error& second) {
-    Say("{}", Explain(second));
+    if (first == nullptr || first->systemError() != second.systemError())
+      Say("{}", Explain(second));
   }
   throw Fault("cannot store {}: {}", name, reason);
 }

@@ -89,6 +89,10 @@ class BatchWriter {
   Buffer present_;  // blobs that the store has
 };
 
+// The object "stored", for --json.
+std::string StoredLine(const blobring::Hash& hash, uint64_t size, const std::string& name,
+                       bool dryRun);
+
 // For blobring::Transaction: a repack orders blobs by it, and the time does.
 long long TransactionId();
 

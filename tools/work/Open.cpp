@@ -1,6 +1,7 @@
 #include "tools/work/Open.h"
 
 #include <algorithm>
+#include <climits>
 #include <utility>
 
 #include "blobring/host.h"
@@ -54,7 +55,9 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   const bool hasFiles = Layout::CountJournals(layout.store()) != 0;
   DrainTrace(BLOBRING_HOST_WARNING);
   const auto sayTrace = [] {
-    for (const std::string& line : DrainTrace(BLOBRING_HOST_WARNING)) Say("{}", line);
+    for (const std::string& line :
+         DrainTrace(consoleOptions.verbose ? INT_MAX : BLOBRING_HOST_WARNING))
+      Say("{}", line);
   };
   try {
     blobring::Store store(layout.store(), raw);
@@ -147,6 +150,16 @@ std::string Explain(const std::exception& failure) {
   const std::string_view advice = AdviceFor(*error);
   text.erase(std::min(text.find('\n'), text.size()));
   return advice.empty() ? text : fmt::format("{} [{}]", advice, text);
+}
+
+std::string ExplainInLines(const std::exception& failure) {
+  const std::string text = Explain(failure);
+  const auto* error = dynamic_cast<const blobring::Error*>(&failure);
+  const std::string_view advice = error != nullptr ? AdviceFor(*error) : "";
+  const size_t at = advice.find("; ");
+  if (!advice.starts_with("the disk is full; ")) return text;
+  return fmt::format("{}{}\n{}", advice.substr(0, at), text.substr(advice.size()),
+                     advice.substr(at + 2));
 }
 
 }  // namespace tool

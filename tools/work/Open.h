@@ -41,5 +41,7 @@ std::vector<std::string> DrainTrace(int maxLevel);
 
 // The cause of a failure and what the user can do about it, then the store's own text.
 std::string Explain(const std::exception& failure);
+// The same; of a full disk, with what to do in a line of its own.
+std::string ExplainInLines(const std::exception& failure);
 
 }  // namespace tool
