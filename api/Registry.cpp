@@ -24,7 +24,9 @@ constinit std::atomic<std::uint32_t> departures = 0;  // last calls in stores th
 // REQUIRES: the mutex is held.
 Entry* Untaken(int index) {
   const auto found = storeRegistry.find(index);
-  return found == storeRegistry.end() || found->second.isTaken ? nullptr : &found->second;
+  return found == storeRegistry.end() || (found->second.calls & Entry::kTaken) != 0
+             ? nullptr
+             : &found->second;
 }
 
 }  // namespace
@@ -51,9 +53,12 @@ Entry* Enter(int index) {
 }
 
 void Leave(Entry& entry, const api::FailureText* failures) {
-  const std::lock_guard lock(mutex);
-  if (failures != nullptr) entry.failures = *failures;
-  if (--entry.calls > 0 || !entry.isTaken) return;
+  if (failures != nullptr) {
+    const std::lock_guard lock(mutex);
+    entry.failures = *failures;
+  }
+  if (--entry.calls != Entry::kTaken) return;
+  // The entry may be gone already.
   ++departures;
   departures.notify_all();
 }
@@ -72,12 +77,12 @@ StorePtr Take(int index) {
     const auto found = storeRegistry.find(index);
     if (found == storeRegistry.end()) return nullptr;
     Entry& entry = found->second;
-    entry.isTaken = true;
-    if (entry.calls == 0 || entry.openerProcess != GetCurrentProcessId()) {
+    const std::uint32_t before = departures;
+    entry.calls |= Entry::kTaken;
+    if (entry.calls == Entry::kTaken || entry.openerProcess != GetCurrentProcessId()) {
       taken = storeRegistry.extract(found);
       return taken.mapped().store;
     }
-    const std::uint32_t before = departures;
     lock.unlock();
     departures.wait(before);
     lock.lock();

@@ -4,7 +4,9 @@
 // call. A call enters a store and leaves it, and Take waits for the calls that are in it.
 #pragma once
 
+#include <atomic>
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
 
 #include "api/FailureText.h"
 #include "store/BlobController.h"
@@ -16,8 +18,9 @@ using StorePtr = boost::shared_ptr<BlobController>;
 struct Entry {
   StorePtr store;
   api::FailureText failures;  // of the last call that failed, whichever thread's
-  int calls = 0;              // that have entered
-  bool isTaken = false;       // no more enter
+  // Calls that have entered, and kTaken once no more may enter.
+  static constexpr std::uint32_t kTaken = 0x80000000U;
+  std::atomic<std::uint32_t> calls = 0;
   DWORD openerProcess = 0;
 };
 

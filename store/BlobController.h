@@ -270,7 +270,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   const BlobFile::BlobFileEntry* Latest(Hash const& hash) const;
   const BlobFile::BlobFileEntry* FindLoaded(const char* operation, const Hash& hash,
                                             Fetched& absent) const;
-  bool FetchAtOnce(const BlobFile::BlobFileEntry& entry, unsigned char* buffer,
+  bool FetchAtOnce(const Hash& hash, const BlobFile::BlobFileEntry& entry, unsigned char* buffer,
                    std::shared_lock<ReadersLock>& reading) const;
   bool FetchInPieces(const Hash& hash, std::uint32_t size, unsigned char* buffer);
   Fetched Unreadable(const char* operation, const BlobFile::BlobFileEntry& entry,

@@ -9,7 +9,9 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <mutex>
+#include <utility>
 
 #include "platform/posix/Kernel.h"
 
@@ -27,7 +29,8 @@ class HandleTable {
       next_ = (next_ + 1) % (INVALID_HANDLE_VALUE / 2);
       Entry& entry = entries_[handle % capacity];
       if (entry.object != nullptr || handle == kNoHandle) continue;
-      entry = {handle, object};
+      entry.object = object;
+      entry.handle.store(handle, std::memory_order_release);
       return handle;
     }
     return INVALID_HANDLE_VALUE;
@@ -35,8 +38,20 @@ class HandleTable {
 
   // The object, or null and ERROR_INVALID_HANDLE as the thread's error. Remove also ends the
   // handle; the object is the caller's then.
-  Object* Find(HANDLE handle) { return Look(handle, false); }
-  Object* Remove(HANDLE handle) { return Look(handle, true); }
+  Object* Find(HANDLE handle) {
+    const Entry& entry = entries_[handle % capacity];
+    if (entry.handle.load(std::memory_order_acquire) == handle && entry.object != nullptr)
+      return entry.object;
+    return Result(EBADF), nullptr;
+  }
+  Object* Remove(HANDLE handle) {
+    const std::lock_guard lock(MutexOf(guarded));
+    Object* const object = Find(handle);
+    if (object == nullptr) return nullptr;
+    Entry& entry = entries_[handle % capacity];
+    entry.handle.store(INVALID_HANDLE_VALUE, std::memory_order_relaxed);
+    return std::exchange(entry.object, nullptr);
+  }
 
   // Whether test is true of any object. It is called with the table locked.
   template <typename Test>
@@ -51,16 +66,9 @@ class HandleTable {
   static constexpr HANDLE kNoHandle = 0xDEADBEEFU;
 
   struct Entry {
-    HANDLE handle;
-    Object* object;  // null while free
+    std::atomic<HANDLE> handle;  // set after the object: a look-up takes no lock
+    Object* object;              // null while free
   };
-
-  Object* Look(HANDLE handle, bool remove) {
-    const std::lock_guard lock(MutexOf(guarded));
-    Entry& entry = entries_[handle % capacity];
-    if (entry.object == nullptr || entry.handle != handle) return Result(EBADF), nullptr;
-    return remove ? std::exchange(entry.object, nullptr) : entry.object;
-  }
 
   HANDLE next_ = 0;
   Entry entries_[capacity] = {};

@@ -288,10 +288,12 @@ def watch(progress: Callable[[int, int], object] | None) -> Iterator[None]:
 
 
 # That of every store: checks may run in several threads.
-@PROGRESS
-def progress_of_thread(context: int | None, operation: int, done: int, total: int) -> int:
-    watching = getattr(_thread, "watch", None)
+def _progress(context: int | None, operation: int, done: int, total: int) -> int:
+    watching: Callback | None = getattr(_thread, "watch", None)
     return 0 if watching is None else watching._call(context, operation, done, total)
+
+
+progress_of_thread = PROGRESS(_progress)
 
 
 def sink(write: Callable[[bytes], int | None]) -> Callback:
