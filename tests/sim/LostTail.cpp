@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/sim/PowerCut.h"
+#include "tests/sim/Run.h"
 #include "tests/support/JournalBytes.h"
 #include "tests/support/OpenedStore.h"
 

@@ -137,4 +137,10 @@ class Run {
   std::uint64_t allocations_ = 0, releases_ = 0, refusedFrees_ = 0;
 };
 
+// The other direction: no end of a journal that was lost may pass for a commit that a power cut
+// tore. A journal of many commits loses of its last transaction what the rules T1 to T5
+// (pack/format/TornCommit.h) allow, and then often something else, which is damage. Throws a
+// Violation. Returns how many of the tails fit a power cut.
+unsigned TryLostTails(std::uint64_t seed, unsigned tails);
+
 }  // namespace explore
