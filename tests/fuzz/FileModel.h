@@ -59,8 +59,7 @@ Expected ExpectLoad(const std::vector<Slot>& slots, bool keep);
 enum Option : unsigned {
   kKeep = 1,       // damage policy
   kPowerCuts = 2,  // the power fails where the store would be closed
-  kDeletes = 4,    // the first commit deletes a blob
-  kTraced = 8      // the trace is formatted and kept
+  kDeletes = 4     // the first commit deletes a blob
 };
 void LiveThrough(const std::vector<Slot>& slots, unsigned options);
 

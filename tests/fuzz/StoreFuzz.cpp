@@ -146,7 +146,7 @@ std::string Sound(std::uint32_t mode, std::int32_t sequence, std::string_view bl
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   FileMaker maker(data, size);
-  const unsigned options = maker.Next(16);
+  const unsigned options = maker.Next(8);
   const bool isPack = maker.Next(2) != 0, isAlone = maker.Next(2) != 0,
              isFirst = maker.Next(2) != 0;
   static constexpr std::int32_t kOthers[] = {0, 1, -1, -3};
