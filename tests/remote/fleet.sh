@@ -62,7 +62,7 @@ blobring push -q a "$url" >/dev/null
 key=$(head -n 1 packs)
 s3 "/$key" -o one.pak
 cp one.pak bad.pak
-flip_byte bad.pak 5000
+damage bad.pak 5000
 s3 "/$key" -T bad.pak
 expect 1 "has the digest" remote check "$url"
 expect 1 "does not match the digest in its name" remote check "$url" --read-data
@@ -88,7 +88,7 @@ expect 0 "all indexed; nothing is wrong" remote check "$url" --read-data
 gives "$url" a
 
 # Objects that are none of ours, or damaged, stop nobody. Each is named, and stays.
-blobring remote init -q s3://fleet/junk --push-within 1s --grace 2s
+blobring remote init -q s3://fleet/junk --push-within 6s --grace 7s
 blobring push -q c s3://fleet/junk >/dev/null
 s3 "/$(keys junk index)" -o real.index
 s3 "/$(keys junk snapshots)" -o real.snapshots
@@ -123,10 +123,10 @@ same "$(blobring push -q --json c s3://fleet/junk 2>/dev/null | field blobs)" 0
 expect 1 "$(wc -l <table) findings" remote check s3://fleet/junk
 while read -r key; do grep -qF -- "$key" expect.out || fail "$key is not named"; done <table
 litter # and is the newest: the last whole snapshot is another
-sleep 4
+sleep 9
 for _ in 1 2; do
   blobring remote prune -q s3://fleet/junk --keep-last 1 2>/dev/null
-  sleep 4
+  sleep 9
 done
 same "$(for kind in index gc snapshots packs; do keys junk $kind; done | wc -l)" "$(($(wc -l <table) + 3))"
 gives s3://fleet/junk c 2>/dev/null
@@ -135,7 +135,7 @@ gives s3://fleet/junk c 2>/dev/null
 sed -n '/^```json/,/^```$/p' "$here/../../docs/fleet.md" | grep -v '```' | sed s,user/fleet,user/test, >policy
 admin user create --uid=device-17 --display-name=device --access-key=device17 --secret-key=secret17
 s3 "?policy=" -T policy
-blobring remote init -q s3://fleet/device-17 --push-within 1s --grace 2s
+blobring remote init -q s3://fleet/device-17
 as_device() { AWS_ACCESS_KEY_ID=device17 AWS_SECRET_ACCESS_KEY=secret17 "$@"; }
 for n in 1 2; do as_device blobring push -q c s3://fleet/device-17 >/dev/null; done
 as_device expect 0 "nothing is wrong" remote check s3://fleet/device-17
@@ -153,7 +153,7 @@ has other-store b
 
 # Of a damaged store what can be read is pushed, and called partial.
 blobring remote init -q s3://fleet/damaged
-flip_byte "$(ls -S a/*.jrn | head -n 1)" 3000000
+damage "$(ls -S a/*.jrn | sed -n 1p)" 3000000
 expect 1 "the snapshot is partial: a is damaged" push a s3://fleet/damaged
 rm -r new
 blobring init -q new

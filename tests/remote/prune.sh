@@ -2,13 +2,13 @@
 source "$(dirname "$0")/support.sh"
 gateway
 url=s3://fleet/all
-blobring remote init -q "$url" --create-bucket --push-within 3s --grace 5s
+blobring remote init -q "$url" --create-bucket --push-within 6s --grace 8s
 
 store full 1 2000
 for remote in late all; do
   rm -rf a
   cp -r full a
-  [ $remote = all ] || blobring remote init -q s3://fleet/late --push-within 3s --grace 5s
+  [ $remote = all ] || blobring remote init -q s3://fleet/late --push-within 6s --grace 8s
   blobring push -q a s3://fleet/$remote >first.$remote
   names a | awk 'NR <= 1500' | blobring rm -q a -
   blobring push -q a s3://fleet/$remote >/dev/null
@@ -23,14 +23,14 @@ expect 0 "0 objects would be marked" remote prune "$url" --keep-last 1 --dry-run
 grep -q "1 would be forgotten" expect.out
 same "$(blobring remote ls "$url" | wc -l)" 2
 # Many small indexes become one.
-blobring remote init -q s3://fleet/many --push-within 3s --grace 5s
+blobring remote init -q s3://fleet/many --push-within 6s --grace 8s
 blobring init -q many
 for n in $(seq 33); do
   echo "$n" | blobring put -q many - >/dev/null
   blobring push -q many s3://fleet/many >/dev/null
 done
 # Of two copies the service has cut the one that is named first, and of other blobs the only one.
-blobring remote init -q s3://fleet/copies --push-within 3s --grace 5s
+blobring remote init -q s3://fleet/copies --push-within 6s --grace 8s
 store one 5001 5100
 cp -r one again
 blobring push -q one s3://fleet/copies >/dev/null
@@ -40,14 +40,14 @@ s3 "/$hidden" -X DELETE
 blobring push -q again s3://fleet/copies >/dev/null
 s3 "/$hidden" -T hidden.idx
 printf xx >cut
-first=$(s3 "/$(keys copies index | head -n 1)" | sed -n 2p)
+first=$(s3 "/$(keys copies index | sed -n 1p)" | sed -n 2p)
 s3 "/copies/packs/${first:0:2}/$first.pak" -T cut
 keys copies packs >before
 store two 5001 5200
 blobring push -q two s3://fleet/copies >/dev/null
 s3 "/$(keys copies packs | comm -13 before -)" -T cut
 # An index says that a pack of rubbish has all blobs.
-blobring remote init -q s3://fleet/lies --push-within 3s --grace 5s
+blobring remote init -q s3://fleet/lies --push-within 6s --grace 8s
 blobring push -q again s3://fleet/lies >/dev/null
 s3 "/$(keys lies snapshots)" -o real.snap
 python3 - <<'PY' >lies
@@ -63,11 +63,11 @@ for key, data in ("packs/%s/%s.pak" % (name[:2], name), pack), ("index/%s-012345
     print(key)
 PY
 while read -r key; do for remote in lies lied; do s3 "/$remote/$key" -T "$(basename "$key")"; done; done <lies
-blobring remote init -q s3://fleet/lied --push-within 3s --grace 5s
+blobring remote init -q s3://fleet/lied --push-within 6s --grace 8s
 same "$(blobring push -q --json one s3://fleet/lied 2>said | field blobs)" 100
 grep -q "packs/.* does not hold what an index says" said
 gives s3://fleet/lied one
-sleep 7
+sleep 10
 # Three quarters of the pack are dead: the rest moves, and the pack goes a grace period later.
 expect 0 "1 pack rewritten" remote prune s3://fleet/late --keep-last 1
 expect 0 "1 pack rewritten" remote prune "$url" --keep-last 1
@@ -87,7 +87,7 @@ store b 1 2000
 same "$(blobring push -q --json b "$url" | field blobs)" 1500
 # A push that had listed before, and ends within its time, may rely on it: then it moves.
 s3 "/late/snapshots/$(cat first.late).snap" -T first.snap
-sleep 7
+sleep 10
 expect 0 "3 objects deleted" remote prune "$url"
 expect 0 "2 objects deleted" remote prune s3://fleet/late --keep-last 1 # the last by the clock
 expect 0 "33 objects deleted" remote prune s3://fleet/many
@@ -125,7 +125,7 @@ done
 wait
 for round in 1 2; do
   blobring remote prune -q "$url" --keep-within 1h || true
-  sleep 7
+  sleep 10
 done
 while read -r snapshot; do
   dir=${snapshot%%/*}

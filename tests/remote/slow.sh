@@ -55,15 +55,15 @@ grep -q "b was repacked meanwhile; looking again" repacked.err || fail "$(cat re
 for name in partial lapses repacked; do gives s3://fleet/$name a "$(cat $name)"; done
 
 # No write is begun after T, and a snapshot that is acknowledged later does not count.
-late="takes longer than 0:01, in which it must be through; it is not done"
-blobring remote init -q s3://fleet/short --push-within 1s --grace 1h
+late="takes longer than 0:03, in which it must be through; it is not done"
+blobring remote init -q s3://fleet/short --push-within 3s --grace 1h
 blobring init -q tiny
 blobring put -q tiny "$tool" >/dev/null
 blobring push -q tiny s3://fleet/short >/dev/null
 proxy
-echo delay=0.5 >control
+echo delay=1 >control
 expect 1 "$late" push tiny s3://fleet/short
 : >control
 same "$(blobring remote ls s3://fleet/short | wc -l)" 1
-echo delay-put=1.5 >control
+echo delay-put=4 >control
 expect 1 "$late" push tiny s3://fleet/short

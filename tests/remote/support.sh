@@ -30,12 +30,7 @@ same() { [ "$1" = "$2" ] || fail "wanted \"$2\", got \"$1\""; }
 
 hash() { md5sum "$@" | cut -c-32; }
 
-# flip_byte FILE OFFSET
-flip_byte() {
-  local byte
-  byte=$(od -An -tu1 -j "$2" -N 1 "$1")
-  printf '%b' "\\x$(printf %02x $((byte ^ 255)))" | dd of="$1" bs=1 seek="$2" conv=notrunc status=none
-}
+damage() { printf damaged | dd of="$1" bs=1 seek="$2" conv=notrunc status=none; } # FILE OFFSET
 trap '"$here/../../scripts/rgw-down" "$work/gw"; kill $(jobs -p) 2>/dev/null || true; rm -rf "$work"' EXIT
 export TMPDIR=$work
 
