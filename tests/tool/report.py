@@ -133,7 +133,7 @@ def check_report(view):
         for caption in wanted:
             same(tables[caption], wanted[caption], f"{view.path}: the table {caption}")
         verdict, path = "Sound" if check["sound"] else "Damaged", visible(view.path)
-        same([lines[0].split(":")[0], *lines[1:]], [verdict, f"{verdict}: {path}", path], "what heads the page")
+        same([lines[0].split(":")[0], *lines[1:]], [verdict, f"{verdict}: {path}", visible(f"{os.path.abspath(view.path)} on {os.uname().nodename}")], "what heads the page")
         same(findings, ["damage"] * (len(stat["findings"]) + check["faults"]) + ["note"] * len(stat["set_aside"]), f"{view.path}: findings")
         again = tool("report", "--from-json", "-", stdin=got.out, status=got.status).out.decode()
         without = lambda text: re.sub(r"[0-9a-f]{32}|[0-9-]+ [0-9:]+ UTC by", "", text)

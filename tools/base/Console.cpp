@@ -143,21 +143,15 @@ size_t LineWidth(int fd) {
 std::string Wrapped(std::string_view text, size_t width) {
   std::string out;
   size_t column = 0;
+  bool isFirst = true;  // of the line's words; one between two blanks is empty
   while (!text.empty()) {
     const size_t end = std::min(text.find_first_of(" \n"), text.size());
-    if (column != 0 && column + 1 + end > width) {
-      out += '\n';
-      column = 0;
-    } else if (column != 0) {
-      out += ' ';
-      ++column;
-    }
+    const bool isFull = !isFirst && column + 1 + end > width;
+    if (!isFirst) out += isFull ? '\n' : ' ';
+    column = isFull || isFirst ? end : column + 1 + end;
     out += text.substr(0, end);
-    column += end;
-    if (end < text.size() && text[end] == '\n') {
-      out += '\n';
-      column = 0;
-    }
+    isFirst = end < text.size() && text[end] == '\n';
+    if (isFirst) out += '\n';
     text.remove_prefix(std::min(end + 1, text.size()));
   }
   return out;

@@ -76,8 +76,8 @@ int ByName(const FTSENT** a, const FTSENT** b) {
   return std::strcmp((*a)->fts_name, (*b)->fts_name);
 }
 
-// Adds the tree below a directory, which may itself be a symbolic link, or a single file. Says what
-// is left out if `verbose`. Throws Fault when `from` cannot be read.
+// Adds the tree below a directory, which may itself be a symbolic link, or a single file. Throws
+// Fault when `from` cannot be read.
 void List(const std::string& from, const std::set<FileId>& exclude, const NameFilter& filter,
           SourceTree& tree) {
   std::string root = from;

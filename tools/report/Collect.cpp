@@ -1,7 +1,12 @@
 #include "tools/report/Collect.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <climits>
+#include <filesystem>
 #include <map>
 
 #include "tools/base/Console.h"
@@ -47,9 +52,14 @@ class Collector {
     }
     const uint64_t now = static_cast<uint64_t>(
         std::chrono::system_clock::to_time_t(std::chrono::system_clock::now()));
-    document_.push_back({{"type", "report"},
-                         {"version", BLOBRING_VERSION},
-                         {"time", TimeOf(static_cast<int64_t>(now)).value_or("")}});
+    std::array<char, HOST_NAME_MAX + 1> host = {};
+    ::gethostname(host.data(), host.size() - 1);
+    document_.push_back(
+        {{"type", "report"},
+         {"version", BLOBRING_VERSION},
+         {"host", host.data()},
+         {"path", std::filesystem::absolute(view.path()).lexically_normal().string()},
+         {"time", TimeOf(static_cast<int64_t>(now)).value_or("")}});
     for (Json& object : StatObjects(view)) document_.push_back(std::move(object));
     for (const BlobFault& fault : faults_) document_.push_back(FaultObject(fault));
     document_.push_back({{"type", "check"},

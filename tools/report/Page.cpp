@@ -92,7 +92,8 @@ class Page {
         arg("verdict", check.at("sound") == true ? "Sound" : "Damaged"), arg("slot", Slot()),
         arg("blobs", Figure(stat_, "blobs") + (Number(stat_, "blobs") == 1 ? " blob" : " blobs")),
         arg("live", HumanSize(Number(stat_, "live_bytes"))), arg("store", Text(stat_, "store")),
-        arg("time", Time(report, "time")), arg("version", Text(report, "version")),
+        arg("place", Place(report)), arg("time", Time(report, "time")),
+        arg("version", Text(report, "version")),
         arg("checked", check.at("blobs_read") == true
                            ? "Every blob was compared with its hash."
                            : "Every transaction was compared with its digest; "
@@ -114,6 +115,14 @@ class Page {
   static bool HasPictures() { return !ChartLibrary().empty(); }
 
   bool IsSingleFile() const { return Number(stat_, "slots") == 0; }
+
+  // For colleagues: the path says nothing without the machine. Earlier versions gave neither.
+  std::string Place(const Json& report) const {
+    const Json host = report.value("host", Json());
+    const Json path = report.value("path", Json());
+    if (!host.is_string() || !path.is_string()) return Text(stat_, "store");
+    return Escaped(path.get<std::string>()) + " on " + Escaped(host.get<std::string>());
+  }
 
   std::vector<const Json*> All(std::string_view type) const {
     std::vector<const Json*> found;

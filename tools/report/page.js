@@ -274,8 +274,10 @@
     if (rows.length === 0) return;
     const times = rows.map((row) => row[1]);
     const isOneDay = new Set(times.map((time) => time.slice(0, 10))).size === 1;
+    const isOncePerDay = new Set(times.map((time) => time.slice(0, 10))).size === times.length;
     const label = (row) =>
-      row[1] === "" ? row[0].split(" ")[0] : isOneDay ? row[1].slice(11, 19) : row[1].slice(0, 10);
+      row[1] === "" ? row[0].split(" ")[0] : isOneDay ? row[1].slice(11, 19)
+        : isOncePerDay ? row[1].slice(0, 10) : row[1].slice(5, 16).replace("T", " ");
     const highest = Math.max(...rows.map((row) => number(row[4])));
     const lowest = Math.max(...rows.map((row) => number(row[6])));
     const step = stepFor(highest + lowest);
