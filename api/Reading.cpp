@@ -15,8 +15,9 @@ int BCGetSizeInt(int index, unsigned char* hash) {
   if (!call.Require("hash", hash)) return BLOBRING_SIZE_FAILED;
   return call.Catch({"BCGetSize threw an exception:", 0x0F000276}, BLOBRING_SIZE_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGetSize, hash);
+    const int size = call.Store().GetBlobSize(api::ToHash(hash));
     call.NoteIfNotLoaded();
-    return call.Store().GetBlobSize(api::ToHash(hash));
+    return size;
   });
 }
 
@@ -146,13 +147,11 @@ using HashBytes = unsigned char[BLOBRING_HASH_SIZE];
 
 int NextHashes(Call& call, const unsigned char* after, HashBytes* next, int capacity) {
   if (!call.Require("next", next)) return -1;
-  if (!call.Store().IsLoaded()) {
-    call.Refuse(FailureCode::Closed, "the store is not loaded");
-    return -1;
-  }
-  if (after == nullptr) return call.Store().NextHashesAfter(nullptr, next, capacity);
-  const Hash from = api::ToHash(after);
-  return call.Store().NextHashesAfter(&from, next, capacity);
+  const Hash from = after == nullptr ? Hash() : api::ToHash(after);
+  const int count =
+      call.Store().NextHashesAfter(after == nullptr ? nullptr : &from, next, capacity);
+  if (count < 0) call.Refuse(FailureCode::Closed, "the store is not loaded");
+  return count;
 }
 
 }  // namespace

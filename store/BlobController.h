@@ -169,8 +169,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // For a check that a jump has left: the next one on this thread runs again.
   static void ForgetCheck() noexcept;
 
-  // Fsck with progress. Stopped: no fault so far. Throws also if a check is running or the store is
-  // not loaded.
+  // Fsck with progress. Stopped: no fault so far. Throws also if a check is running, or the store
+  // is not loaded or closed meanwhile.
   enum class Checked { Sound, Faulty, Stopped };
   Checked Check();
 
@@ -195,7 +195,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   bool NextHash(unsigned char* hash);
 
   // Writes the first hashes after `after`, or the first of all if that is null, to next. Returns
-  // how many: fewer than `capacity` if there are no more.
+  // how many: fewer than `capacity` if there are no more; -1 if the store is not loaded.
   int NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize], int capacity) const;
 
   struct Statistics {

@@ -260,6 +260,7 @@ void BlobController::FetchMany(const Hash* hashes, Wanted* wanted, std::size_t c
 int BlobController::NextHashesAfter(const Hash* after, unsigned char (*next)[Hash::kSize],
                                     int capacity) const {
   const std::shared_lock reading(readersLock);
+  if (!IsLoaded()) return -1;
   int count = 0;
   for (auto blob = after == nullptr ? blobs.begin() : blobs.After(*after);
        count < capacity && blob != blobs.end(); ++blob)

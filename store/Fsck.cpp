@@ -41,7 +41,10 @@ void BlobController::ForgetCheck() noexcept {
 }
 
 bool BlobController::Fsck() {
-  return checkRunning || CheckAll(ProgressCall{}) == Checked::Sound;
+  if (checkRunning) return true;
+  const bool wasLoaded = IsLoaded();
+  // What was closed meanwhile has not been checked whole.
+  return CheckAll(ProgressCall{}) == Checked::Sound && IsLoaded() == wasLoaded;
 }
 
 BlobController::Checked BlobController::Check() {
@@ -51,7 +54,10 @@ BlobController::Checked BlobController::Check() {
     const std::shared_lock reading(readersLock);
     return progress;
   };
-  return CheckAll(callOfNow());
+  const Checked checked = CheckAll(callOfNow());
+  if (checked != Checked::Faulty && !IsLoaded())
+    throw Failure(FailureCode::Closed, "the store was closed during the check");
+  return checked;
 }
 
 BlobController::Checked BlobController::CheckAll(const ProgressCall& call) {
