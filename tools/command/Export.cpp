@@ -230,6 +230,7 @@ ExitStatus Export(const ExportOptions& options) {
 
   StoreView view(options.at, Depth::kRecords);
   std::vector<const ViewedBlob*> blobs;
+  blobs.reserve(entries.size());
   for (const ManifestEntry& entry : entries) blobs.push_back(view.Find(entry.hash));
   view.Confirm(blobs);
   if (options.dryRun) return SayWhatIsRestored(view, entries, options);

@@ -78,6 +78,7 @@ ExitStatus Get(const GetOptions& options) {
   StoreView view(options.at, Depth::kRecords);
   if (options.batch) return AnswerBatch(view);
   std::vector<const ViewedBlob*> blobs;
+  blobs.reserve(names.size());
   for (const std::string& name : names) blobs.push_back(NamedOrNull(view, name));
   view.Confirm(blobs);
   blobs.clear();
