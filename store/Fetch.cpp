@@ -44,7 +44,15 @@ class BlobController::Followed {
   const BlobFile::BlobFileEntry* Entry() const { return entry.file ? &entry : nullptr; }
   Fetched Absent() const { return absent; }
 
-  // What ReadSome gives from a place in the record on.
+  // REQUIRES: there is an entry. This must outlive the reader.
+  PieceReader Reader() {
+    return PieceReader(hash, entry.size,
+                       [this](std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
+                         return Read(at, bytes, size);
+                       });
+  }
+
+ private:
   BlobFile::RecordBytes Read(std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
     const std::shared_lock reading(store.readersLock);
     if (entry.file->Life() != life && !Find())
@@ -53,7 +61,6 @@ class BlobController::Followed {
     return entry.file->ReadSome(entry.offset + at, bytes, size);
   }
 
- private:
   bool Find() {
     const BlobFile::BlobFileEntry* found = store.FindLoaded(operation, hash, absent);
     if (found == nullptr) return false;
@@ -129,20 +136,13 @@ bool BlobController::FetchInPieces(const Hash& hash, std::uint32_t size, unsigne
   Followed record(*this, "Fetch", hash);
   if (record.Entry() == nullptr || record.Entry()->size != size) return false;
   try {
-    unsigned char header[format::kStoreHeaderSize];
-    const auto readsAll = [&](std::uint32_t at, unsigned char* bytes, std::uint32_t wanted) {
-      return record.Read(at, bytes, wanted).held.size() == wanted;
-    };
-    if (!readsAll(0, header, sizeof header) || !IsIn(header, hash, size)) return false;
-    for (std::uint32_t done = 0; done < size;) {
-      const std::uint32_t piece = std::min(size - done, kMostAtOnce);
-      if (!readsAll(format::kStoreHeaderSize + done, buffer + done, piece)) return false;
-      done += piece;
-    }
+    PieceReader reader = record.Reader();
+    for (auto piece = reader.Next(); !piece.empty(); piece = reader.Next())
+      buffer = std::copy(piece.begin(), piece.end(), buffer);
+    return true;
   } catch (const Failure&) {
     return false;
   }
-  return Matches(hash, buffer, size);
 }
 
 BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* buffer,
@@ -184,10 +184,7 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
 BlobController::Fetched BlobController::Read(const Hash& hash, const PieceSink& sink) {
   Followed record(*this, "Read", hash);
   if (record.Entry() == nullptr) return record.Absent();
-  PieceReader reader(hash, record.Entry()->size,
-                     [&record](std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
-                       return record.Read(at, bytes, size);
-                     });
+  PieceReader reader = record.Reader();
   for (;;) {
     std::span<const unsigned char> piece;
     try {
