@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "blobring/host.h"
+#include "pack/format/Generation.h"
 #include "tools/base/Console.h"
 #include "tools/base/Interrupt.h"
 #include "tools/base/Json.h"
@@ -30,16 +31,19 @@ uint64_t DeadBytes(const BCStatistics& statistics) {
 // What the disk must hold, as the headers tell before the store is opened: at most, every record of
 // the current generation is live.
 void SayNeed(const Layout& layout) {
-  uint64_t most = 0;
-  int32_t newest = format::kSequenceReset;
   const std::vector<SlotFile> files = layout.ReadFiles();
-  for (size_t i = 0; i < files.size(); i += 2) {
-    const FileStatus& pack = files[i].status;
-    if (!pack.IsLoadable() || pack.header.sequence <= newest) continue;
-    newest = pack.header.sequence;
-    most = uint64_t{pack.header.endOffset} + files[i + 1].status.header.endOffset;
-  }
-  const size_t next = (static_cast<uint32_t>(newest) + 1) % layout.slotCount();
+  const auto slotCount = static_cast<uint32_t>(layout.slotCount());
+  const auto sequenceOf = [&](uint32_t slot) { return files[2 * slot].status.header.sequence; };
+  const auto newest = format::ChooseNewest<std::vector<uint32_t>>(
+      slotCount,
+      [&](uint32_t a, uint32_t b) { return format::IsNewer(sequenceOf(a), sequenceOf(b)); },
+      [&](uint32_t slot) {
+        return files[2 * slot].status.IsLoadable() ? std::optional(sequenceOf(slot)) : std::nullopt;
+      });
+  if (!newest) return;
+  const uint64_t most = uint64_t{files[2 * newest->packSlot].status.header.endOffset} +
+                        files[2 * newest->journalSlot + 1].status.header.endOffset;
+  const size_t next = (static_cast<uint32_t>(newest->sequence) + 1) % slotCount;
   const uint64_t old = layout.slotCount() == 1 ? 0 : files[2 * next].status.size;
   Inform("the new pack takes at most {} in {}{}", HumanSize(most), layout.PackDir(next),
          old == 0 ? "" : fmt::format(", where it replaces {} of an older one", HumanSize(old)));
