@@ -119,7 +119,7 @@ void List(const std::string& from, const std::set<FileId>& exclude, const NameFi
     } else if (kind == FTS_DEFAULT) {
       leaveOut("not a regular file", tree.specialFileCount);
     } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
-      leaveOut("the store's or the manifest", tree.excludedCount);
+      leaveOut("of the store, or the manifest", tree.excludedCount);
     } else if (kind == FTS_F && !filter.Takes(name)) {
       leaveOut("not asked for", tree.filteredCount);
     } else if (kind == FTS_F) {
@@ -258,10 +258,13 @@ void SayTotals(const SourceTree& tree, const ImportTotals& totals, double second
          Count(totals.newCount, "new blob"), HumanSize(totals.newBytes),
          Count(totals.fileCount - totals.newCount, "file"),
          HumanSize(totals.byteCount - totals.newBytes));
-  if (tree.symbolicLinkCount + tree.specialFileCount + tree.excludedCount != 0)
-    Inform("left out: {}, {}, {} of the store or the manifest",
-           Count(tree.symbolicLinkCount, "symbolic link"),
-           Count(tree.specialFileCount, "special file"), Count(tree.excludedCount, "file"));
+  std::vector<std::string> leftOut;
+  if (tree.symbolicLinkCount != 0)
+    leftOut.push_back(Count(tree.symbolicLinkCount, "symbolic link"));
+  if (tree.specialFileCount != 0) leftOut.push_back(Count(tree.specialFileCount, "special file"));
+  if (tree.excludedCount != 0)
+    leftOut.push_back(Count(tree.excludedCount, "file") + " of the store or the manifest");
+  if (!leftOut.empty()) Inform("left out: {}", fmt::join(leftOut, ", "));
   if (tree.filteredCount != 0)
     Inform("not asked for: {}", Count(tree.filteredCount, "file or directory"));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;

@@ -42,6 +42,7 @@ NamedBlobs NotIn(const StoreView& view, const std::vector<std::string>& manifest
 void Erase(const std::vector<const ViewedBlob*>& blobs, blobring::Store& store) {
   blobring::Transaction change(store, TransactionId());
   std::vector<blobring::Hash> hashes;
+  hashes.reserve(blobs.size());
   for (const ViewedBlob* blob : blobs) hashes.push_back(blob->hash);
   store.eraseMany(hashes);
   if (IsInterrupted()) throw Interrupted("interrupted: nothing was deleted");
