@@ -153,7 +153,7 @@ std::string Explain(const std::exception& failure) {
 }
 
 std::string ExplainInLines(const std::exception& failure) {
-  const std::string text = Explain(failure);
+  std::string text = Explain(failure);
   const auto* error = dynamic_cast<const blobring::Error*>(&failure);
   const std::string_view advice = error != nullptr ? AdviceFor(*error) : "";
   const size_t at = advice.find("; ");
