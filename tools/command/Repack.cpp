@@ -32,7 +32,8 @@ uint64_t DeadBytes(const BCStatistics& statistics) {
 // the current generation is live.
 void SayNeed(const Layout& layout) {
   const std::vector<SlotFile> files = layout.ReadFiles();
-  const auto slotCount = static_cast<uint32_t>(layout.slotCount());
+  const auto slotCount = static_cast<uint32_t>(files.size() / 2);
+  if (slotCount == 0) return;
   const auto sequenceOf = [&](uint32_t slot) { return files[2 * slot].status.header.sequence; };
   const auto newest = format::ChooseNewest<std::vector<uint32_t>>(
       slotCount,
