@@ -16,12 +16,12 @@
 // These are GetBlobSize, Fetch, Read, FetchMany, NextHashesAfter, GetStatistics, IsLoaded, Fsck and
 // Check.
 //
-// How that works: one thread alone ever changes the index, and reads it without more ado. While it
+// How that works: only one thread changes the index, so it reads it without a lock. While it
 // changes what readers see, it holds readersLock alone. Readers share that lock while they look up
-// and read, not while they digest; what they have read stands in their own memory. What is found
-// wrong then is judged under the lock again. Whoever holds a place in a file without the lock asks
-// for the file's life before using it again. The host's functions run with the lock only for
-// messages about damage and during a load.
+// and read, not while they digest; what they have read is in their own memory. What is found wrong
+// then is judged under the lock again. A reader that keeps a place in a file without the lock
+// compares the file's life before it uses the place again. The host's functions run with the lock
+// only for messages about damage and during a load.
 #pragma once
 
 #include <algorithm>

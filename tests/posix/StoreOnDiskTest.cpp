@@ -45,7 +45,7 @@ class OnDisk : public testing::Test {
 };
 
 // What only readers and a writer on one store show: every byte read is right, every blob whose
-// commit had returned before the read began is found, and nobody waits for a flush or for copying.
+// commit had returned before the read began is found, and none waits for a flush or for copying.
 // Blob 0 is read in pieces; those of kSome come and go.
 class Sharing {
  public:
