@@ -38,6 +38,8 @@ const std::map<std::string, std::string> kReasons = {
     {"small.reopen", kOneStream},
     {"large.put", kMd5},
     {"large.fetch", kMd5},
+    {"huge.put", kMd5},
+    {"huge.check", kMd5},
     {"commits.growing", kFlush},
     {"commits.reused", kFlush},
 };

@@ -41,6 +41,16 @@ class Store {
     for (std::size_t i = 0; i < keys.size(); ++i) Get(keys[i], out[i]);
   }
 
+  // One blob through a small buffer, where the store can: put in one durable transaction, and read
+  // and compared with its key.
+  virtual void PutInPieces(const Blob& blob) { Put({&blob, 1}); }
+  virtual void CheckInPieces(const Key& key) {
+    std::string out;
+    Get(key, out);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(out.data());
+    Require(DigestOf({bytes, out.size()}) == key, "read", "comparing a digest");
+  }
+
   // The size of a blob in bytes; -1 if there is none.
   virtual std::int64_t SizeOf(const Key& key) = 0;
 

@@ -214,6 +214,29 @@ Scenario LargeBlobs(std::size_t divisor) {
                  reads, true)}};
 }
 
+Scenario HugeBlobs(std::size_t divisor) {
+  const auto blobs = std::make_shared<Blobs>(4, Scaled(64 * kKiB * kKiB, divisor), 7);
+  return {
+      "huge",
+      3,
+      {{.id = "huge.put",
+        .title = fmt::format("{} x {} MiB in pieces, one a commit", blobs->Count(),
+                             blobs->All()[0].size() / (kKiB * kKiB)),
+        .run =
+            [=](Store& store) {
+              for (const Blob& blob : blobs->All()) store.PutInPieces(blob);
+            },
+        .limit = [=](const auto& directory) { AppendBarely(blobs->All(), 1, false, directory); },
+        .putBytes = blobs->TotalSize()},
+       {.id = "huge.check",
+        .title = "read and compare them in pieces",
+        .run =
+            [=](Store& store) {
+              for (const Key& key : blobs->Keys()) store.CheckInPieces(key);
+            },
+        .limit = [=](const auto&) { DigestAll(blobs->All()); }}}};
+}
+
 Scenario TinyBlobs(std::size_t divisor) {
   const auto blobs = std::make_shared<Blobs>(Scaled(100000, divisor), 64, 4);
   return {"tiny",
@@ -257,8 +280,9 @@ Scenario ManyBlobs(std::size_t divisor) {
 
 const std::vector<std::pair<std::string, ScenarioMaker>>& AllScenarios() {
   static const std::vector<std::pair<std::string, ScenarioMaker>> all = {
-      {"tiny", TinyBlobs},   {"small", SmallBlobs},      {"medium", MediumBlobs},
-      {"large", LargeBlobs}, {"commits", SingleCommits}, {"many", ManyBlobs}};
+      {"tiny", TinyBlobs},   {"small", SmallBlobs}, {"medium", MediumBlobs},
+      {"large", LargeBlobs}, {"huge", HugeBlobs},   {"commits", SingleCommits},
+      {"many", ManyBlobs}};
   return all;
 }
 

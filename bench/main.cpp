@@ -21,7 +21,7 @@ int main(int argc, char** argv) {
   int rounds = 0;
   CLI::App app(
       "Measures Blobring beside other stores below $TMPDIR; the report goes to standard output");
-  app.add_option("--scenarios", scenarios, "Only these: tiny small medium large commits many")
+  app.add_option("--scenarios", scenarios, "Only these: tiny small medium large huge commits many")
       ->delimiter(',');
   app.add_option("--stores", stores, "Only these, by the names of the report")->delimiter(',');
   app.add_option("--divisor", divisor, "Divides every number of blobs")->check(CLI::Range(1, 1000));

@@ -1,5 +1,5 @@
 // Threads on one store: what a second one gains, how long a read can take beside commits and a
-// repack, and what readers cost a commit..
+// repack, and what readers cost a commit.
 //
 //     threads [MIB]    of blobs of 1 KiB, 1024 by default, below $TMPDIR
 #include <blobring/Store.h>

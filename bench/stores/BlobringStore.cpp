@@ -89,6 +89,25 @@ class BlobringStore final : public Store {
     Require(fetch() || fetch(), "Blobring", "BCFetchMany");
   }
 
+  void PutInPieces(const Blob& blob) override {
+    Blob rest = blob;
+    const auto give = [](void* context, unsigned char* buffer, int capacity) {
+      auto& left = *static_cast<Blob*>(context);
+      const Blob piece = left.first(std::min(left.size(), static_cast<std::size_t>(capacity)));
+      std::copy(piece.begin(), piece.end(), buffer);
+      left = left.subspan(piece.size());
+      return static_cast<int>(piece.size());
+    };
+    RequireOne(BCStartTransaction(index, &++id), "BCStartTransaction");
+    RequireOne(BCStoreFrom(index, DigestOf(blob).data(), blob.size(), give, &rest), "BCStoreFrom");
+    RequireOne(BCEndTransaction(index, &id), "BCEndTransaction");
+  }
+
+  void CheckInPieces(const Key& key) override {
+    const auto take = [](void*, const unsigned char*, int) { return 0; };
+    Require(BCRead(index, key.data(), take, nullptr) == BLOBRING_FETCHED, "Blobring", "BCRead");
+  }
+
   std::int64_t SizeOf(const Key& key) override { return BCGetSize(index, Bytes(key)); }
 
   void ForEach(bool withData, const Visitor& visit) override {

@@ -1,3 +1,4 @@
+#include <openssl/evp.h>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -6,6 +7,8 @@
 
 namespace bench {
 namespace {
+
+constexpr int kPieceSize = 1 << 20;
 
 Blob ColumnOf(sqlite3_stmt* statement, int column) {
   const auto* bytes = static_cast<const unsigned char*>(sqlite3_column_blob(statement, column));
@@ -26,14 +29,16 @@ class SqliteStore final : public Store {
     remove = Prepare("DELETE FROM blobs WHERE key = ?1");
     select = Prepare("SELECT data FROM blobs WHERE key = ?1");
     selectSize = Prepare("SELECT length(data) FROM blobs WHERE key = ?1");
+    selectRow = Prepare("SELECT rowid FROM blobs WHERE key = ?1");
     selectKeys = Prepare("SELECT key FROM blobs");
     selectAll = Prepare("SELECT key, data FROM blobs");
   }
 
   void Close() override {
-    for (sqlite3_stmt* statement : {insert, remove, select, selectSize, selectKeys, selectAll})
+    for (sqlite3_stmt* statement :
+         {insert, remove, select, selectSize, selectRow, selectKeys, selectAll})
       sqlite3_finalize(statement);
-    insert = remove = select = selectSize = selectKeys = selectAll = nullptr;
+    insert = remove = select = selectSize = selectRow = selectKeys = selectAll = nullptr;
     sqlite3_close(database);
     database = nullptr;
   }
@@ -71,6 +76,35 @@ class SqliteStore final : public Store {
     RequireOk(sqlite3_reset(select), "reset");
   }
 
+  void PutInPieces(const Blob& blob) override {
+    Execute("BEGIN");
+    Bind(insert, 1, DigestOf(blob));
+    RequireOk(sqlite3_bind_zeroblob64(insert, 2, blob.size()), "bind");
+    Finish(insert);
+    InPieces(sqlite3_last_insert_rowid(database), true, [&](sqlite3_blob* row, int at, int size) {
+      RequireOk(sqlite3_blob_write(row, &blob[static_cast<std::size_t>(at)], size, at), "write");
+    });
+    Execute("COMMIT");
+  }
+
+  void CheckInPieces(const Key& key) override {
+    Bind(selectRow, 1, key);
+    Require(sqlite3_step(selectRow) == SQLITE_ROW, "SQLite", "select");
+    const sqlite3_int64 id = sqlite3_column_int64(selectRow, 0);
+    RequireOk(sqlite3_reset(selectRow), "reset");
+    const std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> digest(EVP_MD_CTX_new(),
+                                                                         EVP_MD_CTX_free);
+    EVP_DigestInit_ex(digest.get(), EVP_md5(), nullptr);
+    std::vector<unsigned char> piece(kPieceSize);
+    InPieces(id, false, [&](sqlite3_blob* row, int at, int size) {
+      RequireOk(sqlite3_blob_read(row, piece.data(), size, at), "read");
+      EVP_DigestUpdate(digest.get(), piece.data(), static_cast<std::size_t>(size));
+    });
+    Key found;
+    EVP_DigestFinal_ex(digest.get(), found.data(), nullptr);
+    Require(found == key, "read", "comparing a digest");
+  }
+
   std::int64_t SizeOf(const Key& key) override {
     Bind(selectSize, 1, key);
     const std::int64_t size =
@@ -90,6 +124,17 @@ class SqliteStore final : public Store {
   }
 
  private:
+  // Calls take with each piece of a row's data.
+  template <class Take>
+  void InPieces(sqlite3_int64 id, bool writable, Take take) {
+    sqlite3_blob* row = nullptr;
+    RequireOk(sqlite3_blob_open(database, "main", "blobs", "data", id, writable ? 1 : 0, &row),
+              "blob_open");
+    const int size = sqlite3_blob_bytes(row);
+    for (int at = 0; at < size; at += kPieceSize) take(row, at, std::min(kPieceSize, size - at));
+    RequireOk(sqlite3_blob_close(row), "blob_close");
+  }
+
   void RequireOk(int result, const char* call) {
     if (result != SQLITE_OK) Require(false, call, sqlite3_errmsg(database));
   }
@@ -118,7 +163,8 @@ class SqliteStore final : public Store {
   std::string path;
   sqlite3* database = nullptr;
   sqlite3_stmt *insert = nullptr, *remove = nullptr, *select = nullptr;
-  sqlite3_stmt *selectSize = nullptr, *selectKeys = nullptr, *selectAll = nullptr;
+  sqlite3_stmt *selectSize = nullptr, *selectRow = nullptr;
+  sqlite3_stmt *selectKeys = nullptr, *selectAll = nullptr;
 };
 
 }  // namespace
