@@ -22,27 +22,23 @@ Call::Call(const char* callName, int storeIndex)
   if (RefuseNested()) return;
   store_ = Enter(index_);
   if (store_ != nullptr) return;
-  OfCallsWithoutStore().Begin(-1);
   refused_ = !Refuse(FailureCode::NoStore, Text("no store has the index = ", index_));
 }
 
 Call::Call(const char* callName) : name_(callName), outerCalls_(calls.depth++) {
-  if (outerCalls_ == 0) OfCallsWithoutStore().Begin(-1);
+  if (outerCalls_ == 0) BeginText(-1);
 }
 
 BlobController* Call::Enter(int storeIndex) {
-  registry::Entry* const entry = outerCalls_ == 0 ? registry::Enter(storeIndex) : nullptr;
-  if (entry == nullptr) return nullptr;
-  calls.entered = entry;
-  OfCallsOnStores().Begin(storeIndex);
-  SendToStores(true);
-  return entry->store.get();
+  if (outerCalls_ > 0) return nullptr;
+  BeginText(storeIndex);
+  calls.entered = registry::Enter(storeIndex);
+  return calls.entered == nullptr ? nullptr : calls.entered->store.get();
 }
 
 void Call::End() {
   calls.depth = outerCalls_;
   if (outerCalls_ > 0 || calls.entered == nullptr) return;
-  SendToStores(false);
   const FailureText& text = OfCallsOnStores();
   registry::Leave(*std::exchange(calls.entered, nullptr), text.IsNew() ? &text : nullptr);
 }

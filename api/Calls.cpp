@@ -363,12 +363,12 @@ int BCGetStatistics(int index, BCStatistics* statistics) {
 
 namespace {
 
-// The thread's own before another's.
+// The thread's own before another's, also of a store that another thread has disposed of since.
 api::FailureText FailuresOf(int index) {
-  api::FailureText failures;
-  if (!registry::GetFailures(index, failures)) return api::OfCallsWithoutStore();
   const api::FailureText& own = api::OfCallsOnStores();
-  return own.Store() == index ? own : failures;
+  if (index >= 0 && own.Store() == index) return own;
+  api::FailureText failures;
+  return registry::GetFailures(index, failures) ? failures : api::OfCallsWithoutStore();
 }
 
 }  // namespace

@@ -88,8 +88,9 @@ FailureText& OfCallsOnStores() {
   return ofThread.onStores;
 }
 
-void SendToStores(bool isOnStore) {
-  ofThread.isOnStore = isOnStore;
+void BeginText(int storeIndex) {
+  ofThread.isOnStore = storeIndex >= 0;
+  Target().Begin(storeIndex);
 }
 
 }  // namespace api

@@ -2,8 +2,7 @@
 // the lines say it, and its error code. If there is no room for all, the first lines are kept: the
 // cause comes before its consequences.
 //
-// Every thread has two, for calls on stores and for calls without one. A call says at its start
-// which of them is its own.
+// Every thread has two, for calls on stores and for calls without one.
 #pragma once
 
 #include <cstddef>
@@ -51,7 +50,8 @@ class FailureText {
 FailureText& OfCallsWithoutStore();
 FailureText& OfCallsOnStores();
 
-// Sends what the thread traces to its text for calls on stores, or to the other one.
-void SendToStores(bool isOnStore);
+// Begins the text of a call on a store, or of one without if storeIndex is negative, to which what
+// the thread traces goes from here on.
+void BeginText(int storeIndex);
 
 }  // namespace api

@@ -491,10 +491,10 @@ BLOBRING_API int BCGetStatistics(int index, BCStatistics* statistics);
  * with its NUL. Returns its whole length, at most 1023. With capacity 0, buffer
  * may be null. The text begins with the cause in a few words; the lines follow
  * as they went to the trace. A call that succeeds leaves it as it is.
- * Of this thread's last failing call on a store, if that was on this store;
- * otherwise of the store's last failing call on any thread. For -1, or an index
- * that no store has: of the calls on this thread that belong to no store, such
- * as a BCOpen that failed.
+ * Of this thread's last failing call on a store, if it named this index, whether
+ * or not the store is still there; otherwise of the store's last failing call on
+ * any thread. For -1, or another index that no store has: of the calls on this
+ * thread that belong to no store, such as a BCOpen that failed.
  */
 BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 
