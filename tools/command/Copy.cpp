@@ -20,14 +20,11 @@ struct CopyOptions {
   bool dryRun = false;
 };
 
+// As they lie in the source, so that it is read from front to back.
 NamedBlobs Chosen(const StoreView& from, const std::vector<std::string>& names) {
+  if (names.empty()) return {from.InFileOrder()};
   NamedBlobs chosen = Named(from, names);
-  if (names.empty())
-    for (const ViewedBlob& blob : from.blobs()) chosen.blobs.push_back(&blob);
-  // As they lie in the source, so that it is read from front to back.
-  std::sort(chosen.blobs.begin(), chosen.blobs.end(), [](const auto* a, const auto* b) {
-    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
-  });
+  std::ranges::sort(chosen.blobs, {}, &ViewedBlob::InFiles);
   return chosen;
 }
 

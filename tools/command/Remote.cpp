@@ -86,19 +86,17 @@ ExitStatus ListRemote(const ListOptions& options) {
     const int64_t age = std::max<int64_t>(0, listing.date - listing.objects.at(key).modified);
     if (most >= 0 && (age <= most || last[names.at(key).store] != key)) continue;
     if (consoleOptions.json) {
-      Json json;
-      json["type"] = "snapshot";
-      json["name"] = names.at(key).Short();
-      json["store"] = names.at(key).store;
-      json["sequence"] = names.at(key).number;
-      json["time"] = snapshot.time;
-      json["host"] = snapshot.host;
-      json["age_seconds"] = age;
-      json["blobs"] = snapshot.count;
-      json["bytes"] = snapshot.bytes;
-      json["partial"] = snapshot.isPartial;
-      json["message"] = snapshot.message;
-      text += JsonLine(json);
+      text += JsonLine({{"type", "snapshot"},
+                        {"name", names.at(key).Short()},
+                        {"store", names.at(key).store},
+                        {"sequence", names.at(key).number},
+                        {"time", snapshot.time},
+                        {"host", snapshot.host},
+                        {"age_seconds", age},
+                        {"blobs", snapshot.count},
+                        {"bytes", snapshot.bytes},
+                        {"partial", snapshot.isPartial},
+                        {"message", snapshot.message}});
     } else {
       text += fmt::format("{}  {}  {}  {:>3}d {:02}:{:02}  {:>10}  {:>10}{}{}{}\n",
                           names.at(key).Short(), Printable(snapshot.host), Printable(snapshot.time),
@@ -258,15 +256,12 @@ void AddPrune(CommandLine& line) {
        "blobring remote prune s3://fleet/all --keep-last 7 --keep-within 30d"},
       Prune);
   AddUrl(command, options.remote);
-  command.add_option("--keep-last", options.keepLast, "snapshots to keep of each store")
-      ->type_name("N")
-      ->check(CLI::Range(1U, 1000000U));
-  command.add_option("--keep-daily", options.keepDaily, "the last snapshot of each of N days")
-      ->type_name("N")
-      ->check(CLI::Range(1U, 1000000U));
-  command.add_option("--keep-weekly", options.keepWeekly, "the last snapshot of each of N weeks")
-      ->type_name("N")
-      ->check(CLI::Range(1U, 1000000U));
+  const auto addCount = [&command](const char* name, uint32_t& count, const char* help) {
+    command.add_option(name, count, help)->type_name("N")->check(CLI::Range(1U, 1000000U));
+  };
+  addCount("--keep-last", options.keepLast, "snapshots to keep of each store");
+  addCount("--keep-daily", options.keepDaily, "the last snapshot of each of N days");
+  addCount("--keep-weekly", options.keepWeekly, "the last snapshot of each of N weeks");
   command.add_option("--keep-within", options.keepWithin, "keep those that are younger")
       ->type_name("TIME");
   command.add_flag("-n,--dry-run", options.dryRun, "say what would be done, change nothing");

@@ -1,8 +1,10 @@
 #include "tools/remote/Bucket.h"
 
 #include <algorithm>
-#include <cctype>
+#include <cstring>
 #include <ctime>
+#include <memory>
+#include <new>
 
 #include "md5/MD5.h"
 #include "tools/base/Error.h"
@@ -14,18 +16,22 @@ constexpr size_t kMostDeleted = 1000;  // keys in a request
 constexpr uint64_t kMaxPage = uint64_t{8} << 20;
 constexpr int kMostPages = 10000;  // of 1000 objects
 
-std::string UrlDecoded(std::string_view text) {
-  std::string decoded;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size()) {
-      const std::string digits(text.substr(i + 1, 2));
-      decoded += static_cast<char>(std::strtoul(digits.c_str(), nullptr, 16));
-      i += 2;
-    } else {
-      decoded += text[i];
-    }
-  }
-  return decoded;
+// Of libcurl. Throws if there was no memory for it.
+std::string Freed(char* text, size_t size) {
+  const std::unique_ptr<char, void (*)(void*)> owned(text, curl_free);
+  if (!owned) throw std::bad_alloc();
+  return {text, size == 0 ? std::strlen(text) : size};
+}
+
+std::string UrlEncoded(const std::string& text) {
+  return Freed(curl_easy_escape(nullptr, text.c_str(), static_cast<int>(text.size())), 0);
+}
+
+std::string UrlDecoded(const std::string& text) {
+  int size = 0;
+  char* const decoded =
+      curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &size);
+  return Freed(decoded, static_cast<size_t>(size));
 }
 
 std::string XmlEscaped(std::string_view text) {
@@ -51,22 +57,6 @@ int64_t SecondsOf(const std::string& text) {
   return ::timegm(&utc);
 }
 
-}  // namespace
-
-std::string UrlEncoded(std::string_view text, bool keepSlash) {
-  std::string encoded;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool isPlain = (std::isalnum(byte) != 0 && byte < 128) || c == '-' || c == '.' ||
-                         c == '_' || c == '~' || (keepSlash && c == '/');
-    if (isPlain)
-      encoded += c;
-    else
-      encoded += fmt::format("%{:02X}", byte);
-  }
-  return encoded;
-}
-
 std::string Base64(const blobring::Hash& digest) {
   constexpr char kDigits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   std::string text;
@@ -79,6 +69,8 @@ std::string Base64(const blobring::Hash& digest) {
   text.replace(text.size() - 2, 2, "==");  // 16 bytes leave one for the last group
   return text;
 }
+
+}  // namespace
 
 blobring::Hash DigestOf(std::string_view bytes) {
   return blobring::Hash::of(std::as_bytes(std::span(bytes)));
@@ -98,7 +90,9 @@ Bucket::Bucket(const Connection& connection)
     : bucket_(connection.bucket), prefix_(connection.prefix), http_(connection) {}
 
 std::string Bucket::Target(const std::string& key) const {
-  return "/" + bucket_ + "/" + UrlEncoded(prefix_ + key, true);
+  std::string path = UrlEncoded(prefix_ + key);
+  for (size_t at = 0; (at = path.find("%2F", at)) != std::string::npos;) path.replace(at, 3, "/");
+  return "/" + bucket_ + "/" + path;
 }
 
 Listing Bucket::List(const std::string& under) {
@@ -111,8 +105,8 @@ Listing Bucket::List(const std::string& under) {
     request.maxBody = kMaxPage;
     request.method = "GET";
     request.target = "/" + bucket_ + "?";
-    if (!token.empty()) request.target += "continuation-token=" + UrlEncoded(token, false) + "&";
-    request.target += "encoding-type=url&list-type=2&prefix=" + UrlEncoded(prefix_ + under, false);
+    if (!token.empty()) request.target += "continuation-token=" + UrlEncoded(token) + "&";
+    request.target += "encoding-type=url&list-type=2&prefix=" + UrlEncoded(prefix_ + under);
     request.what = "list " + prefix_ + under;
     const Reply reply = http_.Call(std::move(request));
     if (listing.date == 0) listing.date = reply.date;

@@ -71,8 +71,6 @@ class Bucket {
   Http http_;
 };
 
-std::string UrlEncoded(std::string_view text, bool keepSlash);
-std::string Base64(const blobring::Hash& digest);
 blobring::Hash DigestOf(std::string_view bytes);
 std::vector<blobring::Hash> DigestsOf(const std::vector<std::string_view>& texts);  // side by side
 

@@ -120,18 +120,14 @@ class Checker {
   }
 
   ExitStatus Report() const {
-    if (consoleOptions.json) {
-      Json json;
-      json["type"] = "remote_check";
-      json["snapshots"] = snapshotCount_;
-      json["packs"] = packs_.objects.size();
-      json["orphans"] = orphanCount_;
-      json["tombs"] = tombs_.named.size();
-      json["packs_read"] = readCount_;
-      json["findings"] = findings_;
-      json["left_out"] = remote_.rejected;
-      PrintText(JsonLine(json));
-    }
+    PrintObject({{"type", "remote_check"},
+                 {"snapshots", snapshotCount_},
+                 {"packs", packs_.objects.size()},
+                 {"orphans", orphanCount_},
+                 {"tombs", tombs_.named.size()},
+                 {"packs_read", readCount_},
+                 {"findings", findings_},
+                 {"left_out", remote_.rejected}});
     for (const std::string& finding : findings_) Say("{}", finding);
     const size_t findingCount = findings_.size() + remote_.rejected.size();
     Inform("{} of {} in {}, {}; {}", Count(blobCount_, "blob"), Count(snapshotCount_, "snapshot"),

@@ -40,7 +40,7 @@ std::map<std::string, std::string> Section(const std::string& path, const std::s
   return values;
 }
 
-void TakeKeys(Connection& connection) {
+void LoadKeys(Connection& connection) {
   connection.accessKey = Environment("AWS_ACCESS_KEY_ID");
   connection.secretKey = Environment("AWS_SECRET_ACCESS_KEY");
   connection.sessionToken = Environment("AWS_SESSION_TOKEN");
@@ -85,7 +85,7 @@ Connection ConnectionOf(const RemoteOptions& options) {
   connection.caFile = FirstOf(options.caFile, Environment("AWS_CA_BUNDLE"));
   connection.limitRate = options.limitRate;
   connection.stallSeconds = options.stallSeconds;
-  TakeKeys(connection);
+  LoadKeys(connection);
   return connection;
 }
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <future>
-#include <tuple>
 #include <utility>
 
 #include "pack/format/Format.h"
@@ -65,8 +64,8 @@ struct Arrived {
 };
 
 // Hands over the blobs of pieces, digested side by side.
-void Take(std::vector<Arrived> pieces, const std::function<void(const FetchedBlob&)>& take,
-          std::set<std::string>& badPacks) {
+void HandOver(std::vector<Arrived> pieces, const std::function<void(const FetchedBlob&)>& take,
+              std::set<std::string>& badPacks) {
   std::vector<Spool::Bytes> mapped;
   std::vector<std::string_view> texts;
   std::vector<std::pair<const Piece*, FetchedBlob>> blobs;
@@ -74,16 +73,16 @@ void Take(std::vector<Arrived> pieces, const std::function<void(const FetchedBlo
     const std::string_view bytes = mapped.emplace_back(file->Map()).text;
     for (const Place& place : piece->places) {
       const uint64_t end = place.end() - base;
-      format::RecordHeader head = {};
+      format::RecordHeader header = {};
       if (end <= bytes.size())
-        head = format::RecordHeader::Decode(
+        header = format::RecordHeader::Decode(
             reinterpret_cast<const unsigned char*>(&bytes[end - RecordSize(place)]));
-      if (end > bytes.size() || head.op.op != format::kOpStore || head.size != place.size) {
+      if (end > bytes.size() || header.op.op != format::kOpStore || header.size != place.size) {
         badPacks.insert(piece->pack);
         continue;
       }
       texts.push_back(bytes.substr(end - place.size, place.size));
-      blobs.push_back({piece, {place, head.op.transactionId, texts.back()}});
+      blobs.push_back({piece, {place, header.op.transactionId, texts.back()}});
     }
   }
   const std::vector<blobring::Hash> digests = DigestsOf(texts);
@@ -100,9 +99,7 @@ void Take(std::vector<Arrived> pieces, const std::function<void(const FetchedBlo
 
 void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
            const std::function<void(const FetchedBlob&)>& take, std::set<std::string>& badPacks) {
-  std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
-    return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
-  });
+  std::ranges::sort(places, {}, &Place::InPacks);
   const std::vector<uint64_t> packSizes = index.PackSizes();
   std::vector<Piece> pieces;
   for (auto begin = places.begin(); begin != places.end();) {
@@ -117,7 +114,7 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
   const auto takeArrived = [&] {
     if (taking.valid()) taking.get();
     // Not std::launch::async: where no thread can be had, the next call takes them.
-    taking = std::async(Take, std::exchange(arrived, {}), std::cref(take), std::ref(badPacks));
+    taking = std::async(HandOver, std::exchange(arrived, {}), std::cref(take), std::ref(badPacks));
     arrivedBytes = 0;
   };
   for (const Piece& piece : pieces) {
@@ -143,7 +140,7 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
   };
   pack.index.packs = {NameIn(key)};
   const Spool::Bytes bytes = file.Map();
-  const FileStatus head = ReadStatus(file.path());
+  const FileStatus status = ReadStatus(file.path());
   SalvageFile salvage(file.path());
   uint64_t damagedCount = 0;
   WalkOptions options;
@@ -155,7 +152,7 @@ PackContents ReadPack(const std::string& key, const Spool& file) {
       pack.index.places.push_back(
           {HashOf(record), 0, static_cast<uint32_t>(record.offset), record.size});
   };
-  const Walked walked = Walk(salvage, head, options);
+  const Walked walked = Walk(salvage, status, options);
   pack.index.Sort();
   if (walked.damage)
     find(fmt::format("is damaged at {}: {}", walked.damage->offset, walked.damage->what));

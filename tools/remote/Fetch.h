@@ -15,9 +15,9 @@ struct FetchedBlob {
 };
 
 // Hands each blob to `take`, in any order, on another thread: what has arrived is taken while more
-// is read. `places` are ones of `index`. Packs that are gone, or
-// that hold something else in one of the places, are added to `badPacks`, and those blobs are left
-// out. Throws Fault, Interrupted and what take() throws.
+// is read. `places` are ones of `index`. Packs that are gone, or that hold something else in one of
+// the places, are added to `badPacks`, and those blobs are left out. Throws Fault, Interrupted and
+// what take() throws.
 void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
            const std::function<void(const FetchedBlob&)>& take, std::set<std::string>& badPacks);
 

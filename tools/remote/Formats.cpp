@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <regex>
 #include <sstream>
 #include <tuple>
 
@@ -79,14 +80,12 @@ blobring::Hash DigestIn(const std::string& name) {
 }
 
 std::string RemoteConfig::Encode() const {
-  Json json;
-  json["type"] = "blobring remote";
-  json["format"] = 1;
-  json["id"] = id;
-  json["push_seconds"] = pushSeconds;
-  json["grace_seconds"] = graceSeconds;
-  json["etag_is_md5"] = etagIsMd5;
-  return JsonLine(json);
+  return JsonLine({{"type", "blobring remote"},
+                   {"format", 1},
+                   {"id", id},
+                   {"push_seconds", pushSeconds},
+                   {"grace_seconds", graceSeconds},
+                   {"etag_is_md5", etagIsMd5}});
 }
 
 RemoteConfig RemoteConfig::Decode(const std::string& text) {
@@ -106,10 +105,6 @@ RemoteConfig RemoteConfig::Decode(const std::string& text) {
   } catch (const Json::exception&) {
     throw Fault("blobring.json is damaged");
   }
-}
-
-uint32_t Place::dataOffset() const {
-  return offset + format::kStoreHeaderSize;
 }
 
 void Index::Add(const Index& other) {
@@ -188,15 +183,13 @@ std::vector<uint64_t> Index::PackSizes() const {
 }
 
 std::string Snapshot::Encode() const {
-  Json json;
-  json["type"] = "blobring snapshot";
-  json["time"] = time;
-  json["host"] = host;
-  json["message"] = message;
-  json["partial"] = isPartial;
-  json["blobs"] = hashes.size();
-  json["bytes"] = bytes;
-  std::string text = JsonLine(json);
+  std::string text = JsonLine({{"type", "blobring snapshot"},
+                               {"time", time},
+                               {"host", host},
+                               {"message", message},
+                               {"partial", isPartial},
+                               {"blobs", hashes.size()},
+                               {"bytes", bytes}});
   text.reserve(text.size() + hashes.size() * blobring::Hash::kSize);
   for (const blobring::Hash& hash : hashes)
     text.append(reinterpret_cast<const char*>(hash.data()), blobring::Hash::kSize);
@@ -238,22 +231,10 @@ std::string SnapshotName::Short() const {
 }
 
 std::optional<SnapshotName> SnapshotName::Parse(const std::string& key) {
-  std::string text = key;
-  if (text.starts_with("snapshots/")) text.erase(0, std::strlen("snapshots/"));
-  if (text.ends_with(".snap")) text.erase(text.size() - std::strlen(".snap"));
-  const auto slash = text.find('/');
-  const auto dash = text.find('-');
-  if (slash == std::string::npos || dash == std::string::npos || dash < slash) return std::nullopt;
-  SnapshotName name;
-  name.store = text.substr(0, slash);
-  const std::string digits = text.substr(slash + 1, dash - slash - 1);
-  const auto digest = blobring::Hash::parse(text.substr(dash + 1));
-  if (!IsStoreId(name.store) || digits.empty() || digits.size() > 18 ||
-      digits.find_first_not_of("0123456789") != std::string::npos || !digest)
-    return std::nullopt;
-  name.number = std::stoull(digits);
-  name.digest = *digest;
-  return name;
+  static const std::regex kForm("snapshots/([0-9a-f]{16})/([0-9]{12,18})-([0-9a-f]{32})\\.snap");
+  std::smatch parts;
+  if (!std::regex_match(key, parts, kForm)) return std::nullopt;
+  return SnapshotName{parts[1], std::stoull(parts[2]), DigestIn(parts[3])};
 }
 
 std::string EncodeTomb(const std::vector<std::string>& keys) {
@@ -263,12 +244,13 @@ std::string EncodeTomb(const std::vector<std::string>& keys) {
 }
 
 std::vector<std::string> DecodeTomb(const std::string& text, const std::string& name) {
-  constexpr size_t kHead = 33;
-  if (text.size() < kHead ||
-      text.substr(0, kHead) != DigestOf(std::string_view(text).substr(kHead)).text() + "\n")
+  constexpr size_t kFirstLine = 2 * blobring::Hash::kSize + 1;
+  if (text.size() < kFirstLine ||
+      text.substr(0, kFirstLine) !=
+          DigestOf(std::string_view(text).substr(kFirstLine)).text() + "\n")
     throw Fault("{} is damaged", name);
   std::vector<std::string> keys;
-  std::istringstream lines(text.substr(kHead));
+  std::istringstream lines(text.substr(kFirstLine));
   for (std::string line; std::getline(lines, line);) {
     if (NameIn(line).empty()) throw Fault("{} names {}, which is no pack or index", name, line);
     keys.push_back(line);

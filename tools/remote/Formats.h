@@ -14,9 +14,11 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "blobring/Store.h"
+#include "pack/format/Format.h"
 
 namespace tool::remote {
 
@@ -49,8 +51,9 @@ struct Place {
   uint32_t offset = 0;  // of its record
   uint32_t size = 0;    // of its data
 
-  uint32_t dataOffset() const;
-  uint32_t end() const { return dataOffset() + size; }
+  uint32_t end() const { return offset + format::kStoreHeaderSize + size; }
+  // Orders them as they lie in the packs.
+  std::pair<uint32_t, uint32_t> InPacks() const { return {pack, offset}; }
   friend bool operator<(const Place& a, const Place& b) {
     return std::tie(a.hash, a.pack, a.offset) < std::tie(b.hash, b.pack, b.offset);
   }

@@ -1,5 +1,7 @@
 #include "tools/remote/Http.h"
 
+#include <fmt/chrono.h>
+
 #include <algorithm>
 #include <cmath>
 #include <ctime>
@@ -34,15 +36,6 @@ bool IsPermanent(CURLcode result) {
     default:
       return false;
   }
-}
-
-std::string AmzDate(int64_t seconds) {
-  const std::time_t time = seconds;
-  std::tm utc = {};
-  ::gmtime_r(&time, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
-  return text;
 }
 
 // The character that an entity stands for, "quot" or "#34"; nothing for an unknown one.
@@ -102,6 +95,18 @@ struct Http::Transfer {
 
   uint64_t UploadSize() const {
     return request.upload ? request.upload->size() : request.body.size();
+  }
+
+  // Of the last answer; 0 if there is none.
+  long Status() const {
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    return status;
+  }
+  std::string Header(const char* name) const {
+    curl_header* found = nullptr;
+    return curl_easy_header(easy, name, 0, CURLH_HEADER, -1, &found) == CURLHE_OK ? found->value
+                                                                                  : "";
   }
 
   void Close() {
@@ -200,7 +205,7 @@ size_t Http::OnReceive(char* data, size_t size, size_t count, void* context) {
   Transfer& transfer = *static_cast<Transfer*>(context);
   const size_t n = size * count;
   try {
-    const bool isSuccess = transfer.reply.status / 100 == 2;
+    const bool isSuccess = transfer.Status() / 100 == 2;
     const uint64_t most = isSuccess ? transfer.request.maxBody : kMaxAnswer;
     transfer.received += n;
     if (transfer.received > most)
@@ -217,31 +222,6 @@ size_t Http::OnReceive(char* data, size_t size, size_t count, void* context) {
   transfer.owner.bytesReceived_ += n;
   transfer.owner.Spend(n);
   return n;
-}
-
-size_t Http::OnHeader(char* data, size_t size, size_t count, void* context) {
-  Reply& reply = static_cast<Transfer*>(context)->reply;
-  const std::string_view line(data, size * count);
-  if (line.starts_with("HTTP/")) {  // a new answer, after 100 Continue
-    reply = Reply();
-    const auto blank = line.find(' ');
-    if (blank != std::string_view::npos) reply.status = std::atol(data + blank);
-    return line.size();
-  }
-  const auto colon = line.find(':');
-  if (colon == std::string_view::npos) return line.size();
-  std::string name(line.substr(0, colon));
-  for (char& c : name) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  std::string value(line.substr(colon + 1));
-  value.erase(0, value.find_first_not_of(' '));
-  value.erase(value.find_last_not_of("\r\n ") + 1);
-  if (name == "etag") {
-    std::erase(value, '"');
-    reply.etag = value;
-  } else if (name == "date") {
-    reply.date = std::max<int64_t>(0, curl_getdate(value.c_str(), nullptr));
-  }
-  return line.size();
 }
 
 void Http::Begin(Transfer& transfer) {
@@ -275,7 +255,9 @@ void Http::Begin(Transfer& transfer) {
     transfer.headers = curl_slist_append(transfer.headers, line.c_str());
   };
   addHeader("x-amz-content-sha256: UNSIGNED-PAYLOAD");
-  if (clockOffset_ != 0) addHeader("x-amz-date: " + AmzDate(std::time(nullptr) + clockOffset_));
+  if (clockOffset_ != 0)
+    addHeader(fmt::format("x-amz-date: {:%Y%m%dT%H%M%SZ}",
+                          fmt::gmtime(std::time(nullptr) + clockOffset_)));
   if (!connection_.sessionToken.empty())
     addHeader("x-amz-security-token: " + connection_.sessionToken);
   for (const std::string& line : request.headers) addHeader(line);
@@ -296,8 +278,6 @@ void Http::Begin(Transfer& transfer) {
   }
   set(CURLOPT_WRITEFUNCTION, &Http::OnReceive);
   set(CURLOPT_WRITEDATA, &transfer);
-  set(CURLOPT_HEADERFUNCTION, &Http::OnHeader);
-  set(CURLOPT_HEADERDATA, &transfer);
   curl_multi_add_handle(multi_, easy);
   transfer.running = true;
   ++transfer.tries;
@@ -373,9 +353,13 @@ bool Http::Retry(Transfer& transfer, CURLcode result) {
 }
 
 void Http::Complete(Transfer& transfer, CURLcode result) {
+  Reply& reply = transfer.reply;
+  reply.status = transfer.Status();
+  reply.etag = transfer.Header("ETag");
+  std::erase(reply.etag, '"');
+  reply.date = std::max<int64_t>(0, curl_getdate(transfer.Header("Date").c_str(), nullptr));
   transfer.Close();
   if (transfer.failure) std::rethrow_exception(transfer.failure);
-  Reply& reply = transfer.reply;
   if (reply.status >= 300) reply.code = XmlText(reply.body, "Code");
   const bool isAnswer =
       result == CURLE_OK &&

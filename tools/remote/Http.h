@@ -90,7 +90,6 @@ class Http {
   static size_t OnSend(char* out, size_t size, size_t count, void* transfer);
   static int OnSeek(void* transfer, curl_off_t offset, int origin);
   static size_t OnReceive(char* data, size_t size, size_t count, void* transfer);
-  static size_t OnHeader(char* data, size_t size, size_t count, void* transfer);
 
   // Moves all transfers on; waits up to 0.1 s for the network if so asked.
   void Pump(bool wait = true);

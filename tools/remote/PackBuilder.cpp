@@ -48,10 +48,10 @@ void PackBuilder::Add(const blobring::Hash& hash, int64_t transactionId, std::st
   const auto size = static_cast<uint32_t>(data.size());
   pack.index.places.push_back({hash, 0, static_cast<uint32_t>(pack.file->size()), size});
   pack.blobBytes += size;
-  format::RecordHeader head{{format::kOpStore, transactionId}, {}, size};
-  std::memcpy(head.hash, hash.data(), format::kHashSize);
+  format::RecordHeader header{{format::kOpStore, transactionId}, {}, size};
+  std::memcpy(header.hash, hash.data(), format::kHashSize);
   unsigned char bytes[format::kStoreHeaderSize];
-  head.Encode(bytes);
+  header.Encode(bytes);
   pack.file->Append({reinterpret_cast<const char*>(bytes), sizeof bytes});
   pack.file->Append(data);
 }

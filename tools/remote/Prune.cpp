@@ -60,20 +60,16 @@ class Pruner {
   }
 
   ExitStatus Report() const {
-    if (consoleOptions.json) {
-      Json json;
-      json["type"] = "prune";
-      json["dry_run"] = options_.dryRun;
-      json["snapshots_kept"] = keptCount_;
-      json["snapshots_forgotten"] = forgotten_.size();
-      json["packs_rewritten"] = rewrittenCount_;
-      json["packs_restored"] = restoredCount_;
-      json["marked"] = going_.size();
-      json["marked_bytes"] = goingBytes_;
-      json["deleted"] = deletedCount_;
-      json["deleted_bytes"] = deletedBytes_;
-      PrintText(JsonLine(json));
-    }
+    PrintObject({{"type", "prune"},
+                 {"dry_run", options_.dryRun},
+                 {"snapshots_kept", keptCount_},
+                 {"snapshots_forgotten", forgotten_.size()},
+                 {"packs_rewritten", rewrittenCount_},
+                 {"packs_restored", restoredCount_},
+                 {"marked", going_.size()},
+                 {"marked_bytes", goingBytes_},
+                 {"deleted", deletedCount_},
+                 {"deleted_bytes", deletedBytes_}});
     const char* would = options_.dryRun ? "would be " : "";
     Inform("{} kept, {} {}forgotten", Count(keptCount_, "snapshot"), forgotten_.size(), would);
     Inform("{} {}marked, {}, to be deleted by a prune in {}; {} {}rewritten",
@@ -376,9 +372,7 @@ class Pruner {
 
   void CopyBlobs(const Index& from, std::vector<Place> places, Index& fresh) {
     if (places.empty()) return;
-    std::sort(places.begin(), places.end(), [](const Place& a, const Place& b) {
-      return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
-    });
+    std::ranges::sort(places, {}, &Place::InPacks);
     uint64_t bytes = 0;
     for (const Place& place : places) bytes += place.size;
     remote_.bucket.http().SetTick({});

@@ -165,19 +165,15 @@ ExitStatus Pull(const PullOptions& options) {
     count = puller.committedCount();
     bytes = puller.committedBytes();
   }
-  if (consoleOptions.json) {
-    const Http& http = remote.bucket.http();
-    Json json;
-    json["type"] = "pull";
-    json["snapshot"] = chosen.name.Short();
-    json["blobs"] = count;
-    json["bytes"] = bytes;
-    json["missing"] = missingCount;
-    json["requests"] = http.requests();
-    json["bytes_sent"] = http.bytesSent();
-    json["bytes_received"] = http.bytesReceived();
-    PrintText(JsonLine(json));
-  }
+  const Http& http = remote.bucket.http();
+  PrintObject({{"type", "pull"},
+               {"snapshot", chosen.name.Short()},
+               {"blobs", count},
+               {"bytes", bytes},
+               {"missing", missingCount},
+               {"requests", http.requests()},
+               {"bytes_sent", http.bytesSent()},
+               {"bytes_received", http.bytesReceived()}});
   Inform("{} pulled, {}, of the {} of the snapshot {}", Count(count, "blob"), HumanSize(bytes),
          chosen.snapshot.count, chosen.name.Short());
   if (missingCount == 0) return kSuccess;

@@ -5,6 +5,7 @@
 // keeps a prune from taking it, and the next one goes on. A round that has no time left for that is
 // followed by one that uploads no packs. When the store was repacked over what was being read, the
 // next round reads it as it is then.
+#include <fmt/chrono.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,25 +26,6 @@ constexpr int kMostIdleRounds = 3;
 constexpr size_t kMaxMessage = 1000;
 constexpr uint64_t kMaxCompared = uint64_t{64} << 20;  // bytes, before they are remembered
 constexpr uint64_t kReadAtOnce = uint64_t{32} << 20;   // bytes that are digested side by side
-
-// From front to back of each file.
-std::vector<const ViewedBlob*> InFileOrder(const StoreView& view) {
-  std::vector<const ViewedBlob*> blobs;
-  for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
-  std::sort(blobs.begin(), blobs.end(), [](const auto* a, const auto* b) {
-    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
-  });
-  return blobs;
-}
-
-std::string TimeNow() {
-  const std::time_t now = std::time(nullptr);
-  std::tm utc = {};
-  ::gmtime_r(&now, &utc);
-  char text[32];
-  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &utc);
-  return text;
-}
 
 std::string HostName() {
   char name[HOST_NAME_MAX + 1] = {};
@@ -107,7 +89,7 @@ class Pusher {
   void Look() {
     view_.emplace(at_);
     if (!view_->slot()) throw Fault("nothing was pushed: {} cannot be read", at_.directory);
-    blobs_ = InFileOrder(*view_);
+    blobs_ = view_->InFileOrder();
     damaged_.clear();
     progress_.emplace("pushing", blobs_.size(), view_->liveBytes());
   }
@@ -134,7 +116,7 @@ class Pusher {
     const std::set<blobring::Hash> pending = TakeUpPending(isUsable, present);
 
     Snapshot snapshot;
-    snapshot.time = TimeNow();
+    snapshot.time = fmt::format("{:%FT%TZ}", fmt::gmtime(std::time(nullptr)));
     snapshot.host = HostName();
     snapshot.message = message_;
     snapshot.isPartial = view_->damaged();
@@ -194,9 +176,7 @@ class Pusher {
     found.places = std::move(believed);
     if (!unread.empty())
       Inform("comparing {} that others have pushed", Count(unread.size(), "blob"));
-    std::sort(unread.begin(), unread.end(), [](const Place& a, const Place& b) {
-      return std::tie(a.pack, a.offset) < std::tie(b.pack, b.offset);
-    });
+    std::ranges::sort(unread, {}, &Place::InPacks);
     for (auto at = unread.begin(); at != unread.end() && BootSeconds() < until;) {
       std::vector<Place> batch;
       for (uint64_t bytes = 0; at != unread.end() && bytes < kMaxCompared; bytes += at++->size)
@@ -334,21 +314,16 @@ ExitStatus Push(const PushOptions& options) {
         Count(pusher.packCount(), "pack"), HumanSize(pusher.blobBytes()));
   }
   const Http& http = remote.bucket.http();
-  if (consoleOptions.json) {
-    Json json;
-    json["type"] = "push";
-    json["snapshot"] = pusher.snapshot().Short();
-    json["partial"] = pusher.isPartial();
-    json["blobs"] = pusher.blobCount();
-    json["bytes"] = pusher.blobBytes();
-    json["packs"] = pusher.packCount();
-    json["requests"] = http.requests();
-    json["bytes_sent"] = http.bytesSent();
-    json["bytes_received"] = http.bytesReceived();
-    PrintText(JsonLine(json));
-  } else {
-    Print("{}\n", pusher.snapshot().Short());
-  }
+  PrintObject({{"type", "push"},
+               {"snapshot", pusher.snapshot().Short()},
+               {"partial", pusher.isPartial()},
+               {"blobs", pusher.blobCount()},
+               {"bytes", pusher.blobBytes()},
+               {"packs", pusher.packCount()},
+               {"requests", http.requests()},
+               {"bytes_sent", http.bytesSent()},
+               {"bytes_received", http.bytesReceived()}});
+  if (!consoleOptions.json) Print("{}\n", pusher.snapshot().Short());
   Inform("{} pushed, {}, in {}; the remote had the other {}", Count(pusher.blobCount(), "blob"),
          HumanSize(pusher.blobBytes()), Count(pusher.packCount(), "pack"),
          pusher.readableCount() - std::min(pusher.blobCount(), pusher.readableCount()));

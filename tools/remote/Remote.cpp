@@ -1,6 +1,7 @@
 #include "tools/remote/Remote.h"
 
 #include <algorithm>
+#include <charconv>
 #include <span>
 #include <tuple>
 
@@ -162,9 +163,9 @@ void Remote::ReadAll(const std::map<std::string, Expected>& wanted,
   }
 }
 
-void Remote::TakeIndexes(const Listing& listing, const std::set<std::string>& skip,
-                         const std::function<void(const std::string&, Index&)>& take,
-                         const LocalState* state) {
+void Remote::ReadIndexesInto(const Listing& listing, const std::set<std::string>& skip,
+                             const std::function<void(const std::string&, Index&)>& take,
+                             const LocalState* state) {
   std::map<std::string, Expected> toRead;
   std::set<blobring::Hash> listed;
   for (const auto& [key, object] : listing.objects) {
@@ -186,7 +187,7 @@ void Remote::TakeIndexes(const Listing& listing, const std::set<std::string>& sk
 
 Remote::Indexes Remote::ReadIndexes(const Listing& listing) {
   Indexes indexes;
-  TakeIndexes(
+  ReadIndexesInto(
       listing, {},
       [&indexes](const std::string& name, Index& index) { indexes[name] = std::move(index); },
       nullptr);
@@ -197,7 +198,7 @@ Index Remote::FindPlaces(const Listing& listing, const std::set<std::string>& sk
                          const LocalState& state, const std::vector<blobring::Hash>& wanted,
                          const UsePack& use) {
   Merger merger(use, &wanted);
-  TakeIndexes(
+  ReadIndexesInto(
       listing, skip, [&merger](const std::string&, Index& index) { merger.Add(index); }, &state);
   return merger.Finish();
 }
@@ -289,18 +290,13 @@ std::span<const Place> PlacesOf::operator()(const blobring::Hash& hash) {
 }
 
 int64_t DurationOf(const std::string& text) {
-  size_t used = 0;
-  long long number = 0;
-  try {
-    number = std::stoll(text, &used);
-  } catch (const std::exception&) {
-    used = 0;
-  }
+  const char* const end = text.data() + text.size();
+  int64_t number = -1;
+  const std::string_view rest(std::from_chars(text.data(), end, number).ptr, end);
   constexpr std::pair<std::string_view, int64_t> kUnits[] = {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
   for (const auto& [unit, seconds] : kUnits)
-    if (used != 0 && number >= 0 && number < 1000000 && text.substr(used) == unit)
-      return number * seconds;
+    if (number >= 0 && number < 1000000 && rest == unit) return number * seconds;
   throw UsageError("\"{}\" is no duration such as 90s, 30m, 24h or 7d", text);
 }
 

@@ -85,9 +85,9 @@ class Remote {
     blobring::Hash digest;
     uint64_t size = 0;
   };
-  void TakeIndexes(const Listing& listing, const std::set<std::string>& skip,
-                   const std::function<void(const std::string& name, Index& index)>& take,
-                   const LocalState* state);
+  void ReadIndexesInto(const Listing& listing, const std::set<std::string>& skip,
+                       const std::function<void(const std::string& name, Index& index)>& take,
+                       const LocalState* state);
   // Bucket, by key, that are compared with their digests. `take` is called for each that is there,
   // and rejects it by throwing Fault. With a `state`, copies of that kind are used and kept.
   void ReadAll(const std::map<std::string, Expected>& wanted,

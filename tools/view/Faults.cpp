@@ -87,11 +87,7 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
     if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
       ScanDamaged(view, i, faults);
   if (!blobsToo) return faults;
-  std::vector<const ViewedBlob*> blobs;
-  for (const ViewedBlob& blob : view.blobs()) blobs.push_back(&blob);
-  std::sort(blobs.begin(), blobs.end(), [](const auto* a, const auto* b) {
-    return std::tie(a->file, a->offset) < std::tie(b->file, b->offset);
-  });
+  const std::vector<const ViewedBlob*> blobs = view.InFileOrder();
   Progress progress("checking", blobs.size(), view.liveBytes());
   Buffer buffer;
   for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)

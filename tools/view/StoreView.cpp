@@ -184,8 +184,7 @@ void StoreView::ReadAll() {
 void StoreView::Confirm(std::vector<const ViewedBlob*> blobs) {
   if (depth_ == Depth::kAll) return;
   if (std::find(blobs.begin(), blobs.end(), nullptr) != blobs.end()) return ReadAll();
-  const auto place = [](const ViewedBlob* blob) { return std::pair(blob->file, blob->offset); };
-  std::ranges::sort(blobs, {}, place);
+  std::ranges::sort(blobs, {}, &ViewedBlob::InFiles);
   blobs.erase(std::unique(blobs.begin(), blobs.end()), blobs.end());
   Buffer buffer;
   Progress progress("comparing", blobs.size());
@@ -402,6 +401,14 @@ bool StoreView::HeadersChanged() const {
   return std::any_of(files_.begin(), files_.end(), [](const SlotFile& file) {
     return !SameStatus(ReadStatus(file.path), file.status);
   });
+}
+
+std::vector<const ViewedBlob*> StoreView::InFileOrder() const {
+  std::vector<const ViewedBlob*> blobs;
+  blobs.reserve(blobs_.size());
+  for (const ViewedBlob& blob : blobs_) blobs.push_back(&blob);
+  std::ranges::sort(blobs, {}, &ViewedBlob::InFiles);
+  return blobs;
 }
 
 const ViewedBlob* StoreView::Find(const blobring::Hash& hash) const {

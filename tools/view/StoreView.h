@@ -30,6 +30,8 @@ struct ViewedBlob {
   int64_t transactionId = 0;
 
   uint64_t dataOffset() const { return uint64_t{offset} + format::kStoreHeaderSize; }
+  // Orders them as they lie in the files.
+  std::pair<uint32_t, uint32_t> InFiles() const { return {file, offset}; }
 };
 
 class StoreView;
@@ -102,6 +104,7 @@ class StoreView {
 
   // The live blobs in ascending order of their hashes.
   const std::vector<ViewedBlob>& blobs() const { return blobs_; }
+  std::vector<const ViewedBlob*> InFileOrder() const;
   uint64_t liveBytes() const { return liveBytes_; }  // of their data
   const ViewedBlob* Find(const blobring::Hash& hash) const;
 
