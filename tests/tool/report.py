@@ -20,7 +20,7 @@ def spans(view, index, faults):
     if f.state == "damaged" and not current:
         return [(0, f.size, "damaged")]
     at = 24 if index % 2 == 0 and f.sequence == -1 else min(f.end_offset, f.size)
-    found = [(0, at, "unloaded" if index // 2 in view.not_shown else "older")]
+    found = [(0, at, "unloaded" if index // 2 in view.not_shown else "older" if at > 24 else "free")]
     if index in view.walked:
         found, end, at = [(0, 24, "live" if current else "unloaded")], min(f.end_offset, f.size), f.end
         for r in f.records():
@@ -196,11 +196,17 @@ def in_a_browser():
         print("no browser to look with: scripts/install-report, and chromium")
         sys.exit(77)
     base(HOSTILE)
-    damaged = pathlib.Path(f"{HOSTILE}/1.jrn").read_bytes().index(BLOBS[7]) + 100
-    for faults in ("0", "1"):
-        tool("report", HOSTILE, "-o", "page.html", "--check", status=int(faults))
-        subprocess.run(["node", f"{SOURCES}/report_page.mjs", modules, os.path.abspath("page.html"), faults], check=True)
-        change(f"{HOSTILE}/1.jrn", damaged)
+    shutil.copytree(HOSTILE, "damaged")
+    change("damaged/1.jrn", pathlib.Path("damaged/1.jrn").read_bytes().index(BLOBS[7]) + 100)
+    tool("init", "cut", status=0)
+    day = 24 * 3600 * 10**6
+    put_files("cut", _0jrn=file(0, 0, *(transaction(ID + k * day // 20, store(ID + k * day // 20, BLOBS[k % 10])) for k in range(80))))
+    os.truncate("cut/0.jrn", os.path.getsize("cut/0.jrn") // 2)
+    looks = []
+    for name, *wanted in ((HOSTILE, "Sound", "0", "1"), ("damaged", "Damaged", "1", "1"), ("cut", "Damaged", "1", "2")):
+        tool("report", name, "-o", f"{name[:3]}.html", "--check", status=int(wanted[0] == "Damaged"))
+        looks += [os.path.abspath(f"{name[:3]}.html"), *wanted]
+    subprocess.run(["node", f"{SOURCES}/report_page.mjs", modules, *looks], check=True)
 
 
 START_DIRECTORY, SOURCES = os.getcwd(), os.path.dirname(os.path.abspath(__file__))

@@ -110,8 +110,9 @@ class Collector {
     const format::FileHeader& header = view_.files()[index].status.header;
     const bool isBegun = index % 2 == 0 && header.sequence == format::kSequenceReset;
     const uint64_t end = isBegun ? format::kFileHeaderSize : header.endOffset;
-    regions.AddUpTo(std::min(end, file.Length()),
-                    view_.IsNotShown(index) ? State::kUnloaded : State::kOlder);
+    regions.AddUpTo(std::min(end, file.Length()), view_.IsNotShown(index) ? State::kUnloaded
+                                                  : end <= format::kFileHeaderSize ? State::kFree
+                                                                                   : State::kOlder);
   }
 
   void AddWalked(size_t index, SalvageFile& file, Regions& regions) {

@@ -143,7 +143,7 @@ class Page {
     for (const Json& finding : stat_.at("findings"))
       items += Finding("damage", Escaped(finding.get<std::string>()));
     for (const Json* fault : All("fault")) {
-      std::string text = fmt::format("{} at {}: ", Text(*fault, "file"), Figure(*fault, "offset"));
+      std::string text = fmt::format("{} at {}: ", Text(*fault, "file"), Number(*fault, "offset"));
       if (!fault->at("hash").is_null())
         text += fmt::format("blob <code>{}</code>, {} bytes, ", Text(*fault, "hash"),
                             Figure(*fault, "size"));

@@ -85,7 +85,7 @@
         padAngle: few ? 2 : 0,
         emphasis: { scale: false },
         label: { show: few, position: "inside", fontSize: 13, fontWeight: 600 },
-        itemStyle: { borderColor: "var(--edge)", borderWidth: few ? 1 : 0 },
+        itemStyle: { borderColor: "var(--edge)", borderWidth: few ? 1 : 0.3 },
         data: rows.map((row) => ({
           value: 1,
           name: row[0],
@@ -232,7 +232,7 @@
   };
 
   const bars = (name, color, data) =>
-    ({ name, type: "bar", data, itemStyle: { color, borderColor: "var(--edge)", borderWidth: 0.5 }, emphasis: { disabled: true } });
+    ({ name, type: "bar", data, itemStyle: { color, borderColor: "var(--edge)", borderWidth: data.length > 60 ? 0 : 0.5 }, emphasis: { disabled: true } });
   const categories = (data, more) => ({
     type: "category", data, axisLine: line, axisTick: { show: false },
     axisLabel: { ...text, hideOverlap: true, ...more },
@@ -261,7 +261,7 @@
         },
       },
       xAxis: categories(rows.map((row) => (row[0] === 0 ? "empty" : `from ${sizeText(row[0])}`)), { formatter: (name) => name.replace("from ", "") }),
-      yAxis: values("{value} %"),
+      yAxis: { ...values("{value} %"), max: ({ max }) => Math.min(100, 10 * Math.ceil(max / 10)) },
       series: [
         bars("blobs", fill("live"), rows.map((row) => (100 * row[2]) / blobs)),
         bars("bytes", fill("older"), rows.map((row) => (100 * row[3]) / bytes)),
@@ -272,17 +272,11 @@
   const drawTransactions = (section) => {
     const rows = rowsOf(section.querySelector(".transaction-table"));
     if (rows.length === 0) return;
-    const times = rows.map((row) => row[1]);
-    const isOneDay = new Set(times.map((time) => time.slice(0, 10))).size === 1;
-    const isOncePerDay = new Set(times.map((time) => time.slice(0, 10))).size === times.length;
-    const label = (row) =>
-      row[1] === "" ? row[0].split(" ")[0] : isOneDay ? row[1].slice(11, 19)
-        : isOncePerDay ? row[1].slice(0, 10) : row[1].slice(5, 16).replace("T", " ");
     const highest = Math.max(...rows.map((row) => number(row[4])));
     const lowest = Math.max(...rows.map((row) => number(row[6])));
-    const step = stepFor(highest + lowest);
-    draw(section, 280, `Bytes stored and deleted by ${rows.length} groups of transactions.`, {
-      grid,
+    const unit = stepFor(highest + lowest);
+    const chart = draw(section, 280, `Bytes stored and deleted by ${rows.length} groups of transactions.`, {
+      grid: { ...grid, right: 36 },
       tooltip: {
         trigger: "axis", axisPointer: { type: "none" },
         formatter: ([{ dataIndex }]) => {
@@ -293,16 +287,25 @@
           );
         },
       },
-      xAxis: categories(rows.map(label), { margin: 14 }),
+      xAxis: categories(rows.map((row) => row[0]), { margin: 14 }),
       yAxis: {
-        ...values((value) => sizeText(value).replace("-", "−")), interval: step,
-        min: -step * Math.ceil(lowest / step), max: step * Math.ceil(highest / step) || step,
+        ...values((value) => sizeText(value).replace("-", "−")), interval: unit,
+        min: -unit * Math.ceil(lowest / unit), max: unit * Math.ceil(highest / unit) || unit,
       },
       series: [
         { ...bars("stored", fill("live"), rows.map((row) => number(row[4]))), stack: "all" },
         { ...bars("deleted", fill("dead"), rows.map((row) => -number(row[6]))), stack: "all" },
       ],
     });
+    // Times, at as many bars as there is room for; below the first, and where it changes, the date.
+    const step = () => Math.ceil(rows.length / Math.max(1, Math.floor(chart.getWidth() / 110)));
+    const partsOf = ([ids, time]) => (time ? [time.slice(11, 19), time.slice(0, 10)] : [ids.split(" ")[0], ""]);
+    const label = (name, index) => {
+      const [time, date] = partsOf(rows[index]);
+      const [timeBefore, dateBefore] = partsOf(rows[index - step()] ?? ["", ""]);
+      return date !== dateBefore ? `${time}\n${date}` : time !== timeBefore ? time : "";
+    };
+    chart.setOption({ xAxis: { axisLabel: { interval: (index) => index % step() === 0, formatter: label, lineHeight: 16 } } });
   };
 
   for (const [id, drawer] of [
