@@ -77,8 +77,8 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
         paths.push_back(view.files()[file].path);
     faults.push_back(
         {pack, 0, std::nullopt, 0,
-         fmt::format("{} in {} are not in what is shown", Count(BlobsOnlyIn(paths, view), "blob"),
-                     fmt::join(paths, " and "))});
+         fmt::format("missing from what is shown: {} of {}",
+                     Count(BlobsOnlyIn(paths, view), "blob"), fmt::join(paths, " and "))});
   }
   for (const std::string& path : FilesSetAside(view))
     if (const std::string what = FaultInSetAside(path, view); !what.empty())

@@ -88,8 +88,8 @@ Walked Walk(SalvageFile& file, const FileStatus& status, const WalkOptions& opti
     walked.damage->what = torn::kText;
   else
     walked.damage->what += fmt::format(
-        "; {} that the header counts, of at most {}, are not there whole", Count(missing, "record"),
-        Count(torn::MostTransactions(missing), "transaction"));
+        "; {} counted by the header, in at most {}, are missing or incomplete",
+        Count(missing, "record"), Count(torn::MostTransactions(missing), "transaction"));
   return walked;
 }
 
