@@ -158,13 +158,13 @@ def disturbed():
             same(told or command[0] not in ("put", "import", "rm", "repack"), True, f"{command}: an interrupt says what was done")
 
 
-# Statuses of commands in such a directory. A status of 2 says that nothing was changed.
+# Statuses of commands in such a directory, and behind a # what is said. A status of 2 says that nothing was changed.
 REFUSED = f"""
 2:|frobnicate s|ls s --frobnicate|help frobnicate|ls s --slots 3|init s --slots 3|init s --pack-dir tree|init x --pack-dir p
 2:put|import s tree -m old|get s {FOUR} -o link|export s one-space x|export s bad-escape x|export s zero x|export s absolute x|export s up x
 2:export s slash x|rm s|rm s {FOUR} --not-in m|rm s --not-in nothing|rm s --not-in m nothing|rm s --not-in gone|rm s --not-in m one-space
-2:copy s t|salvage s t|salvage s s/x|verify s m --write m|repack --if-dead 101% s
-1:init m|ls tree|put s absent|put s tree|import s absent -m x|get absent {FOUR}|export s through in|export s gone x|rm s --not-in absent
+2:stats s # did you mean stat?|ls s --jsn # did you mean --json?|import s tree tree # two files would be called|copy s t|salvage s t|salvage s s/x|verify s m --write m|repack --if-dead 101% s
+1:put bare m # `blobring init --slots 2 bare` adopts it|init m|ls tree|put s absent|put s tree|import s absent -m x|get absent {FOUR}|export s through in|export s gone x|rm s --not-in absent
 1:sync s absent|salvage tree x|clean kept --delete|clean lost --delete|clean broken --delete --force|export s m there|verify s broken.chk|verify s absent|diff s t
 4:ls s {'0' * 32}|rm s {'0' * 32}|copy s t {'0' * 32}|clean s|verify s gone --write x|verify s nothing|repack --if-dead 90% s
 0:help ls|init s|sync s s|clean kept --delete --force|clean lost --delete --force|repack --if-dead 1% s|diff s m
@@ -184,6 +184,8 @@ def refused():
     shutil.copy("fresh/s/1.jrn", "fresh/kept/0.jrn.kept-1")  # of which the store has nothing
     shutil.copytree("fresh/t", "fresh/lost")
     pathlib.Path("fresh/lost/0.jrn.kept-1").write_bytes(file(0, 0, end=90000) + bytes(70000))
+    shutil.copytree("fresh/s", "fresh/bare")  # as the library makes it
+    os.remove("fresh/bare/blobring.conf")
     shutil.copytree("fresh/s", "fresh/broken")
     change("fresh/broken/1.jrn", 50)
     make_tree("fresh", {"broken/0.pak.new": b""} | {f"there/{name}": b"mine" for name in EXPORTED})
@@ -191,9 +193,13 @@ def refused():
     for status, commands in (line.split(":", 1) for line in REFUSED.splitlines()[1:]):
         for command in commands.split("|"):
             renew()
-            tool(*command.split(), status=int(status))
+            command, _, said = command.partition(" # ")
+            same(said in tool(*command.split(), status=int(status)).err, True, f"{command}: {said}")
             if status != "0" and "0" * 32 not in command or status == "2":
                 same({name: data for name, data in tree(".").items() if not name.startswith("fresh/")} == before, True, f"{command}: nothing changes")
+    tool("init", "bare", status=0)
+    tool("put", "bare", "m", status=0)
+    same(ls("bare"), S | {md5(read("m"))}, "a store that was adopted")
     names = [f"u/.blobring-{k * 32}.tmp" for k in "ab"]  # of a live process, and of one that is gone
     make_tree(".", dict.fromkeys(names, b""))
     with open(names[0]) as live:
@@ -308,6 +314,10 @@ def failing_files():
     limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (1 << 20, 1 << 20))
     got = tool("put", "s", "f0", "f1", "f2", preexec_fn=limit, status=1)
     same((hashes(got.out), ls("s"), "ulimit -f" in got.err), ({md5(read("f0"))}, {md5(b"twice"), md5(read("f0"))}, True), "put of one that is too large")
+    tool("init", "full", status=0)
+    for command in ("put", "import"):
+        got = tool(command, "full", "f0", "f2", calls={"CALLS": " pwrite64 ", "CALLS_AT": 1, "CALLS_DO": errno.ENOSPC}, status=1)
+        same([line[10:24] for line in got.err.splitlines()], ["0 of 2 files a", "the disk is fu", "free some spac"], got.err)
     tool("put", "s", "f1", status=0)
     tool("get", "s", md5(read("f1")).hex(), "-o", "x", preexec_fn=limit, status=1)
     same((os.path.exists("x"), temporary()), (False, set()), "what is left of a file that may not grow")

@@ -3,7 +3,6 @@ of which each table and finding is what the objects say, whatever a name is. And
 none. `report.py TOOL CALLS MODULES` looks at pages with a browser instead; playwright-core is in
 MODULES. A new column of a table goes into tables_of(), a refused document into REFUSED."""
 
-import pty
 from html import unescape
 
 from damage import DAMAGE
@@ -185,9 +184,6 @@ def documents():
         same(bool(re.search(message, got.err)), True, f"{message}: {got.err}")
     full = re.sub('"journal_bytes":[0-9]+', f'"journal_bytes":{MAX_FILE * 9 // 10}', document)
     same(page_of(tool("report", "--from-json", "-", stdin=full.encode(), status=0).out.decode())[1], ["warning"], "a journal that is nearly full")
-    ours, terminal = pty.openpty()
-    same(subprocess.run([TOOL, "report", "s"], stdout=terminal, stderr=subprocess.DEVNULL).returncode, 2, "a page on a terminal")
-    os.close(ours)
 
 
 def in_a_browser():

@@ -1,8 +1,11 @@
 """What looking commands say of stores that are sound. A row for an option or an argument belongs into
 rows_of_arguments(), a key of --json into model.py, a state of a file into damage.py."""
 
+import contextlib
 import fcntl
 import itertools
+import pty
+import termios
 
 from model import *
 
@@ -124,4 +127,31 @@ def held():
     same(tree("s") == before, True, "a store that another process has open changed")
 
 
-scenario(by_hand, rows_of_arguments, many_records, beside_repacks, held)
+def on_a_terminal():
+    def run(command, columns=80, **environment):
+        ours, terminal = pty.openpty()
+        fcntl.ioctl(terminal, termios.TIOCSWINSZ, pack("4H", 50, columns, 0, 0))
+        environment = {k: v for k, v in os.environ.items() if k != "NO_COLOR"} | environment
+        process = subprocess.Popen([TOOL, *command.split()], stdout=terminal, stderr=terminal, env=environment)
+        os.close(terminal)
+        text = b""
+        with contextlib.suppress(OSError):  # at its end
+            while True:
+                text += os.read(ours, 65536)
+        os.close(ours)
+        return text.decode(), process.wait()
+
+    base("s")
+    same(run("report s")[1], 2, "a page on a terminal")
+    change("s/1.jrn", pathlib.Path("s/1.jrn").read_bytes().index(BLOBS[7]) + 100)
+    for what, has, text in (
+        ("a terminal", True, run("check s")[0]), ("NO_COLOR", False, run("check s", NO_COLOR="1")[0]), ("never", False, run("check s --color=never")[0]),
+        ("JSON", False, run("check s --json -q")[0]), ("a pipe", False, tool("check", "s").out.decode()), ("always", True, tool("check", "s", "--color=always").out.decode()),
+    ):
+        same(("\x1b[31m" in text, "\x1b[2m" in text), (has, has), f"red damage and dim hashes: {what}")
+    for columns in (60, 120):
+        widest = max(map(len, run("help repack", columns)[0].splitlines()))
+        same(columns - 20 < widest <= columns, True, f"{widest} columns of {columns}")
+
+
+scenario(by_hand, rows_of_arguments, many_records, beside_repacks, held, on_a_terminal)
