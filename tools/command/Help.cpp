@@ -245,15 +245,19 @@ _blobring_complete() {
   case $1 in
     STORE | SRC | DST | DIR | OUT) compgen -d -- "$2" ;;
     FILE | MANIFEST | PATH) compgen -f -- "$2" ;;
+    COMMAND) compgen -W "$_blobring_commands" -- "$2" ;;
     HASH) [[ $2 != ?? ]] || return; "${COMP_WORDS[0]}" ls -q -- "$3" "$2" 2>/dev/null | head -n 100 ;;
     *\|*) compgen -W "${1//|/ }" -- "$2" ;;
   esac
 }
 
 _blobring() {
+  local skipped
   while ((COMP_CWORD > 1)) && [[ ${COMP_WORDS[1]} == -* ]]; do  # options before the command
-    COMP_WORDS=("${COMP_WORDS[0]}" "${COMP_WORDS[@]:2}")
-    ((COMP_CWORD--))
+    [[ ${COMP_WORDS[1]} == --color ]] && skipped=2 || skipped=1
+    ((COMP_CWORD > skipped)) || break
+    COMP_WORDS=("${COMP_WORDS[0]}" "${COMP_WORDS[@]:skipped+1}")
+    ((COMP_CWORD -= skipped))
   done
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
   local options='' values='' arguments='' value first=2 i store='' kind=''
@@ -306,21 +310,26 @@ std::string ZshAction(const std::string& kind) {
     return "_files -/";
   if (kind == "FILE" || kind == "MANIFEST" || kind == "PATH") return "_files";
   if (kind == "HASH") return "_blobring_hashes";
+  if (kind == "COMMAND") return "_blobring_commands";
   std::string choices = kind;
   for (char& byte : choices)
     if (byte == '|') byte = ' ';
   return kind.find('|') == std::string::npos ? "" : "(" + choices + ")";
 }
 
+std::string ZshOption(const CLI::Option& option) {
+  const std::string kind = KindOf(option);
+  std::string text;
+  for (const std::string& name : NamesOf(option))
+    text += fmt::format(" \\\n        '{}{}[{}]{}'", IsRepeated(option) ? "*" : "", name,
+                        ZshText(option.get_description()),
+                        kind.empty() ? "" : fmt::format(":{}:{}", kind, ZshAction(kind)));
+  return text;
+}
+
 std::string ZshCommand(const NamedCommand& named) {
   std::string text = fmt::format("    '{}')\n      _arguments -S", named.name);
-  for (const CLI::Option* option : OptionsOf(*named.app, false)) {
-    const std::string kind = KindOf(*option);
-    for (const std::string& name : NamesOf(*option))
-      text += fmt::format(" \\\n        '{}{}[{}]{}'", IsRepeated(*option) ? "*" : "", name,
-                          ZshText(option->get_description()),
-                          kind.empty() ? "" : fmt::format(":{}:{}", kind, ZshAction(kind)));
-  }
+  for (const CLI::Option* option : OptionsOf(*named.app, false)) text += ZshOption(*option);
   int place = 0;
   for (const CLI::Option* argument : OptionsOf(*named.app, true)) {
     const std::string kind = KindOf(*argument);
@@ -334,18 +343,12 @@ std::string ZshCommand(const NamedCommand& named) {
 constexpr std::string_view kZshStart = R"zsh(#compdef blobring
 # Completion of blobring(1) for zsh.
 
-# The store is the first word behind the command that is no option.
+# The store is the first argument.
 _blobring_hashes() {
-  local store=${${words[2,-1]:#-*}[1]} word=$PREFIX
-  [[ $#word -ge 2 ]] && compadd -- ${(f)"$(blobring ls -q -- $store $word 2>/dev/null | head -n 100)"}
+  local word=$PREFIX
+  [[ $#word -ge 2 ]] && compadd -- ${(f)"$(blobring ls -q -- ${~${(Q)line[1]}} $word 2>/dev/null | head -n 100)"}
 }
 
-_blobring() {
-  local -a commands
-  while (( CURRENT > 2 )) && [[ $words[2] == -* ]]; do  # options before the command
-    words[2]=()
-    (( CURRENT-- ))
-  done
 )zsh";
 
 // The names of commands at one level, with their summaries, as zsh's _describe takes them.
@@ -407,8 +410,9 @@ std::string BashCompletion(const CLI::App& app) {
     if (option->get_group() == kCommonOptions)
       for (const std::string& name : NamesOf(*option)) common.push_back(name);
   text += fmt::format(
-      "  if ((COMP_CWORD == 1)); then\n"
-      "    mapfile -t COMPREPLY < <(compgen -W '{} {} --help --version' -- \"$current\")\n"
+      "  local _blobring_commands='{}'\n  if ((COMP_CWORD == 1)); then\n"
+      "    mapfile -t COMPREPLY < <(compgen -W \"$_blobring_commands {} --help --version\" -- "
+      "\"$current\")\n"
       "    return\n  fi\n",
       NamesBelow(app), fmt::join(common, " "));
   for (const CLI::App* command : Below(app))
@@ -425,20 +429,24 @@ std::string BashCompletion(const CLI::App& app) {
 }
 
 std::string ZshCompletion(const CLI::App& app) {
-  std::string text(kZshStart);
-  text += fmt::format(
-      "  if (( CURRENT == 2 )); then\n    commands=({})\n    _describe command commands\n"
-      "    return\n  fi\n  local command=$words[2]\n",
-      ZshNames(app));
+  std::string common;
+  for (const CLI::Option* option : OptionsOf(app, false)) common += ZshOption(*option);
+  std::string text = fmt::format(
+      "{}_blobring_commands() {{\n  local -a commands=({})\n  _describe command commands\n}}\n\n"
+      "_blobring() {{\n  local curcontext=$curcontext state line command\n  typeset -A opt_args\n"
+      "  _arguments -C -S{} \\\n        '1:command:_blobring_commands' "
+      "'*::argument:->argument' && [[ -z $state ]] && return\n"
+      "  [[ $state == argument ]] || return\n  command=$words[1]\n",
+      kZshStart, ZshNames(app), common);
   for (const CLI::App* command : Below(app))
     if (!Below(*command).empty())
       text += fmt::format(
-          "  if [[ $command == {0} ]]; then\n    if (( CURRENT == 3 )); then\n      "
-          "commands=({1})\n"
-          "      _describe command commands\n      return\n    fi\n    command+=\" $words[3]\"\n"
+          "  if [[ $command == {0} ]]; then\n    if (( CURRENT == 2 )); then\n      "
+          "local -a commands=({1})\n"
+          "      _describe command commands\n      return\n    fi\n    command+=\" $words[2]\"\n"
           "    shift words\n    (( CURRENT-- ))\n  fi\n",
           command->get_name(), ZshNames(*command));
-  text += "  shift words\n  (( CURRENT-- ))\n  case $command in\n";
+  text += "  case $command in\n";
   for (const NamedCommand& command : CommandsOf(app)) text += ZshCommand(command);
   return text + "  esac\n}\n\n_blobring \"$@\"\n";
 }

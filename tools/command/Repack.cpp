@@ -76,6 +76,7 @@ Repacked Run(const RepackOptions& options, Access access) {
     Inform("{:.1f} % is dead, less than {:.1f} %: nothing was changed", share, options.ifDead);
     return outcome(false);
   }
+  if (options.ifDead > 0 && !options.force) SayNeed(open.layout);
   if (options.dryRun) {
     Inform("a repack would leave {} of dead records behind, {:.1f} % of what is in use",
            HumanSize(dead), share);
@@ -97,8 +98,7 @@ ExitStatus Repack(const RepackOptions& options) {
   const Access access = options.dryRun  ? Access::kLook
                         : options.force ? Access::kChangeDamaged
                                         : Access::kChange;
-  const Layout layout = LayoutOf(options.at, access);
-  if (!options.force) SayNeed(layout);
+  if (!options.force && options.ifDead <= 0) SayNeed(LayoutOf(options.at, access));
   const Repacked repacked = Run(options, access);
   const BCStatistics& now = repacked.now;
   if (repacked.isDone && !options.dryRun)
