@@ -246,7 +246,7 @@ _blobring_complete() {
     STORE | SRC | DST | DIR | OUT) compgen -d -- "$2" ;;
     FILE | MANIFEST | PATH) compgen -f -- "$2" ;;
     COMMAND) compgen -W "$_blobring_commands" -- "$2" ;;
-    HASH) [[ $2 != ?? ]] || return; "${COMP_WORDS[0]}" ls -q -- "$3" "$2" 2>/dev/null | head -n 100 ;;
+    HASH) [[ $2 == ??* ]] || return; "${COMP_WORDS[0]}" ls -q -- "$3" "$2" 2>/dev/null | head -n 100 ;;
     *\|*) compgen -W "${1//|/ }" -- "$2" ;;
   esac
 }
