@@ -389,23 +389,7 @@ int BCLastErrorCode(int index) {
 }
 
 const char* BCErrorText(int code) {
-  static constexpr const char* kTexts[] = {
-      "no failure",
-      "another opener has a file",
-      "the disk, a quota, or a file at its limit is full",
-      "bytes on disk are not what a store wrote",
-      "a flush has failed",
-      "the store is closed or not loaded",
-      "no store there, or no such index",
-      "an invalid argument",
-      "the system refused a call",
-      "no memory",
-      "the store was opened for reading",
-      "not possible now",
-      "no such blob, file or directory",
-  };
-  static_assert(std::size(kTexts) == static_cast<int>(FailureCode::NotFound) + 1);
-  return code >= 0 && code < static_cast<int>(std::size(kTexts)) ? kTexts[code] : "unknown code";
+  return api::WordsFor(code);
 }
 
 int BCLastSystemError(int index) {

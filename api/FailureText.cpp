@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 namespace api {
 
@@ -16,26 +17,26 @@ constinit thread_local Texts ofThread;
 
 constexpr std::string_view kSeparator = ": ";
 
-std::string_view CauseOf(FailureCode code) {
-  switch (code) {
-    case FailureCode::Held:
-      return "another opener has a file of the store";
-    case FailureCode::Full:
-      return "there is no space left";
-    case FailureCode::Damaged:
-      return "what is on disk is not what a store wrote";
-    case FailureCode::InDoubt:
-      return "what the disk holds is unknown";
-    case FailureCode::Io:
-      return "the system refused a call";
-    case FailureCode::Memory:
-      return "there is no memory";
-    case FailureCode::NotFound:
-      return "there is no such blob, file or directory";
-    default:  // the store's own words
-      return {};
-  }
-}
+struct Cause {
+  const char* words;
+  bool beginsText = false;  // where the store's own words do not say it
+};
+constexpr Cause kCauses[] = {
+    {"no failure"},
+    {"another opener has a file of the store", true},
+    {"there is no space left", true},
+    {"what is on disk is not what a store wrote", true},
+    {"what the disk holds is unknown", true},
+    {"the store is closed or not loaded"},
+    {"no store there, or no such index"},
+    {"an invalid argument"},
+    {"the system refused a call", true},
+    {"there is no memory", true},
+    {"the store was opened for reading"},
+    {"not possible now"},
+    {"there is no such blob, file or directory", true},
+};
+static_assert(std::size(kCauses) == static_cast<int>(FailureCode::NotFound) + 1);
 
 FailureText& Target() {
   return ofThread.isOnStore ? ofThread.onStores : ofThread.without;
@@ -57,8 +58,9 @@ void FailureText::SetCause(const std::exception& e) {
   if (code != FailureCode::None) return;
   code = CodeOf(e);
   if (const auto* failure = dynamic_cast<const Failure*>(&e)) system = failure->system;
-  const std::string_view cause = CauseOf(code);
-  if (cause.empty()) return;
+  const Cause& known = kCauses[static_cast<int>(code)];
+  if (!known.beginsText) return;
+  const std::string_view cause = known.words;
   const std::size_t head = cause.size() + kSeparator.size();
   const std::size_t kept = std::min(length, kCapacity - 1 - head);
   std::memmove(text + head, text, kept);
@@ -78,6 +80,11 @@ void FailureText::Add(std::string_view line) {
   const std::size_t fits = std::min(line.size(), kCapacity - 1 - length);
   std::memcpy(text + length, line.data(), fits);
   length += fits;
+}
+
+const char* WordsFor(int code) {
+  return code >= 0 && code < static_cast<int>(std::size(kCauses)) ? kCauses[code].words
+                                                                  : "unknown code";
 }
 
 FailureText& OfCallsWithoutStore() {

@@ -46,6 +46,9 @@ class FailureText {
   char text[kCapacity] = {};
 };
 
+// A few words for a code; "unknown code" if there is no such code.
+const char* WordsFor(int code);
+
 // The calling thread's.
 FailureText& OfCallsWithoutStore();
 FailureText& OfCallsOnStores();

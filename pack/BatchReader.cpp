@@ -96,11 +96,9 @@ void BatchReader::ReadRun(Item* const* first, Item* const* end, unsigned char* b
 }
 
 bool BatchReader::LooksRight(const Item& item) const {
-  if (item.file == nullptr || item.got != item.RecordSize()) return false;
-  const format::RecordHeader head =
-      format::RecordHeader::Decode(buffer.data() + item.data - format::kStoreHeaderSize);
-  return head.op.op == format::kOpStore && head.size == item.size &&
-         std::memcmp(head.hash, item.hash.Bytes(), Hash::kSize) == 0;
+  return item.file != nullptr && item.got == item.RecordSize() &&
+         format::RecordHeader::IsOf(buffer.data() + item.data - format::kStoreHeaderSize,
+                                    item.hash.Bytes(), item.size);
 }
 
 void BatchReader::Verify() {

@@ -19,7 +19,7 @@ void BlobController::SetReadOnly() {
 
 bool BlobController::AddPackDir(std::string dir) {
   slots.Add(dir, readOnly);
-  NoteJournalEnd();
+  NoteFigures();
   return true;
 }
 
@@ -30,8 +30,10 @@ void BlobController::RequireSlotsOpen() const {
     throw Failure(FailureCode::Refused, "the store is in use, its slots are fixed");
 }
 
-void BlobController::NoteJournalEnd() {
-  journalEnd = slots.CurJournal() ? slots.CurJournal()->header.endOffset : 0;
+void BlobController::NoteFigures() {
+  constexpr auto kRelaxed = std::memory_order_relaxed;
+  journalEnd.store(slots.CurJournal() ? slots.CurJournal()->header.endOffset : 0, kRelaxed);
+  pendingCount.store(pending.size(), kRelaxed);
 }
 
 std::int32_t BlobController::GetBlobSize(Hash const& hash) {
@@ -84,7 +86,7 @@ bool BlobController::Close() {
     slots.EndLives();
   }
   if (!readOnly && GetCurrentProcessId() == openerProcess) slots.CutToRecords();
-  NoteJournalEnd();
+  NoteFigures();
   try {
     slots.Close();
   } catch (const std::exception& e) {

@@ -258,8 +258,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
     }
   };
 
-  // A record that a reader follows to wherever repacks take it.
-  class Followed;
+  class Pieces;
 
   void LoadFiles();
   bool LoadNewestPack(BlobFile::Entries& entries);
@@ -305,7 +304,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   Checked CheckAll(const ProgressCall& call);
   void CheckAfterFailure();
   bool EraseFiles();
-  void NoteJournalEnd();
+  void NoteFigures();
 
   // Held alone where a member that readers read changes.
   mutable ReadersLock readersLock;
@@ -313,8 +312,9 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   Slots slots;
   BlobFilePtr arriving;          // the next pack, while blobs are pointed to it
   std::uint32_t repackSlot = 0;  // of the last repack
-  // Of the current journal, pending changes included; changes without the lock.
-  std::atomic<std::uint32_t> journalEnd = 0;
+  // What statistics have to show of what changes without the lock.
+  std::atomic<std::uint32_t> journalEnd = 0;  // of the current one, pending changes included
+  std::atomic<std::size_t> pendingCount = 0;
   std::int64_t transactionId = 0;
 
   // An entry is valid until a read finds the blob damaged or in no current file. During a load the

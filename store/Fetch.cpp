@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <bitset>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <utility>
 
 #include "pack/BatchReader.h"
-#include "pack/PieceReader.h"
 #include "platform/Failure.h"
 #include "platform/Trace.h"
 #include "store/BlobController.h"
@@ -24,43 +22,57 @@ bool Matches(const Hash& hash, const unsigned char* data, std::uint32_t size) {
   return Finish(md5) == hash;
 }
 
-bool IsIn(const unsigned char* recordHeader, const Hash& hash, std::uint32_t size) {
-  const auto head = format::RecordHeader::Decode(recordHeader);
-  return head.op.op == format::kOpStore && head.size == size &&
-         std::memcmp(head.hash, hash.Bytes(), Hash::kSize) == 0;
-}
-
 }  // namespace
 
-class BlobController::Followed {
+// A blob that is read piece by piece, in memory that does not grow with it, wherever repacks take
+// its record meanwhile.
+class BlobController::Pieces {
  public:
-  Followed(BlobController& controller, const char* operationName, const Hash& blobHash)
+  // Throws "Unable to allocate memory".
+  Pieces(BlobController& controller, const char* operationName, const Hash& blobHash)
       : store(controller), operation(operationName), hash(blobHash) {
-    const std::shared_lock reading(store.readersLock);
-    Find();
+    {
+      const std::shared_lock reading(store.readersLock);
+      if (!Find()) return;
+    }
+    left = entry.size;
+    buffer.resize(format::kStoreHeaderSize + std::min(left, kPieceSize));
   }
 
   // Null without one; Absent() then says why.
   const BlobFile::BlobFileEntry* Entry() const { return entry.file ? &entry : nullptr; }
   Fetched Absent() const { return absent; }
 
-  // REQUIRES: there is an entry. This must outlive the reader.
-  PieceReader Reader() {
-    return PieceReader(hash, entry.size,
-                       [this](std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
-                         return Read(at, bytes, size);
-                       });
+  // The next bytes, at most kPieceSize, which remain valid until the next call; none at the end.
+  // The last ones come only if the whole blob matches its hash. Throws Failure when it does not,
+  // and when it cannot be read. REQUIRES: there is an entry.
+  std::span<const unsigned char> Next() {
+    const std::uint32_t head = at == 0 ? format::kStoreHeaderSize : 0;
+    const std::uint32_t size = std::min(left, kPieceSize);
+    if (head + size == 0) return {};
+    const BlobFile::RecordBytes got = Read(head + size);
+    if (got.held.size() < head + size)
+      throw File::ShortRead(head + size, static_cast<unsigned>(got.held.size()), got.code);
+    if (head > 0 && !format::RecordHeader::IsOf(buffer.data(), hash.Bytes(), left))
+      throw Failure(FailureCode::Damaged, "the record is not the blob's");
+    at += head + size;
+    left -= size;
+    md5.update(buffer.data() + head, size);
+    if (left == 0 && !(Finish(md5) == hash))
+      throw Failure(FailureCode::Damaged, "the data does not match the hash");
+    return got.held.subspan(head);
   }
 
  private:
-  BlobFile::RecordBytes Read(std::uint32_t at, unsigned char* bytes, std::uint32_t size) {
+  BlobFile::RecordBytes Read(std::uint32_t size) {
     const std::shared_lock reading(store.readersLock);
     if (entry.file->Life() != life && !Find())
       throw Failure(absent == Fetched::NotFound ? FailureCode::NotFound : FailureCode::Closed,
                     "the blob was deleted, or the store closed, while it was read");
-    return entry.file->ReadSome(entry.offset + at, bytes, size);
+    return entry.file->ReadSome(entry.offset + at, buffer.data(), size);
   }
 
+  // REQUIRES: the lock is held.
   bool Find() {
     const BlobFile::BlobFileEntry* found = store.FindLoaded(operation, hash, absent);
     if (found == nullptr) return false;
@@ -75,6 +87,10 @@ class BlobController::Followed {
   BlobFile::BlobFileEntry entry;  // keeps the file open
   std::uint32_t life = 0;
   Fetched absent = Fetched::Failed;
+  std::uint32_t at = 0;    // in the record
+  std::uint32_t left = 0;  // of the blob
+  MD5 md5;
+  PieceBuffer buffer;
 };
 
 // The entry of a blob; null where there is none, and `absent` then says why. REQUIRES: readersLock
@@ -125,7 +141,9 @@ bool BlobController::FetchAtOnce(const Hash& hash, const BlobFile::BlobFileEntry
                        (isSmall || readsAll(format::kStoreHeaderSize, buffer, size));
   reading.unlock();
   const unsigned char* data = isSmall ? record + format::kStoreHeaderSize : buffer;
-  if (!isThere || !IsIn(record, hash, size) || !Matches(hash, data, size)) return false;
+  if (!isThere || !format::RecordHeader::IsOf(record, hash.Bytes(), size) ||
+      !Matches(hash, data, size))
+    return false;
   // Not memcpy, of which g++ 12 makes an instruction (rep movs) that takes 60 ns longer.
   if (isSmall && size > 0) std::memmove(buffer, data, size);
   return true;
@@ -133,11 +151,10 @@ bool BlobController::FetchAtOnce(const Hash& hash, const BlobFile::BlobFileEntry
 
 // The same for a large one, piece by piece.
 bool BlobController::FetchInPieces(const Hash& hash, std::uint32_t size, unsigned char* buffer) {
-  Followed record(*this, "Fetch", hash);
-  if (record.Entry() == nullptr || record.Entry()->size != size) return false;
   try {
-    PieceReader reader = record.Reader();
-    for (auto piece = reader.Next(); !piece.empty(); piece = reader.Next())
+    Pieces pieces(*this, "Fetch", hash);
+    if (pieces.Entry() == nullptr || pieces.Entry()->size != size) return false;
+    for (auto piece = pieces.Next(); !piece.empty(); piece = pieces.Next())
       buffer = std::copy(piece.begin(), piece.end(), buffer);
     return true;
   } catch (const Failure&) {
@@ -182,15 +199,14 @@ BlobController::Fetched BlobController::Fetch(const Hash& hash, unsigned char* b
 }
 
 BlobController::Fetched BlobController::Read(const Hash& hash, const PieceSink& sink) {
-  Followed record(*this, "Read", hash);
-  if (record.Entry() == nullptr) return record.Absent();
-  PieceReader reader = record.Reader();
+  Pieces pieces(*this, "Read", hash);
+  if (pieces.Entry() == nullptr) return pieces.Absent();
   for (;;) {
     std::span<const unsigned char> piece;
     try {
-      piece = reader.Next();
+      piece = pieces.Next();
     } catch (const std::exception& e) {
-      return Unreadable("Read", *record.Entry(), e);
+      return Unreadable("Read", *pieces.Entry(), e);
     }
     if (piece.empty()) return Fetched::Read;
     if (!sink.Takes(piece)) return Fetched::Stopped;
@@ -278,7 +294,7 @@ BlobController::Statistics BlobController::GetStatistics() const {
       .blobCount = blobs.size(),
       .liveBytes = sizes.total,
       .largestBlob = sizes.largest,
-      .pendingCount = pending.size(),
+      .pendingCount = pendingCount,
       .packBytes = slots.CurPack() ? slots.CurPack()->header.endOffset : 0,
       .journalBytes = journalEnd,
       .repackedBytes = blobs.empty() ? format::kFileHeaderSize : RepackedSize(sizes),

@@ -25,7 +25,7 @@ bool BlobController::Load() {
     LoadFiles();
   } catch (const std::exception& e) {
     trace::NoteCause(e);
-    NoteJournalEnd();
+    NoteFigures();
     if (damagePolicy == DamagePolicy::Keep || readOnly) {
       if (refusal.code == FailureCode::None)
         RefuseChanges(FailureCode::Refused,
@@ -41,7 +41,7 @@ bool BlobController::Load() {
     DeleteFiles();
     return false;
   }
-  NoteJournalEnd();
+  NoteFigures();
   return state == State::Loaded;
 }
 

@@ -27,7 +27,6 @@ void PendingChanges::Expect(const Hash* hashes, std::size_t count) noexcept {
 
 void PendingChanges::Clear() noexcept {
   pendingEntries.clear();
-  entryCount = 0;
   lastByHash.Clear();
 }
 
@@ -50,7 +49,6 @@ void PendingChanges::ApplyTo(BlobIndex& blobs) noexcept {
     }
   });
   pendingEntries.clear();
-  entryCount = 0;
   if (pendingEntries.capacity() > kKeptEntries) Shrink();
 }
 

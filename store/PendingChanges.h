@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <atomic>
 #include <cstddef>
 #include <utility>
 
@@ -20,8 +19,7 @@ class PendingChanges {
   PendingChanges();
 
   bool empty() const { return pendingEntries.empty(); }
-  // Any thread may ask.
-  std::uint32_t size() const { return entryCount.load(std::memory_order_relaxed); }
+  std::size_t size() const { return pendingEntries.size(); }
 
   // The last change to a hash. Null if there is none.
   const Entry* Find(const Hash& hash) const;
@@ -41,7 +39,6 @@ class PendingChanges {
       write(entry);
       last->second = entry;
       pendingEntries.push_back(std::move(entry));
-      entryCount.fetch_add(1, std::memory_order_relaxed);
     } catch (...) {
       if (isNew) lastByHash.Erase(hash);
       throw;
@@ -62,6 +59,5 @@ class PendingChanges {
   void Shrink() noexcept;
 
   BlobFile::Entries pendingEntries;
-  std::atomic<std::uint32_t> entryCount = 0;
   BlobIndex lastByHash;
 };

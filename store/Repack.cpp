@@ -108,7 +108,7 @@ bool BlobController::Repack() {
     } else {
       RepackIntoNextSlot(sequence, unfinished);
     }
-    NoteJournalEnd();
+    NoteFigures();
     return true;
   } catch (const Stopped&) {
     slots.Journal(repackSlot)

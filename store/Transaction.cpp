@@ -75,7 +75,7 @@ bool BlobController::Change(Hash const& hash, Write write) {
       throw;
     }
   });
-  NoteJournalEnd();
+  NoteFigures();
   return true;
 }
 
@@ -182,7 +182,7 @@ void BlobController::AbandonPending() {
   if (pending.empty()) return;
   if (slots.CurJournal()) slots.CurJournal()->AbandonTransaction();
   pending.Clear();
-  NoteJournalEnd();
+  NoteFigures();
 }
 
 bool BlobController::StartTransaction(long long id) {
@@ -215,6 +215,6 @@ bool BlobController::EndTransaction(long long id) {
   const std::lock_guard alone(readersLock);
   hashCursor.reset();
   pending.ApplyTo(blobs);
-  NoteJournalEnd();
+  NoteFigures();
   return true;
 }

@@ -517,7 +517,7 @@ BLOBRING_API int BCLastError(int index, char* buffer, int capacity);
 BLOBRING_API int BCLastErrorCode(int index);
 
 /*
- * Returns a few words for a code: "another opener has a file". Static storage;
+ * Returns a few words for a code: "there is no space left". Static storage;
  * "unknown code" for a code that this library does not have.
  */
 BLOBRING_API const char* BCErrorText(int code);

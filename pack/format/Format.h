@@ -91,6 +91,12 @@ struct RecordHeader {
     if (header.op.op == kOpStore) header.size = Get32(in + kDeleteSize);
     return header;
   }
+  // Whether these kStoreHeaderSize bytes are that of a blob.
+  static bool IsOf(const unsigned char* in, const unsigned char* blobHash, std::uint32_t blobSize) {
+    const RecordHeader header = Decode(in);
+    return header.op.op == kOpStore && header.size == blobSize &&
+           std::memcmp(header.hash, blobHash, kHashSize) == 0;
+  }
 };
 
 // The header of a file. Rewriting it is what commits.

@@ -81,7 +81,7 @@ TEST(Store, ManyAtOnceAreWhatTheyAreOneByOne) {
   disk.Write(disk.Lookup("/s/0.jrn"), 64 + 36 + 36, "X", 1);
   const blobring::Error error = ErrorOf([&] { store.getMany(hashes); });
   EXPECT_EQ(error.code(), BLOBRING_ERROR_DAMAGED);
-  EXPECT_STREQ(BCErrorText(error.code()), "bytes on disk are not what a store wrote");
+  EXPECT_STREQ(BCErrorText(error.code()), "what is on disk is not what a store wrote");
   EXPECT_NE(std::string(error.what()).find("get " + hashes[1].text()), std::string::npos);
   store.eraseMany(std::span(sorted).first(400));
   EXPECT_TRUE(std::ranges::equal(store.hashes(), std::span(sorted).subspan(400)));
