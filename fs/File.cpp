@@ -81,20 +81,18 @@ unsigned File::read(char* buf, unsigned n) const {
   return n;
 }
 
-unsigned File::readAt(unsigned pos, unsigned char* buf, unsigned n, DWORD& code) const {
+BytesRead File::readSome(unsigned pos, unsigned char* buf, unsigned n) const {
   RequireOpen("read");
   DWORD got = 0;
   OVERLAPPED at{};
   at.Offset = pos;
   ReadFile(handle, buf, n, &got, &at);
-  code = GetLastError();
-  return got;
+  return {{buf, got}, n, GetLastError()};
 }
 
 void File::readAt(unsigned pos, unsigned char* buf, unsigned n) const {
-  DWORD code = ERROR_SUCCESS;
-  const unsigned got = readAt(pos, buf, n, code);
-  if (got != n) throw ShortRead(n, got, code);
+  const BytesRead got = readSome(pos, buf, n);
+  if (!got.IsAll()) throw ShortRead(n, static_cast<unsigned>(got.held.size()), got.code);
 }
 
 Failure File::ShortRead(unsigned n, unsigned got, DWORD code) {

@@ -4,16 +4,27 @@
 // Errors: Failure (std::runtime_error) whose text names the operation and carries the platform's
 // error code. Nothing is retried here. An operation on a closed File reports a fatal misuse to the
 // platform first.
-// Owns its handle; the destructor closes it. No locks: one caller at a time, but for readAt and
-// size, which any number of threads may call beside each other and beside one thread that reads and
-// writes at the position. Positions and sizes are bytes; from 2^31 on, seek fails.
+// Owns its handle; the destructor closes it. No locks: one caller at a time, but for readAt,
+// readSome and size, which any number of threads may call beside each other and beside one thread
+// that reads and writes at the position. Positions and sizes are bytes; from 2^31 on, seek fails.
 #pragma once
 
+#include <cstdint>
+#include <span>
 #include <string>
 
 #include "platform/BlobStoreBase.h"
 #include "platform/Failure.h"
 #include "platform/Win32.h"
+
+// What there was of the bytes that a reader asked for, and the platform's error where that is less.
+struct BytesRead {
+  std::span<const unsigned char> held;
+  std::uint32_t asked = 0;
+  std::uint32_t code = ERROR_SUCCESS;
+
+  bool IsAll() const { return held.size() == asked; }
+};
 
 class BLOBRING_EXPORT File : public BlobStoreBase {
  public:
@@ -39,9 +50,9 @@ class BLOBRING_EXPORT File : public BlobStoreBase {
   unsigned read(char* buf, unsigned n) const;
   unsigned write(char* buf, unsigned n);
 
-  // Reads at most n bytes from pos on, wherever the position is and stays. Returns how many there
-  // were before the end of the file or an error, and sets the platform's code.
-  unsigned readAt(unsigned pos, unsigned char* buf, unsigned n, DWORD& code) const;
+  // Reads at most n bytes from pos on, wherever the position is and stays. Throws if the file is
+  // not open.
+  BytesRead readSome(unsigned pos, unsigned char* buf, unsigned n) const;
   // Exactly n bytes, or an exception.
   void readAt(unsigned pos, unsigned char* buf, unsigned n) const;
 

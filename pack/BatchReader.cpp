@@ -74,10 +74,10 @@ void BatchReader::ReadRun(Item* const* first, Item* const* end, unsigned char* b
   const std::uint32_t start = (*first)->offset;
   while (first != end && file != nullptr) {
     const std::uint32_t from = (*first)->offset;
-    BlobFile::RecordBytes read{};
+    BytesRead read{};
     try {
-      read = file->ReadSome(from, bytes + (from - start),
-                            static_cast<std::uint32_t>(end[-1]->End() - from));
+      read = file->file.readSome(from, bytes + (from - start),
+                                 static_cast<std::uint32_t>(end[-1]->End() - from));
     } catch (const std::exception&) {
       (*first++)->failure = std::current_exception();
       continue;
@@ -124,7 +124,7 @@ bool BatchReader::Decode(std::size_t i, BlobPair& pair) {
   if (item.file == nullptr) throw Failure(FailureCode::Damaged, "the blob has no file");
   pair.hash = item.hash;
   pair.buffer = {Data(i), item.size};
-  const BlobFile::RecordBytes record{
+  const BytesRead record{
       {Data(i) - format::kStoreHeaderSize, item.got}, item.RecordSize(), item.code};
   if (!item.file->DecodeBlob(pair, item.offset, record, BlobPair::Patience::Rereads)) return false;
   item.file->RequireBlob(pair, item.offset, item.hash, item.size);

@@ -9,7 +9,6 @@
 #include <array>
 #include <cstdint>
 #include <exception>
-#include <vector>
 
 #include "md5/MD5.h"
 #include "pack/BlobFile.h"
@@ -66,9 +65,7 @@ class BatchReader {
   static void ReadRun(Item* const* first, Item* const* end, unsigned char* bytes);
   bool LooksRight(const Item& item) const;
 
-  std::vector<unsigned char,
-              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
-      buffer;
+  PooledBytes buffer;
   std::size_t used = 0;  // bytes of the records that were added
   std::size_t count = 0;
   std::array<Item, kMaxBlobs> items;

@@ -346,18 +346,11 @@ bool BlobFile::ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience 
   constexpr std::uint32_t kMaxSmallBlob = 4096;
   unsigned char bytes[format::kStoreHeaderSize + kMaxSmallBlob];
   const std::uint32_t dataSize = blob.buffer.size <= kMaxSmallBlob ? blob.buffer.size : 0;
-  return DecodeBlob(blob, offset, ReadSome(offset, bytes, format::kStoreHeaderSize + dataSize),
+  return DecodeBlob(blob, offset, file.readSome(offset, bytes, format::kStoreHeaderSize + dataSize),
                     patience);
 }
 
-BlobFile::RecordBytes BlobFile::ReadSome(std::uint32_t offset, unsigned char* bytes,
-                                         std::uint32_t size) const {
-  DWORD code = ERROR_SUCCESS;
-  const std::uint32_t got = file.readAt(offset, bytes, size, code);
-  return {{bytes, got}, size, code};
-}
-
-bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const BytesRead& record,
                           BlobPair::Patience patience) const {
   const auto got = static_cast<std::uint32_t>(record.held.size());
   if (got < format::kOpHeaderSize) throw File::ShortRead(format::kOpHeaderSize, got, record.code);
@@ -374,8 +367,8 @@ bool BlobFile::DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes
     throw File::ShortRead(sizeof(std::uint32_t), got - format::kDeleteSize, record.code);
   RecordHeader head = RecordHeader::Decode(record.held.data());
   blob.hash.setHash(head.hash);
-  const BlobPair::Data data{record.held.subspan(format::kStoreHeaderSize),
-                            record.asked - format::kStoreHeaderSize, record.code};
+  const BytesRead data{record.held.subspan(format::kStoreHeaderSize),
+                       record.asked - format::kStoreHeaderSize, record.code};
   blob.ReadData(file, offset + format::kOpHeaderSize, head.size, data, patience);
   return true;
 }

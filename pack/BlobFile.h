@@ -18,7 +18,7 @@
 // Errors: what File throws passes through, and Failure of its own. After a throw the file is, to a
 // later load, as it was before the call, and the call can be repeated.
 // No locks: one caller at a time. While that one neither opens nor closes the file, any number of
-// threads may call GetBlob, ReadBlob, ReadSome, DecodeBlob, RequireBlob and InDoubt.
+// threads may call GetBlob, ReadBlob, DecodeBlob, RequireBlob, InDoubt and file.readSome.
 // Sizes and offsets are bytes, 32 bits.
 #pragma once
 
@@ -160,22 +160,13 @@ class BLOBRING_EXPORT BlobFile : public BlobStoreBase {
   // not match its hash. See BlobPair::Read.
   bool GetBlob(BlobPair& blob, unsigned int offset);
 
-  // The same in two steps, for a reader of many records: `held` is what was read of a record when
-  // `asked` bytes were wanted, `code` the platform's error if it is less.
-  struct RecordBytes {
-    std::span<const unsigned char> held;
-    std::uint32_t asked;
-    std::uint32_t code;
-  };
-  bool DecodeBlob(BlobPair& blob, unsigned int offset, const RecordBytes& record,
+  // The second step of it, for a reader of many records, which has read this one or a part of it.
+  bool DecodeBlob(BlobPair& blob, unsigned int offset, const BytesRead& record,
                   BlobPair::Patience patience) const;
 
   // Throws if the record that was read is not that of the wanted blob, of wantedSize bytes.
   void RequireBlob(const BlobPair& read, unsigned int offset, const Hash& wanted,
                    std::uint32_t wantedSize) const;
-
-  // What may be there of `size` bytes at offset. Throws if the file is not open.
-  RecordBytes ReadSome(std::uint32_t offset, unsigned char* bytes, std::uint32_t size) const;
 
   // GetBlob, with or without waiting for a size that does not fit.
   bool ReadBlob(BlobPair& blob, unsigned int offset, BlobPair::Patience patience) const;

@@ -58,12 +58,12 @@ void BlobPair::Read(File& f, bool skipData) {
     return;
   }
 
-  ReadData(f, pos, stored, Data{}, Patience::Rereads);
+  ReadData(f, pos, stored, BytesRead{}, Patience::Rereads);
   f.seek(pos + format::kBodyHeadSize + buffer.size);
 }
 
-void BlobPair::ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
-                        Patience patience) {
+void BlobPair::ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored,
+                        const BytesRead& data, Patience patience) {
   if (buffer.size != stored)
     trace::pack.WriteErrorV("BlobPair::buffer.size(%d) != size(%d)", buffer.size, stored);
   if (buffer.size < stored && patience == Patience::Rereads) RereadSize(f, bodyOffset, stored);

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 
 #include "fs/File.h"
 #include "pack/Hash.h"
@@ -30,18 +29,11 @@ class BLOBRING_EXPORT BlobPair : private BlobStoreBase {
   // the buffer's bytes are then undefined.
   void Read(File& f, bool skipData);
 
-  // What the caller of ReadData has already read of the data: `held`, of `asked` bytes, and the
-  // platform's error if it is less. It may lie in the pair's buffer.
-  struct Data {
-    std::span<const unsigned char> held;
-    std::uint32_t asked = 0;
-    std::uint32_t code = 0;
-  };
   enum class Patience { Rereads, None };  // where the buffer is smaller than the stored size
 
-  // The rest of Read, after hash and stored size are known. Reads no byte twice, and leaves the
-  // position alone.
-  void ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored, const Data& data,
+  // The rest of Read, after hash and stored size are known, and what `data` has of the blob. That
+  // may lie in the pair's buffer. Reads no byte twice, and leaves the position alone.
+  void ReadData(const File& f, unsigned bodyOffset, std::uint32_t stored, const BytesRead& data,
                 Patience patience);
 
   Hash hash;

@@ -8,7 +8,6 @@
 
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "platform/BlobAllocator.h"
 
@@ -52,9 +51,7 @@ class GatherBuffer {
   void Digested(std::size_t size) { digested += static_cast<std::uint32_t>(size); }
 
  private:
-  std::vector<unsigned char,
-              BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>
-      bytes;
+  PooledBytes bytes;
   std::uint32_t start = 0;
   std::uint32_t written = 0;
   std::uint32_t digested = 0;

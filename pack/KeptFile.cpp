@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <optional>
-#include <vector>
 
 #include "fs/FileSystem.h"
 #include "pack/format/FileNames.h"
@@ -25,12 +24,11 @@ std::string FreeName(const std::string& path, unsigned limit) {
 
 void CopyBytes(File& from, File& to, unsigned begin, unsigned end) {
   if (begin >= end) return;
-  std::vector<char, BlobAllocator<char, TesselMemoryManager::kContainerPool, kTagBytes>> piece;
-  piece.resize(std::min(kPieceSize, end - begin));
+  PooledBytes piece(std::min(kPieceSize, end - begin));
   from.seek(begin);
   for (unsigned at = begin; at < end;) {
-    const unsigned n = from.read(piece.data(), std::min(kPieceSize, end - at));
-    at += to.write(piece.data(), n);
+    char* const bytes = reinterpret_cast<char*>(piece.data());
+    at += to.write(bytes, from.read(bytes, std::min(kPieceSize, end - at)));
   }
 }
 

@@ -3,17 +3,11 @@
 
 #include <cstdint>
 #include <span>
-#include <vector>
 
-#include "platform/BlobAllocator.h"
 #include "platform/Failure.h"
 
 // Bytes of a blob that are in memory at a time. The digest of a piece finds it in the caches.
 constexpr std::uint32_t kPieceSize = 64 * 1024;
-
-using PieceBuffer =
-    std::vector<unsigned char,
-                BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>;
 
 struct PieceSink {
   int (*function)(void* context, const unsigned char* data, int size);

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstdint>
 #include <span>
-#include <vector>
 
 #include "pack/BlobFile.h"
 #include "pack/format/ByteSource.h"
@@ -26,10 +25,6 @@ class Replay final : private format::ReadListener, private format::ByteSource {
   format::ReadResult Run(BlobFile::Entries& out, BlobFile::BlobFileMode mode, torn::Verdict& rest);
 
  private:
-  using Bytes =
-      std::vector<unsigned char,
-                  BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>;
-
   void OnRecord(std::size_t lane, const format::Record& record) override;
   void OnTransaction(std::size_t lane, const format::Transaction& transaction) override;
   void OnSingle(const format::Record& record) override;
@@ -46,5 +41,5 @@ class Replay final : private format::ReadListener, private format::ByteSource {
   std::uint64_t reported = 0;  // where progress was last told of
   BlobFile::Entries* entries = nullptr;
   std::array<BlobFile::Entries, format::RecordReader::kMost> lanes;
-  Bytes lent, window;
+  PooledBytes lent, window;
 };

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <vector>
 
 #include "platform/BlobStoreBase.h"
 #include "platform/Failure.h"
@@ -43,6 +44,10 @@ class BlobAllocator {
 
   friend bool operator==(const BlobAllocator&, const BlobAllocator&) { return true; }
 };
+
+using PooledBytes =
+    std::vector<unsigned char,
+                BlobAllocator<unsigned char, TesselMemoryManager::kContainerPool, kTagBytes>>;
 
 // Best-effort resize to `wanted` elements: if memory is short, to wanted/2, wanted/4, ..., but at
 // least `least`.

@@ -50,8 +50,8 @@ class BlobController::Pieces {
     const std::uint32_t head = at == 0 ? format::kStoreHeaderSize : 0;
     const std::uint32_t size = std::min(left, kPieceSize);
     if (head + size == 0) return {};
-    const BlobFile::RecordBytes got = Read(head + size);
-    if (got.held.size() < head + size)
+    const BytesRead got = Read(head + size);
+    if (!got.IsAll())
       throw File::ShortRead(head + size, static_cast<unsigned>(got.held.size()), got.code);
     if (head > 0 && !format::RecordHeader::IsOf(buffer.data(), hash.Bytes(), left))
       throw Failure(FailureCode::Damaged, "the record is not the blob's");
@@ -64,12 +64,12 @@ class BlobController::Pieces {
   }
 
  private:
-  BlobFile::RecordBytes Read(std::uint32_t size) {
+  BytesRead Read(std::uint32_t size) {
     const std::shared_lock reading(store.readersLock);
     if (entry.file->Life() != life && !Find())
       throw Failure(absent == Fetched::NotFound ? FailureCode::NotFound : FailureCode::Closed,
                     "the blob was deleted, or the store closed, while it was read");
-    return entry.file->ReadSome(entry.offset + at, buffer.data(), size);
+    return entry.file->file.readSome(entry.offset + at, buffer.data(), size);
   }
 
   // REQUIRES: the lock is held.
@@ -90,7 +90,7 @@ class BlobController::Pieces {
   std::uint32_t at = 0;    // in the record
   std::uint32_t left = 0;  // of the blob
   MD5 md5;
-  PieceBuffer buffer;
+  PooledBytes buffer;
 };
 
 // The entry of a blob; null where there is none, and `absent` then says why. REQUIRES: readersLock
@@ -135,7 +135,7 @@ bool BlobController::FetchAtOnce(const Hash& hash, const BlobFile::BlobFileEntry
   const std::uint32_t size = entry.size;
   const bool isSmall = size <= kMaxSmallBlob;
   const auto readsAll = [&](std::uint32_t at, unsigned char* bytes, std::uint32_t wanted) {
-    return entry.file->ReadSome(entry.offset + at, bytes, wanted).held.size() == wanted;
+    return entry.file->file.readSome(entry.offset + at, bytes, wanted).IsAll();
   };
   const bool isThere = readsAll(0, record, format::kStoreHeaderSize + (isSmall ? size : 0)) &&
                        (isSmall || readsAll(format::kStoreHeaderSize, buffer, size));

@@ -117,7 +117,7 @@ bool BlobController::Gather(BlobPair const& blob) {
 // A blob that one piece holds is right before anything of it is written.
 bool BlobController::StoreFrom(Hash const& hash, PieceSource& source) {
   const auto write = [&](BlobFile::BlobFileEntry& entry) {
-    PieceBuffer buffer(std::min(source.Left(), kPieceSize));
+    PooledBytes buffer(std::min(source.Left(), kPieceSize));
     if (source.Left() > buffer.size()) {
       slots.CurJournal()->StoreFrom(entry, hash, source, buffer);
       return;
