@@ -5,7 +5,7 @@ url=s3://fleet/all
 
 expect 4 "does not exist" remote init "$url"
 expect 2 "must be longer" remote init "$url" --grace 1h
-expect 0 "is a remote" remote init "$url" --create-bucket
+expect 0 "^.\"type\":\"remote_init\",\"url\":\"$url\",\"id\":\"[0-9a-f]+\"}$" remote init --json "$url" --create-bucket
 expect 2 "is a remote already" remote init "$url"
 expect 1 "is no remote" remote ls s3://fleet/other
 expect 4 "no whole snapshot" pull a "$url"
@@ -36,7 +36,7 @@ blobring push -q b "$url" --cache other >/dev/null
 sleep 2
 expect 1 "^$(cat other/id)/" remote ls "$url" --older-than 1s
 same "$(wc -l <expect.out)" 4
-expect 0 "1 snapshot forgotten" remote forget "$url" "$(cat other/id)"
+expect 0 "^.\"type\":\"forgotten\",\"store\":\"$(cat other/id)\",\"snapshots\":1}$" remote forget --json "$url" "$(cat other/id)"
 expect 4 "has no snapshot" remote forget "$url" "$(cat other/id)"
 
 # What lies beside a store is lost, and its id written back: its numbers go on.
