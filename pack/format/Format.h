@@ -140,4 +140,18 @@ struct TransactionBlock {
   }
 };
 
+// Begins a transaction.
+struct StartRecord {
+  OpHeader start{};
+  TransactionBlock block{};
+
+  void Encode(unsigned char* out) const {
+    start.Encode(out);
+    block.Encode(out + kOpHeaderSize);
+  }
+  static StartRecord Decode(const unsigned char* in) {
+    return {OpHeader::Decode(in), TransactionBlock::Decode(in + kOpHeaderSize)};
+  }
+};
+
 }  // namespace format

@@ -111,9 +111,10 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
   const std::uint64_t left = length - start - kOpHeaderSize;
   if (left < kBlockSize) return FileEnds(Place::kStart, start, kBlockSize, left);
   source.From(start, kLookAhead);
-  unsigned char bytes[kBlockSize];
-  source.Read(start + kOpHeaderSize, bytes, sizeof bytes);
-  const TransactionBlock block = TransactionBlock::Decode(bytes);
+  unsigned char bytes[kStartSize];
+  source.Read(start, bytes, sizeof bytes);
+  const StartRecord decoded = StartRecord::Decode(bytes);
+  const TransactionBlock& block = decoded.block;
   if (block.length == 0) return Fail({Cause::kNotEnded, Place::kStart, start, record});
   const std::uint64_t there = left - kBlockSize;
   if (block.length > there) {
@@ -122,7 +123,7 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
     return FileEnds(Place::kStart, start, std::min(block.length - whole, kPart), there - whole);
   }
   laneCount = 0;
-  AddLane(start, record, block);
+  AddLane(start, decoded);
   if (IsCompared(lanes[0].transaction)) {
     if (digests == Digests::kCompare) AddFollowing();
     Digest();
@@ -138,12 +139,11 @@ bool RecordReader::ReadTransactions(std::uint64_t start, const OpHeader& record)
   return true;
 }
 
-void RecordReader::AddLane(std::uint64_t start, const OpHeader& record,
-                           const TransactionBlock& block) {
+void RecordReader::AddLane(std::uint64_t start, const StartRecord& record) {
   Lane& lane = lanes[laneCount];
   lane.reader = this;
   lane.index = laneCount++;
-  lane.transaction = {record, block, start};
+  lane.transaction = {record, start};
   lane.at = lane.transaction.BodyOffset();
   lane.parser = RecordParser(lane.at);
 }
@@ -159,12 +159,12 @@ void RecordReader::AddFollowing() {
     unsigned char bytes[kEndSize + kStartSize];
     if (limit - end < sizeof bytes + kEndSize) return;
     source.Read(end, bytes, sizeof bytes);
-    const unsigned char* const start = bytes + kEndSize;
-    const OpHeader record = OpHeader::Decode(start);
-    const TransactionBlock block = TransactionBlock::Decode(start + kOpHeaderSize);
-    if (OpHeader::Decode(bytes).op != kOpEndTransaction || record.op != kOpStartTransaction) return;
-    if (block.length == 0 || block.length > limit - end - sizeof bytes - kEndSize) return;
-    AddLane(end + kEndSize, record, block);
+    const StartRecord record = StartRecord::Decode(bytes + kEndSize);
+    if (OpHeader::Decode(bytes).op != kOpEndTransaction || record.start.op != kOpStartTransaction)
+      return;
+    const std::uint32_t size = record.block.length;
+    if (size == 0 || size > limit - end - sizeof bytes - kEndSize) return;
+    AddLane(end + kEndSize, record);
   }
 }
 

@@ -23,9 +23,7 @@
 
 namespace format {
 
-struct Transaction {
-  OpHeader start{};
-  TransactionBlock block;
+struct Transaction : StartRecord {
   std::uint64_t offset = 0;  // of the start record
   std::uint64_t storeCount = 0;
   std::uint64_t deleteCount = 0;
@@ -138,7 +136,7 @@ class RecordReader {
 
   bool ReadNext();
   bool ReadTransactions(std::uint64_t start, const OpHeader& record);
-  void AddLane(std::uint64_t start, const OpHeader& record, const TransactionBlock& block);
+  void AddLane(std::uint64_t start, const StartRecord& record);
   void AddFollowing();
   bool IsCompared(const Transaction& transaction) const;
   void Digest();

@@ -8,6 +8,7 @@
 
 using format::OpHeader;
 using format::RecordHeader;
+using format::StartRecord;
 using format::TransactionBlock;
 
 namespace torn {
@@ -192,9 +193,9 @@ class Transaction {
 };
 
 bool IsStartWithLength(const unsigned char* bytes, std::uint32_t wanted) {
-  return bytes[0] == format::kOpStartTransaction &&
-         OpHeader::Decode(bytes).op == format::kOpStartTransaction &&
-         TransactionBlock::Decode(bytes + format::kOpHeaderSize).length == wanted;
+  if (bytes[0] != format::kOpStartTransaction) return false;  // as most bytes tell
+  const StartRecord record = StartRecord::Decode(bytes);
+  return record.start.op == format::kOpStartTransaction && record.block.length == wanted;
 }
 
 // Whether a whole transaction that begins behind `at` ends at `end`.
@@ -218,8 +219,7 @@ bool WholeTransactionEndsAt(std::uint32_t end, std::uint32_t at, format::ByteSou
       ++i;
     at += static_cast<std::uint32_t>(i);
     if (i == places) continue;
-    const TransactionBlock block =
-        TransactionBlock::Decode(held.data() + i + format::kOpHeaderSize);
+    const TransactionBlock block = StartRecord::Decode(held.data() + i).block;
     if (block.length > budget) return false;
     budget -= block.length;
     if (source.HasDigest(at + format::kStartSize, block.length, block.digest)) return true;

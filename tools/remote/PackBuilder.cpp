@@ -18,14 +18,12 @@ std::string FrontOf(const BuiltPack& pack, const blobring::Hash& bodyDigest) {
   header.recordCount = static_cast<uint32_t>(pack.index.places.size()) + 2;
   header.mode = 1;
   header.endOffset = static_cast<uint32_t>(pack.file->size());
-  format::TransactionBlock block;
-  block.maxBlobSize = maxBlobSize;
-  block.length = static_cast<uint32_t>(pack.file->size() - format::kEndSize - kRecordsBegin);
-  std::memcpy(block.digest, bodyDigest.data(), format::kDigestSize);
+  format::StartRecord start = {{format::kOpStartTransaction, 0}, {maxBlobSize}};
+  start.block.length = static_cast<uint32_t>(pack.file->size() - format::kEndSize - kRecordsBegin);
+  std::memcpy(start.block.digest, bodyDigest.data(), format::kDigestSize);
   unsigned char front[kRecordsBegin];
   header.Encode(front);
-  format::OpHeader{format::kOpStartTransaction, 0}.Encode(front + format::kFileHeaderSize);
-  block.Encode(front + format::kFileHeaderSize + format::kOpHeaderSize);
+  start.Encode(front + format::kFileHeaderSize);
   return {reinterpret_cast<const char*>(front), sizeof front};
 }
 

@@ -21,24 +21,20 @@ bool IsZero(SalvageFile& file, uint64_t at) {
   return true;
 }
 
-// Where the body of the transaction at `at` begins and ends; nothing if none begins there. Its end
-// is that of the file if it was not ended.
-struct Found {
-  uint64_t body;
-  uint64_t bodyEnd;
-  bool isEnded;
-};
-std::optional<Found> FindTransaction(SalvageFile& file, uint64_t at) {
-  std::array<unsigned char, format::kStartSize> bytes;
-  file.Read(at, bytes.data(), bytes.size());
-  if (format::OpHeader::Decode(bytes.data()).op != format::kOpStartTransaction) return std::nullopt;
-  const uint64_t body = at + format::kStartSize;
-  if (body > file.Length()) return std::nullopt;
-  const uint32_t length = format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize]).length;
-  if (length == 0 || length > file.Length() - body) return Found{body, file.Length(), false};
-  file.Read(body + length, bytes.data(), bytes.size());
-  const bool isEnded = format::OpHeader::Decode(bytes.data()).op == format::kOpEndTransaction;
-  return Found{body, isEnded ? body + length : file.Length(), isEnded};
+// The transaction that begins at `at`, if one does.
+std::optional<format::Transaction> FindTransaction(SalvageFile& file, uint64_t at) {
+  unsigned char bytes[format::kStartSize];
+  file.Read(at, bytes, sizeof bytes);
+  const format::Transaction found = {format::StartRecord::Decode(bytes), at};
+  const bool isStart = found.start.op == format::kOpStartTransaction;
+  return isStart && found.BodyOffset() <= file.Length() ? std::optional(found) : std::nullopt;
+}
+
+bool IsEnded(SalvageFile& file, const format::Transaction& transaction) {
+  if (transaction.block.length == 0 || transaction.BodyEnd() > file.Length()) return false;
+  unsigned char bytes[format::kEndSize];
+  file.Read(transaction.BodyEnd(), bytes, sizeof bytes);
+  return format::OpHeader::Decode(bytes).op == format::kOpEndTransaction;
 }
 
 }  // namespace
@@ -59,40 +55,40 @@ Rest RestOf(SalvageFile& file, const format::FileHeader& header, uint64_t at,
   if (at >= file.Length()) return {};
   const uint64_t size = file.Length() - at;
   if (IsZero(file, at)) return {Kind::kZeros, size, "zeros"};
-  const std::optional<Found> first = FindTransaction(file, at);
+  const std::optional<format::Transaction> first = FindTransaction(file, at);
   if (!first) return {Kind::kLeftovers, size, "leftovers, no record begins there"};
 
   // One transaction behind others is a commit whose header was not written. What an emptied file
   // holds, or more than one, is from before.
   const bool isEmptied =
       header.endOffset == format::kFileHeaderSize && header.sequence == format::kSequenceReset;
-  const uint64_t next = first->bodyEnd + format::kEndSize;
-  const bool isOlder = first->isEnded && (isEmptied || FindTransaction(file, next).has_value());
+  const bool isEnded = IsEnded(file, *first);
+  const bool isOlder = isEnded && (isEmptied || FindTransaction(file, first->End()).has_value());
   Rest rest = {Kind::kUnfinished, size, {}};
   if (isOlder)
     rest.kind = Kind::kOlder;
-  else if (first->isEnded)
+  else if (isEnded)
     rest.kind = Kind::kUncounted;
   else if (isEmptied && header.mode == 1)
     rest.kind = Kind::kUnfinishedRepack;
   uint64_t count = 0;
   uint64_t transactionCount = 0;
-  for (std::optional<Found> found = first; found; ++transactionCount) {
+  for (auto found = first; found; ++transactionCount) {
     ThrowIfInterrupted();
-    format::VisitRecords(file, found->body, found->bodyEnd, [&](const format::Record& each) {
+    const uint64_t end = IsEnded(file, *found) ? found->BodyEnd() : file.Length();
+    format::VisitRecords(file, found->BodyOffset(), end, [&](const format::Record& each) {
       if (HashOf(each) == blobring::Hash()) return false;  // zeros read as stores of nothing
       record(each, isOlder ? "stale" : "uncommitted");
       ++count;
       return true;
     });
-    at = found->bodyEnd + format::kEndSize;
-    found = isOlder ? FindTransaction(file, at) : std::nullopt;
+    found = isOlder ? FindTransaction(file, end + format::kEndSize) : std::nullopt;
   }
   const std::string records = Count(count, "whole record");
   if (isOlder)
     rest.what = fmt::format("{} of an older generation, {}", Count(transactionCount, "transaction"),
                             records);
-  else if (first->isEnded)
+  else if (isEnded)
     rest.what = fmt::format("a transaction whose commit did not reach the header, {}", records);
   else
     rest.what = fmt::format("an unfinished {}, {}",

@@ -86,7 +86,7 @@ class Scanner final : format::ReadListener {
     std::array<unsigned char, format::kStartSize> bytes;
     file_.Read(at, bytes.data(), bytes.size());
     Candidate record = {format::RecordHeader::Decode(bytes.data()),
-                        format::TransactionBlock::Decode(&bytes[format::kOpHeaderSize])};
+                        format::StartRecord::Decode(bytes.data()).block};
     const auto op = static_cast<uint32_t>(record.op());
     const bool hasHash = op == format::kOpStore || op == format::kOpDelete;
     if (op < kSizes.size() && kSizes[op] <= file_.Length() - at &&
