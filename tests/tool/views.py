@@ -94,17 +94,20 @@ def many_records():
 def beside_repacks():
     for slots in (1, 2):
         tool("init", "fresh", "--slots", slots, status=0)
-        for k in (4, 9, 8):
-            tool("put", "fresh", stdin=BLOBS[k], status=0)
-            tool("repack", "fresh", status=0) if k == 9 else None
-        for command in ("ls s --json", "check s --json", f"get s {HASHES[4].hex()}"):
+        large = bytes(600000)  # more than a reader holds
+        for blob in (BLOBS[5], BLOBS[4], large, BLOBS[9], BLOBS[8]):
+            tool("put", "fresh", stdin=blob, status=0)
+            tool("repack", "fresh", status=0) if blob == BLOBS[9] else None
+        tool("rm", "fresh", HASHES[5].hex(), md5(large).hex(), status=0)  # what lies behind moves
+        pathlib.Path("list").write_bytes(tool("ls", "fresh", status=0).out.replace(b"\n", b"  x\n"))
+        for command in ("ls s --json", "check s --json", "verify s list --json", f"get s {HASHES[4].hex()}"):
             for at in itertools.count(1):
                 shutil.rmtree("s", ignore_errors=True)
                 shutil.copytree("fresh", "s")
                 calls = {"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": f"'{TOOL}' repack -q s && '{TOOL}' repack -q s"}
                 got = tool(*command.split(), calls=calls)
                 view = View("s", slots)
-                wanted = {"ls": view.ls(), "check": view.check()}
+                wanted = {"ls": view.ls(), "check": view.check(), "verify": [{"hash": o["hash"]} for o in view.ls()]}
                 seen = [[(o.get("hash"), o.get("size"), o.get("sound")) for o in objects] for objects in (got.objects, wanted.get(command.split()[0], []))]
                 same((got.status, seen[0]), (0, seen[1]), f"{command} beside a repack at read {at}\n{got.err}")
                 same(got.out == BLOBS[4] or "--json" in command, True, command)

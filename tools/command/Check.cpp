@@ -18,8 +18,6 @@ struct CheckOptions {
   bool quick = false;      // headers alone
 };
 
-constexpr int kMostAttempts = 5;
-
 std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   std::vector<SlotFile> files;
   std::error_code ignored;
@@ -97,16 +95,9 @@ void SayAdvice(const StoreView& view) {
 
 ExitStatus Check(const CheckOptions& options) {
   if (options.quick) return CheckHeaders(options.at);
-  std::optional<StoreView> opened(options.at);
-  std::vector<BlobFault> faults = FindFaults(*opened, !options.structure);
-  for (int attempt = 0; !faults.empty() && opened->IsStale(); ++attempt) {
-    if (attempt == kMostAttempts)
-      throw CommandErrorOf<kHeld>(
-          "{} changed each time it was read: another process is at work on it", opened->path());
-    opened.emplace(options.at);  // what was read had been overwritten by a repack
-    faults = FindFaults(*opened, !options.structure);
-  }
-  const StoreView& view = *opened;
+  StoreView view(options.at);
+  const std::vector<BlobFault> faults =
+      view.Steadily([&] { return FindFaults(view, !options.structure); });
   const bool sound = faults.empty() && !view.damaged();
   std::string text;
   for (const BlobFault& fault : faults) {

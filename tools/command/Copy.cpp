@@ -63,9 +63,14 @@ LargeItem ItemOf(const StoreView& view, const ViewedBlob& blob) {
   return {blob.hash, blob.size, readAt, blob.hash.text()};
 }
 
-// Returns whether all could be read.
+struct Totals {
+  uint64_t blobs = 0;
+  uint64_t bytes = 0;
+};
+
+// Adds to the totals. Returns whether all could be read.
 bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blobs,
-               const StoreOptions& target) {
+               const StoreOptions& target, Totals& totals) {
   bool all = true;
   std::string unused;
   Buffer buffer;
@@ -79,6 +84,11 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
     bytes += blob->size;
   }
   Progress progress("copying", absent.size(), bytes);
+  const auto commit = [&] {
+    writer.Commit();
+    totals.blobs += writer.committedCount();
+    totals.bytes += writer.committedBytes();
+  };
   try {
     for (std::span<const ViewedBlob* const> rest = absent; !rest.empty();) {
       std::vector<BatchWriter::Item> items;
@@ -97,14 +107,13 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
       }
       writer.AddMany(items, [](const auto&, const auto&) {});
     }
-    writer.Commit();
   } catch (const Interrupted&) {
     writer.CommitInterrupted();
+  } catch (const StoreChanged&) {
+    commit();
+    throw;
   }
-  to.reset();
-  PrintTotals(writer.committedCount(), writer.committedBytes(), false);
-  Inform("{} copied, {}; {} had the others already", Count(writer.committedCount(), "blob"),
-         HumanSize(writer.committedBytes()), target.directory);
+  commit();
   return all;
 }
 
@@ -114,12 +123,22 @@ bool CopyBlobs(const StoreView& from, const std::vector<const ViewedBlob*>& blob
 ExitStatus Copy(const CopyOptions& options) {
   LayoutOf(options.to, Access::kChange);  // before the source is read
   const std::vector<std::string> names = HashArguments(options.hashes);
-  const StoreView from({options.from});
-  const NamedBlobs chosen = Chosen(from, names);
-  const bool sound = options.dryRun ? SayWhatIsMissing(chosen.blobs, options.to)
-                                    : CopyBlobs(from, chosen.blobs, options.to);
+  StoreView from({options.from});
+  Totals totals;
+  bool allThere = true;
+  const bool sound = from.Steadily([&] {
+    const NamedBlobs chosen = Chosen(from, names);
+    allThere = chosen.allThere;
+    return options.dryRun ? SayWhatIsMissing(chosen.blobs, options.to)
+                          : CopyBlobs(from, chosen.blobs, options.to, totals);
+  });
+  if (!options.dryRun) {
+    PrintTotals(totals.blobs, totals.bytes, false);
+    Inform("{} copied, {}; {} had the others already", Count(totals.blobs, "blob"),
+           HumanSize(totals.bytes), options.to.directory);
+  }
   if (!sound || from.damaged()) return kFault;
-  return chosen.allThere ? kSuccess : kNothing;
+  return allThere ? kSuccess : kNothing;
 }
 
 struct SyncOptions : CopyOptions {

@@ -250,6 +250,10 @@ ExitStatus Export(const ExportOptions& options) {
     target.Sync();
     throw Interrupted("interrupted: {} of {} restored", totals.fileCount,
                       Count(entries.size(), "file"));
+  } catch (const StoreChanged& changed) {
+    target.Sync();
+    throw StoreChanged("{}; {} of {} restored, run it again to go on", changed.what(),
+                       totals.fileCount, Count(entries.size(), "file"));
   }
   target.Sync();
   PrintObject({{"type", "export"},

@@ -39,12 +39,14 @@ ExitStatus AnswerBatch(StoreView& view) {
     std::string answer;
     const ViewedBlob* large = nullptr;  // read for its fault first, and again to be printed
     try {
-      view.Confirm({NamedOrNull(view, line)});
-      const ViewedBlob& blob = Named(view, line);
-      if (blob.size > kLargeSize) large = &blob;
-      answer = fmt::format("{} {}\n", blob.hash.text(), blob.size);
-      view.Read(blob, [&](std::string_view piece) {
-        if (large == nullptr) answer += piece;
+      view.Steadily([&] {
+        view.Confirm({NamedOrNull(view, line)});
+        const ViewedBlob& blob = Named(view, line);
+        large = blob.size > kLargeSize ? &blob : nullptr;
+        answer = fmt::format("{} {}\n", blob.hash.text(), blob.size);
+        view.Read(blob, [&](std::string_view piece) {
+          if (large == nullptr) answer += piece;
+        });
       });
     } catch (const NothingFound&) {
       answer = line + " missing";

@@ -36,6 +36,19 @@ Verdict Judge(const StoreView& view, const blobring::Hash& hash) {
   return Verdict::kOk;
 }
 
+// Of each blob that is listed. One of several names is read once.
+std::map<blobring::Hash, Verdict> JudgeAll(const StoreView& view,
+                                           const std::vector<ManifestEntry>& entries) {
+  std::map<blobring::Hash, Verdict> verdicts;
+  Progress progress("verifying", entries.size());
+  for (const ManifestEntry& entry : entries) {
+    progress.Advance(0);
+    const auto [at, isNew] = verdicts.try_emplace(entry.hash);
+    if (isNew) at->second = Judge(view, entry.hash);
+  }
+  return verdicts;
+}
+
 // Whether the store has what manifests list, each blob compared with its hash. Returns kFault for
 // damage, kNothing if something is missing.
 ExitStatus Verify(const VerifyOptions& options) {
@@ -47,16 +60,12 @@ ExitStatus Verify(const VerifyOptions& options) {
   std::optional<Output> out;
   if (!options.write.empty())
     out.emplace(options.write, options.force ? Existing::kReplace : Existing::kKeep);
-  const StoreView view(options.at);
-  std::map<blobring::Hash, Verdict> verdicts;  // a blob of several names is read once
+  StoreView view(options.at);
+  const auto verdicts = view.Steadily([&] { return JudgeAll(view, entries); });
   std::map<Verdict, uint64_t> counts;
   std::string text;
-  Progress progress("verifying", entries.size());
   for (const ManifestEntry& entry : entries) {
-    progress.Advance(0);
-    const auto [at, isNew] = verdicts.try_emplace(entry.hash);
-    if (isNew) at->second = Judge(view, entry.hash);
-    const Verdict verdict = at->second;
+    const Verdict verdict = verdicts.at(entry.hash);
     ++counts[verdict];
     if (consoleOptions.json)
       text += JsonLine({{"type", "verified"},

@@ -32,8 +32,6 @@ std::string HostName() {
   return ::gethostname(name, sizeof name - 1) == 0 ? name : "";
 }
 
-class StoreChanged {};
-
 class Pusher {
  public:
   Pusher(const StoreOptions& at, Remote& remote, LocalState& state, const std::string& message)
@@ -231,7 +229,6 @@ class Pusher {
     for (const ReadBlob& read : view_->ReadSome(rest, buffer_, kReadAtOnce)) {
       const ViewedBlob& blob = *read.blob;
       if (read.fault) {
-        if (view_->IsStale()) throw StoreChanged();
         Say("{}", read.fault->what());
         damaged_.insert(blob.hash);
         continue;

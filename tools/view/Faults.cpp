@@ -86,6 +86,7 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
   for (size_t i = 0; i < view.files().size(); ++i)
     if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
       ScanDamaged(view, i, faults);
+  if (!faults.empty()) view.RequireSteady();
   if (!blobsToo) return faults;
   const std::vector<const ViewedBlob*> blobs = view.InFileOrder();
   Progress progress("checking", blobs.size(), view.liveBytes());

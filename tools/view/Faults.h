@@ -31,7 +31,7 @@ uint64_t BytesWithoutRecord(const std::string& path);
 std::string FaultInSetAside(const std::string& path, const StoreView& view);
 
 // Compares live blobs with their hashes, looks into what is damaged, and counts what is in files
-// that are not shown.
+// that are not shown. Throws StoreChanged rather than call damaged what was overwritten.
 std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo);
 
 }  // namespace tool

@@ -188,15 +188,17 @@ void StoreView::Confirm(std::vector<const ViewedBlob*> blobs) {
   blobs.erase(std::unique(blobs.begin(), blobs.end()), blobs.end());
   Buffer buffer;
   Progress progress("comparing", blobs.size());
-  for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)
-    for (const ReadBlob& read : ReadSome(rest, buffer)) {
-      try {
+  try {
+    for (std::span<const ViewedBlob* const> rest = blobs; !rest.empty();)
+      for (const ReadBlob& read : ReadSome(rest, buffer)) {
         read.HandTo([](std::string_view) {});
-      } catch (const DamagedBlob&) {
-        return ReadAll();
+        progress.Advance(read.blob->size);
       }
-      progress.Advance(read.blob->size);
-    }
+  } catch (const DamagedBlob&) {
+    ReadAll();
+  } catch (const StoreChanged&) {
+    ReadAll();
+  }
 }
 
 void StoreView::Look() {
@@ -218,8 +220,7 @@ void StoreView::Look() {
       Inform("{} is open in process {} ({}) and may be changing", path_, holder.pid,
              holder.command);
   if (isStale)
-    throw CommandErrorOf<kHeld>(
-        "{} changed each time it was read: another process is at work on it", path_);
+    throw StoreChanged("{} changed each time it was read: another process is at work on it", path_);
   for (const std::string& text : findings_) SayDamage("{}", text);
   for (const std::string& text : notes_) Say("{}", text);
   Detail("{}: {} of generation {}, {}", path_, Count(blobs_.size(), "blob"), sequence_,
@@ -397,6 +398,11 @@ bool StoreView::IsStale() const {
   });
 }
 
+void StoreView::RequireSteady() const {
+  if (IsStale())
+    throw StoreChanged("{} changed while it was read: another process is at work on it", path_);
+}
+
 bool StoreView::HeadersChanged() const {
   return std::any_of(files_.begin(), files_.end(), [](const SlotFile& file) {
     return !SameStatus(ReadStatus(file.path), file.status);
@@ -447,23 +453,14 @@ void StoreView::Read(const ViewedBlob& blob, const TakeBytes& take) const {
   }
 }
 
-std::string_view StoreView::Read(const ViewedBlob& blob, Buffer& buffer) const {
-  Grow(buffer, blob.size);
-  char* to = buffer.data();
-  Read(blob, [&to](std::string_view piece) { to = std::ranges::copy(piece, to).out; });
-  return {buffer.data(), blob.size};
-}
-
 void StoreView::RequireHash(const ViewedBlob& blob, MD5& md5) const {
   blobring::Hash hash;
   md5.finalize();
   md5.raw_digest(hash.data());
   if (hash == blob.hash) return;
-  const std::string& file = files_[blob.file].path;
-  if (IsStale())
-    throw DamagedBlob("{} changed while the blob {} was read; try again", file, blob.hash.text());
+  RequireSteady();
   throw DamagedBlob("cannot read the blob {}: it does not match its hash in {} at {}",
-                    blob.hash.text(), file, blob.offset);
+                    blob.hash.text(), files_[blob.file].path, blob.offset);
 }
 
 void ReadBlob::HandTo(const TakeBytes& take) const {

@@ -41,6 +41,11 @@ class DamagedBlob : public Fault {
   using Fault::Fault;
 };
 
+// Another process has overwritten what was being read: whether it was sound cannot be told.
+class StoreChanged : public CommandErrorOf<kHeld> {
+  using CommandErrorOf::CommandErrorOf;
+};
+
 // Takes the next bytes of a blob, which remain valid until it returns.
 using TakeBytes = std::function<void(std::string_view)>;
 
@@ -71,18 +76,33 @@ class StoreView {
  public:
   // Looks at a directory, or at a single pack or journal. Finds the generation that a load would
   // choose, and lists its blobs. Says what is wrong with it and that another process may be
-  // changing it. Throws Fault or UsageError as LayoutOf does, and a failure of status kHeld if the
-  // store was repacked each time it was read.
+  // changing it. Throws Fault or UsageError as LayoutOf does, and StoreChanged if the store was
+  // repacked each time it was read.
   // Memory: 40 bytes for each blob, at most 2.5 times as much while it reads, and about 3 MiB.
   explicit StoreView(const StoreOptions& options, Depth depth = Depth::kAll);
 
   // Of a view that has read the records alone, a blob that is read and matches its hash is right.
   // That one is absent, or damaged, only one says that has read all.
   Depth depth() const { return depth_; }
-  // Looks again and reads all, if it has not. Pointers to blobs become invalid.
+  // Looks again. Pointers to blobs become invalid.
+  void Look();
+  // The same, and reads all, if it has not.
   void ReadAll();
   // The same if one of these is absent (null) or does not match its hash.
   void Confirm(std::vector<const ViewedBlob*> blobs);
+  // Returns what read() does. If that throws StoreChanged, looks again and calls it again, up to 5
+  // times.
+  template <class Read>
+  auto Steadily(const Read& read) {
+    for (int left = 5; left > 0; --left) {
+      try {
+        return read();
+      } catch (const StoreChanged&) {
+        Look();
+      }
+    }
+    return read();
+  }
 
   const std::string& path() const { return path_; }
   size_t slotCount() const { return files_.size() / 2; }         // 0: a single file
@@ -115,15 +135,17 @@ class StoreView {
   // Whether another process may have overwritten what this view shows. Commits do not do that.
   bool IsStale() const;
 
-  // Hands out a blob in pieces. Throws DamagedBlob if it does not match its hash, before the last
-  // piece has been handed out.
+  // Throws StoreChanged if IsStale().
+  void RequireSteady() const;
+
+  // Hands out a blob in pieces. Throws DamagedBlob if it does not match its hash, or StoreChanged,
+  // before the last piece has been handed out.
   void Read(const ViewedBlob& blob, const TakeBytes& take) const;
-  // The whole blob, in the buffer.
-  std::string_view Read(const ViewedBlob& blob, Buffer& buffer) const;
 
   // Reads blobs from the first of `rest` on, which then begins behind them: `most` bytes, or one
   // blob. They lie in the buffer, in the order that they have in `rest`. Digests many at a time. A
-  // blob larger than kLargeSize is left to HandTo, unless `most` is more than that.
+  // blob larger than kLargeSize is left to HandTo, unless `most` is more than that. Throws
+  // StoreChanged.
   std::vector<ReadBlob> ReadSome(std::span<const ViewedBlob* const>& rest, Buffer& buffer,
                                  uint64_t most = kLargeSize) const;
 
@@ -134,7 +156,6 @@ class StoreView {
   const std::vector<Holder>& holders() const { return holders_; }
 
  private:
-  void Look();
   void Build();
   void ChooseGeneration();
   bool ReadPack(size_t slot);
