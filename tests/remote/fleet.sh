@@ -7,7 +7,7 @@ expect 4 "does not exist" remote init "$url"
 expect 2 "must be longer" remote init "$url" --grace 1h
 expect 0 "^.\"type\":\"remote_init\",\"url\":\"$url\",\"id\":\"[0-9a-f]+\"}$" remote init --json "$url" --create-bucket
 expect 2 "is a remote already" remote init "$url"
-expect 1 "is no remote" remote ls s3://fleet/other
+expect 1 "is not a remote" remote ls s3://fleet/other
 expect 4 "no whole snapshot" pull a "$url"
 
 store a 1 2000

@@ -24,7 +24,8 @@ int DirectoryTree::OpenParent(const std::string& name, Missing missing) {
       ThrowErrno(fmt::format("make the directory {}/{}", root_, name));
     Fd next(::openat(above, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!next.valid() && (errno == ELOOP || errno == ENOTDIR))
-      throw Fault("cannot use {}/{}: {} is there and is no directory", root_, name, part.string());
+      throw Fault("cannot use {}/{}: {} is there and is not a directory", root_, name,
+                  part.string());
     if (!next.valid()) ThrowErrno(fmt::format("open the directory {}/{}", root_, name));
     at = std::move(next);
   }

@@ -214,8 +214,7 @@ std::string_view ReadStream(const std::string& path, Buffer& buffer) {
   if (path == "-") return ReadToEnd(STDIN_FILENO, 0, buffer, "standard input");
   const Fd fd = OpenToRead(AT_FDCWD, path, path, 0);
   const struct stat status = StatOf(fd.get(), path);
-  if (S_ISDIR(status.st_mode))
-    throw Fault("cannot store {}: it is a directory; use `blobring import`", path);
+  if (S_ISDIR(status.st_mode)) throw Fault("cannot read {}: it is a directory", path);
   const uint64_t size = S_ISREG(status.st_mode) ? static_cast<uint64_t>(status.st_size) : 0;
   return ReadToEnd(fd.get(), size, buffer, path);
 }

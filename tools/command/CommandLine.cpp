@@ -140,6 +140,11 @@ void CommandLine::AddPackDirs(CLI::App& command, std::vector<std::string>& packD
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
 }
 
+CLI::Option& CommandLine::AddHashes(CLI::App& command, std::vector<std::string>& hashes) {
+  return *command.add_option(
+      "HASH", hashes, "the blobs' hashes, or at least 6 digits of each; - for standard input");
+}
+
 void CommandLine::AddFilter(CLI::App& command, NameFilter& filter) {
   const auto add = [&command](const char* name, std::vector<std::string>& patterns,
                               const char* help) {

@@ -45,6 +45,8 @@ class CommandLine {
   // blobring.conf; one that changes takes --on-damage.
   static void AddStore(CLI::App& command, StoreOptions& at, Access access,
                        const char* name = "STORE");
+  // The argument HASH, of blobs that are named.
+  static CLI::Option& AddHashes(CLI::App& command, std::vector<std::string>& hashes);
   static void AddFilter(CLI::App& command, NameFilter& filter);
   static void AddPackDirs(CLI::App& command, std::vector<std::string>& packDirs, const char* help);
 

@@ -171,10 +171,7 @@ void AddCopy(CommandLine& line) {
                  Copy);
     command.add_option("SRC", options.from, "a store, or a pack or journal")->required();
     CommandLine::AddStore(command, options.to, Access::kChange, "DST");
-    command
-        .add_option("HASH", options.hashes,
-                    "the blobs' hashes, or at least 6 digits of each; - for standard input")
-        ->required();
+    CommandLine::AddHashes(command, options.hashes).required();
     command.add_flag("-n,--dry-run", options.dryRun, "print what is missing in DST, copy nothing");
   }
   {

@@ -21,9 +21,9 @@ std::map<blobring::Hash, std::optional<uint32_t>> ContentsOf(const std::string& 
                                                              bool& damaged) {
   std::map<blobring::Hash, std::optional<uint32_t>> contents;
   std::error_code ignored;
-  const bool isStore = std::filesystem::is_directory(path, ignored) ||
-                       path.find(".pak") != std::string::npos ||
-                       path.find(".jrn") != std::string::npos;
+  const std::string name = std::filesystem::path(path).filename().string();
+  const bool isStore = std::filesystem::is_directory(path, ignored) || name.ends_with(".pak") ||
+                       name.ends_with(".jrn") || format::FileName::Parse(name);
   if (!isStore) {
     for (const ManifestEntry& entry : ReadManifest(path)) contents[entry.hash] = std::nullopt;
     return contents;

@@ -219,7 +219,7 @@ ExitStatus SayWhatIsRestored(const StoreView& view, const std::vector<ManifestEn
 ExitStatus Export(const ExportOptions& options) {
   std::vector<ManifestEntry> entries = ReadManifest(options.manifest);
   std::erase_if(entries, [&options](const ManifestEntry& entry) {
-    return !options.filter.Takes(stdfs::path(entry.name).lexically_normal().string());
+    return !options.filter.Matches(stdfs::path(entry.name).lexically_normal().string());
   });
   for (const ManifestEntry& entry : entries)
     if (!IsSafe(entry.name))

@@ -75,7 +75,7 @@ ExitStatus AnswerBatch(StoreView& view) {
 ExitStatus Get(const GetOptions& options) {
   if (options.batch != options.hashes.empty()) throw UsageError("wanted either HASH or --batch");
   if (consoleOptions.json && (options.output.empty() || options.output == "-"))
-    throw UsageError("blobs are no JSON: with --json, `blobring get -o FILE` takes them");
+    throw UsageError("blobs are not JSON: with --json, use `blobring get -o FILE`");
   const std::vector<std::string> names = HashArguments(options.hashes);
   StoreView view(options.at, Depth::kRecords);
   if (options.batch) return AnswerBatch(view);
@@ -130,8 +130,7 @@ void AddGet(CommandLine& line) {
          "blobring get --batch /data/store < hashes"},
         Get);
     CommandLine::AddStore(command, options.at, Access::kLook);
-    command.add_option("HASH", options.hashes,
-                       "the blobs' hashes, or at least 6 digits of each; - for standard input");
+    CommandLine::AddHashes(command, options.hashes);
     command
         .add_option("-o,--output", options.output, "the file to write; one that exists is replaced")
         ->type_name("FILE");
@@ -142,10 +141,7 @@ void AddGet(CommandLine& line) {
         Group::kLook,
         {"cat", "write blobs to standard output", "", "blobring cat /data/store 591785b7"}, Get);
     CommandLine::AddStore(command, options.at, Access::kLook);
-    command
-        .add_option("HASH", options.hashes,
-                    "the blobs' hashes, or at least 6 digits of each; - for standard input")
-        ->required();
+    CommandLine::AddHashes(command, options.hashes).required();
   }
 }
 

@@ -51,8 +51,7 @@ std::string KindOf(const CLI::Option& option) {
   if (begin == std::string::npos)
     return option.get_positional() ? option.get_name() : ValueOf(option);
   std::string choices = type.substr(begin + 1, type.find('}') - begin - 1);
-  for (char& byte : choices)
-    if (byte == ',') byte = '|';
+  std::ranges::replace(choices, ',', '|');
   return choices;
 }
 
@@ -312,8 +311,7 @@ std::string ZshAction(const std::string& kind) {
   if (kind == "HASH") return "_blobring_hashes";
   if (kind == "COMMAND") return "_blobring_commands";
   std::string choices = kind;
-  for (char& byte : choices)
-    if (byte == '|') byte = ' ';
+  std::ranges::replace(choices, '|', ' ');
   return kind.find('|') == std::string::npos ? "" : "(" + choices + ")";
 }
 

@@ -58,18 +58,13 @@ struct SourceTree {
 // Their roots, open.
 using OpenTrees = std::map<std::string, DirectoryTree>;
 
-LargeItem Digest(OpenTrees& trees, const SourceTree::File& file) {
+int OpenParent(OpenTrees& trees, const SourceTree::File& file) {
   DirectoryTree& tree = trees.try_emplace(file.root, file.root).first->second;
-  const stdfs::path path(file.name);
-  const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
-  return DigestFile(parent, path.filename(), file.Path());
+  return tree.OpenParent(stdfs::path(file.name).parent_path(), DirectoryTree::Missing::kFail);
 }
 
-SourceFile Read(OpenTrees& trees, const SourceTree::File& file, Buffer& buffer) {
-  DirectoryTree& tree = trees.try_emplace(file.root, file.root).first->second;
-  const stdfs::path path(file.name);
-  const int parent = tree.OpenParent(path.parent_path(), DirectoryTree::Missing::kFail);
-  return ReadRegularFile(parent, path.filename(), file.Path(), buffer);
+LargeItem Digest(OpenTrees& trees, const SourceTree::File& file) {
+  return DigestFile(OpenParent(trees, file), stdfs::path(file.name).filename(), file.Path());
 }
 
 int ByName(const FTSENT** a, const FTSENT** b) {
@@ -107,6 +102,8 @@ void List(const std::string& from, const std::set<FileId>& exclude, const NameFi
       errno = entry->fts_errno != 0 ? entry->fts_errno : ENOTDIR;
       ThrowErrno("read " + from);
     }
+    if (isFile && stdfs::is_symlink(from))
+      throw UsageError("{} is a symbolic link; name the file itself", from);
     ThrowIfInterrupted();
     if (kind == FTS_D && entry->fts_level != 0 && filter.Excludes(name)) {
       leaveOut("not asked for", tree.filteredCount);
@@ -120,7 +117,7 @@ void List(const std::string& from, const std::set<FileId>& exclude, const NameFi
       leaveOut("not a regular file", tree.specialFileCount);
     } else if (kind == FTS_F && exclude.contains({status.st_dev, status.st_ino})) {
       leaveOut("of the store, or the manifest", tree.excludedCount);
-    } else if (kind == FTS_F && !filter.Takes(name)) {
+    } else if (kind == FTS_F && !filter.Matches(name)) {
       leaveOut("not asked for", tree.filteredCount);
     } else if (kind == FTS_F) {
       const auto size = static_cast<uint64_t>(status.st_size);
@@ -181,7 +178,8 @@ class Importer {
     const std::string path = file.Path();
     SourceFile source;
     try {
-      source = Read(trees_, file, buffer_);
+      source = ReadRegularFile(OpenParent(trees_, file), stdfs::path(file.name).filename(), path,
+                               buffer_);
     } catch (const Fault& fault) {
       ++totals_.failureCount;
       return Say("{}", fault.what());
@@ -266,7 +264,9 @@ void SayTotals(const SourceTree& tree, const ImportTotals& totals, double second
     leftOut.push_back(Count(tree.excludedCount, "file") + " of the store or the manifest");
   if (!leftOut.empty()) Inform("left out: {}", fmt::join(leftOut, ", "));
   if (tree.filteredCount != 0)
-    Inform("not asked for: {}", Count(tree.filteredCount, "file or directory"));
+    Inform("not asked for: {}", tree.filteredCount == 1
+                                    ? "1 file or directory"
+                                    : fmt::format("{} files and directories", tree.filteredCount));
   const uint64_t failed = totals.failureCount + tree.unreadableCount;
   if (failed != 0)
     Say("{} could not be stored and {} not in the manifest",

@@ -1,6 +1,5 @@
 // inspect.
 #include <algorithm>
-#include <array>
 #include <filesystem>
 #include <set>
 
@@ -175,9 +174,9 @@ class Inspector {
   }
 
   void PrintScanned(SalvageFile& file, uint64_t offset, std::string_view state) {
-    std::array<unsigned char, format::kStoreHeaderSize> status;
-    file.Read(offset, status.data(), status.size());
-    PrintRecord({format::RecordHeader::Decode(status.data()), offset}, state);
+    unsigned char bytes[format::kStoreHeaderSize];
+    file.Read(offset, bytes, sizeof bytes);
+    PrintRecord({format::RecordHeader::Decode(bytes), offset}, state);
   }
 
   void PrintDamage(SalvageFile& file, const Walked& walked) {

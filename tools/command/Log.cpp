@@ -16,8 +16,8 @@ struct LogOptions {
   StoreOptions at;
   bool stat = false;
   bool patch = false;
-  size_t most = 0;    // 0: all
-  std::string since;  // transaction id: only larger ones
+  size_t most = 0;               // 0: all
+  std::optional<int64_t> since;  // transaction id: only larger ones
 };
 
 void AddChanges(const StoreView& view, size_t journal, const format::Transaction& transaction,
@@ -61,33 +61,19 @@ std::string TransactionLine(const format::Transaction& transaction, bool stat) {
                      HumanSize(transaction.blobBytes), transaction.deleteCount);
 }
 
-int64_t ParseId(const std::string& text) {
-  size_t used = 0;
-  int64_t id = 0;
-  try {
-    id = std::stoll(text, &used);
-  } catch (const std::exception&) {
-    used = 0;
-  }
-  if (text.empty() || used != text.size())
-    throw UsageError("\"{}\" is no transaction id: wanted an integer", text);
-  return id;
-}
-
 // Prints the transactions of the journal, newest first.
 ExitStatus Log(const LogOptions& options) {
   const StoreView view(options.at);
   const ExitStatus status = view.damaged() ? kFault : kSuccess;
   if (view.current().empty()) return status;
   const size_t journal = view.current().back();
-  const std::optional<int64_t> since =
-      options.since.empty() ? std::nullopt : std::optional(ParseId(options.since));
   std::vector<format::Transaction> transactions;
   WalkOptions walk;
   walk.digests = Digests::kIgnore;  // the view has done so
   const uint64_t end = view.walked(journal).end;
   walk.transaction = [&](const format::Transaction& transaction) {
-    if (transaction.End() <= end && (!since || transaction.start.transactionId > *since))
+    if (transaction.End() <= end &&
+        (!options.since || transaction.start.transactionId > *options.since))
       transactions.push_back(transaction);
   };
   Walk(view.file(journal), view.files()[journal].status, walk);

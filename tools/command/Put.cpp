@@ -58,7 +58,8 @@ ExitStatus Put(const PutOptions& options) {
         try {
           bytes = ReadStream(file, buffer);
         } catch (const Fault& fault) {
-          Say("{}", fault.what());
+          const bool isDirectory = stdfs::is_directory(file, ignored);
+          Say("{}{}", fault.what(), isDirectory ? "; use `blobring import`" : "");
           all = false;
           continue;
         }

@@ -16,7 +16,7 @@ struct InitOptions {
   bool createBucket = false;
 };
 
-// A remote whose ETags are no MD5 digests is checked by size alone.
+// A remote whose ETags are not MD5 digests is checked by size alone.
 bool EtagIsMd5(Bucket& bucket) {
   const std::string key = "probe/" + Nonce();
   const std::string body = key + "\n";
@@ -51,7 +51,8 @@ ExitStatus InitRemote(const InitOptions& options) {
   if (!stored || stored->body != text)
     throw UsageError("another process has just made {} a remote", options.remote.url);
   if (!config.etagIsMd5)
-    Say("the ETags of this service are no MD5 digests: check compares sizes alone, unless it reads "
+    Say("the ETags of this service are not MD5 digests: check compares sizes alone, unless it "
+        "reads "
         "the data");
   PrintObject({{"type", "remote_init"}, {"url", options.remote.url}, {"id", config.id}});
   Inform("{} is a remote: pushes must finish within {}, garbage is kept for {}", options.remote.url,
@@ -116,7 +117,7 @@ struct ForgetOptions {
 
 ExitStatus Forget(const ForgetOptions& options) {
   if (!IsStoreId(options.store))
-    throw UsageError("\"{}\" is no store's id, 16 hexadecimal digits", options.store);
+    throw UsageError("not a store's id: \"{}\" (expected 16 hexadecimal digits)", options.store);
   Remote remote(options.remote);
   std::vector<std::string> keys;
   for (const auto& [key, name] :

@@ -102,8 +102,7 @@ void AddRemove(CommandLine& line) {
        "blobring rm --dry-run /data/store --not-in photos.md5 letters.md5"},
       Remove);
   CommandLine::AddStore(command, options.at, Access::kChange);
-  command.add_option("HASH", options.hashes,
-                     "the blobs' hashes, or at least 6 digits of each; - for standard input");
+  CommandLine::AddHashes(command, options.hashes);
   command
       .add_option("--not-in", options.notIn,
                   "delete every blob that none of these manifests lists; last on the line")

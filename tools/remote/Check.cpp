@@ -1,5 +1,6 @@
 // remote check: what is there against what is named.
 #include <algorithm>
+#include <charconv>
 #include <random>
 
 #include "tools/base/Console.h"
@@ -12,16 +13,10 @@ namespace {
 
 // "100" or "5%": the share of packs, as a percentage.
 double ShareOf(const std::string& text) {
-  std::string digits = text;
-  if (digits.ends_with('%')) digits.pop_back();
-  size_t used = 0;
+  const char* const end = text.data() + text.size();
   double share = 0;
-  try {
-    share = std::stod(digits, &used);
-  } catch (const std::exception&) {
-    used = 0;
-  }
-  if (used == 0 || used != digits.size() || !(share > 0 && share <= 100))
+  const std::string_view rest(std::from_chars(text.data(), end, share).ptr, end);
+  if ((!rest.empty() && rest != "%") || !(share > 0 && share <= 100))
     throw UsageError("--read-data takes a percentage above 0, up to 100, not \"{}\"", text);
   return share;
 }
@@ -40,7 +35,7 @@ class Checker {
     indexes_ = remote_.ReadIndexes(remote_.bucket.List("index/"));
     packs_ = remote_.bucket.List("packs/");
     for (const auto& [key, object] : packs_.objects)
-      if (NameIn(key).empty()) Find("{} is no pack's name", key);
+      if (NameIn(key).empty()) Find("{} is not the name of a pack", key);
     http.SetTick({});
   }
 

@@ -137,7 +137,7 @@ std::string Index::Encode() const {
 
 Index Index::Decode(std::string_view bytes, const std::string& name) {
   const auto damaged = [&name](const char* what) { return Fault("{} is damaged: {}", name, what); };
-  if (!bytes.starts_with(kIndexMagic)) throw damaged("it is no index of this version");
+  if (!bytes.starts_with(kIndexMagic)) throw damaged("it is not an index of this version");
   size_t packCount = 0;
   size_t placeCount = 0;
   const auto lineEnd = bytes.find('\n');
@@ -252,7 +252,8 @@ std::vector<std::string> DecodeTomb(const std::string& text, const std::string& 
   std::vector<std::string> keys;
   std::istringstream lines(text.substr(kFirstLine));
   for (std::string line; std::getline(lines, line);) {
-    if (NameIn(line).empty()) throw Fault("{} names {}, which is no pack or index", name, line);
+    if (NameIn(line).empty())
+      throw Fault("{} names {}, which is neither a pack nor an index", name, line);
     keys.push_back(line);
   }
   return keys;

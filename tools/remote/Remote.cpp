@@ -72,7 +72,7 @@ class Merger {
 Remote::Remote(const RemoteOptions& options) : bucket(ConnectionOf(options)) {
   const std::optional<Reply> reply = bucket.Get("blobring.json");
   if (!reply)
-    throw Fault("{} is no remote: it has no blobring.json; `blobring remote init {}` makes one",
+    throw Fault("{} is not a remote: it has no blobring.json; `blobring remote init {}` makes one",
                 options.url, options.url);
   config = RemoteConfig::Decode(reply->body);
   if (config.etagIsMd5 && reply->etag != DigestOf(reply->body).text())
@@ -171,7 +171,7 @@ void Remote::ReadIndexesInto(const Listing& listing, const std::set<std::string>
   for (const auto& [key, object] : listing.objects) {
     const std::string name = NameIn(key);
     if (name.empty()) {
-      Reject(key + " is no index's name");
+      Reject(key + " is not the name of an index");
       continue;
     }
     listed.insert(DigestIn(name));
@@ -208,7 +208,7 @@ std::map<std::string, SnapshotName> Remote::NamesOf(const Listing& snapshots) {
   for (const auto& [key, object] : snapshots.objects) {
     std::optional<SnapshotName> name = SnapshotName::Parse(key);
     if (!name || name->Key() != key) {
-      Reject(key + " is no snapshot's name");
+      Reject(key + " is not the name of a snapshot");
       continue;
     }
     name->size = object.size;
@@ -297,7 +297,7 @@ int64_t DurationOf(const std::string& text) {
       {"s", 1}, {"m", 60}, {"h", 3600}, {"d", 86400}};
   for (const auto& [unit, seconds] : kUnits)
     if (number >= 0 && number < 1000000 && rest == unit) return number * seconds;
-  throw UsageError("\"{}\" is no duration such as 90s, 30m, 24h or 7d", text);
+  throw UsageError("not a duration: \"{}\" (expected 90s, 30m, 24h, 7d or the like)", text);
 }
 
 }  // namespace tool::remote

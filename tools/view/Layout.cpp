@@ -141,4 +141,57 @@ Layout LayoutOf(const StoreOptions& options, Access access) {
   return said;
 }
 
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files) {
+  SwappedFiles found;
+  for (size_t i = 0; i < files.size(); ++i) {
+    const int32_t sequence = files[i].status.header.sequence;
+    if (files[i].status.state != FileStatus::State::kSound || sequence <= 0) continue;
+    const uint32_t slot = format::SlotOf(sequence, static_cast<uint32_t>(files.size() / 2));
+    if (slot != i / 2)
+      found.emplace_back(i,
+                         fmt::format("{} is of generation {}, which belongs to slot {}: it was "
+                                     "swapped with {}, or the store has other slots",
+                                     files[i].path, sequence, slot, files[2 * slot + i % 2].path));
+  }
+  return found;
+}
+
+format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot) {
+  const FileStatus& pack = files[2 * slot].status;
+  const FileStatus& journal = files[2 * slot + 1].status;
+  return {pack.header, journal.header, pack.state == FileStatus::State::kDamaged,
+          journal.state == FileStatus::State::kDamaged};
+}
+
+bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest) {
+  const format::SlotHeaders headers = HeadersOf(files, slot);
+  return headers.packIsDamaged || format::IsPackLost(headers, slot, newest);
+}
+
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {
+  int32_t newest = format::kSequenceReset;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].status.IsLoadable()) newest = std::max(newest, files[i].status.header.sequence);
+  std::vector<size_t> lost;
+  for (size_t i = 0; i < files.size(); i += 2)
+    if (files[i].status.state != FileStatus::State::kMissing && IsLost(files, i / 2, newest))
+      lost.push_back(i);
+  return lost;
+}
+
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files) {
+  std::set<std::string> directories;
+  for (const SlotFile& file : files)
+    directories.insert(stdfs::path(file.path).parent_path().string());
+  std::vector<std::string> paths;
+  std::error_code ignored;
+  for (const std::string& directory : directories)
+    for (const auto& entry : stdfs::directory_iterator(directory, ignored))
+      if (const auto name = format::FileName::Parse(entry.path().filename().string());
+          name && !name->IsOfSlot())
+        paths.push_back(entry.path().string());
+  std::sort(paths.begin(), paths.end());
+  return paths;
+}
+
 }  // namespace tool

@@ -10,6 +10,7 @@
 
 #include "pack/format/Conf.h"
 #include "pack/format/FileNames.h"
+#include "pack/format/Generation.h"
 #include "pack/format/Headers.h"
 
 namespace tool {
@@ -64,6 +65,24 @@ class Layout {
   std::string store_;
   std::vector<std::string> packDirs_;  // absolute, or "." for the store's own
 };
+
+// Files with the sequence of another slot, by their index, and what to say of each: two names were
+// swapped, or the slots are others.
+using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
+SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
+
+// Of files in which each pack comes before its journal.
+format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot);
+
+// Whether the pack of a slot is damaged or lost, where the newest of the others is of this
+// sequence.
+bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest);
+
+// The packs that are there and lost for all that the headers tell, by their index.
+std::vector<size_t> LostPacks(const std::vector<SlotFile>& files);
+
+// What loads and repacks have left in the directories of these files.
+std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files);
 
 // What a command line says about a store.
 struct StoreOptions {

@@ -189,24 +189,6 @@ class StoreView {
   std::vector<Holder> holders_;
 };
 
-// Files with the sequence of another slot, by their index, and what to say of each: two names were
-// swapped, or the slots are others.
-using SwappedFiles = std::vector<std::pair<size_t, std::string>>;
-SwappedFiles FindSwapped(const std::vector<SlotFile>& files);
-
-// Of files in which each pack comes before its journal.
-format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot);
-
-// Whether the pack of a slot is damaged or lost, where the newest of the others is of this
-// sequence.
-bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest);
-
-// The packs that are there and lost for all that the headers tell, by their index.
-std::vector<size_t> LostPacks(const std::vector<SlotFile>& files);
-
-// What loads and repacks have left in the directories of these files.
-std::vector<std::string> LeftoversBeside(const std::vector<SlotFile>& files);
-
 // Copies that the library made of damaged files, beside the store's: k.jrn.kept-N.
 std::vector<std::string> FilesSetAside(const StoreView& view);
 

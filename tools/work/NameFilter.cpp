@@ -31,7 +31,7 @@ bool NameFilter::Excludes(const std::string& name) const {
   return AnyMatches(exclude, name);
 }
 
-bool NameFilter::Takes(const std::string& name) const {
+bool NameFilter::Matches(const std::string& name) const {
   return (include.empty() || AnyMatches(include, name)) && !Excludes(name);
 }
 

@@ -8,7 +8,6 @@
 #include "tools/base/Console.h"
 #include "tools/base/Error.h"
 #include "tools/base/Interrupt.h"
-#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
@@ -74,35 +73,51 @@ blobring::Store Open(const StoreOptions& options, const Layout& layout, Access a
   return blobring::Store(layout.store(), raw);
 }
 
-// The cause in a sentence and what a user can do; nothing where the text itself says it.
-std::string_view AdviceFor(const blobring::Error& error) {
-  if (error.code() == BLOBRING_ERROR_HELD)
-    return "another process has the store open; wait until it is done and try again";
-  constexpr std::string_view kFull =
-      "the disk is full; free some space and try again, what was committed is safe";
-  switch (error.systemError()) {  // codes of the Win32 API reference
+// The cause, and what a user can do; nothing where the text itself says it.
+struct Advice {
+  std::string_view cause = {};
+  std::string_view action = {};
+  bool isOfFullDisk = false;
+};
+
+Advice AdviceFor(const std::exception& failure) {
+  const auto* const error = dynamic_cast<const blobring::Error*>(&failure);
+  if (error == nullptr) return {};
+  if (error->code() == BLOBRING_ERROR_HELD)
+    return {"another process has the store open", "wait until it is done and try again"};
+  switch (error->systemError()) {  // codes of the Win32 API reference
     case 0:
-      return error.code() == BLOBRING_ERROR_FULL ? "the journal is full; run `blobring repack` and "
-                                                   "try again, what was committed is safe"
-                                                 : "";
+      if (error->code() != BLOBRING_ERROR_FULL) return {};
+      return {"the journal is full",
+              "run `blobring repack` and try again, what was committed is safe"};
     case 4:
-      return "too many files are open; raise the limit (ulimit -n)";
+      return {"too many files are open", "raise the limit (ulimit -n)"};
     case 5:
-      return "permission is denied; look at the owner and mode of the store's files";
+      return {"permission is denied", "look at the owner and mode of the store's files"};
     case 8:
-      return "memory is short";
+      return {"memory is short"};
     case 19:
-      return "the file system is read-only";
+      return {"the file system is read-only"};
     case 39:
     case 112:
-      return kFull;
+      return {"the disk is full", "free some space and try again, what was committed is safe",
+              true};
     case 223:
-      return "a file may not grow further; look at the limit on file sizes (ulimit -f)";
+      return {"a file may not grow further", "look at the limit on file sizes (ulimit -f)"};
     case 1117:
-      return "the disk reports an error; look at the system's log";
+      return {"the disk reports an error", "look at the system's log"};
     default:
-      return "";
+      return {};
   }
+}
+
+// The first line of what the store itself says.
+std::string TextOf(const std::exception& failure) {
+  constexpr std::string_view kPrefix = "blobring: ";
+  std::string text = failure.what();
+  if (dynamic_cast<const blobring::Error*>(&failure) == nullptr) return text;
+  if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
+  return text.substr(0, text.find('\n'));
 }
 
 }  // namespace
@@ -142,24 +157,16 @@ std::vector<std::string> DrainTrace(int maxLevel) {
 }
 
 std::string Explain(const std::exception& failure) {
-  constexpr std::string_view kPrefix = "blobring: ";
-  std::string text = failure.what();
-  const auto* error = dynamic_cast<const blobring::Error*>(&failure);
-  if (error == nullptr) return text;
-  if (text.starts_with(kPrefix)) text.erase(0, kPrefix.size());
-  const std::string_view advice = AdviceFor(*error);
-  text.erase(std::min(text.find('\n'), text.size()));
-  return advice.empty() ? text : fmt::format("{} [{}]", advice, text);
+  const auto [cause, action, isOfFullDisk] = AdviceFor(failure);
+  const std::string text = TextOf(failure);
+  if (cause.empty()) return text;
+  return fmt::format("{}{}{} [{}]", cause, action.empty() ? "" : "; ", action, text);
 }
 
 std::string ExplainInLines(const std::exception& failure) {
-  std::string text = Explain(failure);
-  const auto* error = dynamic_cast<const blobring::Error*>(&failure);
-  const std::string_view advice = error != nullptr ? AdviceFor(*error) : "";
-  const size_t at = advice.find("; ");
-  if (!advice.starts_with("the disk is full; ")) return text;
-  return fmt::format("{}{}\n{}", advice.substr(0, at), text.substr(advice.size()),
-                     advice.substr(at + 2));
+  const auto [cause, action, isOfFullDisk] = AdviceFor(failure);
+  if (!isOfFullDisk) return Explain(failure);
+  return fmt::format("{} [{}]\n{}", cause, TextOf(failure), action);
 }
 
 }  // namespace tool
