@@ -54,23 +54,15 @@ namespace {
 
 using Fetched = BlobController::Fetched;
 
-// As the calls below report it.
-int ResultOf(Fetched fetched, std::uint32_t blobSize, int& size) {
+static_assert(static_cast<int>(Fetched::Read) == BLOBRING_FETCHED &&
+              static_cast<int>(Fetched::NotFound) == BLOBRING_NOT_FOUND &&
+              static_cast<int>(Fetched::Failed) == BLOBRING_FAILED &&
+              static_cast<int>(Fetched::TooSmall) == BLOBRING_TOO_SMALL &&
+              static_cast<int>(Fetched::Stopped) == BLOBRING_STOPPED);
+
+int SizeOf(Fetched fetched, std::uint32_t blobSize) {
   const bool isThere = fetched == Fetched::Read || fetched == Fetched::TooSmall;
-  size = isThere ? static_cast<int>(blobSize) : 0;
-  switch (fetched) {
-    case Fetched::Read:
-      return BLOBRING_FETCHED;
-    case Fetched::TooSmall:
-      return BLOBRING_TOO_SMALL;
-    case Fetched::NotFound:
-      return BLOBRING_NOT_FOUND;
-    case Fetched::Stopped:
-      return BLOBRING_STOPPED;
-    case Fetched::Failed:
-      break;
-  }
-  return BLOBRING_FAILED;
+  return isThere ? static_cast<int>(blobSize) : 0;
 }
 
 // Fetches at most kMostWanted blobs. Returns how many.
@@ -89,7 +81,8 @@ int FetchGroup(Call& call, BCFetchItem* items, std::size_t count) {
   call.Store().FetchMany(hashes, wanted, n);
   int fetched = 0;
   for (std::size_t i = 0; i < n; ++i) {
-    valid[i]->result = ResultOf(wanted[i].result, wanted[i].size, valid[i]->size);
+    valid[i]->size = SizeOf(wanted[i].result, wanted[i].size);
+    valid[i]->result = static_cast<int>(wanted[i].result);
     fetched += valid[i]->result == BLOBRING_FETCHED ? 1 : 0;
   }
   return fetched;
@@ -107,7 +100,8 @@ int BCFetch(int index, const unsigned char* hash, unsigned char* buffer, int cap
     trace::WriteHashEvent(trace::kEventGet, hash);
     std::uint32_t blobSize = 0;
     const Fetched fetched = call.Store().Fetch(api::ToHash(hash), buffer, Word(capacity), blobSize);
-    return ResultOf(fetched, blobSize, *size);
+    *size = SizeOf(fetched, blobSize);
+    return static_cast<int>(fetched);
   });
 }
 
@@ -117,10 +111,9 @@ int BCRead(int index, const unsigned char* hash, BCSink* sink, void* context) {
     return BLOBRING_FAILED;
   return call.Catch({"BCRead threw an exception:"}, BLOBRING_FAILED, [&] {
     trace::WriteHashEvent(trace::kEventGet, hash);
-    int size = 0;
     const Fetched fetched = call.Store().Read(api::ToHash(hash), {sink, context});
     if (fetched == Fetched::Stopped) call.Refuse(FailureCode::Refused, "the sink has stopped it");
-    return ResultOf(fetched, 0, size);
+    return static_cast<int>(fetched);
   });
 }
 
@@ -204,14 +197,10 @@ int BCCheck(int index) {
   Call call("BCCheck", index);
   if (!call) return BLOBRING_CHECK_FAILED;
   return call.Catch({"BCCheck threw an exception:"}, BLOBRING_CHECK_FAILED, [&] {
-    switch (call.Store().Check()) {
-      case BlobController::Checked::Sound:
-        return BLOBRING_CHECK_SOUND;
-      case BlobController::Checked::Faulty:
-        return BLOBRING_CHECK_FAULTY;
-      case BlobController::Checked::Stopped:
-        break;
-    }
-    return BLOBRING_CHECK_STOPPED;
+    using Checked = BlobController::Checked;
+    static_assert(static_cast<int>(Checked::Stopped) == BLOBRING_CHECK_STOPPED &&
+                  static_cast<int>(Checked::Faulty) == BLOBRING_CHECK_FAULTY &&
+                  static_cast<int>(Checked::Sound) == BLOBRING_CHECK_SOUND);
+    return static_cast<int>(call.Store().Check());
   });
 }

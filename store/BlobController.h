@@ -125,7 +125,7 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   // Reads a committed blob into a buffer of `capacity` bytes (may be null if that is 0). Sets size
   // to the blob's size for Read and TooSmall. Failed, after a message: it cannot be read, does not
   // match its hash, or the store is not loaded; the buffer's bytes are undefined. Never checks or
-  // closes the store and never waits.
+  // closes the store and never waits. The values of Fetched are part of the interface.
   enum class Fetched { Read, NotFound, Failed, TooSmall, Stopped };
   Fetched Fetch(const Hash& hash, unsigned char* buffer, std::uint32_t capacity,
                 std::uint32_t& size);
@@ -170,8 +170,8 @@ class BLOBRING_EXPORT BlobController : public BlobStoreBase {
   static void ForgetCheck() noexcept;
 
   // Fsck with progress. Stopped: no fault so far. Throws also if a check is running, or the store
-  // is not loaded or closed meanwhile.
-  enum class Checked { Sound, Faulty, Stopped };
+  // is not loaded or closed meanwhile. The values are part of the interface.
+  enum class Checked { Stopped = -1, Faulty, Sound };
   Checked Check();
 
   // The progress callback of Load, Check and Repack. The caller owns its context. A check goes on
