@@ -158,7 +158,7 @@ std::vector<std::string> DrainTrace(int maxLevel) {
 
 std::string Explain(const std::exception& failure) {
   const auto [cause, action, isOfFullDisk] = AdviceFor(failure);
-  const std::string text = TextOf(failure);
+  std::string text = TextOf(failure);
   if (cause.empty()) return text;
   return fmt::format("{}{}{} [{}]", cause, action.empty() ? "" : "; ", action, text);
 }
