@@ -33,16 +33,15 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   std::vector<BlobFault> faults;
   for (const SlotFile& file : files) {
     if (file.status.state == FileStatus::State::kMissing && isUsed)
-      faults.push_back({file.path, 0, std::nullopt, 0, "missing"});
+      faults.push_back({file.path, "missing"});
     if (file.status.state == FileStatus::State::kDamaged)
-      faults.push_back({file.path, 0, std::nullopt, 0, "damaged header"});
+      faults.push_back({file.path, "damaged header"});
   }
   if (!isStore) return faults;
-  for (const auto& [file, text] : FindSwapped(files))
-    faults.push_back({files[file].path, 0, std::nullopt, 0, text});
+  for (const auto& [file, text] : FindSwapped(files)) faults.push_back({files[file].path, text});
   for (const size_t file : LostPacks(files))
     if (files[file].status.state != FileStatus::State::kDamaged)
-      faults.push_back({files[file].path, 0, std::nullopt, 0, "lost, maybe the newest pack"});
+      faults.push_back({files[file].path, "lost, maybe the newest pack"});
   return faults;
 }
 
@@ -87,12 +86,6 @@ bool IsSetAside(const BlobFault& fault) {
   return name && name->IsSetAside();
 }
 
-void SayAdvice(const StoreView& view) {
-  Say("`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
-      "restores files from what is shown; or restore a backup",
-      view.path());
-}
-
 ExitStatus Check(const CheckOptions& options) {
   if (options.quick) return CheckHeaders(options.at);
   StoreView view(options.at);
@@ -134,7 +127,9 @@ ExitStatus Check(const CheckOptions& options) {
                              : "every blob is sound",
          isWhole && !sound ? ", but there is more in what was set aside" : "");
   if (!isWhole)
-    SayAdvice(view);
+    Say("`blobring salvage {} NEW` copies all that can be read into a new store, `blobring export` "
+        "restores files from what is shown; or restore a backup",
+        view.path());
   else if (!sound)
     Say("`blobring salvage {0} NEW` copies them too into a new store, `blobring clean --delete "
         "--force {0}` gives them up",

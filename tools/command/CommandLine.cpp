@@ -15,7 +15,7 @@ namespace {
 // Taken before the command as well.
 void AddCommonOptions(CLI::App& app) {
   const auto addFlag = [&app](const char* name, bool& flag, const char* help) {
-    app.add_flag(name, flag, help)->group("Options of every command");
+    app.add_flag(name, flag, help)->group(kCommonOptions);
   };
   addFlag("--json", consoleOptions.json, "print results as JSON, one object a line");
   addFlag("-q,--quiet", consoleOptions.quiet, "say only what went wrong");
@@ -25,7 +25,7 @@ void AddCommonOptions(CLI::App& app) {
   app.add_option("--color", consoleOptions.color, "auto: on a terminal, unless NO_COLOR is set")
       ->type_name("WHEN")
       ->check(CLI::IsMember({"auto", "always", "never"}))
-      ->group("Options of every command");
+      ->group(kCommonOptions);
 }
 
 // Letters that differ, are missing or too many (Levenshtein).

@@ -1,5 +1,7 @@
 // diff.
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <map>
 
 #include "tools/base/Console.h"
@@ -43,8 +45,12 @@ ExitStatus Diff(const DiffOptions& options) {
   uint64_t onlyA = 0;
   uint64_t onlyB = 0;
   std::string text;
-  const auto add = [&text](bool isInA, const auto& entry) {
-    const auto& [hash, size] = entry;
+  std::vector<std::pair<blobring::Hash, std::optional<uint32_t>>> differing;
+  std::set_symmetric_difference(a.begin(), a.end(), b.begin(), b.end(),
+                                std::back_inserter(differing), a.value_comp());
+  for (const auto& [hash, size] : differing) {
+    const bool isInA = a.contains(hash);
+    ++(isInA ? onlyA : onlyB);
     if (consoleOptions.json) {
       Json object = {{"type", "difference"}, {"only_in", isInA ? "a" : "b"}, {"hash", hash.text()}};
       if (size) object["size"] = *size;
@@ -52,20 +58,6 @@ ExitStatus Diff(const DiffOptions& options) {
     } else {
       text += fmt::format("{} {}{}\n", isInA ? '-' : '+', hash.text(),
                           size ? " " + std::to_string(*size) : "");
-    }
-  };
-  auto inA = a.begin();
-  auto inB = b.begin();
-  while (inA != a.end() || inB != b.end()) {
-    if (inB == b.end() || (inA != a.end() && inA->first < inB->first)) {
-      ++onlyA;
-      add(true, *inA++);
-    } else if (inA == a.end() || inB->first < inA->first) {
-      ++onlyB;
-      add(false, *inB++);
-    } else {
-      ++inA;
-      ++inB;
     }
   }
   PrintText(text);

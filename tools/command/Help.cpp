@@ -162,8 +162,6 @@ std::string ManualOption(const CLI::Option& option) {
                      kind.empty() ? "" : " " + Italic(kind), Roff(option.get_description()));
 }
 
-constexpr std::string_view kCommonOptions = "Options of every command";
-
 bool IsCommon(const CLI::Option& option) {
   return option.get_group() == kCommonOptions || option.check_name("--help");
 }

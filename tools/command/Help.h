@@ -7,6 +7,9 @@
 
 namespace tool {
 
+// The group of the options that every command takes.
+inline constexpr const char* kCommonOptions = "Options of every command";
+
 // For --help: the kind of an argument without the parser's own remarks.
 std::shared_ptr<CLI::Formatter> HelpFormatter();
 

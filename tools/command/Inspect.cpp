@@ -29,6 +29,9 @@ class Inspector {
   Inspector(std::string path, const InspectOptions& options)
       : path_(std::move(path)), options_(options) {}
 
+  // Whether the transaction that was asked for is not in it.
+  bool notFound() const { return notFound_; }
+
   // Returns whether the file is sound.
   bool Run() {
     const FileStatus status = ReadStatus(path_);
@@ -225,9 +228,6 @@ class Inspector {
   bool tableBegun_ = false;  // a transaction was printed
   bool digestOk_ = true;
   bool notFound_ = false;
-
- public:
-  bool notFound() const { return notFound_; }
 };
 
 // A store stands for its files and what was set aside of them.

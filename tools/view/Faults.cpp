@@ -21,10 +21,10 @@ void ScanDamaged(const StoreView& view, size_t index, std::vector<BlobFault>& fa
   for (const SalvagedRecord& record : scan.records) {
     if (record.kind != SalvagedRecord::Kind::kBroken || record.offset < damage.offset) continue;
     isNamed = true;
-    faults.push_back({path, record.offset, record.hash, record.blobSize,
-                      "does not match its hash, or is cut off"});
+    faults.push_back({path, "does not match its hash, or is cut off", record.offset, record.hash,
+                      record.blobSize});
   }
-  if (!isNamed) faults.push_back({path, damage.offset, std::nullopt, 0, damage.what});
+  if (!isNamed) faults.push_back({path, damage.what, damage.offset});
 }
 
 }  // namespace
@@ -76,13 +76,12 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
       if (view.files()[file].status.state != FileStatus::State::kMissing)
         paths.push_back(view.files()[file].path);
     faults.push_back(
-        {pack, 0, std::nullopt, 0,
-         fmt::format("missing from what is shown: {} of {}",
-                     Count(BlobsOnlyIn(paths, view), "blob"), fmt::join(paths, " and "))});
+        {pack, fmt::format("missing from what is shown: {} of {}",
+                           Count(BlobsOnlyIn(paths, view), "blob"), fmt::join(paths, " and "))});
   }
   for (const std::string& path : FilesSetAside(view))
     if (const std::string what = FaultInSetAside(path, view); !what.empty())
-      faults.push_back({path, 0, std::nullopt, 0, what});
+      faults.push_back({path, what});
   for (size_t i = 0; i < view.files().size(); ++i)
     if (view.isWalked(i) && view.walked(i).damage && !view.walked(i).lastIsTorn)
       ScanDamaged(view, i, faults);
@@ -97,8 +96,8 @@ std::vector<BlobFault> FindFaults(const StoreView& view, bool blobsToo) {
       try {
         read.HandTo([](std::string_view) {});
       } catch (const DamagedBlob&) {
-        faults.push_back({view.files()[blob.file].path, blob.offset, blob.hash, blob.size,
-                          "does not match its hash"});
+        faults.push_back({view.files()[blob.file].path, "does not match its hash", blob.offset,
+                          blob.hash, blob.size});
       }
       progress.Advance(blob.size);
     }

@@ -13,10 +13,10 @@ namespace tool {
 // "fault": a blob of a current file that cannot be read, or a part of one that is damaged.
 struct BlobFault {
   std::string path;
-  uint64_t offset = 0;
-  std::optional<blobring::Hash> hash;
-  uint64_t size = 0;
   std::string what;
+  uint64_t offset = 0;
+  std::optional<blobring::Hash> hash = {};
+  uint64_t size = 0;
 };
 Json FaultObject(const BlobFault& fault);
 
