@@ -64,11 +64,13 @@ bool Slots::MarkLost(const format::Generation& shown) {
   format::FindLost(shown, size(), headersOf, [&](std::uint32_t slot) {
     foundAny = true;
     if (slot == shown.packSlot && packFiles[slot]->IsDamaged()) return;  // read whole
+    const bool isImpossible =
+        format::IsImpossible(packFiles[slot]->header, slot, shown.sequence, size());
     packFiles[slot]->MarkDamaged();
     trace::engine.WriteErrorV(
-        "BlobController::Load %s is damaged or lost: if it was the newest pack, an older "
+        "BlobController::Load %s is damaged or lost%s: if it was the newest pack, an older "
         "generation is shown",
-        packFiles[slot]->path);
+        packFiles[slot]->path, isImpossible ? ", or the header of the pack that is shown is" : "");
   });
   return foundAny;
 }

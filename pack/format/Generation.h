@@ -56,13 +56,24 @@ struct SlotHeaders {
   bool journalIsDamaged;
 };
 
+// Whether no repacks can have left this pack beside one of sequence `newest`: the header of one of
+// them is damaged, and the headers do not tell which.
+constexpr bool IsImpossible(const FileHeader& pack, std::uint32_t slot, std::int32_t newest,
+                            std::uint32_t slotCount) {
+  if (pack.sequence == 0) return pack.recordCount != 0 && slot != 0;
+  return pack.sequence < kSequenceReset ||
+         (pack.sequence > 0 && std::int64_t{newest} - pack.sequence >= slotCount);
+}
+
 // Whether the pack of a slot was lost, where the newest of the others is of sequence `newest`. A
 // pack that was cut to nothing, or whose header was lost, does not say that it was the newest. Its
 // journal may: it takes the pack's sequence with a commit in the session of the repack, and keeps
 // the mark of having been emptied by one otherwise. What such a journal holds rests on blobs that
 // are not there. A journal with a damaged header tells only that there was a repack, and that only
 // in a slot that begins with one.
-constexpr bool IsPackLost(const SlotHeaders& files, std::uint64_t slot, std::int32_t newest) {
+constexpr bool IsPackLost(const SlotHeaders& files, std::uint32_t slot, std::int32_t newest,
+                          std::uint32_t slotCount) {
+  if (IsImpossible(files.pack, slot, newest, slotCount)) return true;
   const bool isNew = files.pack.sequence == 0 && files.pack.recordCount == 0;
   if (files.journalIsDamaged) return isNew && slot != 0;
   return files.journal.recordCount != 0 && (IsNewer(files.journal.sequence, newest) ||
@@ -79,7 +90,7 @@ void FindLost(const Generation& shown, std::uint32_t slotCount, const HeadersOf&
     // Under another name, the pack of the journal is not lost.
     const bool isElsewhere = slot == shown.journalSlot && slot != shown.packSlot &&
                              !IsNewer(files.journal.sequence, shown.sequence);
-    if (files.packIsDamaged || (!isElsewhere && IsPackLost(files, slot, shown.sequence)))
+    if (files.packIsDamaged || (!isElsewhere && IsPackLost(files, slot, shown.sequence, slotCount)))
       report(slot);
   }
 }

@@ -303,8 +303,11 @@ class View:
         return [f for k, f in enumerate(self.files) if f.state == "sound" and f.sequence > 0 and f.sequence % slots != k // 2]
 
     def is_lost(self, k, newest):
-        """Whether the pack has lost its header, or is empty where there was a repack, as its journal says."""
+        """Whether the pack has lost its header, is empty where there was a repack, as its journal says, or
+        has a sequence that no repacks can have given it."""
         pack, journal = self.files[k : k + 2]
+        if pack.sequence < -1 or (newest - pack.sequence >= len(self.files) // 2 if pack.sequence > 0 else k and pack.sequence == 0 and pack.count):
+            return True
         fresh = (pack.sequence, pack.count) == (0, 0)
         if "damaged" in (pack.state, journal.state):
             return pack.state == "damaged" or fresh and k != 0

@@ -13,7 +13,7 @@
 namespace tool::remote {
 namespace {
 
-constexpr uint64_t kMostInMemory = uint64_t{128} << 20;
+constexpr uint64_t kMostInMemory = uint64_t{192} << 20;
 std::atomic<uint64_t> inMemory = 0;  // bytes that are reserved
 
 }  // namespace

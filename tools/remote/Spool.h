@@ -12,7 +12,7 @@ namespace tool::remote {
 // Threads: one at a time uses a Spool. Different ones may be made and used on different threads.
 class Spool {
  public:
-  // In memory if maxSize bytes still fit into the 128 MiB that all Spools share; else, or for 0, in
+  // In memory if maxSize bytes still fit into the 192 MiB that all Spools share; else, or for 0, in
   // a file in $TMPDIR or /var/tmp. More may be written. Throws Fault, as all calls do.
   explicit Spool(uint64_t maxSize = 0);
   ~Spool();

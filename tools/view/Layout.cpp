@@ -165,7 +165,8 @@ format::SlotHeaders HeadersOf(const std::vector<SlotFile>& files, size_t slot) {
 
 bool IsLost(const std::vector<SlotFile>& files, size_t slot, int32_t newest) {
   const format::SlotHeaders headers = HeadersOf(files, slot);
-  return headers.packIsDamaged || format::IsPackLost(headers, slot, newest);
+  return headers.packIsDamaged || format::IsPackLost(headers, static_cast<uint32_t>(slot), newest,
+                                                     static_cast<uint32_t>(files.size() / 2));
 }
 
 std::vector<size_t> LostPacks(const std::vector<SlotFile>& files) {

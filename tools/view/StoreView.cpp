@@ -246,8 +246,13 @@ void StoreView::FindLostPacks(const format::Generation& shown) {
     notShown_.push_back(slot);
     const char* const age =
         WasNewest(slot) ? "it was the newest pack, and" : "if it was the newest pack,";
-    findings_.push_back(fmt::format("{} is damaged or lost: {} what is shown is older",
-                                    files_[2 * size_t{slot}].path, age));
+    const SlotFile& pack = files_[2 * size_t{slot}];
+    const std::string what = format::IsImpossible(pack.status.header, slot, sequence_,
+                                                  static_cast<uint32_t>(slotCount()))
+                                 ? fmt::format("the header of {} or of {} is damaged", pack.path,
+                                               files_[current_[0]].path)
+                                 : pack.path + " is damaged or lost";
+    findings_.push_back(fmt::format("{}: {} what is shown is older", what, age));
   });
 }
 
