@@ -160,7 +160,7 @@ def disturbed():
 
 # Statuses of commands in such a directory, and behind a # what is said. A status of 2 says that nothing was changed.
 REFUSED = f"""
-2:|frobnicate s|ls s --frobnicate|help frobnicate|ls s --slots 3|init s --slots 3|init s --pack-dir tree|init x --pack-dir p
+2: # a command is missing; `blobring --help`|remote # `blobring remote --help`|frobnicate s|ls s --frobnicate|help frobnicate|ls s --slots 3|init s --slots 3|init s --pack-dir tree|init x --pack-dir p
 2:put|import s tree -m old|get s {FOUR} -o link|export s one-space x|export s bad-escape x|export s zero x|export s absolute x|export s up x
 2:export s slash x|rm s|rm s {FOUR} --not-in m|rm s --not-in nothing|rm s --not-in m nothing|rm s --not-in gone|rm s --not-in m one-space
 2:stats s # did you mean stat?|ls s --jsn # did you mean --json?|import s tree tree # two files would be called|copy s t|salvage s t|salvage s s/x|verify s m --write m|repack --if-dead 101% s

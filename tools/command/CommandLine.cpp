@@ -77,7 +77,12 @@ std::string DidYouMean(std::string_view word, const std::vector<std::string>& na
       throw UsageError("there is no option {}{}; see `blobring {}--help`", unknown[0],
                        DidYouMean(unknown[0].substr(0, unknown[0].find('=')), names), name);
     }
-    if (given.empty()) break;
+    if (given.empty()) {
+      if (command->get_require_subcommand_min() == 0 ||
+          dynamic_cast<const CLI::RequiredError*>(&error) == nullptr)
+        break;
+      throw UsageError("a command is missing; `blobring {}--help` lists them", name);
+    }
     command = given[0];
     name += command->get_name() + " ";
   }
