@@ -92,8 +92,7 @@ blobring import -q b tree >/dev/null
 echo "rate=1000000" >control
 "$tool" push b "$url" >out 2>&1 &
 until [ "$(ls b/remote/*/pending 2>/dev/null | wc -l)" -ge 2 ]; do sleep 0.1; done
-kill -TERM $!
-kill -HUP $! # at once: one of the two alone counts
+for signal in STOP TERM HUP CONT; do kill -$signal $!; done # one of two at once counts alone
 status=0
 wait $! || status=$?
 same "$status" 130

@@ -257,7 +257,7 @@ void AddPrune(CommandLine& line) {
        "blobring remote prune s3://fleet/all --keep-last 7 --keep-within 30d"},
       Prune);
   AddUrl(command, options.remote);
-  const auto addCount = [&command](const char* name, uint32_t& count, const char* help) {
+  const auto addCount = [&command = command](const char* name, uint32_t& count, const char* help) {
     command.add_option(name, count, help)->type_name("N")->check(CLI::Range(1U, 1000000U));
   };
   addCount("--keep-last", options.keepLast, "snapshots to keep of each store");
