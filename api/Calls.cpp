@@ -168,8 +168,8 @@ int BCShutdown(int index, bool flag) {
 
 namespace {
 
-// The notes come once it is known that the call does not run in a sink, which would get them and
-// call again.
+// Traced only after the nesting check: a sink that calls BCDispose would get these lines and call
+// it again.
 int Dispose(int index, bool isOuter) {
   Call call("BCDispose");
   if (!call.RequireOutermost()) return 0;

@@ -18,9 +18,6 @@ using platform::FileDescriptor;
 using platform::PathName;
 using platform::Result;
 
-// How often the target of a replacement may come and go before we give up.
-constexpr int kMaxAttempts = 16;
-
 // Locks the file that path leads to, so that no opener has it while its name is changed. What is
 // not a regular file, a link to nothing included, needs no lock. ENOENT is an answer to act on: a
 // file made after it may be held by its creator. EACCES: we may not open the file.
@@ -61,7 +58,7 @@ bool IsProtected(const struct stat& status) {
 // A target that is absent cannot be locked, and another process may make and open it at any moment:
 // then only a rename that replaces nothing is safe.
 int RenameReplacing(const char* from, const char* to, bool areOurs) {
-  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+  for (int attempt = 0; attempt < platform::kMaxRaces; ++attempt) {
     FileDescriptor target;
     int error = areOurs ? 0 : Hold(to, target);
     if (error == 0) {

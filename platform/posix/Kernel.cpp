@@ -51,10 +51,6 @@ DWORD CodeOf(int error) {
   return ERROR_GEN_FAILURE;
 }
 
-// How often a name may be moved or deleted under us before we give up. Each time another process
-// has got something done.
-constexpr int kMaxAttempts = 16;
-
 // Merely opening a device or a FIFO can act on what is behind it, so the answer comes before the
 // open, and again after it.
 int Admit(const struct stat& status, int flags) {
@@ -160,7 +156,7 @@ FileDescriptor Open(const char* path, int flags) {
 }
 
 int OpenExclusively(const char* path, int flags, FileDescriptor& file) {
-  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+  for (int attempt = 0; attempt < kMaxRaces; ++attempt) {
     if (const int error = OpenOnce(path, flags, file); error != ESTALE) return error;
   }
   return EAGAIN;

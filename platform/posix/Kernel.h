@@ -57,6 +57,10 @@ constexpr WCHAR Widened(char byte) {
 // into buffer. REQUIRES: path has fewer than PATH_MAX bytes.
 const char* ParentOf(const char* path, char (&buffer)[PATH_MAX]);
 
+// How often another process may change a name under us before we give up. Each time it has got
+// something done.
+inline constexpr int kMaxRaces = 16;
+
 // A file without any write permission has FILE_ATTRIBUTE_READONLY.
 constexpr bool IsReadOnly(mode_t mode) {
   return (mode & 0222) == 0;
