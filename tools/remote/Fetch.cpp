@@ -16,7 +16,7 @@ namespace {
 constexpr uint64_t kMaxGap = uint64_t{256} * 1024;
 constexpr uint64_t kMostTimes = 3;
 // What arrives before it is digested side by side.
-constexpr uint64_t kBatchBytes = uint64_t{32} << 20;
+constexpr uint64_t kBatchBytes = uint64_t{40} << 20;
 
 struct Piece {
   std::string pack;
@@ -63,9 +63,15 @@ struct Arrived {
   uint64_t base;
 };
 
-// Hands over the blobs of pieces, digested side by side.
-void HandOver(std::vector<Arrived> pieces, const std::function<void(const FetchedBlob&)>& take,
-              std::set<std::string>& badPacks) {
+// Blobs that match their hashes, and what they lie in.
+struct Verified {
+  std::vector<Arrived> pieces;
+  std::vector<Spool::Bytes> mapped;
+  std::vector<FetchedBlob> blobs;
+};
+
+// Digests the blobs of pieces side by side.
+Verified Verify(std::vector<Arrived> pieces, std::set<std::string>& badPacks) {
   std::vector<Spool::Bytes> mapped;
   std::vector<std::string_view> texts;
   std::vector<std::pair<const Piece*, FetchedBlob>> blobs;
@@ -86,13 +92,15 @@ void HandOver(std::vector<Arrived> pieces, const std::function<void(const Fetche
     }
   }
   const std::vector<blobring::Hash> digests = DigestsOf(texts);
+  Verified verified{std::move(pieces), std::move(mapped), {}};
   for (size_t i = 0; i < blobs.size(); ++i) {
     const auto& [piece, blob] = blobs[i];
     if (digests[i] == blob.place.hash)
-      take(blob);
+      verified.blobs.push_back(blob);
     else
       badPacks.insert(piece->pack);
   }
+  return verified;
 }
 
 }  // namespace
@@ -112,10 +120,16 @@ void Fetch(Remote& remote, const Index& index, std::vector<Place> places,
   uint64_t arrivedBytes = 0;
   std::future<void> taking;  // the last: its end waits for the thread
   const auto takeArrived = [&] {
+    Verified verified = Verify(std::exchange(arrived, {}), badPacks);
+    arrivedBytes = 0;
     if (taking.valid()) taking.get();
     // Not std::launch::async: where no thread can be had, the next call takes them.
-    taking = std::async(HandOver, std::exchange(arrived, {}), std::cref(take), std::ref(badPacks));
-    arrivedBytes = 0;
+    taking = std::async(
+        [&take](Verified&& those) {
+          const Verified these = std::move(those);  // freed as soon as they are taken
+          for (const FetchedBlob& blob : these.blobs) take(blob);
+        },
+        std::move(verified));
   };
   for (const Piece& piece : pieces) {
     const auto file = std::make_shared<Spool>(piece.range ? piece.range->size : piece.packSize);
