@@ -41,7 +41,8 @@ std::vector<BlobFault> HeaderFaults(const StoreOptions& at, size_t& count) {
   for (const auto& [file, text] : FindSwapped(files)) faults.push_back({files[file].path, text});
   for (const size_t file : LostPacks(files))
     if (files[file].status.state != FileStatus::State::kDamaged)
-      faults.push_back({files[file].path, "lost, maybe the newest pack"});
+      faults.push_back(
+          {files[file].path, "lost, maybe the newest pack; or another header is damaged"});
   return faults;
 }
 
