@@ -20,8 +20,8 @@ struct OpenFile {
   FileDescriptor file;
   DWORD access = 0;
   off_t position = 0;  // kept here: no system call to move it
-  off_t rowBegin = 0;  // what was written in a row and is not on its way to the disk
-  off_t rowEnd = 0;
+  off_t runBegin = 0;  // contiguous writes whose write-back was not started
+  off_t runEnd = 0;
   FileDescriptor directory;  // to be synced with the next flush, if syncsName
   bool syncsName = false;
   bool flushFailed = false;
@@ -76,8 +76,8 @@ OpenFile* FileFor(DWORD access, HANDLE handle) {
 // back from its host: that took six times the processor's time.
 constexpr DWORD kMaxWrite = 256 * 1024;
 
-// What is written in a row sets out for the disk in parts of this, and does not wait for a flush.
-constexpr off_t kMaxRow = 1024 * 1024;
+// Write-back starts after so many contiguous bytes, and not only with the flush.
+constexpr off_t kMaxRun = 1024 * 1024;
 constexpr off_t kPageSize = 4096;
 
 // A file must not pass the process's limit: the signal (SIGXFSZ, setrlimit(2)) ends a process that
@@ -99,18 +99,17 @@ int TransferAll(DWORD size, DWORD& done, Transfer transfer) {
   return count < 0 ? errno : 0;
 }
 
-// After a write at `begin`. While the caller digests the next blob the disk works, and its flush
-// finds little left to do. The last page is left out: the next write changes it. This is a hint,
-// and an error of it is the flush's to report: sync_file_range(2) with this flag alone does not
-// take it away.
-void BeginWriteBack(OpenFile& file, off_t begin) {
-  if (begin != file.rowEnd) file.rowBegin = begin;
-  file.rowEnd = file.position;
-  if (file.rowEnd - file.rowBegin < kMaxRow) return;
-  const off_t end = file.rowEnd / kPageSize * kPageSize;
-  static_cast<void>(sync_file_range(file.file.Number(), file.rowBegin, end - file.rowBegin,
+// After a write at `begin`: the disk works while the caller digests the next blob, and the flush
+// finds little left to do. The last page is left out, since the next write changes it. Only a hint:
+// sync_file_range(2) with this flag alone leaves errors for the flush to report.
+void StartWriteBack(OpenFile& file, off_t begin) {
+  if (begin != file.runEnd) file.runBegin = begin;
+  file.runEnd = file.position;
+  if (file.runEnd - file.runBegin < kMaxRun) return;
+  const off_t end = file.runEnd / kPageSize * kPageSize;
+  static_cast<void>(sync_file_range(file.file.Number(), file.runBegin, end - file.runBegin,
                                     SYNC_FILE_RANGE_WRITE));
-  file.rowBegin = end;
+  file.runBegin = end;
 }
 
 }  // namespace
@@ -171,7 +170,7 @@ BOOL WriteFile(HANDLE file, const void* buffer, DWORD size, DWORD* transferred,
   });
   const off_t begin = open->position;
   open->position += *transferred;
-  BeginWriteBack(*open, begin);
+  StartWriteBack(*open, begin);
   // A write that moves nothing and names no error has no room.
   return Result(error == 0 && *transferred != size ? ENOSPC : error);
 }
