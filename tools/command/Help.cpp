@@ -278,11 +278,11 @@ constexpr std::string_view kBashEnd = R"(  esac
       [[ " $values" != *" ${COMP_WORDS[i]}="* ]] || ((i++))
       continue
     fi
-    [[ $1 != STORE && $1 != SRC ]] || store=${COMP_WORDS[i]}
-    [[ $1 == *\* ]] || shift
+    [[ ${1-} != STORE && ${1-} != SRC ]] || store=${COMP_WORDS[i]}
+    [[ ${1-*} == *\* ]] || shift
   done
-  kind=${1%\*}
-  mapfile -t COMPREPLY < <(_blobring_complete "$kind" "$current" "$store")
+  kind=${1-}
+  mapfile -t COMPREPLY < <(_blobring_complete "${kind%\*}" "$current" "$store")
 }
 
 complete -o filenames -F _blobring blobring
