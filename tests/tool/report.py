@@ -182,6 +182,9 @@ def documents():
     for message, old, new in REFUSED:
         got = tool("report", "--from-json", "-", stdin=re.sub(old, new, document, count=1).encode(), status=2)
         same(bool(re.search(message, got.err)), True, f"{message}: {got.err}")
+    for at in range(1, 12):  # of a store that grows while it is read
+        grown = tool("report", "--json", "s", calls={"CALLS": " pread64 ", "CALLS_AT": at, "CALLS_DO": f"yes {at} | head -c 9000 | '{TOOL}' put -q s - >/dev/null"}, status=0)
+        tool("report", "--from-json", "-", stdin=grown.out, status=0)
     full = re.sub('"journal_bytes":[0-9]+', f'"journal_bytes":{MAX_FILE * 9 // 10}', document)
     same(page_of(tool("report", "--from-json", "-", stdin=full.encode(), status=0).out.decode())[1], ["warning"], "a journal that is nearly full")
 

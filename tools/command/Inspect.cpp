@@ -10,6 +10,7 @@
 #include "tools/view/Naming.h"
 #include "tools/view/Rest.h"
 #include "tools/view/SalvageScan.h"
+#include "tools/view/StoreView.h"
 
 namespace tool {
 namespace {
@@ -101,13 +102,11 @@ class Inspector {
         if (!skipRecords) PrintRecord(record, "committed");
       };
     const Walked walked = Walk(file, status, walk);
+    if ((walked.damage || !digestOk_) && HasChanged(status))
+      throw StoreChanged("{} changed while it was read: another process is at work on it", path_);
     if (!options_.transaction.empty()) {
       notFound_ = !tableBegun_;
       return digestOk_;
-    }
-    if (walked.damage && HasChanged(status)) {
-      Say("{} changed while it was read: another process is at work on it", path_);
-      return true;
     }
     if (walked.mismatched) PrintTransaction(file, *walked.mismatched, "wrong");
     if (walked.damage) PrintDamage(file, walked);

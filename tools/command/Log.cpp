@@ -61,13 +61,11 @@ std::string TransactionLine(const format::Transaction& transaction, bool stat) {
                      HumanSize(transaction.blobBytes), transaction.deleteCount);
 }
 
-// Prints the transactions of the journal, newest first.
-ExitStatus Log(const LogOptions& options) {
-  const StoreView view(options.at);
-  const ExitStatus status = view.damaged() ? kFault : kSuccess;
-  if (view.current().empty()) return status;
-  const size_t journal = view.current().back();
+// Those of the journal that are to be printed, newest first.
+std::vector<format::Transaction> TransactionsOf(const StoreView& view, const LogOptions& options) {
   std::vector<format::Transaction> transactions;
+  if (view.current().empty()) return transactions;
+  const size_t journal = view.current().back();
   WalkOptions walk;
   walk.digests = Digests::kIgnore;  // the view has done so
   const uint64_t end = view.walked(journal).end;
@@ -77,17 +75,31 @@ ExitStatus Log(const LogOptions& options) {
       transactions.push_back(transaction);
   };
   Walk(view.file(journal), view.files()[journal].status, walk);
+  view.RequireSteady();
   std::reverse(transactions.begin(), transactions.end());
+  return transactions;
+}
+
+ExitStatus Log(const LogOptions& options) {
+  StoreView view(options.at);
+  auto transactions = view.Steadily([&] { return TransactionsOf(view, options); });
+  const ExitStatus status = view.damaged() ? kFault : kSuccess;
+  if (view.current().empty()) return status;
+  const size_t journal = view.current().back();
   const size_t count = transactions.size();
   if (options.most != 0) transactions.resize(std::min(options.most, count));
   std::string text;
+  const auto print = [&] {
+    if (options.patch) view.RequireSteady();
+    PrintText(std::exchange(text, {}));
+  };
   for (const format::Transaction& transaction : transactions) {
     ThrowIfInterrupted();
     text += TransactionLine(transaction, options.stat || options.patch);
     if (options.patch) AddChanges(view, journal, transaction, text);
-    if (text.size() > kPrintAt) PrintText(std::exchange(text, {}));
+    if (text.size() > kPrintAt) print();
   }
-  PrintText(text);
+  print();
   const bool isRepacked = view.current().size() == 2 && view.sequence() > 0;
   Inform("{} in {}{}", Count(count, "transaction"), view.files()[journal].path,
          isRepacked ? fmt::format("; what came before its repack is in {}",

@@ -222,8 +222,12 @@ class Collector {
 }  // namespace
 
 Document Collect(const StoreOptions& at, bool blobsToo) {
-  const StoreView view(at);
-  return Collector(view, blobsToo).Take();
+  StoreView view(at);
+  return view.Steadily([&] {
+    Document document = Collector(view, blobsToo).Take();
+    view.RequireSteady(true);
+    return document;
+  });
 }
 
 }  // namespace tool

@@ -1,5 +1,6 @@
 #include "tools/report/Regions.h"
 
+#include <algorithm>
 #include <array>
 
 namespace tool {
@@ -19,6 +20,7 @@ std::string_view NameOf(RegionState state) {
 
 void Regions::AddUpTo(uint64_t end, RegionState state) {
   const uint64_t begin = this->end();
+  end = std::min(end, fileSize_);
   if (end <= begin) return;
   const uint64_t live = state == RegionState::kLive ? end - begin : 0;
   if (!list_.empty()) {

@@ -33,15 +33,17 @@ struct Region {
 // the file. So there are at most bins + 2 * (pieces of other states) regions.
 class Regions {
  public:
-  Regions(uint64_t fileSize, uint64_t bins) : binSize_(fileSize / bins + 1) {}
+  Regions(uint64_t fileSize, uint64_t bins) : fileSize_(fileSize), binSize_(fileSize / bins + 1) {}
 
-  // Up to `end`. Does nothing if earlier pieces reach as far.
+  // Up to `end`, or to the end of a file that has grown since. Does nothing if earlier pieces reach
+  // as far.
   void AddUpTo(uint64_t end, RegionState state);
 
   uint64_t end() const { return list_.empty() ? 0 : list_.back().end; }
   const std::vector<Region>& list() const { return list_; }
 
  private:
+  uint64_t fileSize_;
   uint64_t binSize_;
   std::vector<Region> list_;
 };

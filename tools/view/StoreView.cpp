@@ -156,7 +156,7 @@ void StoreView::Look() {
     // What looks like damage may be a write in progress.
     const auto isDoubtful = [this] { return !addsUp_ || !findings_.empty() || !notes_.empty(); };
     if (isDoubtful() && std::exchange(depth_, Depth::kAll) != Depth::kAll) Build();
-    isStale = IsStale() || (isDoubtful() && HeadersChanged());
+    isStale = IsStale(true) || (isDoubtful() && HeadersChanged());
   }
   std::vector<std::string> paths;
   for (const SlotFile& file : files_) paths.push_back(file.path);
@@ -344,14 +344,16 @@ void StoreView::SortBlobs() {
   blobs_.resize(kept);
 }
 
-bool StoreView::IsStale() const {
-  return std::any_of(current_.begin(), current_.end(), [this](size_t file) {
-    return !IsOrHasGrown(files_[file].status, ReadStatus(files_[file].path));
-  });
+bool StoreView::IsStale(bool othersToo) const {
+  for (size_t i = 0; i < files_.size(); ++i)
+    if ((othersToo || std::ranges::count(current_, i) != 0) &&
+        !IsOrHasGrown(files_[i].status, ReadStatus(files_[i].path)))
+      return true;
+  return false;
 }
 
-void StoreView::RequireSteady() const {
-  if (IsStale())
+void StoreView::RequireSteady(bool othersToo) const {
+  if (IsStale(othersToo))
     throw StoreChanged("{} changed while it was read: another process is at work on it", path_);
 }
 

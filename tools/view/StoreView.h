@@ -132,11 +132,12 @@ class StoreView {
   uint64_t repackedBytes() const;
   uint64_t deadBytes() const;
 
-  // Whether another process may have overwritten what this view shows. Commits do not do that.
-  bool IsStale() const;
+  // Whether another process may have overwritten what this view shows, or with othersToo, what lies
+  // in files that are not current. Commits do not do that.
+  bool IsStale(bool othersToo = false) const;
 
   // Throws StoreChanged if IsStale().
-  void RequireSteady() const;
+  void RequireSteady(bool othersToo = false) const;
 
   // Hands out a blob in pieces. Throws DamagedBlob if it does not match its hash, or StoreChanged,
   // before the last piece has been handed out.
